@@ -1,0 +1,37 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include <functional>
+
+namespace brinmoor {
+
+// The agent's one logger: writes "[BrinmoorMacAgent][<UTC time>] <text>" as one line
+// on standard output and flushes it. Safe from any thread.
+void diag(const QString& text);
+
+// The line `diag` writes for a text at the current time.
+QString diagLine(const QString& text);
+
+// Records every diag text while it lives (the lines still go to standard output),
+// so that tests can compare the log with the exact expected text.
+class DiagRecorder {
+public:
+    DiagRecorder();
+    ~DiagRecorder();
+    DiagRecorder(const DiagRecorder&) = delete;
+    DiagRecorder& operator=(const DiagRecorder&) = delete;
+
+    // The texts logged so far, without the time stamp prefix.
+    QStringList texts() const;
+    bool contains(const QString& text) const { return texts().contains(text); }
+    void clear();
+
+private:
+    friend void diag(const QString& text);
+    void record(const QString& text);
+    QStringList m_texts;
+};
+
+} // namespace brinmoor

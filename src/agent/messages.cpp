@@ -1,0 +1,225 @@
+#include "agent/messages.h"
+
+#include "config/agent_profile.h"
+
+#include <QJsonArray>
+
+namespace brinmoor::Messages {
+
+namespace {
+
+QJsonObject typed(const char* type, const QString& taskId)
+{
+    return QJsonObject{{QStringLiteral("type"), QLatin1String(type)},
+                       {QStringLiteral("taskId"), taskId}};
+}
+
+QJsonObject terminalEvent(const char* type, const QString& sessionId, const QString& projectPath)
+{
+    return QJsonObject{{QStringLiteral("type"), QLatin1String(type)},
+                       {QStringLiteral("sessionId"), sessionId},
+                       {QStringLiteral("projectPath"), projectPath}};
+}
+
+QJsonObject proposalMessage(const char* type, const QString& taskId, const Proposal& proposal)
+{
+    QJsonObject message = typed(type, taskId);
+    message.insert(QStringLiteral("proposalId"), proposal.proposalId);
+    message.insert(QStringLiteral("proposalSummary"), proposal.summary);
+    message.insert(QStringLiteral("proposalCommentary"), proposal.commentary);
+    message.insert(QStringLiteral("proposalDiff"), proposal.diff);
+    message.insert(QStringLiteral("proposalFiles"), QJsonArray::fromStringList(proposal.files));
+    return message;
+}
+
+} // namespace
+
+QJsonObject agentRegister(const AgentProfile& profile)
+{
+    return QJsonObject{
+        {QStringLiteral("type"), QStringLiteral("agent.register")},
+        {QStringLiteral("profiles"), QJsonArray{profile.profileId}},
+        {QStringLiteral("projects"), QJsonArray::fromStringList(profile.projects)},
+        {QStringLiteral("createProjectRoot"), profile.createProjectRoot.value_or(QString())},
+        {QStringLiteral("actions"), QJsonArray::fromStringList(profile.actions)},
+        {QStringLiteral("taskKinds"),
+         QJsonArray{QStringLiteral("build"), QStringLiteral("ai_task"), QStringLiteral("chat"),
+                    QStringLiteral("shell"), QStringLiteral("terminal_session")}},
+        {QStringLiteral("buildTemplate"), profile.buildTemplate},
+        {QStringLiteral("repoRoot"), profile.repoRoot},
+        {QStringLiteral("supportsApproval"), true},
+    };
+}
+
+QJsonObject taskHeartbeat(const QString& taskId)
+{
+    return typed("task.heartbeat", taskId);
+}
+
+QJsonObject taskStarted(const QString& taskId)
+{
+    return typed("task.started", taskId);
+}
+
+QJsonObject taskLog(const QString& taskId, const QString& line)
+{
+    QJsonObject message = typed("task.log", taskId);
+    message.insert(QStringLiteral("line"), line);
+    return message;
+}
+
+QJsonObject taskCommentary(const QString& taskId, const QString& text)
+{
+    QJsonObject message = typed("task.commentary", taskId);
+    message.insert(QStringLiteral("text"), text);
+    message.insert(QStringLiteral("replace"), true);
+    return message;
+}
+
+QJsonObject taskChatChunk(const QString& taskId, const QString& conversationId,
+                          const QString& chunk)
+{
+    QJsonObject message = typed("task.chat.chunk", taskId);
+    message.insert(QStringLiteral("conversationId"), conversationId);
+    message.insert(QStringLiteral("chunk"), chunk);
+    return message;
+}
+
+QJsonObject taskChatFinal(const QString& taskId, const QString& conversationId,
+                          const QString& text)
+{
+    QJsonObject message = typed("task.chat.final", taskId);
+    message.insert(QStringLiteral("conversationId"), conversationId);
+    message.insert(QStringLiteral("text"), text);
+    return message;
+}
+
+QJsonObject taskChatError(const QString& taskId, const QString& conversationId,
+                          const QString& text)
+{
+    QJsonObject message = typed("task.chat.error", taskId);
+    message.insert(QStringLiteral("conversationId"), conversationId);
+    message.insert(QStringLiteral("message"), text);
+    return message;
+}
+
+QJsonObject taskFinished(const QString& taskId)
+{
+    QJsonObject message = typed("task.finished", taskId);
+    message.insert(QStringLiteral("exitCode"), 0);
+    return message;
+}
+
+QJsonObject taskFailed(const QString& taskId, const QString& error, const QString& errorCode,
+                       qint64 exitCode)
+{
+    QJsonObject message = typed("task.failed", taskId);
+    message.insert(QStringLiteral("error"), error);
+    message.insert(QStringLiteral("errorCode"), errorCode);
+    message.insert(QStringLiteral("exitCode"), exitCode);
+    return message;
+}
+
+QJsonObject taskCancelled(const QString& taskId, qint64 exitCode)
+{
+    QJsonObject message = typed("task.cancelled", taskId);
+    message.insert(QStringLiteral("exitCode"), exitCode);
+    return message;
+}
+
+QJsonObject taskProgress(const QString& taskId, const QString& phase, const QString& text,
+                         qint64 percent)
+{
+    QJsonObject message = typed("task.progress", taskId);
+    message.insert(QStringLiteral("phase"), phase);
+    message.insert(QStringLiteral("message"), text);
+    message.insert(QStringLiteral("percent"), percent);
+    return message;
+}
+
+QJsonObject taskArtifact(const QString& taskId, const QString& kind, const QString& summary,
+                         const QString& mimeType)
+{
+    QJsonObject message = typed("task.artifact", taskId);
+    message.insert(QStringLiteral("kind"), kind);
+    message.insert(QStringLiteral("summary"), summary);
+    message.insert(QStringLiteral("mimeType"), mimeType);
+    return message;
+}
+
+QJsonObject taskProposalReady(const QString& taskId, const Proposal& proposal)
+{
+    return proposalMessage("task.proposal_ready", taskId, proposal);
+}
+
+QJsonObject taskAwaitingApproval(const QString& taskId, const Proposal& proposal)
+{
+    return proposalMessage("task.awaiting_approval", taskId, proposal);
+}
+
+QJsonObject terminalOpened(const QString& sessionId, const QString& projectPath, bool interactive)
+{
+    QJsonObject message = terminalEvent("terminal.opened", sessionId, projectPath);
+    message.insert(QStringLiteral("status"), QStringLiteral("running"));
+    if (interactive)
+        message.insert(QStringLiteral("mode"), QStringLiteral("interactive"));
+    return message;
+}
+
+QJsonObject terminalAttached(const QString& sessionId, const QString& projectPath)
+{
+    // An attach is answered with "terminal.opened" without a mode.
+    return terminalOpened(sessionId, projectPath, false);
+}
+
+QJsonObject terminalOutput(const QString& sessionId, const QString& projectPath,
+                           const QString& data, bool snapshot)
+{
+    QJsonObject message = terminalEvent("terminal.output", sessionId, projectPath);
+    message.insert(QStringLiteral("data"), data);
+    if (snapshot)
+        message.insert(QStringLiteral("snapshot"), true);
+    return message;
+}
+
+QJsonObject terminalStatus(const QString& sessionId, const QString& projectPath, qint64 cols,
+                           qint64 rows)
+{
+    QJsonObject message = terminalEvent("terminal.status", sessionId, projectPath);
+    message.insert(QStringLiteral("status"), QStringLiteral("running"));
+    message.insert(QStringLiteral("message"),
+                   QStringLiteral("Terminal ready (%1x%2)").arg(cols).arg(rows));
+    return message;
+}
+
+QJsonObject terminalCompletion(const QString& sessionId, const QString& projectPath,
+                               qint64 replacementStart, qint64 replacementEnd,
+                               const QString& replacement, const QStringList& suggestions)
+{
+    QJsonObject message = terminalEvent("terminal.completion", sessionId, projectPath);
+    message.insert(QStringLiteral("replacementStart"), replacementStart);
+    message.insert(QStringLiteral("replacementEnd"), replacementEnd);
+    message.insert(QStringLiteral("replacement"), replacement);
+    message.insert(QStringLiteral("suggestions"), QJsonArray::fromStringList(suggestions));
+    return message;
+}
+
+QJsonObject terminalClosed(const QString& sessionId, const QString& projectPath,
+                           std::optional<qint64> exitCode)
+{
+    QJsonObject message = terminalEvent("terminal.closed", sessionId, projectPath);
+    if (exitCode)
+        message.insert(QStringLiteral("exitCode"), *exitCode);
+    return message;
+}
+
+QJsonObject terminalError(const QString& sessionId, const QString& projectPath,
+                          const QString& text)
+{
+    QJsonObject message = terminalEvent("terminal.error", sessionId, projectPath);
+    message.insert(QStringLiteral("error"), text);
+    message.insert(QStringLiteral("message"), text);
+    return message;
+}
+
+} // namespace brinmoor::Messages

@@ -1,0 +1,6 @@
+#include "app/command_line.h"
+
+int main(int argc, char** argv)
+{
+    return brinmoor::runCommandLine(argc, argv);
+}

@@ -1,0 +1,33 @@
+#include "config/connection_settings.h"
+
+#include "config/settings_store.h"
+
+namespace brinmoor {
+
+std::optional<QString> settingOrEnvironment(const SettingsStore& defaults, const QString& key,
+                                            const Environment& env, const QString& variable)
+{
+    if (std::optional<QString> stored = defaults.nonEmptyString(key))
+        return stored;
+    const QString fromEnv = env.value(variable);
+    if (!fromEnv.isEmpty())
+        return fromEnv;
+    return std::nullopt;
+}
+
+ConnectionSettings ConnectionSettings::load(const SettingsStore& defaults, const Environment& env)
+{
+    ConnectionSettings settings;
+    settings.serverURL = settingOrEnvironment(defaults, QStringLiteral("serverURL"), env,
+                                              QStringLiteral("BRINMOOR_SERVER_URL"))
+                             .value_or(QStringLiteral("http://127.0.0.1:8080"));
+    settings.agentId = settingOrEnvironment(defaults, QStringLiteral("agentId"), env,
+                                            QStringLiteral("BRINMOOR_AGENT_ID"))
+                           .value_or(QStringLiteral("mac-agent"));
+    settings.token = settingOrEnvironment(defaults, QStringLiteral("token"), env,
+                                          QStringLiteral("BRINMOOR_SHARED_TOKEN"))
+                         .value_or(QString());
+    return settings;
+}
+
+} // namespace brinmoor

@@ -1,0 +1,28 @@
+#pragma once
+
+#include "config/machine.h"
+
+#include <QString>
+
+#include <optional>
+
+namespace brinmoor {
+
+class SettingsStore;
+
+// Where the agent connects and who it is, read afresh at every use: the settings
+// key first, then the environment, then the built-in default.
+struct ConnectionSettings {
+    QString serverURL;
+    QString agentId;
+    QString token;
+
+    static ConnectionSettings load();
+    static ConnectionSettings load(const SettingsStore& defaults, const Environment& env);
+};
+
+// The first non-empty of the settings value and the environment variable.
+std::optional<QString> settingOrEnvironment(const SettingsStore& defaults, const QString& key,
+                                            const Environment& env, const QString& variable);
+
+} // namespace brinmoor

@@ -1,0 +1,122 @@
+#include "config/agent_profile.h"
+#include "config/connection_settings.h"
+#include "config/runtime_defaults.h"
+#include "config/settings_store.h"
+#include "support/test_support.h"
+
+#include <QDir>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace brinmoor;
+
+class TstAgentProfile : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+
+    Machine machine() const
+    {
+        Machine m;
+        m.executablePath = m_dir.path() + QStringLiteral("/bin/BrinmoorMacAgent");
+        m.currentDirectory = m_dir.path() + QStringLiteral("/cwd");
+        m.homeDirectory = m_dir.path() + QStringLiteral("/home");
+        m.hostName = QStringLiteral("host");
+        return m;
+    }
+
+private Q_SLOTS:
+    void builtInDefaults()
+    {
+        MemorySettingsStore store;
+        const AgentProfile profile = AgentProfile::load(store, {}, machine());
+        QCOMPARE(profile.profileId, QStringLiteral("ios-local"));
+        QCOMPARE(profile.repoRoot, m_dir.path() + QStringLiteral("/cwd"));
+        QCOMPARE(profile.buildTemplate, QStringLiteral("./deploy.sh {{projectArg}} --no-password"));
+        QCOMPARE(profile.claudeChatTemplate,
+                 QStringLiteral("claude -p --verbose --permission-prompt-tool "
+                                "mcp__approver__request_permission --mcp-config {{mcpConfigPath}} "
+                                "--output-format stream-json {{prompt}}"));
+        QCOMPARE(profile.codexChatTemplate,
+                 QStringLiteral("codex -a on-request exec --json --skip-git-repo-check --color never {{prompt}}"));
+        QCOMPARE(profile.terminalChatTemplate, QStringLiteral("claude"));
+        const QString plan = QStringLiteral(
+            "codex exec --full-auto --skip-git-repo-check --color never --json {{prompt}}");
+        QCOMPARE(profile.aiPlanTemplate, plan);
+        QCOMPARE(profile.aiApplyTemplate, plan);
+        QCOMPARE(profile.mcpApproverPath,
+                 m_dir.path() + QStringLiteral("/home/.brinmoor/bin/MCPApprovalServer"));
+        QCOMPARE(profile.projects, QStringList());
+        QCOMPARE(profile.createProjectRoot, std::nullopt);
+        QCOMPARE(profile.actions, (QStringList{QStringLiteral("build_ios"), QStringLiteral("ai_task"),
+                                               QStringLiteral("chat"), QStringLiteral("shell"),
+                                               QStringLiteral("terminal_session")}));
+    }
+
+    void settingsKeyBeatsEnvironmentWhichBeatsDefault()
+    {
+        MemorySettingsStore store;
+        store.setValue(QStringLiteral("chatTemplate"), QStringLiteral("stored-claude"));
+        store.setValue(QStringLiteral("codexChatTemplate"), QString()); // empty counts as absent
+        const Environment env{{QStringLiteral("BRINMOOR_CHAT_TEMPLATE"), QStringLiteral("env-claude")},
+                              {QStringLiteral("BRINMOOR_CODEX_CHAT_TEMPLATE"), QStringLiteral("env-codex")},
+                              {QStringLiteral("BRINMOOR_AI_APPLY_TEMPLATE"), QStringLiteral("env-apply")},
+                              {QStringLiteral("BRINMOOR_TERMINAL_CHAT_TEMPLATE"), QString()}};
+        const AgentProfile profile = AgentProfile::load(store, env, machine());
+        QCOMPARE(profile.claudeChatTemplate, QStringLiteral("stored-claude"));
+        QCOMPARE(profile.codexChatTemplate, QStringLiteral("env-codex"));
+        QCOMPARE(profile.aiApplyTemplate, QStringLiteral("env-apply"));
+        QCOMPARE(profile.terminalChatTemplate, QStringLiteral("claude"));
+    }
+
+    void approverBesideTheExecutableIsPreferred()
+    {
+        MemorySettingsStore store;
+        const QString beside = test::writeFile(m_dir.path() + QStringLiteral("/bin/MCPApprovalServer"));
+        QCOMPARE(AgentProfile::load(store, {}, machine()).mcpApproverPath, beside);
+        store.setValue(QStringLiteral("mcpApproverPath"), QStringLiteral("/opt/approver"));
+        QCOMPARE(AgentProfile::load(store, {}, machine()).mcpApproverPath, QStringLiteral("/opt/approver"));
+        QFile::remove(beside);
+    }
+
+    void projectsCombineConfiguredAndDiscovered()
+    {
+        const QString configured = test::makeProject(m_dir.path() + QStringLiteral("/p/Zeta"));
+        const QString root = m_dir.path() + QStringLiteral("/new");
+        const QString discovered = test::makeProject(root + QStringLiteral("/Alpha"), true);
+        MemorySettingsStore store;
+        store.setValue(QStringLiteral("projects"), QString(configured + QLatin1Char(',') + discovered));
+        store.setValue(QStringLiteral("createProjectRoot"), root);
+        const AgentProfile profile = AgentProfile::load(store, {}, machine());
+        QCOMPARE(profile.projects, (QStringList{discovered, configured}));
+        QCOMPARE(profile.createProjectRoot, std::optional<QString>(root));
+    }
+
+    void loadAfterEnsureSeesTheWrittenValues()
+    {
+        MemorySettingsStore store;
+        const Environment env{{QStringLiteral("BRINMOOR_PROFILE_ID"), QStringLiteral("first")}};
+        RuntimeDefaults::ensure(store, env, machine());
+        const Environment changed{{QStringLiteral("BRINMOOR_PROFILE_ID"), QStringLiteral("second")},
+                                  {QStringLiteral("BRINMOOR_AGENT_ID"), QStringLiteral("other")}};
+        const AgentProfile profile = AgentProfile::load(store, changed, machine());
+        QCOMPARE(profile.profileId, QStringLiteral("first"));
+        QCOMPARE(profile.repoRoot, m_dir.path() + QStringLiteral("/cwd"));
+        const ConnectionSettings connection = ConnectionSettings::load(store, changed);
+        QCOMPARE(connection.agentId, QStringLiteral("host"));
+        QCOMPARE(connection.serverURL, QStringLiteral("http://127.0.0.1:8080"));
+        QCOMPARE(connection.token, store.string(QStringLiteral("token")).value_or(QString()));
+    }
+
+    void connectionSettingsDefaults()
+    {
+        MemorySettingsStore store;
+        const ConnectionSettings connection = ConnectionSettings::load(store, {});
+        QCOMPARE(connection.serverURL, QStringLiteral("http://127.0.0.1:8080"));
+        QCOMPARE(connection.agentId, QStringLiteral("mac-agent"));
+        QCOMPARE(connection.token, QString());
+    }
+};
+
+QTEST_GUILESS_MAIN(TstAgentProfile)
+#include "tst_agent_profile.moc"
