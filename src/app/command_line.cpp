@@ -1,5 +1,7 @@
 #include "app/command_line.h"
 
+#include "app/agent_only.h"
+
 #include "config/agent_profile.h"
 #include "config/connection_settings.h"
 #include "config/runtime_defaults.h"
@@ -46,6 +48,9 @@ CommandLineRequest parseCommandLine(const QStringList& arguments)
         } else if (argument == QLatin1String("--version")) {
             if (request.action != CommandLineRequest::Action::Help)
                 request.action = CommandLineRequest::Action::Version;
+        } else if (argument == QLatin1String("--agent-only")) {
+            if (request.action == CommandLineRequest::Action::Run)
+                request.action = CommandLineRequest::Action::AgentOnly;
         } else if (argument == QLatin1String("--print-profile")) {
             if (request.action == CommandLineRequest::Action::Run)
                 request.action = CommandLineRequest::Action::PrintProfile;
@@ -70,6 +75,8 @@ QString helpText()
         "codex, reviewed changes and terminal sessions on this computer.\n"
         "\n"
         "Options:\n"
+        "  --agent-only     run the agent connection alone (no local server, no tray)\n"
+        "                   against the configured server URL; stops on SIGINT or SIGTERM\n"
         "  --print-profile  seed the settings, print the resolved profile and connection\n"
         "                   settings as JSON (token masked), and exit\n"
         "  --version        print the version and exit\n"
@@ -128,6 +135,8 @@ int runCommandLine(int argc, char** argv)
     case CommandLineRequest::Action::Version:
         printTo(stdout, QStringLiteral("BrinmoorMacAgent " BRINMOOR_VERSION "\n"));
         return 0;
+    case CommandLineRequest::Action::AgentOnly:
+        return runAgentOnly();
     case CommandLineRequest::Action::PrintProfile:
     case CommandLineRequest::Action::Run:
         // Running the agent itself arrives with the runtime; until then both print.

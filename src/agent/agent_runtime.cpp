@@ -1,0 +1,271 @@
+#include "agent/agent_runtime.h"
+
+#include "agent/diag.h"
+#include "agent/messages.h"
+#include "config/settings_store.h"
+
+#include <QFile>
+#include <QJsonDocument>
+#include <QNetworkRequest>
+#include <QUrlQuery>
+#include <QWebSocket>
+
+namespace brinmoor {
+
+namespace {
+
+// A list as the log shows it: ["a", "b"].
+QString describeList(const QStringList& items)
+{
+    QStringList quoted;
+    quoted.reserve(items.size());
+    for (const QString& item : items)
+        quoted.append(QLatin1Char('"') + item + QLatin1Char('"'));
+    return QLatin1Char('[') + quoted.join(QStringLiteral(", ")) + QLatin1Char(']');
+}
+
+} // namespace
+
+std::optional<QUrl> agentSocketURL(const QString& serverURL, const QString& agentId)
+{
+    QUrl url(serverURL.trimmed(), QUrl::StrictMode);
+    if (!url.isValid() || url.host().isEmpty())
+        return std::nullopt;
+    url.setScheme(url.scheme().compare(QLatin1String("https"), Qt::CaseInsensitive) == 0
+                      ? QStringLiteral("wss")
+                      : QStringLiteral("ws"));
+    url.setPath(QStringLiteral("/v1/ws/agent"));
+    QUrlQuery query;
+    query.addQueryItem(QStringLiteral("agentId"), agentId);
+    url.setQuery(query);
+    url.setFragment(QString());
+    return url;
+}
+
+AgentRuntime::AgentRuntime(SettingsStore& defaults, Environment env, Machine machine,
+                           QObject* parent)
+    : QObject(parent), m_defaults(defaults), m_env(std::move(env)), m_machine(std::move(machine)),
+      m_runner(std::make_unique<ProcessRunner>(*this))
+{
+    m_reconnectTimer.setSingleShot(true);
+    m_reconnectTimer.setInterval(kReconnectMilliseconds);
+    connect(&m_reconnectTimer, &QTimer::timeout, this, &AgentRuntime::attemptConnect);
+    m_connectTimeout.setSingleShot(true);
+    m_connectTimeout.setInterval(kConnectTimeoutMilliseconds);
+    connect(&m_connectTimeout, &QTimer::timeout, this, [this] {
+        onSocketLost(QStringLiteral("the server did not answer within 60 seconds"));
+    });
+    m_heartbeatTimer.setInterval(kHeartbeatMilliseconds);
+    connect(&m_heartbeatTimer, &QTimer::timeout, this, &AgentRuntime::onHeartbeat);
+}
+
+AgentRuntime::~AgentRuntime()
+{
+    m_heartbeatTimer.stop();
+    m_reconnectTimer.stop();
+    discardSocket();
+    m_runner.reset();
+    cleanupMCPConfig();
+}
+
+AgentProfile AgentRuntime::loadProfile() const
+{
+    return AgentProfile::load(m_defaults, m_env, m_machine);
+}
+
+ConnectionSettings AgentRuntime::loadConnectionSettings() const
+{
+    return ConnectionSettings::load(m_defaults, m_env);
+}
+
+void AgentRuntime::reportStatus(const QString& text)
+{
+    if (onStatus)
+        onStatus(text);
+}
+
+bool AgentRuntime::isConnected() const
+{
+    return m_socket && m_connected;
+}
+
+void AgentRuntime::start()
+{
+    diag(QStringLiteral("start requested"));
+    m_reconnectTimer.stop();
+    discardSocket();
+    attemptConnect();
+}
+
+void AgentRuntime::stop()
+{
+    diag(QStringLiteral("stop requested"));
+    resolvePendingApproval(false);
+    m_reconnectTimer.stop();
+    m_connectTimeout.stop();
+    m_heartbeatTimer.stop();
+    if (m_socket) {
+        m_socket->disconnect(this);
+        m_socket->close(QWebSocketProtocol::CloseCodeGoingAway);
+        m_socket->deleteLater();
+        m_socket = nullptr;
+    }
+    m_connected = false;
+    reportStatus(QStringLiteral("Stopped"));
+}
+
+void AgentRuntime::discardSocket()
+{
+    m_connectTimeout.stop();
+    m_heartbeatTimer.stop();
+    m_connected = false;
+    if (!m_socket)
+        return;
+    m_socket->disconnect(this);
+    m_socket->abort();
+    m_socket->deleteLater();
+    m_socket = nullptr;
+}
+
+void AgentRuntime::attemptConnect()
+{
+    const ConnectionSettings settings = loadConnectionSettings();
+    const std::optional<QUrl> url = agentSocketURL(settings.serverURL, settings.agentId);
+    if (!url) {
+        reportStatus(QStringLiteral("Reconnect in 3s: invalid server URL: ") + settings.serverURL);
+        m_reconnectTimer.start();
+        return;
+    }
+    m_socketURL = *url;
+    QNetworkRequest request(*url);
+    if (!settings.token.isEmpty())
+        request.setRawHeader("Authorization", "Bearer " + settings.token.toUtf8());
+
+    auto* socket = new QWebSocket(QString(), QWebSocketProtocol::VersionLatest, this);
+    m_socket = socket;
+    // Frames from the server may be large (terminal input, approvals), never unbounded.
+    socket->setMaxAllowedIncomingMessageSize(64 * 1024 * 1024);
+    connect(socket, &QWebSocket::connected, this, &AgentRuntime::onConnected);
+    connect(socket, &QWebSocket::disconnected, this, [this] { onSocketLost(socketErrorText()); });
+    connect(socket, QOverload<QAbstractSocket::SocketError>::of(&QWebSocket::error), this,
+            [this](QAbstractSocket::SocketError) { onSocketLost(socketErrorText()); });
+    connect(socket, &QWebSocket::textMessageReceived, this,
+            [this](const QString& text) { onFrame(text.toUtf8()); });
+    connect(socket, &QWebSocket::binaryMessageReceived, this, &AgentRuntime::onFrame);
+    connect(socket, &QWebSocket::bytesWritten, this, [this] {
+        if (m_socket)
+            m_flow.update(m_socket->bytesToWrite());
+    });
+    m_connectTimeout.start();
+    socket->open(request);
+}
+
+QString AgentRuntime::socketErrorText() const
+{
+    if (!m_socket)
+        return QStringLiteral("connection closed");
+    // A close handshake from the server is not a socket error: say what it sent.
+    if (m_socket->error() == QAbstractSocket::UnknownSocketError) {
+        QString text = QStringLiteral("connection closed by the server (code %1)")
+                           .arg(int(m_socket->closeCode()));
+        if (!m_socket->closeReason().isEmpty())
+            text += QStringLiteral(": ") + m_socket->closeReason();
+        return text;
+    }
+    return m_socket->errorString();
+}
+
+void AgentRuntime::onConnected()
+{
+    m_connectTimeout.stop();
+    m_connected = true;
+    m_flow.update(0);
+    const ConnectionSettings settings = loadConnectionSettings();
+    reportStatus(QStringLiteral("Connected as ") + settings.agentId);
+    diag(QStringLiteral("connected serverURL=") + m_socketURL.toString() +
+         QStringLiteral(" agentId=") + settings.agentId);
+    sendRegisterMessage();
+    m_heartbeatTimer.start();
+}
+
+void AgentRuntime::onSocketLost(const QString& error)
+{
+    const bool wasConnected = m_connected;
+    discardSocket();
+    if (!wasConnected) {
+        reportStatus(QStringLiteral("Reconnect in 3s: ") + error);
+        m_reconnectTimer.start();
+        return;
+    }
+    reportStatus(QStringLiteral("Disconnected: ") + error);
+    stopRunningProcessIfAny(false);
+    start();
+}
+
+void AgentRuntime::onFrame(const QByteArray& data)
+{
+    QString error;
+    if (!handleCommandData(data, &error))
+        onSocketLost(error);
+}
+
+void AgentRuntime::onHeartbeat()
+{
+    if (const std::optional<QString>& taskId = currentTaskId())
+        sendJSON(Messages::taskHeartbeat(*taskId));
+}
+
+void AgentRuntime::sendJSON(const QJsonObject& message)
+{
+    if (testSendJSONHook) {
+        testSendJSONHook(message);
+        return;
+    }
+    if (!isConnected())
+        return;
+    const QString text = QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact));
+    const qint64 sent = m_socket->sendTextMessage(text);
+    if (sent <= 0 && !text.isEmpty()) {
+        const QString error = m_socket->errorString().isEmpty() ? QStringLiteral("the frame was not sent")
+                                                                : m_socket->errorString();
+        diag(QStringLiteral("sendJSON failed error=") + error + QStringLiteral(" payload=") + text);
+        reportStatus(QStringLiteral("Send failed: ") + error);
+        return;
+    }
+    m_flow.update(m_socket->bytesToWrite());
+}
+
+void AgentRuntime::sendRegisterMessage()
+{
+    const AgentProfile profile = loadProfile();
+    diag(QStringLiteral("register profile=") + profile.profileId + QStringLiteral(" actions=") +
+         describeList(profile.actions) + QStringLiteral(" projects=") +
+         describeList(profile.projects));
+    sendJSON(Messages::agentRegister(profile));
+}
+
+void AgentRuntime::reloadConfiguration()
+{
+    QTimer::singleShot(0, this, &AgentRuntime::sendRegisterMessage);
+}
+
+void AgentRuntime::resolvePendingApproval(bool approved)
+{
+    if (!m_pendingApprovalContinuation)
+        return;
+    // Clear the slot before resuming, so the waiter is resumed exactly once.
+    std::function<void(bool)> continuation = std::move(m_pendingApprovalContinuation);
+    m_pendingApprovalContinuation = nullptr;
+    m_pendingApprovalTaskId.reset();
+    continuation(approved);
+}
+
+void AgentRuntime::cleanupMCPConfig()
+{
+    if (!m_currentMCPConfigPath)
+        return;
+    QFile::remove(*m_currentMCPConfigPath);
+    m_currentMCPConfigPath.reset();
+}
+
+} // namespace brinmoor

@@ -1,0 +1,108 @@
+// Command dispatch: decodes each frame and routes it. Frames are handled one at a
+// time; a task runs on in the runner while later frames (cancel, approval, terminal)
+// are handled.
+#include "agent/agent_command.h"
+#include "agent/agent_runtime.h"
+#include "agent/diag.h"
+#include "agent/messages.h"
+#include "agent/task_assignment.h"
+#include "execution/agent_error.h"
+#include "execution/execution_resolution.h"
+
+namespace brinmoor {
+
+bool AgentRuntime::handleCommandData(const QByteArray& data, QString* error)
+{
+    const std::optional<AgentCommand> decoded = AgentCommand::decode(data, error);
+    if (!decoded)
+        return false;
+    const AgentCommand& command = *decoded;
+
+    if (command.type == QLatin1String("agent.hello")) {
+        diag(QStringLiteral("received agent.hello"));
+    } else if (command.type == QLatin1String("task.assign")) {
+        handleTaskAssign(command);
+    } else if (command.type == QLatin1String("task.cancel")) {
+        const QString taskId = command.taskId.value_or(QString());
+        diag(QStringLiteral("task.cancel taskId=") + taskId);
+        // The runner clears the task when the child has exited.
+        if (command.taskId && command.taskId == currentTaskId())
+            stopRunningProcessIfAny(true);
+    } else if (command.type == QLatin1String("task.approval")) {
+        if (command.taskId && m_pendingApprovalTaskId && command.taskId == m_pendingApprovalTaskId)
+            resolvePendingApproval(command.stringMember(QStringLiteral("decision")) ==
+                                   QLatin1String("approve"));
+    }
+    // Any other type is ignored without a reply.
+    return true;
+}
+
+void AgentRuntime::handleTaskAssign(const AgentCommand& command)
+{
+    const std::optional<TaskAssignment> task = TaskAssignment::from(command);
+    if (!task)
+        return;
+    if (currentTaskId()) {
+        sendJSON(Messages::taskFailed(task->taskId, QStringLiteral("agent is busy"),
+                                      QStringLiteral("AGENT_BUSY"), 1));
+        return;
+    }
+    diag(QStringLiteral("task.assign taskId=") + task->taskId + QStringLiteral(" action=") +
+         task->action + QStringLiteral(" projectPath=") + task->projectPath +
+         QStringLiteral(" system=") + task->system.value_or(QString()) + QStringLiteral(" mode=") +
+         task->mode.value_or(QString()) + QStringLiteral(" approvalMode=") +
+         task->approvalMode.value_or(QString()) + QStringLiteral(" timeoutSec=") +
+         QString::number(task->timeoutSec));
+    try {
+        if (task->timeoutSec < 0)
+            throw runtimeError(13, QStringLiteral("timeoutSec must not be negative: ") +
+                                       QString::number(task->timeoutSec));
+        routeTask(*task);
+    } catch (const AgentError& error) {
+        diag(QStringLiteral("task.assign failed taskId=") + task->taskId +
+             QStringLiteral(" error=") + error.message);
+        sendJSON(Messages::taskFailed(task->taskId, error.message,
+                                      QStringLiteral("AGENT_CONFIG_INVALID"), 1));
+    }
+}
+
+void AgentRuntime::routeTask(const TaskAssignment& task)
+{
+    const AgentProfile profile = loadProfile();
+    RunRequest request;
+    request.taskId = task.taskId;
+    request.timeoutSec = task.timeoutSec;
+    request.sendStarted = true;
+    request.requiresTTY = false;
+
+    if (task.action == QLatin1String("shell")) {
+        const ResolvedExecution resolved =
+            ExecutionResolution::resolveShellExecution(profile, task.command, task.projectPath);
+        sendJSON(Messages::taskLog(task.taskId,
+                                   QStringLiteral("workspace.resolve action=shell requestedProjectPath=") +
+                                       task.projectPath + QStringLiteral(" resolvedWorkingDir=") +
+                                       resolved.workingDir));
+        diag(QStringLiteral("task.assign resolved shell workingDir=") + resolved.workingDir +
+             QStringLiteral(" command=") + task.command);
+        request.shell = resolved.shell;
+        request.workingDir = resolved.workingDir;
+        request.refreshCapabilitiesOnSuccess =
+            ExecutionResolution::shouldRefreshCapabilitiesAfterShellTask(profile, resolved.workingDir);
+        m_runner->runTask(request);
+        return;
+    }
+
+    // The build actions, and any other action, which resolution accepts or refuses.
+    const ResolvedExecution resolved =
+        ExecutionResolution::resolveExecution(profile, task.action, task.projectPath);
+    sendJSON(Messages::taskLog(task.taskId, QStringLiteral("workspace.resolve action=") + task.action +
+                                                QStringLiteral(" requestedProjectPath=") +
+                                                task.projectPath +
+                                                QStringLiteral(" resolvedWorkingDir=") +
+                                                resolved.workingDir));
+    request.shell = resolved.shell;
+    request.workingDir = resolved.workingDir;
+    m_runner->runTask(request);
+}
+
+} // namespace brinmoor

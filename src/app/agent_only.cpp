@@ -1,0 +1,53 @@
+#include "app/agent_only.h"
+
+#include "agent/agent_runtime.h"
+#include "agent/diag.h"
+#include "app/unix_signal_watcher.h"
+#include "config/runtime_defaults.h"
+#include "config/settings_store.h"
+
+#include <QCoreApplication>
+#include <QTimer>
+
+#include <csignal>
+
+namespace brinmoor {
+
+int runAgentOnly()
+{
+    const std::unique_ptr<QSettingsStore> defaults = QSettingsStore::standard();
+    const Environment env = currentEnvironment();
+    RuntimeDefaults::ensure(*defaults, env);
+
+    AgentRuntime runtime(*defaults, env, Machine::current());
+    runtime.onStatus = [](const QString& text) { diag(QStringLiteral("status ") + text); };
+
+    UnixSignalWatcher signals({SIGINT, SIGTERM});
+    bool stopping = false;
+    QObject::connect(&signals, &UnixSignalWatcher::received, &runtime, [&](int signal) {
+        if (stopping)
+            return;
+        stopping = true;
+        diag(QStringLiteral("shutdown signal=") + QString::number(signal));
+        runtime.stop();
+        // A running task is ended with its whole process tree before the agent exits.
+        runtime.stopRunningProcessIfAny(false);
+        auto* poll = new QTimer(&runtime);
+        QObject::connect(poll, &QTimer::timeout, &runtime, [&runtime] {
+            if (!runtime.currentTaskId())
+                QCoreApplication::quit();
+        });
+        poll->start(20);
+        // The runner kills what ignores SIGTERM after 5 s; never wait much longer.
+        QTimer::singleShot(ProcessRunner::kKillGraceMilliseconds + 2000, &runtime,
+                           [] { QCoreApplication::quit(); });
+    });
+
+    runtime.start();
+    const int status = QCoreApplication::exec();
+    runtime.cleanupFinishedTask();
+    diag(QStringLiteral("shutdown complete"));
+    return status;
+}
+
+} // namespace brinmoor

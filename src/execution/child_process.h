@@ -1,0 +1,93 @@
+#pragma once
+
+#include "execution/utf8_stream_decoder.h"
+
+#include <QObject>
+#include <QPointer>
+#include <QString>
+#include <QStringList>
+
+class QProcess;
+class QSocketNotifier;
+
+namespace brinmoor {
+
+class OutgoingFlow;
+
+// One task child: `/bin/zsh -lc TEXT` (or under `script` when it needs a terminal) in
+// its own process group, standard input on the null device, its output read through
+// the event loop and decoded as UTF-8. Reading pauses while the outgoing flow is
+// blocked, so a fast child cannot grow the agent's memory.
+class ChildProcess : public QObject {
+    Q_OBJECT
+
+public:
+    enum class Channels { Separate, Merged };
+
+    struct Launch {
+        QString shell;
+        QString workingDir;
+        bool requiresTTY = false;
+        Channels channels = Channels::Separate;
+    };
+
+    // The program and arguments that run a shell text.
+    struct CommandLine {
+        QString program;
+        QStringList arguments;
+    };
+    static CommandLine commandLine(const QString& shell, bool requiresTTY);
+
+    explicit ChildProcess(OutgoingFlow* flow, QObject* parent = nullptr);
+    ~ChildProcess() override;
+
+    // Launches the child; false with the reason in `error` when it could not start.
+    bool start(const Launch& launch, QString* error);
+    qint64 pid() const { return m_pid; }
+    bool isRunning() const;
+
+    // SIGTERM to the child's whole process group, then SIGKILL to what is left of it
+    // after the grace time.
+    void terminateTree(int graceMilliseconds);
+
+    // Signals every member of a process group; true when the group still existed.
+    static bool signalGroup(qint64 processGroup, int signal);
+
+Q_SIGNALS:
+    // Decoded output, in the pieces in which it was read. Merged output comes as
+    // standard output.
+    void standardOutput(const QString& text);
+    void standardError(const QString& text);
+    // The child has exited and its remaining output was delivered. A child ended by a
+    // signal reports the signal's number.
+    void exited(int status);
+
+private:
+    struct Pipe {
+        int fd = -1;
+        QSocketNotifier* notifier = nullptr;
+        Utf8StreamDecoder decoder;
+        bool open() const { return fd >= 0; }
+    };
+
+    void onReadable(Pipe& pipe, bool isError);
+    // Reads once; false at end of file or on a hard error.
+    bool readOnce(Pipe& pipe, bool isError);
+    // Decodes the first `size` bytes of the read buffer and emits the text.
+    void deliver(Pipe& pipe, qsizetype size, bool isError);
+    void closePipe(Pipe& pipe);
+    void pause();
+    void resume();
+    void onFinished(int exitCode, int exitStatus);
+
+    QPointer<OutgoingFlow> m_flow;
+    QProcess* m_process = nullptr;
+    Pipe m_out;
+    Pipe m_err;
+    QByteArray m_readBuffer;
+    qint64 m_pid = 0;
+    bool m_running = false;
+    bool m_paused = false;
+};
+
+} // namespace brinmoor

@@ -1,0 +1,376 @@
+#include "agent/diag.h"
+#include "execution/process_runner.h"
+#include "support/agent_fixture.h"
+#include "support/test_support.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QJsonArray>
+#include <QTest>
+
+#include <csignal>
+
+using namespace brinmoor;
+using namespace brinmoor::test;
+
+namespace {
+
+QString resolveLine(const AgentFixture& f)
+{
+    return QStringLiteral("task.log workspace.resolve action=shell requestedProjectPath=") + f.repo.path() +
+           QStringLiteral(" resolvedWorkingDir=") + f.repo.path();
+}
+
+} // namespace
+
+class TstProcessRunner : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void echoHelloRoundTrip()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        DiagRecorder log;
+        f.shell(QStringLiteral("t1"), QStringLiteral("echo hello"));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t1")));
+        QCOMPARE(f.taskTrace(QStringLiteral("t1")),
+                 (QStringList{resolveLine(f), QStringLiteral("task.started"), QStringLiteral("task.log hello"),
+                              QStringLiteral("task.log "), QStringLiteral("task.finished 0")}));
+        QVERIFY(waitUntil([&] { return !f.runtime->currentTaskId(); }));
+        QCOMPARE(f.statuses.last(), QStringLiteral("Ready: test-agent"));
+        const QStringList texts = log.texts();
+        const QString repo = f.repo.path();
+        QCOMPARE(texts.at(0), QStringLiteral("task.assign taskId=t1 action=shell projectPath=") + repo +
+                                  QStringLiteral(" system= mode= approvalMode= timeoutSec=1200"));
+        QCOMPARE(texts.at(1), QStringLiteral("resolveShellExecution projectPath=%1 workingDir=%1 command=echo hello").arg(repo));
+        QCOMPARE(texts.at(2), QStringLiteral("task.assign resolved shell workingDir=%1 command=echo hello").arg(repo));
+        QCOMPARE(texts.at(3), QStringLiteral("Running task t1 workingDir=%1 timeoutSec=1200").arg(repo));
+        QVERIFY2(QRegularExpression(QStringLiteral("^runTask process started taskId=t1 pid=\\d+$")).match(texts.at(4)).hasMatch(),
+                 qPrintable(texts.at(4)));
+        QCOMPARE(texts.at(5), QStringLiteral("runTask process terminated taskId=t1 exitCode=0"));
+        QCOMPARE(texts.size(), 6);
+    }
+
+    void outputReadInOnePieceYieldsAFinalEmptyLine()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        f.shell(QStringLiteral("t"), QStringLiteral("printf 'a\\nb\\n'"));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t")));
+        QCOMPARE(f.taskTrace(QStringLiteral("t")).mid(2),
+                 (QStringList{QStringLiteral("task.log a"), QStringLiteral("task.log b"), QStringLiteral("task.log "),
+                              QStringLiteral("task.finished 0")}));
+    }
+
+    void standardErrorLinesAreTaskLogs()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        f.shell(QStringLiteral("t"), QStringLiteral("echo oops >&2"));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t")));
+        QCOMPARE(f.taskTrace(QStringLiteral("t")).mid(2),
+                 (QStringList{QStringLiteral("task.log oops"), QStringLiteral("task.log "), QStringLiteral("task.finished 0")}));
+    }
+
+    void nonZeroExitFailsWithTheStatus()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        f.shell(QStringLiteral("t"), QStringLiteral("exit 3"));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("t")));
+        QCOMPARE(f.taskTrace(QStringLiteral("t")).mid(2),
+                 QStringList{QStringLiteral("task.failed COMMAND_EXIT_NONZERO 3 command exited with status 3")});
+    }
+
+    void multiByteCharactersCutByReadsAreKept()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        f.shell(QStringLiteral("t"),
+                QStringLiteral("printf '\\xc3'; sleep 0.3; printf '\\xa9\\xe2\\x9c'; sleep 0.3; printf '\\x93\\xf0\\x9f'; "
+                               "sleep 0.3; printf '\\x98\\x80\\n'"));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t")));
+        QCOMPARE(f.taskTrace(QStringLiteral("t")).mid(2),
+                 (QStringList{QStringLiteral("task.log é"), QStringLiteral("task.log ✓"), QStringLiteral("task.log 😀"),
+                              QStringLiteral("task.log "), QStringLiteral("task.finished 0")}));
+    }
+
+    void readWithInvalidBytesIsDropped()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        f.shell(QStringLiteral("t"),
+                QStringLiteral("printf 'ok\\n'; sleep 0.3; printf 'bad\\xff\\xfe\\n'; sleep 0.3; printf 'after\\n'"));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t")));
+        QCOMPARE(f.taskTrace(QStringLiteral("t")).mid(2),
+                 (QStringList{QStringLiteral("task.log ok"), QStringLiteral("task.log "), QStringLiteral("task.log after"),
+                              QStringLiteral("task.log "), QStringLiteral("task.finished 0")}));
+    }
+
+    void timeLimitEndsInCancelledNeverFinished()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        f.shell(QStringLiteral("t"), QStringLiteral("sleep 30"), 1);
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("t"), 8000));
+        QCOMPARE(f.taskTrace(QStringLiteral("t")).mid(2),
+                 (QStringList{QStringLiteral("task.cancelled 130"),
+                              QStringLiteral("task.failed COMMAND_EXIT_NONZERO 15 command exited with status 15")}));
+        QVERIFY(f.server.messagesOfType(QStringLiteral("task.finished"), QStringLiteral("t")).isEmpty());
+    }
+
+    void cancelSendsCancelled130ThenFailedWithTheChildStatus()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        f.shell(QStringLiteral("t"), QStringLiteral("echo started; sleep 30"));
+        QVERIFY(f.server.waitFor([](const QJsonObject& m) { return m.value("line") == "started"; }));
+        DiagRecorder log;
+        f.server.send({{QStringLiteral("type"), QStringLiteral("task.cancel")}, {QStringLiteral("taskId"), QStringLiteral("t")}});
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("t")));
+        QCOMPARE(f.taskTrace(QStringLiteral("t")).mid(2),
+                 (QStringList{QStringLiteral("task.log started"), QStringLiteral("task.log "), QStringLiteral("task.cancelled 130"),
+                              QStringLiteral("task.failed COMMAND_EXIT_NONZERO 15 command exited with status 15")}));
+        QCOMPARE(log.texts().mid(0, 2), (QStringList{QStringLiteral("task.cancel taskId=t"),
+                                                     QStringLiteral("stopRunningProcessIfAny terminating taskId=t")}));
+    }
+
+    void cancelForAnotherTaskChangesNothing()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        f.shell(QStringLiteral("t"), QStringLiteral("sleep 1; echo done"));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.started"), QStringLiteral("t")));
+        f.server.send({{QStringLiteral("type"), QStringLiteral("task.cancel")}, {QStringLiteral("taskId"), QStringLiteral("other")}});
+        f.server.send({{QStringLiteral("type"), QStringLiteral("task.approval")}, {QStringLiteral("taskId"), QStringLiteral("t")},
+                       {QStringLiteral("payload"), QJsonObject{{QStringLiteral("decision"), QStringLiteral("approve")}}}});
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t")));
+        QCOMPARE(f.taskTrace(QStringLiteral("t")).mid(2),
+                 (QStringList{QStringLiteral("task.log done"), QStringLiteral("task.log "), QStringLiteral("task.finished 0")}));
+        QVERIFY(f.server.messagesOfType(QStringLiteral("task.cancelled")).isEmpty());
+    }
+
+    void childIgnoringSigtermIsKilled5SecondsLater()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        f.shell(QStringLiteral("t"), QStringLiteral("trap '' TERM; echo ready; sleep 30; echo survived"));
+        QVERIFY(f.server.waitFor([](const QJsonObject& m) { return m.value("line") == "ready"; }));
+        QElapsedTimer clock;
+        clock.start();
+        f.server.send({{QStringLiteral("type"), QStringLiteral("task.cancel")}, {QStringLiteral("taskId"), QStringLiteral("t")}});
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.cancelled"), QStringLiteral("t"), 1000));
+        QVERIFY(clock.elapsed() < 1000);
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("t"), 9000));
+        QVERIFY2(clock.elapsed() >= 4900, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(f.taskTrace(QStringLiteral("t")).last(),
+                 QStringLiteral("task.failed COMMAND_EXIT_NONZERO 9 command exited with status 9"));
+        // The heartbeat kept going while the task ran.
+        QVERIFY(!f.server.messagesOfType(QStringLiteral("task.heartbeat"), QStringLiteral("t")).isEmpty());
+    }
+
+    void cancellationStopsTheWholeProcessTree()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        f.shell(QStringLiteral("t"), QStringLiteral("sleep 300 & echo pid=$!; wait"));
+        const std::optional<QJsonObject> line = f.server.waitFor(
+            [](const QJsonObject& m) { return m.value("line").toString().startsWith("pid="); });
+        QVERIFY(line);
+        const qint64 grandchild = line->value(QStringLiteral("line")).toString().mid(4).toLongLong();
+        QVERIFY(processAlive(grandchild));
+        f.server.send({{QStringLiteral("type"), QStringLiteral("task.cancel")}, {QStringLiteral("taskId"), QStringLiteral("t")}});
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("t")));
+        QVERIFY(waitUntil([&] { return !processAlive(grandchild); }, 3000));
+    }
+
+    void secondTaskWhileBusyGetsAgentBusy()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        f.shell(QStringLiteral("first"), QStringLiteral("sleep 1; echo one"));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.started"), QStringLiteral("first")));
+        f.shell(QStringLiteral("second"), QStringLiteral("echo two"));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("second")));
+        QCOMPARE(f.taskTrace(QStringLiteral("second")),
+                 QStringList{QStringLiteral("task.failed AGENT_BUSY 1 agent is busy")});
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("first")));
+        QVERIFY(f.taskTrace(QStringLiteral("first")).contains(QStringLiteral("task.log one")));
+    }
+
+    void unknownActionIsResolvedAsABuild()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        DiagRecorder log;
+        f.assign(QStringLiteral("t"), {{QStringLiteral("action"), QStringLiteral("deploy_android")},
+                                       {QStringLiteral("projectPath"), QStringLiteral("app")}});
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("t")));
+        QCOMPARE(f.taskTrace(QStringLiteral("t")),
+                 QStringList{QStringLiteral("task.failed AGENT_CONFIG_INVALID 1 Unsupported action: deploy_android")});
+        QVERIFY(log.contains(QStringLiteral("task.assign failed taskId=t error=Unsupported action: deploy_android")));
+        QVERIFY(!f.runtime->currentTaskId());
+    }
+
+    void missingProjectFolderIsAConfigError()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        f.assign(QStringLiteral("t"), {{QStringLiteral("action"), QStringLiteral("shell")},
+                                       {QStringLiteral("command"), QStringLiteral("ls")},
+                                       {QStringLiteral("projectPath"), QStringLiteral("no-such-app")}});
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("t")));
+        QCOMPARE(f.taskTrace(QStringLiteral("t")),
+                 QStringList{QStringLiteral("task.failed AGENT_CONFIG_INVALID 1 Project path does not exist: no-such-app")});
+    }
+
+    void negativeTimeoutIsRefused()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        f.assign(QStringLiteral("n"), {{QStringLiteral("action"), QStringLiteral("shell")},
+                                       {QStringLiteral("command"), QStringLiteral("echo x")},
+                                       {QStringLiteral("timeoutSec"), -5}});
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("n")));
+        QCOMPARE(f.taskTrace(QStringLiteral("n")),
+                 QStringList{QStringLiteral("task.failed AGENT_CONFIG_INVALID 1 timeoutSec must not be negative: -5")});
+    }
+
+    void timeoutAbsentOrStringRunsWith1200Seconds()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        DiagRecorder log;
+        f.assign(QStringLiteral("t"), {{QStringLiteral("action"), QStringLiteral("shell")},
+                                       {QStringLiteral("command"), QStringLiteral("true")},
+                                       {QStringLiteral("timeoutSec"), QStringLiteral("5")}});
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t")));
+        QVERIFY(log.contains(QStringLiteral("Running task t workingDir=%1 timeoutSec=1200").arg(f.repo.path())));
+    }
+
+    void taskWithoutTaskIdIsIgnored()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        f.server.send({{QStringLiteral("type"), QStringLiteral("task.assign")},
+                       {QStringLiteral("payload"), QJsonObject{{QStringLiteral("action"), QStringLiteral("shell")},
+                                                               {QStringLiteral("command"), QStringLiteral("echo x")}}}});
+        f.shell(QStringLiteral("after"), QStringLiteral("true"));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("after")));
+        QCOMPARE(f.server.messages().size(), 1 + 3); // register, then the second task's three
+    }
+
+    void buildActionRunsTheDeployScriptInTheRoot()
+    {
+        AgentFixture f;
+        const QString script = test::writeFile(f.repo.path() + QStringLiteral("/deploy.sh"),
+                                               "#!/bin/zsh\necho \"deploy $1 $2 in $PWD\"\n");
+        QFile::setPermissions(script, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        QVERIFY(f.connect());
+        f.assign(QStringLiteral("b"), {{QStringLiteral("projectPath"), QStringLiteral("/apps/It's")}});
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("b")));
+        QCOMPARE(f.taskTrace(QStringLiteral("b")),
+                 (QStringList{QStringLiteral("task.log workspace.resolve action=build_ios requestedProjectPath=/apps/It's "
+                                             "resolvedWorkingDir=") + f.repo.path(),
+                              QStringLiteral("task.started"),
+                              QStringLiteral("task.log deploy /apps/It's --no-password in ") + f.repo.path(),
+                              QStringLiteral("task.log "), QStringLiteral("task.finished 0")}));
+    }
+
+    void shellTaskInTheCreateProjectRootRegistersTheNewProject()
+    {
+        AgentFixture f;
+        const QString root = f.repo.path() + QStringLiteral("/new");
+        QDir().mkpath(root);
+        f.settings.setValue(QStringLiteral("createProjectRoot"), root);
+        QVERIFY(f.connect());
+        DiagRecorder log;
+        const QString project = root + QStringLiteral("/Made");
+        f.assign(QStringLiteral("s"),
+                 {{QStringLiteral("action"), QStringLiteral("shell")},
+                  {QStringLiteral("projectPath"), root},
+                  {QStringLiteral("command"),
+                   QStringLiteral("mkdir -p Made && touch Made/Package.swift && echo noise && "
+                                  "echo '__QUENDARIX_SUCCESS__ %1/' && echo tail").arg(project)}});
+        const std::optional<QJsonObject> reg = f.server.waitFor(
+            [](const QJsonObject& m) { return m.value("type") == "agent.register"; }, 5000, 1);
+        QVERIFY(reg);
+        QCOMPARE(reg->value(QStringLiteral("projects")).toArray(), QJsonArray{project});
+        QCOMPARE(f.settings.string(QStringLiteral("projects")), std::optional<QString>(project));
+        QVERIFY(log.contains(QStringLiteral("registerManagedProjectIfPresent added project=") + project));
+    }
+
+    void managedProjectAlreadyListedChangesNothing()
+    {
+        QTemporaryDir dir;
+        const QString project = test::makeProject(dir.path() + QStringLiteral("/P"));
+        MemorySettingsStore settings;
+        settings.setValue(QStringLiteral("projects"), project);
+        QVERIFY(!registerManagedProjectIfPresent(QStringLiteral("__QUENDARIX_SUCCESS__ ") + project, settings, {}));
+        QCOMPARE(settings.syncCount(), 0);
+        QVERIFY(!registerManagedProjectIfPresent(QStringLiteral("no marker"), settings, {}));
+    }
+
+    void launchFailureIsProcessStartFailed()
+    {
+        AgentFixture f;
+        QList<QJsonObject> sent;
+        f.runtime->testSendJSONHook = [&](const QJsonObject& m) { sent.append(m); };
+        RunRequest request;
+        request.taskId = QStringLiteral("x");
+        request.shell = QStringLiteral("true");
+        request.workingDir = f.repo.path() + QStringLiteral("/missing-folder");
+        f.runtime->runner().runTask(request);
+        QCOMPARE(sent.size(), 2);
+        QCOMPARE(sent.at(0).value(QStringLiteral("type")).toString(), QStringLiteral("task.started"));
+        QCOMPARE(sent.at(1).value(QStringLiteral("errorCode")).toString(), QStringLiteral("PROCESS_START_FAILED"));
+        QCOMPARE(sent.at(1).value(QStringLiteral("error")).toString(),
+                 QStringLiteral("failed to launch process: chdir: No such file or directory"));
+        QVERIFY(!f.runtime->currentTaskId());
+        QCOMPARE(f.statuses.last(), QStringLiteral("Ready: test-agent"));
+    }
+
+    void exitAfterTheTaskWasClearedSendsNothing()
+    {
+        AgentFixture f;
+        QList<QJsonObject> sent;
+        f.runtime->testSendJSONHook = [&](const QJsonObject& m) { sent.append(m); };
+        RunRequest request;
+        request.taskId = QStringLiteral("x");
+        request.shell = QStringLiteral("sleep 0.5");
+        request.workingDir = f.repo.path();
+        request.sendStarted = false;
+        f.runtime->runner().runTask(request);
+        f.runtime->cleanupFinishedTask();
+        QTest::qWait(800);
+        QCOMPARE(sent.size(), 0);
+    }
+
+    void serverClosingMidTaskStopsTheChildWithoutLeaks()
+    {
+        const int descriptorsBefore = openDescriptorCount();
+        {
+            AgentFixture f;
+            QVERIFY(f.connect());
+            f.shell(QStringLiteral("t"), QStringLiteral("sleep 300 & echo pid=$!; sleep 300"));
+            const std::optional<QJsonObject> line = f.server.waitFor(
+                [](const QJsonObject& m) { return m.value("line").toString().startsWith("pid="); });
+            QVERIFY(line);
+            const qint64 grandchild = line->value(QStringLiteral("line")).toString().mid(4).toLongLong();
+            QCOMPARE(childProcesses().size(), 1);
+            f.server.closeClient();
+            QVERIFY(f.server.waitForConnections(2));
+            QVERIFY(waitUntil([&] { return !f.runtime->currentTaskId(); }));
+            QVERIFY(waitUntil([&] { return !processAlive(grandchild); }, 3000));
+            QVERIFY(waitUntil([] { return childProcesses().isEmpty(); }, 3000));
+            QVERIFY(f.statuses.contains(QStringLiteral("Ready: test-agent")));
+        }
+        waitUntil([&] { return openDescriptorCount() <= descriptorsBefore; }, 3000);
+        QCOMPARE(openDescriptorCount(), descriptorsBefore);
+        QCOMPARE(childProcesses(), QList<qint64>());
+    }
+};
+
+QTEST_GUILESS_MAIN(TstProcessRunner)
+#include "tst_process_runner.moc"

@@ -1,0 +1,85 @@
+#pragma once
+
+#include <QJsonObject>
+#include <QList>
+#include <QObject>
+#include <QPointer>
+#include <QString>
+#include <QUrl>
+
+#include <functional>
+#include <optional>
+
+class QWebSocket;
+class QWebSocketServer;
+
+namespace brinmoor::test {
+
+// A real WebSocket server on 127.0.0.1 playing the relay server: it records every
+// message an agent sends and can send frames back.
+class LoopbackServer : public QObject {
+    Q_OBJECT
+
+public:
+    explicit LoopbackServer(QObject* parent = nullptr);
+    ~LoopbackServer() override;
+
+    // Listens on a free port (or the given one); false when that fails.
+    bool listen(quint16 port = 0);
+    void close();
+    quint16 port() const;
+    // "http://127.0.0.1:PORT", as the agent's server URL setting holds it.
+    QString serverURL() const;
+
+    // Every message received, in order, over all connections.
+    const QList<QJsonObject>& messages() const { return m_messages; }
+    void clearMessages() { m_messages.clear(); }
+    // Messages of one type (and task, when given).
+    QList<QJsonObject> messagesOfType(const QString& type, const QString& taskId = {}) const;
+    // "type line" for each task.log, "type" for others: a readable trace for failures.
+    QString trace() const;
+
+    // Waits (running the event loop) until a received message matches, returning it.
+    std::optional<QJsonObject> waitFor(const std::function<bool(const QJsonObject&)>& match,
+                                       int timeoutMs = 10000, int skip = 0);
+    std::optional<QJsonObject> waitForType(const QString& type, int timeoutMs = 10000);
+    std::optional<QJsonObject> waitForTask(const QString& type, const QString& taskId,
+                                           int timeoutMs = 10000);
+    bool waitForConnections(int count, int timeoutMs = 10000);
+
+    int connectionCount() const { return m_connectionCount; }
+    bool hasClient() const { return !m_client.isNull(); }
+    QUrl lastRequestURL() const { return m_lastRequestURL; }
+    // The Authorization header of the last handshake; absent when none was sent.
+    std::optional<QByteArray> lastAuthorization() const { return m_lastAuthorization; }
+
+    void send(const QJsonObject& message);
+    void sendText(const QString& text);
+    // Closes the current agent connection from the server's side.
+    void closeClient();
+    // The close code the agent sent when it closed the connection.
+    std::optional<int> lastCloseCode() const { return m_lastCloseCode; }
+
+private:
+    void onNewConnection();
+
+    QWebSocketServer* m_server = nullptr;
+    QPointer<QWebSocket> m_client;
+    QList<QJsonObject> m_messages;
+    int m_connectionCount = 0;
+    QUrl m_lastRequestURL;
+    std::optional<QByteArray> m_lastAuthorization;
+    std::optional<int> m_lastCloseCode;
+};
+
+// Waits, running the event loop, until the condition holds; false on time-out.
+bool waitUntil(const std::function<bool()>& condition, int timeoutMs = 10000);
+
+// Open file descriptors of this process.
+int openDescriptorCount();
+// Process ids whose parent is this process.
+QList<qint64> childProcesses();
+// Whether a process still exists (a zombie counts as gone).
+bool processAlive(qint64 pid);
+
+} // namespace brinmoor::test
