@@ -48,6 +48,7 @@ AgentRuntime::AgentRuntime(SettingsStore& defaults, Environment env, Machine mac
       m_runner(std::make_unique<ProcessRunner>(*this))
 {
     m_reconnectTimer.setSingleShot(true);
+    m_reconnectTimer.setTimerType(Qt::PreciseTimer);
     m_reconnectTimer.setInterval(kReconnectMilliseconds);
     connect(&m_reconnectTimer, &QTimer::timeout, this, &AgentRuntime::attemptConnect);
     m_connectTimeout.setSingleShot(true);
@@ -56,6 +57,7 @@ AgentRuntime::AgentRuntime(SettingsStore& defaults, Environment env, Machine mac
         onSocketLost(QStringLiteral("the server did not answer within 60 seconds"));
     });
     m_heartbeatTimer.setInterval(kHeartbeatMilliseconds);
+    m_heartbeatTimer.setTimerType(Qt::PreciseTimer);
     connect(&m_heartbeatTimer, &QTimer::timeout, this, &AgentRuntime::onHeartbeat);
 }
 
@@ -223,7 +225,22 @@ void AgentRuntime::sendJSON(const QJsonObject& message)
     }
     if (!isConnected())
         return;
-    const QString text = QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact));
+    sendText(QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact)));
+}
+
+void AgentRuntime::sendTaskLog(const QString& taskId, QStringView line)
+{
+    if (testSendJSONHook) {
+        testSendJSONHook(Messages::taskLog(taskId, line.toString()));
+        return;
+    }
+    if (!isConnected())
+        return;
+    sendText(Messages::taskLogText(taskId, line));
+}
+
+void AgentRuntime::sendText(const QString& text)
+{
     const qint64 sent = m_socket->sendTextMessage(text);
     if (sent <= 0 && !text.isEmpty()) {
         const QString error = m_socket->errorString().isEmpty() ? QStringLiteral("the frame was not sent")

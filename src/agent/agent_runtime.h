@@ -49,6 +49,8 @@ public:
     void stop();
     bool isConnected() const;
     void sendJSON(const QJsonObject& message);
+    // The same as sending Messages::taskLog, without building the object.
+    void sendTaskLog(const QString& taskId, QStringView line);
     void sendRegisterMessage();
     // Re-announces the agent with the freshly loaded profile.
     void reloadConfiguration();
@@ -96,6 +98,7 @@ private:
     QString socketErrorText() const;
     void onFrame(const QByteArray& data);
     void onHeartbeat();
+    void sendText(const QString& text);
 
     void handleTaskAssign(const AgentCommand& command);
     void routeTask(const TaskAssignment& task);

@@ -68,6 +68,49 @@ QJsonObject taskLog(const QString& taskId, const QString& line)
     return message;
 }
 
+void appendJsonString(QString& out, QStringView text)
+{
+    static constexpr char16_t hex[] = u"0123456789abcdef";
+    out.append(QLatin1Char('"'));
+    const char16_t* data = text.utf16();
+    const qsizetype size = text.size();
+    qsizetype runStart = 0;
+    for (qsizetype i = 0; i < size; ++i) {
+        const char16_t c = data[i];
+        if (c >= 0x20 && c != u'"' && c != u'\\')
+            continue;
+        out.append(QStringView(data + runStart, i - runStart));
+        runStart = i + 1;
+        switch (c) {
+        case u'"': out.append(QLatin1String("\\\"")); break;
+        case u'\\': out.append(QLatin1String("\\\\")); break;
+        case u'\n': out.append(QLatin1String("\\n")); break;
+        case u'\r': out.append(QLatin1String("\\r")); break;
+        case u'\t': out.append(QLatin1String("\\t")); break;
+        case u'\b': out.append(QLatin1String("\\b")); break;
+        case u'\f': out.append(QLatin1String("\\f")); break;
+        default: {
+            const char16_t escape[] = {u'\\', u'u', u'0', u'0', hex[(c >> 4) & 0xF], hex[c & 0xF]};
+            out.append(QStringView(escape, 6));
+        }
+        }
+    }
+    out.append(QStringView(data + runStart, size - runStart));
+    out.append(QLatin1Char('"'));
+}
+
+QString taskLogText(QStringView taskId, QStringView line)
+{
+    QString out;
+    out.reserve(line.size() + taskId.size() + 48);
+    out.append(QLatin1String("{\"line\":"));
+    appendJsonString(out, line);
+    out.append(QLatin1String(",\"taskId\":"));
+    appendJsonString(out, taskId);
+    out.append(QLatin1String(",\"type\":\"task.log\"}"));
+    return out;
+}
+
 QJsonObject taskCommentary(const QString& taskId, const QString& text)
 {
     QJsonObject message = typed("task.commentary", taskId);

@@ -20,6 +20,11 @@ QJsonObject taskHeartbeat(const QString& taskId);
 // Task results.
 QJsonObject taskStarted(const QString& taskId);
 QJsonObject taskLog(const QString& taskId, const QString& line);
+// The serialised "task.log" message, written without building an object: output
+// lines are the agent's hottest path. Parses to the same object as `taskLog`.
+QString taskLogText(QStringView taskId, QStringView line);
+// Appends a JSON string literal (quotes included) for the text.
+void appendJsonString(QString& out, QStringView text);
 QJsonObject taskCommentary(const QString& taskId, const QString& text);
 QJsonObject taskChatChunk(const QString& taskId, const QString& conversationId,
                           const QString& chunk);

@@ -45,7 +45,9 @@ int runAgentOnly()
 
     runtime.start();
     const int status = QCoreApplication::exec();
-    runtime.cleanupFinishedTask();
+    // A child that outlived the grace time is killed with the task's clean-up.
+    if (runtime.currentTaskId())
+        runtime.cleanupFinishedTask();
     diag(QStringLiteral("shutdown complete"));
     return status;
 }

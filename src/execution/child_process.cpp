@@ -251,7 +251,7 @@ void ChildProcess::terminateTree(int graceMilliseconds)
     signalGroup(group, SIGTERM);
     // The check outlives this object: what ignores SIGTERM is killed even when the
     // task has been cleaned up in the meantime.
-    QTimer::singleShot(graceMilliseconds, QCoreApplication::instance(),
+    QTimer::singleShot(graceMilliseconds, Qt::PreciseTimer, QCoreApplication::instance(),
                        [group] { signalGroup(group, SIGKILL); });
 }
 

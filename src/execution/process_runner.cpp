@@ -187,7 +187,7 @@ void ProcessRunner::sendOutput(const QString& taskId, const QString& text, bool 
     while (true) {
         const qsizetype newline = text.indexOf(QLatin1Char('\n'), start);
         const qsizetype end = newline < 0 ? text.size() : newline;
-        m_runtime.sendJSON(Messages::taskLog(taskId, text.mid(start, end - start)));
+        m_runtime.sendTaskLog(taskId, QStringView(text).mid(start, end - start));
         if (newline < 0)
             break;
         start = newline + 1;

@@ -144,6 +144,31 @@ private Q_SLOTS:
         QCOMPARE(shape(message), expected);
     }
 
+    void taskLogTextParsesToTheSameObject_data()
+    {
+        QTest::addColumn<QString>("line");
+        QTest::newRow("plain") << QStringLiteral("hello");
+        QTest::newRow("empty") << QString();
+        QTest::newRow("quotes and backslashes") << QStringLiteral("say \"hi\" \\ C:\\x");
+        QTest::newRow("control characters") << QStringLiteral("a\tb\rc\u0001d\u001be\bf\fg\u007f");
+        QTest::newRow("non-ASCII") << QStringLiteral("héllo ✓ 😀 </script>");
+    }
+    void taskLogTextParsesToTheSameObject()
+    {
+        QFETCH(QString, line);
+        const QString text = Messages::taskLogText(QStringLiteral("T\"1"), line);
+        QJsonParseError error;
+        const QJsonObject parsed = QJsonDocument::fromJson(text.toUtf8(), &error).object();
+        QCOMPARE(error.error, QJsonParseError::NoError);
+        QCOMPARE(parsed, Messages::taskLog(QStringLiteral("T\"1"), line));
+    }
+
+    void taskLogTextEscapesLikeTheSerializer()
+    {
+        QCOMPARE(Messages::taskLogText(u"t", u"a\"b\\c\n\u0001"),
+                 QStringLiteral("{\"line\":\"a\\\"b\\\\c\\n\\u0001\",\"taskId\":\"t\",\"type\":\"task.log\"}"));
+    }
+
     void terminalMessages_data()
     {
         QTest::addColumn<QJsonObject>("message");

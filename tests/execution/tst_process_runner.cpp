@@ -166,8 +166,19 @@ private Q_SLOTS:
         QVERIFY2(clock.elapsed() >= 4900, qPrintable(QString::number(clock.elapsed())));
         QCOMPARE(f.taskTrace(QStringLiteral("t")).last(),
                  QStringLiteral("task.failed COMMAND_EXIT_NONZERO 9 command exited with status 9"));
-        // The heartbeat kept going while the task ran.
-        QVERIFY(!f.server.messagesOfType(QStringLiteral("task.heartbeat"), QStringLiteral("t")).isEmpty());
+    }
+
+    void heartbeatEvery5SecondsWhileATaskRuns()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        f.shell(QStringLiteral("t"), QStringLiteral("sleep 6.5"));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t"), 10000));
+        const QStringList trace = f.taskTrace(QStringLiteral("t"));
+        QVERIFY2(trace.count(QStringLiteral("task.heartbeat")) >= 1, qPrintable(trace.join(',')));
+        QVERIFY(trace.indexOf(QStringLiteral("task.heartbeat")) > trace.indexOf(QStringLiteral("task.started")));
+        QCOMPARE(f.server.messagesOfType(QStringLiteral("task.heartbeat")).size(),
+                 f.server.messagesOfType(QStringLiteral("task.heartbeat"), QStringLiteral("t")).size());
     }
 
     void cancellationStopsTheWholeProcessTree()

@@ -1,0 +1,207 @@
+#include "loopback_counter.h"
+
+#include <QCryptographicHash>
+#include <QJsonDocument>
+#include <QTcpServer>
+#include <QTcpSocket>
+
+#include <cstring>
+
+namespace brinmoor::bench {
+
+namespace {
+
+constexpr char kLogMarker[] = "\"type\":\"task.log\"";
+// {"line":"","taskId":"t","type":"task.log"}: what a log frame holds besides its text.
+constexpr qsizetype kLogOverhead = 42;
+
+void unmask(char* data, qsizetype size, const unsigned char mask[4])
+{
+    quint64 wide;
+    unsigned char pattern[8];
+    for (int i = 0; i < 8; ++i)
+        pattern[i] = mask[i % 4];
+    std::memcpy(&wide, pattern, 8);
+    qsizetype i = 0;
+    for (; i + 8 <= size; i += 8) {
+        quint64 word;
+        std::memcpy(&word, data + i, 8);
+        word ^= wide;
+        std::memcpy(data + i, &word, 8);
+    }
+    for (; i < size; ++i)
+        data[i] = static_cast<char>(data[i] ^ mask[i % 4]);
+}
+
+} // namespace
+
+LoopbackCounter::LoopbackCounter(QObject* parent) : QObject(parent)
+{
+    m_server = new QTcpServer(this);
+    connect(m_server, &QTcpServer::newConnection, this, &LoopbackCounter::onNewConnection);
+    m_tick.setInterval(10);
+    connect(&m_tick, &QTimer::timeout, this, [this] {
+        m_budget = m_throttleRate / 100;
+        consume();
+    });
+}
+
+bool LoopbackCounter::listen()
+{
+    return m_server->listen(QHostAddress::LocalHost, 0);
+}
+
+quint16 LoopbackCounter::port() const
+{
+    return m_server->serverPort();
+}
+
+void LoopbackCounter::throttle(qint64 bytesPerSecond, qint64 untilMs)
+{
+    m_throttleRate = bytesPerSecond;
+    m_throttleUntil = untilMs;
+}
+
+void LoopbackCounter::onNewConnection()
+{
+    QTcpSocket* socket = m_server->nextPendingConnection();
+    if (m_socket) {
+        socket->abort();
+        return;
+    }
+    m_socket = socket;
+    if (m_throttleRate > 0) {
+        // A small buffer makes the kernel's window, and so the agent, feel the slow reader.
+        m_socket->setReadBufferSize(64 * 1024);
+        m_tick.start();
+    }
+    connect(m_socket, &QTcpSocket::readyRead, this, &LoopbackCounter::onReadable);
+}
+
+void LoopbackCounter::onReadable()
+{
+    consume();
+}
+
+void LoopbackCounter::consume()
+{
+    if (!m_socket)
+        return;
+    const bool throttled = m_throttleRate > 0 && (!m_clock.isValid() || m_clock.elapsed() < m_throttleUntil);
+    qint64 want = throttled ? m_budget : m_socket->bytesAvailable();
+    if (!throttled && m_tick.isActive()) {
+        m_tick.stop();
+        m_socket->setReadBufferSize(0);
+    }
+    if (want <= 0)
+        return;
+    if (m_offset > 0 && m_offset > m_buffer.size() / 2) {
+        m_buffer.remove(0, m_offset);
+        m_offset = 0;
+    }
+    const qsizetype before = m_buffer.size();
+    m_buffer.resize(before + want);
+    const qint64 n = m_socket->read(m_buffer.data() + before, want);
+    m_buffer.resize(before + qMax<qint64>(n, 0));
+    if (n <= 0)
+        return;
+    if (!m_clock.isValid() && m_upgraded)
+        m_clock.start();
+    m_bytesRead += n;
+    if (throttled)
+        m_budget -= n;
+    if (!m_upgraded && !handshake())
+        return;
+    parseFrames();
+}
+
+bool LoopbackCounter::handshake()
+{
+    const qsizetype end = m_buffer.indexOf("\r\n\r\n", m_offset);
+    if (end < 0)
+        return false;
+    const QByteArray request = m_buffer.mid(m_offset, end - m_offset);
+    m_offset = end + 4;
+    QByteArray key;
+    for (const QByteArray& line : request.split('\n')) {
+        if (line.toLower().startsWith("sec-websocket-key:"))
+            key = line.mid(18).trimmed();
+    }
+    const QByteArray accept =
+        QCryptographicHash::hash(QByteArray(key + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11"), QCryptographicHash::Sha1)
+            .toBase64();
+    m_socket->write("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                    "Sec-WebSocket-Accept: " + accept + "\r\n\r\n");
+    m_upgraded = true;
+    return true;
+}
+
+void LoopbackCounter::parseFrames()
+{
+    while (true) {
+        const qsizetype available = m_buffer.size() - m_offset;
+        if (available < 2)
+            return;
+        auto* head = reinterpret_cast<unsigned char*>(m_buffer.data() + m_offset);
+        const int opcode = head[0] & 0x0F;
+        const bool masked = head[1] & 0x80;
+        quint64 length = head[1] & 0x7F;
+        qsizetype headerSize = 2;
+        if (length == 126) {
+            if (available < 4)
+                return;
+            length = (quint64(head[2]) << 8) | head[3];
+            headerSize = 4;
+        } else if (length == 127) {
+            if (available < 10)
+                return;
+            length = 0;
+            for (int i = 0; i < 8; ++i)
+                length = (length << 8) | head[2 + i];
+            headerSize = 10;
+        }
+        const qsizetype maskSize = masked ? 4 : 0;
+        if (available < headerSize + maskSize + qsizetype(length))
+            return;
+        char* payload = m_buffer.data() + m_offset + headerSize + maskSize;
+        if (masked)
+            unmask(payload, qsizetype(length), head + headerSize);
+        handleFrame(opcode, payload, qsizetype(length));
+        m_offset += headerSize + maskSize + qsizetype(length);
+    }
+}
+
+void LoopbackCounter::handleFrame(int opcode, char* payload, qsizetype size)
+{
+    ++m_frames;
+    if (opcode != 1)
+        return;
+    // Keys are written in sorted order, so the type is at the end of a log frame.
+    const qsizetype markerSize = qsizetype(sizeof kLogMarker) - 1;
+    if (size > markerSize + 1 &&
+        std::memcmp(payload + size - 1 - markerSize, kLogMarker, size_t(markerSize)) == 0) {
+        ++m_logLines;
+        m_logTextBytes += size - kLogOverhead;
+        return;
+    }
+    if (onMessage)
+        onMessage(QJsonDocument::fromJson(QByteArray(payload, size)).object());
+}
+
+void LoopbackCounter::send(const QJsonObject& message)
+{
+    const QByteArray payload = QJsonDocument(message).toJson(QJsonDocument::Compact);
+    QByteArray frame;
+    frame.append(char(0x81));
+    if (payload.size() < 126) {
+        frame.append(char(payload.size()));
+    } else {
+        frame.append(char(126));
+        frame.append(char((payload.size() >> 8) & 0xFF));
+        frame.append(char(payload.size() & 0xFF));
+    }
+    frame.append(payload);
+    m_socket->write(frame);
+}
+
+} // namespace brinmoor::bench

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <QByteArray>
+#include <QElapsedTimer>
+#include <QJsonObject>
+#include <QObject>
+#include <QTimer>
+
+#include <functional>
+
+class QTcpServer;
+class QTcpSocket;
+
+namespace brinmoor::bench {
+
+// A deliberately small WebSocket server for benchmarks: it speaks just enough of the
+// protocol to accept one agent, unmasks frames in place and counts "task.log" lines
+// without parsing them as JSON, so that it stays much faster than what it measures.
+// It can read slowly (a byte budget per second) to exercise the agent's back-pressure.
+class LoopbackCounter : public QObject {
+    Q_OBJECT
+
+public:
+    explicit LoopbackCounter(QObject* parent = nullptr);
+
+    bool listen();
+    quint16 port() const;
+
+    // Reads at most this many bytes per second until `until` ms after the first byte;
+    // 0 means no limit.
+    void throttle(qint64 bytesPerSecond, qint64 untilMs);
+
+    void send(const QJsonObject& message);
+
+    qint64 logLines() const { return m_logLines; }
+    qint64 logTextBytes() const { return m_logTextBytes; }
+    qint64 frames() const { return m_frames; }
+    qint64 bytesRead() const { return m_bytesRead; }
+
+    // Called for every message that is not a "task.log", parsed.
+    std::function<void(const QJsonObject&)> onMessage;
+
+private:
+    void onNewConnection();
+    void onReadable();
+    void consume();
+    bool handshake();
+    void parseFrames();
+    void handleFrame(int opcode, char* payload, qsizetype size);
+
+    QTcpServer* m_server = nullptr;
+    QTcpSocket* m_socket = nullptr;
+    QByteArray m_buffer;
+    qsizetype m_offset = 0;
+    bool m_upgraded = false;
+    qint64 m_logLines = 0;
+    qint64 m_logTextBytes = 0;
+    qint64 m_frames = 0;
+    qint64 m_bytesRead = 0;
+    qint64 m_throttleRate = 0;
+    qint64 m_throttleUntil = 0;
+    qint64 m_budget = 0;
+    QElapsedTimer m_clock;
+    QTimer m_tick;
+};
+
+} // namespace brinmoor::bench
