@@ -4,6 +4,7 @@
 #include "agent/messages.h"
 #include "config/settings_store.h"
 
+#include <QDir>
 #include <QFile>
 #include <QJsonDocument>
 #include <QNetworkRequest>
@@ -275,6 +276,11 @@ void AgentRuntime::resolvePendingApproval(bool approved)
     m_pendingApprovalContinuation = nullptr;
     m_pendingApprovalTaskId.reset();
     continuation(approved);
+}
+
+QString AgentRuntime::temporaryFolder() const
+{
+    return QDir::tempPath();
 }
 
 void AgentRuntime::cleanupMCPConfig()

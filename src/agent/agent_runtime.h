@@ -4,6 +4,7 @@
 #include "config/agent_profile.h"
 #include "config/connection_settings.h"
 #include "config/machine.h"
+#include "execution/chat_execution.h"
 #include "execution/process_runner.h"
 #include "execution/shell_execution_result.h"
 
@@ -73,8 +74,12 @@ public:
     const std::optional<QString>& pendingApprovalTaskId() const { return m_pendingApprovalTaskId; }
 
     // --- chat bookkeeping ---
+    ChatSessions& chatSessions() { return m_chatSessions; }
     // Deletes the current task's MCP configuration file, if any.
     void cleanupMCPConfig();
+    const std::optional<QString>& currentMCPConfigPath() const { return m_currentMCPConfigPath; }
+    // Where temporary files of tasks go (the MCP configuration).
+    QString temporaryFolder() const;
 
     // --- configuration, read afresh at every use ---
     AgentProfile loadProfile() const;
@@ -120,6 +125,7 @@ private:
     std::optional<QString> m_pendingApprovalTaskId;
     std::function<void(bool)> m_pendingApprovalContinuation;
     std::optional<QString> m_currentMCPConfigPath;
+    ChatSessions m_chatSessions;
 };
 
 } // namespace brinmoor

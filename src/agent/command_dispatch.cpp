@@ -6,6 +6,7 @@
 #include "agent/diag.h"
 #include "agent/messages.h"
 #include "agent/task_assignment.h"
+#include "config/connection_settings.h"
 #include "execution/agent_error.h"
 #include "execution/execution_resolution.h"
 
@@ -74,6 +75,35 @@ void AgentRuntime::routeTask(const TaskAssignment& task)
     request.timeoutSec = task.timeoutSec;
     request.sendStarted = true;
     request.requiresTTY = false;
+
+    if (task.action == QLatin1String("chat")) {
+        const ConnectionSettings connection = loadConnectionSettings();
+        const ChatResolution resolved = ChatExecution::resolveChatExecution(
+            profile, connection, m_chatSessions, task.system, task.projectPath, task.prompt, task.taskId,
+            task.conversationId, task.approvalMode, temporaryFolder());
+        m_currentMCPConfigPath = resolved.mcpConfigPath;
+        sendJSON(Messages::taskLog(task.taskId,
+                                   QStringLiteral("workspace.resolve action=chat requestedProjectPath=") +
+                                       task.projectPath + QStringLiteral(" resolvedWorkingDir=") +
+                                       resolved.workingDir));
+        // The command may carry the agent token (Codex's approval settings): never log it.
+        QString loggedShell = resolved.shell;
+        if (!connection.token.isEmpty())
+            loggedShell.replace(connection.token, maskToken(connection.token));
+        diag(QStringLiteral("task.assign resolved chat workingDir=") + resolved.workingDir +
+             QStringLiteral(" shell=") + loggedShell);
+        request.shell = resolved.shell;
+        request.workingDir = resolved.workingDir;
+        request.chatConversationID = task.conversationId;
+        request.emitChatEvents = true;
+        request.projectPath = task.projectPath;
+        request.chatJSONProvider =
+            ExecutionResolution::normalizeAISystem(task.system) == QLatin1String("claude")
+                ? ChatJSONProvider::claude
+                : ChatJSONProvider::codex;
+        m_runner->runTask(request);
+        return;
+    }
 
     if (task.action == QLatin1String("shell")) {
         const ResolvedExecution resolved =

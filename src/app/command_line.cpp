@@ -83,13 +83,6 @@ QString helpText()
         "  --help, -h       print this help and exit\n");
 }
 
-QString maskToken(const QString& token)
-{
-    if (token.isEmpty())
-        return QString();
-    return token.left(4) + QStringLiteral("…");
-}
-
 QJsonObject profileReport(const AgentProfile& profile, const ConnectionSettings& connection,
                           qint64 serverPort)
 {

@@ -22,9 +22,6 @@ CommandLineRequest parseCommandLine(const QStringList& arguments);
 // The help text printed by --help.
 QString helpText();
 
-// A token as the user may see it: its first 4 characters, then "…".
-QString maskToken(const QString& token);
-
 // The resolved profile and connection settings, as --print-profile prints them.
 QJsonObject profileReport(const AgentProfile& profile, const ConnectionSettings& connection,
                           qint64 serverPort);

@@ -15,6 +15,13 @@ std::optional<QString> settingOrEnvironment(const SettingsStore& defaults, const
     return std::nullopt;
 }
 
+QString maskToken(const QString& token)
+{
+    if (token.isEmpty())
+        return QString();
+    return token.left(4) + QStringLiteral("…");
+}
+
 ConnectionSettings ConnectionSettings::load(const SettingsStore& defaults, const Environment& env)
 {
     ConnectionSettings settings;

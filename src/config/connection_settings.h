@@ -21,6 +21,9 @@ struct ConnectionSettings {
     static ConnectionSettings load(const SettingsStore& defaults, const Environment& env);
 };
 
+// A token as logs and the user may see it: its first 4 characters, then "…".
+QString maskToken(const QString& token);
+
 // The first non-empty of the settings value and the environment variable.
 std::optional<QString> settingOrEnvironment(const SettingsStore& defaults, const QString& key,
                                             const Environment& env, const QString& variable);

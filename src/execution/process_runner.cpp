@@ -5,6 +5,7 @@
 #include "agent/messages.h"
 #include "config/agent_projects_store.h"
 #include "config/settings_store.h"
+#include "execution/chat_execution.h"
 #include "execution/child_process.h"
 #include "proposals/narrative_text.h"
 
@@ -91,6 +92,9 @@ struct ProcessRunner::TaskOutput {
     // registration may be refreshed, the sanitized text when it is a chat.
     std::optional<MarkedLineTracker> markedLines;
     QString chatBuffer;
+    // Chats: the tool's event stream parser and the final texts it reported.
+    std::unique_ptr<ChatJSONLineParser> parser;
+    QString chatResultBuffer;
 };
 
 ProcessRunner::ProcessRunner(AgentRuntime& runtime) : m_runtime(runtime) {}
@@ -112,6 +116,8 @@ void ProcessRunner::runTask(const RunRequest& request)
     m_output->conversationId = request.chatConversationID.value_or(QString());
     if (request.refreshCapabilitiesOnSuccess)
         m_output->markedLines.emplace(QLatin1String(kSuccessMarker));
+    if (request.chatJSONProvider)
+        m_output->parser = std::make_unique<ChatJSONLineParser>(*request.chatJSONProvider);
 
     auto* child = new ChildProcess(&m_runtime.outgoingFlow(), this);
     m_child = child;
@@ -157,12 +163,34 @@ void ProcessRunner::onStandardOutput(const QString& text)
     const RunRequest& request = m_output->request;
     if (m_output->markedLines)
         m_output->markedLines->feed(text);
+    if (m_output->parser) {
+        handleParseResult(m_output->parser->process(text));
+        return;
+    }
     if (request.emitChatEvents) {
         const QString sanitized = NarrativeText::sanitizeForChat(text);
         if (!sanitized.isEmpty())
             m_output->chatBuffer += sanitized;
     }
     sendOutput(request.taskId, text, request.emitChatEvents, m_output->conversationId);
+}
+
+void ProcessRunner::handleParseResult(const ParseResult& result)
+{
+    const RunRequest& request = m_output->request;
+    if (result.threadID)
+        m_runtime.chatSessions().recordCodexThreadID(*result.threadID, m_output->conversationId,
+                                                     request.projectPath);
+    if (result.finalText)
+        m_output->chatResultBuffer += *result.finalText;
+    for (const QString& delta : result.deltas) {
+        if (!delta.isEmpty())
+            m_runtime.sendJSON(Messages::taskChatChunk(request.taskId, m_output->conversationId, delta));
+    }
+    for (const QString& diagnostic : result.diagnostics) {
+        if (!diagnostic.isEmpty())
+            m_runtime.sendJSON(Messages::taskLog(request.taskId, diagnostic));
+    }
 }
 
 void ProcessRunner::onStandardError(const QString& text)
@@ -209,10 +237,18 @@ void ProcessRunner::onExited(int status)
         return;
     }
     const RunRequest request = m_output->request;
+    // A last line without its newline still counts.
+    if (m_output->parser)
+        handleParseResult(m_output->parser->finish());
     if (m_currentTaskId == request.taskId) {
         if (status == 0) {
             if (request.emitChatEvents) {
-                const QString finalText = m_output->chatBuffer.trimmed();
+                if (const std::optional<QString> key = ChatExecution::scopedConversationKey(
+                        request.projectPath, m_output->conversationId))
+                    m_runtime.chatSessions().markChatSessionEstablished(*key);
+                const QString finalText = (m_output->chatResultBuffer.isEmpty() ? m_output->chatBuffer
+                                                                                 : m_output->chatResultBuffer)
+                                              .trimmed();
                 if (!finalText.isEmpty())
                     m_runtime.sendJSON(
                         Messages::taskChatFinal(request.taskId, m_output->conversationId, finalText));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "execution/chat_json_line_parser.h"
 #include "execution/shell_execution_result.h"
 
 #include <QJsonObject>
@@ -28,7 +29,11 @@ struct RunRequest {
     std::optional<QString> chatConversationID;
     bool emitChatEvents = false;
     bool requiresTTY = false;
+    std::optional<ChatJSONProvider> chatJSONProvider;
     bool refreshCapabilitiesOnSuccess = false;
+    // The project path the task asked for: with the conversation id it keys the chat
+    // bookkeeping.
+    QString projectPath;
 };
 
 // Runs the one task child of the agent, streams its output as messages and reports
@@ -79,6 +84,7 @@ private:
     struct TaskOutput;
 
     void onStandardOutput(const QString& text);
+    void handleParseResult(const ParseResult& result);
     void onStandardError(const QString& text);
     void onExited(int status);
     void onTimeLimit(const QString& taskId);

@@ -1,6 +1,8 @@
 #include "support/loopback_server.h"
 #include "support/test_support.h"
 
+#include <QDir>
+#include <QJsonObject>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
@@ -19,9 +21,11 @@ struct AgentProcess {
     QTemporaryDir repo;
     QProcess process;
 
-    void start(const QString& serverURL)
+    void start(const QString& serverURL, const QProcessEnvironment& extra = {})
     {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        for (const QString& key : extra.keys())
+            env.insert(key, extra.value(key));
         env.insert(QStringLiteral("XDG_CONFIG_HOME"), configHome.path());
         env.insert(QStringLiteral("BRINMOOR_SERVER_URL"), serverURL);
         env.insert(QStringLiteral("BRINMOOR_AGENT_ID"), QStringLiteral("cli-agent"));
@@ -86,6 +90,56 @@ private Q_SLOTS:
         QCOMPARE(log.mid(log.indexOf(QStringLiteral("shutdown signal=15"))),
                  (QStringList{QStringLiteral("shutdown signal=15"), QStringLiteral("stop requested"),
                               QStringLiteral("status Stopped"), QStringLiteral("shutdown complete")}));
+    }
+
+    // A reader's walk through one chat: the phone asks Claude something in a project,
+    // the agent runs the (fake) tool there, streams its answer, and finishes.
+    void chatRoundTripWithAFakeClaude()
+    {
+        LoopbackServer server;
+        QVERIFY(server.listen());
+        QTemporaryDir fake;
+        QTemporaryDir tmp;
+        // What the fake `claude` prints: an init line, the answer growing in two
+        // cumulative assistant events, and the result.
+        test::writeFile(fake.path() + QStringLiteral("/claude.stream"),
+                        R"({"type":"system","subtype":"init","session_id":"s1"})" "\n"
+                        R"({"type":"assistant","message":{"content":[{"type":"text","text":"Two"}]}})" "\n"
+                        R"({"type":"assistant","message":{"content":[{"type":"text","text":"Two files."}]}})" "\n"
+                        R"({"type":"result","subtype":"success","is_error":false,"result":"Two files."})" "\n");
+        AgentProcess agent;
+        QDir().mkpath(agent.repo.path() + QStringLiteral("/App"));
+        QProcessEnvironment extra;
+        extra.insert(QStringLiteral("PATH"), fakeToolsDir() + QLatin1Char(':') + qEnvironmentVariable("PATH"));
+        extra.insert(QStringLiteral("BRINMOOR_FAKE_DIR"), fake.path());
+        extra.insert(QStringLiteral("TMPDIR"), tmp.path());
+        extra.insert(QStringLiteral("BRINMOOR_MCP_APPROVER_PATH"), fake.path() + QStringLiteral("/no-approver"));
+        agent.start(server.serverURL(), extra);
+        QVERIFY(server.waitForType(QStringLiteral("agent.register")));
+
+        server.send({{QStringLiteral("type"), QStringLiteral("task.assign")},
+                     {QStringLiteral("taskId"), QStringLiteral("chat-1")},
+                     {QStringLiteral("payload"), QJsonObject{{QStringLiteral("action"), QStringLiteral("chat")},
+                                                             {QStringLiteral("system"), QStringLiteral("claude")},
+                                                             {QStringLiteral("projectPath"), QStringLiteral("App")},
+                                                             {QStringLiteral("prompt"), QStringLiteral("How many files?")},
+                                                             {QStringLiteral("conversationId"), QStringLiteral("conv-7")}}}});
+        QVERIFY(server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("chat-1")));
+        QCOMPARE(server.trace().split(QLatin1Char('\n')).mid(1),
+                 (QStringList{QStringLiteral("task.log workspace.resolve action=chat requestedProjectPath=App "
+                                             "resolvedWorkingDir=") + agent.repo.path() + QStringLiteral("/App"),
+                              QStringLiteral(R"({"taskId":"chat-1","type":"task.started"})"),
+                              QStringLiteral(R"({"chunk":"Two","conversationId":"conv-7","taskId":"chat-1","type":"task.chat.chunk"})"),
+                              QStringLiteral(R"({"chunk":" files.","conversationId":"conv-7","taskId":"chat-1","type":"task.chat.chunk"})"),
+                              QStringLiteral(R"({"conversationId":"conv-7","taskId":"chat-1","text":"Two files.","type":"task.chat.final"})"),
+                              QStringLiteral(R"({"exitCode":0,"taskId":"chat-1","type":"task.finished"})")}));
+        // Without an approval tool Claude runs without permission prompts, in a new session.
+        QCOMPARE(fakeToolArguments(fake.path(), QStringLiteral("claude"), 1).mid(0, 4),
+                 (QStringList{QStringLiteral("--session-id"), QStringLiteral("conv-7"),
+                              QStringLiteral("--dangerously-skip-permissions"), QStringLiteral("-p")}));
+        ::kill(static_cast<pid_t>(agent.process.processId()), SIGTERM);
+        QVERIFY(agent.process.waitForFinished(10000));
+        QCOMPARE(agent.process.exitCode(), 0);
     }
 
     void sigintStopsARunningTaskTree()

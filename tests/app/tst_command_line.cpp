@@ -1,4 +1,5 @@
 #include "app/command_line.h"
+#include "config/connection_settings.h"
 #include "config/settings_store.h"
 #include "support/test_support.h"
 

@@ -49,3 +49,23 @@ int fileMode(const QString& path)
 }
 
 } // namespace brinmoor::test
+
+namespace brinmoor::test {
+
+QString fakeToolsDir()
+{
+    return QStringLiteral(BRINMOOR_FAKE_TOOLS_DIR);
+}
+
+QStringList fakeToolArguments(const QString& fakeDir, const QString& tool, int call)
+{
+    const QByteArray raw = readFile(QStringLiteral("%1/%2.%3.args").arg(fakeDir, tool).arg(call));
+    QStringList arguments;
+    for (const QByteArray& piece : raw.split('\0'))
+        arguments.append(QString::fromUtf8(piece));
+    if (!arguments.isEmpty() && arguments.last().isEmpty())
+        arguments.removeLast(); // after the last terminator
+    return arguments;
+}
+
+} // namespace brinmoor::test

@@ -23,3 +23,13 @@ QByteArray readFile(const QString& path);
 int fileMode(const QString& path);
 
 } // namespace brinmoor::test
+
+namespace brinmoor::test {
+
+// The folder holding the fake `claude` and `codex`.
+QString fakeToolsDir();
+
+// The arguments the fake tool received on its N-th call (from 1).
+QStringList fakeToolArguments(const QString& fakeDir, const QString& tool, int call);
+
+} // namespace brinmoor::test

@@ -1,0 +1,273 @@
+#include "execution/chat_execution.h"
+
+#include "agent/diag.h"
+#include "config/agent_profile.h"
+#include "config/connection_settings.h"
+#include "execution/agent_error.h"
+
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace brinmoor {
+
+using ExecutionResolution::shellQuote;
+
+std::optional<QString> ChatSessions::codexThreadID(const QString& key) const
+{
+    const auto it = m_codexThreadIDsByConversation.constFind(key);
+    if (it == m_codexThreadIDsByConversation.cend())
+        return std::nullopt;
+    return it.value();
+}
+
+void ChatSessions::recordCodexThreadID(const QString& threadId, const QString& conversationId,
+                                       const QString& projectPath)
+{
+    if (const std::optional<QString> key =
+            ChatExecution::scopedConversationKey(projectPath, conversationId))
+        m_codexThreadIDsByConversation.insert(*key, threadId);
+}
+
+namespace ChatExecution {
+
+const QString workspaceRules = QStringLiteral(
+    "\n\nWorkspace rules:\n"
+    "- Treat only this project path as the active workspace for this request.\n"
+    "- Do not rely on memory or context from any other project or repository.\n"
+    "- Do not state file paths, repo structure, sandbox limits, or write restrictions unless "
+    "they are confirmed from this workspace or runtime.\n"
+    "- If something about the current workspace is unconfirmed, say that explicitly.\n"
+    "\nUser request:\n");
+
+const QString systemPolicy = QStringLiteral(
+    "System policy for this task:\n"
+    "- Before any command execution or any file modification, call the MCP tool "
+    "`request_permission` from server `approver`.\n"
+    "- Treat shell commands, file writes, file edits, notebook edits, and patch application "
+    "as approval-gated actions.\n"
+    "- Pass the pending tool name in `tool_name` and the intended arguments in `tool_input`.\n"
+    "- If the MCP tool denies the request, do not perform that action and explain that it "
+    "was rejected.\n"
+    "\nUser request:\n");
+
+namespace {
+
+// A value inside a TOML double-quoted string.
+QString tomlEscaped(const QString& value)
+{
+    QString escaped = value;
+    escaped.replace(QLatin1String("\\"), QLatin1String("\\\\"));
+    escaped.replace(QLatin1String("\""), QLatin1String("\\\""));
+    return escaped;
+}
+
+// A task id becomes part of a file name: anything but letters, digits, ".", "_" and
+// "-" is replaced, so an id cannot point outside the folder.
+QString fileNameSafe(const QString& text)
+{
+    QString safe = text;
+    for (QChar& c : safe) {
+        const char16_t u = c.unicode();
+        const bool allowed = (u >= u'a' && u <= u'z') || (u >= u'A' && u <= u'Z') ||
+                             (u >= u'0' && u <= u'9') || u == u'.' || u == u'_' || u == u'-';
+        if (!allowed)
+            c = QLatin1Char('_');
+    }
+    if (safe.isEmpty() || safe == QLatin1String(".") || safe == QLatin1String(".."))
+        safe.prepend(QLatin1Char('_'));
+    return safe;
+}
+
+const QString kClaudeWithoutApproval =
+    QStringLiteral("claude --dangerously-skip-permissions -p --verbose --output-format stream-json {{prompt}}");
+
+} // namespace
+
+std::optional<QString> scopedConversationKey(const QString& projectPath,
+                                             const QString& conversationId)
+{
+    const QString path = projectPath.trimmed();
+    const QString conversation = conversationId.trimmed();
+    if (path.isEmpty() || conversation.isEmpty())
+        return std::nullopt;
+    return path + QStringLiteral("::") + conversation;
+}
+
+QString workspaceScopedPrompt(const QString& projectPath, const QString& userPrompt)
+{
+    const QString path = projectPath.trimmed();
+    if (path.isEmpty())
+        return userPrompt;
+    return QStringLiteral("Confirmed active project path for this request:\n") + path +
+           workspaceRules + userPrompt;
+}
+
+QString codexExecCommandTemplate(const QString& approvalMode, const QString& resumeThreadID)
+{
+    const QString base = approvalMode == QLatin1String("on_request")
+                             ? QStringLiteral("codex -a on-request exec")
+                             : QStringLiteral("codex exec");
+    if (!resumeThreadID.isEmpty())
+        return base + QStringLiteral(" resume --json --skip-git-repo-check ") +
+               shellQuote(resumeThreadID) + QStringLiteral(" {{prompt}}");
+    return base + QLatin1Char(' ') +
+           (approvalMode == QLatin1String("none") ? QStringLiteral("--full-auto ") : QString()) +
+           QStringLiteral("--json --skip-git-repo-check --color never {{prompt}}");
+}
+
+QString codexMCPConfigOverrides(const QString& taskId, const QString& approverPath,
+                                const ConnectionSettings& connection)
+{
+    const QStringList assignments = {
+        QStringLiteral("mcp_servers.approver.command=\"") + tomlEscaped(approverPath) + QLatin1Char('"'),
+        QStringLiteral("mcp_servers.approver.args=[]"),
+        QStringLiteral("mcp_servers.approver.env.BRINMOOR_SERVER_URL=\"") +
+            tomlEscaped(connection.serverURL) + QLatin1Char('"'),
+        QStringLiteral("mcp_servers.approver.env.BRINMOOR_TASK_ID=\"") + tomlEscaped(taskId) +
+            QLatin1Char('"'),
+        QStringLiteral("mcp_servers.approver.env.BRINMOOR_TOKEN=\"") + tomlEscaped(connection.token) +
+            QLatin1Char('"'),
+    };
+    QString overrides;
+    for (const QString& assignment : assignments)
+        overrides += QStringLiteral(" -c ") + shellQuote(assignment);
+    return overrides;
+}
+
+QString writeMCPConfig(const QString& taskId, const QString& approverPath,
+                       const ConnectionSettings& connection, const QString& folder)
+{
+    const QJsonObject config{
+        {QStringLiteral("mcpServers"),
+         QJsonObject{{QStringLiteral("approver"),
+                      QJsonObject{{QStringLiteral("command"), approverPath},
+                                  {QStringLiteral("args"), QJsonArray()},
+                                  {QStringLiteral("env"),
+                                   QJsonObject{{QStringLiteral("BRINMOOR_SERVER_URL"), connection.serverURL},
+                                               {QStringLiteral("BRINMOOR_TASK_ID"), taskId},
+                                               {QStringLiteral("BRINMOOR_TOKEN"), connection.token}}}}}}}};
+    const QByteArray content = QJsonDocument(config).toJson(QJsonDocument::Indented);
+    const QString path =
+        folder + QStringLiteral("/brinmoor-mcp-") + fileNameSafe(taskId) + QStringLiteral(".json");
+    const QByteArray native = QFile::encodeName(path);
+    // The file holds the token: owner-only from its first byte, never through a link
+    // someone else left in a shared folder.
+    ::unlink(native.constData());
+    const int fd = ::open(native.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0)
+        throw runtimeError(14, QStringLiteral("failed to write MCP configuration ") + path +
+                                   QStringLiteral(": ") + QString::fromLocal8Bit(std::strerror(errno)));
+    qsizetype written = 0;
+    while (written < content.size()) {
+        const ssize_t n = ::write(fd, content.constData() + written, size_t(content.size() - written));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            const int error = errno;
+            ::close(fd);
+            ::unlink(native.constData());
+            throw runtimeError(14, QStringLiteral("failed to write MCP configuration ") + path +
+                                       QStringLiteral(": ") + QString::fromLocal8Bit(std::strerror(error)));
+        }
+        written += n;
+    }
+    ::close(fd);
+    return path;
+}
+
+bool approvalServerAvailable(const QString& approverPath)
+{
+    const QFileInfo info(approverPath);
+    return !approverPath.isEmpty() && info.isFile() && info.isExecutable();
+}
+
+ChatResolution resolveChatExecution(const AgentProfile& profile,
+                                    const ConnectionSettings& connection,
+                                    const ChatSessions& sessions,
+                                    const std::optional<QString>& requestedSystem,
+                                    const QString& projectPath, const QString& prompt,
+                                    const QString& taskId, const QString& conversationId,
+                                    const std::optional<QString>& requestedApprovalMode,
+                                    const QString& temporaryFolder)
+{
+    if (projectPath.trimmed().isEmpty())
+        throw runtimeError(7, QStringLiteral("Missing projectPath"));
+    if (prompt.trimmed().isEmpty())
+        throw runtimeError(8, QStringLiteral("Missing prompt"));
+    const QString projectArg = ExecutionResolution::normalizeProjectArg(projectPath);
+    const QString workingDir = ExecutionResolution::resolveWorkspacePath(profile.repoRoot, projectPath);
+    const QString system = ExecutionResolution::normalizeAISystem(requestedSystem);
+    const QString approvalMode = ExecutionResolution::normalizeApprovalMode(requestedApprovalMode);
+    const bool approvalAvailable = approvalServerAvailable(profile.mcpApproverPath);
+    const std::optional<QString> scopedKey = scopedConversationKey(projectPath, conversationId);
+
+    ChatResolution resolution;
+    QString command;
+    if (system == QLatin1String("codex")) {
+        const QString threadId =
+            scopedKey ? sessions.codexThreadID(*scopedKey).value_or(QString()) : QString();
+        if (approvalMode == QLatin1String("on_request") && approvalAvailable) {
+            command = threadId.isEmpty()
+                          ? QStringLiteral("codex exec --json --skip-git-repo-check --color never {{prompt}}")
+                          : QStringLiteral("codex exec resume --json --skip-git-repo-check ") +
+                                shellQuote(threadId) + QStringLiteral(" {{prompt}}");
+            command += codexMCPConfigOverrides(taskId, profile.mcpApproverPath, connection);
+            diag(QStringLiteral("resolveChatExecution using Codex MCP approval approverPath=") +
+                 profile.mcpApproverPath);
+        } else {
+            command = codexExecCommandTemplate(approvalMode, threadId);
+            diag(QStringLiteral("resolveChatExecution using native Codex approvalMode=") + approvalMode);
+        }
+    } else {
+        if (approvalMode == QLatin1String("none")) {
+            diag(QStringLiteral("resolveChatExecution approvalMode=none, running Claude chat without MCP approval"));
+            command = kClaudeWithoutApproval;
+        } else if (!approvalAvailable) {
+            diag(QStringLiteral("resolveChatExecution MCPApprovalServer not found at ") +
+                 profile.mcpApproverPath + QStringLiteral(", falling back to Claude --dangerously-skip-permissions"));
+            command = kClaudeWithoutApproval;
+        } else if (profile.claudeChatTemplate.contains(QLatin1String("{{mcpConfigPath}}"))) {
+            const QString configPath =
+                writeMCPConfig(taskId, profile.mcpApproverPath, connection, temporaryFolder);
+            resolution.mcpConfigPath = configPath;
+            command = profile.claudeChatTemplate;
+            command.replace(QLatin1String("{{mcpConfigPath}}"), shellQuote(configPath));
+            diag(QStringLiteral("resolveChatExecution using Claude MCP approval approverPath=") +
+                 profile.mcpApproverPath);
+        } else {
+            // The user's own template without an approval hook runs as it is.
+            command = profile.claudeChatTemplate;
+        }
+        // The conversation id is the Claude session id: created by the first message,
+        // resumed by the next ones.
+        if (!conversationId.isEmpty() && !command.contains(QLatin1String("--session-id")) &&
+            !command.contains(QLatin1String("--resume")) && command.startsWith(QLatin1String("claude "))) {
+            const bool established = scopedKey && sessions.hasEstablishedChatSession(*scopedKey);
+            command.insert(7, (established ? QStringLiteral("--resume ") : QStringLiteral("--session-id ")) +
+                                  shellQuote(conversationId) + QLatin1Char(' '));
+        }
+    }
+
+    QString fullPrompt = workspaceScopedPrompt(projectPath, prompt);
+    if (system == QLatin1String("codex") && command.contains(QLatin1String("mcp_servers.approver.command")))
+        fullPrompt = systemPolicy + fullPrompt;
+    command = ExecutionResolution::expandProjectPlaceholders(command, projectPath, projectArg);
+    command.replace(QLatin1String("{{prompt}}"), shellQuote(fullPrompt));
+
+    diag(QStringLiteral("resolveChatExecution projectPath=") + projectPath + QStringLiteral(" workspace=") +
+         workingDir + QStringLiteral(" system=") + system + QStringLiteral(" approvalMode=") + approvalMode);
+    resolution.shell = command;
+    resolution.workingDir = workingDir;
+    return resolution;
+}
+
+} // namespace ChatExecution
+
+} // namespace brinmoor

@@ -1,0 +1,263 @@
+#include "agent/diag.h"
+#include "config/agent_profile.h"
+#include "config/connection_settings.h"
+#include "config/settings_store.h"
+#include "execution/agent_error.h"
+#include "execution/chat_execution.h"
+#include "support/test_support.h"
+
+#include <QDir>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <unistd.h>
+
+using namespace brinmoor;
+using namespace brinmoor::ChatExecution;
+using ExecutionResolution::shellQuote;
+
+class TstChatExecution : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir m_repo;
+    QTemporaryDir m_tmp;
+    AgentProfile m_profile;
+    ConnectionSettings m_connection;
+    QString m_approver;
+
+    ChatResolution resolve(const ChatSessions& sessions, const QString& system, const QString& project,
+                           const QString& prompt, const QString& conversation, const QString& approval)
+    {
+        return resolveChatExecution(m_profile, m_connection, sessions, system, project, prompt, QStringLiteral("task-1"),
+                                    conversation, approval, m_tmp.path());
+    }
+
+    QString scoped(const QString& project, const QString& prompt) const
+    {
+        return shellQuote(workspaceScopedPrompt(project, prompt));
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QDir().mkpath(m_repo.path() + QStringLiteral("/App"));
+        QDir().mkpath(m_repo.path() + QStringLiteral("/Other"));
+        m_approver = test::writeFile(m_repo.path() + QStringLiteral("/bin/MCPApprovalServer"), "#!/bin/sh\n");
+        QFile::setPermissions(m_approver, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        const MemorySettingsStore empty;
+        m_profile = AgentProfile::load(empty, {}, Machine{});
+        m_profile.repoRoot = m_repo.path();
+        m_profile.mcpApproverPath = m_approver;
+        m_connection = {QStringLiteral("http://127.0.0.1:8080"), QStringLiteral("agent"), QStringLiteral("tok\"en\\")};
+    }
+
+    void workspaceScopedPromptText()
+    {
+        QCOMPARE(workspaceScopedPrompt(QStringLiteral("  "), QStringLiteral("hi")), QStringLiteral("hi"));
+        QCOMPARE(workspaceScopedPrompt(QStringLiteral(" /p "), QStringLiteral("hi")),
+                 QStringLiteral("Confirmed active project path for this request:\n/p\n\nWorkspace rules:\n"
+                                "- Treat only this project path as the active workspace for this request.\n"
+                                "- Do not rely on memory or context from any other project or repository.\n"
+                                "- Do not state file paths, repo structure, sandbox limits, or write restrictions "
+                                "unless they are confirmed from this workspace or runtime.\n"
+                                "- If something about the current workspace is unconfirmed, say that explicitly.\n"
+                                "\nUser request:\nhi"));
+    }
+
+    void scopedConversationKeyNeedsBothParts()
+    {
+        QCOMPARE(scopedConversationKey(QStringLiteral(" /p "), QStringLiteral(" c ")),
+                 std::optional<QString>(QStringLiteral("/p::c")));
+        QCOMPARE(scopedConversationKey(QStringLiteral("/p"), QStringLiteral(" ")), std::nullopt);
+        QCOMPARE(scopedConversationKey(QString(), QStringLiteral("c")), std::nullopt);
+    }
+
+    void codexCommandTemplates()
+    {
+        QCOMPARE(codexExecCommandTemplate(QStringLiteral("none"), QString()),
+                 QStringLiteral("codex exec --full-auto --json --skip-git-repo-check --color never {{prompt}}"));
+        QCOMPARE(codexExecCommandTemplate(QStringLiteral("on_request"), QString()),
+                 QStringLiteral("codex -a on-request exec --json --skip-git-repo-check --color never {{prompt}}"));
+        QCOMPARE(codexExecCommandTemplate(QStringLiteral("none"), QStringLiteral("th'1")),
+                 QStringLiteral("codex exec resume --json --skip-git-repo-check 'th'\"'\"'1' {{prompt}}"));
+        QCOMPARE(codexExecCommandTemplate(QStringLiteral("on_request"), QStringLiteral("th")),
+                 QStringLiteral("codex -a on-request exec resume --json --skip-git-repo-check 'th' {{prompt}}"));
+    }
+
+    void codexOverridesEscapeValues()
+    {
+        QCOMPARE(codexMCPConfigOverrides(QStringLiteral("t1"), QStringLiteral("/a b/it's"), m_connection),
+                 QStringLiteral(" -c 'mcp_servers.approver.command=\"/a b/it'\"'\"'s\"'"
+                                " -c 'mcp_servers.approver.args=[]'"
+                                " -c 'mcp_servers.approver.env.BRINMOOR_SERVER_URL=\"http://127.0.0.1:8080\"'"
+                                " -c 'mcp_servers.approver.env.BRINMOOR_TASK_ID=\"t1\"'"
+                                " -c 'mcp_servers.approver.env.BRINMOOR_TOKEN=\"tok\\\"en\\\\\"'"));
+    }
+
+    void mcpConfigIsOwnerOnlyJson()
+    {
+        const QString path = writeMCPConfig(QStringLiteral("t9"), m_approver, m_connection, m_tmp.path());
+        QCOMPARE(path, m_tmp.path() + QStringLiteral("/brinmoor-mcp-t9.json"));
+        QCOMPARE(test::fileMode(path), 0600);
+        const QJsonObject approver = QJsonDocument::fromJson(test::readFile(path))
+                                         .object()
+                                         .value(QStringLiteral("mcpServers"))
+                                         .toObject()
+                                         .value(QStringLiteral("approver"))
+                                         .toObject();
+        QCOMPARE(approver.value(QStringLiteral("command")).toString(), m_approver);
+        QCOMPARE(approver.value(QStringLiteral("args")).toArray(), QJsonArray());
+        QCOMPARE(approver.value(QStringLiteral("env")).toObject(),
+                 (QJsonObject{{QStringLiteral("BRINMOOR_SERVER_URL"), QStringLiteral("http://127.0.0.1:8080")},
+                              {QStringLiteral("BRINMOOR_TASK_ID"), QStringLiteral("t9")},
+                              {QStringLiteral("BRINMOOR_TOKEN"), m_connection.token}}));
+        QFile::remove(path);
+    }
+
+    void mcpConfigNeverFollowsALinkOrLeavesTheFolder()
+    {
+        const QString target = m_tmp.path() + QStringLiteral("/target");
+        test::writeFile(target, "keep");
+        QVERIFY(QFile::link(target, m_tmp.path() + QStringLiteral("/brinmoor-mcp-x.json")));
+        const QString path = writeMCPConfig(QStringLiteral("x"), m_approver, m_connection, m_tmp.path());
+        QCOMPARE(test::readFile(target), QByteArray("keep"));
+        QVERIFY(!QFileInfo(path).isSymLink());
+        QFile::remove(path);
+        const QString odd = writeMCPConfig(QStringLiteral("../../etc/x"), m_approver, m_connection, m_tmp.path());
+        QCOMPARE(odd, m_tmp.path() + QStringLiteral("/brinmoor-mcp-.._.._etc_x.json"));
+        QFile::remove(odd);
+    }
+
+    void unwritableFolderFailsTheResolution()
+    {
+        try {
+            writeMCPConfig(QStringLiteral("t"), m_approver, m_connection, QStringLiteral("/nonexistent-dir"));
+            QFAIL("no error");
+        } catch (const AgentError& error) {
+            QCOMPARE(error.code, 14);
+            QCOMPARE(error.message, QStringLiteral("failed to write MCP configuration /nonexistent-dir/brinmoor-mcp-t.json: "
+                                                   "No such file or directory"));
+        }
+    }
+
+    void missingProjectPathOrPrompt()
+    {
+        ChatSessions sessions;
+        try {
+            resolve(sessions, QStringLiteral("claude"), QStringLiteral(" "), QStringLiteral("x"), QString(), QString());
+            QFAIL("no error");
+        } catch (const AgentError& error) {
+            QCOMPARE(error.code, 7);
+            QCOMPARE(error.message, QStringLiteral("Missing projectPath"));
+        }
+        try {
+            resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("  "), QString(), QString());
+            QFAIL("no error");
+        } catch (const AgentError& error) {
+            QCOMPARE(error.code, 8);
+            QCOMPARE(error.message, QStringLiteral("Missing prompt"));
+        }
+    }
+
+    void claudeWithApproverUsesTheTemplateAndANewSession()
+    {
+        ChatSessions sessions;
+        DiagRecorder log;
+        const ChatResolution r =
+            resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("it's"), QStringLiteral("c1"), QString());
+        QVERIFY(r.mcpConfigPath);
+        QCOMPARE(r.workingDir, m_repo.path() + QStringLiteral("/App"));
+        QCOMPARE(r.shell, QStringLiteral("claude --session-id 'c1' -p --verbose --permission-prompt-tool "
+                                         "mcp__approver__request_permission --mcp-config ") +
+                              shellQuote(*r.mcpConfigPath) + QStringLiteral(" --output-format stream-json ") +
+                              scoped(QStringLiteral("App"), QStringLiteral("it's")));
+        QCOMPARE(log.texts(),
+                 (QStringList{QStringLiteral("resolveChatExecution using Claude MCP approval approverPath=") + m_approver,
+                              QStringLiteral("resolveChatExecution projectPath=App workspace=") + m_repo.path() +
+                                  QStringLiteral("/App system=claude approvalMode=on_request")}));
+        QFile::remove(*r.mcpConfigPath);
+    }
+
+    void secondClaudeMessageResumesOnlyInTheSameProject()
+    {
+        ChatSessions sessions;
+        sessions.markChatSessionEstablished(QStringLiteral("App::c1"));
+        const ChatResolution same =
+            resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("again"), QStringLiteral("c1"), QStringLiteral("none"));
+        QVERIFY(same.shell.startsWith(QStringLiteral("claude --resume 'c1' --dangerously-skip-permissions")));
+        const ChatResolution other =
+            resolve(sessions, QStringLiteral("claude"), QStringLiteral("Other"), QStringLiteral("again"), QStringLiteral("c1"), QStringLiteral("none"));
+        QVERIFY(other.shell.startsWith(QStringLiteral("claude --session-id 'c1' --dangerously-skip-permissions")));
+        QVERIFY(!other.mcpConfigPath);
+    }
+
+    void claudeWithoutApproverFallsBackToSkippingPermissions()
+    {
+        AgentProfile saved = m_profile;
+        m_profile.mcpApproverPath = m_repo.path() + QStringLiteral("/missing/MCPApprovalServer");
+        ChatSessions sessions;
+        DiagRecorder log;
+        const ChatResolution r =
+            resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("hi"), QString(), QStringLiteral("on_request"));
+        QCOMPARE(r.shell, QStringLiteral("claude --dangerously-skip-permissions -p --verbose --output-format stream-json ") +
+                              scoped(QStringLiteral("App"), QStringLiteral("hi")));
+        QCOMPARE(log.texts().first(), QStringLiteral("resolveChatExecution MCPApprovalServer not found at ") +
+                                          m_profile.mcpApproverPath +
+                                          QStringLiteral(", falling back to Claude --dangerously-skip-permissions"));
+        m_profile = saved;
+    }
+
+    void claudeApprovalNoneSkipsPermissions()
+    {
+        ChatSessions sessions;
+        DiagRecorder log;
+        const ChatResolution r =
+            resolve(sessions, QStringLiteral("CLAUDE "), QStringLiteral("App"), QStringLiteral("hi"), QString(), QStringLiteral("NONE"));
+        QVERIFY(r.shell.startsWith(QStringLiteral("claude --dangerously-skip-permissions -p")));
+        QCOMPARE(log.texts().first(),
+                 QStringLiteral("resolveChatExecution approvalMode=none, running Claude chat without MCP approval"));
+    }
+
+    void codexApprovalNoneRunsFullAuto()
+    {
+        ChatSessions sessions;
+        DiagRecorder log;
+        const ChatResolution r =
+            resolve(sessions, QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("it's"), QStringLiteral("c"), QStringLiteral("none"));
+        QCOMPARE(r.shell, QStringLiteral("codex exec --full-auto --json --skip-git-repo-check --color never ") +
+                              scoped(QStringLiteral("App"), QStringLiteral("it's")));
+        QCOMPARE(log.texts().first(), QStringLiteral("resolveChatExecution using native Codex approvalMode=none"));
+    }
+
+    void codexWithApproverCarriesOverridesAndThePolicy()
+    {
+        ChatSessions sessions;
+        DiagRecorder log;
+        const ChatResolution r =
+            resolve(sessions, QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("go"), QStringLiteral("c"), QString());
+        QCOMPARE(r.shell, QStringLiteral("codex exec --json --skip-git-repo-check --color never ") +
+                              shellQuote(systemPolicy + workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("go"))) +
+                              codexMCPConfigOverrides(QStringLiteral("task-1"), m_approver, m_connection));
+        QCOMPARE(log.texts().first(), QStringLiteral("resolveChatExecution using Codex MCP approval approverPath=") + m_approver);
+        QVERIFY(!r.mcpConfigPath);
+    }
+
+    void codexResumesTheRecordedThread()
+    {
+        ChatSessions sessions;
+        sessions.recordCodexThreadID(QStringLiteral("th-9"), QStringLiteral(" c "), QStringLiteral("App "));
+        const ChatResolution gated =
+            resolve(sessions, QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("go"), QStringLiteral("c"), QString());
+        QVERIFY(gated.shell.startsWith(QStringLiteral("codex exec resume --json --skip-git-repo-check 'th-9' 'System policy")));
+        const ChatResolution native =
+            resolve(sessions, QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("go"), QStringLiteral("c"), QStringLiteral("none"));
+        QCOMPARE(native.shell, QStringLiteral("codex exec resume --json --skip-git-repo-check 'th-9' ") +
+                                   scoped(QStringLiteral("App"), QStringLiteral("go")));
+    }
+};
+
+QTEST_GUILESS_MAIN(TstChatExecution)
+#include "tst_chat_execution.moc"

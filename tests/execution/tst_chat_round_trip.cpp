@@ -1,0 +1,287 @@
+// Chats end to end: a loopback server assigns "chat" tasks to a real agent runtime,
+// which runs fake `claude` and `codex` executables (first on PATH) that record their
+// arguments and print event streams shaped like the real tools' output.
+#include "execution/chat_execution.h"
+#include "support/agent_fixture.h"
+#include "support/test_support.h"
+
+#include <QDir>
+#include <QJsonArray>
+#include <QTest>
+
+using namespace brinmoor;
+using namespace brinmoor::test;
+
+namespace {
+
+const char kPause = '\x01'; // the fake tool flushes and pauses here
+
+QByteArray claudeStream()
+{
+    QByteArray stream;
+    stream += R"({"type":"system","subtype":"init","session_id":"s"})" "\n";
+    // One JSON line split across two writes.
+    stream += R"({"type":"assistant","message":{"content":[{"type":"text",)";
+    stream += kPause;
+    stream += R"("text":"Hel"}]}})" "\n";
+    stream += kPause;
+    // Terminal noise around the braces.
+    stream += "\x1b[0m" R"({"type":"assistant","message":{"content":[{"type":"text","text":"Hello, it's done."}]}})" " \x1b[K\n";
+    stream += R"({"type":"assistant","message":{"content":[{"type":"tool_result","is_error":true,"tool_name":"Bash","content":"denied"}]}})" "\n";
+    stream += R"({"type":"result","subtype":"success","is_error":false,"result":"Hello, it's done.","session_id":"s"})" "\n";
+    return stream;
+}
+
+QByteArray codexStream()
+{
+    QByteArray stream;
+    stream += R"({"type":"thread.started","thread_id":"th-123"})" "\n";
+    stream += R"({"type":"turn.started"})" "\n";
+    stream += R"({"type":"item.started","item":{"type":"command_execution","command":"ls"}})" "\n";
+    stream += R"({"type":"item.completed","item":{"type":"agent_message","text":"First."}})" "\n";
+    stream += kPause;
+    stream += R"({"type":"item.completed","item":{"type":"agent_message","text":"Second."}})" "\n";
+    stream += R"({"type":"turn.completed"})" "\n";
+    return stream;
+}
+
+} // namespace
+
+class TstChatRoundTrip : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir m_fake;
+    QTemporaryDir m_tmp;
+    QString m_approver;
+
+    void write(const QString& name, const QByteArray& content) { test::writeFile(m_fake.path() + QLatin1Char('/') + name, content); }
+
+    QJsonObject chat(const QString& system, const QString& project, const QString& prompt, const QString& conversation,
+                     const QString& approval = QStringLiteral("on_request"))
+    {
+        return {{QStringLiteral("action"), QStringLiteral("chat")}, {QStringLiteral("system"), system},
+                {QStringLiteral("projectPath"), project}, {QStringLiteral("prompt"), prompt},
+                {QStringLiteral("conversationId"), conversation}, {QStringLiteral("approvalMode"), approval}};
+    }
+
+    QStringList chatTrace(AgentFixture& f, const QString& taskId)
+    {
+        QStringList trace;
+        for (const QJsonObject& m : f.server.messages()) {
+            if (m.value(QStringLiteral("taskId")).toString() != taskId)
+                continue;
+            const QString type = m.value(QStringLiteral("type")).toString();
+            if (type == QLatin1String("task.chat.chunk"))
+                trace.append(QStringLiteral("chunk ") + m.value(QStringLiteral("chunk")).toString());
+            else if (type == QLatin1String("task.chat.final"))
+                trace.append(QStringLiteral("final ") + m.value(QStringLiteral("text")).toString());
+            else if (type == QLatin1String("task.chat.error"))
+                trace.append(QStringLiteral("error ") + m.value(QStringLiteral("message")).toString());
+            else if (type == QLatin1String("task.log"))
+                trace.append(QStringLiteral("log ") + m.value(QStringLiteral("line")).toString());
+            else if (type == QLatin1String("task.failed"))
+                trace.append(QStringLiteral("failed ") + m.value(QStringLiteral("errorCode")).toString() + QLatin1Char(' ') +
+                             QString::number(m.value(QStringLiteral("exitCode")).toInt()));
+            else if (type != QLatin1String("task.heartbeat"))
+                trace.append(type);
+            if (m.contains(QStringLiteral("conversationId")))
+                trace.last() += QStringLiteral(" [") + m.value(QStringLiteral("conversationId")).toString() + QLatin1Char(']');
+        }
+        return trace;
+    }
+
+    QStringList mcpFiles() const
+    {
+        return QDir(m_tmp.path()).entryList({QStringLiteral("brinmoor-mcp-*")}, QDir::Files | QDir::Hidden);
+    }
+
+    void setUpAgent(AgentFixture& f, bool withApprover = true)
+    {
+        QDir().mkpath(f.repo.path() + QStringLiteral("/App"));
+        QDir().mkpath(f.repo.path() + QStringLiteral("/Other"));
+        if (withApprover)
+            f.settings.setValue(QStringLiteral("mcpApproverPath"), m_approver);
+        else
+            f.settings.setValue(QStringLiteral("mcpApproverPath"), QString(m_fake.path() + QStringLiteral("/none")));
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        qputenv("PATH", (fakeToolsDir() + QLatin1Char(':')).toUtf8() + qgetenv("PATH"));
+        qputenv("TMPDIR", m_tmp.path().toUtf8());
+        m_approver = test::writeFile(m_tmp.path() + QStringLiteral("/approver/MCPApprovalServer"), "#!/bin/sh\n");
+        QFile::setPermissions(m_approver, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    }
+
+    void init()
+    {
+        QDir(m_fake.path()).removeRecursively();
+        QDir().mkpath(m_fake.path());
+        qputenv("BRINMOOR_FAKE_DIR", m_fake.path().toUtf8());
+    }
+
+    void claudeChatStreamsChunksAndResumesItsSession()
+    {
+        AgentFixture f;
+        setUpAgent(f);
+        write(QStringLiteral("claude.stream"), claudeStream());
+        QVERIFY(f.connect());
+        f.assign(QStringLiteral("c1"), chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("Say it's done"), QStringLiteral("conv-1")));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("c1")));
+        const QString workingDir = f.repo.path() + QStringLiteral("/App");
+        QCOMPARE(chatTrace(f, QStringLiteral("c1")),
+                 (QStringList{QStringLiteral("log workspace.resolve action=chat requestedProjectPath=App resolvedWorkingDir=") + workingDir,
+                              QStringLiteral("task.started"),
+                              QStringLiteral("chunk Hel [conv-1]"),
+                              QStringLiteral("chunk lo, it's done. [conv-1]"),
+                              QStringLiteral("log [tool.error] Bash: denied"),
+                              QStringLiteral("final Hello, it's done. [conv-1]"),
+                              QStringLiteral("task.finished")}));
+
+        // The exact command line, the prompt with its quote intact.
+        const QStringList args = fakeToolArguments(m_fake.path(), QStringLiteral("claude"), 1);
+        const QString configPath = m_tmp.path() + QStringLiteral("/brinmoor-mcp-c1.json");
+        QCOMPARE(args, (QStringList{QStringLiteral("--session-id"), QStringLiteral("conv-1"), QStringLiteral("-p"),
+                                    QStringLiteral("--verbose"), QStringLiteral("--permission-prompt-tool"),
+                                    QStringLiteral("mcp__approver__request_permission"), QStringLiteral("--mcp-config"),
+                                    configPath, QStringLiteral("--output-format"), QStringLiteral("stream-json"),
+                                    ChatExecution::workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("Say it's done"))}));
+        QCOMPARE(test::readFile(m_fake.path() + QStringLiteral("/claude.1.cwd")), (workingDir + QLatin1Char('\n')).toUtf8());
+        // The configuration existed, owner-only, while the tool ran, and is gone now.
+        QCOMPARE(test::readFile(m_fake.path() + QStringLiteral("/claude.1.mcpmode")), QByteArray("600\n"));
+        QVERIFY(test::readFile(m_fake.path() + QStringLiteral("/claude.1.mcp")).contains("\"BRINMOOR_TOKEN\": \"secret-token\""));
+        QCOMPARE(mcpFiles(), QStringList());
+
+        // The second message of the conversation resumes the session.
+        f.assign(QStringLiteral("c2"), chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("more"), QStringLiteral("conv-1")));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("c2")));
+        QCOMPARE(fakeToolArguments(m_fake.path(), QStringLiteral("claude"), 2).mid(0, 3),
+                 (QStringList{QStringLiteral("--resume"), QStringLiteral("conv-1"), QStringLiteral("-p")}));
+
+        // The same conversation id under another project starts a new session.
+        f.assign(QStringLiteral("c3"), chat(QStringLiteral("claude"), QStringLiteral("Other"), QStringLiteral("hi"), QStringLiteral("conv-1")));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("c3")));
+        QCOMPARE(fakeToolArguments(m_fake.path(), QStringLiteral("claude"), 3).mid(0, 2),
+                 (QStringList{QStringLiteral("--session-id"), QStringLiteral("conv-1")}));
+        QCOMPARE(mcpFiles(), QStringList());
+    }
+
+    void claudeFailureReportsChatErrorThenFailed()
+    {
+        AgentFixture f;
+        setUpAgent(f);
+        write(QStringLiteral("claude.stream"),
+              R"({"type":"error","message":"overloaded"})" "\n" R"({"type":"error","message":"overloaded"})" "\n");
+        write(QStringLiteral("claude.stderr"), "boom");
+        write(QStringLiteral("claude.exit"), "2");
+        QVERIFY(f.connect());
+        f.assign(QStringLiteral("e"), chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("x"), QStringLiteral("conv-e")));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("e")));
+        QCOMPARE(chatTrace(f, QStringLiteral("e")).mid(2),
+                 (QStringList{QStringLiteral("log [stream.error] overloaded"), QStringLiteral("log boom"),
+                              QStringLiteral("error command exited with status 2 [conv-e]"),
+                              QStringLiteral("failed COMMAND_EXIT_NONZERO 2")}));
+        QCOMPARE(mcpFiles(), QStringList());
+        // A failed first message leaves the session new.
+        write(QStringLiteral("claude.exit"), "0");
+        f.assign(QStringLiteral("e2"), chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("x"), QStringLiteral("conv-e")));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("e2")));
+        QCOMPARE(fakeToolArguments(m_fake.path(), QStringLiteral("claude"), 2).first(), QStringLiteral("--session-id"));
+    }
+
+    void claudeWithoutApproverRunsWithoutPermissions()
+    {
+        AgentFixture f;
+        setUpAgent(f, false);
+        QVERIFY(f.connect());
+        f.assign(QStringLiteral("n"), chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("x"), QString()));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("n")));
+        QCOMPARE(fakeToolArguments(m_fake.path(), QStringLiteral("claude"), 1).mid(0, 5),
+                 (QStringList{QStringLiteral("--dangerously-skip-permissions"), QStringLiteral("-p"), QStringLiteral("--verbose"),
+                              QStringLiteral("--output-format"), QStringLiteral("stream-json")}));
+        // Nothing printed at all: no final text, but the task finishes.
+        QCOMPARE(chatTrace(f, QStringLiteral("n")).mid(1), (QStringList{QStringLiteral("task.started"), QStringLiteral("task.finished")}));
+    }
+
+    void codexChatJoinsMessagesAndResumesItsThread()
+    {
+        AgentFixture f;
+        setUpAgent(f);
+        write(QStringLiteral("codex.stream"), codexStream());
+        QVERIFY(f.connect());
+        f.assign(QStringLiteral("x1"), chat(QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("list"), QStringLiteral("conv-x"),
+                                            QStringLiteral("none")));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("x1")));
+        QCOMPARE(chatTrace(f, QStringLiteral("x1")).mid(1),
+                 (QStringList{QStringLiteral("task.started"), QStringLiteral("chunk First. [conv-x]"),
+                              QStringLiteral("log [command] ls"), QStringLiteral("chunk \nSecond. [conv-x]"),
+                              QStringLiteral("final First.\nSecond. [conv-x]"), QStringLiteral("task.finished")}));
+        const QString prompt = ChatExecution::workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("list"));
+        QCOMPARE(fakeToolArguments(m_fake.path(), QStringLiteral("codex"), 1),
+                 (QStringList{QStringLiteral("exec"), QStringLiteral("--full-auto"), QStringLiteral("--json"),
+                              QStringLiteral("--skip-git-repo-check"), QStringLiteral("--color"), QStringLiteral("never"), prompt}));
+
+        f.assign(QStringLiteral("x2"), chat(QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("again"), QStringLiteral("conv-x"),
+                                            QStringLiteral("none")));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("x2")));
+        QCOMPARE(fakeToolArguments(m_fake.path(), QStringLiteral("codex"), 2),
+                 (QStringList{QStringLiteral("exec"), QStringLiteral("resume"), QStringLiteral("--json"),
+                              QStringLiteral("--skip-git-repo-check"), QStringLiteral("th-123"),
+                              ChatExecution::workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("again"))}));
+    }
+
+    void codexWithApproverGetsTheOverridesAndPolicy()
+    {
+        AgentFixture f;
+        setUpAgent(f);
+        QVERIFY(f.connect());
+        DiagRecorder log;
+        f.assign(QStringLiteral("g"), chat(QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("edit"), QStringLiteral("c")));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("g")));
+        const QStringList args = fakeToolArguments(m_fake.path(), QStringLiteral("codex"), 1);
+        QCOMPARE(args.mid(0, 6), (QStringList{QStringLiteral("exec"), QStringLiteral("--json"), QStringLiteral("--skip-git-repo-check"),
+                                              QStringLiteral("--color"), QStringLiteral("never"),
+                                              ChatExecution::systemPolicy +
+                                                  ChatExecution::workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("edit"))}));
+        QCOMPARE(args.mid(6), (QStringList{QStringLiteral("-c"), QStringLiteral("mcp_servers.approver.command=\"") + m_approver + QLatin1Char('"'),
+                                           QStringLiteral("-c"), QStringLiteral("mcp_servers.approver.args=[]"),
+                                           QStringLiteral("-c"), QStringLiteral("mcp_servers.approver.env.BRINMOOR_SERVER_URL=\"") + f.server.serverURL() + QLatin1Char('"'),
+                                           QStringLiteral("-c"), QStringLiteral("mcp_servers.approver.env.BRINMOOR_TASK_ID=\"g\""),
+                                           QStringLiteral("-c"), QStringLiteral("mcp_servers.approver.env.BRINMOOR_TOKEN=\"secret-token\"")}));
+        // The log shows the command with the token masked.
+        const QStringList lines = log.texts().filter(QStringLiteral("task.assign resolved chat"));
+        QCOMPARE(lines.size(), 1);
+        QVERIFY(!lines.first().contains(QStringLiteral("secret-token")));
+        QVERIFY(lines.first().contains(QStringLiteral("BRINMOOR_TOKEN=\"secr…\"")));
+    }
+
+    void chatWithoutPromptIsAConfigError()
+    {
+        AgentFixture f;
+        setUpAgent(f);
+        QVERIFY(f.connect());
+        f.assign(QStringLiteral("p"), chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral(" "), QStringLiteral("c")));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("p")));
+        QCOMPARE(f.taskTrace(QStringLiteral("p")), QStringList{QStringLiteral("task.failed AGENT_CONFIG_INVALID 1 Missing prompt")});
+        QCOMPARE(mcpFiles(), QStringList());
+    }
+
+    void lostConnectionRemovesTheMcpConfiguration()
+    {
+        AgentFixture f;
+        setUpAgent(f);
+        write(QStringLiteral("claude.stream"), QByteArray(R"({"type":"system"})" "\n") + kPause + kPause + kPause + kPause + kPause +
+                                                   kPause + kPause + kPause + kPause + kPause + kPause + kPause + kPause);
+        QVERIFY(f.connect());
+        f.assign(QStringLiteral("l"), chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("x"), QStringLiteral("c")));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.started"), QStringLiteral("l")));
+        QCOMPARE(mcpFiles(), QStringList{QStringLiteral("brinmoor-mcp-l.json")});
+        f.server.closeClient();
+        QVERIFY(waitUntil([&] { return !f.runtime->currentTaskId(); }));
+        QCOMPARE(mcpFiles(), QStringList());
+    }
+};
+
+QTEST_GUILESS_MAIN(TstChatRoundTrip)
+#include "tst_chat_round_trip.moc"
