@@ -11,6 +11,8 @@
 #include <QUrlQuery>
 #include <QWebSocket>
 
+#include <limits>
+
 namespace brinmoor {
 
 namespace {
@@ -56,6 +58,11 @@ AgentRuntime::AgentRuntime(SettingsStore& defaults, Environment env, Machine mac
     m_connectTimeout.setInterval(kConnectTimeoutMilliseconds);
     connect(&m_connectTimeout, &QTimer::timeout, this, [this] {
         onSocketLost(QStringLiteral("the server did not answer within 60 seconds"));
+    });
+    m_approvalTimeout.setSingleShot(true);
+    connect(&m_approvalTimeout, &QTimer::timeout, this, [this] {
+        // A time-out counts as a rejection.
+        resolvePendingApproval(false);
     });
     m_heartbeatTimer.setInterval(kHeartbeatMilliseconds);
     m_heartbeatTimer.setTimerType(Qt::PreciseTimer);
@@ -267,10 +274,24 @@ void AgentRuntime::reloadConfiguration()
     QTimer::singleShot(0, this, &AgentRuntime::sendRegisterMessage);
 }
 
+void AgentRuntime::waitForApproval(const QString& taskId, qint64 timeoutSec,
+                                   std::function<void(bool)> done)
+{
+    if (testWaitForApprovalHook) {
+        testWaitForApprovalHook(taskId, timeoutSec, std::move(done));
+        return;
+    }
+    m_pendingApprovalTaskId = taskId;
+    m_pendingApprovalContinuation = std::move(done);
+    const qint64 limit = std::numeric_limits<int>::max();
+    m_approvalTimeout.start(timeoutSec <= 0 ? 0 : int(qMin(timeoutSec * 1000, limit)));
+}
+
 void AgentRuntime::resolvePendingApproval(bool approved)
 {
     if (!m_pendingApprovalContinuation)
         return;
+    m_approvalTimeout.stop();
     // Clear the slot before resuming, so the waiter is resumed exactly once.
     std::function<void(bool)> continuation = std::move(m_pendingApprovalContinuation);
     m_pendingApprovalContinuation = nullptr;

@@ -68,7 +68,12 @@ public:
     void stopRunningProcessIfAny(bool cancelled) { m_runner->stopRunningProcessIfAny(cancelled); }
     void cleanupFinishedTask() { m_runner->cleanupFinishedTask(); }
 
-    // --- approval slot ---
+    // --- AI tasks and the approval slot ---
+    // Runs an "ai_task": a proposal in a workspace copy, or the command directly.
+    void runAITask(const TaskAssignment& task, const ResolvedExecution& resolved);
+    // Waits for the phone's "task.approval" of the task, or `timeoutSec`; `done` gets
+    // true only for an approval in time. A wait stored earlier is replaced.
+    void waitForApproval(const QString& taskId, qint64 timeoutSec, std::function<void(bool)> done);
     void resolvePendingApproval(bool approved);
     bool hasPendingApproval() const { return static_cast<bool>(m_pendingApprovalContinuation); }
     const std::optional<QString>& pendingApprovalTaskId() const { return m_pendingApprovalTaskId; }
@@ -94,6 +99,14 @@ public:
     std::function<void(const QString& shell, const QString& workingDir,
                        std::function<void(ShellExecutionResult)> done)>
         testShellCaptureHook;
+    // Returns the copy's path, or throws AgentError.
+    std::function<QString(const QString& projectPath, const QString& taskId)> testProposalWorkspaceHook;
+    // Returns the diff, or throws AgentError.
+    std::function<QString(const QString& original, const QString& proposal)> testWorkspaceDiffHook;
+    // Returns, or throws AgentError.
+    std::function<void(const QString& diff, const QString& workingDir)> testApplyDiffHook;
+    std::function<void(const QString& taskId, qint64 timeoutSec, std::function<void(bool)> done)>
+        testWaitForApprovalHook;
 
 private:
     void attemptConnect();
@@ -124,6 +137,7 @@ private:
 
     std::optional<QString> m_pendingApprovalTaskId;
     std::function<void(bool)> m_pendingApprovalContinuation;
+    QTimer m_approvalTimeout;
     std::optional<QString> m_currentMCPConfigPath;
     ChatSessions m_chatSessions;
 };

@@ -9,6 +9,8 @@
 #include "config/connection_settings.h"
 #include "execution/agent_error.h"
 #include "execution/execution_resolution.h"
+#include "proposals/ai_task_resolution.h"
+#include "proposals/codex_apply_task.h"
 
 namespace brinmoor {
 
@@ -105,6 +107,24 @@ void AgentRuntime::routeTask(const TaskAssignment& task)
         return;
     }
 
+    if (task.action == QLatin1String("ai_task")) {
+        const AITaskExecutionStrategy strategy =
+            AITaskResolution::aiTaskExecutionStrategy(task.system, task.mode, task.approvalMode);
+        const ResolvedExecution resolved =
+            AITaskResolution::resolveAITaskExecution(profile, task.system, task.mode, task.projectPath, task.prompt);
+        sendJSON(Messages::taskLog(
+            task.taskId, QStringLiteral("workspace.resolve action=ai_task requestedProjectPath=") + task.projectPath +
+                             QStringLiteral(" resolvedWorkingDir=") + resolved.workingDir + QStringLiteral(" system=") +
+                             ExecutionResolution::normalizeAISystem(task.system) + QStringLiteral(" mode=") +
+                             task.mode.value_or(QString()).trimmed().toLower() + QStringLiteral(" approvalMode=") +
+                             ExecutionResolution::normalizeApprovalMode(task.approvalMode) +
+                             QStringLiteral(" strategy=") + strategy.description()));
+        diag(QStringLiteral("task.assign ai_task strategy=") + strategy.description() + QStringLiteral(" workingDir=") +
+             resolved.workingDir);
+        runAITask(task, resolved);
+        return;
+    }
+
     if (task.action == QLatin1String("shell")) {
         const ResolvedExecution resolved =
             ExecutionResolution::resolveShellExecution(profile, task.command, task.projectPath);
@@ -132,6 +152,34 @@ void AgentRuntime::routeTask(const TaskAssignment& task)
                                                 resolved.workingDir));
     request.shell = resolved.shell;
     request.workingDir = resolved.workingDir;
+    m_runner->runTask(request);
+}
+
+void AgentRuntime::runAITask(const TaskAssignment& task, const ResolvedExecution& resolved)
+{
+    const AITaskExecutionStrategy strategy =
+        AITaskResolution::aiTaskExecutionStrategy(task.system, task.mode, task.approvalMode);
+    if (strategy.isProposal()) {
+        // The task is busy from here: the copy comes before any child runs.
+        m_runner->setCurrentTaskId(task.taskId);
+        auto* proposal = new CodexApplyTask(
+            *this, {task.taskId, resolved.shell, resolved.workingDir, task.timeoutSec, strategy.requiresApproval});
+        proposal->start();
+        return;
+    }
+    reportStatus(QStringLiteral("Running AI task ") + task.taskId.left(8));
+    sendJSON(Messages::taskStarted(task.taskId));
+    sendJSON(Messages::taskProgress(task.taskId, QStringLiteral("prepare"),
+                                    QStringLiteral("AI task accepted (") + task.mode.value_or(QString()).toLower() +
+                                        QLatin1Char(')'),
+                                    5));
+    sendJSON(Messages::taskArtifact(task.taskId, QStringLiteral("prompt"), task.prompt, QStringLiteral("text/plain")));
+    RunRequest request;
+    request.taskId = task.taskId;
+    request.shell = resolved.shell;
+    request.workingDir = resolved.workingDir;
+    request.timeoutSec = task.timeoutSec;
+    request.sendStarted = false; // already announced
     m_runner->runTask(request);
 }
 

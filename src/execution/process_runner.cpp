@@ -280,7 +280,8 @@ void ProcessRunner::onExited(int status)
 
 void ProcessRunner::executeShellCapture(const QString& shell, const QString& workingDir,
                                         bool requiresTTY, bool registerAsCurrentProcess,
-                                        std::function<void(ShellExecutionResult)> done)
+                                        std::function<void(ShellExecutionResult)> done,
+                                        std::function<void(const QString&)> onOutput)
 {
     if (m_runtime.testShellCaptureHook) {
         m_runtime.testShellCaptureHook(shell, workingDir, std::move(done));
@@ -290,8 +291,11 @@ void ProcessRunner::executeShellCapture(const QString& shell, const QString& wor
     if (registerAsCurrentProcess)
         m_child = child;
     auto output = std::make_shared<QString>();
-    connect(child, &ChildProcess::standardOutput, child,
-            [output](const QString& text) { *output += text; });
+    connect(child, &ChildProcess::standardOutput, child, [output, onOutput](const QString& text) {
+        *output += text;
+        if (onOutput)
+            onOutput(text);
+    });
     connect(child, &ChildProcess::exited, child, [this, child, output, done](int status) {
         if (m_child == child)
             m_child = nullptr;

@@ -61,10 +61,12 @@ public:
 
     // Runs a shell text to completion with standard output and error merged, and
     // hands the result to `done`. With `registerAsCurrentProcess` the child is the
-    // task's process while it runs, so a cancellation stops it.
+    // task's process while it runs, so a cancellation stops it. `onOutput`, when set,
+    // sees each decoded piece of output as it is read.
     void executeShellCapture(const QString& shell, const QString& workingDir, bool requiresTTY,
                              bool registerAsCurrentProcess,
-                             std::function<void(ShellExecutionResult)> done);
+                             std::function<void(ShellExecutionResult)> done,
+                             std::function<void(const QString&)> onOutput = {});
 
     // Sends one decoded piece of output: a "task.log" per line (empty lines too), then
     // for chats one "task.chat.chunk" with the sanitized text.
