@@ -151,7 +151,9 @@ ResolvedExecution resolveShellExecution(const AgentProfile& profile, const QStri
 
 QString normalizeApprovalMode(const std::optional<QString>& mode)
 {
-    if (mode && mode->trimmed().toLower() == QLatin1String("none"))
+    // "never" (never ask) means no approval step, as the phone's ai_task settings use it.
+    const QString normalized = mode ? mode->trimmed().toLower() : QString();
+    if (normalized == QLatin1String("none") || normalized == QLatin1String("never"))
         return QStringLiteral("none");
     return QStringLiteral("on_request");
 }

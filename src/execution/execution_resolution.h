@@ -49,7 +49,7 @@ ResolvedExecution resolveExecution(const AgentProfile& profile, const QString& a
 ResolvedExecution resolveShellExecution(const AgentProfile& profile, const QString& command,
                                         const QString& projectPath);
 
-// "none" or "on_request".
+// "none" (also for "never") or "on_request".
 QString normalizeApprovalMode(const std::optional<QString>& mode);
 // "claude" or "codex".
 QString normalizeAISystem(const std::optional<QString>& system);

@@ -191,6 +191,7 @@ private Q_SLOTS:
         QCOMPARE(normalizeAISystem(QStringLiteral("gemini")), QStringLiteral("codex"));
         QCOMPARE(normalizeAISystem(std::nullopt), QStringLiteral("codex"));
         QCOMPARE(normalizeApprovalMode(QStringLiteral("NONE")), QStringLiteral("none"));
+        QCOMPARE(normalizeApprovalMode(QStringLiteral(" Never ")), QStringLiteral("none"));
         QCOMPARE(normalizeApprovalMode(QStringLiteral("always")), QStringLiteral("on_request"));
         QCOMPARE(normalizeApprovalMode(std::nullopt), QStringLiteral("on_request"));
     }
