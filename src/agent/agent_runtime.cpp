@@ -3,6 +3,7 @@
 #include "agent/diag.h"
 #include "agent/messages.h"
 #include "config/settings_store.h"
+#include "terminal/terminal_session_manager.h"
 
 #include <QDir>
 #include <QFile>
@@ -110,6 +111,11 @@ void AgentRuntime::start()
 void AgentRuntime::stop()
 {
     diag(QStringLiteral("stop requested"));
+    if (m_terminalSessionManager) {
+        const QStringList sessions = m_terminalSessionManager->sessionIds();
+        for (const QString& sessionId : sessions)
+            m_terminalSessionManager->close(sessionId);
+    }
     resolvePendingApproval(false);
     m_reconnectTimer.stop();
     m_connectTimeout.stop();
@@ -297,6 +303,16 @@ void AgentRuntime::resolvePendingApproval(bool approved)
     m_pendingApprovalContinuation = nullptr;
     m_pendingApprovalTaskId.reset();
     continuation(approved);
+}
+
+TerminalSessionManager& AgentRuntime::terminalSessionManager()
+{
+    if (!m_terminalSessionManager) {
+        m_terminalSessionManager = new TerminalSessionManager(
+            [this] { return loadProfile(); }, [this](const QJsonObject& event) { sendJSON(event); },
+            [](const QString& line) { diag(line); }, &m_flow, this);
+    }
+    return *m_terminalSessionManager;
 }
 
 QString AgentRuntime::temporaryFolder() const

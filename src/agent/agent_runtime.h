@@ -23,6 +23,7 @@ class QWebSocket;
 namespace brinmoor {
 
 class SettingsStore;
+class TerminalSessionManager;
 struct AgentCommand;
 struct TaskAssignment;
 
@@ -78,6 +79,11 @@ public:
     bool hasPendingApproval() const { return static_cast<bool>(m_pendingApprovalContinuation); }
     const std::optional<QString>& pendingApprovalTaskId() const { return m_pendingApprovalTaskId; }
 
+    // --- terminal sessions ---
+    // Created on first use; sessions outlive reconnections.
+    TerminalSessionManager& terminalSessionManager();
+    bool hasTerminalSessionManager() const { return m_terminalSessionManager != nullptr; }
+
     // --- chat bookkeeping ---
     ChatSessions& chatSessions() { return m_chatSessions; }
     // Deletes the current task's MCP configuration file, if any.
@@ -119,6 +125,7 @@ private:
     void sendText(const QString& text);
 
     void handleTaskAssign(const AgentCommand& command);
+    void handleTerminalCommand(const AgentCommand& command);
     void routeTask(const TaskAssignment& task);
 
     SettingsStore& m_defaults;
@@ -140,6 +147,7 @@ private:
     QTimer m_approvalTimeout;
     std::optional<QString> m_currentMCPConfigPath;
     ChatSessions m_chatSessions;
+    TerminalSessionManager* m_terminalSessionManager = nullptr;
 };
 
 } // namespace brinmoor

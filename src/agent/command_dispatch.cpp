@@ -11,6 +11,7 @@
 #include "execution/execution_resolution.h"
 #include "proposals/ai_task_resolution.h"
 #include "proposals/codex_apply_task.h"
+#include "terminal/terminal_session_manager.h"
 
 namespace brinmoor {
 
@@ -35,9 +36,44 @@ bool AgentRuntime::handleCommandData(const QByteArray& data, QString* error)
         if (command.taskId && m_pendingApprovalTaskId && command.taskId == m_pendingApprovalTaskId)
             resolvePendingApproval(command.stringMember(QStringLiteral("decision")) ==
                                    QLatin1String("approve"));
+    } else if (command.type.startsWith(QLatin1String("terminal."))) {
+        handleTerminalCommand(command);
     }
     // Any other type is ignored without a reply.
     return true;
+}
+
+void AgentRuntime::handleTerminalCommand(const AgentCommand& command)
+{
+    const QString& type = command.type;
+    const bool known = type == QLatin1String("terminal.open") || type == QLatin1String("terminal.attach") ||
+                       type == QLatin1String("terminal.input") || type == QLatin1String("terminal.complete") ||
+                       type == QLatin1String("terminal.resize") || type == QLatin1String("terminal.signal") ||
+                       type == QLatin1String("terminal.close");
+    const std::optional<QString> sessionId = command.stringMember(QStringLiteral("sessionId"));
+    if (!known || !sessionId)
+        return;
+    const auto text = [&](const char* key) { return command.stringMember(QLatin1String(key)).value_or(QString()); };
+    TerminalSessionManager& terminals = terminalSessionManager();
+    if (type == QLatin1String("terminal.open")) {
+        terminals.open(*sessionId, text("projectPath"), text("mode"), terminalReplaceFlag(command),
+                       command.stringMember(QStringLiteral("replaceSessionId")));
+    } else if (type == QLatin1String("terminal.attach")) {
+        terminals.attach(*sessionId);
+    } else if (type == QLatin1String("terminal.input")) {
+        terminals.sendInput(*sessionId, text("dataBase64"));
+    } else if (type == QLatin1String("terminal.complete")) {
+        const QString line = text("line");
+        terminals.complete(*sessionId, line, command.intMember(QStringLiteral("cursor")).value_or(line.size()));
+    } else if (type == QLatin1String("terminal.resize")) {
+        // A missing size means the usual 80 by 24.
+        terminals.resize(*sessionId, command.intMember(QStringLiteral("cols")).value_or(80),
+                         command.intMember(QStringLiteral("rows")).value_or(24));
+    } else if (type == QLatin1String("terminal.signal")) {
+        terminals.signal(*sessionId, text("signal"));
+    } else {
+        terminals.close(*sessionId);
+    }
 }
 
 void AgentRuntime::handleTaskAssign(const AgentCommand& command)
