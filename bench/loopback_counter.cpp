@@ -62,6 +62,20 @@ void LoopbackCounter::throttle(qint64 bytesPerSecond, qint64 untilMs)
     m_throttleUntil = untilMs;
 }
 
+void LoopbackCounter::throttleFor(qint64 bytesPerSecond, qint64 durationMs)
+{
+    if (!m_clock.isValid())
+        m_clock.start();
+    m_throttleRate = bytesPerSecond;
+    m_throttleStart = m_clock.elapsed();
+    m_throttleUntil = m_throttleStart + durationMs;
+    m_budget = 0;
+    if (m_socket) {
+        m_socket->setReadBufferSize(64 * 1024);
+        m_tick.start();
+    }
+}
+
 void LoopbackCounter::onNewConnection()
 {
     QTcpSocket* socket = m_server->nextPendingConnection();
@@ -88,6 +102,8 @@ void LoopbackCounter::consume()
     if (!m_socket)
         return;
     const bool throttled = m_throttleRate > 0 && (!m_clock.isValid() || m_clock.elapsed() < m_throttleUntil);
+    if (!throttled)
+        m_throttleRate = 0;
     qint64 want = throttled ? m_budget : m_socket->bytesAvailable();
     if (!throttled && m_tick.isActive()) {
         m_tick.stop();
@@ -184,6 +200,8 @@ void LoopbackCounter::handleFrame(int opcode, char* payload, qsizetype size)
         m_logTextBytes += size - kLogOverhead;
         return;
     }
+    if (onRawText && onRawText(payload, size))
+        return;
     if (onMessage)
         onMessage(QJsonDocument::fromJson(QByteArray(payload, size)).object());
 }

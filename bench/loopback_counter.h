@@ -37,6 +37,12 @@ public:
     qint64 frames() const { return m_frames; }
     qint64 bytesRead() const { return m_bytesRead; }
 
+    // Reads slowly from now on, for the given time.
+    void throttleFor(qint64 bytesPerSecond, qint64 durationMs);
+
+    // Sees every text frame that is not a "task.log" first, unparsed; returning true
+    // means it was handled and is not parsed as JSON.
+    std::function<bool(const char* payload, qsizetype size)> onRawText;
     // Called for every message that is not a "task.log", parsed.
     std::function<void(const QJsonObject&)> onMessage;
 
@@ -60,6 +66,7 @@ private:
     qint64 m_throttleRate = 0;
     qint64 m_throttleUntil = 0;
     qint64 m_budget = 0;
+    qint64 m_throttleStart = 0; // m_clock time the slow reading started
     QElapsedTimer m_clock;
     QTimer m_tick;
 };

@@ -253,6 +253,17 @@ void AgentRuntime::sendTaskLog(const QString& taskId, QStringView line)
     sendText(Messages::taskLogText(taskId, line));
 }
 
+void AgentRuntime::sendSerialized(const QString& json, const std::function<QJsonObject()>& asObject)
+{
+    if (testSendJSONHook) {
+        testSendJSONHook(asObject());
+        return;
+    }
+    if (!isConnected())
+        return;
+    sendText(json);
+}
+
 void AgentRuntime::sendText(const QString& text)
 {
     const qint64 sent = m_socket->sendTextMessage(text);
@@ -311,6 +322,9 @@ TerminalSessionManager& AgentRuntime::terminalSessionManager()
         m_terminalSessionManager = new TerminalSessionManager(
             [this] { return loadProfile(); }, [this](const QJsonObject& event) { sendJSON(event); },
             [](const QString& line) { diag(line); }, &m_flow, this);
+        m_terminalSessionManager->sendSerialized = [this](const QString& json, const std::function<QJsonObject()>& asObject) {
+            sendSerialized(json, asObject);
+        };
     }
     return *m_terminalSessionManager;
 }

@@ -53,6 +53,8 @@ public:
     void sendJSON(const QJsonObject& message);
     // The same as sending Messages::taskLog, without building the object.
     void sendTaskLog(const QString& taskId, QStringView line);
+    // Sends a message already serialised; `asObject` builds it for the send hook.
+    void sendSerialized(const QString& json, const std::function<QJsonObject()>& asObject);
     void sendRegisterMessage();
     // Re-announces the agent with the freshly loaded profile.
     void reloadConfiguration();

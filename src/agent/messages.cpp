@@ -111,6 +111,22 @@ QString taskLogText(QStringView taskId, QStringView line)
     return out;
 }
 
+QString terminalOutputText(QStringView sessionId, QStringView projectPath, QStringView data, bool snapshot)
+{
+    QString out;
+    out.reserve(data.size() + data.size() / 8 + sessionId.size() + projectPath.size() + 80);
+    out.append(QLatin1String("{\"data\":"));
+    appendJsonString(out, data);
+    out.append(QLatin1String(",\"projectPath\":"));
+    appendJsonString(out, projectPath);
+    out.append(QLatin1String(",\"sessionId\":"));
+    appendJsonString(out, sessionId);
+    if (snapshot)
+        out.append(QLatin1String(",\"snapshot\":true"));
+    out.append(QLatin1String(",\"type\":\"terminal.output\"}"));
+    return out;
+}
+
 QJsonObject taskCommentary(const QString& taskId, const QString& text)
 {
     QJsonObject message = typed("task.commentary", taskId);

@@ -58,6 +58,10 @@ QJsonObject terminalOpened(const QString& sessionId, const QString& projectPath,
 QJsonObject terminalAttached(const QString& sessionId, const QString& projectPath);
 QJsonObject terminalOutput(const QString& sessionId, const QString& projectPath,
                            const QString& data, bool snapshot = false);
+// The serialised "terminal.output", written without building an object (terminal
+// output is a hot path). Parses to the same object as `terminalOutput`.
+QString terminalOutputText(QStringView sessionId, QStringView projectPath, QStringView data,
+                           bool snapshot = false);
 QJsonObject terminalStatus(const QString& sessionId, const QString& projectPath, qint64 cols,
                            qint64 rows);
 QJsonObject terminalCompletion(const QString& sessionId, const QString& projectPath,

@@ -25,8 +25,9 @@ namespace brinmoor {
 
 namespace {
 
-// Reads gathered into one output chunk per wake-up.
-constexpr qsizetype kChunkLimit = 256 * 1024;
+// Reads gathered into one output chunk per wake-up; with 128 chunks kept for replay
+// this bounds a session's replay buffer to a few megabytes.
+constexpr qsizetype kChunkLimit = 16 * 1024;
 // How long a write waits for a terminal that does not take input.
 constexpr int kWriteTimeoutMilliseconds = 2000;
 
@@ -348,7 +349,7 @@ void TerminalSessionManager::onMasterReadable(const std::shared_ptr<ManagedSessi
         const std::optional<QString> text = session->decoder.decode(data.constData(), data.size());
         if (text && !text->isEmpty()) {
             appendOutput(*text, session->sessionId);
-            m_sendEvent(Messages::terminalOutput(session->sessionId, session->projectPath, *text));
+            sendOutput(*session, *text, false);
         }
     }
     if (ended) {
@@ -381,6 +382,17 @@ void TerminalSessionManager::onInteractiveEnd(const std::shared_ptr<ManagedSessi
     }
     clear(session->sessionId);
     m_sendEvent(Messages::terminalClosed(session->sessionId, session->projectPath, exitCode));
+}
+
+void TerminalSessionManager::sendOutput(const ManagedSession& session, const QString& text, bool snapshot)
+{
+    if (!sendSerialized) {
+        m_sendEvent(Messages::terminalOutput(session.sessionId, session.projectPath, text, snapshot));
+        return;
+    }
+    sendSerialized(Messages::terminalOutputText(session.sessionId, session.projectPath, text, snapshot), [&] {
+        return Messages::terminalOutput(session.sessionId, session.projectPath, text, snapshot);
+    });
 }
 
 void TerminalSessionManager::stopReading(ManagedSession& session)
@@ -499,7 +511,7 @@ void TerminalSessionManager::attach(const QString& rawSessionId)
     const QStringList chunks = session->buffer;
     for (const QString& chunk : chunks) {
         if (!chunk.isEmpty())
-            m_sendEvent(Messages::terminalOutput(session->sessionId, session->projectPath, chunk, true));
+            sendOutput(*session, chunk, true);
     }
 }
 

@@ -50,6 +50,10 @@ public:
     void signal(const QString& sessionId, const QString& signal);
     void close(const QString& sessionId);
 
+    // When set, output goes out through it already serialised (the fast path); the
+    // function builds the same object for whoever needs one.
+    std::function<void(const QString& json, const std::function<QJsonObject()>& asObject)> sendSerialized;
+
     // The ids of every session, for closing them all when the agent stops.
     QStringList sessionIds() const { return m_sessions.keys(); }
     // Whether the process of a session is still alive (tests and shutdown).
@@ -82,6 +86,7 @@ private:
     void stopReading(ManagedSession& session);
     void onInteractiveEnd(const std::shared_ptr<ManagedSession>& session);
     void pauseAll();
+    void sendOutput(const ManagedSession& session, const QString& text, bool snapshot);
     void resumeAll();
 
     std::function<AgentProfile()> m_profileProvider;

@@ -163,6 +163,16 @@ private Q_SLOTS:
         QCOMPARE(parsed, Messages::taskLog(QStringLiteral("T\"1"), line));
     }
 
+    void terminalOutputTextParsesToTheSameObject()
+    {
+        for (const bool snapshot : {false, true}) {
+            const QString data = QStringLiteral("a\r\n\u001b[0m \"q\" ✓");
+            const QString text = Messages::terminalOutputText(u"s\"1", u"/p/it's", data, snapshot);
+            QCOMPARE(QJsonDocument::fromJson(text.toUtf8()).object(),
+                     Messages::terminalOutput(QStringLiteral("s\"1"), QStringLiteral("/p/it's"), data, snapshot));
+        }
+    }
+
     void taskLogTextEscapesLikeTheSerializer()
     {
         QCOMPARE(Messages::taskLogText(u"t", u"a\"b\\c\n\u0001"),
