@@ -214,16 +214,8 @@ void TerminalSessionManager::openLineMode(const QString& sessionId, const QStrin
         ::dup2(slave, STDERR_FILENO);
     });
 
-    auto session = std::make_shared<ManagedSession>();
-    session->sessionId = sessionId;
-    session->projectPath = projectPath;
-    session->workingDir = workingDir;
+    const std::shared_ptr<ManagedSession> session = startSession(sessionId, projectPath, workingDir, master);
     session->process = process;
-    session->masterFD = master;
-    session->startedAt = session->updatedAt = QDateTime::currentDateTimeUtc();
-    session->currentDirectory = workingDir;
-    store(session);
-    watchMaster(session);
 
     std::weak_ptr<ManagedSession> weak = session;
     connect(process, &QProcess::finished, this, [this, weak](int exitCode, QProcess::ExitStatus status) {
@@ -295,19 +287,26 @@ void TerminalSessionManager::openInteractive(const QString& sessionId, const QSt
     }
     setCloseOnExec(master);
 
+    startSession(sessionId, projectPath, workingDir, master)->childPID = pid;
+    m_diag(QStringLiteral("terminal.open.interactive sessionId=") + sessionId + QStringLiteral(" projectPath=") +
+           projectPath + QStringLiteral(" pid=") + QString::number(pid));
+    m_sendEvent(Messages::terminalOpened(sessionId, projectPath, true));
+}
+
+std::shared_ptr<TerminalSessionManager::ManagedSession>
+TerminalSessionManager::startSession(const QString& sessionId, const QString& projectPath, const QString& workingDir,
+                                     int masterFD)
+{
     auto session = std::make_shared<ManagedSession>();
     session->sessionId = sessionId;
     session->projectPath = projectPath;
     session->workingDir = workingDir;
-    session->childPID = pid;
-    session->masterFD = master;
+    session->masterFD = masterFD;
     session->startedAt = session->updatedAt = QDateTime::currentDateTimeUtc();
     session->currentDirectory = workingDir;
     store(session);
     watchMaster(session);
-    m_diag(QStringLiteral("terminal.open.interactive sessionId=") + sessionId + QStringLiteral(" projectPath=") +
-           projectPath + QStringLiteral(" pid=") + QString::number(pid));
-    m_sendEvent(Messages::terminalOpened(sessionId, projectPath, true));
+    return session;
 }
 
 void TerminalSessionManager::watchMaster(const std::shared_ptr<ManagedSession>& session)

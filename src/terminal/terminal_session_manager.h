@@ -81,6 +81,9 @@ private:
     void updateCurrentDirectoryIfNeeded(const QByteArray& input, const QString& sessionId);
     std::shared_ptr<ManagedSession> find(const QString& sessionId) const;
 
+    // A new session on its master, stored and read from.
+    std::shared_ptr<ManagedSession> startSession(const QString& sessionId, const QString& projectPath,
+                                                 const QString& workingDir, int masterFD);
     void watchMaster(const std::shared_ptr<ManagedSession>& session);
     void onMasterReadable(const std::shared_ptr<ManagedSession>& session);
     void stopReading(ManagedSession& session);
