@@ -1,0 +1,179 @@
+#include "server_host/local_server_runtime.h"
+
+#include "config/runtime_defaults.h"
+
+#include <QFileInfo>
+#include <QProcess>
+#include <QTimer>
+
+#include <arpa/inet.h>
+#include <cstdio>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace brinmoor {
+
+namespace {
+
+bool isExecutableFile(const QString& path)
+{
+    const QFileInfo info(path);
+    return !path.isEmpty() && info.isFile() && info.isExecutable();
+}
+
+bool canBind(int port)
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return false;
+    const int yes = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    sockaddr_in address {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const bool bound = ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    ::close(fd);
+    return bound;
+}
+
+void printToStandardOutput(const QString& line)
+{
+    const QByteArray bytes = line.toUtf8() + '\n';
+    std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stdout);
+    std::fflush(stdout);
+}
+
+} // namespace
+
+LocalServerRuntime::LocalServerRuntime(QObject* parent) : QObject(parent), printLine(printToStandardOutput) {}
+
+LocalServerRuntime::~LocalServerRuntime()
+{
+    if (m_process) {
+        m_process->disconnect(this);
+        if (m_process->state() != QProcess::NotRunning) {
+            m_process->terminate();
+            if (!m_process->waitForFinished(3000))
+                m_process->kill();
+            m_process->waitForFinished(3000);
+        }
+    }
+}
+
+int LocalServerRuntime::resolveAvailablePort(int startingAt)
+{
+    QList<int> candidates{startingAt};
+    for (int port = 8080; port <= 8090; ++port) {
+        if (port != startingAt)
+            candidates.append(port);
+    }
+    for (const int port : candidates) {
+        if (port > 0 && port < 65536 && canBind(port))
+            return port;
+    }
+    return startingAt;
+}
+
+std::optional<QString> LocalServerRuntime::resolveServerBinaryPath()
+{
+    return resolveServerBinaryPath(currentEnvironment(), Machine::current());
+}
+
+std::optional<QString> LocalServerRuntime::resolveServerBinaryPath(const Environment& env, const Machine& machine)
+{
+    // A stale setting that names nothing runnable is passed over.
+    const QStringList candidates = {
+        env.value(QStringLiteral("BRINMOOR_SERVER_PATH")),
+        QFileInfo(machine.executablePath).absolutePath() + QStringLiteral("/brinmoor-server"),
+        RuntimeDefaults::defaultRepoRoot(machine) + QStringLiteral("/server/brinmoor-server"),
+        machine.currentDirectory + QStringLiteral("/server/brinmoor-server"),
+    };
+    for (const QString& candidate : candidates) {
+        if (isExecutableFile(candidate))
+            return candidate;
+    }
+    return std::nullopt;
+}
+
+bool LocalServerRuntime::isRunning() const
+{
+    return m_process && m_process->state() != QProcess::NotRunning;
+}
+
+int LocalServerRuntime::start(int port, const QString& token, Status status)
+{
+    stop();
+    const int chosen = resolveAvailablePort(port);
+    const std::optional<QString> binary = resolveServerBinaryPath();
+    if (!binary) {
+        status(QStringLiteral("Bundled server not found"));
+        return chosen;
+    }
+    auto* process = new QProcess(this);
+    process->setProgram(*binary);
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("BRINMOOR_SERVER_PORT"), QString::number(chosen));
+    env.insert(QStringLiteral("BRINMOOR_SHARED_TOKEN"), token);
+    process->setProcessEnvironment(env);
+    process->setProcessChannelMode(QProcess::MergedChannels);
+    process->setStandardInputFile(QProcess::nullDevice());
+    m_decoder.reset();
+    connect(process, &QProcess::readyReadStandardOutput, this, &LocalServerRuntime::relay);
+    connect(process, &QProcess::finished, this, [this, process, status](int exitCode, QProcess::ExitStatus exitStatus) {
+        const int code = exitStatus == QProcess::CrashExit ? 128 + exitCode : exitCode;
+        status(QStringLiteral("Server stopped (%1)").arg(code));
+        if (m_process == process)
+            m_process = nullptr;
+        process->deleteLater();
+    });
+    process->start();
+    if (!process->waitForStarted(30000)) {
+        status(QStringLiteral("Server failed: ") + process->errorString());
+        process->disconnect(this);
+        process->deleteLater();
+        return chosen;
+    }
+    m_process = process;
+    status(QStringLiteral("Server on :") + QString::number(chosen));
+    return chosen;
+}
+
+void LocalServerRuntime::relay()
+{
+    if (!m_process)
+        return;
+    const QByteArray data = m_process->readAllStandardOutput();
+    if (data.isEmpty())
+        return;
+    const std::optional<QString> text = m_decoder.decode(data.constData(), data.size());
+    if (!text)
+        return;
+    const QString trimmed = text->trimmed();
+    if (!trimmed.isEmpty())
+        printLine(QStringLiteral("[BrinmoorServer] ") + trimmed);
+}
+
+void LocalServerRuntime::stop()
+{
+    if (!m_process)
+        return;
+    QProcess* process = m_process;
+    m_process = nullptr;
+    process->disconnect(this);
+    if (process->state() == QProcess::NotRunning) {
+        process->deleteLater();
+        return;
+    }
+    // Politely first; whatever is still there 3 s later is killed, and reaped either way.
+    process->terminate();
+    connect(process, &QProcess::finished, process, &QObject::deleteLater);
+    QPointer<QProcess> guard(process);
+    QTimer::singleShot(3000, process, [guard] {
+        if (guard && guard->state() != QProcess::NotRunning)
+            guard->kill();
+    });
+}
+
+} // namespace brinmoor
