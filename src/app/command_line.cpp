@@ -1,6 +1,7 @@
 #include "app/command_line.h"
 
 #include "app/agent_only.h"
+#include "app/headless.h"
 
 #include "config/agent_profile.h"
 #include "config/connection_settings.h"
@@ -48,6 +49,9 @@ CommandLineRequest parseCommandLine(const QStringList& arguments)
         } else if (argument == QLatin1String("--version")) {
             if (request.action != CommandLineRequest::Action::Help)
                 request.action = CommandLineRequest::Action::Version;
+        } else if (argument == QLatin1String("--headless")) {
+            if (request.action == CommandLineRequest::Action::Run)
+                request.action = CommandLineRequest::Action::Headless;
         } else if (argument == QLatin1String("--agent-only")) {
             if (request.action == CommandLineRequest::Action::Run)
                 request.action = CommandLineRequest::Action::AgentOnly;
@@ -75,6 +79,9 @@ QString helpText()
         "codex, reviewed changes and terminal sessions on this computer.\n"
         "\n"
         "Options:\n"
+        "  --headless       run the local server and the agent without a tray, status\n"
+        "                   as log lines, pairing details printed once (the default\n"
+        "                   until the tray arrives)\n"
         "  --agent-only     run the agent connection alone (no local server, no tray)\n"
         "                   against the configured server URL; stops on SIGINT or SIGTERM\n"
         "  --print-profile  seed the settings, print the resolved profile and connection\n"
@@ -131,9 +138,11 @@ int runCommandLine(int argc, char** argv)
     case CommandLineRequest::Action::AgentOnly:
         return runAgentOnly();
     case CommandLineRequest::Action::PrintProfile:
-    case CommandLineRequest::Action::Run:
-        // Running the agent itself arrives with the runtime; until then both print.
         return printProfile();
+    case CommandLineRequest::Action::Headless:
+    case CommandLineRequest::Action::Run:
+        // The tray is not built yet: without it the agent runs headless.
+        return runHeadless();
     }
     return 0;
 }

@@ -11,7 +11,7 @@ struct ConnectionSettings;
 
 // What the command line asks for.
 struct CommandLineRequest {
-    enum class Action { Help, Version, PrintProfile, AgentOnly, Run, Error };
+    enum class Action { Help, Version, PrintProfile, AgentOnly, Headless, Run, Error };
     Action action = Action::Run;
     QString error; // for Action::Error: the one line to print
 };

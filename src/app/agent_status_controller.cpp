@@ -1,0 +1,114 @@
+#include "app/agent_status_controller.h"
+
+#include "config/runtime_defaults.h"
+#include "config/settings_store.h"
+
+#include <QPointer>
+
+namespace brinmoor {
+
+AgentStatusController::AgentStatusController(SettingsStore& defaults, Environment env, Machine machine, QObject* parent)
+    : QObject(parent), m_defaults(defaults), m_env(std::move(env)), m_machine(std::move(machine)),
+      m_runtime(std::make_unique<AgentRuntime>(defaults, m_env, m_machine)),
+      m_serverRuntime(std::make_unique<LocalServerRuntime>())
+{
+    lanAddress = [] { return Pairing::currentLANIPv4Address(Pairing::systemInterfaceAddresses()); };
+    RuntimeDefaults::ensure(m_defaults, m_env, m_machine);
+    // Status texts may come from any thread: they are handed to this object's thread.
+    QPointer<AgentStatusController> self(this);
+    m_runtime->onStatus = [self](const QString& text) {
+        if (self)
+            QMetaObject::invokeMethod(self.data(), [self, text] { if (self) self->setRuntimeStatus(text); }, Qt::AutoConnection);
+    };
+}
+
+AgentStatusController::~AgentStatusController()
+{
+    if (!m_quit)
+        quit();
+}
+
+void AgentStatusController::setServerStatus(const QString& text)
+{
+    m_serverStatusText = text;
+    Q_EMIT serverStatusChanged(text);
+}
+
+void AgentStatusController::setRuntimeStatus(const QString& text)
+{
+    m_runtimeStatusText = text;
+    Q_EMIT runtimeStatusChanged(text);
+}
+
+void AgentStatusController::startServerAndAgent()
+{
+    RuntimeDefaults::ensure(m_defaults, m_env, m_machine);
+    m_runtime->stop();
+    const QString token = m_defaults.string(QStringLiteral("token")).value_or(QString());
+    const int port = int(m_defaults.integer(QStringLiteral("serverPort")).value_or(0));
+    QPointer<AgentStatusController> self(this);
+    const int actualPort = m_serverRuntime->start(port, token, [self](const QString& text) {
+        if (self)
+            QMetaObject::invokeMethod(self.data(), [self, text] { if (self) self->setServerStatus(text); }, Qt::AutoConnection);
+    });
+    // The agent always connects to the server that was just started.
+    m_defaults.setValue(QStringLiteral("serverPort"), actualPort);
+    m_defaults.setValue(QStringLiteral("serverURL"), QStringLiteral("http://127.0.0.1:%1").arg(actualPort));
+    m_defaults.sync();
+    m_runtime->start();
+}
+
+void AgentStatusController::stopAgent()
+{
+    m_runtime->stop();
+    m_serverRuntime->stop();
+    setServerStatus(QStringLiteral("Stopped"));
+    setRuntimeStatus(QStringLiteral("Stopped"));
+}
+
+void AgentStatusController::refreshConnection()
+{
+    setServerStatus(QStringLiteral("Refreshing"));
+    setRuntimeStatus(QStringLiteral("Refreshing"));
+    startServerAndAgent();
+}
+
+void AgentStatusController::quit()
+{
+    m_quit = true;
+    m_runtime->stop();
+    m_serverRuntime->stop();
+}
+
+void AgentStatusController::willSleep()
+{
+    // Nothing stops on sleep; only the text says so.
+    setRuntimeStatus(QStringLiteral("Sleeping"));
+}
+
+void AgentStatusController::didWake()
+{
+    setRuntimeStatus(QStringLiteral("Waking"));
+    setServerStatus(QStringLiteral("Reconnecting"));
+    // The LAN address and the network may have changed.
+    startServerAndAgent();
+}
+
+std::optional<PairingPayload> AgentStatusController::currentPairingPayload() const
+{
+    return Pairing::currentPairingPayload(m_defaults, m_machine.hostName, lanAddress());
+}
+
+QString AgentStatusController::pairingTooltip() const
+{
+    return Pairing::pairingTooltip(m_defaults, m_machine.hostName, lanAddress());
+}
+
+QString AgentStatusController::networkTitle() const
+{
+    if (const std::optional<PairingPayload> payload = currentPairingPayload())
+        return QStringLiteral("LAN: ") + payload->serverURL + QStringLiteral(" \u2022 ") + payload->agentId;
+    return QStringLiteral("LAN: Unavailable");
+}
+
+} // namespace brinmoor

@@ -1,0 +1,73 @@
+#pragma once
+
+#include "agent/agent_runtime.h"
+#include "app/pairing.h"
+#include "config/machine.h"
+#include "server_host/local_server_runtime.h"
+
+#include <QObject>
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+namespace brinmoor {
+
+class SettingsStore;
+
+// What the status menu shows and does, without any widget: the agent runtime and the
+// local server, their status texts, the menu titles, pairing, and the actions. The
+// tray (or, without a desktop, the headless runner) presents it.
+class AgentStatusController : public QObject {
+    Q_OBJECT
+
+public:
+    AgentStatusController(SettingsStore& defaults, Environment env, Machine machine, QObject* parent = nullptr);
+    ~AgentStatusController() override;
+
+    // Seeds the settings, starts the local server on a free port, stores that port and
+    // the server URL, and starts the agent connection.
+    void startServerAndAgent();
+    void startAgent() { startServerAndAgent(); }
+    void stopAgent();
+    void refreshConnection();
+    // Stops the agent and the server (the caller ends the program).
+    void quit();
+    void willSleep();
+    void didWake();
+
+    QString runtimeStatusText() const { return m_runtimeStatusText; }
+    QString serverStatusText() const { return m_serverStatusText; }
+    QString statusTitle() const { return QStringLiteral("Server: ") + m_serverStatusText; }
+    QString detailsTitle() const { return QStringLiteral("Agent: ") + m_runtimeStatusText; }
+    // "LAN: <server URL> • <agent id>", or "LAN: Unavailable".
+    QString networkTitle() const;
+
+    std::optional<PairingPayload> currentPairingPayload() const;
+    QString pairingTooltip() const;
+
+    // Where the LAN address comes from (the system's interfaces unless a test says otherwise).
+    std::function<std::optional<QString>()> lanAddress;
+
+    AgentRuntime& runtime() { return *m_runtime; }
+    LocalServerRuntime& serverRuntime() { return *m_serverRuntime; }
+
+Q_SIGNALS:
+    void serverStatusChanged(const QString& text);
+    void runtimeStatusChanged(const QString& text);
+
+private:
+    void setServerStatus(const QString& text);
+    void setRuntimeStatus(const QString& text);
+
+    SettingsStore& m_defaults;
+    Environment m_env;
+    Machine m_machine;
+    std::unique_ptr<AgentRuntime> m_runtime;
+    std::unique_ptr<LocalServerRuntime> m_serverRuntime;
+    QString m_runtimeStatusText = QStringLiteral("Starting");
+    QString m_serverStatusText = QStringLiteral("Starting");
+    bool m_quit = false;
+};
+
+} // namespace brinmoor

@@ -1,0 +1,49 @@
+#include "app/headless.h"
+
+#include "agent/diag.h"
+#include "app/agent_status_controller.h"
+#include "app/unix_signal_watcher.h"
+#include "config/settings_store.h"
+
+#include <QCoreApplication>
+#include <QTimer>
+
+#include <csignal>
+#include <cstdio>
+
+namespace brinmoor {
+
+int runHeadless()
+{
+    const std::unique_ptr<QSettingsStore> defaults = QSettingsStore::standard();
+    AgentStatusController controller(*defaults, currentEnvironment(), Machine::current());
+    QObject::connect(&controller, &AgentStatusController::serverStatusChanged, &controller,
+                     [&controller] { diag(QStringLiteral("status ") + controller.statusTitle()); });
+    QObject::connect(&controller, &AgentStatusController::runtimeStatusChanged, &controller,
+                     [&controller] { diag(QStringLiteral("status ") + controller.detailsTitle()); });
+
+    UnixSignalWatcher signals({SIGINT, SIGTERM});
+    QObject::connect(&signals, &UnixSignalWatcher::received, &controller, [&controller](int signal) {
+        diag(QStringLiteral("shutdown signal=") + QString::number(signal));
+        controller.quit();
+        controller.runtime().stopRunningProcessIfAny(false);
+        QTimer::singleShot(0, &controller, [] { QCoreApplication::quit(); });
+    });
+
+    controller.startServerAndAgent();
+    // The pairing details, once: what the phone needs, as text and as a QR code.
+    QString details = controller.pairingTooltip() + QLatin1Char('\n');
+    if (const std::optional<PairingPayload> payload = controller.currentPairingPayload())
+        details += Pairing::terminalQRCode(Pairing::qrModules(payload->encoded()));
+    else
+        details += QStringLiteral("QR unavailable\n");
+    const QByteArray bytes = details.toUtf8();
+    std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stdout);
+    std::fflush(stdout);
+
+    const int status = QCoreApplication::exec();
+    diag(QStringLiteral("shutdown complete"));
+    return status;
+}
+
+} // namespace brinmoor
