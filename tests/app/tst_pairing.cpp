@@ -137,8 +137,8 @@ private Q_SLOTS:
         Machine machine;
         machine.currentDirectory = dir.path();
         machine.executablePath = dir.path() + QStringLiteral("/BrinmoorMacAgent");
+        QStringList seen; // outlives the controller, which reports while it stops
         AgentStatusController controller(settings, {}, machine);
-        QStringList seen;
         connect(&controller, &AgentStatusController::serverStatusChanged, this, [&](const QString& t) { seen.append(QStringLiteral("server ") + t); });
         connect(&controller, &AgentStatusController::runtimeStatusChanged, this, [&](const QString& t) { seen.append(QStringLiteral("agent ") + t); });
         controller.didWake();
