@@ -96,7 +96,7 @@ QSettingsStore::~QSettingsStore()
 QString QSettingsStore::standardIniPath(const Environment& env, const QString& home)
 {
     QString configHome = env.value(QStringLiteral("XDG_CONFIG_HOME"));
-    // The base directory specification ignores relative paths.
+    // XDG's base directory rules ignore a relative XDG_CONFIG_HOME.
     if (configHome.isEmpty() || !QDir::isAbsolutePath(configHome))
         configHome = home + QStringLiteral("/.config");
     return configHome + QStringLiteral("/brinmoor/BrinmoorMacAgent.ini");
