@@ -144,6 +144,7 @@ private Q_SLOTS:
         AgentFixture f;
         setUp(f);
         QVERIFY(f.connect());
+        DiagRecorder log;
         assignApply(f, QStringLiteral("p1"));
         const std::optional<QJsonObject> awaiting = f.server.waitForTask(QStringLiteral("task.awaiting_approval"), QStringLiteral("p1"));
         QVERIFY2(awaiting, qPrintable(f.server.trace()));
@@ -156,6 +157,19 @@ private Q_SLOTS:
         // Nothing is applied before the phone says so.
         QCOMPARE(test::readFile(project(f) + QStringLiteral("/greeting.txt")), QByteArray("hello\n"));
         QCOMPARE(f.runtime->pendingApprovalTaskId(), std::optional<QString>(QStringLiteral("p1")));
+        QVERIFY(log.contains(QStringLiteral("task.assign ai_task strategy=proposalApproval(requiresApproval: true) workingDir=") +
+                             project(f)));
+        const QStringList lines = trace(f, QStringLiteral("p1"));
+        QCOMPARE(lines.first(), QStringLiteral("task.log workspace.resolve action=ai_task requestedProjectPath=App resolvedWorkingDir=") +
+                                    project(f) + QStringLiteral(" system=codex mode=apply approvalMode=on_request "
+                                                                "strategy=proposalApproval(requiresApproval: true)"));
+        QVERIFY(lines.at(3).startsWith(QStringLiteral("task.log proposal.workspace original=") + project(f) +
+                                       QStringLiteral(" proposal=") + m_tmp.path() + QStringLiteral("/brinmoor-proposals/p1-")));
+        QCOMPARE(lines.at(4), QStringLiteral("task.log proposal.command shell=codex exec --full-auto --json --skip-git-repo-check "
+                                             "--color never ") +
+                                  ExecutionResolution::shellQuote(AITaskResolution::systemExecutionModeText +
+                                                                  ChatExecution::workspaceScopedPrompt(QStringLiteral("App"),
+                                                                                                       QStringLiteral("say bye"))));
 
         f.server.send({{QStringLiteral("type"), QStringLiteral("task.approval")}, {QStringLiteral("taskId"), QStringLiteral("p1")},
                        {QStringLiteral("payload"), QJsonObject{{QStringLiteral("decision"), QStringLiteral("approve")}}}});
@@ -328,6 +342,7 @@ private Q_SLOTS:
         setUp(f);
         write(QStringLiteral("claude.stream"), "planned\n");
         QVERIFY(f.connect());
+        DiagRecorder log;
         f.assign(QStringLiteral("d1"), {{QStringLiteral("action"), QStringLiteral("ai_task")}, {QStringLiteral("system"), QStringLiteral("claude")},
                                         {QStringLiteral("mode"), QStringLiteral("Apply")}, {QStringLiteral("projectPath"), QStringLiteral("App")},
                                         {QStringLiteral("prompt"), QStringLiteral("it's time")}});
@@ -338,6 +353,12 @@ private Q_SLOTS:
                               QStringLiteral("task.artifact prompt text/plain it's time"), QStringLiteral("task.log planned"),
                               QStringLiteral("task.log "), QStringLiteral("task.finished")}));
         QVERIFY(f.statuses.contains(QStringLiteral("Running AI task d1")));
+        QCOMPARE(trace(f, QStringLiteral("d1")).first(),
+                 QStringLiteral("task.log workspace.resolve action=ai_task requestedProjectPath=App resolvedWorkingDir=") +
+                     project(f) + QStringLiteral(" system=claude mode=apply approvalMode=on_request strategy=directCommand"));
+        QVERIFY(log.contains(QStringLiteral("task.assign ai_task strategy=directCommand workingDir=") + project(f)));
+        QVERIFY(log.contains(QStringLiteral("resolveAITaskExecution projectPath=App workspace=") + project(f) +
+                             QStringLiteral(" mode=apply")));
         QCOMPARE(fakeToolArguments(m_fake.path(), QStringLiteral("claude"), 1),
                  (QStringList{QStringLiteral("--dangerously-skip-permissions"), QStringLiteral("-p"), QStringLiteral("--verbose"),
                               ChatExecution::workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("it's time"))}));
