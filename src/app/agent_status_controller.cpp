@@ -1,5 +1,6 @@
 #include "app/agent_status_controller.h"
 
+#include "app/launch_at_login.h"
 #include "config/runtime_defaults.h"
 #include "config/settings_store.h"
 
@@ -92,6 +93,23 @@ void AgentStatusController::didWake()
     setServerStatus(QStringLiteral("Reconnecting"));
     // The LAN address and the network may have changed.
     startServerAndAgent();
+}
+
+bool AgentStatusController::launchAtLogin() const
+{
+    return m_defaults.boolean(QStringLiteral("launchAtLogin"));
+}
+
+std::optional<QString> AgentStatusController::toggleLaunchAtLogin()
+{
+    // The stored preference, not the system's state, is what the check mark shows.
+    const bool enabled = launchAtLogin();
+    QString error;
+    if (!LaunchAtLogin::setEnabled(!enabled, m_env, m_machine, &error))
+        return error;
+    m_defaults.setValue(QStringLiteral("launchAtLogin"), !enabled);
+    m_defaults.sync();
+    return std::nullopt;
 }
 
 std::optional<PairingPayload> AgentStatusController::currentPairingPayload() const

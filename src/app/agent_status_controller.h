@@ -35,6 +35,10 @@ public:
     void quit();
     void willSleep();
     void didWake();
+    // Flips "Open at Login". On failure the preference stays and the reason is returned
+    // (the tray shows it under "Open at Login Failed").
+    std::optional<QString> toggleLaunchAtLogin();
+    bool launchAtLogin() const;
 
     QString runtimeStatusText() const { return m_runtimeStatusText; }
     QString serverStatusText() const { return m_serverStatusText; }

@@ -1,7 +1,11 @@
 #include "app/agent_status_controller.h"
+#include "app/launch_at_login.h"
 #include "app/pairing.h"
 #include "config/settings_store.h"
 #include "support/loopback_server.h"
+#include "support/test_support.h"
+
+#include <QFileInfo>
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -121,6 +125,43 @@ private Q_SLOTS:
         QCOMPARE(controller.networkTitle(), QStringLiteral("LAN: http://10.1.2.3:8080 \u2022 mini"));
         QCOMPARE(controller.statusTitle(), QStringLiteral("Server: Starting"));
         QCOMPARE(controller.detailsTitle(), QStringLiteral("Agent: Starting"));
+    }
+
+    void toggleOpenAtLoginTwiceRestoresThePreference()
+    {
+        QTemporaryDir dir;
+        MemorySettingsStore settings;
+        Machine machine;
+        machine.currentDirectory = dir.path();
+        machine.homeDirectory = dir.path() + QStringLiteral("/home");
+        machine.executablePath = QStringLiteral("/opt/it's \"here\"/BrinmoorMacAgent");
+        const Environment env{{QStringLiteral("XDG_CONFIG_HOME"), dir.path() + QStringLiteral("/config")}};
+        AgentStatusController controller(settings, env, machine);
+        const QString entry = dir.path() + QStringLiteral("/config/autostart/brinmoor-agent.desktop");
+        QVERIFY(!controller.launchAtLogin());
+        QCOMPARE(controller.toggleLaunchAtLogin(), std::nullopt);
+        QVERIFY(controller.launchAtLogin());
+        QVERIFY(QFileInfo::exists(entry));
+        QVERIFY(QString::fromUtf8(test::readFile(entry)).contains(QStringLiteral("Exec=\"/opt/it's \\\"here\\\"/BrinmoorMacAgent\"\n")));
+        QCOMPARE(controller.toggleLaunchAtLogin(), std::nullopt);
+        QVERIFY(!controller.launchAtLogin());
+        QVERIFY(!QFileInfo::exists(entry));
+        QCOMPARE(LaunchAtLogin::autostartEntryPath({}, QStringLiteral("/home/u")),
+                 QStringLiteral("/home/u/.config/autostart/brinmoor-agent.desktop"));
+    }
+
+    void openAtLoginFailureKeepsThePreference()
+    {
+        QTemporaryDir dir;
+        test::writeFile(dir.path() + QStringLiteral("/config"), "a file where the folder should be");
+        MemorySettingsStore settings;
+        Machine machine;
+        machine.currentDirectory = dir.path();
+        AgentStatusController controller(settings, {{QStringLiteral("XDG_CONFIG_HOME"), dir.path() + QStringLiteral("/config")}},
+                                          machine);
+        const std::optional<QString> error = controller.toggleLaunchAtLogin();
+        QCOMPARE(error, std::optional<QString>(QStringLiteral("cannot create ") + dir.path() + QStringLiteral("/config/autostart")));
+        QVERIFY(!controller.launchAtLogin());
     }
 
     void wakeRestartsAndRewritesThePortAndURL()
