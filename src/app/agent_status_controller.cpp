@@ -1,6 +1,7 @@
 #include "app/agent_status_controller.h"
 
 #include "app/launch_at_login.h"
+#include "config/agent_projects_store.h"
 #include "config/runtime_defaults.h"
 #include "config/settings_store.h"
 
@@ -93,6 +94,102 @@ void AgentStatusController::didWake()
     setServerStatus(QStringLiteral("Reconnecting"));
     // The LAN address and the network may have changed.
     startServerAndAgent();
+}
+
+namespace {
+
+QString folderName(const QString& path)
+{
+    const QString name = path.section(QLatin1Char('/'), -1, -1, QString::SectionSkipEmpty);
+    return name.isEmpty() ? path : name;
+}
+
+} // namespace
+
+QStringList AgentStatusController::configuredProjects() const
+{
+    return AgentProjectsStore::loadConfigured(m_defaults, m_env);
+}
+
+QString AgentStatusController::projectMenuTitle() const
+{
+    const QStringList projects = configuredProjects();
+    return projects.isEmpty() ? QStringLiteral("Projects: Not set")
+                              : QStringLiteral("Projects: ") + QString::number(projects.size());
+}
+
+QString AgentStatusController::projectMenuTooltip() const
+{
+    return configuredProjects().join(QLatin1Char('\n'));
+}
+
+QList<AgentStatusController::ProjectEntry> AgentStatusController::projectEntries() const
+{
+    QList<ProjectEntry> entries;
+    for (const QString& path : configuredProjects())
+        entries.append({folderName(path), path});
+    return entries;
+}
+
+QString AgentStatusController::createProjectRootTitle() const
+{
+    const std::optional<QString> root = CreateProjectRootStore::load(m_defaults, m_env);
+    return QStringLiteral("New Project Folder: ") + (root ? folderName(*root) : QStringLiteral("Not set"));
+}
+
+QString AgentStatusController::createProjectRootTooltip() const
+{
+    return CreateProjectRootStore::load(m_defaults, m_env).value_or(QString());
+}
+
+bool AgentStatusController::canClearCreateProjectRoot() const
+{
+    return CreateProjectRootStore::load(m_defaults, m_env).has_value();
+}
+
+std::optional<QString> AgentStatusController::currentProjectURL() const
+{
+    const QStringList projects = configuredProjects();
+    if (projects.isEmpty())
+        return std::nullopt;
+    return projects.first();
+}
+
+void AgentStatusController::addProjectFolders(const QStringList& chosen)
+{
+    AgentProjectsStore::save(configuredProjects() + chosen, m_defaults);
+    Q_EMIT foldersChanged();
+    m_runtime->reloadConfiguration();
+}
+
+void AgentStatusController::setCreateProjectRoot(const QString& folder)
+{
+    CreateProjectRootStore::save(folder, m_defaults);
+    Q_EMIT foldersChanged();
+    m_runtime->reloadConfiguration();
+}
+
+void AgentStatusController::clearProjectFolderOverride()
+{
+    AgentProjectsStore::save({}, m_defaults);
+    Q_EMIT foldersChanged();
+    m_runtime->reloadConfiguration();
+}
+
+void AgentStatusController::clearCreateProjectRoot()
+{
+    CreateProjectRootStore::save(std::nullopt, m_defaults);
+    Q_EMIT foldersChanged();
+    m_runtime->reloadConfiguration();
+}
+
+void AgentStatusController::removeProjectFolder(const QString& path)
+{
+    QStringList projects = configuredProjects();
+    projects.removeAll(path);
+    AgentProjectsStore::save(projects, m_defaults);
+    Q_EMIT foldersChanged();
+    m_runtime->reloadConfiguration();
 }
 
 bool AgentStatusController::launchAtLogin() const

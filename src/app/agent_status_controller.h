@@ -47,6 +47,30 @@ public:
     // "LAN: <server URL> • <agent id>", or "LAN: Unavailable".
     QString networkTitle() const;
 
+    // --- project folders (the open panels live in the tray) ---
+    struct ProjectEntry {
+        QString title; // the folder's name, or the whole path when it has none
+        QString path;
+    };
+    QStringList configuredProjects() const;
+    // "Projects: <count>" or "Projects: Not set"; the tooltip lists the paths.
+    QString projectMenuTitle() const;
+    QString projectMenuTooltip() const;
+    bool canClearProjects() const { return !configuredProjects().isEmpty(); }
+    QList<ProjectEntry> projectEntries() const;
+    // "New Project Folder: <name>" or "New Project Folder: Not set".
+    QString createProjectRootTitle() const;
+    QString createProjectRootTooltip() const;
+    bool canClearCreateProjectRoot() const;
+    // The first configured project, where folder panels open.
+    std::optional<QString> currentProjectURL() const;
+    // Each change is stored and then announced to the server with a fresh registration.
+    void addProjectFolders(const QStringList& chosen);
+    void setCreateProjectRoot(const QString& folder);
+    void clearProjectFolderOverride();
+    void clearCreateProjectRoot();
+    void removeProjectFolder(const QString& path);
+
     std::optional<PairingPayload> currentPairingPayload() const;
     QString pairingTooltip() const;
 
@@ -57,6 +81,8 @@ public:
     LocalServerRuntime& serverRuntime() { return *m_serverRuntime; }
 
 Q_SIGNALS:
+    // The project folders or the new-project folder changed.
+    void foldersChanged();
     void serverStatusChanged(const QString& text);
     void runtimeStatusChanged(const QString& text);
 

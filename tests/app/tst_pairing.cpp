@@ -164,6 +164,47 @@ private Q_SLOTS:
         QVERIFY(!controller.launchAtLogin());
     }
 
+    void projectFolderActions()
+    {
+        QTemporaryDir dir;
+        const QString a = test::makeProject(dir.path() + QStringLiteral("/a/Alpha"));
+        const QString b = test::makeProject(dir.path() + QStringLiteral("/b/Beta"), true);
+        MemorySettingsStore settings;
+        Machine machine;
+        machine.currentDirectory = dir.path();
+        AgentStatusController controller(settings, {}, machine);
+        QCOMPARE(controller.projectMenuTitle(), QStringLiteral("Projects: Not set"));
+        QCOMPARE(controller.projectMenuTooltip(), QString());
+        QVERIFY(!controller.canClearProjects());
+        QCOMPARE(controller.currentProjectURL(), std::nullopt);
+        QCOMPARE(controller.createProjectRootTitle(), QStringLiteral("New Project Folder: Not set"));
+        QVERIFY(!controller.canClearCreateProjectRoot());
+
+        // Nothing chosen (a cancelled panel) changes nothing.
+        controller.addProjectFolders({});
+        QCOMPARE(controller.projectMenuTitle(), QStringLiteral("Projects: Not set"));
+
+        controller.addProjectFolders({b, a});
+        QCOMPARE(controller.projectMenuTitle(), QStringLiteral("Projects: 2"));
+        QCOMPARE(controller.projectMenuTooltip(), a + QLatin1Char('\n') + b);
+        QCOMPARE(controller.projectEntries().size(), 2);
+        QCOMPARE(controller.projectEntries().first().title, QStringLiteral("Alpha"));
+        QCOMPARE(controller.currentProjectURL(), std::optional<QString>(a));
+        QVERIFY(controller.canClearProjects());
+
+        controller.removeProjectFolder(a);
+        QCOMPARE(controller.configuredProjects(), QStringList{b});
+        controller.clearProjectFolderOverride();
+        QCOMPARE(controller.configuredProjects(), QStringList());
+
+        controller.setCreateProjectRoot(dir.path() + QStringLiteral("/new/"));
+        QCOMPARE(controller.createProjectRootTitle(), QStringLiteral("New Project Folder: new"));
+        QCOMPARE(controller.createProjectRootTooltip(), dir.path() + QStringLiteral("/new/"));
+        QVERIFY(controller.canClearCreateProjectRoot());
+        controller.clearCreateProjectRoot();
+        QCOMPARE(controller.createProjectRootTitle(), QStringLiteral("New Project Folder: Not set"));
+    }
+
     void wakeRestartsAndRewritesThePortAndURL()
     {
         qputenv("BRINMOOR_SERVER_PATH", "/nonexistent/brinmoor-server");
