@@ -2,6 +2,7 @@
 
 #include "app/agent_only.h"
 #include "app/headless.h"
+#include "app/tray.h"
 
 #include "config/agent_profile.h"
 #include "config/connection_settings.h"
@@ -75,13 +76,15 @@ QString helpText()
     return QStringLiteral(
         "Usage: BrinmoorMacAgent [option]\n"
         "\n"
+        "Without an option the agent runs in the system tray with its local server.\n"
+        "\n"
         "The Brinmoor agent: lets the Wexlin phone app run commands, chats with claude and\n"
         "codex, reviewed changes and terminal sessions on this computer.\n"
         "\n"
         "Options:\n"
         "  --headless       run the local server and the agent without a tray, status\n"
-        "                   as log lines, pairing details printed once (the default\n"
-        "                   until the tray arrives)\n"
+        "                   as log lines, pairing details printed once (also what\n"
+        "                   happens without a display or a system tray)\n"
         "  --agent-only     run the agent connection alone (no local server, no tray)\n"
         "                   against the configured server URL; stops on SIGINT or SIGTERM\n"
         "  --print-profile  seed the settings, print the resolved profile and connection\n"
@@ -120,11 +123,17 @@ QJsonObject profileReport(const AgentProfile& profile, const ConnectionSettings&
 
 int runCommandLine(int argc, char** argv)
 {
-    QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("BrinmoorMacAgent"));
     QCoreApplication::setApplicationVersion(QStringLiteral(BRINMOOR_VERSION));
+    QStringList arguments;
+    for (int i = 1; i < argc; ++i)
+        arguments.append(QString::fromLocal8Bit(argv[i]));
+    const CommandLineRequest request = parseCommandLine(arguments);
+    // The tray needs a widget application; everything else a plain one.
+    if (request.action == CommandLineRequest::Action::Run)
+        return Tray::run(argc, argv);
 
-    const CommandLineRequest request = parseCommandLine(app.arguments().mid(1));
+    QCoreApplication app(argc, argv);
     switch (request.action) {
     case CommandLineRequest::Action::Error:
         printTo(stderr, request.error + QLatin1Char('\n'));
@@ -141,7 +150,6 @@ int runCommandLine(int argc, char** argv)
         return printProfile();
     case CommandLineRequest::Action::Headless:
     case CommandLineRequest::Action::Run:
-        // The tray is not built yet: without it the agent runs headless.
         return runHeadless();
     }
     return 0;

@@ -1,0 +1,39 @@
+#pragma once
+
+#include "app/pairing.h"
+
+#include <QImage>
+#include <QWidget>
+
+#include <optional>
+
+class QLabel;
+
+namespace brinmoor {
+
+// The QR code of a payload: level M, a one-module quiet zone, each module 10 by 10
+// pixels (no smoothing), fitted into 200 by 200. A null image when it cannot be made.
+QImage qrImage(const PairingPayload& payload);
+
+// "Wexlin Pairing": the QR code to scan, or the details to type in by hand.
+class PairingPanel : public QWidget {
+    Q_OBJECT
+
+public:
+    PairingPanel(const std::optional<PairingPayload>& payload, const QString& tooltip, QWidget* parent = nullptr);
+
+    QLabel* heading() const { return m_heading; }
+    QLabel* instructions() const { return m_instructions; }
+    QLabel* code() const { return m_code; }     // the QR image, or null
+    QLabel* fallback() const { return m_fallback; } // "QR unavailable", or null
+    QWidget* details() const { return m_details; }
+
+private:
+    QLabel* m_heading = nullptr;
+    QLabel* m_instructions = nullptr;
+    QLabel* m_code = nullptr;
+    QLabel* m_fallback = nullptr;
+    QWidget* m_details = nullptr;
+};
+
+} // namespace brinmoor

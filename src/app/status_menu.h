@@ -1,0 +1,57 @@
+#pragma once
+
+#include <QObject>
+#include <QPointer>
+#include <QStringList>
+
+class QAction;
+class QMenu;
+class QWidget;
+
+namespace brinmoor {
+
+class AgentStatusController;
+
+// The status menu of the tray icon, built from the controller and kept up to date with
+// it: titles, order, separators, enabled states and the "Open at Login" check mark.
+class StatusMenu : public QObject {
+    Q_OBJECT
+
+public:
+    explicit StatusMenu(AgentStatusController& controller, QObject* parent = nullptr);
+    ~StatusMenu() override;
+
+    QMenu* menu() const { return m_menu; }
+    // Re-reads every changing title from the controller.
+    void refresh();
+
+    // One line per entry: "---" for a separator, else the title, then " [disabled]",
+    // " [checked]" and " (tooltip)" where they apply; submenu entries indented.
+    static QStringList describe(const QMenu& menu);
+
+    // What the folder actions ask (a test may answer instead of the dialogs).
+    std::function<QStringList()> chooseProjectFolders;
+    std::function<QString()> chooseCreateProjectRoot;
+    std::function<void(const QString& message, const QString& detail)> showAlert;
+    std::function<void()> showPairingCode;
+    std::function<void()> quit;
+
+private:
+    QAction* addItem(const QString& title);
+    void rebuildProjectsSubmenu();
+
+    AgentStatusController& m_controller;
+    QMenu* m_menu = nullptr;
+    QMenu* m_projectsSubmenu = nullptr;
+    QAction* m_status = nullptr;
+    QAction* m_details = nullptr;
+    QAction* m_network = nullptr;
+    QAction* m_projects = nullptr;
+    QAction* m_projectsList = nullptr;
+    QAction* m_createProjectRoot = nullptr;
+    QAction* m_clearProjects = nullptr;
+    QAction* m_clearCreateProjectRoot = nullptr;
+    QAction* m_launchAtLogin = nullptr;
+};
+
+} // namespace brinmoor

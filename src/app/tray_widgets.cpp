@@ -1,0 +1,81 @@
+#include "app/tray.h"
+
+#include "agent/diag.h"
+#include "app/agent_status_controller.h"
+#include "app/headless.h"
+#include "app/pairing_panel.h"
+#include "app/status_menu.h"
+#include "app/unix_signal_watcher.h"
+#include "config/settings_store.h"
+
+#include <QApplication>
+#include <QGuiApplication>
+#include <QIcon>
+#include <QPointer>
+#include <QSystemTrayIcon>
+
+#include <csignal>
+
+namespace brinmoor::Tray {
+
+namespace {
+
+bool hasDisplay()
+{
+    return !qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") ||
+           qEnvironmentVariable("QT_QPA_PLATFORM") == QLatin1String("offscreen");
+}
+
+} // namespace
+
+int run(int argc, char** argv)
+{
+    if (!hasDisplay()) {
+        QCoreApplication app(argc, argv);
+        diag(QStringLiteral("tray unavailable reason=no display, running headless"));
+        return runHeadless();
+    }
+    QApplication app(argc, argv);
+    QApplication::setQuitOnLastWindowClosed(false);
+    if (!QSystemTrayIcon::isSystemTrayAvailable()) {
+        diag(QStringLiteral("tray unavailable reason=the desktop has no system tray, running headless"));
+        return runHeadless();
+    }
+
+    const std::unique_ptr<QSettingsStore> defaults = QSettingsStore::standard();
+    AgentStatusController controller(*defaults, currentEnvironment(), Machine::current());
+    StatusMenu menu(controller);
+    QPointer<PairingPanel> panel;
+    menu.showPairingCode = [&] {
+        menu.refresh();
+        // One panel at a time: a new one replaces the open one.
+        if (panel)
+            panel->close();
+        panel = new PairingPanel(controller.currentPairingPayload(), controller.pairingTooltip());
+        panel->show();
+        panel->raise();
+        panel->activateWindow();
+    };
+    menu.quit = [] { QCoreApplication::quit(); };
+
+    QSystemTrayIcon icon(QIcon(QStringLiteral(":/wexlin-menubar-44.png")));
+    icon.setToolTip(QStringLiteral("Wexlin"));
+    icon.setContextMenu(menu.menu());
+    icon.show();
+
+    UnixSignalWatcher signals({SIGINT, SIGTERM});
+    QObject::connect(&signals, &UnixSignalWatcher::received, &controller, [&controller](int signal) {
+        diag(QStringLiteral("shutdown signal=") + QString::number(signal));
+        controller.quit();
+        QCoreApplication::quit();
+    });
+
+    controller.startServerAndAgent();
+    menu.refresh();
+    const int status = QApplication::exec();
+    if (panel)
+        delete panel;
+    return status;
+}
+
+} // namespace brinmoor::Tray
