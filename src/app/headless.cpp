@@ -2,6 +2,7 @@
 
 #include "agent/diag.h"
 #include "app/agent_status_controller.h"
+#include "app/sleep_watcher.h"
 #include "app/unix_signal_watcher.h"
 #include "config/settings_store.h"
 
@@ -21,6 +22,10 @@ int runHeadless()
                      [&controller] { diag(QStringLiteral("status ") + controller.statusTitle()); });
     QObject::connect(&controller, &AgentStatusController::runtimeStatusChanged, &controller,
                      [&controller] { diag(QStringLiteral("status ") + controller.detailsTitle()); });
+
+    SleepWatcher sleep;
+    QObject::connect(&sleep, &SleepWatcher::willSleep, &controller, &AgentStatusController::willSleep);
+    QObject::connect(&sleep, &SleepWatcher::didWake, &controller, &AgentStatusController::didWake);
 
     UnixSignalWatcher signals({SIGINT, SIGTERM});
     QObject::connect(&signals, &UnixSignalWatcher::received, &controller, [&controller](int signal) {

@@ -4,6 +4,7 @@
 #include "app/agent_status_controller.h"
 #include "app/headless.h"
 #include "app/pairing_panel.h"
+#include "app/sleep_watcher.h"
 #include "app/status_menu.h"
 #include "app/unix_signal_watcher.h"
 #include "config/settings_store.h"
@@ -62,6 +63,10 @@ int run(int argc, char** argv)
     icon.setToolTip(QStringLiteral("Wexlin"));
     icon.setContextMenu(menu.menu());
     icon.show();
+
+    SleepWatcher sleep;
+    QObject::connect(&sleep, &SleepWatcher::willSleep, &controller, &AgentStatusController::willSleep);
+    QObject::connect(&sleep, &SleepWatcher::didWake, &controller, &AgentStatusController::didWake);
 
     UnixSignalWatcher signals({SIGINT, SIGTERM});
     QObject::connect(&signals, &UnixSignalWatcher::received, &controller, [&controller](int signal) {

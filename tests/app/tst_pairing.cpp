@@ -1,6 +1,7 @@
 #include "app/agent_status_controller.h"
 #include "app/launch_at_login.h"
 #include "app/pairing.h"
+#include "app/sleep_watcher.h"
 #include "config/settings_store.h"
 #include "support/loopback_server.h"
 #include "support/test_support.h"
@@ -203,6 +204,17 @@ private Q_SLOTS:
         QVERIFY(controller.canClearCreateProjectRoot());
         controller.clearCreateProjectRoot();
         QCOMPARE(controller.createProjectRootTitle(), QStringLiteral("New Project Folder: Not set"));
+    }
+
+    void sleepWatcherReportsTheLoginManagersSignal()
+    {
+        SleepWatcher watcher; // without a system bus it simply watches nothing
+        QSignalSpy sleeping(&watcher, &SleepWatcher::willSleep);
+        QSignalSpy waking(&watcher, &SleepWatcher::didWake);
+        watcher.onPrepareForSleep(true);
+        watcher.onPrepareForSleep(false);
+        QCOMPARE(sleeping.count(), 1);
+        QCOMPARE(waking.count(), 1);
     }
 
     void wakeRestartsAndRewritesThePortAndURL()

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <QObject>
+
+namespace brinmoor {
+
+// Tells when the computer is about to sleep and when it woke: the login manager's
+// PrepareForSleep signal on the system bus on Linux (nothing when there is no bus),
+// the workspace notifications on macOS.
+class SleepWatcher : public QObject {
+    Q_OBJECT
+
+public:
+    explicit SleepWatcher(QObject* parent = nullptr);
+    ~SleepWatcher() override;
+    // Whether the system told us it will report sleep and wake.
+    bool isWatching() const { return m_watching; }
+
+Q_SIGNALS:
+    void willSleep();
+    void didWake();
+
+public Q_SLOTS:
+    // The login manager's signal: true before sleeping, false after waking.
+    void onPrepareForSleep(bool sleeping);
+
+private:
+    bool m_watching = false;
+};
+
+} // namespace brinmoor

@@ -1,0 +1,29 @@
+#include "app/sleep_watcher.h"
+
+#include "agent/diag.h"
+
+#include <QDBusConnection>
+
+namespace brinmoor {
+
+SleepWatcher::SleepWatcher(QObject* parent) : QObject(parent)
+{
+    QDBusConnection bus = QDBusConnection::systemBus();
+    if (!bus.isConnected())
+        return;
+    m_watching = bus.connect(QStringLiteral("org.freedesktop.login1"), QStringLiteral("/org/freedesktop/login1"),
+                             QStringLiteral("org.freedesktop.login1.Manager"), QStringLiteral("PrepareForSleep"), this,
+                             SLOT(onPrepareForSleep(bool)));
+}
+
+SleepWatcher::~SleepWatcher() = default;
+
+void SleepWatcher::onPrepareForSleep(bool sleeping)
+{
+    if (sleeping)
+        Q_EMIT willSleep();
+    else
+        Q_EMIT didWake();
+}
+
+} // namespace brinmoor
