@@ -87,4 +87,20 @@ PairingPanel::PairingPanel(const std::optional<PairingPayload>& payload, const Q
     m_details = details;
 }
 
+PairingPanelHost::~PairingPanelHost()
+{
+    delete m_panel.data();
+}
+
+PairingPanel* PairingPanelHost::show(const std::optional<PairingPayload>& payload, const QString& tooltip)
+{
+    if (m_panel)
+        m_panel->close(); // deletes itself
+    m_panel = new PairingPanel(payload, tooltip);
+    m_panel->show();
+    m_panel->raise();
+    m_panel->activateWindow();
+    return m_panel;
+}
+
 } // namespace brinmoor

@@ -3,6 +3,7 @@
 #include "app/pairing.h"
 
 #include <QImage>
+#include <QPointer>
 #include <QWidget>
 
 #include <optional>
@@ -34,6 +35,17 @@ private:
     QLabel* m_code = nullptr;
     QLabel* m_fallback = nullptr;
     QWidget* m_details = nullptr;
+};
+
+// Keeps at most one pairing panel open: showing a new one closes the old one.
+class PairingPanelHost {
+public:
+    ~PairingPanelHost();
+    PairingPanel* show(const std::optional<PairingPayload>& payload, const QString& tooltip);
+    PairingPanel* current() const { return m_panel; }
+
+private:
+    QPointer<PairingPanel> m_panel;
 };
 
 } // namespace brinmoor

@@ -46,16 +46,10 @@ int run(int argc, char** argv)
     const std::unique_ptr<QSettingsStore> defaults = QSettingsStore::standard();
     AgentStatusController controller(*defaults, currentEnvironment(), Machine::current());
     StatusMenu menu(controller);
-    QPointer<PairingPanel> panel;
+    PairingPanelHost panels;
     menu.showPairingCode = [&] {
         menu.refresh();
-        // One panel at a time: a new one replaces the open one.
-        if (panel)
-            panel->close();
-        panel = new PairingPanel(controller.currentPairingPayload(), controller.pairingTooltip());
-        panel->show();
-        panel->raise();
-        panel->activateWindow();
+        panels.show(controller.currentPairingPayload(), controller.pairingTooltip());
     };
     menu.quit = [] { QCoreApplication::quit(); };
 
@@ -77,10 +71,7 @@ int run(int argc, char** argv)
 
     controller.startServerAndAgent();
     menu.refresh();
-    const int status = QApplication::exec();
-    if (panel)
-        delete panel;
-    return status;
+    return QApplication::exec();
 }
 
 } // namespace brinmoor::Tray

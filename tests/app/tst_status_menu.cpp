@@ -147,6 +147,21 @@ private Q_SLOTS:
         QCOMPARE(panel.fallback()->geometry(), QRect(110, 235, 200, 30));
     }
 
+    void openingThePairingCodeTwiceLeavesOnePanel()
+    {
+        PairingPanelHost host;
+        host.show(std::nullopt, QStringLiteral("first"));
+        host.show(std::nullopt, QStringLiteral("second"));
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        int open = 0;
+        for (QWidget* widget : QApplication::topLevelWidgets()) {
+            if (qobject_cast<PairingPanel*>(widget) && widget->isVisible())
+                ++open;
+        }
+        QCOMPARE(open, 1);
+        QCOMPARE(static_cast<QPlainTextEdit*>(host.current()->details())->toPlainText(), QStringLiteral("second"));
+    }
+
     void emptyTokenShowsQrUnavailable()
     {
         const auto setup = make(QStringLiteral("10.1.2.3"));
