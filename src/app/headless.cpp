@@ -24,8 +24,7 @@ int runHeadless()
                      [&controller] { diag(QStringLiteral("status ") + controller.detailsTitle()); });
 
     SleepWatcher sleep;
-    QObject::connect(&sleep, &SleepWatcher::willSleep, &controller, &AgentStatusController::willSleep);
-    QObject::connect(&sleep, &SleepWatcher::didWake, &controller, &AgentStatusController::didWake);
+    sleep.follow(controller);
 
     UnixSignalWatcher signals({SIGINT, SIGTERM});
     QObject::connect(&signals, &UnixSignalWatcher::received, &controller, [&controller](int signal) {

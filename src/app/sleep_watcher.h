@@ -4,6 +4,8 @@
 
 namespace brinmoor {
 
+class AgentStatusController;
+
 // Tells when the computer is about to sleep and when it woke: the login manager's
 // PrepareForSleep signal on the system bus on Linux (nothing when there is no bus),
 // the workspace notifications on macOS.
@@ -15,6 +17,8 @@ public:
     ~SleepWatcher() override;
     // Whether the system told us it will report sleep and wake.
     bool isWatching() const { return m_watching; }
+    // Sleep and wake go to the controller's willSleep and didWake.
+    void follow(AgentStatusController& controller);
 
 Q_SIGNALS:
     void willSleep();

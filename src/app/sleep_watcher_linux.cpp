@@ -18,12 +18,4 @@ SleepWatcher::SleepWatcher(QObject* parent) : QObject(parent)
 
 SleepWatcher::~SleepWatcher() = default;
 
-void SleepWatcher::onPrepareForSleep(bool sleeping)
-{
-    if (sleeping)
-        Q_EMIT willSleep();
-    else
-        Q_EMIT didWake();
-}
-
 } // namespace brinmoor

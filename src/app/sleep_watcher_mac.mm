@@ -28,12 +28,4 @@ SleepWatcher::~SleepWatcher()
     [center removeObserver:g_wakeObserver];
 }
 
-void SleepWatcher::onPrepareForSleep(bool sleeping)
-{
-    if (sleeping)
-        Q_EMIT willSleep();
-    else
-        Q_EMIT didWake();
-}
-
 } // namespace brinmoor

@@ -59,8 +59,7 @@ int run(int argc, char** argv)
     icon.show();
 
     SleepWatcher sleep;
-    QObject::connect(&sleep, &SleepWatcher::willSleep, &controller, &AgentStatusController::willSleep);
-    QObject::connect(&sleep, &SleepWatcher::didWake, &controller, &AgentStatusController::didWake);
+    sleep.follow(controller);
 
     UnixSignalWatcher signals({SIGINT, SIGTERM});
     QObject::connect(&signals, &UnixSignalWatcher::received, &controller, [&controller](int signal) {
