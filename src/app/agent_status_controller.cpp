@@ -1,11 +1,14 @@
 #include "app/agent_status_controller.h"
 
+#include "agent/diag.h"
 #include "app/launch_at_login.h"
 #include "config/agent_projects_store.h"
 #include "config/runtime_defaults.h"
 #include "config/settings_store.h"
 
+#include <QCoreApplication>
 #include <QPointer>
+#include <QTimer>
 
 namespace brinmoor {
 
@@ -80,6 +83,14 @@ void AgentStatusController::quit()
     m_quit = true;
     m_runtime->stop();
     m_serverRuntime->stop();
+}
+
+void AgentStatusController::shutdown(int signal)
+{
+    diag(QStringLiteral("shutdown signal=") + QString::number(signal));
+    quit();
+    m_runtime->stopRunningProcessIfAny(false);
+    QTimer::singleShot(0, this, [] { QCoreApplication::quit(); });
 }
 
 void AgentStatusController::willSleep()

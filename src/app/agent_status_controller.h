@@ -33,6 +33,9 @@ public:
     void refreshConnection();
     // Stops the agent and the server (the caller ends the program).
     void quit();
+    // A stop signal: logged, the agent and the server stopped, a running task's process
+    // tree ended, then the event loop left.
+    void shutdown(int signal);
     void willSleep();
     void didWake();
     // Flips "Open at Login". On failure the preference stays and the reason is returned

@@ -27,12 +27,7 @@ int runHeadless()
     sleep.follow(controller);
 
     UnixSignalWatcher signals({SIGINT, SIGTERM});
-    QObject::connect(&signals, &UnixSignalWatcher::received, &controller, [&controller](int signal) {
-        diag(QStringLiteral("shutdown signal=") + QString::number(signal));
-        controller.quit();
-        controller.runtime().stopRunningProcessIfAny(false);
-        QTimer::singleShot(0, &controller, [] { QCoreApplication::quit(); });
-    });
+    QObject::connect(&signals, &UnixSignalWatcher::received, &controller, &AgentStatusController::shutdown);
 
     controller.startServerAndAgent();
     // The pairing details, once: what the phone needs, as text and as a QR code.

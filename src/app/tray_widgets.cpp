@@ -62,11 +62,7 @@ int run(int argc, char** argv)
     sleep.follow(controller);
 
     UnixSignalWatcher signals({SIGINT, SIGTERM});
-    QObject::connect(&signals, &UnixSignalWatcher::received, &controller, [&controller](int signal) {
-        diag(QStringLiteral("shutdown signal=") + QString::number(signal));
-        controller.quit();
-        QCoreApplication::quit();
-    });
+    QObject::connect(&signals, &UnixSignalWatcher::received, &controller, &AgentStatusController::shutdown);
 
     controller.startServerAndAgent();
     menu.refresh();
