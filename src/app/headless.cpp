@@ -7,7 +7,6 @@
 #include "config/settings_store.h"
 
 #include <QCoreApplication>
-#include <QTimer>
 
 #include <csignal>
 #include <cstdio>
