@@ -84,13 +84,11 @@ public:
     // --- terminal sessions ---
     // Created on first use; sessions outlive reconnections.
     TerminalSessionManager& terminalSessionManager();
-    bool hasTerminalSessionManager() const { return m_terminalSessionManager != nullptr; }
 
     // --- chat bookkeeping ---
     ChatSessions& chatSessions() { return m_chatSessions; }
     // Deletes the current task's MCP configuration file, if any.
     void cleanupMCPConfig();
-    const std::optional<QString>& currentMCPConfigPath() const { return m_currentMCPConfigPath; }
     // Where temporary files of tasks go (the MCP configuration).
     QString temporaryFolder() const;
 

@@ -59,12 +59,6 @@ QStringList DiagRecorder::texts() const
     return m_texts;
 }
 
-void DiagRecorder::clear()
-{
-    QMutexLocker locker(&diagMutex());
-    m_texts.clear();
-}
-
 void DiagRecorder::record(const QString& text)
 {
     m_texts.append(text);

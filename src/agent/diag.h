@@ -26,7 +26,6 @@ public:
     // The texts logged so far, without the time stamp prefix.
     QStringList texts() const;
     bool contains(const QString& text) const { return texts().contains(text); }
-    void clear();
 
 private:
     friend void diag(const QString& text);

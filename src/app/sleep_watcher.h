@@ -15,8 +15,6 @@ class SleepWatcher : public QObject {
 public:
     explicit SleepWatcher(QObject* parent = nullptr);
     ~SleepWatcher() override;
-    // Whether the system told us it will report sleep and wake.
-    bool isWatching() const { return m_watching; }
     // Sleep and wake go to the controller's willSleep and didWake.
     void follow(AgentStatusController& controller);
 
@@ -27,9 +25,6 @@ Q_SIGNALS:
 public Q_SLOTS:
     // The login manager's signal: true before sleeping, false after waking.
     void onPrepareForSleep(bool sleeping);
-
-private:
-    bool m_watching = false;
 };
 
 } // namespace brinmoor

@@ -18,7 +18,6 @@ SleepWatcher::SleepWatcher(QObject* parent) : QObject(parent)
     g_wakeObserver = [center addObserverForName:NSWorkspaceDidWakeNotification object:nil
                                           queue:[NSOperationQueue mainQueue]
                                      usingBlock:^(NSNotification*) { onPrepareForSleep(false); }];
-    m_watching = true;
 }
 
 SleepWatcher::~SleepWatcher()

@@ -101,11 +101,6 @@ ProcessRunner::ProcessRunner(AgentRuntime& runtime) : m_runtime(runtime) {}
 
 ProcessRunner::~ProcessRunner() = default;
 
-bool ProcessRunner::hasProcess() const
-{
-    return !m_child.isNull();
-}
-
 void ProcessRunner::runTask(const RunRequest& request)
 {
     diag(QStringLiteral("Running task ") + request.taskId + QStringLiteral(" workingDir=") +

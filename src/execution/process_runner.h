@@ -54,7 +54,6 @@ public:
     const std::optional<QString>& currentTaskId() const { return m_currentTaskId; }
     // Marks a task as running without a child yet (change proposals prepare first).
     void setCurrentTaskId(const QString& taskId) { m_currentTaskId = taskId; }
-    bool hasProcess() const;
 
     // Launches the task's child; the rest is reported by messages.
     void runTask(const RunRequest& request);

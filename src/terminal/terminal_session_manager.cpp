@@ -150,15 +150,6 @@ std::shared_ptr<TerminalSessionManager::ManagedSession> TerminalSessionManager::
     return m_sessions.value(sessionId.trimmed());
 }
 
-bool TerminalSessionManager::hasLiveProcesses() const
-{
-    for (const std::shared_ptr<ManagedSession>& session : m_sessions) {
-        if (session->process && session->process->state() != QProcess::NotRunning)
-            return true;
-    }
-    return !m_unreaped.isEmpty();
-}
-
 void TerminalSessionManager::open(const QString& rawSessionId, const QString& rawProjectPath, const QString& mode,
                                   bool replace, const std::optional<QString>& replaceSessionId)
 {

@@ -56,8 +56,6 @@ public:
 
     // The ids of every session, for closing them all when the agent stops.
     QStringList sessionIds() const { return m_sessions.keys(); }
-    // Whether the process of a session is still alive (tests and shutdown).
-    bool hasLiveProcesses() const;
 
     // Where a shell starts: an existing absolute path, repoRoot/path, repoRoot/proj/path,
     // else the repository root itself.
