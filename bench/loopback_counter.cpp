@@ -1,5 +1,7 @@
 #include "loopback_counter.h"
 
+#include "websocket_frames.h"
+
 #include <QCryptographicHash>
 #include <QJsonDocument>
 #include <QTcpServer>
@@ -14,24 +16,6 @@ namespace {
 constexpr char kLogMarker[] = "\"type\":\"task.log\"";
 // {"line":"","taskId":"t","type":"task.log"}: what a log frame holds besides its text.
 constexpr qsizetype kLogOverhead = 42;
-
-void unmask(char* data, qsizetype size, const unsigned char mask[4])
-{
-    quint64 wide;
-    unsigned char pattern[8];
-    for (int i = 0; i < 8; ++i)
-        pattern[i] = mask[i % 4];
-    std::memcpy(&wide, pattern, 8);
-    qsizetype i = 0;
-    for (; i + 8 <= size; i += 8) {
-        quint64 word;
-        std::memcpy(&word, data + i, 8);
-        word ^= wide;
-        std::memcpy(data + i, &word, 8);
-    }
-    for (; i < size; ++i)
-        data[i] = static_cast<char>(data[i] ^ mask[i % 4]);
-}
 
 } // namespace
 
@@ -181,7 +165,7 @@ void LoopbackCounter::parseFrames()
             return;
         char* payload = m_buffer.data() + m_offset + headerSize + maskSize;
         if (masked)
-            unmask(payload, qsizetype(length), head + headerSize);
+            relay::ws::unmask(payload, qsizetype(length), head + headerSize);
         handleFrame(opcode, payload, qsizetype(length));
         m_offset += headerSize + maskSize + qsizetype(length);
     }

@@ -1,4 +1,5 @@
 #include "support/loopback_server.h"
+#include "support/process_fixtures.h"
 #include "support/test_support.h"
 
 #include <QDir>
@@ -14,40 +15,6 @@ using namespace brinmoor;
 using namespace brinmoor::test;
 
 namespace {
-
-// The agent as a user runs it, with its own config home, pointed at the test's server.
-struct AgentProcess {
-    QTemporaryDir configHome;
-    QTemporaryDir repo;
-    QProcess process;
-
-    void start(const QString& serverURL, const QProcessEnvironment& extra = {})
-    {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        for (const QString& key : extra.keys())
-            env.insert(key, extra.value(key));
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), configHome.path());
-        env.insert(QStringLiteral("BRINMOOR_SERVER_URL"), serverURL);
-        env.insert(QStringLiteral("BRINMOOR_AGENT_ID"), QStringLiteral("cli-agent"));
-        env.insert(QStringLiteral("BRINMOOR_SHARED_TOKEN"), QStringLiteral("tok"));
-        env.insert(QStringLiteral("BRINMOOR_REPO_ROOT"), repo.path());
-        process.setProcessEnvironment(env);
-        process.start(test::binDir() + QStringLiteral("/BrinmoorMacAgent"), {QStringLiteral("--agent-only")});
-    }
-
-    // The diag texts printed so far, without their time stamps.
-    QStringList logTexts()
-    {
-        m_out += process.readAllStandardOutput();
-        QStringList texts;
-        static const QRegularExpression prefix(QStringLiteral("^\\[BrinmoorMacAgent\\]\\[[^\\]]+\\] "));
-        for (const QString& line : QString::fromUtf8(m_out).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
-            texts.append(QString(line).remove(prefix));
-        return texts;
-    }
-
-    QByteArray m_out;
-};
 
 QJsonObject shellTask(const QString& taskId, const QString& command)
 {

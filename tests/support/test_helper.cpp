@@ -1,10 +1,18 @@
 // A small program whose behaviour a test picks by its first argument, for tests that
 // need a real process doing one odd thing.
 //   int-value JSON   decode JSON as a payload value and print its intValue (or "none")
+//   mcp-call CONFIG TOOL INPUT
+//                    act as an assistant tool asking for permission: start the "approver"
+//                    server of an MCP config file as the tool would, call its
+//                    "request_permission" for TOOL with INPUT (JSON), print the answer text
 #include "agent/json_value.h"
 
+#include <QDeadlineTimer>
+#include <QFile>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QProcess>
 
 #include <cstdio>
 #include <cstring>
@@ -30,10 +38,76 @@ int intValue(const char* json)
     return 0;
 }
 
+QByteArray line(const QJsonObject& message)
+{
+    return QJsonDocument(message).toJson(QJsonDocument::Compact) + '\n';
+}
+
+int mcpCall(const char* configPath, const char* toolName, const char* input)
+{
+    QFile file(QString::fromLocal8Bit(configPath));
+    if (!file.open(QIODevice::ReadOnly)) {
+        std::puts("config unreadable");
+        return 3;
+    }
+    const QJsonObject server =
+        QJsonDocument::fromJson(file.readAll()).object().value("mcpServers").toObject().value("approver").toObject();
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    const QJsonObject serverEnv = server.value("env").toObject();
+    for (auto it = serverEnv.begin(); it != serverEnv.end(); ++it)
+        env.insert(it.key(), it.value().toString());
+    QStringList args;
+    for (const QJsonValue& arg : server.value("args").toArray())
+        args.append(arg.toString());
+    QProcess approver;
+    approver.setProcessEnvironment(env);
+    approver.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    approver.start(server.value("command").toString(), args);
+    if (!approver.waitForStarted(10000)) {
+        std::puts("approver did not start");
+        return 3;
+    }
+    approver.write(line({{"jsonrpc", "2.0"}, {"id", 1}, {"method", "initialize"},
+                         {"params", QJsonObject{{"protocolVersion", "2025-06-18"}, {"capabilities", QJsonObject()}}}}));
+    approver.write(line({{"jsonrpc", "2.0"}, {"method", "notifications/initialized"}}));
+    approver.write(line({{"jsonrpc", "2.0"},
+                         {"id", 2},
+                         {"method", "tools/call"},
+                         {"params", QJsonObject{{"name", "request_permission"},
+                                                {"arguments", QJsonObject{{"tool_name", toolName},
+                                                                          {"input", QJsonDocument::fromJson(input).object()},
+                                                                          {"tool_use_id", "toolu_1"}}}}}}));
+    QByteArray buffer;
+    QDeadlineTimer deadline(120'000);
+    while (!deadline.hasExpired()) {
+        approver.waitForReadyRead(100);
+        buffer += approver.readAllStandardOutput();
+        qsizetype newline;
+        while ((newline = buffer.indexOf('\n')) >= 0) {
+            const QJsonObject message = QJsonDocument::fromJson(buffer.left(newline)).object();
+            buffer.remove(0, newline + 1);
+            if (message.value("id").toInt() != 2)
+                continue;
+            const QString text =
+                message.value("result").toObject().value("content").toArray().first().toObject().value("text").toString();
+            std::puts(qPrintable(text));
+            approver.closeWriteChannel();
+            approver.waitForFinished(10000);
+            return 0;
+        }
+    }
+    std::puts("no answer");
+    approver.kill();
+    approver.waitForFinished();
+    return 1;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
+    if (argc == 5 && std::strcmp(argv[1], "mcp-call") == 0)
+        return mcpCall(argv[2], argv[3], argv[4]);
     if (argc == 3 && std::strcmp(argv[1], "int-value") == 0)
         return intValue(argv[2]);
     std::fprintf(stderr, "test_helper: unknown mode\n");

@@ -1,0 +1,58 @@
+#pragma once
+
+#include "relay_messages.h"
+
+#include <QObject>
+
+#include <functional>
+#include <map>
+#include <memory>
+
+class QTimer;
+
+namespace brinmoor::relay {
+
+class RelayConnection;
+
+// Tool uses waiting for the phone: each holds the approval tool's HTTP request open
+// until a client decides, its time runs out, its task ends or the tool goes away.
+class PermissionRequests : public QObject {
+    Q_OBJECT
+
+public:
+    explicit PermissionRequests(int timeoutMs, QObject* parent = nullptr);
+    ~PermissionRequests() override;
+
+    // Called for every request that ends, with "allow" or "deny" and why
+    // ("client", "timeout", "task ended", "withdrawn").
+    std::function<void(const PermissionRequest&, const QString& decision, const QString& reason)> onResolved;
+
+    // Holds `waiting` until the request is resolved; gives the new request id.
+    QString add(PermissionRequest request, RelayConnection* waiting);
+    bool contains(const QString& requestId) const;
+    // A client's answer. An allow without updatedInput keeps the tool's input.
+    void decide(const QString& requestId, bool allow, const QString& message, const QJsonValue& updatedInput);
+    // The held connection went away.
+    void withdraw(RelayConnection* waiting);
+    // Every request of this task is denied.
+    void endTask(const QString& taskId);
+
+    // Unresolved requests, oldest first.
+    QList<PermissionRequest> pending() const;
+    int timeoutSeconds() const { return m_timeoutMs / 1000; }
+
+private:
+    struct Entry {
+        quint64 sequence;
+        PermissionRequest request;
+        RelayConnection* waiting;
+        std::unique_ptr<QTimer> timer;
+    };
+    void resolve(const QString& requestId, const QByteArray& answer, const QString& decision, const QString& reason);
+
+    int m_timeoutMs;
+    quint64 m_sequence = 0;
+    std::map<QString, Entry> m_entries;
+};
+
+} // namespace brinmoor::relay

@@ -1,0 +1,255 @@
+#include "relay_connection.h"
+
+#include <QHostAddress>
+#include <QTcpSocket>
+
+namespace brinmoor::relay {
+
+namespace {
+
+// At most this much is handed to the socket at a time; the rest waits in our queue, so a
+// slow peer's backlog can be measured and dropped.
+constexpr qint64 kSocketWindow = 256 * 1024;
+constexpr int kClosingGraceMs = 5'000;
+
+QString addressText(const QHostAddress& address)
+{
+    bool isV4 = false;
+    const quint32 v4 = address.toIPv4Address(&isV4);
+    return isV4 ? QHostAddress(v4).toString() : address.toString();
+}
+
+} // namespace
+
+RelayConnection::RelayConnection(QTcpSocket* socket, const RelayLimits& limits, ConnectionHandler& handler,
+                                 QObject* parent)
+    : QObject(parent), m_socket(socket), m_limits(limits), m_handler(handler),
+      m_address(addressText(socket->peerAddress())), m_reader(limits.maxMessageSize, true)
+{
+    m_socket->setParent(this);
+    m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    connect(m_socket, &QTcpSocket::readyRead, this, &RelayConnection::onReadyRead);
+    connect(m_socket, &QTcpSocket::bytesWritten, this, &RelayConnection::onBytesWritten);
+    connect(m_socket, &QTcpSocket::disconnected, this, &RelayConnection::finish);
+    connect(m_socket, &QTcpSocket::errorOccurred, this, [this](QAbstractSocket::SocketError error) {
+        if (error != QAbstractSocket::RemoteHostClosedError || m_socket->state() == QAbstractSocket::UnconnectedState)
+            finish();
+    });
+    m_deadline.setSingleShot(true);
+    connect(&m_deadline, &QTimer::timeout, this, [this] {
+        if (m_state == State::Request)
+            respond(jsonResponse(408, "{\"error\":\"request head not received in time\"}"));
+        else
+            finish();
+    });
+    m_deadline.start(m_limits.headTimeoutMs);
+    if (m_socket->bytesAvailable() > 0)
+        QMetaObject::invokeMethod(this, &RelayConnection::onReadyRead, Qt::QueuedConnection);
+}
+
+RelayConnection::~RelayConnection() = default;
+
+qsizetype RelayConnection::backlog() const
+{
+    return m_queued + m_socket->bytesToWrite();
+}
+
+void RelayConnection::onReadyRead()
+{
+    if (m_state == State::Closed)
+        return;
+    const qint64 available = m_socket->bytesAvailable();
+    if (available <= 0)
+        return;
+    if (m_state == State::Held || m_state == State::Closing) {
+        // Nothing more is expected from a held request or a closing peer.
+        m_socket->skip(available);
+        return;
+    }
+    const qsizetype before = m_buffer.size();
+    m_buffer.resize(before + available);
+    const qint64 n = m_socket->read(m_buffer.data() + before, available);
+    m_buffer.resize(before + qMax<qint64>(n, 0));
+    if (m_state == State::Request)
+        readRequest();
+    else if (m_state == State::Open)
+        readFrames();
+}
+
+void RelayConnection::readRequest()
+{
+    HttpRequest request;
+    switch (parseRequestHead(m_buffer, m_limits.maxHeadSize, request)) {
+    case HeadStatus::Incomplete:
+        return;
+    case HeadStatus::TooLarge:
+        respond(jsonResponse(431, "{\"error\":\"request head too large\"}"));
+        return;
+    case HeadStatus::Malformed:
+        respond(jsonResponse(400, "{\"error\":\"malformed request\"}"));
+        return;
+    case HeadStatus::Complete:
+        break;
+    }
+    qsizetype bodySize = 0;
+    if (request.hasHeader("transfer-encoding")) {
+        respond(jsonResponse(411, "{\"error\":\"a request body needs Content-Length\"}"));
+        return;
+    }
+    if (request.hasHeader("content-length")) {
+        bool ok = false;
+        bodySize = request.header("content-length").toLongLong(&ok);
+        if (!ok || bodySize < 0) {
+            respond(jsonResponse(400, "{\"error\":\"malformed request\"}"));
+            return;
+        }
+        if (bodySize > m_limits.maxMessageSize) {
+            respond(jsonResponse(413, "{\"error\":\"request body too large\"}"));
+            return;
+        }
+    }
+    if (m_buffer.size() < request.headSize + bodySize)
+        return;
+    const QByteArray body = m_buffer.mid(request.headSize, bodySize);
+    m_buffer.remove(0, request.headSize + bodySize);
+    m_state = State::Held;
+    m_deadline.stop();
+    m_handler.requestReceived(*this, request, body);
+}
+
+void RelayConnection::upgrade(Role role, QByteArrayView key, QByteArrayView subprotocol)
+{
+    if (m_state != State::Held)
+        return;
+    m_role = role;
+    m_state = State::Open;
+    QByteArray response = "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                          "Sec-WebSocket-Accept: " +
+                          ws::acceptKey(key) + "\r\n";
+    if (!subprotocol.isEmpty())
+        response += "Sec-WebSocket-Protocol: " + subprotocol.toByteArray() + "\r\n";
+    response += "\r\n";
+    m_socket->write(response);
+    if (!m_buffer.isEmpty())
+        QMetaObject::invokeMethod(this, &RelayConnection::readFrames, Qt::QueuedConnection);
+}
+
+void RelayConnection::readFrames()
+{
+    ws::Message message;
+    while (m_state == State::Open) {
+        const ws::FrameReader::Result result = m_reader.next(m_buffer, m_offset, message);
+        if (result == ws::FrameReader::Result::NeedMore)
+            break;
+        if (result == ws::FrameReader::Result::Failed) {
+            close(m_reader.failureCode(), m_reader.failureReason());
+            break;
+        }
+        switch (message.opcode) {
+        case ws::Text:
+        case ws::Binary:
+            m_handler.messageReceived(*this, message.payload);
+            break;
+        case ws::Ping:
+            sendFrame(ws::frame(ws::Pong, message.payload));
+            break;
+        case ws::Close: {
+            // Answer with the peer's own code, then let the socket go.
+            const quint16 code = message.payload.size() >= 2
+                                     ? quint16((quint8(message.payload[0]) << 8) | quint8(message.payload[1]))
+                                     : quint16(ws::NormalClosure);
+            close(code, {});
+            break;
+        }
+        default:
+            break;
+        }
+    }
+    if (m_offset > 0) {
+        m_buffer.remove(0, m_offset);
+        m_offset = 0;
+    }
+}
+
+void RelayConnection::sendText(QByteArrayView text)
+{
+    sendFrame(ws::frame(ws::Text, text));
+}
+
+void RelayConnection::sendFrame(const QByteArray& frame)
+{
+    if (m_state != State::Open)
+        return;
+    if (m_queue.empty() && m_socket->bytesToWrite() < kSocketWindow) {
+        m_socket->write(frame);
+        return;
+    }
+    m_queue.push_back(frame);
+    m_queued += frame.size();
+    if (backlog() > m_limits.maxBacklog) {
+        m_queue.clear();
+        m_queued = 0;
+        close(ws::PolicyViolation, QByteArray("too slow: more than " + QByteArray::number(m_limits.maxBacklog) +
+                                                  " bytes waiting to be sent"));
+    }
+}
+
+void RelayConnection::onBytesWritten()
+{
+    drainQueue();
+}
+
+void RelayConnection::drainQueue()
+{
+    while (!m_queue.empty() && m_socket->bytesToWrite() < kSocketWindow) {
+        m_queued -= m_queue.front().size();
+        m_socket->write(m_queue.front());
+        m_queue.pop_front();
+    }
+}
+
+void RelayConnection::close(quint16 code, QByteArrayView reason)
+{
+    if (m_state != State::Open)
+        return;
+    m_state = State::Closing;
+    m_queue.clear();
+    m_queued = 0;
+    m_closeReason = reason.toByteArray();
+    m_socket->write(ws::closeFrame(code, reason));
+    notifyClosed();
+    m_socket->disconnectFromHost();
+    m_deadline.start(kClosingGraceMs);
+}
+
+void RelayConnection::respond(const QByteArray& response)
+{
+    if (m_state != State::Request && m_state != State::Held)
+        return;
+    m_state = State::Closing;
+    m_socket->write(response);
+    notifyClosed();
+    m_socket->disconnectFromHost();
+    m_deadline.start(kClosingGraceMs);
+}
+
+void RelayConnection::notifyClosed()
+{
+    if (m_notified)
+        return;
+    m_notified = true;
+    m_handler.connectionClosed(*this);
+}
+
+void RelayConnection::finish()
+{
+    if (m_state == State::Closed)
+        return;
+    m_state = State::Closed;
+    m_deadline.stop();
+    notifyClosed();
+    m_socket->abort();
+    deleteLater();
+}
+
+} // namespace brinmoor::relay

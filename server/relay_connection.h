@@ -1,0 +1,97 @@
+#pragma once
+
+#include "http_request.h"
+#include "websocket_frames.h"
+
+#include <QByteArray>
+#include <QObject>
+#include <QString>
+#include <QTimer>
+
+#include <deque>
+
+class QTcpSocket;
+
+namespace brinmoor::relay {
+
+struct RelayLimits {
+    qsizetype maxMessageSize = 16 * 1024 * 1024; // one WebSocket message or request body
+    qsizetype maxBacklog = 8 * 1024 * 1024;      // unsent bytes to one peer before it is dropped
+    qsizetype maxHeadSize = 16 * 1024;
+    int headTimeoutMs = 10'000;
+};
+
+class RelayConnection;
+
+// What the server does with a connection's traffic.
+class ConnectionHandler {
+public:
+    virtual ~ConnectionHandler() = default;
+    // A complete HTTP request (head and body); the handler answers, upgrades or holds it.
+    virtual void requestReceived(RelayConnection& connection, const HttpRequest& request,
+                                 const QByteArray& body) = 0;
+    // One text or binary message on an upgraded connection.
+    virtual void messageReceived(RelayConnection& connection, QByteArrayView payload) = 0;
+    // Called once when the connection is closing or gone; nothing is called after it.
+    virtual void connectionClosed(RelayConnection& connection) = 0;
+};
+
+// One TCP connection: an HTTP request, and after an upgrade a WebSocket. It bounds what
+// it buffers both ways and deletes itself when the peer is gone.
+class RelayConnection : public QObject {
+    Q_OBJECT
+
+public:
+    enum class Role { Http, Agent, Client };
+
+    RelayConnection(QTcpSocket* socket, const RelayLimits& limits, ConnectionHandler& handler,
+                    QObject* parent = nullptr);
+    ~RelayConnection() override;
+
+    const QString& address() const { return m_address; }
+    Role role() const { return m_role; }
+    bool isOpen() const { return m_state == State::Open; }
+
+    // Answers the HTTP request and closes.
+    void respond(const QByteArray& response);
+    // Completes the WebSocket handshake; later messages go to messageReceived.
+    void upgrade(Role role, QByteArrayView key, QByteArrayView subprotocol);
+    // Queues a prebuilt frame; a peer that lets too much pile up is dropped.
+    void sendFrame(const QByteArray& frame);
+    void sendText(QByteArrayView text);
+    // Starts the closing handshake; the peer hears the code and reason.
+    void close(quint16 code, QByteArrayView reason);
+
+    // Bytes handed over but not yet sent.
+    qsizetype backlog() const;
+    // Why this side ended the WebSocket; empty when the peer did, or it was a plain request.
+    const QByteArray& closeReason() const { return m_closeReason; }
+
+private:
+    enum class State { Request, Held, Open, Closing, Closed };
+
+    void onReadyRead();
+    void onBytesWritten();
+    void readRequest();
+    void readFrames();
+    void drainQueue();
+    void notifyClosed();
+    void finish();
+
+    QTcpSocket* m_socket;
+    RelayLimits m_limits;
+    ConnectionHandler& m_handler;
+    QString m_address;
+    Role m_role = Role::Http;
+    State m_state = State::Request;
+    QByteArray m_buffer;
+    qsizetype m_offset = 0;
+    ws::FrameReader m_reader;
+    std::deque<QByteArray> m_queue;
+    qsizetype m_queued = 0;
+    QTimer m_deadline; // the request head, and later the closing handshake, must not take forever
+    bool m_notified = false;
+    QByteArray m_closeReason;
+};
+
+} // namespace brinmoor::relay

@@ -1,0 +1,150 @@
+#include "relay_messages.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+
+namespace brinmoor::relay::RelayMessages {
+
+namespace {
+
+QJsonObject typed(const char* type)
+{
+    return QJsonObject{{QStringLiteral("type"), QLatin1String(type)}};
+}
+
+void addRequestId(QJsonObject& message, const QJsonValue& requestId)
+{
+    if (requestId.isString())
+        message.insert(QStringLiteral("requestId"), requestId);
+}
+
+} // namespace
+
+QByteArray json(const QJsonObject& object)
+{
+    return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
+QJsonObject agentRecord(const AgentRecord& agent)
+{
+    return QJsonObject{
+        {QStringLiteral("agentId"), agent.agentId},
+        {QStringLiteral("busy"), agent.busy},
+        {QStringLiteral("registration"), agent.registered ? QJsonValue(agent.registration) : QJsonValue()},
+    };
+}
+
+static QJsonArray records(const QList<AgentRecord>& agents)
+{
+    QJsonArray list;
+    for (const AgentRecord& agent : agents)
+        list.append(agentRecord(agent));
+    return list;
+}
+
+QByteArray agentList(const QList<AgentRecord>& agents)
+{
+    return json(QJsonObject{{QStringLiteral("agents"), records(agents)}});
+}
+
+QByteArray serverHello(const QList<AgentRecord>& agents)
+{
+    QJsonObject message = typed("server.hello");
+    message.insert(QStringLiteral("agents"), records(agents));
+    return json(message);
+}
+
+QByteArray agentHello()
+{
+    return json(typed("agent.hello"));
+}
+
+QByteArray agentOnline(const QString& agentId)
+{
+    QJsonObject message = typed("agent.online");
+    message.insert(QStringLiteral("agentId"), agentId);
+    return json(message);
+}
+
+QByteArray agentOffline(const QString& agentId)
+{
+    QJsonObject message = typed("agent.offline");
+    message.insert(QStringLiteral("agentId"), agentId);
+    return json(message);
+}
+
+QByteArray taskCreated(const QString& taskId, const QString& agentId, const QJsonValue& requestId)
+{
+    QJsonObject message = typed("task.created");
+    message.insert(QStringLiteral("taskId"), taskId);
+    message.insert(QStringLiteral("agentId"), agentId);
+    addRequestId(message, requestId);
+    return json(message);
+}
+
+QByteArray error(const QString& code, const QString& text, const QJsonValue& requestId)
+{
+    QJsonObject message = typed("error");
+    message.insert(QStringLiteral("code"), code);
+    message.insert(QStringLiteral("message"), text);
+    addRequestId(message, requestId);
+    return json(message);
+}
+
+QByteArray taskAssign(const QString& taskId, const QJsonObject& payload)
+{
+    QJsonObject message = typed("task.assign");
+    message.insert(QStringLiteral("taskId"), taskId);
+    message.insert(QStringLiteral("payload"), payload);
+    return json(message);
+}
+
+QByteArray agentCommand(const QString& type, const QJsonValue& taskId, const QJsonValue& payload)
+{
+    QJsonObject message{{QStringLiteral("type"), type}};
+    if (!taskId.isUndefined())
+        message.insert(QStringLiteral("taskId"), taskId);
+    if (!payload.isUndefined())
+        message.insert(QStringLiteral("payload"), payload);
+    return json(message);
+}
+
+QByteArray permissionRequest(const PermissionRequest& request)
+{
+    QJsonObject message = typed("permission.request");
+    message.insert(QStringLiteral("requestId"), request.requestId);
+    message.insert(QStringLiteral("taskId"), request.taskId);
+    message.insert(QStringLiteral("agentId"), request.agentId);
+    message.insert(QStringLiteral("toolName"), request.toolName);
+    message.insert(QStringLiteral("toolInput"), request.toolInput);
+    if (!request.toolUseId.isEmpty())
+        message.insert(QStringLiteral("toolUseId"), request.toolUseId);
+    return json(message);
+}
+
+QByteArray permissionResolved(const QString& requestId, const QString& decision, const QString& reason)
+{
+    QJsonObject message = typed("permission.resolved");
+    message.insert(QStringLiteral("requestId"), requestId);
+    message.insert(QStringLiteral("decision"), decision);
+    message.insert(QStringLiteral("reason"), reason);
+    return json(message);
+}
+
+QByteArray allow(const QJsonValue& updatedInput)
+{
+    return json(QJsonObject{{QStringLiteral("behavior"), QStringLiteral("allow")},
+                            {QStringLiteral("updatedInput"), updatedInput}});
+}
+
+QByteArray deny(const QString& text)
+{
+    return json(QJsonObject{{QStringLiteral("behavior"), QStringLiteral("deny")}, {QStringLiteral("message"), text}});
+}
+
+QByteArray httpError(const QString& text)
+{
+    return json(QJsonObject{{QStringLiteral("error"), text}});
+}
+
+} // namespace brinmoor::relay::RelayMessages

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <QByteArray>
+#include <QJsonObject>
+#include <QJsonValue>
+#include <QString>
+
+namespace brinmoor::relay {
+
+// What the server knows of one connected agent.
+struct AgentRecord {
+    QString agentId;
+    bool busy = false;
+    QJsonObject registration; // the latest "agent.register" without its "type"
+    bool registered = false;
+};
+
+// A tool use waiting for the phone's decision.
+struct PermissionRequest {
+    QString requestId;
+    QString taskId;
+    QString agentId;
+    QString toolName;
+    QJsonValue toolInput;
+    QString toolUseId;
+};
+
+// The messages the server itself writes; everything else is relayed.
+namespace RelayMessages {
+
+QByteArray json(const QJsonObject& object);
+QJsonObject agentRecord(const AgentRecord& agent);
+QByteArray agentList(const QList<AgentRecord>& agents);
+QByteArray serverHello(const QList<AgentRecord>& agents);
+QByteArray agentHello();
+QByteArray agentOnline(const QString& agentId);
+QByteArray agentOffline(const QString& agentId);
+QByteArray taskCreated(const QString& taskId, const QString& agentId, const QJsonValue& requestId);
+QByteArray error(const QString& code, const QString& message, const QJsonValue& requestId);
+QByteArray taskAssign(const QString& taskId, const QJsonObject& payload);
+// "task.cancel", "task.approval" and the terminal commands as the agent reads them.
+QByteArray agentCommand(const QString& type, const QJsonValue& taskId, const QJsonValue& payload);
+QByteArray permissionRequest(const PermissionRequest& request);
+QByteArray permissionResolved(const QString& requestId, const QString& decision, const QString& reason);
+QByteArray allow(const QJsonValue& updatedInput);
+QByteArray deny(const QString& message);
+QByteArray httpError(const QString& text);
+
+} // namespace RelayMessages
+
+} // namespace brinmoor::relay

@@ -1,0 +1,593 @@
+#include "support/loopback_server.h"
+#include "support/process_fixtures.h"
+#include "support/relay_client.h"
+#include "support/test_support.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QTcpSocket>
+#include <QTest>
+#include <QWebSocket>
+
+#include <memory>
+
+using namespace brinmoor::test;
+
+namespace {
+
+QJsonObject json(const char* text)
+{
+    return QJsonDocument::fromJson(text).object();
+}
+
+QString typeOf(const QJsonObject& message)
+{
+    return message.value(QStringLiteral("type")).toString();
+}
+
+QByteArray upgradeRequest(const QByteArray& path, const QByteArray& extraHeaders)
+{
+    return "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                           "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n" +
+           extraHeaders + "\r\n";
+}
+
+QByteArray postApproval(const QString& token, const QByteArray& body)
+{
+    return "POST /v1/approvals HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: Bearer " + token.toUtf8() +
+           "\r\nContent-Type: application/json\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" +
+           body;
+}
+
+// An HTTP request left running while the test goes on (an approval held open).
+struct HeldRequest {
+    QTcpSocket socket;
+
+    void start(quint16 port, const QByteArray& request)
+    {
+        socket.connectToHost(QStringLiteral("127.0.0.1"), port);
+        socket.write(request);
+    }
+    // Waits for the server to answer and close.
+    QString result(int timeoutMs = 10000)
+    {
+        return statusAndBody(readUntilClosed(socket, timeoutMs));
+    }
+};
+
+// One message of a given type and request id; for the permission messages.
+bool isPermission(const QJsonObject& message, const char* type, const QString& requestId)
+{
+    return typeOf(message) == QLatin1String(type) && message.value(QStringLiteral("requestId")) == requestId;
+}
+
+} // namespace
+
+class TstRelayServer : public QObject {
+    Q_OBJECT
+
+private:
+    std::unique_ptr<RelayProcess> m_relay;
+
+    bool startRelay(const QStringList& env = {})
+    {
+        m_relay = std::make_unique<RelayProcess>();
+        return m_relay->start(environment(env));
+    }
+
+    // A fake agent, registered, and a client that has seen it come online.
+    void connectAgentAndClient(RelayClient& agent, RelayClient& client, const QString& agentId = QStringLiteral("mac-1"))
+    {
+        QVERIFY(client.open(m_relay->port, m_relay->token));
+        QVERIFY(agent.openAgent(m_relay->port, agentId, m_relay->token));
+        agent.send(json("{\"type\":\"agent.register\",\"profiles\":[\"ios-local\"],\"projects\":[\"/p\"],\"supportsApproval\":true}"));
+        QVERIFY(client.waitForType(QStringLiteral("agent.register")));
+    }
+
+    QString createTask(RelayClient& client, RelayClient& agent, const QJsonObject& payload)
+    {
+        client.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("task.create")},
+                                {QStringLiteral("agentId"), QStringLiteral("mac-1")},
+                                {QStringLiteral("payload"), payload}});
+        const auto created = client.waitForType(QStringLiteral("task.created"));
+        const auto assigned = agent.waitForType(QStringLiteral("task.assign"));
+        if (!created || !assigned)
+            return {};
+        return created->value(QStringLiteral("taskId")).toString();
+    }
+
+private Q_SLOTS:
+    void cleanup()
+    {
+        m_relay.reset();
+    }
+
+    void refusesToStartWithoutAUsableSetting_data()
+    {
+        QTest::addColumn<QStringList>("env");
+        QTest::addColumn<QString>("line");
+        QTest::newRow("no token") << QStringList{QStringLiteral("BRINMOOR_SHARED_TOKEN=")}
+                                  << QStringLiteral("brinmoor-server: BRINMOOR_SHARED_TOKEN is not set; refusing to "
+                                                    "start without a token\n");
+        QTest::newRow("bad port") << QStringList{QStringLiteral("BRINMOOR_SHARED_TOKEN=t"),
+                                                 QStringLiteral("BRINMOOR_SERVER_PORT=70000")}
+                                  << QStringLiteral("brinmoor-server: BRINMOOR_SERVER_PORT is not a port number: 70000\n");
+        QTest::newRow("bad bind") << QStringList{QStringLiteral("BRINMOOR_SHARED_TOKEN=t"),
+                                                 QStringLiteral("BRINMOOR_SERVER_BIND=localhost")}
+                                  << QStringLiteral("brinmoor-server: BRINMOOR_SERVER_BIND is not an IP address: "
+                                                    "localhost\n");
+    }
+
+    void refusesToStartWithoutAUsableSetting()
+    {
+        QFETCH(QStringList, env);
+        QProcess server;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.remove(QStringLiteral("BRINMOOR_SHARED_TOKEN"));
+        for (const QString& entry : env)
+            environment.insert(entry.section(QLatin1Char('='), 0, 0), entry.section(QLatin1Char('='), 1));
+        server.setProcessEnvironment(environment);
+        server.start(binDir() + QStringLiteral("/brinmoor-server"), QStringList());
+        QVERIFY(server.waitForFinished(10000));
+        QCOMPARE(server.exitCode(), 2);
+        QTEST(QString::fromUtf8(server.readAllStandardError()), "line");
+        QCOMPARE(server.readAllStandardOutput(), QByteArray());
+    }
+
+    void answersHealthWithoutAToken()
+    {
+        QVERIFY(startRelay());
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, "GET /v1/health HTTP/1.1\r\nHost: x\r\n\r\n")),
+                 QStringLiteral("HTTP/1.1 200 OK\n{\"ok\":true}"));
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, "POST /v1/health HTTP/1.1\r\nContent-Length: 0\r\n\r\n")),
+                 QStringLiteral("HTTP/1.1 405 Method Not Allowed\n{\"error\":\"method not allowed\"}"));
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, "GET /v1/nothing HTTP/1.1\r\n\r\n")),
+                 QStringLiteral("HTTP/1.1 404 Not Found\n{\"error\":\"not found\"}"));
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, "NONSENSE\r\n\r\n")),
+                 QStringLiteral("HTTP/1.1 400 Bad Request\n{\"error\":\"malformed request\"}"));
+        QCOMPARE(m_relay->lines(), QStringList{QStringLiteral("listening port=") + QString::number(m_relay->port)});
+    }
+
+    void refusesAWrongTokenBeforeAnyUpgrade()
+    {
+        QVERIFY(startRelay());
+        const QString unauthorized = QStringLiteral("HTTP/1.1 401 Unauthorized\n{\"error\":\"unauthorized\"}");
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\n\r\n")), unauthorized);
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port,
+                                            upgradeRequest("/v1/ws/client", "Authorization: Bearer nope\r\n"))),
+                 unauthorized);
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, upgradeRequest("/v1/ws/agent?agentId=a",
+                                                                          "Authorization: Bearer relay-tokenX\r\n"))),
+                 unauthorized);
+        // The token never travels in the URL.
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, upgradeRequest("/v1/ws/client?token=relay-token", ""))),
+                 unauthorized);
+        RelayClient client;
+        QVERIFY(!client.open(m_relay->port, QStringLiteral("wrong"), RelayClient::TokenVia::Subprotocol));
+        QVERIFY(!client.isConnected());
+        QVERIFY(m_relay->waitForLine(QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client")));
+        QCOMPARE(m_relay->lines(),
+                 (QStringList{QStringLiteral("listening port=") + QString::number(m_relay->port),
+                              QStringLiteral("auth.refused address=127.0.0.1 path=/v1/agents"),
+                              QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client"),
+                              QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/agent"),
+                              QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client"),
+                              QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client")}));
+    }
+
+    void checksTheHandshake()
+    {
+        QVERIFY(startRelay());
+        const QByteArray bearer = "Authorization: Bearer relay-token\r\n";
+        const QByteArray accepted = httpExchange(m_relay->port, upgradeRequest("/v1/ws/client", bearer), 1500);
+        QVERIFY2(accepted.startsWith("HTTP/1.1 101 Switching Protocols\r\n"), accepted.constData());
+        QVERIFY(accepted.contains("Sec-WebSocket-Accept: s3pPLMBiTxaQ9kYGzzhZRbK+xOo=\r\n"));
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, "GET /v1/ws/client HTTP/1.1\r\n" + bearer + "\r\n")),
+                 QStringLiteral("HTTP/1.1 400 Bad Request\n{\"error\":\"not a WebSocket handshake\"}"));
+        QByteArray oldVersion = upgradeRequest("/v1/ws/client", bearer);
+        oldVersion.replace("Sec-WebSocket-Version: 13", "Sec-WebSocket-Version: 8");
+        const QByteArray refused = httpExchange(m_relay->port, oldVersion);
+        QCOMPARE(statusAndBody(refused),
+                 QStringLiteral("HTTP/1.1 426 Upgrade Required\n{\"error\":\"unsupported WebSocket version\"}"));
+        QVERIFY(refused.contains("Sec-WebSocket-Version: 13\r\n"));
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, upgradeRequest("/v1/ws/agent", bearer))),
+                 QStringLiteral("HTTP/1.1 400 Bad Request\n{\"error\":\"agentId is missing\"}"));
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, "POST /v1/ws/client HTTP/1.1\r\nContent-Length: 0\r\n\r\n")),
+                 QStringLiteral("HTTP/1.1 405 Method Not Allowed\n{\"error\":\"method not allowed\"}"));
+    }
+
+    void acceptsTheTokenAsASubprotocol()
+    {
+        QVERIFY(startRelay());
+        RelayClient browser;
+        QVERIFY(browser.open(m_relay->port, m_relay->token, RelayClient::TokenVia::Subprotocol));
+        QCOMPARE(browser.socket().subprotocol(), QStringLiteral("bearer.relay-token"));
+        RelayClient named;
+        QVERIFY(named.open(m_relay->port, m_relay->token, RelayClient::TokenVia::Subprotocol,
+                           {QStringLiteral("brinmoor.v1")}));
+        QCOMPARE(named.socket().subprotocol(), QStringLiteral("brinmoor.v1"));
+        QCOMPARE(browser.messages().first(), json("{\"type\":\"server.hello\",\"agents\":[]}"));
+    }
+
+    void blocksAnAddressThatFailsTenTimesInAMinute()
+    {
+        QVERIFY(startRelay());
+        for (int i = 0; i < 10; ++i) {
+            QCOMPARE(statusAndBody(httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer x\r\n\r\n")),
+                     QStringLiteral("HTTP/1.1 401 Unauthorized\n{\"error\":\"unauthorized\"}"));
+        }
+        const QByteArray blocked =
+            httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n\r\n");
+        QCOMPARE(statusAndBody(blocked), QStringLiteral("HTTP/1.1 429 Too Many Requests\n"
+                                                        "{\"error\":\"too many failed attempts; try again later\"}"));
+        QVERIFY(blocked.contains("Retry-After: 60\r\n"));
+        QCOMPARE(m_relay->lines().mid(10), (QStringList{QStringLiteral("auth.refused address=127.0.0.1 path=/v1/agents"),
+                                                        QStringLiteral("auth.blocked address=127.0.0.1 seconds=60")}));
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, "GET /v1/health HTTP/1.1\r\n\r\n")),
+                 QStringLiteral("HTTP/1.1 200 OK\n{\"ok\":true}"));
+    }
+
+    void relaysBetweenAnAgentAndItsClients()
+    {
+        QVERIFY(startRelay());
+        RelayClient client;
+        RelayClient agent;
+        connectAgentAndClient(agent, client);
+        QCOMPARE(client.messages().mid(0, 3),
+                 (QList<QJsonObject>{
+                     json("{\"type\":\"server.hello\",\"agents\":[]}"),
+                     json("{\"type\":\"agent.online\",\"agentId\":\"mac-1\"}"),
+                     json("{\"type\":\"agent.register\",\"agentId\":\"mac-1\",\"profiles\":[\"ios-local\"],\"projects\":[\"/p\"],"
+                          "\"supportsApproval\":true}"),
+                 }));
+        const QString agents =
+            statusAndBody(httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n\r\n"));
+        QCOMPARE(agents, QStringLiteral("HTTP/1.1 200 OK\n{\"agents\":[{\"agentId\":\"mac-1\",\"busy\":false,"
+                                        "\"registration\":{\"profiles\":[\"ios-local\"],\"projects\":[\"/p\"],"
+                                        "\"supportsApproval\":true}}]}"));
+        // A later client learns of the agent from its hello.
+        RelayClient late;
+        QVERIFY(late.open(m_relay->port, m_relay->token));
+        QCOMPARE(late.messages().first(),
+                 json("{\"type\":\"server.hello\",\"agents\":[{\"agentId\":\"mac-1\",\"busy\":false,\"registration\":"
+                      "{\"profiles\":[\"ios-local\"],\"projects\":[\"/p\"],\"supportsApproval\":true}}]}"));
+
+        client.send(json("{\"type\":\"task.create\",\"agentId\":\"mac-1\",\"requestId\":\"r1\",\"payload\":{\"action\":\"shell\",\"command\":\"ls\"}}"));
+        const auto created = client.waitForType(QStringLiteral("task.created"));
+        QVERIFY(created);
+        const QString taskId = created->value(QStringLiteral("taskId")).toString();
+        QVERIFY(QUuid::fromString(taskId).isNull() == false);
+        QCOMPARE(taskId, taskId.toUpper());
+        QCOMPARE(*created, (QJsonObject{{QStringLiteral("type"), QStringLiteral("task.created")},
+                                        {QStringLiteral("taskId"), taskId},
+                                        {QStringLiteral("agentId"), QStringLiteral("mac-1")},
+                                        {QStringLiteral("requestId"), QStringLiteral("r1")}}));
+        const auto assign = agent.waitForType(QStringLiteral("task.assign"));
+        QVERIFY(assign);
+        QCOMPARE(*assign, (QJsonObject{{QStringLiteral("type"), QStringLiteral("task.assign")},
+                                       {QStringLiteral("taskId"), taskId},
+                                       {QStringLiteral("payload"), json("{\"action\":\"shell\",\"command\":\"ls\"}")}}));
+        QVERIFY(httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n\r\n")
+                    .contains("\"busy\":true"));
+
+        agent.sendText(QStringLiteral("{\"type\":\"task.log\",\"taskId\":\"") + taskId +
+                       QStringLiteral("\",\"line\":\"hi \\\"agentId\\\" there\"}"));
+        agent.sendText(QStringLiteral("{}"));
+        agent.sendText(QStringLiteral("{\"type\":\"task.finished\",\"taskId\":\"") + taskId +
+                       QStringLiteral("\",\"exitCode\":0,\"agentId\":\"someone-else\"}"));
+        agent.sendText(QStringLiteral("[1,2]"));
+        QVERIFY(client.waitForType(QStringLiteral("task.finished")));
+        QCOMPARE(client.messages().mid(4),
+                 (QList<QJsonObject>{
+                     QJsonObject{{QStringLiteral("type"), QStringLiteral("task.log")},
+                                 {QStringLiteral("agentId"), QStringLiteral("mac-1")},
+                                 {QStringLiteral("taskId"), taskId},
+                                 {QStringLiteral("line"), QStringLiteral("hi \"agentId\" there")}},
+                     QJsonObject{{QStringLiteral("type"), QStringLiteral("task.finished")},
+                                 {QStringLiteral("agentId"), QStringLiteral("mac-1")},
+                                 {QStringLiteral("taskId"), taskId},
+                                 {QStringLiteral("exitCode"), 0}},
+                 }));
+        QVERIFY(httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n\r\n")
+                    .contains("\"busy\":false"));
+
+        // Commands for the agent are passed on as the agent reads them.
+        client.send(json("{\"type\":\"terminal.input\",\"agentId\":\"mac-1\",\"payload\":{\"sessionId\":\"s1\",\"dataBase64\":\"bHMK\"}}"));
+        client.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("task.cancel")},
+                                {QStringLiteral("agentId"), QStringLiteral("mac-1")},
+                                {QStringLiteral("taskId"), taskId}});
+        client.send(json("{\"type\":\"task.approval\",\"agentId\":\"mac-1\",\"taskId\":\"t9\",\"payload\":{\"decision\":\"approve\"}}"));
+        QVERIFY(agent.waitForType(QStringLiteral("task.approval")));
+        QCOMPARE(agent.messages().mid(2),
+                 (QList<QJsonObject>{
+                     json("{\"type\":\"terminal.input\",\"payload\":{\"sessionId\":\"s1\",\"dataBase64\":\"bHMK\"}}"),
+                     QJsonObject{{QStringLiteral("type"), QStringLiteral("task.cancel")}, {QStringLiteral("taskId"), taskId}},
+                     json("{\"type\":\"task.approval\",\"taskId\":\"t9\",\"payload\":{\"decision\":\"approve\"}}"),
+                 }));
+
+        agent.close();
+        QVERIFY(client.waitForType(QStringLiteral("agent.offline")));
+        QCOMPARE(client.messages().last(), json("{\"type\":\"agent.offline\",\"agentId\":\"mac-1\"}"));
+        QVERIFY(m_relay->waitForLine(QStringLiteral("agent.disconnected agentId=mac-1")));
+        const QStringList lines = m_relay->lines();
+        QCOMPARE(lines.mid(1), (QStringList{
+                                   QStringLiteral("client.connected address=127.0.0.1"),
+                                   QStringLiteral("agent.connected agentId=mac-1 address=127.0.0.1"),
+                                   QStringLiteral("agent.register agentId=mac-1"),
+                                   QStringLiteral("client.connected address=127.0.0.1"),
+                                   QStringLiteral("task.create taskId=") + taskId + QStringLiteral(" agentId=mac-1"),
+                                   QStringLiteral("agent.message.invalid agentId=mac-1"),
+                                   QStringLiteral("agent.message.invalid agentId=mac-1"),
+                                   QStringLiteral("agent.disconnected agentId=mac-1"),
+                               }));
+    }
+
+    void answersBadClientMessagesWithAnError_data()
+    {
+        QTest::addColumn<QString>("message");
+        QTest::addColumn<QString>("answer");
+        QTest::newRow("not JSON") << QStringLiteral("hello")
+                                  << QStringLiteral("{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"messages must be JSON objects\"}");
+        QTest::newRow("no type") << QStringLiteral("{\"requestId\":\"q\"}")
+                                 << QStringLiteral("{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"a message needs a string \\\"type\\\"\",\"requestId\":\"q\"}");
+        QTest::newRow("unknown type") << QStringLiteral("{\"type\":\"task.fly\"}")
+                                      << QStringLiteral("{\"type\":\"error\",\"code\":\"UNKNOWN_TYPE\",\"message\":\"unknown message type: task.fly\"}");
+        QTest::newRow("offline agent")
+            << QStringLiteral("{\"type\":\"task.create\",\"agentId\":\"gone\",\"payload\":{},\"requestId\":\"r2\"}")
+            << QStringLiteral("{\"type\":\"error\",\"code\":\"AGENT_OFFLINE\",\"message\":\"agent is not connected: gone\",\"requestId\":\"r2\"}");
+        QTest::newRow("no agent id") << QStringLiteral("{\"type\":\"task.create\",\"payload\":{}}")
+                                     << QStringLiteral("{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"task.create needs a string \\\"agentId\\\"\"}");
+        QTest::newRow("no payload") << QStringLiteral("{\"type\":\"task.create\",\"agentId\":\"a\",\"payload\":\"x\"}")
+                                    << QStringLiteral("{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"task.create needs an object \\\"payload\\\"\"}");
+        QTest::newRow("cancel without task") << QStringLiteral("{\"type\":\"task.cancel\",\"agentId\":\"a\"}")
+                                             << QStringLiteral("{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"task.cancel needs a string \\\"taskId\\\"\"}");
+        QTest::newRow("terminal payload") << QStringLiteral("{\"type\":\"terminal.open\",\"agentId\":\"a\",\"payload\":[1]}")
+                                          << QStringLiteral("{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"terminal.open needs an object \\\"payload\\\"\"}");
+        QTest::newRow("terminal offline") << QStringLiteral("{\"type\":\"terminal.close\",\"agentId\":\"a\",\"payload\":{}}")
+                                          << QStringLiteral("{\"type\":\"error\",\"code\":\"AGENT_OFFLINE\",\"message\":\"agent is not connected: a\"}");
+        QTest::newRow("decision without id") << QStringLiteral("{\"type\":\"permission.decision\",\"decision\":\"allow\"}")
+                                             << QStringLiteral("{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"permission.decision needs a string \\\"requestId\\\"\"}");
+        QTest::newRow("odd decision") << QStringLiteral("{\"type\":\"permission.decision\",\"requestId\":\"p\",\"decision\":\"yes\"}")
+                                      << QStringLiteral("{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"permission.decision needs \\\"decision\\\" \\\"allow\\\" or \\\"deny\\\"\",\"requestId\":\"p\"}");
+        QTest::newRow("unknown request") << QStringLiteral("{\"type\":\"permission.decision\",\"requestId\":\"p\",\"decision\":\"deny\"}")
+                                         << QStringLiteral("{\"type\":\"error\",\"code\":\"UNKNOWN_REQUEST\",\"message\":\"no pending permission request: p\",\"requestId\":\"p\"}");
+    }
+
+    void answersBadClientMessagesWithAnError()
+    {
+        QFETCH(QString, message);
+        QFETCH(QString, answer);
+        QVERIFY(startRelay());
+        RelayClient client;
+        QVERIFY(client.open(m_relay->port, m_relay->token));
+        client.sendText(message);
+        const auto error = client.waitForType(QStringLiteral("error"));
+        QVERIFY(error);
+        QCOMPARE(*error, json(answer.toUtf8().constData()));
+        QVERIFY(client.isConnected());
+    }
+
+    void aNewerConnectionOfAnAgentReplacesTheOlder()
+    {
+        QVERIFY(startRelay());
+        RelayClient client;
+        RelayClient first;
+        connectAgentAndClient(first, client);
+        RelayClient second;
+        QVERIFY(second.openAgent(m_relay->port, QStringLiteral("mac-1"), m_relay->token));
+        QVERIFY(waitUntil([&] { return !first.isConnected(); }));
+        QCOMPARE(int(first.socket().closeCode()), 4000);
+        QCOMPARE(first.socket().closeReason(), QStringLiteral("replaced by a newer connection"));
+        QVERIFY(client.waitFor([](const QJsonObject& m) { return typeOf(m) == QLatin1String("agent.online"); }));
+        QVERIFY(m_relay->waitForLine(QStringLiteral("agent.replaced agentId=mac-1")));
+        // The old connection's end does not take the agent offline.
+        second.send(json("{\"type\":\"task.heartbeat\",\"taskId\":\"x\"}"));
+        QVERIFY(client.waitForType(QStringLiteral("task.heartbeat")));
+        for (const QJsonObject& message : client.messages())
+            QVERIFY(typeOf(message) != QLatin1String("agent.offline"));
+    }
+
+    void closesAConnectionThatSendsMoreThan16MiB()
+    {
+        QVERIFY(startRelay());
+        RelayClient client;
+        QVERIFY(client.open(m_relay->port, m_relay->token));
+        client.sendText(QString(16 * 1024 * 1024 + 1, QLatin1Char('x')));
+        QVERIFY(waitUntil([&] { return !client.isConnected(); }, 20000));
+        QCOMPARE(int(client.socket().closeCode()), 1009);
+        QCOMPARE(client.socket().closeReason(), QStringLiteral("message too big"));
+        QVERIFY(m_relay->waitForLine(QStringLiteral("client.dropped address=127.0.0.1 reason=message too big")));
+        // Exactly 16 MiB is still fine.
+        RelayClient big;
+        QVERIFY(big.open(m_relay->port, m_relay->token));
+        big.sendText(QStringLiteral("{\"type\":\"none\",\"pad\":\"") + QString(16 * 1024 * 1024 - 28, QLatin1Char('y')) +
+                     QStringLiteral("\"}"));
+        const auto error = big.waitForType(QStringLiteral("error"), 20000);
+        QVERIFY(error);
+        QCOMPARE(error->value(QStringLiteral("code")).toString(), QStringLiteral("UNKNOWN_TYPE"));
+    }
+
+    void dropsAClientThatFallsBehindWhileOthersGoOn()
+    {
+        QVERIFY(startRelay({QStringLiteral("BRINMOOR_CLIENT_BACKLOG_BYTES=1048576")}));
+        RelayClient client;
+        RelayClient agent;
+        connectAgentAndClient(agent, client);
+
+        // A client that completes its handshake and then stops reading.
+        QTcpSocket slow;
+        slow.connectToHost(QStringLiteral("127.0.0.1"), m_relay->port);
+        QVERIFY(slow.waitForConnected(5000));
+        slow.write(upgradeRequest("/v1/ws/client", "Authorization: Bearer relay-token\r\n"));
+        QVERIFY(waitUntil([&] { return slow.bytesAvailable() > 0; }));
+        QVERIFY(slow.peek(12) == "HTTP/1.1 101");
+        slow.setReadBufferSize(1);
+
+        const QString line(1000, QLatin1Char('z'));
+        const int count = 30000;
+        // The good client keeps up: never more than 300 lines behind.
+        for (int i = 0; i < count; ++i) {
+            agent.sendText(QStringLiteral("{\"type\":\"task.log\",\"taskId\":\"t\",\"line\":\"") + QString::number(i) +
+                           line + QStringLiteral("\"}"));
+            if (i % 100 == 99)
+                QVERIFY(waitUntil([&] { return client.messages().size() >= i + 3 - 300; }));
+        }
+        const QString dropped = QStringLiteral(
+            "client.dropped address=127.0.0.1 reason=too slow: more than 1048576 bytes waiting to be sent");
+        QVERIFY(m_relay->waitForLine(dropped, 30000));
+        // The agent and the other client go on: every line arrives.
+        QVERIFY(waitUntil(
+            [&] {
+                return client.messages().size() >= count + 3;
+            },
+            60000));
+        QCOMPARE(client.messages().last().value(QStringLiteral("line")).toString(), QString::number(count - 1) + line);
+        agent.send(json("{\"type\":\"task.heartbeat\",\"taskId\":\"t\"}"));
+        QVERIFY(client.waitForType(QStringLiteral("task.heartbeat")));
+
+        // What the slow client finally reads ends with the close frame and its reason.
+        slow.setReadBufferSize(0);
+        const QByteArray received = readUntilClosed(slow, 30000);
+        QCOMPARE(slow.state(), QAbstractSocket::UnconnectedState);
+        const QByteArray reason = "too slow: more than 1048576 bytes waiting to be sent";
+        const QByteArray closeFrame = QByteArray("\x88") + char(2 + reason.size()) + "\x03\xf0" + reason;
+        QVERIFY(received.endsWith(closeFrame));
+        QVERIFY(received.size() < 16 * 1024 * 1024);
+    }
+
+    void holdsAnApprovalUntilAClientDecides()
+    {
+        QVERIFY(startRelay());
+        RelayClient client;
+        RelayClient agent;
+        connectAgentAndClient(agent, client);
+        const QString taskId = createTask(client, agent, json("{\"action\":\"chat\",\"system\":\"claude\"}"));
+        QVERIFY(!taskId.isEmpty());
+
+        HeldRequest allowed;
+        allowed.start(m_relay->port,
+                      postApproval(m_relay->token, QStringLiteral("{\"taskId\":\"%1\",\"toolName\":\"Bash\",\"toolInput\":"
+                                                                  "{\"command\":\"ls\"},\"toolUseId\":\"tu1\"}")
+                                                       .arg(taskId)
+                                                       .toUtf8()));
+        const auto request = client.waitForType(QStringLiteral("permission.request"));
+        QVERIFY(request);
+        const QString requestId = request->value(QStringLiteral("requestId")).toString();
+        QCOMPARE(*request, (QJsonObject{{QStringLiteral("type"), QStringLiteral("permission.request")},
+                                        {QStringLiteral("requestId"), requestId},
+                                        {QStringLiteral("taskId"), taskId},
+                                        {QStringLiteral("agentId"), QStringLiteral("mac-1")},
+                                        {QStringLiteral("toolName"), QStringLiteral("Bash")},
+                                        {QStringLiteral("toolInput"), json("{\"command\":\"ls\"}")},
+                                        {QStringLiteral("toolUseId"), QStringLiteral("tu1")}}));
+        // A client that connects now still sees the open question.
+        RelayClient late;
+        QVERIFY(late.open(m_relay->port, m_relay->token));
+        QVERIFY(late.waitForType(QStringLiteral("permission.request")));
+        QCOMPARE(late.messages().value(1).value(QStringLiteral("requestId")).toString(), requestId);
+
+        QTest::qWait(200);
+        QCOMPARE(allowed.socket.bytesAvailable(), 0);
+        client.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("permission.decision")},
+                                {QStringLiteral("requestId"), requestId},
+                                {QStringLiteral("decision"), QStringLiteral("allow")}});
+        QCOMPARE(allowed.result(), QStringLiteral("HTTP/1.1 200 OK\n{\"behavior\":\"allow\",\"updatedInput\":{\"command\":\"ls\"}}"));
+        const auto resolved = late.waitForType(QStringLiteral("permission.resolved"));
+        QVERIFY(resolved);
+        QCOMPARE(*resolved, (QJsonObject{{QStringLiteral("type"), QStringLiteral("permission.resolved")},
+                                         {QStringLiteral("requestId"), requestId},
+                                         {QStringLiteral("decision"), QStringLiteral("allow")},
+                                         {QStringLiteral("reason"), QStringLiteral("client")}}));
+
+        // A deny carries the client's message, or a plain one.
+        for (const QString& message : {QStringLiteral("not now"), QString()}) {
+            HeldRequest denied;
+            denied.start(m_relay->port, postApproval(m_relay->token,
+                                                     QStringLiteral("{\"taskId\":\"%1\",\"toolName\":\"Write\"}").arg(taskId).toUtf8()));
+            const auto next = client.waitFor([&](const QJsonObject& m) {
+                return typeOf(m) == QLatin1String("permission.request") &&
+                       m.value(QStringLiteral("requestId")).toString() != requestId &&
+                       !client.messages().contains(QJsonObject{{QStringLiteral("type"), QStringLiteral("permission.resolved")},
+                                                               {QStringLiteral("requestId"), m.value(QStringLiteral("requestId"))},
+                                                               {QStringLiteral("decision"), QStringLiteral("deny")},
+                                                               {QStringLiteral("reason"), QStringLiteral("client")}});
+            });
+            QVERIFY(next);
+            QCOMPARE(next->value(QStringLiteral("toolInput")), QJsonValue(QJsonObject()));
+            QVERIFY(!next->contains(QStringLiteral("toolUseId")));
+            QJsonObject decision{{QStringLiteral("type"), QStringLiteral("permission.decision")},
+                                 {QStringLiteral("requestId"), next->value(QStringLiteral("requestId"))},
+                                 {QStringLiteral("decision"), QStringLiteral("deny")}};
+            if (!message.isEmpty())
+                decision.insert(QStringLiteral("message"), message);
+            client.send(decision);
+            QCOMPARE(denied.result(), QStringLiteral("HTTP/1.1 200 OK\n{\"behavior\":\"deny\",\"message\":\"%1\"}")
+                                          .arg(message.isEmpty() ? QStringLiteral("denied by the user") : message));
+        }
+        QVERIFY(m_relay->lines().contains(QStringLiteral("permission.request requestId=") + requestId +
+                                          QStringLiteral(" taskId=") + taskId + QStringLiteral(" toolName=Bash")));
+        QVERIFY(m_relay->lines().contains(QStringLiteral("permission.resolved requestId=") + requestId +
+                                          QStringLiteral(" decision=allow reason=client")));
+    }
+
+    void endsApprovalsThatNobodyAnswers()
+    {
+        QVERIFY(startRelay({QStringLiteral("BRINMOOR_APPROVAL_TIMEOUT_SEC=2")}));
+        RelayClient client;
+        RelayClient agent;
+        connectAgentAndClient(agent, client);
+        const QString taskId = createTask(client, agent, json("{\"action\":\"chat\"}"));
+        const QByteArray body = QStringLiteral("{\"taskId\":\"%1\",\"toolName\":\"Bash\"}").arg(taskId).toUtf8();
+
+        HeldRequest timedOut;
+        timedOut.start(m_relay->port, postApproval(m_relay->token, body));
+        QCOMPARE(timedOut.result(5000),
+                 QStringLiteral("HTTP/1.1 200 OK\n{\"behavior\":\"deny\",\"message\":\"no decision within 2 seconds\"}"));
+
+        // The tool gives up: the question is withdrawn.
+        {
+            QTcpSocket gone;
+            gone.connectToHost(QStringLiteral("127.0.0.1"), m_relay->port);
+            gone.write(postApproval(m_relay->token, body));
+            QVERIFY(client.waitFor([&](const QJsonObject& m) {
+                return typeOf(m) == QLatin1String("permission.request") &&
+                       m_relay->lines().filter(QStringLiteral("permission.request")).size() == 2;
+            }));
+            gone.abort();
+        }
+        QVERIFY(client.waitFor([](const QJsonObject& m) {
+            return m.value(QStringLiteral("reason")) == QLatin1String("withdrawn");
+        }));
+
+        // The task ends while the question is open.
+        HeldRequest ended;
+        ended.start(m_relay->port, postApproval(m_relay->token, body));
+        QVERIFY(waitUntil([&] { return m_relay->lines().filter(QStringLiteral("permission.request")).size() == 3; }));
+        agent.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("task.failed")},
+                               {QStringLiteral("taskId"), taskId},
+                               {QStringLiteral("errorCode"), QStringLiteral("COMMAND_EXIT_NONZERO")}});
+        QCOMPARE(ended.result(),
+                 QStringLiteral("HTTP/1.1 200 OK\n{\"behavior\":\"deny\",\"message\":\"the task ended before a decision\"}"));
+        QVERIFY(client.waitFor([](const QJsonObject& m) {
+            return m.value(QStringLiteral("reason")) == QLatin1String("task ended");
+        }));
+
+        // Now the task is unknown, and so are bad bodies.
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, postApproval(m_relay->token, body))),
+                 QStringLiteral("HTTP/1.1 404 Not Found\n{\"error\":\"unknown task: %1\"}").arg(taskId));
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, postApproval(m_relay->token, "[]"))),
+                 QStringLiteral("HTTP/1.1 400 Bad Request\n{\"error\":\"the body must be a JSON object\"}"));
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, postApproval(m_relay->token, "{\"toolName\":\"x\"}"))),
+                 QStringLiteral("HTTP/1.1 400 Bad Request\n{\"error\":\"taskId is missing\"}"));
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, postApproval(m_relay->token, "{\"taskId\":\"x\"}"))),
+                 QStringLiteral("HTTP/1.1 400 Bad Request\n{\"error\":\"toolName is missing\"}"));
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, postApproval(QStringLiteral("bad"), body))),
+                 QStringLiteral("HTTP/1.1 401 Unauthorized\n{\"error\":\"unauthorized\"}"));
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, "POST /v1/approvals HTTP/1.1\r\nTransfer-Encoding: chunked\r\n"
+                                                           "Authorization: Bearer relay-token\r\n\r\n")),
+                 QStringLiteral("HTTP/1.1 411 Length Required\n{\"error\":\"a request body needs Content-Length\"}"));
+    }
+};
+
+QTEST_GUILESS_MAIN(TstRelayServer)
+#include "tst_relay_server.moc"

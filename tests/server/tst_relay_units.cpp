@@ -1,0 +1,210 @@
+#include "auth_guard.h"
+#include "http_request.h"
+#include "websocket_frames.h"
+
+#include <QTest>
+
+using namespace brinmoor::relay;
+
+namespace {
+
+// A client frame: masked, as browsers and phones send them.
+QByteArray clientFrame(int opcode, const QByteArray& payload, bool final = true)
+{
+    QByteArray frame;
+    frame.append(char((final ? 0x80 : 0) | opcode));
+    const char mask[4] = {0x11, 0x22, 0x33, 0x44};
+    if (payload.size() < 126) {
+        frame.append(char(0x80 | payload.size()));
+    } else if (payload.size() <= 0xFFFF) {
+        frame.append(char(0x80 | 126));
+        frame.append(char(payload.size() >> 8));
+        frame.append(char(payload.size() & 0xFF));
+    } else {
+        frame.append(char(0x80 | 127));
+        for (int i = 7; i >= 0; --i)
+            frame.append(char((quint64(payload.size()) >> (8 * i)) & 0xFF));
+    }
+    frame.append(mask, 4);
+    for (qsizetype i = 0; i < payload.size(); ++i)
+        frame.append(char(payload[i] ^ mask[i % 4]));
+    return frame;
+}
+
+} // namespace
+
+class TstRelayUnits : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void acceptKeyIsTheOneOfTheWebSocketStandard()
+    {
+        QCOMPARE(ws::acceptKey("dGhlIHNhbXBsZSBub25jZQ=="), QByteArray("s3pPLMBiTxaQ9kYGzzhZRbK+xOo="));
+    }
+
+    void serverFramesUseTheShortestLength()
+    {
+        QCOMPARE(ws::frame(ws::Text, QByteArray(125, 'a')).size(), 2 + 125);
+        QCOMPARE(ws::frame(ws::Text, QByteArray(126, 'a')).left(4), QByteArray("\x81\x7e\x00\x7e", 4));
+        QCOMPARE(ws::frame(ws::Text, QByteArray(65535, 'a')).size(), 4 + 65535);
+        QCOMPARE(ws::frame(ws::Text, QByteArray(65536, 'a')).left(10),
+                 QByteArray("\x81\x7f\x00\x00\x00\x00\x00\x01\x00\x00", 10));
+        QCOMPARE(ws::closeFrame(1008, "slow"), QByteArray("\x88\x06\x03\xf0slow", 8));
+    }
+
+    void readsMaskedMessagesArrivingInPieces()
+    {
+        ws::FrameReader reader(1024, true);
+        const QByteArray whole = clientFrame(ws::Text, "{\"type\":\"x\"}") + clientFrame(ws::Binary, "bin");
+        QByteArray buffer;
+        qsizetype offset = 0;
+        ws::Message message;
+        QStringList seen;
+        for (char c : whole) {
+            buffer.append(c);
+            while (true) {
+                const auto result = reader.next(buffer, offset, message);
+                QVERIFY(result != ws::FrameReader::Result::Failed);
+                if (result == ws::FrameReader::Result::NeedMore)
+                    break;
+                seen.append(QString::number(message.opcode) + QLatin1Char(' ') +
+                            QString::fromUtf8(message.payload.toByteArray()));
+            }
+        }
+        QCOMPARE(seen, (QStringList{QStringLiteral("1 {\"type\":\"x\"}"), QStringLiteral("2 bin")}));
+        QCOMPARE(offset, whole.size());
+    }
+
+    void joinsFragmentsAndLetsControlFramesThrough()
+    {
+        ws::FrameReader reader(1024, true);
+        QByteArray buffer = clientFrame(ws::Text, "hel", false) + clientFrame(ws::Ping, "p") +
+                            clientFrame(ws::Continuation, "lo", true);
+        qsizetype offset = 0;
+        ws::Message message;
+        QCOMPARE(reader.next(buffer, offset, message), ws::FrameReader::Result::Message);
+        QCOMPARE(message.opcode, ws::Ping);
+        QCOMPARE(reader.next(buffer, offset, message), ws::FrameReader::Result::Message);
+        QCOMPARE(message.opcode, ws::Text);
+        QCOMPARE(message.payload.toByteArray(), QByteArray("hello"));
+    }
+
+    void refusesWhatTheProtocolForbids_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<int>("code");
+        QTest::addColumn<QByteArray>("reason");
+        QByteArray unmasked("\x81\x02hi", 4);
+        QTest::newRow("unmasked") << unmasked << 1002 << QByteArray("frames from a client must be masked");
+        QTest::newRow("reserved bits") << QByteArray("\xc1\x80", 2) << 1002 << QByteArray("reserved bits set");
+        QTest::newRow("unknown opcode") << clientFrame(0x3, "x") << 1002 << QByteArray("unknown opcode");
+        QTest::newRow("long ping") << clientFrame(ws::Ping, QByteArray(126, 'p')) << 1002
+                                   << QByteArray("invalid control frame");
+        QTest::newRow("stray continuation") << clientFrame(ws::Continuation, "x") << 1002
+                                            << QByteArray("continuation without a message");
+        QTest::newRow("message inside a message")
+            << clientFrame(ws::Text, "a", false) + clientFrame(ws::Text, "b") << 1002
+            << QByteArray("new message inside a fragmented one");
+        QTest::newRow("bad UTF-8") << clientFrame(ws::Text, "\xc0\xaf") << 1007
+                                   << QByteArray("invalid UTF-8 in a text message");
+        // Only the header of a too-big frame has arrived: it is refused without waiting.
+        QTest::newRow("too big") << clientFrame(ws::Binary, QByteArray(2000, 'x')).left(8) << 1009
+                                 << QByteArray("message too big");
+        QTest::newRow("too big in pieces")
+            << clientFrame(ws::Text, QByteArray(600, 'x'), false) + clientFrame(ws::Continuation, QByteArray(600, 'x'))
+            << 1009 << QByteArray("message too big");
+    }
+
+    void refusesWhatTheProtocolForbids()
+    {
+        QFETCH(QByteArray, bytes);
+        ws::FrameReader reader(1024, true);
+        qsizetype offset = 0;
+        ws::Message message;
+        ws::FrameReader::Result result;
+        do {
+            result = reader.next(bytes, offset, message);
+        } while (result == ws::FrameReader::Result::Message);
+        QCOMPARE(result, ws::FrameReader::Result::Failed);
+        QTEST(int(reader.failureCode()), "code");
+        QTEST(reader.failureReason(), "reason");
+    }
+
+    void validatesUtf8()
+    {
+        QVERIFY(ws::isValidUtf8("plain ascii text that is longer than eight bytes"));
+        QVERIFY(ws::isValidUtf8("gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x98\x80"));
+        QVERIFY(!ws::isValidUtf8("\xe2\x82"));         // cut short
+        QVERIFY(!ws::isValidUtf8("\xed\xa0\x80"));     // a surrogate
+        QVERIFY(!ws::isValidUtf8("\xe0\x80\xaf"));     // overlong
+        QVERIFY(!ws::isValidUtf8("\xf4\x90\x80\x80")); // beyond U+10FFFF
+        QVERIFY(!ws::isValidUtf8("abcdefgh\xff"));
+    }
+
+    void parsesRequestHeads()
+    {
+        HttpRequest request;
+        const QByteArray head = "GET /v1/ws/agent?agentId=my%20mac&x=1 HTTP/1.1\r\nHost: h\r\n"
+                                "Connection: keep-alive, Upgrade\r\nUpgrade: WebSocket\r\n\r\nrest";
+        QCOMPARE(parseRequestHead(head, 16384, request), HeadStatus::Complete);
+        QCOMPARE(request.method, QByteArray("GET"));
+        QCOMPARE(request.path, QByteArray("/v1/ws/agent"));
+        QCOMPARE(request.queryItem("agentId"), QByteArray("my mac"));
+        QCOMPARE(request.queryItem("missing"), QByteArray());
+        QVERIFY(request.headerHasToken("connection", "upgrade"));
+        QVERIFY(request.headerHasToken("upgrade", "websocket"));
+        QCOMPARE(request.header("host"), QByteArray("h"));
+        QCOMPARE(request.headSize, head.size() - 4);
+
+        QCOMPARE(parseRequestHead("GET / HTTP/1.1\r\nHost: h\r\n", 16384, request), HeadStatus::Incomplete);
+        QCOMPARE(parseRequestHead(QByteArray("GET / HTTP/1.1\r\n" + QByteArray(100, 'x')), 64, request), HeadStatus::TooLarge);
+        QCOMPARE(parseRequestHead("GET /\r\n\r\n", 16384, request), HeadStatus::Malformed);
+        QCOMPARE(parseRequestHead("GET / HTTP/1.1\r\nno colon\r\n\r\n", 16384, request), HeadStatus::Malformed);
+        QCOMPARE(parseRequestHead("GET nopath HTTP/1.1\r\n\r\n", 16384, request), HeadStatus::Malformed);
+    }
+
+    void formatsResponses()
+    {
+        QCOMPARE(jsonResponse(200, "{\"ok\":true}"),
+                 QByteArray("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 11\r\n"
+                            "Cache-Control: no-store\r\nConnection: close\r\n\r\n{\"ok\":true}"));
+    }
+
+    void comparesTokensWholly()
+    {
+        QVERIFY(constantTimeEquals("secret", "secret"));
+        QVERIFY(!constantTimeEquals("secreT", "secret"));
+        QVERIFY(!constantTimeEquals("secret1", "secret"));
+        QVERIFY(!constantTimeEquals("secre", "secret"));
+        QVERIFY(!constantTimeEquals("", "secret"));
+        QVERIFY(!constantTimeEquals("", ""));
+    }
+
+    void blocksAnAddressAfterTenFailuresInAMinute()
+    {
+        AuthGuard guard("tok");
+        const QString address = QStringLiteral("192.0.2.7");
+        for (int i = 0; i < 9; ++i)
+            QVERIFY(!guard.recordFailure(address, 1000 + i));
+        QVERIFY(!guard.isBlocked(address, 2000));
+        QVERIFY(guard.recordFailure(address, 2000));
+        QVERIFY(guard.isBlocked(address, 2000));
+        QVERIFY(!guard.isBlocked(QStringLiteral("192.0.2.8"), 2000));
+        QVERIFY(guard.isBlocked(address, 61'999));
+        QVERIFY(!guard.isBlocked(address, 62'000));
+    }
+
+    void forgetsFailuresOlderThanAMinute()
+    {
+        AuthGuard guard("tok");
+        const QString address = QStringLiteral("192.0.2.9");
+        for (int i = 0; i < 9; ++i)
+            QVERIFY(!guard.recordFailure(address, i));
+        // The first nine are more than a minute old by now.
+        QVERIFY(!guard.recordFailure(address, 60'500));
+        QVERIFY(!guard.isBlocked(address, 60'500));
+    }
+};
+
+QTEST_GUILESS_MAIN(TstRelayUnits)
+#include "tst_relay_units.moc"

@@ -1,0 +1,124 @@
+#include "support/process_fixtures.h"
+
+#include "support/loopback_server.h"
+#include "support/test_support.h"
+
+#include <QRegularExpression>
+
+namespace brinmoor::test {
+
+namespace {
+
+void merge(QProcessEnvironment& env, const QProcessEnvironment& extra)
+{
+    for (const QString& key : extra.keys())
+        env.insert(key, extra.value(key));
+}
+
+} // namespace
+
+QProcessEnvironment environment(const QStringList& entries)
+{
+    QProcessEnvironment env;
+    for (const QString& entry : entries) {
+        const qsizetype equals = entry.indexOf(QLatin1Char('='));
+        env.insert(entry.left(equals), entry.mid(equals + 1));
+    }
+    return env;
+}
+
+AgentProcess::~AgentProcess()
+{
+    if (process.state() != QProcess::NotRunning) {
+        process.kill();
+        process.waitForFinished(5000);
+    }
+}
+
+void AgentProcess::start(const QString& serverURL, const QProcessEnvironment& extra)
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), configHome.path());
+    env.insert(QStringLiteral("BRINMOOR_SERVER_URL"), serverURL);
+    env.insert(QStringLiteral("BRINMOOR_AGENT_ID"), agentId);
+    env.insert(QStringLiteral("BRINMOOR_SHARED_TOKEN"), token);
+    env.insert(QStringLiteral("BRINMOOR_REPO_ROOT"), repo.path());
+    merge(env, extra);
+    process.setProcessEnvironment(env);
+    process.start(binDir() + QStringLiteral("/BrinmoorMacAgent"), {QStringLiteral("--agent-only")});
+}
+
+QStringList AgentProcess::logTexts()
+{
+    m_out += process.readAllStandardOutput();
+    QStringList texts;
+    static const QRegularExpression prefix(QStringLiteral("^\\[BrinmoorMacAgent\\]\\[[^\\]]+\\] "));
+    for (const QString& line : QString::fromUtf8(m_out).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+        texts.append(QString(line).remove(prefix));
+    return texts;
+}
+
+bool AgentProcess::stop(int timeoutMs)
+{
+    if (process.state() == QProcess::NotRunning)
+        return true;
+    process.terminate();
+    return process.waitForFinished(timeoutMs);
+}
+
+RelayProcess::~RelayProcess()
+{
+    kill();
+}
+
+bool RelayProcess::start(const QProcessEnvironment& extra, quint16 wantedPort)
+{
+    m_out.clear();
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("BRINMOOR_SHARED_TOKEN"), token);
+    env.insert(QStringLiteral("BRINMOOR_SERVER_PORT"), QString::number(wantedPort));
+    env.insert(QStringLiteral("BRINMOOR_SERVER_BIND"), QStringLiteral("127.0.0.1"));
+    merge(env, extra);
+    process.setProcessEnvironment(env);
+    process.setProcessChannelMode(QProcess::SeparateChannels);
+    process.start(binDir() + QStringLiteral("/brinmoor-server"), QStringList());
+    static const QRegularExpression listening(QStringLiteral("^listening port=(\\d+)$"));
+    QRegularExpressionMatch match;
+    const bool started = waitUntil([&] {
+        const QStringList all = lines();
+        if (all.isEmpty())
+            return process.state() == QProcess::NotRunning;
+        match = listening.match(all.first());
+        return true;
+    });
+    if (!started || !match.hasMatch())
+        return false;
+    port = quint16(match.captured(1).toUInt());
+    return true;
+}
+
+QString RelayProcess::url() const
+{
+    return QStringLiteral("http://127.0.0.1:") + QString::number(port);
+}
+
+QStringList RelayProcess::lines()
+{
+    m_out += process.readAllStandardOutput();
+    return QString::fromUtf8(m_out).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+}
+
+bool RelayProcess::waitForLine(const QString& line, int timeoutMs)
+{
+    return waitUntil([&] { return lines().contains(line); }, timeoutMs);
+}
+
+void RelayProcess::kill()
+{
+    if (process.state() == QProcess::NotRunning)
+        return;
+    process.kill();
+    process.waitForFinished(5000);
+}
+
+} // namespace brinmoor::test

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <QByteArray>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+namespace brinmoor::test {
+
+// The agent as a user runs it (`--agent-only`), with its own config home and repository
+// root, pointed at a server.
+struct AgentProcess {
+    QTemporaryDir configHome;
+    QTemporaryDir repo;
+    QProcess process;
+    QString agentId = QStringLiteral("cli-agent");
+    QString token = QStringLiteral("tok");
+
+    ~AgentProcess();
+    void start(const QString& serverURL, const QProcessEnvironment& extra = {});
+    // The diag texts printed so far, without their time stamps.
+    QStringList logTexts();
+    // Sends SIGTERM and waits for the end; false when it did not end in time.
+    bool stop(int timeoutMs = 10000);
+
+private:
+    QByteArray m_out;
+};
+
+// A `brinmoor-server` on 127.0.0.1 and a port of its own choosing (or a given one).
+struct RelayProcess {
+    QProcess process;
+    QString token = QStringLiteral("relay-token");
+    quint16 port = 0;
+
+    ~RelayProcess();
+    // Starts it and waits for its "listening port=" line.
+    bool start(const QProcessEnvironment& extra = {}, quint16 wantedPort = 0);
+    QString url() const;
+    // Its output lines so far.
+    QStringList lines();
+    bool waitForLine(const QString& line, int timeoutMs = 10000);
+    void kill();
+
+private:
+    QByteArray m_out;
+};
+
+// Environment entries for tests, from "NAME=value" texts.
+QProcessEnvironment environment(const QStringList& entries);
+
+} // namespace brinmoor::test

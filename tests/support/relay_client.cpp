@@ -1,0 +1,131 @@
+#include "support/relay_client.h"
+
+#include "support/loopback_server.h"
+
+#include <QJsonDocument>
+#include <QNetworkRequest>
+#include <QTcpSocket>
+#include <QWebSocket>
+#include <QWebSocketHandshakeOptions>
+
+namespace brinmoor::test {
+
+RelayClient::RelayClient(QObject* parent) : QObject(parent), m_socket(new QWebSocket(QString(), QWebSocketProtocol::VersionLatest, this))
+{
+    m_socket->setMaxAllowedIncomingMessageSize(64 * 1024 * 1024);
+    connect(m_socket, &QWebSocket::textMessageReceived, this, [this](const QString& text) {
+        m_messages.append(QJsonDocument::fromJson(text.toUtf8()).object());
+    });
+}
+
+RelayClient::~RelayClient() = default;
+
+bool RelayClient::open(quint16 port, const QString& token, TokenVia via, const QStringList& otherSubprotocols)
+{
+    QNetworkRequest request(QUrl(QStringLiteral("ws://127.0.0.1:%1/v1/ws/client").arg(port)));
+    QWebSocketHandshakeOptions options;
+    QStringList protocols = otherSubprotocols;
+    if (via == TokenVia::Header)
+        request.setRawHeader("Authorization", "Bearer " + token.toUtf8());
+    else
+        protocols.append(QStringLiteral("bearer.") + token);
+    options.setSubprotocols(protocols);
+    m_socket->open(request, options);
+    return waitFor([](const QJsonObject& m) { return m.value(QStringLiteral("type")) == QLatin1String("server.hello"); })
+        .has_value();
+}
+
+bool RelayClient::openAgent(quint16 port, const QString& agentId, const QString& token)
+{
+    QNetworkRequest request(QUrl(QStringLiteral("ws://127.0.0.1:%1/v1/ws/agent?agentId=%2").arg(port).arg(agentId)));
+    request.setRawHeader("Authorization", "Bearer " + token.toUtf8());
+    m_socket->open(request);
+    return waitForType(QStringLiteral("agent.hello")).has_value();
+}
+
+void RelayClient::send(const QJsonObject& message)
+{
+    m_socket->sendTextMessage(QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact)));
+}
+
+void RelayClient::sendText(const QString& text)
+{
+    m_socket->sendTextMessage(text);
+}
+
+void RelayClient::close()
+{
+    m_socket->close();
+}
+
+bool RelayClient::isConnected() const
+{
+    return m_socket->state() == QAbstractSocket::ConnectedState;
+}
+
+std::optional<QJsonObject> RelayClient::waitFor(const std::function<bool(const QJsonObject&)>& match, int timeoutMs)
+{
+    qsizetype checked = 0;
+    std::optional<QJsonObject> found;
+    waitUntil(
+        [&] {
+            for (; checked < m_messages.size(); ++checked) {
+                if (match(m_messages[checked])) {
+                    found = m_messages[checked];
+                    return true;
+                }
+            }
+            return false;
+        },
+        timeoutMs);
+    if (!found)
+        qWarning("no matching message; received:\n%s", qPrintable(trace()));
+    return found;
+}
+
+std::optional<QJsonObject> RelayClient::waitForType(const QString& type, int timeoutMs)
+{
+    return waitFor([&](const QJsonObject& m) { return m.value(QStringLiteral("type")).toString() == type; }, timeoutMs);
+}
+
+QString RelayClient::trace() const
+{
+    QStringList lines;
+    for (const QJsonObject& message : m_messages)
+        lines.append(QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact)));
+    return lines.join(QLatin1Char('\n'));
+}
+
+QByteArray httpExchange(quint16 port, const QByteArray& request, int timeoutMs)
+{
+    QTcpSocket socket;
+    socket.connectToHost(QStringLiteral("127.0.0.1"), port);
+    if (!socket.waitForConnected(timeoutMs))
+        return {};
+    socket.write(request);
+    return readUntilClosed(socket, timeoutMs);
+}
+
+QByteArray readUntilClosed(QTcpSocket& socket, int timeoutMs)
+{
+    QByteArray received;
+    waitUntil(
+        [&] {
+            received += socket.readAll();
+            return socket.state() == QAbstractSocket::UnconnectedState;
+        },
+        timeoutMs);
+    received += socket.readAll();
+    return received;
+}
+
+QString statusAndBody(const QByteArray& response)
+{
+    const qsizetype headEnd = response.indexOf("\r\n\r\n");
+    const qsizetype lineEnd = response.indexOf("\r\n");
+    if (headEnd < 0 || lineEnd < 0)
+        return QString::fromUtf8(response);
+    return QString::fromUtf8(response.left(lineEnd)) + QLatin1Char('\n') + QString::fromUtf8(response.mid(headEnd + 4));
+}
+
+} // namespace brinmoor::test

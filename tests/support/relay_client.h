@@ -1,0 +1,58 @@
+#pragma once
+
+#include <QJsonObject>
+#include <QList>
+#include <QObject>
+#include <QString>
+
+#include <functional>
+#include <optional>
+
+class QTcpSocket;
+class QWebSocket;
+
+namespace brinmoor::test {
+
+// A phone as the relay sees it: a real WebSocket client on /v1/ws/client that records
+// every message.
+class RelayClient : public QObject {
+    Q_OBJECT
+
+public:
+    enum class TokenVia { Header, Subprotocol };
+
+    explicit RelayClient(QObject* parent = nullptr);
+    ~RelayClient() override;
+
+    // Connects and waits for "server.hello"; false when that does not happen.
+    bool open(quint16 port, const QString& token, TokenVia via = TokenVia::Header,
+              const QStringList& otherSubprotocols = {});
+    // Connects as an agent instead, waiting for "agent.hello".
+    bool openAgent(quint16 port, const QString& agentId, const QString& token);
+    void send(const QJsonObject& message);
+    void sendText(const QString& text);
+    void close();
+
+    const QList<QJsonObject>& messages() const { return m_messages; }
+    std::optional<QJsonObject> waitFor(const std::function<bool(const QJsonObject&)>& match, int timeoutMs = 10000);
+    std::optional<QJsonObject> waitForType(const QString& type, int timeoutMs = 10000);
+    // The types of the messages so far, for failure reports.
+    QString trace() const;
+
+    bool isConnected() const;
+    QWebSocket& socket() { return *m_socket; }
+
+private:
+    QWebSocket* m_socket;
+    QList<QJsonObject> m_messages;
+};
+
+// Reads until the peer closes the connection (or the time runs out).
+QByteArray readUntilClosed(QTcpSocket& socket, int timeoutMs = 10000);
+// Sends raw bytes to 127.0.0.1:port and returns everything read until the server
+// closes the connection (or the time runs out).
+QByteArray httpExchange(quint16 port, const QByteArray& request, int timeoutMs = 10000);
+// The status line and body of a response, "HTTP/1.1 200 OK\n{…}"; headers dropped.
+QString statusAndBody(const QByteArray& response);
+
+} // namespace brinmoor::test
