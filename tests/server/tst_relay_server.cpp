@@ -3,6 +3,7 @@
 #include "support/relay_client.h"
 #include "support/test_support.h"
 
+#include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QTcpSocket>
@@ -146,6 +147,32 @@ private Q_SLOTS:
         QCOMPARE(statusAndBody(httpExchange(m_relay->port, "NONSENSE\r\n\r\n")),
                  QStringLiteral("HTTP/1.1 400 Bad Request\n{\"error\":\"malformed request\"}"));
         QCOMPARE(m_relay->lines(), QStringList{QStringLiteral("listening port=") + QString::number(m_relay->port)});
+    }
+
+    void keepsNothingOfConnectionsThatEnded()
+    {
+        QVERIFY(startRelay());
+        const QString fds = QStringLiteral("/proc/%1/fd").arg(m_relay->process.processId());
+        auto openDescriptors = [&] { return QDir(fds).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size(); };
+        const qsizetype baseline = openDescriptors();
+        for (int i = 0; i < 10; ++i) {
+            QVERIFY(!httpExchange(m_relay->port, "GET /v1/health HTTP/1.1\r\n\r\n").isEmpty());
+            QVERIFY(!httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n\r\n").isEmpty());
+            RelayClient client;
+            QVERIFY(client.open(m_relay->port, m_relay->token));
+            RelayClient agent;
+            QVERIFY(agent.openAgent(m_relay->port, QStringLiteral("a%1").arg(i), m_relay->token));
+            client.close();
+            agent.close();
+            // A peer that goes without a word.
+            QTcpSocket rude;
+            rude.connectToHost(QStringLiteral("127.0.0.1"), m_relay->port);
+            QVERIFY(rude.waitForConnected(5000));
+            rude.write("GET /v1/he");
+            rude.abort();
+        }
+        QVERIFY2(waitUntil([&] { return openDescriptors() == baseline; }),
+                 qPrintable(QStringLiteral("%1 descriptors, %2 at the start").arg(openDescriptors()).arg(baseline)));
     }
 
     void refusesAWrongTokenBeforeAnyUpgrade()

@@ -1,0 +1,334 @@
+// The programs together, as a user runs them: the relay server, the agent, the approval
+// tool started by a (fake) `claude`, and a phone played by the test.
+#include "support/loopback_server.h"
+#include "support/process_fixtures.h"
+#include "support/relay_client.h"
+#include "support/test_support.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QRegularExpression>
+#include <QTcpServer>
+#include <QTest>
+
+#include <memory>
+
+using namespace brinmoor::test;
+
+namespace {
+
+QString typeOf(const QJsonObject& message)
+{
+    return message.value(QStringLiteral("type")).toString();
+}
+
+// What the phone saw of one task, one line per message: "type" and the interesting member.
+QStringList taskTrace(const RelayClient& phone, const QString& taskId)
+{
+    QStringList trace;
+    for (const QJsonObject& message : phone.messages()) {
+        if (message.value(QStringLiteral("taskId")).toString() != taskId)
+            continue;
+        const QString type = typeOf(message);
+        if (type == QLatin1String("task.heartbeat"))
+            continue;
+        QString line = type;
+        for (const char* member : {"line", "chunk", "text", "errorCode"}) {
+            if (message.contains(QLatin1String(member)))
+                line += QLatin1Char(' ') + message.value(QLatin1String(member)).toString();
+        }
+        trace.append(line);
+        if (message.value(QStringLiteral("agentId")).toString() != QLatin1String("cli-agent"))
+            trace.append(QStringLiteral("(wrong agentId)"));
+    }
+    return trace;
+}
+
+quint16 freePort()
+{
+    QTcpServer probe;
+    probe.listen(QHostAddress::LocalHost);
+    return probe.serverPort();
+}
+
+// The fake `claude` asks for permission to write notes.txt through the approval server
+// its --mcp-config names, and writes the file only when allowed.
+constexpr char kAskingClaude[] =
+    "decision=$(\"$BRINMOOR_TEST_HELPER\" mcp-call \"$config\" Write '{\"file_path\":\"notes.txt\"}')\n"
+    "print -r -- \"$decision\" > $dir/decision.$n\n"
+    "if [[ $decision == *'\"behavior\":\"allow\"'* ]]; then\n"
+    "  print -r -- written > notes.txt\n"
+    "  answer='Wrote notes.txt.'\n"
+    "else\n"
+    "  answer='I was not allowed to write notes.txt.'\n"
+    "fi\n"
+    "{ print -r -- '{\"type\":\"assistant\",\"message\":{\"content\":[{\"type\":\"text\",\"text\":\"'$answer'\"}]}}'\n"
+    "  print -r -- '{\"type\":\"result\",\"subtype\":\"success\",\"is_error\":false,\"result\":\"'$answer'\"}'\n"
+    "} > $dir/$name.$n.stream\n";
+
+} // namespace
+
+class TstRelayEndToEnd : public QObject {
+    Q_OBJECT
+
+private:
+    std::unique_ptr<RelayProcess> m_relay;
+    std::unique_ptr<AgentProcess> m_agent;
+    std::unique_ptr<QTemporaryDir> m_fake;
+    std::unique_ptr<QTemporaryDir> m_tmp;
+
+    // The relay, and the agent connected to it with fake tools first on its PATH.
+    bool startBoth()
+    {
+        m_relay = std::make_unique<RelayProcess>();
+        m_relay->token = QStringLiteral("tok");
+        if (!m_relay->start())
+            return false;
+        m_fake = std::make_unique<QTemporaryDir>();
+        m_tmp = std::make_unique<QTemporaryDir>();
+        m_agent = std::make_unique<AgentProcess>();
+        QDir().mkpath(m_agent->repo.path() + QStringLiteral("/App"));
+        QProcessEnvironment extra;
+        extra.insert(QStringLiteral("PATH"), fakeToolsDir() + QLatin1Char(':') + qEnvironmentVariable("PATH"));
+        extra.insert(QStringLiteral("BRINMOOR_FAKE_DIR"), m_fake->path());
+        extra.insert(QStringLiteral("BRINMOOR_TEST_HELPER"), QCoreApplication::applicationDirPath() +
+                                                                 QStringLiteral("/../bin/brinmoor_test_helper"));
+        extra.insert(QStringLiteral("TMPDIR"), m_tmp->path());
+        m_agent->start(m_relay->url(), extra);
+        return m_relay->waitForLine(QStringLiteral("agent.register agentId=cli-agent"));
+    }
+
+    QString createTask(RelayClient& phone, const QJsonObject& payload)
+    {
+        auto created = [&] {
+            QList<QJsonObject> all;
+            for (const QJsonObject& m : phone.messages()) {
+                if (typeOf(m) == QLatin1String("task.created"))
+                    all.append(m);
+            }
+            return all;
+        };
+        const qsizetype before = created().size();
+        phone.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("task.create")},
+                               {QStringLiteral("agentId"), QStringLiteral("cli-agent")},
+                               {QStringLiteral("payload"), payload}});
+        if (!waitUntil([&] { return created().size() > before; }))
+            return {};
+        return created().last().value(QStringLiteral("taskId")).toString();
+    }
+
+    bool waitForTaskEnd(RelayClient& phone, const QString& taskId, int timeoutMs = 20000)
+    {
+        return phone
+            .waitFor(
+                [&](const QJsonObject& m) {
+                    return m.value(QStringLiteral("taskId")).toString() == taskId &&
+                           (typeOf(m) == QLatin1String("task.finished") || typeOf(m) == QLatin1String("task.failed"));
+                },
+                timeoutMs)
+            .has_value();
+    }
+
+    QJsonObject chatPayload(const QString& conversation)
+    {
+        return {{QStringLiteral("action"), QStringLiteral("chat")},
+                {QStringLiteral("system"), QStringLiteral("claude")},
+                {QStringLiteral("projectPath"), QStringLiteral("App")},
+                {QStringLiteral("prompt"), QStringLiteral("Write some notes")},
+                {QStringLiteral("conversationId"), conversation},
+                {QStringLiteral("approvalMode"), QStringLiteral("on_request")}};
+    }
+
+private Q_SLOTS:
+    void cleanup()
+    {
+        if (m_agent)
+            QVERIFY(m_agent->stop());
+        m_agent.reset();
+        m_relay.reset();
+        m_fake.reset();
+        m_tmp.reset();
+    }
+
+    void runsAShellTaskThroughTheRelay()
+    {
+        QVERIFY(startBoth());
+        RelayClient phone;
+        QVERIFY(phone.open(m_relay->port, m_relay->token));
+        const QJsonObject hello = phone.messages().first();
+        QCOMPARE(hello.value(QStringLiteral("agents")).toArray().first().toObject().value(QStringLiteral("agentId")).toString(),
+                 QStringLiteral("cli-agent"));
+        const QString taskId = createTask(phone, {{QStringLiteral("action"), QStringLiteral("shell")},
+                                                  {QStringLiteral("command"), QStringLiteral("echo hello")}});
+        QVERIFY(!taskId.isEmpty());
+        QVERIFY(waitForTaskEnd(phone, taskId));
+        QCOMPARE(taskTrace(phone, taskId),
+                 (QStringList{QStringLiteral("task.created"),
+                              QStringLiteral("task.log workspace.resolve action=shell requestedProjectPath= resolvedWorkingDir=") +
+                                  m_agent->repo.path(),
+                              QStringLiteral("task.started"), QStringLiteral("task.log hello"), QStringLiteral("task.log "),
+                              QStringLiteral("task.finished")}));
+        // The agent asked for the shell's registration refresh; the relay keeps the latest.
+        QVERIFY(httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer tok\r\n\r\n")
+                    .contains("\"agentId\":\"cli-agent\",\"busy\":false"));
+    }
+
+    void aChatAsksThePhoneBeforeItWrites()
+    {
+        QVERIFY(startBoth());
+        writeFile(m_fake->path() + QStringLiteral("/claude.script"), kAskingClaude);
+        RelayClient phone;
+        QVERIFY(phone.open(m_relay->port, m_relay->token));
+        const QString notes = m_agent->repo.path() + QStringLiteral("/App/notes.txt");
+
+        // Allowed: the tool goes on and writes.
+        const QString allowedTask = createTask(phone, chatPayload(QStringLiteral("conv-1")));
+        const auto request = phone.waitForType(QStringLiteral("permission.request"), 20000);
+        QVERIFY(request);
+        QCOMPARE(*request, (QJsonObject{{QStringLiteral("type"), QStringLiteral("permission.request")},
+                                        {QStringLiteral("requestId"), request->value(QStringLiteral("requestId"))},
+                                        {QStringLiteral("taskId"), allowedTask},
+                                        {QStringLiteral("agentId"), QStringLiteral("cli-agent")},
+                                        {QStringLiteral("toolName"), QStringLiteral("Write")},
+                                        {QStringLiteral("toolInput"), QJsonObject{{QStringLiteral("file_path"), QStringLiteral("notes.txt")}}},
+                                        {QStringLiteral("toolUseId"), QStringLiteral("toolu_1")}}));
+        QTest::qWait(300);
+        QVERIFY(!QFile::exists(notes));
+        phone.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("permission.decision")},
+                               {QStringLiteral("requestId"), request->value(QStringLiteral("requestId"))},
+                               {QStringLiteral("decision"), QStringLiteral("allow")}});
+        QVERIFY(waitForTaskEnd(phone, allowedTask));
+        QCOMPARE(readFile(m_fake->path() + QStringLiteral("/decision.1")),
+                 QByteArray("{\"behavior\":\"allow\",\"updatedInput\":{\"file_path\":\"notes.txt\"}}\n"));
+        QCOMPARE(readFile(notes), QByteArray("written\n"));
+        const QStringList allowed = taskTrace(phone, allowedTask);
+        QCOMPARE(allowed.mid(allowed.indexOf(QStringLiteral("task.started"))).join(QStringLiteral(" | ")),
+                 (QStringList{QStringLiteral("task.started"), QStringLiteral("permission.request"),
+                              QStringLiteral("task.chat.chunk Wrote notes.txt."),
+                              QStringLiteral("task.chat.final Wrote notes.txt."), QStringLiteral("task.finished")})
+                     .join(QStringLiteral(" | ")));
+
+        // Denied: the tool stops short.
+        QVERIFY(QFile::remove(notes));
+        const QString deniedTask = createTask(phone, chatPayload(QStringLiteral("conv-2")));
+        const auto second = phone.waitFor([&](const QJsonObject& m) {
+            return typeOf(m) == QLatin1String("permission.request") &&
+                   m.value(QStringLiteral("taskId")).toString() == deniedTask;
+        }, 20000);
+        QVERIFY(second);
+        phone.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("permission.decision")},
+                               {QStringLiteral("requestId"), second->value(QStringLiteral("requestId"))},
+                               {QStringLiteral("decision"), QStringLiteral("deny")},
+                               {QStringLiteral("message"), QStringLiteral("not today")}});
+        QVERIFY(waitForTaskEnd(phone, deniedTask));
+        QCOMPARE(readFile(m_fake->path() + QStringLiteral("/decision.2")),
+                 QByteArray("{\"behavior\":\"deny\",\"message\":\"not today\"}\n"));
+        QVERIFY(!QFile::exists(notes));
+        QVERIFY(taskTrace(phone, deniedTask).contains(QStringLiteral("task.chat.final I was not allowed to write notes.txt.")));
+        // The configuration holding the token is gone with each task.
+        QCOMPARE(QDir(m_tmp->path()).entryList({QStringLiteral("brinmoor-mcp-*")}, QDir::Files), QStringList());
+    }
+
+    void drivesATerminalThroughTheRelay()
+    {
+        QVERIFY(startBoth());
+        RelayClient phone;
+        QVERIFY(phone.open(m_relay->port, m_relay->token));
+        auto command = [&](const QString& type, const QJsonObject& payload) {
+            phone.send(QJsonObject{{QStringLiteral("type"), type},
+                                   {QStringLiteral("agentId"), QStringLiteral("cli-agent")},
+                                   {QStringLiteral("payload"), payload}});
+        };
+        command(QStringLiteral("terminal.open"), {{QStringLiteral("sessionId"), QStringLiteral("s1")},
+                                                  {QStringLiteral("projectPath"), QStringLiteral("App")}});
+        const auto opened = phone.waitForType(QStringLiteral("terminal.opened"));
+        QVERIFY(opened);
+        QCOMPARE(opened->value(QStringLiteral("agentId")).toString(), QStringLiteral("cli-agent"));
+        QVERIFY(!opened->contains(QStringLiteral("mode")));
+        command(QStringLiteral("terminal.input"), {{QStringLiteral("sessionId"), QStringLiteral("s1")},
+                                                   {QStringLiteral("dataBase64"), QString::fromLatin1(QByteArray("echo relay-$((6*7))\n").toBase64())}});
+        QVERIFY(phone.waitFor([](const QJsonObject& m) {
+            return typeOf(m) == QLatin1String("terminal.output") &&
+                   m.value(QStringLiteral("data")).toString().contains(QLatin1String("relay-42"));
+        }));
+        command(QStringLiteral("terminal.close"), {{QStringLiteral("sessionId"), QStringLiteral("s1")}});
+        const auto closed = phone.waitForType(QStringLiteral("terminal.closed"));
+        QVERIFY(closed);
+        QCOMPARE(closed->value(QStringLiteral("sessionId")).toString(), QStringLiteral("s1"));
+    }
+
+    void theAgentComesBackWhenTheServerRestarts()
+    {
+        QVERIFY(startBoth());
+        const quint16 port = m_relay->port;
+        m_relay->kill();
+        QVERIFY(waitUntil([&] { return m_agent->logTexts().filter(QStringLiteral("status Reconnect in 3s: ")).size() > 0; }));
+        m_relay = std::make_unique<RelayProcess>();
+        m_relay->token = QStringLiteral("tok");
+        QVERIFY(m_relay->start({}, port));
+        QElapsedTimer clock;
+        clock.start();
+        QVERIFY(m_relay->waitForLine(QStringLiteral("agent.register agentId=cli-agent"), 4000));
+        QVERIFY2(clock.elapsed() < 4000, qPrintable(QString::number(clock.elapsed())));
+        RelayClient phone;
+        QVERIFY(phone.open(m_relay->port, m_relay->token));
+        QCOMPARE(phone.messages().first().value(QStringLiteral("agents")).toArray().first().toObject()
+                     .value(QStringLiteral("registration")).toObject().value(QStringLiteral("supportsApproval")),
+                 QJsonValue(true));
+    }
+
+    // What a new user does: start the app, read the pairing details, and use them.
+    void theHeadlessAppStartsItsOwnServer()
+    {
+        QTemporaryDir configHome;
+        QTemporaryDir repo;
+        QProcess app;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        for (const QString& name : {QStringLiteral("DISPLAY"), QStringLiteral("WAYLAND_DISPLAY"),
+                                    QStringLiteral("BRINMOOR_SHARED_TOKEN"), QStringLiteral("BRINMOOR_SERVER_URL"),
+                                    QStringLiteral("BRINMOOR_SERVER_PATH")})
+            env.remove(name);
+        env.insert(QStringLiteral("XDG_CONFIG_HOME"), configHome.path());
+        env.insert(QStringLiteral("BRINMOOR_REPO_ROOT"), repo.path());
+        env.insert(QStringLiteral("BRINMOOR_AGENT_ID"), QStringLiteral("headless-mac"));
+        env.insert(QStringLiteral("BRINMOOR_SERVER_PORT"), QString::number(freePort()));
+        app.setProcessEnvironment(env);
+        app.start(binDir() + QStringLiteral("/BrinmoorMacAgent"), {QStringLiteral("--headless")});
+        QByteArray out;
+        static const QRegularExpression details(
+            QStringLiteral("Server URL: (http://[^\\n]+)\\nAgent ID: ([^\\n]+)\\nToken: ([0-9a-f]{32})\\n"));
+        QRegularExpressionMatch match;
+        QVERIFY(waitUntil([&] {
+            out += app.readAllStandardOutput();
+            match = details.match(QString::fromUtf8(out));
+            return match.hasMatch();
+        }));
+        QCOMPARE(match.captured(2), QStringLiteral("headless-mac"));
+        const QUrl serverURL(match.captured(1));
+        QVERIFY(waitUntil([&] {
+            out += app.readAllStandardOutput();
+            return out.contains("[BrinmoorServer] agent.register agentId=headless-mac");
+        }));
+
+        RelayClient phone;
+        QVERIFY(phone.open(quint16(serverURL.port()), match.captured(3)));
+        phone.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("task.create")},
+                               {QStringLiteral("agentId"), QStringLiteral("headless-mac")},
+                               {QStringLiteral("payload"), QJsonObject{{QStringLiteral("action"), QStringLiteral("shell")},
+                                                                       {QStringLiteral("command"), QStringLiteral("echo paired")}}}});
+        QVERIFY(phone.waitFor([](const QJsonObject& m) { return m.value(QStringLiteral("line")) == QLatin1String("paired"); }));
+        QVERIFY(phone.waitForType(QStringLiteral("task.finished")));
+
+        app.terminate();
+        QVERIFY(app.waitForFinished(10000));
+        QCOMPARE(app.exitCode(), 0);
+        // The server went with the app.
+        QVERIFY(waitUntil([&] { return !phone.isConnected(); }));
+        QCOMPARE(httpExchange(quint16(serverURL.port()), "GET /v1/health HTTP/1.1\r\n\r\n", 2000), QByteArray());
+    }
+};
+
+QTEST_GUILESS_MAIN(TstRelayEndToEnd)
+#include "tst_relay_end_to_end.moc"
