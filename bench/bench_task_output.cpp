@@ -20,13 +20,6 @@
 
 using namespace brinmoor::bench;
 
-namespace {
-
-
-
-
-} // namespace
-
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
