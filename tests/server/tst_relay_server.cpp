@@ -6,6 +6,7 @@
 #include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QTcpServer>
 #include <QTcpSocket>
 #include <QTest>
 #include <QWebSocket>
@@ -133,6 +134,34 @@ private Q_SLOTS:
         QCOMPARE(server.exitCode(), 2);
         QTEST(QString::fromUtf8(server.readAllStandardError()), "line");
         QCOMPARE(server.readAllStandardOutput(), QByteArray());
+    }
+
+    void saysWhenItCannotListen()
+    {
+        QTcpServer taken;
+        QVERIFY(taken.listen(QHostAddress::LocalHost));
+        QProcess server;
+        server.setProcessEnvironment(environment(
+            {QStringLiteral("BRINMOOR_SHARED_TOKEN=t"), QStringLiteral("BRINMOOR_SERVER_BIND=127.0.0.1"),
+             QStringLiteral("BRINMOOR_SERVER_PORT=") + QString::number(taken.serverPort())}));
+        server.start(binDir() + QStringLiteral("/brinmoor-server"), QStringList());
+        QVERIFY(server.waitForFinished(10000));
+        QCOMPARE(server.exitCode(), 1);
+        QCOMPARE(QString::fromUtf8(server.readAllStandardError()),
+                 QStringLiteral("brinmoor-server: cannot listen on 127.0.0.1:%1: The bound address is already in use\n")
+                     .arg(taken.serverPort()));
+    }
+
+    void refusesRequestsItWillNotBuffer()
+    {
+        QVERIFY(startRelay());
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, "GET /v1/health HTTP/1.1\r\nX-Pad: " + QByteArray(17 * 1024, 'p') + "\r\n\r\n")),
+                 QStringLiteral("HTTP/1.1 431 Request Header Fields Too Large\n{\"error\":\"request head too large\"}"));
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, "POST /v1/approvals HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n"
+                                                           "Content-Length: 16777217\r\n\r\n{")),
+                 QStringLiteral("HTTP/1.1 413 Content Too Large\n{\"error\":\"request body too large\"}"));
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, "GET /v1/health HTTP/1.1\r\n", 15000)),
+                 QStringLiteral("HTTP/1.1 408 Request Timeout\n{\"error\":\"request head not received in time\"}"));
     }
 
     void answersHealthWithoutAToken()
