@@ -169,6 +169,9 @@ void RelayConnection::readFrames()
         m_buffer.remove(0, m_offset);
         m_offset = 0;
     }
+    // One big message must not pin its buffer for the life of the connection.
+    if (m_buffer.capacity() > kSocketWindow * 4 && m_buffer.size() < kSocketWindow)
+        m_buffer.squeeze();
 }
 
 void RelayConnection::sendText(QByteArrayView text)

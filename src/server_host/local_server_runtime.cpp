@@ -51,14 +51,17 @@ LocalServerRuntime::LocalServerRuntime(QObject* parent) : QObject(parent), print
 
 LocalServerRuntime::~LocalServerRuntime()
 {
-    if (m_process) {
-        m_process->disconnect(this);
-        if (m_process->state() != QProcess::NotRunning) {
-            m_process->terminate();
-            if (!m_process->waitForFinished(3000))
-                m_process->kill();
-            m_process->waitForFinished(3000);
-        }
+    // The current server and any still stopping (a quit right after stop()) are ended and
+    // reaped here, not left to QProcess's destructor.
+    const QList<QProcess*> processes = findChildren<QProcess*>(Qt::FindDirectChildrenOnly);
+    for (QProcess* process : processes) {
+        process->disconnect(this);
+        if (process->state() == QProcess::NotRunning)
+            continue;
+        process->terminate();
+        if (!process->waitForFinished(3000))
+            process->kill();
+        process->waitForFinished(3000);
     }
 }
 

@@ -324,6 +324,10 @@ private Q_SLOTS:
         app.terminate();
         QVERIFY(app.waitForFinished(10000));
         QCOMPARE(app.exitCode(), 0);
+        out += app.readAllStandardOutput();
+        QVERIFY(out.trimmed().endsWith("] shutdown complete"));
+        const QByteArray errors = app.readAllStandardError();
+        QVERIFY2(!errors.contains("QProcess"), errors.constData());
         // The server went with the app.
         QVERIFY(waitUntil([&] { return !phone.isConnected(); }));
         QCOMPARE(httpExchange(quint16(serverURL.port()), "GET /v1/health HTTP/1.1\r\n\r\n", 2000), QByteArray());
