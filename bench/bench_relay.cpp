@@ -88,37 +88,16 @@ private:
                 onReady();
         }
         qsizetype offset = 0;
-        while (m_in.size() - offset >= 2) {
-            auto* head = reinterpret_cast<unsigned char*>(m_in.data() + offset);
-            qsizetype length = head[1] & 0x7F;
-            qsizetype headerSize = 2;
-            if (length == 126) {
-                if (m_in.size() - offset < 4)
-                    break;
-                length = (qsizetype(head[2]) << 8) | head[3];
-                headerSize = 4;
-            } else if (length == 127) {
-                if (m_in.size() - offset < 10)
-                    break;
-                length = 0;
-                for (int i = 0; i < 8; ++i)
-                    length = (length << 8) | head[2 + i];
-                headerSize = 10;
-            }
-            const qsizetype maskSize = (head[1] & 0x80) ? 4 : 0;
-            if (m_in.size() - offset < headerSize + maskSize + length)
-                break;
-            char* payload = m_in.data() + offset + headerSize + maskSize;
-            if (maskSize)
-                relay::ws::unmask(payload, length, head + headerSize);
-            if ((head[0] & 0x0F) == relay::ws::Text && onText)
-                onText(QByteArrayView(payload, length));
-            offset += headerSize + maskSize + length;
+        relay::ws::Message message;
+        while (m_reader.next(m_in, offset, message) == relay::ws::FrameReader::Result::Message) {
+            if (message.opcode == relay::ws::Text && onText)
+                onText(message.payload);
         }
         m_in.remove(0, offset);
     }
 
     QByteArray m_in;
+    relay::ws::FrameReader m_reader{64 * 1024 * 1024, false};
     bool m_upgraded = false;
 };
 

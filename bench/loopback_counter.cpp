@@ -2,7 +2,6 @@
 
 #include "websocket_frames.h"
 
-#include <QCryptographicHash>
 #include <QJsonDocument>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -127,9 +126,7 @@ bool LoopbackCounter::handshake()
         if (line.toLower().startsWith("sec-websocket-key:"))
             key = line.mid(18).trimmed();
     }
-    const QByteArray accept =
-        QCryptographicHash::hash(QByteArray(key + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11"), QCryptographicHash::Sha1)
-            .toBase64();
+    const QByteArray accept = relay::ws::acceptKey(key);
     m_socket->write("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
                     "Sec-WebSocket-Accept: " + accept + "\r\n\r\n");
     m_upgraded = true;
@@ -138,40 +135,12 @@ bool LoopbackCounter::handshake()
 
 void LoopbackCounter::parseFrames()
 {
-    while (true) {
-        const qsizetype available = m_buffer.size() - m_offset;
-        if (available < 2)
-            return;
-        auto* head = reinterpret_cast<unsigned char*>(m_buffer.data() + m_offset);
-        const int opcode = head[0] & 0x0F;
-        const bool masked = head[1] & 0x80;
-        quint64 length = head[1] & 0x7F;
-        qsizetype headerSize = 2;
-        if (length == 126) {
-            if (available < 4)
-                return;
-            length = (quint64(head[2]) << 8) | head[3];
-            headerSize = 4;
-        } else if (length == 127) {
-            if (available < 10)
-                return;
-            length = 0;
-            for (int i = 0; i < 8; ++i)
-                length = (length << 8) | head[2 + i];
-            headerSize = 10;
-        }
-        const qsizetype maskSize = masked ? 4 : 0;
-        if (available < headerSize + maskSize + qsizetype(length))
-            return;
-        char* payload = m_buffer.data() + m_offset + headerSize + maskSize;
-        if (masked)
-            relay::ws::unmask(payload, qsizetype(length), head + headerSize);
-        handleFrame(opcode, payload, qsizetype(length));
-        m_offset += headerSize + maskSize + qsizetype(length);
-    }
+    relay::ws::Message message;
+    while (m_reader.next(m_buffer, m_offset, message) == relay::ws::FrameReader::Result::Message)
+        handleFrame(message.opcode, message.payload.data(), message.payload.size());
 }
 
-void LoopbackCounter::handleFrame(int opcode, char* payload, qsizetype size)
+void LoopbackCounter::handleFrame(int opcode, const char* payload, qsizetype size)
 {
     ++m_frames;
     if (opcode != 1)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "websocket_frames.h"
+
 #include <QByteArray>
 #include <QElapsedTimer>
 #include <QJsonObject>
@@ -52,12 +54,13 @@ private:
     void consume();
     bool handshake();
     void parseFrames();
-    void handleFrame(int opcode, char* payload, qsizetype size);
+    void handleFrame(int opcode, const char* payload, qsizetype size);
 
     QTcpServer* m_server = nullptr;
     QTcpSocket* m_socket = nullptr;
     QByteArray m_buffer;
     qsizetype m_offset = 0;
+    relay::ws::FrameReader m_reader{64 * 1024 * 1024, true};
     bool m_upgraded = false;
     qint64 m_logLines = 0;
     qint64 m_logTextBytes = 0;

@@ -30,11 +30,11 @@ QJsonObject agentRecord(const AgentRecord& agent)
     return QJsonObject{
         {QStringLiteral("agentId"), agent.agentId},
         {QStringLiteral("busy"), agent.busy},
-        {QStringLiteral("registration"), agent.registered ? QJsonValue(agent.registration) : QJsonValue()},
+        {QStringLiteral("registration"), agent.registration ? QJsonValue(*agent.registration) : QJsonValue()},
     };
 }
 
-static QJsonArray records(const QList<AgentRecord>& agents)
+QJsonArray agentRecords(const QList<AgentRecord>& agents)
 {
     QJsonArray list;
     for (const AgentRecord& agent : agents)
@@ -44,13 +44,13 @@ static QJsonArray records(const QList<AgentRecord>& agents)
 
 QByteArray agentList(const QList<AgentRecord>& agents)
 {
-    return json(QJsonObject{{QStringLiteral("agents"), records(agents)}});
+    return json(QJsonObject{{QStringLiteral("agents"), agentRecords(agents)}});
 }
 
 QByteArray serverHello(const QList<AgentRecord>& agents)
 {
     QJsonObject message = typed("server.hello");
-    message.insert(QStringLiteral("agents"), records(agents));
+    message.insert(QStringLiteral("agents"), agentRecords(agents));
     return json(message);
 }
 

@@ -1,18 +1,20 @@
 #pragma once
 
 #include <QByteArray>
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QJsonValue>
 #include <QString>
 
+#include <optional>
+
 namespace brinmoor::relay {
 
-// What the server knows of one connected agent.
+// What the server tells of one connected agent.
 struct AgentRecord {
     QString agentId;
     bool busy = false;
-    QJsonObject registration; // the latest "agent.register" without its "type"
-    bool registered = false;
+    std::optional<QJsonObject> registration; // the latest "agent.register" without its "type"
 };
 
 // A tool use waiting for the phone's decision.
@@ -30,6 +32,7 @@ namespace RelayMessages {
 
 QByteArray json(const QJsonObject& object);
 QJsonObject agentRecord(const AgentRecord& agent);
+QJsonArray agentRecords(const QList<AgentRecord>& agents);
 QByteArray agentList(const QList<AgentRecord>& agents);
 QByteArray serverHello(const QList<AgentRecord>& agents);
 QByteArray agentHello();

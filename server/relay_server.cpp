@@ -211,7 +211,7 @@ void RelayServer::acceptAgent(RelayConnection& connection, const HttpRequest& re
         old->close(kReplacedCloseCode, "replaced by a newer connection");
     }
     Agent agent;
-    agent.record.agentId = agentId;
+    agent.agentId = agentId;
     agent.connection = &connection;
     agent.prefix = "{\"agentId\":" + jsonString(agentId);
     m_agents.insert(agentId, agent);
@@ -285,7 +285,7 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
 {
     const QByteArrayView body = payload.trimmed();
     if (body.size() < 2 || body.front() != '{' || body.back() != '}') {
-        diag(QStringLiteral("agent.message.invalid agentId=") + agent.record.agentId);
+        diag(QStringLiteral("agent.message.invalid agentId=") + agent.agentId);
         return;
     }
     bool streaming = false;
@@ -300,11 +300,10 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
     if (!streaming || body.indexOf("\"agentId\"") >= 0) {
         const QJsonDocument document = QJsonDocument::fromJson(body.toByteArray());
         if (!document.isObject() || !document.object().value(QStringLiteral("type")).isString()) {
-            diag(QStringLiteral("agent.message.invalid agentId=") + agent.record.agentId);
+            diag(QStringLiteral("agent.message.invalid agentId=") + agent.agentId);
             return;
         }
         QJsonObject message = document.object();
-        const QString agentId = agent.record.agentId;
         observeAgentMessage(agent, message);
         if (message.contains(QStringLiteral("agentId"))) {
             // The relay names the sender; an agent does not get to name another.
@@ -312,8 +311,6 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
             rewritten = RelayMessages::json(message);
             relayed = rewritten;
         }
-        if (!m_agents.contains(agentId))
-            return;
     }
     if (m_clients.empty())
         return;
@@ -341,14 +338,11 @@ void RelayServer::observeAgentMessage(Agent& agent, const QJsonObject& message)
         QJsonObject registration = message;
         registration.remove(QStringLiteral("type"));
         registration.remove(QStringLiteral("agentId"));
-        agent.record.registration = registration;
-        agent.record.registered = true;
-        diag(QStringLiteral("agent.register agentId=") + agent.record.agentId);
+        agent.registration = registration;
+        diag(QStringLiteral("agent.register agentId=") + agent.agentId);
     } else if (type == QLatin1String("task.heartbeat") || type == QLatin1String("task.started")) {
-        if (agent.currentTaskId.isEmpty() && !taskId.isEmpty()) {
+        if (agent.currentTaskId.isEmpty())
             agent.currentTaskId = taskId;
-            agent.record.busy = true;
-        }
     } else if (type == QLatin1String("task.finished") || type == QLatin1String("task.failed") ||
                type == QLatin1String("task.cancelled")) {
         endTask(agent, taskId);
@@ -359,10 +353,8 @@ void RelayServer::endTask(Agent& agent, const QString& taskId)
 {
     if (taskId.isEmpty())
         return;
-    if (agent.currentTaskId == taskId) {
+    if (agent.currentTaskId == taskId)
         agent.currentTaskId.clear();
-        agent.record.busy = false;
-    }
     m_taskAgents.remove(taskId);
     m_permissions.endTask(taskId);
 }
@@ -371,28 +363,27 @@ void RelayServer::dropAgent(Agent& agent)
 {
     QStringList tasks;
     for (auto it = m_taskAgents.cbegin(); it != m_taskAgents.cend(); ++it) {
-        if (it.value() == agent.record.agentId)
+        if (it.value() == agent.agentId)
             tasks.append(it.key());
     }
     for (const QString& taskId : tasks)
         endTask(agent, taskId);
-    m_agents.remove(agent.record.agentId);
+    m_agents.remove(agent.agentId);
 }
 
 void RelayServer::clientMessage(RelayConnection& client, QByteArrayView payload)
 {
     const QJsonDocument document = QJsonDocument::fromJson(payload.toByteArray());
     if (!document.isObject()) {
-        client.sendText(RelayMessages::error(QStringLiteral("BAD_REQUEST"),
-                                             QStringLiteral("messages must be JSON objects"), QJsonValue()));
+        replyError(client, QStringLiteral("BAD_REQUEST"),
+                   QStringLiteral("messages must be JSON objects"), QJsonValue());
         return;
     }
     const QJsonObject message = document.object();
     const QString type = message.value(QStringLiteral("type")).toString();
     if (type.isEmpty()) {
-        client.sendText(RelayMessages::error(QStringLiteral("BAD_REQUEST"),
-                                             QStringLiteral("a message needs a string \"type\""),
-                                             message.value(QStringLiteral("requestId"))));
+        replyError(client, QStringLiteral("BAD_REQUEST"),
+                   QStringLiteral("a message needs a string \"type\""), message.value(QStringLiteral("requestId")));
         return;
     }
     if (type == QLatin1String("task.create"))
@@ -402,9 +393,8 @@ void RelayServer::clientMessage(RelayConnection& client, QByteArrayView payload)
     else if (type == QLatin1String("permission.decision"))
         decidePermission(client, message);
     else
-        client.sendText(RelayMessages::error(QStringLiteral("UNKNOWN_TYPE"),
-                                             QStringLiteral("unknown message type: ") + type,
-                                             message.value(QStringLiteral("requestId"))));
+        replyError(client, QStringLiteral("UNKNOWN_TYPE"),
+                   QStringLiteral("unknown message type: ") + type, message.value(QStringLiteral("requestId")));
 }
 
 void RelayServer::createTask(RelayConnection& client, const QJsonObject& message)
@@ -413,27 +403,25 @@ void RelayServer::createTask(RelayConnection& client, const QJsonObject& message
     const QString agentId = message.value(QStringLiteral("agentId")).toString();
     const QJsonValue payload = message.value(QStringLiteral("payload"));
     if (agentId.isEmpty()) {
-        client.sendText(RelayMessages::error(QStringLiteral("BAD_REQUEST"),
-                                             QStringLiteral("task.create needs a string \"agentId\""), requestId));
+        replyError(client, QStringLiteral("BAD_REQUEST"),
+                   QStringLiteral("task.create needs a string \"agentId\""), requestId);
         return;
     }
     if (!payload.isObject()) {
-        client.sendText(RelayMessages::error(QStringLiteral("BAD_REQUEST"),
-                                             QStringLiteral("task.create needs an object \"payload\""), requestId));
+        replyError(client, QStringLiteral("BAD_REQUEST"),
+                   QStringLiteral("task.create needs an object \"payload\""), requestId);
         return;
     }
     const auto agent = m_agents.find(agentId);
     if (agent == m_agents.end()) {
-        client.sendText(RelayMessages::error(QStringLiteral("AGENT_OFFLINE"),
-                                             QStringLiteral("agent is not connected: ") + agentId, requestId));
+        replyError(client, QStringLiteral("AGENT_OFFLINE"),
+                   QStringLiteral("agent is not connected: ") + agentId, requestId);
         return;
     }
     const QString taskId = QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
     m_taskAgents.insert(taskId, agentId);
-    if (agent->currentTaskId.isEmpty()) {
+    if (agent->currentTaskId.isEmpty())
         agent->currentTaskId = taskId;
-        agent->record.busy = true;
-    }
     diag(QStringLiteral("task.create taskId=") + taskId + QStringLiteral(" agentId=") + agentId);
     agent->connection->sendText(RelayMessages::taskAssign(taskId, payload.toObject()));
     client.sendText(RelayMessages::taskCreated(taskId, agentId, requestId));
@@ -453,13 +441,13 @@ void RelayServer::forwardToAgent(RelayConnection& client, const QString& type, c
     else if (!payload.isUndefined() && !payload.isObject())
         problem = type + QStringLiteral(" needs an object \"payload\"");
     if (!problem.isEmpty()) {
-        client.sendText(RelayMessages::error(QStringLiteral("BAD_REQUEST"), problem, requestId));
+        replyError(client, QStringLiteral("BAD_REQUEST"), problem, requestId);
         return;
     }
     const auto agent = m_agents.constFind(agentId);
     if (agent == m_agents.constEnd()) {
-        client.sendText(RelayMessages::error(QStringLiteral("AGENT_OFFLINE"),
-                                             QStringLiteral("agent is not connected: ") + agentId, requestId));
+        replyError(client, QStringLiteral("AGENT_OFFLINE"),
+                   QStringLiteral("agent is not connected: ") + agentId, requestId);
         return;
     }
     agent->connection->sendText(RelayMessages::agentCommand(type, taskId, payload));
@@ -470,21 +458,18 @@ void RelayServer::decidePermission(RelayConnection& client, const QJsonObject& m
     const QJsonValue requestId = message.value(QStringLiteral("requestId"));
     const QString decision = message.value(QStringLiteral("decision")).toString();
     if (!requestId.isString()) {
-        client.sendText(RelayMessages::error(QStringLiteral("BAD_REQUEST"),
-                                             QStringLiteral("permission.decision needs a string \"requestId\""),
-                                             requestId));
+        replyError(client, QStringLiteral("BAD_REQUEST"),
+                   QStringLiteral("permission.decision needs a string \"requestId\""), requestId);
         return;
     }
     if (decision != QLatin1String("allow") && decision != QLatin1String("deny")) {
-        client.sendText(RelayMessages::error(
-            QStringLiteral("BAD_REQUEST"), QStringLiteral("permission.decision needs \"decision\" \"allow\" or \"deny\""),
-            requestId));
+        replyError(client,  QStringLiteral("BAD_REQUEST"),
+                   QStringLiteral("permission.decision needs \"decision\" \"allow\" or \"deny\""), requestId);
         return;
     }
     if (!m_permissions.contains(requestId.toString())) {
-        client.sendText(RelayMessages::error(QStringLiteral("UNKNOWN_REQUEST"),
-                                             QStringLiteral("no pending permission request: ") + requestId.toString(),
-                                             requestId));
+        replyError(client, QStringLiteral("UNKNOWN_REQUEST"),
+                   QStringLiteral("no pending permission request: ") + requestId.toString(), requestId);
         return;
     }
     m_permissions.decide(requestId.toString(), decision == QLatin1String("allow"),
@@ -527,6 +512,12 @@ void RelayServer::connectionClosed(RelayConnection& connection)
     }
 }
 
+void RelayServer::replyError(RelayConnection& client, const QString& code, const QString& message,
+                             const QJsonValue& requestId)
+{
+    client.sendText(RelayMessages::error(code, message, requestId));
+}
+
 void RelayServer::broadcast(const QByteArray& frame)
 {
     ++m_broadcasting;
@@ -548,7 +539,7 @@ QList<AgentRecord> RelayServer::agentRecords() const
 {
     QList<AgentRecord> records;
     for (const Agent& agent : m_agents)
-        records.append(agent.record);
+        records.append(AgentRecord{agent.agentId, !agent.currentTaskId.isEmpty(), agent.registration});
     return records;
 }
 

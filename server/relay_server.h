@@ -40,9 +40,10 @@ public:
 
 private:
     struct Agent {
-        AgentRecord record;
+        QString agentId;
+        std::optional<QJsonObject> registration; // the latest "agent.register" without its "type"
         RelayConnection* connection = nullptr;
-        QString currentTaskId;
+        QString currentTaskId; // empty while idle
         QByteArray prefix; // {"agentId":"…", the start of every message relayed from it
     };
 
@@ -63,6 +64,8 @@ private:
     void createTask(RelayConnection& client, const QJsonObject& message);
     void forwardToAgent(RelayConnection& client, const QString& type, const QJsonObject& message);
     void decidePermission(RelayConnection& client, const QJsonObject& message);
+    void replyError(RelayConnection& client, const QString& code, const QString& message,
+                    const QJsonValue& requestId);
 
     void broadcast(const QByteArray& frame);
     void broadcastText(const QByteArray& text);
