@@ -9,6 +9,8 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
+#include <QUuid>
 
 #include <cerrno>
 #include <cstring>
@@ -85,6 +87,10 @@ QString fileNameSafe(const QString& text)
     return safe;
 }
 
+// The namespace of the session ids made from conversation keys; fixed for good, so a
+// conversation keeps its session across agent versions.
+const QUuid sessionNamespace(QStringLiteral("67c547cf-08d0-4f2c-8808-fca36f829ffd"));
+
 const QString kClaudeWithoutApproval =
     QStringLiteral("claude --dangerously-skip-permissions -p --verbose --output-format stream-json {{prompt}}");
 
@@ -98,6 +104,20 @@ std::optional<QString> scopedConversationKey(const QString& projectPath,
     if (path.isEmpty() || conversation.isEmpty())
         return std::nullopt;
     return path + QStringLiteral("::") + conversation;
+}
+
+bool isSessionUUID(const QString& text)
+{
+    static const QRegularExpression canonical(QStringLiteral(
+        "^[0-9A-Fa-f]{8}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{12}$"));
+    return canonical.match(text).hasMatch();
+}
+
+QString claudeSessionID(const QString& conversationId, const std::optional<QString>& scopedKey)
+{
+    if (isSessionUUID(conversationId) || !scopedKey)
+        return conversationId;
+    return QUuid::createUuidV5(sessionNamespace, scopedKey->toUtf8()).toString(QUuid::WithoutBraces);
 }
 
 QString workspaceScopedPrompt(const QString& projectPath, const QString& userPrompt)
@@ -251,7 +271,7 @@ ChatResolution resolveChatExecution(const AgentProfile& profile,
             !command.contains(QLatin1String("--resume")) && command.startsWith(QLatin1String("claude "))) {
             const bool established = scopedKey && sessions.hasEstablishedChatSession(*scopedKey);
             command.insert(7, (established ? QStringLiteral("--resume ") : QStringLiteral("--session-id ")) +
-                                  shellQuote(conversationId) + QLatin1Char(' '));
+                                  shellQuote(claudeSessionID(conversationId, scopedKey)) + QLatin1Char(' '));
         }
     }
 

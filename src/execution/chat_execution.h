@@ -50,6 +50,15 @@ extern const QString systemPolicy;
 std::optional<QString> scopedConversationKey(const QString& projectPath,
                                              const QString& conversationId);
 
+// Whether a text is a UUID in its canonical 8-4-4-4-12 hexadecimal form (any case):
+// the only form Claude takes as a session id.
+bool isSessionUUID(const QString& text);
+
+// The Claude session id of a conversation: the conversation id itself when it is a
+// UUID, else a name-based (version 5) UUID of the scoped conversation key, so the same
+// conversation in the same project always maps to the same session.
+QString claudeSessionID(const QString& conversationId, const std::optional<QString>& scopedKey);
+
 QString workspaceScopedPrompt(const QString& projectPath, const QString& userPrompt);
 
 QString codexExecCommandTemplate(const QString& approvalMode, const QString& resumeThreadID);

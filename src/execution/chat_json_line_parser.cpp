@@ -156,6 +156,16 @@ void ChatJSONLineParser::processClaudeEvent(JsonReader::Node event, ParseResult&
         });
     } else if (m_reader.stringEquals(type, u"result")) {
         const QString text = trimmedString(event, u"result");
+        // A failed run still ends with a result; what the tool says about the failure
+        // also reaches the task log.
+        if (m_reader.isTrue(m_reader.member(event, u"is_error"))) {
+            const QString subtype = trimmedString(event, u"subtype");
+            reportOnce(QStringLiteral("[claude.error] ") +
+                           (!text.isEmpty()      ? text
+                            : !subtype.isEmpty() ? subtype
+                                                 : QStringLiteral("unknown error")),
+                       result);
+        }
         if (text.isEmpty())
             return;
         m_finalizedText = text;
@@ -218,7 +228,20 @@ void ChatJSONLineParser::processCodexEvent(JsonReader::Node event, ParseResult& 
     } else if (m_reader.stringEquals(type, u"turn.completed")) {
         if (!m_finalizedText.isEmpty())
             result.finalText = m_finalizedText;
+    } else if (m_reader.stringEquals(type, u"error")) {
+        reportOnce(QStringLiteral("[codex.error] ") + messageOf(event), result);
+    } else if (m_reader.stringEquals(type, u"turn.failed")) {
+        const JsonReader::Node error = m_reader.member(event, u"error");
+        reportOnce(QStringLiteral("[codex.turn.failed] ") +
+                       (m_reader.isString(error) ? m_reader.string(error).trimmed() : messageOf(error)),
+                   result);
     }
+}
+
+QString ChatJSONLineParser::messageOf(JsonReader::Node node) const
+{
+    const QString message = trimmedString(node, u"message");
+    return message.isEmpty() ? QStringLiteral("unknown error") : message;
 }
 
 void ChatJSONLineParser::appendCodexMessage(const QString& text, ParseResult& result)

@@ -58,6 +58,8 @@ private:
     void processClaudeEvent(JsonReader::Node event, ParseResult& result);
     void processCodexEvent(JsonReader::Node event, ParseResult& result);
     QString trimmedString(JsonReader::Node object, QStringView key) const;
+    // The trimmed "message" of an event or error object; "unknown error" when it has none.
+    QString messageOf(JsonReader::Node node) const;
     void appendAssistantText(const QString& text, ParseResult& result);
     void appendCodexMessage(const QString& text, ParseResult& result);
     void reportOnce(const QString& diagnostic, ParseResult& result);

@@ -113,20 +113,60 @@ void ProcessRunner::runTask(const RunRequest& request)
         m_output->markedLines.emplace(QLatin1String(kSuccessMarker));
     if (request.chatJSONProvider)
         m_output->parser = std::make_unique<ChatJSONLineParser>(*request.chatJSONProvider);
-
-    auto* child = new ChildProcess(&m_runtime.outgoingFlow(), this);
-    m_child = child;
     m_currentTaskId = request.taskId;
-    connect(child, &ChildProcess::standardOutput, this, &ProcessRunner::onStandardOutput);
-    connect(child, &ChildProcess::standardError, this, &ProcessRunner::onStandardError);
-    connect(child, &ChildProcess::exited, this, &ProcessRunner::onExited);
 
     if (request.sendStarted)
         m_runtime.sendJSON(Messages::taskStarted(request.taskId));
 
+    const QString taskId = request.taskId;
+    launchWhenToolReady(
+        request.shell, request.workingDir, [this](const QString& shell) { launchTask(shell); },
+        [this, taskId] {
+            if (m_currentTaskId != taskId)
+                return;
+            diag(QStringLiteral("runTask stopped before its command started taskId=") + taskId);
+            cleanupFinishedTask();
+        });
+}
+
+void ProcessRunner::launchWhenToolReady(const QString& shell, const QString& workingDir,
+                                        std::function<void(const QString&)> launch,
+                                        std::function<void()> abandon)
+{
+    const quint64 serial = ++m_launchSerial;
+    m_abandonLaunch = std::move(abandon);
+    m_tools.prepare(shell, workingDir, this, [this, serial, launch](const QString& fitted) {
+        if (serial != m_launchSerial || !m_abandonLaunch)
+            return; // abandoned meanwhile
+        m_abandonLaunch = nullptr;
+        launch(fitted);
+    });
+}
+
+bool ProcessRunner::abandonPendingLaunch()
+{
+    if (!m_abandonLaunch)
+        return false;
+    const std::function<void()> abandon = std::move(m_abandonLaunch);
+    m_abandonLaunch = nullptr;
+    ++m_launchSerial;
+    abandon();
+    return true;
+}
+
+void ProcessRunner::launchTask(const QString& shell)
+{
+    if (!m_output)
+        return;
+    const RunRequest& request = m_output->request;
+    auto* child = new ChildProcess(&m_runtime.outgoingFlow(), this);
+    m_child = child;
+    connect(child, &ChildProcess::standardOutput, this, &ProcessRunner::onStandardOutput);
+    connect(child, &ChildProcess::standardError, this, &ProcessRunner::onStandardError);
+    connect(child, &ChildProcess::exited, this, &ProcessRunner::onExited);
+
     QString error;
-    if (!child->start({request.shell, request.workingDir, request.requiresTTY,
-                       ChildProcess::Channels::Separate},
+    if (!child->start({shell, request.workingDir, request.requiresTTY, ChildProcess::Channels::Separate},
                       &error)) {
         m_runtime.sendJSON(Messages::taskFailed(request.taskId,
                                                 QStringLiteral("failed to launch process: ") + error,
@@ -282,28 +322,38 @@ void ProcessRunner::executeShellCapture(const QString& shell, const QString& wor
         m_runtime.testShellCaptureHook(shell, workingDir, std::move(done));
         return;
     }
-    auto* child = new ChildProcess(nullptr, this);
-    if (registerAsCurrentProcess)
-        m_child = child;
-    auto output = std::make_shared<QString>();
-    connect(child, &ChildProcess::standardOutput, child, [output, onOutput](const QString& text) {
-        *output += text;
-        if (onOutput)
-            onOutput(text);
-    });
-    connect(child, &ChildProcess::exited, child, [this, child, output, done](int status) {
-        if (m_child == child)
-            m_child = nullptr;
-        child->deleteLater();
-        done(ShellExecutionResult{status, *output, QString()});
-    });
-    QString error;
-    if (!child->start({shell, workingDir, requiresTTY, ChildProcess::Channels::Merged}, &error)) {
-        if (m_child == child)
-            m_child = nullptr;
-        child->deleteLater();
-        done(ShellExecutionResult{1, QString(), QStringLiteral("failed to launch process: ") + error});
+    const auto launch = [this, workingDir, requiresTTY, registerAsCurrentProcess, done,
+                         onOutput](const QString& fitted) {
+        auto* child = new ChildProcess(nullptr, this);
+        if (registerAsCurrentProcess)
+            m_child = child;
+        auto output = std::make_shared<QString>();
+        connect(child, &ChildProcess::standardOutput, child, [output, onOutput](const QString& text) {
+            *output += text;
+            if (onOutput)
+                onOutput(text);
+        });
+        connect(child, &ChildProcess::exited, child, [this, child, output, done](int status) {
+            if (m_child == child)
+                m_child = nullptr;
+            child->deleteLater();
+            done(ShellExecutionResult{status, *output, QString()});
+        });
+        QString error;
+        if (!child->start({fitted, workingDir, requiresTTY, ChildProcess::Channels::Merged}, &error)) {
+            if (m_child == child)
+                m_child = nullptr;
+            child->deleteLater();
+            done(ShellExecutionResult{1, QString(), QStringLiteral("failed to launch process: ") + error});
+        }
+    };
+    if (!registerAsCurrentProcess) {
+        m_tools.prepare(shell, workingDir, this, launch);
+        return;
     }
+    launchWhenToolReady(shell, workingDir, launch, [done] {
+        done(ShellExecutionResult{1, QString(), QStringLiteral("stopped before the command started")});
+    });
 }
 
 void ProcessRunner::stopRunningProcessIfAny(bool cancelled)
@@ -319,6 +369,8 @@ void ProcessRunner::stopRunningProcessIfAny(bool cancelled)
             m_runtime.sendJSON(Messages::taskCancelled(taskId, 130));
             cleanupFinishedTask();
         }
+        // A command still waiting for its tool's options never starts.
+        abandonPendingLaunch();
         return;
     }
     if (m_child->isRunning()) {

@@ -2,6 +2,7 @@
 
 #include "execution/chat_json_line_parser.h"
 #include "execution/shell_execution_result.h"
+#include "execution/tool_compatibility.h"
 
 #include <QJsonObject>
 #include <QObject>
@@ -84,6 +85,15 @@ public:
 private:
     struct TaskOutput;
 
+    // Runs `launch` with the command fitted to the installed tool once that is known
+    // (at once for commands that start neither `claude` nor `codex`). Until then the
+    // launch is pending: a stop abandons it through `abandon`.
+    void launchWhenToolReady(const QString& shell, const QString& workingDir,
+                             std::function<void(const QString&)> launch, std::function<void()> abandon);
+    // Drops a pending launch and runs its `abandon`; false when none was pending.
+    bool abandonPendingLaunch();
+    void launchTask(const QString& shell);
+
     void onStandardOutput(const QString& text);
     void handleParseResult(const ParseResult& result);
     void onStandardError(const QString& text);
@@ -95,6 +105,9 @@ private:
     QPointer<ChildProcess> m_child;
     QTimer* m_timeLimit = nullptr;
     std::unique_ptr<TaskOutput> m_output;
+    ToolCompatibility m_tools;
+    quint64 m_launchSerial = 0;
+    std::function<void()> m_abandonLaunch;
 };
 
 // Adds the project that a build script announced after the success marker to the

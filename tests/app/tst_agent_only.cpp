@@ -102,7 +102,7 @@ private Q_SLOTS:
                               QStringLiteral(R"({"exitCode":0,"taskId":"chat-1","type":"task.finished"})")}));
         // Without an approval tool Claude runs without permission prompts, in a new session.
         QCOMPARE(fakeToolArguments(fake.path(), QStringLiteral("claude"), 1).mid(0, 4),
-                 (QStringList{QStringLiteral("--session-id"), QStringLiteral("conv-7"),
+                 (QStringList{QStringLiteral("--session-id"), QStringLiteral("351c4514-b54d-5e04-ae70-6cc4757a966a"),
                               QStringLiteral("--dangerously-skip-permissions"), QStringLiteral("-p")}));
         ::kill(static_cast<pid_t>(agent.process.processId()), SIGTERM);
         QVERIFY(agent.process.waitForFinished(10000));

@@ -170,7 +170,7 @@ private Q_SLOTS:
             resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("it's"), QStringLiteral("c1"), QString());
         QVERIFY(r.mcpConfigPath);
         QCOMPARE(r.workingDir, m_repo.path() + QStringLiteral("/App"));
-        QCOMPARE(r.shell, QStringLiteral("claude --session-id 'c1' -p --verbose --permission-prompt-tool "
+        QCOMPARE(r.shell, QStringLiteral("claude --session-id 'fe4eaed6-11ff-55fd-9527-298e55a32c58' -p --verbose --permission-prompt-tool "
                                          "mcp__approver__request_permission --mcp-config ") +
                               shellQuote(*r.mcpConfigPath) + QStringLiteral(" --output-format stream-json ") +
                               scoped(QStringLiteral("App"), QStringLiteral("it's")));
@@ -187,11 +187,55 @@ private Q_SLOTS:
         sessions.markChatSessionEstablished(QStringLiteral("App::c1"));
         const ChatResolution same =
             resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("again"), QStringLiteral("c1"), QStringLiteral("none"));
-        QVERIFY(same.shell.startsWith(QStringLiteral("claude --resume 'c1' --dangerously-skip-permissions")));
+        QVERIFY2(same.shell.startsWith(QStringLiteral(
+                     "claude --resume 'fe4eaed6-11ff-55fd-9527-298e55a32c58' --dangerously-skip-permissions")),
+                 qPrintable(same.shell));
         const ChatResolution other =
             resolve(sessions, QStringLiteral("claude"), QStringLiteral("Other"), QStringLiteral("again"), QStringLiteral("c1"), QStringLiteral("none"));
-        QVERIFY(other.shell.startsWith(QStringLiteral("claude --session-id 'c1' --dangerously-skip-permissions")));
+        QVERIFY2(other.shell.startsWith(QStringLiteral(
+                     "claude --session-id '59d0ca79-3fd8-548b-87a8-32ccea5d1fca' --dangerously-skip-permissions")),
+                 qPrintable(other.shell));
         QVERIFY(!other.mcpConfigPath);
+    }
+
+    void aConversationIdThatIsAUUIDIsTheSessionIdItself()
+    {
+        ChatSessions sessions;
+        const QString upper = QStringLiteral("6F9619FF-8B86-D011-B42D-00C04FC964FF");
+        const ChatResolution first =
+            resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("hi"), upper, QStringLiteral("none"));
+        QVERIFY2(first.shell.startsWith(QStringLiteral("claude --session-id '6F9619FF-8B86-D011-B42D-00C04FC964FF' ")),
+                 qPrintable(first.shell));
+        sessions.markChatSessionEstablished(QStringLiteral("App::") + upper);
+        const ChatResolution second =
+            resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("hi"), upper, QStringLiteral("none"));
+        QVERIFY2(second.shell.startsWith(QStringLiteral("claude --resume '6F9619FF-8B86-D011-B42D-00C04FC964FF' ")),
+                 qPrintable(second.shell));
+    }
+
+    void onlyTheCanonicalUUIDFormIsASessionId_data()
+    {
+        QTest::addColumn<QString>("id");
+        QTest::addColumn<bool>("isUUID");
+        QTest::newRow("lower") << QStringLiteral("6f9619ff-8b86-d011-b42d-00c04fc964ff") << true;
+        QTest::newRow("upper") << QStringLiteral("6F9619FF-8B86-D011-B42D-00C04FC964FF") << true;
+        QTest::newRow("braces") << QStringLiteral("{6f9619ff-8b86-d011-b42d-00c04fc964ff}") << false;
+        QTest::newRow("no dashes") << QStringLiteral("6f9619ff8b86d011b42d00c04fc964ff") << false;
+        QTest::newRow("blank around") << QStringLiteral(" 6f9619ff-8b86-d011-b42d-00c04fc964ff") << false;
+        QTest::newRow("not hex") << QStringLiteral("6g9619ff-8b86-d011-b42d-00c04fc964ff") << false;
+        QTest::newRow("name") << QStringLiteral("phone chat 7") << false;
+    }
+
+    void onlyTheCanonicalUUIDFormIsASessionId()
+    {
+        QFETCH(QString, id);
+        QFETCH(bool, isUUID);
+        QCOMPARE(isSessionUUID(id), isUUID);
+        const QString session = claudeSessionID(id, scopedConversationKey(QStringLiteral("App"), id));
+        QCOMPARE(session == id, isUUID);
+        QVERIFY(isSessionUUID(session));
+        QCOMPARE(claudeSessionID(QStringLiteral("phone chat 7"), QStringLiteral("App::phone chat 7")),
+                 QStringLiteral("5ca9c834-0e55-5122-9eca-21c43d3df022"));
     }
 
     void claudeWithoutApproverFallsBackToSkippingPermissions()

@@ -111,6 +111,52 @@ private Q_SLOTS:
         QCOMPARE(result.deltas, QStringList{});
     }
 
+    void claudeFailedResultIsReportedOnceBesidesItsText()
+    {
+        ChatJSONLineParser parser(ChatJSONProvider::claude);
+        const QString failed = QStringLiteral(
+            R"({"type":"result","subtype":"success","is_error":true,"result":" API Error: 400 The fake model refuses this prompt. "})");
+        const ParseResult first = parser.process(failed + "\n" + failed + "\n");
+        QCOMPARE(first.diagnostics,
+                 QStringList{QStringLiteral("[claude.error] API Error: 400 The fake model refuses this prompt.")});
+        QCOMPARE(first.deltas, QStringList{QStringLiteral("API Error: 400 The fake model refuses this prompt.")});
+        QCOMPARE(first.finalText, std::optional<QString>(QStringLiteral("API Error: 400 The fake model refuses this prompt.")));
+
+        const ParseResult withoutText = parser.process(QStringLiteral(
+            "{\"type\":\"result\",\"subtype\":\"error_max_turns\",\"is_error\":true}\n"
+            "{\"type\":\"result\",\"is_error\":true,\"result\":\"\"}\n"
+            "{\"type\":\"result\",\"is_error\":false,\"result\":\"fine\"}\n"
+            "{\"type\":\"result\",\"is_error\":\"true\",\"result\":\"fine\"}\n"));
+        QCOMPARE(withoutText.diagnostics, (QStringList{QStringLiteral("[claude.error] error_max_turns"),
+                                                       QStringLiteral("[claude.error] unknown error")}));
+    }
+
+    void codexErrorsAndFailedTurnsAreReportedOnceEach()
+    {
+        ChatJSONLineParser parser(ChatJSONProvider::codex);
+        const QString lines = QStringLiteral(
+            "{\"type\":\"error\",\"message\":\"Reconnecting... 1/5\"}\n"
+            "{\"type\":\"error\",\"message\":\" The fake model refuses this prompt. \"}\n"
+            "{\"type\":\"turn.failed\",\"error\":{\"message\":\"The fake model refuses this prompt.\"}}\n"
+            "{\"type\":\"error\",\"message\":\"The fake model refuses this prompt.\"}\n"
+            "{\"type\":\"error\"}\n"
+            "{\"type\":\"turn.failed\",\"error\":\" gone \"}\n"
+            "{\"type\":\"turn.failed\"}\n");
+        const ParseResult result = parser.process(lines);
+        QCOMPARE(result.diagnostics,
+                 (QStringList{QStringLiteral("[codex.error] Reconnecting... 1/5"),
+                              QStringLiteral("[codex.error] The fake model refuses this prompt."),
+                              QStringLiteral("[codex.turn.failed] The fake model refuses this prompt."),
+                              QStringLiteral("[codex.error] unknown error"),
+                              QStringLiteral("[codex.turn.failed] gone"),
+                              QStringLiteral("[codex.turn.failed] unknown error")}));
+        QCOMPARE(result.deltas, QStringList{});
+        QCOMPARE(result.finalText, std::nullopt);
+        // The other grammar does not know these events.
+        ChatJSONLineParser claude(ChatJSONProvider::claude);
+        QVERIFY(claude.process(QStringLiteral("{\"type\":\"turn.failed\",\"error\":{\"message\":\"x\"}}\n")).isEmpty());
+    }
+
     void extractToolContentShapes_data()
     {
         QTest::addColumn<QString>("content");

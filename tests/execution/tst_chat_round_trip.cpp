@@ -142,7 +142,8 @@ private Q_SLOTS:
         // The exact command line, the prompt with its quote intact.
         const QStringList args = fakeToolArguments(m_fake.path(), QStringLiteral("claude"), 1);
         const QString configPath = m_tmp.path() + QStringLiteral("/brinmoor-mcp-c1.json");
-        QCOMPARE(args, (QStringList{QStringLiteral("--session-id"), QStringLiteral("conv-1"), QStringLiteral("-p"),
+        // A conversation id that is not a UUID maps to the name-based UUID of its key.
+        QCOMPARE(args, (QStringList{QStringLiteral("--session-id"), QStringLiteral("ac349975-4774-54a8-884a-31a7bfc1ded2"), QStringLiteral("-p"),
                                     QStringLiteral("--verbose"), QStringLiteral("--permission-prompt-tool"),
                                     QStringLiteral("mcp__approver__request_permission"), QStringLiteral("--mcp-config"),
                                     configPath, QStringLiteral("--output-format"), QStringLiteral("stream-json"),
@@ -157,13 +158,13 @@ private Q_SLOTS:
         f.assign(QStringLiteral("c2"), chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("more"), QStringLiteral("conv-1")));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("c2")));
         QCOMPARE(fakeToolArguments(m_fake.path(), QStringLiteral("claude"), 2).mid(0, 3),
-                 (QStringList{QStringLiteral("--resume"), QStringLiteral("conv-1"), QStringLiteral("-p")}));
+                 (QStringList{QStringLiteral("--resume"), QStringLiteral("ac349975-4774-54a8-884a-31a7bfc1ded2"), QStringLiteral("-p")}));
 
         // The same conversation id under another project starts a new session.
         f.assign(QStringLiteral("c3"), chat(QStringLiteral("claude"), QStringLiteral("Other"), QStringLiteral("hi"), QStringLiteral("conv-1")));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("c3")));
         QCOMPARE(fakeToolArguments(m_fake.path(), QStringLiteral("claude"), 3).mid(0, 2),
-                 (QStringList{QStringLiteral("--session-id"), QStringLiteral("conv-1")}));
+                 (QStringList{QStringLiteral("--session-id"), QStringLiteral("86d108fd-ae28-51c4-9d37-75ed92c9f2b3")}));
         QCOMPARE(mcpFiles(), QStringList());
     }
 
