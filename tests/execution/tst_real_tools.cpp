@@ -1,0 +1,348 @@
+// The released `claude` and `codex`, installed from the npm registry by scripts/real-tools,
+// driven by the agent through the relay server as a phone drives them, against fake
+// model servers on loopback whose scripted replies stand in for the models. Skipped
+// ("skipped: tools not installed") when the tools cannot be installed.
+#include "execution/chat_execution.h"
+#include "support/fake_model_server.h"
+#include "support/loopback_server.h"
+#include "support/process_fixtures.h"
+#include "support/relay_client.h"
+#include "support/test_support.h"
+
+#include <QDir>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTest>
+
+#include <memory>
+#include <unistd.h>
+
+using namespace brinmoor;
+using namespace brinmoor::test;
+
+namespace {
+
+constexpr int kTaskTimeoutMs = 90000;
+
+QString typeOf(const QJsonObject& message)
+{
+    return message.value(QStringLiteral("type")).toString();
+}
+
+// Every text that a Responses request or a Messages request carries, joined: enough
+// to see whether an earlier turn is part of the conversation.
+QString conversationText(const FakeModelServer::Request& request)
+{
+    return QString::fromUtf8(request.body);
+}
+
+} // namespace
+
+class TstRealTools : public QObject {
+    Q_OBJECT
+
+    QString m_toolsBin;
+    std::unique_ptr<QTemporaryDir> m_home;
+    std::unique_ptr<QTemporaryDir> m_tmp;
+    std::unique_ptr<FakeModelServer> m_anthropic;
+    std::unique_ptr<FakeModelServer> m_openai;
+    std::unique_ptr<RelayProcess> m_relay;
+    std::unique_ptr<AgentProcess> m_agent;
+    std::unique_ptr<RelayClient> m_phone;
+
+    QString project() const { return m_agent->repo.path() + QStringLiteral("/App"); }
+
+    // The relay, the agent with the real tools first on its PATH and both model
+    // servers in its environment, and the phone connected.
+    bool startAll()
+    {
+        m_home = std::make_unique<QTemporaryDir>();
+        m_tmp = std::make_unique<QTemporaryDir>();
+        m_anthropic = std::make_unique<FakeModelServer>();
+        m_openai = std::make_unique<FakeModelServer>();
+        m_anthropic->listen();
+        m_openai->listen();
+        const QString codexHome = m_home->path() + QStringLiteral("/.codex");
+        QDir().mkpath(codexHome);
+        writeFile(codexHome + QStringLiteral("/config.toml"),
+                  "model = \"fake-model\"\n"
+                  "model_provider = \"fake\"\n"
+                  "[model_providers.fake]\n"
+                  "name = \"fake\"\n"
+                  "base_url = \"" + m_openai->baseURL().toUtf8() + "/v1\"\n"
+                  "wire_api = \"responses\"\n"
+                  "request_max_retries = 0\n"
+                  "stream_max_retries = 0\n");
+
+        m_relay = std::make_unique<RelayProcess>();
+        m_relay->token = QStringLiteral("tok");
+        if (!m_relay->start())
+            return false;
+        m_agent = std::make_unique<AgentProcess>();
+        QDir().mkpath(project());
+        QProcessEnvironment extra;
+        extra.insert(QStringLiteral("PATH"), m_toolsBin + QLatin1Char(':') + qEnvironmentVariable("PATH"));
+        extra.insert(QStringLiteral("HOME"), m_home->path());
+        extra.insert(QStringLiteral("TMPDIR"), m_tmp->path());
+        extra.insert(QStringLiteral("CODEX_HOME"), codexHome);
+        extra.insert(QStringLiteral("ANTHROPIC_BASE_URL"), m_anthropic->baseURL());
+        extra.insert(QStringLiteral("ANTHROPIC_API_KEY"), QStringLiteral("test-key"));
+        extra.insert(QStringLiteral("CLAUDE_CODE_DISABLE_NONESSENTIAL_TRAFFIC"), QStringLiteral("1"));
+        extra.insert(QStringLiteral("DISABLE_AUTOUPDATER"), QStringLiteral("1"));
+        // claude refuses to skip its permission checks for root outside a sandbox.
+        if (::geteuid() == 0)
+            extra.insert(QStringLiteral("IS_SANDBOX"), QStringLiteral("1"));
+        m_agent->start(m_relay->url(), extra);
+        if (!m_relay->waitForLine(QStringLiteral("agent.register agentId=cli-agent")))
+            return false;
+        m_phone = std::make_unique<RelayClient>();
+        return m_phone->open(m_relay->port, m_relay->token);
+    }
+
+    QString createTask(const QJsonObject& payload)
+    {
+        auto created = [&] {
+            QStringList ids;
+            for (const QJsonObject& m : m_phone->messages()) {
+                if (typeOf(m) == QLatin1String("task.created"))
+                    ids.append(m.value(QStringLiteral("taskId")).toString());
+            }
+            return ids;
+        };
+        const qsizetype before = created().size();
+        m_phone->send(QJsonObject{{QStringLiteral("type"), QStringLiteral("task.create")},
+                                  {QStringLiteral("agentId"), QStringLiteral("cli-agent")},
+                                  {QStringLiteral("payload"), payload}});
+        if (!waitUntil([&] { return created().size() > before; }))
+            return {};
+        return created().last();
+    }
+
+    std::optional<QJsonObject> waitForTask(const QString& taskId, const QStringList& types)
+    {
+        return m_phone->waitFor(
+            [&](const QJsonObject& m) {
+                return m.value(QStringLiteral("taskId")).toString() == taskId && types.contains(typeOf(m));
+            },
+            kTaskTimeoutMs);
+    }
+
+    bool waitForTaskEnd(const QString& taskId)
+    {
+        return waitForTask(taskId, {QStringLiteral("task.finished"), QStringLiteral("task.failed"),
+                                    QStringLiteral("task.cancelled")})
+            .has_value();
+    }
+
+    // Every message the phone received about a task, heartbeats aside, as compact JSON
+    // with what changes from run to run named instead: "<task>", "<request>",
+    // "<proposal>", "<repo>", "<tmp>", "<copy>".
+    QStringList exactTrace(const QString& taskId) const
+    {
+        QStringList trace;
+        for (QJsonObject message : m_phone->messages()) {
+            if (message.value(QStringLiteral("taskId")).toString() != taskId ||
+                typeOf(message) == QLatin1String("task.heartbeat"))
+                continue;
+            message.insert(QStringLiteral("taskId"), QStringLiteral("<task>"));
+            for (const char* key : {"requestId", "proposalId"}) {
+                if (message.contains(QLatin1String(key)))
+                    message.insert(QLatin1String(key), QStringLiteral("<%1>").arg(QLatin1String(key).chopped(2)));
+            }
+            QString text = QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact));
+            static const QRegularExpression copy(QStringLiteral("brinmoor-proposals/[^/\" ]+-[0-9A-F-]{36}"));
+            text.replace(copy, QStringLiteral("brinmoor-proposals/<copy>"));
+            text.replace(m_agent->repo.path(), QStringLiteral("<repo>"));
+            text.replace(m_tmp->path(), QStringLiteral("<tmp>"));
+            text.replace(taskId, QStringLiteral("<task>"));
+            trace.append(text);
+        }
+        return trace;
+    }
+
+    // True when the traces are equal; otherwise both are printed in full.
+    static bool sameTrace(const QStringList& actual, const QStringList& expected)
+    {
+        if (actual == expected)
+            return true;
+        qInfo().noquote() << "actual trace:\n" + actual.join(QLatin1Char('\n')) + "\nexpected trace:\n" +
+                                 expected.join(QLatin1Char('\n'));
+        return false;
+    }
+
+    static QString json(const QJsonObject& object)
+    {
+        return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
+    }
+
+    QJsonObject chat(const QString& system, const QString& prompt, const QString& conversation, const QString& approval)
+    {
+        return {{QStringLiteral("action"), QStringLiteral("chat")},
+                {QStringLiteral("system"), system},
+                {QStringLiteral("projectPath"), QStringLiteral("App")},
+                {QStringLiteral("prompt"), prompt},
+                {QStringLiteral("conversationId"), conversation},
+                {QStringLiteral("approvalMode"), approval}};
+    }
+
+    // The messages of a chat that answered `text` in one piece, after the resolve line.
+    static QStringList chatAnswered(const QString& conversation, const QString& text)
+    {
+        return {json({{"agentId", "cli-agent"}, {"taskId", "<task>"}, {"type", "task.started"}}),
+                json({{"agentId", "cli-agent"}, {"chunk", text}, {"conversationId", conversation}, {"taskId", "<task>"},
+                      {"type", "task.chat.chunk"}}),
+                json({{"agentId", "cli-agent"}, {"conversationId", conversation}, {"taskId", "<task>"}, {"text", text},
+                      {"type", "task.chat.final"}}),
+                json({{"agentId", "cli-agent"}, {"exitCode", 0}, {"taskId", "<task>"}, {"type", "task.finished"}})};
+    }
+
+    static QString created()
+    {
+        return json({{"agentId", "cli-agent"}, {"taskId", "<task>"}, {"type", "task.created"}});
+    }
+
+    static QString chatResolved()
+    {
+        return json({{"agentId", "cli-agent"},
+                     {"line", "workspace.resolve action=chat requestedProjectPath=App resolvedWorkingDir=<repo>/App"},
+                     {"taskId", "<task>"},
+                     {"type", "task.log"}});
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QProcess install;
+        install.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        install.start(QStringLiteral(BRINMOOR_SOURCE_DIR "/scripts/real-tools"), QStringList());
+        const bool ran = install.waitForFinished(11 * 60 * 1000);
+        const QStringList lines = QString::fromUtf8(install.readAllStandardOutput()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        if (!ran || install.exitStatus() != QProcess::NormalExit || install.exitCode() != 0 || lines.isEmpty()) {
+            if (install.state() != QProcess::NotRunning) {
+                install.kill();
+                install.waitForFinished();
+            }
+            QSKIP("skipped: tools not installed");
+        }
+        m_toolsBin = lines.last();
+    }
+
+    void cleanup()
+    {
+        if (m_agent)
+            QVERIFY(m_agent->stop());
+        m_phone.reset();
+        m_agent.reset();
+        m_relay.reset();
+        m_anthropic.reset();
+        m_openai.reset();
+        // Nothing a task wrote for itself is left behind.
+        if (m_tmp)
+            QCOMPARE(QDir(m_tmp->path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden)
+                         .filter(QRegularExpression(QStringLiteral("^brinmoor-mcp-"))),
+                     QStringList());
+        m_tmp.reset();
+        m_home.reset();
+    }
+
+    void claudeChatResumesItsSessionOnTheSecondMessage()
+    {
+        QVERIFY(startAll());
+        m_anthropic->respond = [](const FakeModelServer::Request& request) {
+            if (!request.path.startsWith(QLatin1String("/v1/messages")) || request.path.contains(QLatin1String("count_tokens")))
+                return FakeModelServer::Reply{404, "application/json", "{}"};
+            const bool second = lastUserContent(request.json).value(QStringLiteral("text")).toString().contains(QLatin1String("Say it again"));
+            return FakeModelServer::messagesText(second ? QStringLiteral("Still here.") : QStringLiteral("Hello from the fake model."));
+        };
+        const QString conversation = QStringLiteral("real-claude-chat");
+        const QString first = createTask(chat(QStringLiteral("claude"), QStringLiteral("Say hello"), conversation, QStringLiteral("none")));
+        QVERIFY(waitForTaskEnd(first));
+        QVERIFY(sameTrace(exactTrace(first), QStringList{created(), chatResolved()} +
+                                                 chatAnswered(conversation, QStringLiteral("Hello from the fake model."))));
+
+        const QString second = createTask(chat(QStringLiteral("claude"), QStringLiteral("Say it again"), conversation, QStringLiteral("none")));
+        QVERIFY(waitForTaskEnd(second));
+        QVERIFY(sameTrace(exactTrace(second), QStringList{created(), chatResolved()} +
+                                                  chatAnswered(conversation, QStringLiteral("Still here."))));
+
+        // The conversation id is no UUID: both messages ran with the name-based UUID of
+        // its key, and the second one carried the first exchange to the model.
+        const QString session = QStringLiteral("ccd3cbc4-4c90-5c99-9df1-6b50542f35b6");
+        const QStringList log = m_agent->logTexts();
+        QCOMPARE(log.filter(QStringLiteral("shell=claude --session-id '") + session + QStringLiteral("' --dangerously-skip-permissions")).size(), 1);
+        QCOMPARE(log.filter(QStringLiteral("shell=claude --resume '") + session + QStringLiteral("' --dangerously-skip-permissions")).size(), 1);
+        const QList<FakeModelServer::Request>& requests = m_anthropic->requests();
+        QVERIFY(!requests.isEmpty());
+        QVERIFY(conversationText(requests.last()).contains(QLatin1String("Hello from the fake model.")));
+        QVERIFY(conversationText(requests.last()).contains(QLatin1String("Say hello")));
+    }
+
+    void claudeAsksThePhoneBeforeItWrites()
+    {
+        QVERIFY(startAll());
+        const QString notes = project() + QStringLiteral("/notes.txt");
+        // The model asks to write notes.txt, then says what came of it.
+        m_anthropic->respond = [notes](const FakeModelServer::Request& request) {
+            if (!request.path.startsWith(QLatin1String("/v1/messages")) || request.path.contains(QLatin1String("count_tokens")))
+                return FakeModelServer::Reply{404, "application/json", "{}"};
+            const QJsonObject last = lastUserContent(request.json);
+            if (last.value(QStringLiteral("type")).toString() == QLatin1String("tool_result"))
+                return FakeModelServer::messagesText(last.value(QStringLiteral("is_error")).toBool()
+                                                         ? QStringLiteral("I was not allowed to write notes.txt.")
+                                                         : QStringLiteral("Wrote notes.txt."));
+            const bool second = last.value(QStringLiteral("text")).toString().contains(QLatin1String("again"));
+            return FakeModelServer::messagesToolUse(second ? QStringLiteral("toolu_real_2") : QStringLiteral("toolu_real_1"),
+                                                    QStringLiteral("Write"),
+                                                    {{"file_path", notes}, {"content", "written by claude\n"}});
+        };
+        const QJsonObject toolInput{{"file_path", "<repo>/App/notes.txt"}, {"content", "written by claude\n"}};
+        auto permissionRequest = [&](const QString& taskId, const QString& toolUseId) {
+            return json({{"agentId", "cli-agent"}, {"requestId", "<request>"}, {"taskId", "<task>"}, {"toolInput", toolInput},
+                         {"toolName", "Write"}, {"toolUseId", toolUseId}, {"type", "permission.request"}});
+        };
+
+        // Allowed once: the tool writes.
+        const QString allowed = createTask(chat(QStringLiteral("claude"), QStringLiteral("Write the notes"),
+                                                QStringLiteral("real-claude-allow"), QStringLiteral("on_request")));
+        const auto request = waitForTask(allowed, {QStringLiteral("permission.request")});
+        QVERIFY(request);
+        QTest::qWait(300);
+        QVERIFY(!QFile::exists(notes));
+        m_phone->send(QJsonObject{{QStringLiteral("type"), QStringLiteral("permission.decision")},
+                                  {QStringLiteral("requestId"), request->value(QStringLiteral("requestId"))},
+                                  {QStringLiteral("decision"), QStringLiteral("allow")}});
+        QVERIFY(waitForTaskEnd(allowed));
+        QCOMPARE(readFile(notes), QByteArray("written by claude\n"));
+        QVERIFY(sameTrace(exactTrace(allowed),
+                          QStringList{created(), chatResolved(), chatAnswered(QString(), QString()).first(),
+                                      permissionRequest(allowed, QStringLiteral("toolu_real_1"))} +
+                              chatAnswered(QStringLiteral("real-claude-allow"), QStringLiteral("Wrote notes.txt.")).mid(1)));
+
+        // Denied once: the tool leaves the file alone and the model hears why.
+        QVERIFY(QFile::remove(notes));
+        const QString denied = createTask(chat(QStringLiteral("claude"), QStringLiteral("Write the notes again"),
+                                               QStringLiteral("real-claude-deny"), QStringLiteral("on_request")));
+        const auto second = waitForTask(denied, {QStringLiteral("permission.request")});
+        QVERIFY(second);
+        m_phone->send(QJsonObject{{QStringLiteral("type"), QStringLiteral("permission.decision")},
+                                  {QStringLiteral("requestId"), second->value(QStringLiteral("requestId"))},
+                                  {QStringLiteral("decision"), QStringLiteral("deny")},
+                                  {QStringLiteral("message"), QStringLiteral("not today")}});
+        QVERIFY(waitForTaskEnd(denied));
+        QVERIFY(!QFile::exists(notes));
+        QVERIFY(sameTrace(exactTrace(denied),
+                          QStringList{created(), chatResolved(), chatAnswered(QString(), QString()).first(),
+                                      permissionRequest(denied, QStringLiteral("toolu_real_2"))} +
+                              chatAnswered(QStringLiteral("real-claude-deny"),
+                                           QStringLiteral("I was not allowed to write notes.txt.")).mid(1)));
+        const QJsonObject toolResult = lastUserContent(m_anthropic->requests().last().json);
+        QCOMPARE(toolResult.value(QStringLiteral("tool_use_id")).toString(), QStringLiteral("toolu_real_2"));
+        QCOMPARE(toolResult.value(QStringLiteral("is_error")).toBool(), true);
+        QVERIFY2(QJsonDocument(toolResult).toJson().contains("not today"), QJsonDocument(toolResult).toJson().constData());
+    }
+};
+
+QTEST_GUILESS_MAIN(TstRealTools)
+#include "tst_real_tools.moc"

@@ -1,0 +1,254 @@
+#include "support/fake_model_server.h"
+
+#include <QJsonDocument>
+#include <QTcpServer>
+#include <QTcpSocket>
+
+namespace brinmoor::test {
+
+namespace {
+
+QByteArray statusText(int status)
+{
+    switch (status) {
+    case 200:
+        return "OK";
+    case 400:
+        return "Bad Request";
+    case 404:
+        return "Not Found";
+    default:
+        return "Error";
+    }
+}
+
+QByteArray compact(const QJsonObject& object)
+{
+    return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
+FakeModelServer::Reply eventStream(const QList<QJsonObject>& events)
+{
+    return {200, "text/event-stream", FakeModelServer::sse(events)};
+}
+
+QJsonObject messageStart()
+{
+    return {{"type", "message_start"},
+            {"message", QJsonObject{{"id", "msg_fake"},
+                                    {"type", "message"},
+                                    {"role", "assistant"},
+                                    {"model", "claude-fake"},
+                                    {"content", QJsonArray()},
+                                    {"stop_reason", QJsonValue::Null},
+                                    {"stop_sequence", QJsonValue::Null},
+                                    {"usage", QJsonObject{{"input_tokens", 10}, {"output_tokens", 1}}}}}};
+}
+
+QJsonObject messageEnd(const QString& stopReason)
+{
+    return {{"type", "message_delta"},
+            {"delta", QJsonObject{{"stop_reason", stopReason}, {"stop_sequence", QJsonValue::Null}}},
+            {"usage", QJsonObject{{"output_tokens", 5}}}};
+}
+
+QJsonObject responseCompleted()
+{
+    return {{"type", "response.completed"},
+            {"response", QJsonObject{{"id", "resp_fake"},
+                                     {"usage", QJsonObject{{"input_tokens", 10},
+                                                           {"input_tokens_details", QJsonValue::Null},
+                                                           {"output_tokens", 5},
+                                                           {"output_tokens_details", QJsonValue::Null},
+                                                           {"total_tokens", 15}}}}}};
+}
+
+QJsonObject responseItem(const QJsonObject& item)
+{
+    return {{"type", "response.output_item.done"}, {"output_index", 0}, {"item", item}};
+}
+
+} // namespace
+
+FakeModelServer::FakeModelServer() : m_server(new QTcpServer(this))
+{
+    connect(m_server, &QTcpServer::newConnection, this, &FakeModelServer::onConnection);
+}
+
+FakeModelServer::~FakeModelServer() = default;
+
+quint16 FakeModelServer::listen()
+{
+    m_server->listen(QHostAddress::LocalHost);
+    return m_server->serverPort();
+}
+
+QString FakeModelServer::baseURL() const
+{
+    return QStringLiteral("http://127.0.0.1:") + QString::number(m_server->serverPort());
+}
+
+void FakeModelServer::onConnection()
+{
+    while (QTcpSocket* socket = m_server->nextPendingConnection()) {
+        connect(socket, &QTcpSocket::readyRead, this, [this, socket] { onReadable(socket); });
+        connect(socket, &QTcpSocket::disconnected, this, [this, socket] {
+            m_buffers.remove(socket);
+            socket->deleteLater();
+        });
+    }
+}
+
+void FakeModelServer::onReadable(QTcpSocket* socket)
+{
+    QByteArray& buffer = m_buffers[socket];
+    buffer += socket->readAll();
+    // Requests on a kept-alive connection are answered in turn.
+    while (true) {
+        const qsizetype headEnd = buffer.indexOf("\r\n\r\n");
+        if (headEnd < 0)
+            return;
+        const QList<QByteArray> lines = buffer.left(headEnd).split('\n');
+        const QList<QByteArray> requestLine = lines.value(0).trimmed().split(' ');
+        qsizetype length = 0;
+        bool chunked = false;
+        for (const QByteArray& line : lines.mid(1)) {
+            const qsizetype colon = line.indexOf(':');
+            const QByteArray name = line.left(colon).trimmed().toLower();
+            const QByteArray value = line.mid(colon + 1).trimmed();
+            if (name == "content-length")
+                length = value.toLongLong();
+            else if (name == "transfer-encoding" && value.toLower().contains("chunked"))
+                chunked = true;
+        }
+        QByteArray body;
+        qsizetype consumed = headEnd + 4;
+        if (chunked) {
+            while (true) {
+                const qsizetype sizeEnd = buffer.indexOf("\r\n", consumed);
+                if (sizeEnd < 0)
+                    return;
+                const qsizetype size = buffer.mid(consumed, sizeEnd - consumed).trimmed().toLongLong(nullptr, 16);
+                if (buffer.size() < sizeEnd + 2 + size + 2)
+                    return;
+                body += buffer.mid(sizeEnd + 2, size);
+                consumed = sizeEnd + 2 + size + 2;
+                if (size == 0)
+                    break;
+            }
+        } else {
+            if (buffer.size() < consumed + length)
+                return;
+            body = buffer.mid(consumed, length);
+            consumed += length;
+        }
+        buffer.remove(0, consumed);
+
+        Request request{QString::fromUtf8(requestLine.value(0)), QString::fromUtf8(requestLine.value(1)), body,
+                        QJsonDocument::fromJson(body).object()};
+        m_requests.append(request);
+        Reply reply = respond ? respond(request) : Reply{404, "application/json", "{}"};
+        QByteArray response = "HTTP/1.1 " + QByteArray::number(reply.status) + ' ' + statusText(reply.status) +
+                              "\r\nContent-Type: " + reply.contentType +
+                              "\r\nContent-Length: " + QByteArray::number(reply.body.size()) +
+                              "\r\nConnection: keep-alive\r\n\r\n" + reply.body;
+        socket->write(response);
+    }
+}
+
+QByteArray FakeModelServer::sse(const QList<QJsonObject>& events)
+{
+    QByteArray stream;
+    for (const QJsonObject& event : events)
+        stream += "event: " + event.value(QStringLiteral("type")).toString().toUtf8() + "\ndata: " + compact(event) + "\n\n";
+    return stream;
+}
+
+FakeModelServer::Reply FakeModelServer::messagesText(const QString& text)
+{
+    return eventStream({messageStart(),
+                        {{"type", "content_block_start"}, {"index", 0}, {"content_block", QJsonObject{{"type", "text"}, {"text", ""}}}},
+                        {{"type", "content_block_delta"}, {"index", 0}, {"delta", QJsonObject{{"type", "text_delta"}, {"text", text}}}},
+                        {{"type", "content_block_stop"}, {"index", 0}},
+                        messageEnd(QStringLiteral("end_turn")),
+                        {{"type", "message_stop"}}});
+}
+
+FakeModelServer::Reply FakeModelServer::messagesToolUse(const QString& id, const QString& name, const QJsonObject& input)
+{
+    return eventStream(
+        {messageStart(),
+         {{"type", "content_block_start"},
+          {"index", 0},
+          {"content_block", QJsonObject{{"type", "tool_use"}, {"id", id}, {"name", name}, {"input", QJsonObject()}}}},
+         {{"type", "content_block_delta"},
+          {"index", 0},
+          {"delta", QJsonObject{{"type", "input_json_delta"}, {"partial_json", QString::fromUtf8(compact(input))}}}},
+         {{"type", "content_block_stop"}, {"index", 0}},
+         messageEnd(QStringLiteral("tool_use")),
+         {{"type", "message_stop"}}});
+}
+
+FakeModelServer::Reply FakeModelServer::messagesError(int status, const QString& message)
+{
+    return {status, "application/json",
+            compact({{"type", "error"}, {"error", QJsonObject{{"type", "invalid_request_error"}, {"message", message}}}})};
+}
+
+FakeModelServer::Reply FakeModelServer::responsesMessage(const QString& text)
+{
+    return eventStream({{{"type", "response.created"}, {"response", QJsonObject{{"id", "resp_fake"}}}},
+                        responseItem({{"type", "message"},
+                                      {"role", "assistant"},
+                                      {"id", "msg_fake"},
+                                      {"content", QJsonArray{QJsonObject{{"type", "output_text"}, {"text", text}}}}}),
+                        responseCompleted()});
+}
+
+FakeModelServer::Reply FakeModelServer::responsesFunctionCall(const QString& callId, const QString& name,
+                                                              const QJsonObject& arguments)
+{
+    return eventStream({{{"type", "response.created"}, {"response", QJsonObject{{"id", "resp_fake"}}}},
+                        responseItem({{"type", "function_call"},
+                                      {"id", "fc_fake"},
+                                      {"call_id", callId},
+                                      {"name", name},
+                                      {"arguments", QString::fromUtf8(compact(arguments))}}),
+                        responseCompleted()});
+}
+
+FakeModelServer::Reply FakeModelServer::responsesFailed(const QString& message)
+{
+    return eventStream({{{"type", "response.created"}, {"response", QJsonObject{{"id", "resp_fake"}}}},
+                        {{"type", "response.failed"},
+                         {"response", QJsonObject{{"id", "resp_fake"},
+                                                  {"error", QJsonObject{{"code", "invalid_prompt"}, {"message", message}}}}}}});
+}
+
+QJsonObject lastUserContent(const QJsonObject& messagesRequest)
+{
+    const QJsonArray messages = messagesRequest.value(QStringLiteral("messages")).toArray();
+    for (qsizetype i = messages.size() - 1; i >= 0; --i) {
+        const QJsonObject message = messages.at(i).toObject();
+        if (message.value(QStringLiteral("role")).toString() != QLatin1String("user"))
+            continue;
+        const QJsonValue content = message.value(QStringLiteral("content"));
+        if (content.isString())
+            return {{"type", "text"}, {"text", content.toString()}};
+        const QJsonArray parts = content.toArray();
+        return parts.isEmpty() ? QJsonObject() : parts.last().toObject();
+    }
+    return {};
+}
+
+QJsonArray inputItems(const QJsonObject& responsesRequest, const QString& type)
+{
+    QJsonArray items;
+    for (const QJsonValue& item : responsesRequest.value(QStringLiteral("input")).toArray()) {
+        if (item.toObject().value(QStringLiteral("type")).toString() == type)
+            items.append(item);
+    }
+    return items;
+}
+
+} // namespace brinmoor::test

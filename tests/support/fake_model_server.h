@@ -1,0 +1,73 @@
+#pragma once
+
+#include <QByteArray>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QList>
+#include <QObject>
+#include <QString>
+
+#include <functional>
+
+class QTcpServer;
+class QTcpSocket;
+
+namespace brinmoor::test {
+
+// A model server on loopback for the real `claude` and `codex`: HTTP/1.1 with
+// keep-alive, every request recorded, each answered by a function of the test. The
+// helpers build the streamed answers of the Anthropic Messages API and the Responses
+// API as server-sent events.
+class FakeModelServer : public QObject {
+    Q_OBJECT
+
+public:
+    struct Request {
+        QString method;
+        QString path; // with its query
+        QByteArray body;
+        QJsonObject json; // the body, when it is a JSON object
+    };
+    struct Reply {
+        int status = 200;
+        QByteArray contentType;
+        QByteArray body;
+    };
+
+    FakeModelServer();
+    ~FakeModelServer() override;
+
+    quint16 listen();
+    QString baseURL() const;
+
+    std::function<Reply(const Request&)> respond;
+    const QList<Request>& requests() const { return m_requests; }
+
+    // Anthropic Messages API.
+    static Reply messagesText(const QString& text);
+    static Reply messagesToolUse(const QString& id, const QString& name, const QJsonObject& input);
+    static Reply messagesError(int status, const QString& message);
+    // Responses API.
+    static Reply responsesMessage(const QString& text);
+    static Reply responsesFunctionCall(const QString& callId, const QString& name, const QJsonObject& arguments);
+    static Reply responsesFailed(const QString& message);
+
+    static QByteArray sse(const QList<QJsonObject>& events);
+
+private:
+    void onConnection();
+    void onReadable(QTcpSocket* socket);
+
+    QTcpServer* m_server;
+    QList<Request> m_requests;
+    QHash<QTcpSocket*, QByteArray> m_buffers;
+};
+
+// The text of the last user turn of a Messages request: its "tool_result" when it
+// answers a tool call, else its text.
+QJsonObject lastUserContent(const QJsonObject& messagesRequest);
+
+// The items of a Responses request's "input" of one type ("function_call_output", …).
+QJsonArray inputItems(const QJsonObject& responsesRequest, const QString& type);
+
+} // namespace brinmoor::test
