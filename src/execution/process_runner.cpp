@@ -316,14 +316,19 @@ void ProcessRunner::onExited(int status)
 void ProcessRunner::executeShellCapture(const QString& shell, const QString& workingDir,
                                         bool requiresTTY, bool registerAsCurrentProcess,
                                         std::function<void(ShellExecutionResult)> done,
-                                        std::function<void(const QString&)> onOutput)
+                                        std::function<void(const QString&)> onOutput,
+                                        std::function<void(const QString&)> onStart)
 {
     if (m_runtime.testShellCaptureHook) {
+        if (onStart)
+            onStart(shell);
         m_runtime.testShellCaptureHook(shell, workingDir, std::move(done));
         return;
     }
-    const auto launch = [this, workingDir, requiresTTY, registerAsCurrentProcess, done,
-                         onOutput](const QString& fitted) {
+    const auto launch = [this, workingDir, requiresTTY, registerAsCurrentProcess, done, onOutput,
+                         onStart](const QString& fitted) {
+        if (onStart)
+            onStart(fitted);
         auto* child = new ChildProcess(nullptr, this);
         if (registerAsCurrentProcess)
             m_child = child;

@@ -62,11 +62,13 @@ public:
     // Runs a shell text to completion with standard output and error merged, and
     // hands the result to `done`. With `registerAsCurrentProcess` the child is the
     // task's process while it runs, so a cancellation stops it. `onOutput`, when set,
-    // sees each decoded piece of output as it is read.
+    // sees each decoded piece of output as it is read; `onStart` sees the command as it
+    // runs (fitted to the installed tool) right before it starts.
     void executeShellCapture(const QString& shell, const QString& workingDir, bool requiresTTY,
                              bool registerAsCurrentProcess,
                              std::function<void(ShellExecutionResult)> done,
-                             std::function<void(const QString&)> onOutput = {});
+                             std::function<void(const QString&)> onOutput = {},
+                             std::function<void(const QString&)> onStart = {});
 
     // Sends one decoded piece of output: a "task.log" per line (empty lines too), then
     // for chats one "task.chat.chunk" with the sanitized text.

@@ -114,7 +114,6 @@ void CodexApplyTask::onWorkspaceReady(const QString& copy, const QString& error)
 
 void CodexApplyTask::runProposalCommand()
 {
-    log(QStringLiteral("proposal.command shell=") + m_request.shell);
     // The narrative streams to the phone while the command runs: each new piece of
     // assistant text is cleaned and added, and the phone replaces its bubble.
     auto parser = std::make_shared<ChatJSONLineParser>(ChatJSONProvider::codex);
@@ -144,7 +143,12 @@ void CodexApplyTask::runProposalCommand()
             if (self)
                 self->onCommandFinished(result);
         },
-        [parser, handle](const QString& text) { handle(parser->process(text)); });
+        [parser, handle](const QString& text) { handle(parser->process(text)); },
+        // The command as it runs, fitted to the installed codex.
+        [self](const QString& shell) {
+            if (self)
+                self->log(QStringLiteral("proposal.command shell=") + shell);
+        });
 }
 
 void CodexApplyTask::onCommandFinished(const ShellExecutionResult& result)

@@ -3,6 +3,8 @@
 // model servers on loopback whose scripted replies stand in for the models. Skipped
 // ("skipped: tools not installed") when the tools cannot be installed.
 #include "execution/chat_execution.h"
+#include "execution/execution_resolution.h"
+#include "proposals/ai_task_resolution.h"
 #include "support/fake_model_server.h"
 #include "support/loopback_server.h"
 #include "support/process_fixtures.h"
@@ -25,6 +27,24 @@ using namespace brinmoor::test;
 namespace {
 
 constexpr int kTaskTimeoutMs = 90000;
+
+// The processes whose environment holds the entry ("HOME=/tmp/…"): what the agent and
+// the tools it ran left behind.
+QStringList processesWithEnvironment(const QByteArray& entry)
+{
+    QStringList found;
+    for (const QString& pid : QDir(QStringLiteral("/proc")).entryList({QStringLiteral("[0-9]*")}, QDir::Dirs)) {
+        QFile environ(QStringLiteral("/proc/") + pid + QStringLiteral("/environ"));
+        if (!environ.open(QIODevice::ReadOnly))
+            continue;
+        if (environ.readAll().split('\0').contains(entry)) {
+            QFile command(QStringLiteral("/proc/") + pid + QStringLiteral("/cmdline"));
+            command.open(QIODevice::ReadOnly);
+            found.append(pid + QLatin1Char(' ') + QString::fromUtf8(command.readAll().replace('\0', ' ')));
+        }
+    }
+    return found;
+}
 
 QString typeOf(const QJsonObject& message)
 {
@@ -198,6 +218,11 @@ class TstRealTools : public QObject {
                 json({{"agentId", "cli-agent"}, {"exitCode", 0}, {"taskId", "<task>"}, {"type", "task.finished"}})};
     }
 
+    static QString log(const QString& line)
+    {
+        return json({{"agentId", "cli-agent"}, {"line", line}, {"taskId", "<task>"}, {"type", "task.log"}});
+    }
+
     static QString created()
     {
         return json({{"agentId", "cli-agent"}, {"taskId", "<task>"}, {"type", "task.created"}});
@@ -233,6 +258,12 @@ private Q_SLOTS:
     {
         if (m_agent)
             QVERIFY(m_agent->stop());
+        // No tool, approval server or shell of the agent is left running.
+        if (m_home) {
+            const QByteArray home = "HOME=" + QFile::encodeName(m_home->path());
+            waitUntil([&] { return processesWithEnvironment(home).isEmpty(); }, 5000);
+            QCOMPARE(processesWithEnvironment(home), QStringList());
+        }
         m_phone.reset();
         m_agent.reset();
         m_relay.reset();
@@ -341,6 +372,167 @@ private Q_SLOTS:
         QCOMPARE(toolResult.value(QStringLiteral("tool_use_id")).toString(), QStringLiteral("toolu_real_2"));
         QCOMPARE(toolResult.value(QStringLiteral("is_error")).toBool(), true);
         QVERIFY2(QJsonDocument(toolResult).toJson().contains("not today"), QJsonDocument(toolResult).toJson().constData());
+    }
+
+    void codexChatResumesItsThread()
+    {
+        QVERIFY(startAll());
+        m_openai->respond = [](const FakeModelServer::Request& request) {
+            if (request.path != QLatin1String("/v1/responses"))
+                return FakeModelServer::Reply{404, "application/json", "{}"};
+            const bool second = conversationText(request).contains(QLatin1String("Say it again"));
+            return FakeModelServer::responsesMessage(second ? QStringLiteral("Still here, says codex.")
+                                                            : QStringLiteral("Hello from the fake codex model."));
+        };
+        const QString conversation = QStringLiteral("real-codex-chat");
+        // Without approval: the command this codex no longer takes is fitted to it.
+        const QString first = createTask(chat(QStringLiteral("codex"), QStringLiteral("Say hello"), conversation, QStringLiteral("none")));
+        QVERIFY(waitForTaskEnd(first));
+        // codex tells on standard error that it read its (empty) standard input.
+        QStringList answered = chatAnswered(conversation, QStringLiteral("Hello from the fake codex model."));
+        answered.insert(1, log(QStringLiteral("Reading additional input from stdin...")));
+        answered.insert(2, log(QString()));
+        QVERIFY(sameTrace(exactTrace(first), QStringList{created(), chatResolved()} + answered));
+        // With approval: the thread is resumed with the approval server configured.
+        const QString second = createTask(chat(QStringLiteral("codex"), QStringLiteral("Say it again"), conversation, QStringLiteral("on_request")));
+        QVERIFY(waitForTaskEnd(second));
+        // (A resumed thread does not read standard input.)
+        answered = chatAnswered(conversation, QStringLiteral("Still here, says codex."));
+        QVERIFY(sameTrace(exactTrace(second), QStringList{created(), chatResolved()} + answered));
+
+        const QStringList log = m_agent->logTexts();
+        QCOMPARE(log.filter(QRegularExpression(QStringLiteral("^toolCompatibility codex exec at .*/codex\\.js does not accept "
+                                                               "--full-auto; using --sandbox workspace-write$")))
+                     .size(),
+                 1);
+        QCOMPARE(log.filter(QStringLiteral("toolCompatibility")).size(), 1);
+        const QStringList resumed = log.filter(QStringLiteral("shell=codex exec resume --json --skip-git-repo-check '"));
+        QCOMPARE(resumed.size(), 1);
+        // The prompt spans lines: the approval settings come at the end of the command.
+        QVERIFY(log.join(QLatin1Char('\n')).contains(QStringLiteral("' -c 'mcp_servers.approver.command=\"") + binDir() +
+                                                       QStringLiteral("/MCPApprovalServer\"' -c 'mcp_servers.approver.args=[]'")));
+        const QList<FakeModelServer::Request>& requests = m_openai->requests();
+        QVERIFY(!requests.isEmpty());
+        QVERIFY(conversationText(requests.last()).contains(QLatin1String("Hello from the fake codex model.")));
+    }
+
+    void whatTheToolsSayWhenTheyFailReachesThePhone()
+    {
+        QVERIFY(startAll());
+        const QString refusal = QStringLiteral("The fake model refuses this prompt.");
+        m_anthropic->respond = [refusal](const FakeModelServer::Request&) {
+            return FakeModelServer::messagesError(400, refusal);
+        };
+        m_openai->respond = [refusal](const FakeModelServer::Request&) { return FakeModelServer::responsesFailed(refusal); };
+
+        const QString claude = createTask(chat(QStringLiteral("claude"), QStringLiteral("Hi"), QStringLiteral("real-fail"), QStringLiteral("none")));
+        QVERIFY(waitForTaskEnd(claude));
+        const QString codex = createTask(chat(QStringLiteral("codex"), QStringLiteral("Hi"), QStringLiteral("real-fail"), QStringLiteral("none")));
+        QVERIFY(waitForTaskEnd(codex));
+        const auto failed = [](const QString& conversation) {
+            return QStringList{
+                json({{"agentId", "cli-agent"}, {"conversationId", conversation}, {"message", "command exited with status 1"},
+                      {"taskId", "<task>"}, {"type", "task.chat.error"}}),
+                json({{"agentId", "cli-agent"}, {"error", "command exited with status 1"}, {"errorCode", "COMMAND_EXIT_NONZERO"},
+                      {"exitCode", 1}, {"taskId", "<task>"}, {"type", "task.failed"}})};
+        };
+        const QString started = json({{"agentId", "cli-agent"}, {"taskId", "<task>"}, {"type", "task.started"}});
+        // claude puts the error in its answer and in a failed result.
+        QVERIFY(sameTrace(exactTrace(claude),
+                          QStringList{created(), chatResolved(), started,
+                                      json({{"agentId", "cli-agent"}, {"chunk", QString(QStringLiteral("API Error: 400 ") + refusal)},
+                                            {"conversationId", "real-fail"}, {"taskId", "<task>"}, {"type", "task.chat.chunk"}}),
+                                      log(QString(QStringLiteral("[claude.error] API Error: 400 ") + refusal))} +
+                              failed(QStringLiteral("real-fail"))));
+        // codex reports the failed response as an error and a failed turn.
+        QVERIFY(sameTrace(exactTrace(codex),
+                          QStringList{created(), chatResolved(), started,
+                                      log(QStringLiteral("Reading additional input from stdin...")), log(QString()),
+                                      log(QStringLiteral("[codex.error] ") + refusal),
+                                      log(QStringLiteral("[codex.turn.failed] ") + refusal)} +
+                              failed(QStringLiteral("real-fail"))));
+    }
+
+    void codexProposesAChangeThatIsAppliedOnceApproved()
+    {
+        QVERIFY(startAll());
+        writeFile(project() + QStringLiteral("/notes.txt"), "teh notes\n");
+        // The model fixes the file with a command, then explains.
+        m_openai->respond = [](const FakeModelServer::Request& request) {
+            if (request.path != QLatin1String("/v1/responses"))
+                return FakeModelServer::Reply{404, "application/json", "{}"};
+            if (inputItems(request.json, QStringLiteral("function_call_output")).isEmpty())
+                return FakeModelServer::responsesFunctionCall(
+                    QStringLiteral("call_fix"), QStringLiteral("exec_command"),
+                    {{"cmd", "printf 'the notes\\n' > notes.txt"}, {"login", false}});
+            return FakeModelServer::responsesMessage(
+                QStringLiteral("notes.txt misspelled \"the\" in its only line, so I fixed that word there."));
+        };
+        const QString taskId = createTask({{QStringLiteral("action"), QStringLiteral("ai_task")},
+                                           {QStringLiteral("system"), QStringLiteral("codex")},
+                                           {QStringLiteral("mode"), QStringLiteral("apply")},
+                                           {QStringLiteral("approvalMode"), QStringLiteral("on_request")},
+                                           {QStringLiteral("projectPath"), QStringLiteral("App")},
+                                           {QStringLiteral("prompt"), QStringLiteral("Fix the typo in notes.txt")}});
+        const auto awaiting = waitForTask(taskId, {QStringLiteral("task.awaiting_approval"), QStringLiteral("task.failed")});
+        QVERIFY(awaiting);
+        QVERIFY2(typeOf(*awaiting) == QLatin1String("task.awaiting_approval"), qPrintable(exactTrace(taskId).join(QLatin1Char('\n'))));
+        QCOMPARE(readFile(project() + QStringLiteral("/notes.txt")), QByteArray("teh notes\n"));
+        m_phone->send(QJsonObject{{QStringLiteral("type"), QStringLiteral("task.approval")},
+                                  {QStringLiteral("agentId"), QStringLiteral("cli-agent")},
+                                  {QStringLiteral("taskId"), taskId},
+                                  {QStringLiteral("payload"), QJsonObject{{QStringLiteral("decision"), QStringLiteral("approve")}}}});
+        QVERIFY(waitForTaskEnd(taskId));
+        QCOMPARE(readFile(project() + QStringLiteral("/notes.txt")), QByteArray("the notes\n"));
+        const QString explanation = QStringLiteral("notes.txt misspelled \"the\" in its only line, so I fixed that word there.");
+        const QString prompt = AITaskResolution::systemExecutionModeText +
+                               ChatExecution::workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("Fix the typo in notes.txt"));
+        const QJsonObject commentary{{"agentId", "cli-agent"}, {"replace", true}, {"taskId", "<task>"},
+                                     {"text", explanation}, {"type", "task.commentary"}};
+        const QStringList expected{
+            created(),
+            log(QStringLiteral("workspace.resolve action=ai_task requestedProjectPath=App resolvedWorkingDir=<repo>/App "
+                               "system=codex mode=apply approvalMode=on_request strategy=proposalApproval(requiresApproval: true)")),
+            json({{"agentId", "cli-agent"}, {"taskId", "<task>"}, {"type", "task.started"}}),
+            json({{"agentId", "cli-agent"}, {"message", "Preparing proposed changes"}, {"percent", 5}, {"phase", "prepare"},
+                  {"taskId", "<task>"}, {"type", "task.progress"}}),
+            log(QStringLiteral("proposal.workspace original=<repo>/App proposal=<tmp>/brinmoor-proposals/<copy>")),
+            // The command as it ran: this codex takes the sandbox option instead of --full-auto.
+            log(QStringLiteral("proposal.command shell=codex exec --sandbox workspace-write --json --skip-git-repo-check "
+                               "--color never ") + ExecutionResolution::shellQuote(prompt)),
+            log(QStringLiteral("[command] /bin/bash -c \"printf 'the notes\\\\n' > notes.txt\"")),
+            json(commentary),
+            log(QStringLiteral("proposal.command exitCode=0 outputBytes=1018")),
+            log(QStringLiteral("proposal.diff bytes=130")),
+            log(QStringLiteral("proposal.ready files=1 requiresApproval=true")),
+            json(commentary),
+            json({{"agentId", "cli-agent"}, {"kind", "proposal"}, {"mimeType", "text/x-diff"}, {"summary", explanation},
+                  {"taskId", "<task>"}, {"type", "task.artifact"}}),
+            json({{"agentId", "cli-agent"},
+                  {"proposalCommentary", explanation},
+                  {"proposalDiff", "diff --git a/notes.txt b/notes.txt\nindex b97116f..f09bce4 100644\n--- a/notes.txt\n"
+                                   "+++ b/notes.txt\n@@ -1 +1 @@\n-teh notes\n+the notes"},
+                  {"proposalFiles", QJsonArray{"notes.txt"}},
+                  {"proposalId", "<proposal>"},
+                  {"proposalSummary", explanation},
+                  {"taskId", "<task>"},
+                  {"type", "task.awaiting_approval"}}),
+            log(QStringLiteral("proposal.approval approved")),
+            json({{"agentId", "cli-agent"}, {"message", "Applying approved changes"}, {"percent", 75}, {"phase", "apply"},
+                  {"taskId", "<task>"}, {"type", "task.progress"}}),
+            json({{"agentId", "cli-agent"}, {"kind", "result"}, {"mimeType", "text/plain"},
+                  {"summary", QString(QStringLiteral("Applied the approved changes to 1 file.\n\n") + explanation)},
+                  {"taskId", "<task>"}, {"type", "task.artifact"}}),
+            json({{"agentId", "cli-agent"}, {"exitCode", 0}, {"taskId", "<task>"}, {"type", "task.finished"}}),
+        };
+        QVERIFY(sameTrace(exactTrace(taskId), expected));
+        // The model heard the command's result before it explained.
+        const QJsonArray outputs = inputItems(m_openai->requests().last().json, QStringLiteral("function_call_output"));
+        QCOMPARE(outputs.size(), 1);
+        QCOMPARE(outputs.first().toObject().value(QStringLiteral("call_id")).toString(), QStringLiteral("call_fix"));
+        // The workspace copy is gone.
+        QCOMPARE(QDir(m_tmp->path() + QStringLiteral("/brinmoor-proposals")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
+                 QStringList());
     }
 };
 
