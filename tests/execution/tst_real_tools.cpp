@@ -329,7 +329,7 @@ private Q_SLOTS:
                                                     {{"file_path", notes}, {"content", "written by claude\n"}});
         };
         const QJsonObject toolInput{{"file_path", "<repo>/App/notes.txt"}, {"content", "written by claude\n"}};
-        auto permissionRequest = [&](const QString& taskId, const QString& toolUseId) {
+        auto permissionRequest = [&](const QString& toolUseId) {
             return json({{"agentId", "cli-agent"}, {"requestId", "<request>"}, {"taskId", "<task>"}, {"toolInput", toolInput},
                          {"toolName", "Write"}, {"toolUseId", toolUseId}, {"type", "permission.request"}});
         };
@@ -348,7 +348,7 @@ private Q_SLOTS:
         QCOMPARE(readFile(notes), QByteArray("written by claude\n"));
         QVERIFY(sameTrace(exactTrace(allowed),
                           QStringList{created(), chatResolved(), chatAnswered(QString(), QString()).first(),
-                                      permissionRequest(allowed, QStringLiteral("toolu_real_1"))} +
+                                      permissionRequest(QStringLiteral("toolu_real_1"))} +
                               chatAnswered(QStringLiteral("real-claude-allow"), QStringLiteral("Wrote notes.txt.")).mid(1)));
 
         // Denied once: the tool leaves the file alone and the model hears why.
@@ -365,7 +365,7 @@ private Q_SLOTS:
         QVERIFY(!QFile::exists(notes));
         QVERIFY(sameTrace(exactTrace(denied),
                           QStringList{created(), chatResolved(), chatAnswered(QString(), QString()).first(),
-                                      permissionRequest(denied, QStringLiteral("toolu_real_2"))} +
+                                      permissionRequest(QStringLiteral("toolu_real_2"))} +
                               chatAnswered(QStringLiteral("real-claude-deny"),
                                            QStringLiteral("I was not allowed to write notes.txt.")).mid(1)));
         const QJsonObject toolResult = lastUserContent(m_anthropic->requests().last().json);

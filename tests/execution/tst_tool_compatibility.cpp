@@ -1,6 +1,7 @@
 // Fitting command lines to the installed `claude` and `codex`: the option check against
 // help texts the real releases printed (tests/execution/data), and the agent asking a
 // fake tool for its help before running it.
+#include "config/agent_profile.h"
 #include "execution/chat_execution.h"
 #include "execution/tool_compatibility.h"
 #include "proposals/ai_task_resolution.h"
@@ -160,7 +161,7 @@ private Q_SLOTS:
         QCOMPARE(chat.notes, QStringList{QStringLiteral(
                                  "toolCompatibility codex exec at /opt/codex does not accept --full-auto; using --sandbox workspace-write")});
         const ToolAdaptation plan = adaptCommand(
-            QStringLiteral("codex exec --full-auto --skip-git-repo-check --color never --json ") + kPrompt, codex169());
+            QString::fromLatin1(ProfileDefaults::aiPlanTemplate).replace(QStringLiteral("{{prompt}}"), kPrompt), codex169());
         QCOMPARE(plan.shell, QStringLiteral("codex exec --sandbox workspace-write --skip-git-repo-check --color never --json ") + kPrompt);
         QCOMPARE(plan.notes.size(), 1);
     }
@@ -171,6 +172,13 @@ private Q_SLOTS:
         QTest::addColumn<bool>("isClaude");
         const QString overrides = ChatExecution::codexMCPConfigOverrides(
             QStringLiteral("t-1"), QStringLiteral("/Apps/MCPApprovalServer"), ConnectionSettings{});
+        const auto filled = [](const char* profileTemplate) {
+            return QString::fromLatin1(profileTemplate)
+                .replace(QStringLiteral("{{mcpConfigPath}}"), QStringLiteral("'/tmp/brinmoor-mcp-t-1.json'"))
+                .replace(QStringLiteral("{{prompt}}"), kPrompt);
+        };
+        QTest::newRow("profile codex chat") << filled(ProfileDefaults::codexChatTemplate) << false;
+        QTest::newRow("profile claude chat") << filled(ProfileDefaults::claudeChatTemplate) << true;
         QTest::newRow("on-request") << QStringLiteral("codex -a on-request exec --json --skip-git-repo-check --color never ") + kPrompt << false;
         QTest::newRow("mcp approval") << QStringLiteral("codex exec --json --skip-git-repo-check --color never ") + kPrompt + overrides << false;
         QTest::newRow("resume") << QStringLiteral("codex exec resume --json --skip-git-repo-check 'th-1' ") + kPrompt + overrides << false;
