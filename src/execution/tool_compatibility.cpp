@@ -69,9 +69,13 @@ bool runToEnd(const QString& program, const QStringList& arguments, const QStrin
         return false;
     }
     *output = QString::fromUtf8(process.readAll());
-    if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
+    if (process.exitStatus() != QProcess::NormalExit) {
+        *error = QStringLiteral("`") + described + QStringLiteral("` was ended by a signal");
+        return false;
+    }
+    if (process.exitCode() != 0) {
         *error = QStringLiteral("`") + described + QStringLiteral("` exited with status ") +
-                 QString::number(process.exitStatus() == QProcess::NormalExit ? process.exitCode() : 128 + 9);
+                 QString::number(process.exitCode());
         return false;
     }
     return true;

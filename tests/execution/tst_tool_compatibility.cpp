@@ -288,6 +288,15 @@ private Q_SLOTS:
                  (QStringList{QStringLiteral("exec"), QStringLiteral("--full-auto")}));
         QVERIFY(log.contains(QStringLiteral("toolCompatibility could not read the options of codex: `codex --help` "
                                             "exited with status 3; the command runs as it is")));
+
+        // A help ended by a signal says so.
+        installCodexWhoseHelp(QStringLiteral("broken"), fake.path(), "kill -9 $$");
+        f.assign(QStringLiteral("b2"), plan(QStringLiteral("App")));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("b2")));
+        QVERIFY(log.contains(QStringLiteral("toolCompatibility could not read the options of codex: `codex --help` "
+                                            "was ended by a signal; the command runs as it is")));
+        QCOMPARE(fakeToolArguments(fake.path(), QStringLiteral("codex"), 2).mid(0, 2),
+                 (QStringList{QStringLiteral("exec"), QStringLiteral("--full-auto")}));
     }
 
     void aTaskCancelledWhileTheToolIsAskedNeverStarts()
