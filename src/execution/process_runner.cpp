@@ -143,15 +143,14 @@ void ProcessRunner::launchWhenToolReady(const QString& shell, const QString& wor
     });
 }
 
-bool ProcessRunner::abandonPendingLaunch()
+void ProcessRunner::abandonPendingLaunch()
 {
     if (!m_abandonLaunch)
-        return false;
+        return;
     const std::function<void()> abandon = std::move(m_abandonLaunch);
     m_abandonLaunch = nullptr;
     ++m_launchSerial;
     abandon();
-    return true;
 }
 
 void ProcessRunner::launchTask(const QString& shell)

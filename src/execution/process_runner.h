@@ -92,8 +92,8 @@ private:
     // launch is pending: a stop abandons it through `abandon`.
     void launchWhenToolReady(const QString& shell, const QString& workingDir,
                              std::function<void(const QString&)> launch, std::function<void()> abandon);
-    // Drops a pending launch and runs its `abandon`; false when none was pending.
-    bool abandonPendingLaunch();
+    // Drops a pending launch, if any, and runs its `abandon`.
+    void abandonPendingLaunch();
     void launchTask(const QString& shell);
 
     void onStandardOutput(const QString& text);

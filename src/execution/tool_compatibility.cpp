@@ -147,16 +147,24 @@ qsizetype programWordIndex(const QList<ShellWord>& words)
     return -1;
 }
 
-std::optional<QString> toolOf(const QString& shell)
+QString programWord(const QString& shell)
 {
     const QList<ShellWord> words = commandWords(shell);
     const qsizetype index = programWordIndex(words);
-    if (index < 0)
-        return std::nullopt;
-    const QString name = QFileInfo(words[index].text).fileName();
+    return index < 0 ? QString() : words[index].text;
+}
+
+std::optional<QString> toolNamed(const QString& programWord)
+{
+    const QString name = QFileInfo(programWord).fileName();
     if (name == QLatin1String("claude") || name == QLatin1String("codex"))
         return name;
     return std::nullopt;
+}
+
+std::optional<QString> toolOf(const QString& shell)
+{
+    return toolNamed(programWord(shell));
 }
 
 QStringList helpScopes(const QString& tool)
@@ -192,15 +200,15 @@ ToolAdaptation adaptCommand(const QString& shell, const ToolHelp& help)
         const ShellWord& word = words[i];
         if (!word.plain)
             continue;
-        // A subcommand word moves the check to that subcommand's options.
-        const QString deeper = scope.isEmpty() ? word.text : scope + QLatin1Char(' ') + word.text;
-        if (!word.text.startsWith(QLatin1Char('-')) && scopes.contains(deeper)) {
-            scope = deeper;
+        const bool isOption = word.text.startsWith(QLatin1Char('-')) && word.text != QLatin1String("-") &&
+                              word.text != QLatin1String("--");
+        if (!isOption) {
+            // A subcommand word moves the check to that subcommand's options.
+            const QString deeper = scope.isEmpty() ? word.text : scope + QLatin1Char(' ') + word.text;
+            if (scopes.contains(deeper))
+                scope = deeper;
             continue;
         }
-        if (!word.text.startsWith(QLatin1Char('-')) || word.text == QLatin1String("-") ||
-            word.text == QLatin1String("--"))
-            continue;
         const QString option = word.text.section(QLatin1Char('='), 0, 0);
         const auto text = help.textByScope.constFind(scope);
         if (text == help.textByScope.cend() || mentions(*text, option))
@@ -268,13 +276,12 @@ ToolCompatibility::ToolCompatibility(QObject* parent) : QObject(parent), m_cache
 void ToolCompatibility::prepare(const QString& shell, const QString& workingDir, QObject* context,
                                 std::function<void(const QString&)> ready)
 {
-    const std::optional<QString> tool = ToolOptions::toolOf(shell);
+    const QString programWord = ToolOptions::programWord(shell);
+    const std::optional<QString> tool = ToolOptions::toolNamed(programWord);
     if (!tool) {
         ready(shell);
         return;
     }
-    const QList<ToolOptions::ShellWord> words = ToolOptions::commandWords(shell);
-    const QString programWord = words[ToolOptions::programWordIndex(words)].text;
     struct Answer {
         std::optional<ToolHelp> help;
         QString error;

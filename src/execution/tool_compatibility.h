@@ -47,8 +47,14 @@ QList<ShellWord> commandWords(const QString& shell);
 // or -1.
 qsizetype programWordIndex(const QList<ShellWord>& words);
 
-// "claude" or "codex" when the command runs one of them (by name or by a path ending
-// in that name); absent otherwise.
+// The text of the word that names the program of a shell text; empty when none does.
+QString programWord(const QString& shell);
+
+// "claude" or "codex" when the program word names one of them (by name or by a path
+// ending in that name); absent otherwise.
+std::optional<QString> toolNamed(const QString& programWord);
+
+// The tool a command runs, as `toolNamed` of its program word.
 std::optional<QString> toolOf(const QString& shell);
 
 // The subcommands whose help a tool is asked for: codex {"", "exec", "exec resume"},

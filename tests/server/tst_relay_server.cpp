@@ -57,12 +57,6 @@ struct HeldRequest {
     }
 };
 
-// One message of a given type and request id; for the permission messages.
-bool isPermission(const QJsonObject& message, const char* type, const QString& requestId)
-{
-    return typeOf(message) == QLatin1String(type) && message.value(QStringLiteral("requestId")) == requestId;
-}
-
 } // namespace
 
 class TstRelayServer : public QObject {

@@ -1,5 +1,7 @@
 #include "support/fake_model_server.h"
 
+#include "http_request.h"
+
 #include <QJsonDocument>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -7,20 +9,6 @@
 namespace brinmoor::test {
 
 namespace {
-
-QByteArray statusText(int status)
-{
-    switch (status) {
-    case 200:
-        return "OK";
-    case 400:
-        return "Bad Request";
-    case 404:
-        return "Not Found";
-    default:
-        return "Error";
-    }
-}
 
 QByteArray compact(const QJsonObject& object)
 {
@@ -105,24 +93,13 @@ void FakeModelServer::onReadable(QTcpSocket* socket)
     buffer += socket->readAll();
     // Requests on a kept-alive connection are answered in turn.
     while (true) {
-        const qsizetype headEnd = buffer.indexOf("\r\n\r\n");
-        if (headEnd < 0)
+        relay::HttpRequest head;
+        if (relay::parseRequestHead(buffer, 64 * 1024, head) != relay::HeadStatus::Complete)
             return;
-        const QList<QByteArray> lines = buffer.left(headEnd).split('\n');
-        const QList<QByteArray> requestLine = lines.value(0).trimmed().split(' ');
-        qsizetype length = 0;
-        bool chunked = false;
-        for (const QByteArray& line : lines.mid(1)) {
-            const qsizetype colon = line.indexOf(':');
-            const QByteArray name = line.left(colon).trimmed().toLower();
-            const QByteArray value = line.mid(colon + 1).trimmed();
-            if (name == "content-length")
-                length = value.toLongLong();
-            else if (name == "transfer-encoding" && value.toLower().contains("chunked"))
-                chunked = true;
-        }
+        const qsizetype length = head.header("content-length").toLongLong();
+        const bool chunked = head.headerHasToken("transfer-encoding", "chunked");
         QByteArray body;
-        qsizetype consumed = headEnd + 4;
+        qsizetype consumed = head.headSize;
         if (chunked) {
             while (true) {
                 const qsizetype sizeEnd = buffer.indexOf("\r\n", consumed);
@@ -144,11 +121,12 @@ void FakeModelServer::onReadable(QTcpSocket* socket)
         }
         buffer.remove(0, consumed);
 
-        Request request{QString::fromUtf8(requestLine.value(0)), QString::fromUtf8(requestLine.value(1)), body,
+        const QByteArray target = head.query.isEmpty() ? head.path : head.path + '?' + head.query;
+        Request request{QString::fromUtf8(head.method), QString::fromUtf8(target), body,
                         QJsonDocument::fromJson(body).object()};
         m_requests.append(request);
         Reply reply = respond ? respond(request) : Reply{404, "application/json", "{}"};
-        QByteArray response = "HTTP/1.1 " + QByteArray::number(reply.status) + ' ' + statusText(reply.status) +
+        QByteArray response = "HTTP/1.1 " + QByteArray::number(reply.status) + ' ' + relay::statusReason(reply.status).toByteArray() +
                               "\r\nContent-Type: " + reply.contentType +
                               "\r\nContent-Length: " + QByteArray::number(reply.body.size()) +
                               "\r\nConnection: keep-alive\r\n\r\n" + reply.body;
