@@ -412,12 +412,9 @@ void RelayServer::createTask(RelayConnection& client, const QJsonObject& message
                    QStringLiteral("task.create needs an object \"payload\""), requestId);
         return;
     }
-    const auto agent = m_agents.find(agentId);
-    if (agent == m_agents.end()) {
-        replyError(client, QStringLiteral("AGENT_OFFLINE"),
-                   QStringLiteral("agent is not connected: ") + agentId, requestId);
+    Agent* agent = connectedAgent(client, agentId, requestId);
+    if (!agent)
         return;
-    }
     const QString taskId = QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
     m_taskAgents.insert(taskId, agentId);
     if (agent->currentTaskId.isEmpty())
@@ -444,13 +441,8 @@ void RelayServer::forwardToAgent(RelayConnection& client, const QString& type, c
         replyError(client, QStringLiteral("BAD_REQUEST"), problem, requestId);
         return;
     }
-    const auto agent = m_agents.constFind(agentId);
-    if (agent == m_agents.constEnd()) {
-        replyError(client, QStringLiteral("AGENT_OFFLINE"),
-                   QStringLiteral("agent is not connected: ") + agentId, requestId);
-        return;
-    }
-    agent->connection->sendText(RelayMessages::agentCommand(type, taskId, payload));
+    if (const Agent* agent = connectedAgent(client, agentId, requestId))
+        agent->connection->sendText(RelayMessages::agentCommand(type, taskId, payload));
 }
 
 void RelayServer::decidePermission(RelayConnection& client, const QJsonObject& message)
@@ -510,6 +502,15 @@ void RelayServer::connectionClosed(RelayConnection& connection)
                  QString::fromUtf8(connection.closeReason()));
         break;
     }
+}
+
+RelayServer::Agent* RelayServer::connectedAgent(RelayConnection& client, const QString& agentId, const QJsonValue& requestId)
+{
+    const auto agent = m_agents.find(agentId);
+    if (agent != m_agents.end())
+        return &*agent;
+    replyError(client, QStringLiteral("AGENT_OFFLINE"), QStringLiteral("agent is not connected: ") + agentId, requestId);
+    return nullptr;
 }
 
 void RelayServer::replyError(RelayConnection& client, const QString& code, const QString& message,

@@ -64,6 +64,8 @@ private:
     void createTask(RelayConnection& client, const QJsonObject& message);
     void forwardToAgent(RelayConnection& client, const QString& type, const QJsonObject& message);
     void decidePermission(RelayConnection& client, const QJsonObject& message);
+    // The connected agent of that id, or none after answering the client "AGENT_OFFLINE".
+    Agent* connectedAgent(RelayConnection& client, const QString& agentId, const QJsonValue& requestId);
     void replyError(RelayConnection& client, const QString& code, const QString& message,
                     const QJsonValue& requestId);
 
