@@ -51,7 +51,8 @@ ApprovalSettings settingsFromEnvironment()
 
 QByteArray denyDecision(const QString& message)
 {
-    return json(QJsonObject{{QStringLiteral("behavior"), QStringLiteral("deny")}, {QStringLiteral("message"), message}});
+    return json(
+        QJsonObject{{QStringLiteral("behavior"), QStringLiteral("deny")}, {QStringLiteral("message"), message}});
 }
 
 ApprovalClient::ApprovalClient(ApprovalSettings settings, QObject* parent)
@@ -66,8 +67,8 @@ ApprovalClient::~ApprovalClient()
     cancelAll();
 }
 
-void ApprovalClient::request(qint64 key, const QString& toolName, const QJsonValue& toolInput,
-                             const QString& toolUseId, Answer answer)
+void ApprovalClient::request(qint64 key, const QString& toolName, const QJsonValue& toolInput, const QString& toolUseId,
+                             Answer answer)
 {
     QString missing;
     if (m_settings.serverURL.isEmpty())
@@ -126,15 +127,16 @@ void ApprovalClient::finished(qint64 key)
     const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     const QByteArray body = reply->readAll();
     if (timedOut) {
-        answer(denyDecision(QStringLiteral("no answer from the approval server within %1 seconds")
-                                .arg(m_settings.waitMs / 1000)));
+        answer(denyDecision(
+            QStringLiteral("no answer from the approval server within %1 seconds").arg(m_settings.waitMs / 1000)));
     } else if (status == 0) {
         answer(denyDecision(QStringLiteral("approval server unreachable: ") + reply->errorString()));
     } else if (status != 200) {
         QString reason = QJsonDocument::fromJson(body).object().value(QStringLiteral("error")).toString();
         if (reason.isEmpty())
             reason = QString::fromUtf8(body.left(200)).trimmed();
-        answer(denyDecision(QStringLiteral("approval server refused the request (HTTP %1): %2").arg(status).arg(reason)));
+        answer(
+            denyDecision(QStringLiteral("approval server refused the request (HTTP %1): %2").arg(status).arg(reason)));
     } else if (const std::optional<QByteArray> decision = validDecision(body)) {
         answer(*decision);
     } else {

@@ -20,8 +20,8 @@ QString idKey(const QJsonValue& id)
 
 QJsonObject toolDescription()
 {
-    const QJsonObject anyValue{{QStringLiteral("description"),
-                                QStringLiteral("The arguments the tool would be called with.")}};
+    const QJsonObject anyValue{
+        {QStringLiteral("description"), QStringLiteral("The arguments the tool would be called with.")}};
     QJsonObject properties{
         {QStringLiteral("tool_name"),
          QJsonObject{{QStringLiteral("type"), QStringLiteral("string")},
@@ -35,8 +35,9 @@ QJsonObject toolDescription()
     return QJsonObject{
         {QStringLiteral("name"), QStringLiteral("request_permission")},
         {QStringLiteral("description"),
-         QStringLiteral("Asks the user, on their phone, whether a tool may run. Answers with JSON: "
-                        "{\"behavior\":\"allow\",\"updatedInput\":{...}} or {\"behavior\":\"deny\",\"message\":\"...\"}.")},
+         QStringLiteral(
+             "Asks the user, on their phone, whether a tool may run. Answers with JSON: "
+             "{\"behavior\":\"allow\",\"updatedInput\":{...}} or {\"behavior\":\"deny\",\"message\":\"...\"}.")},
         {QStringLiteral("inputSchema"),
          QJsonObject{{QStringLiteral("type"), QStringLiteral("object")},
                      {QStringLiteral("properties"), properties},
@@ -46,9 +47,9 @@ QJsonObject toolDescription()
 
 QJsonObject textResult(const QByteArray& text)
 {
-    return QJsonObject{{QStringLiteral("content"),
-                        QJsonArray{QJsonObject{{QStringLiteral("type"), QStringLiteral("text")},
-                                               {QStringLiteral("text"), QString::fromUtf8(text)}}}}};
+    return QJsonObject{
+        {QStringLiteral("content"), QJsonArray{QJsonObject{{QStringLiteral("type"), QStringLiteral("text")},
+                                                           {QStringLiteral("text"), QString::fromUtf8(text)}}}}};
 }
 
 } // namespace
@@ -88,7 +89,8 @@ void MCPApprovalServer::handleLine(const QByteArray& line)
     if (!method.isString()) {
         // A response to something we never ask, or garbage with an id.
         if (!message.contains(QStringLiteral("result")) && !message.contains(QStringLiteral("error")))
-            fail(id.isUndefined() ? QJsonValue(QJsonValue::Null) : id, kInvalidRequest, QStringLiteral("Invalid Request"));
+            fail(id.isUndefined() ? QJsonValue(QJsonValue::Null) : id, kInvalidRequest,
+                 QStringLiteral("Invalid Request"));
         return;
     }
     const QJsonObject params = message.value(QStringLiteral("params")).toObject();
@@ -116,8 +118,9 @@ void MCPApprovalServer::handleRequest(const QJsonValue& id, const QString& metho
                         {QStringLiteral("protocolVersion"), version},
                         {QStringLiteral("capabilities"),
                          QJsonObject{{QStringLiteral("tools"), QJsonObject{{QStringLiteral("listChanged"), false}}}}},
-                        {QStringLiteral("serverInfo"), QJsonObject{{QStringLiteral("name"), QStringLiteral("MCPApprovalServer")},
-                                                                   {QStringLiteral("version"), QStringLiteral(BRINMOOR_VERSION)}}},
+                        {QStringLiteral("serverInfo"),
+                         QJsonObject{{QStringLiteral("name"), QStringLiteral("MCPApprovalServer")},
+                                     {QStringLiteral("version"), QStringLiteral(BRINMOOR_VERSION)}}},
                     });
     } else if (method == QLatin1String("ping")) {
         respond(id, QJsonObject());

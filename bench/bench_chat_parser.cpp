@@ -21,7 +21,6 @@ using brinmoor::bench::peakRssMB;
 
 namespace {
 
-
 QString jsonLine(const QJsonObject& object)
 {
     return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)) + QLatin1Char('\n');
@@ -128,28 +127,38 @@ QString recordedRun(ChatJSONProvider provider)
 {
     QString run;
     if (provider == ChatJSONProvider::claude) {
-        run += jsonLine({{QStringLiteral("type"), QStringLiteral("system")}, {QStringLiteral("subtype"), QStringLiteral("init")},
+        run += jsonLine({{QStringLiteral("type"), QStringLiteral("system")},
+                         {QStringLiteral("subtype"), QStringLiteral("init")},
                          {QStringLiteral("session_id"), QStringLiteral("5f1c2a9e-0000-4000-8000-000000000000")}});
         QString text;
         for (int i = 0; i < 20; ++i) {
             text += QStringLiteral("Sentence %1 of the answer, with some words in it. ").arg(i);
             run += claudeAssistant(text);
         }
-        run += jsonLine({{QStringLiteral("type"), QStringLiteral("result")}, {QStringLiteral("subtype"), QStringLiteral("success")},
-                         {QStringLiteral("is_error"), false}, {QStringLiteral("result"), text}});
+        run += jsonLine({{QStringLiteral("type"), QStringLiteral("result")},
+                         {QStringLiteral("subtype"), QStringLiteral("success")},
+                         {QStringLiteral("is_error"), false},
+                         {QStringLiteral("result"), text}});
     } else {
-        run += jsonLine({{QStringLiteral("type"), QStringLiteral("thread.started")}, {QStringLiteral("thread_id"), QStringLiteral("0199a1b2")}});
+        run += jsonLine({{QStringLiteral("type"), QStringLiteral("thread.started")},
+                         {QStringLiteral("thread_id"), QStringLiteral("0199a1b2")}});
         run += jsonLine({{QStringLiteral("type"), QStringLiteral("turn.started")}});
         for (int i = 0; i < 40; ++i) {
-            run += jsonLine({{QStringLiteral("type"), QStringLiteral("item.started")},
-                             {QStringLiteral("item"), QJsonObject{{QStringLiteral("type"), QStringLiteral("command_execution")},
-                                                                   {QStringLiteral("command"), QStringLiteral("bash -lc 'ls src/%1'").arg(i)}}}});
+            run +=
+                jsonLine({{QStringLiteral("type"), QStringLiteral("item.started")},
+                          {QStringLiteral("item"),
+                           QJsonObject{{QStringLiteral("type"), QStringLiteral("command_execution")},
+                                       {QStringLiteral("command"), QStringLiteral("bash -lc 'ls src/%1'").arg(i)}}}});
             run += jsonLine({{QStringLiteral("type"), QStringLiteral("item.completed")},
-                             {QStringLiteral("item"), QJsonObject{{QStringLiteral("type"), QStringLiteral("command_execution")},
-                                                                   {QStringLiteral("aggregated_output"), QStringLiteral("a.c\nb.c\nc.h\n")}}}});
-            run += jsonLine({{QStringLiteral("type"), QStringLiteral("item.completed")},
-                             {QStringLiteral("item"), QJsonObject{{QStringLiteral("type"), QStringLiteral("agent_message")},
-                                                                   {QStringLiteral("text"), QStringLiteral("Looked at part %1 of the tree and found what it needs.").arg(i)}}}});
+                             {QStringLiteral("item"),
+                              QJsonObject{{QStringLiteral("type"), QStringLiteral("command_execution")},
+                                          {QStringLiteral("aggregated_output"), QStringLiteral("a.c\nb.c\nc.h\n")}}}});
+            run += jsonLine(
+                {{QStringLiteral("type"), QStringLiteral("item.completed")},
+                 {QStringLiteral("item"),
+                  QJsonObject{{QStringLiteral("type"), QStringLiteral("agent_message")},
+                              {QStringLiteral("text"),
+                               QStringLiteral("Looked at part %1 of the tree and found what it needs.").arg(i)}}}});
         }
         run += jsonLine({{QStringLiteral("type"), QStringLiteral("turn.completed")}});
     }
@@ -172,7 +181,8 @@ int main(int argc, char** argv)
     std::printf("chat stream parser, 4 KiB chunks\n");
     double totalMB = 0;
     double totalSeconds = 0;
-    for (const auto& [provider, name] : {std::pair{ChatJSONProvider::claude, "claude"}, std::pair{ChatJSONProvider::codex, "codex"}}) {
+    for (const auto& [provider, name] :
+         {std::pair{ChatJSONProvider::claude, "claude"}, std::pair{ChatJSONProvider::codex, "codex"}}) {
         if (!only.isEmpty() && only != name)
             continue;
         // Runs of one recorded stream each, a fresh parser per run, as the agent has

@@ -46,9 +46,11 @@ public:
 
     void handshake(const QByteArray& path, const QByteArray& token)
     {
-        socket->write("GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+        socket->write("GET " + path +
+                      " HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
                       "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n"
-                      "Authorization: Bearer " + token + "\r\n\r\n");
+                      "Authorization: Bearer " +
+                      token + "\r\n\r\n");
     }
     void skipHandshake() { m_upgraded = true; }
     bool upgraded() const { return m_upgraded; }

@@ -134,10 +134,12 @@ int main(int argc, char** argv)
     env.insert(QStringLiteral("ZDOTDIR"), home.path());
     agent.setProcessEnvironment(env);
     agent.setStandardOutputFile(QProcess::nullDevice());
-    agent.start(QCoreApplication::applicationDirPath() + QStringLiteral("/BrinmoorMacAgent"), {QStringLiteral("--agent-only")});
+    agent.start(QCoreApplication::applicationDirPath() + QStringLiteral("/BrinmoorMacAgent"),
+                {QStringLiteral("--agent-only")});
     if (!waitFor([&] { return registered; }, 15000))
         return 1;
-    server.send(terminal("terminal.open", {{QStringLiteral("projectPath"), home.path()}, {QStringLiteral("mode"), QStringLiteral("interactive")}}));
+    server.send(terminal("terminal.open", {{QStringLiteral("projectPath"), home.path()},
+                                           {QStringLiteral("mode"), QStringLiteral("interactive")}}));
     if (!waitFor([&] { return opened; }, 10000))
         return 1;
     // Let the login shell settle at its prompt.
@@ -159,8 +161,9 @@ int main(int argc, char** argv)
     if (!waitFor([&] { return sawEnd; }, 300000))
         return 1;
     const double catSeconds = double(clock.nsecsElapsed()) / 1e9;
-    std::printf("  cat of %lld MB            %.2f s: %.1f MB/s (%lld output messages)\n", static_cast<long long>(megabytes),
-                catSeconds, double(megabytes) / catSeconds, static_cast<long long>(outputFrames));
+    std::printf("  cat of %lld MB            %.2f s: %.1f MB/s (%lld output messages)\n",
+                static_cast<long long>(megabytes), catSeconds, double(megabytes) / catSeconds,
+                static_cast<long long>(outputFrames));
 
     // 2. Echo round trip of single keystrokes.
     std::vector<double> samples;

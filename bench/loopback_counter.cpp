@@ -128,7 +128,8 @@ bool LoopbackCounter::handshake()
     }
     const QByteArray accept = relay::ws::acceptKey(key);
     m_socket->write("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                    "Sec-WebSocket-Accept: " + accept + "\r\n\r\n");
+                    "Sec-WebSocket-Accept: " +
+                    accept + "\r\n\r\n");
     m_upgraded = true;
     return true;
 }
@@ -147,8 +148,7 @@ void LoopbackCounter::handleFrame(int opcode, const char* payload, qsizetype siz
         return;
     // Keys are written in sorted order, so the type is at the end of a log frame.
     const qsizetype markerSize = qsizetype(sizeof kLogMarker) - 1;
-    if (size > markerSize + 1 &&
-        std::memcmp(payload + size - 1 - markerSize, kLogMarker, size_t(markerSize)) == 0) {
+    if (size > markerSize + 1 && std::memcmp(payload + size - 1 - markerSize, kLogMarker, size_t(markerSize)) == 0) {
         ++m_logLines;
         m_logTextBytes += size - kLogOverhead;
         return;

@@ -17,8 +17,7 @@ bool constantTimeEquals(QByteArrayView presented, QByteArrayView secret);
 // wrong ones. Times are milliseconds on a monotonic clock, given by the caller.
 class AuthGuard {
 public:
-    explicit AuthGuard(QByteArray token, int maxFailures = 10, qint64 windowMs = 60'000,
-                       qint64 blockMs = 60'000);
+    explicit AuthGuard(QByteArray token, int maxFailures = 10, qint64 windowMs = 60'000, qint64 blockMs = 60'000);
 
     bool tokenMatches(QByteArrayView presented) const;
     bool isBlocked(const QString& address, qint64 nowMs);

@@ -10,8 +10,8 @@ namespace brinmoor::relay {
 // The head of one HTTP/1.1 request: what the relay needs to route it.
 struct HttpRequest {
     QByteArray method;
-    QByteArray path;  // the target without its query
-    QByteArray query; // after "?", still percent-encoded
+    QByteArray path;                              // the target without its query
+    QByteArray query;                             // after "?", still percent-encoded
     QList<QPair<QByteArray, QByteArray>> headers; // names lower-cased, values trimmed
     qsizetype headSize = 0;                       // bytes up to and including the blank line
 
@@ -31,8 +31,7 @@ enum class HeadStatus { Incomplete, Complete, Malformed, TooLarge };
 HeadStatus parseRequestHead(QByteArrayView buffer, qsizetype maxHeadSize, HttpRequest& request);
 
 // A complete response that ends the exchange ("Connection: close").
-QByteArray httpResponse(int status, QByteArrayView contentType, QByteArrayView body,
-                        QByteArrayView extraHeaders = {});
+QByteArray httpResponse(int status, QByteArrayView contentType, QByteArrayView body, QByteArrayView extraHeaders = {});
 QByteArray jsonResponse(int status, QByteArrayView json, QByteArrayView extraHeaders = {});
 QByteArrayView statusReason(int status);
 

@@ -21,8 +21,7 @@ QString PermissionRequests::add(PermissionRequest request, RelayConnection* wait
     auto timer = std::make_unique<QTimer>();
     timer->setSingleShot(true);
     connect(timer.get(), &QTimer::timeout, this, [this, requestId] {
-        resolve(requestId,
-                RelayMessages::deny(QStringLiteral("no decision within %1 seconds").arg(m_timeoutMs / 1000)),
+        resolve(requestId, RelayMessages::deny(QStringLiteral("no decision within %1 seconds").arg(m_timeoutMs / 1000)),
                 QStringLiteral("deny"), QStringLiteral("timeout"));
     });
     timer->start(m_timeoutMs);

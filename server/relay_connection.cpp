@@ -80,16 +80,10 @@ void RelayConnection::readRequest()
 {
     HttpRequest request;
     switch (parseRequestHead(m_buffer, m_limits.maxHeadSize, request)) {
-    case HeadStatus::Incomplete:
-        return;
-    case HeadStatus::TooLarge:
-        respond(jsonResponse(431, "{\"error\":\"request head too large\"}"));
-        return;
-    case HeadStatus::Malformed:
-        respond(jsonResponse(400, "{\"error\":\"malformed request\"}"));
-        return;
-    case HeadStatus::Complete:
-        break;
+    case HeadStatus::Incomplete: return;
+    case HeadStatus::TooLarge: respond(jsonResponse(431, "{\"error\":\"request head too large\"}")); return;
+    case HeadStatus::Malformed: respond(jsonResponse(400, "{\"error\":\"malformed request\"}")); return;
+    case HeadStatus::Complete: break;
     }
     qsizetype bodySize = 0;
     if (request.hasHeader("transfer-encoding")) {
@@ -147,12 +141,8 @@ void RelayConnection::readFrames()
         }
         switch (message.opcode) {
         case ws::Text:
-        case ws::Binary:
-            m_handler.messageReceived(*this, message.payload);
-            break;
-        case ws::Ping:
-            sendFrame(ws::frame(ws::Pong, message.payload));
-            break;
+        case ws::Binary: m_handler.messageReceived(*this, message.payload); break;
+        case ws::Ping: sendFrame(ws::frame(ws::Pong, message.payload)); break;
         case ws::Close: {
             // Answer with the peer's own code, then let the socket go.
             const quint16 code = message.payload.size() >= 2
@@ -161,8 +151,7 @@ void RelayConnection::readFrames()
             close(code, {});
             break;
         }
-        default:
-            break;
+        default: break;
         }
     }
     if (m_offset > 0) {
@@ -193,7 +182,7 @@ void RelayConnection::sendFrame(const QByteArray& frame)
         m_queue.clear();
         m_queued = 0;
         close(ws::PolicyViolation, QByteArray("too slow: more than " + QByteArray::number(m_limits.maxBacklog) +
-                                                  " bytes waiting to be sent"));
+                                              " bytes waiting to be sent"));
     }
 }
 

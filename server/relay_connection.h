@@ -28,8 +28,7 @@ class ConnectionHandler {
 public:
     virtual ~ConnectionHandler() = default;
     // A complete HTTP request (head and body); the handler answers, upgrades or holds it.
-    virtual void requestReceived(RelayConnection& connection, const HttpRequest& request,
-                                 const QByteArray& body) = 0;
+    virtual void requestReceived(RelayConnection& connection, const HttpRequest& request, const QByteArray& body) = 0;
     // One text or binary message on an upgraded connection.
     virtual void messageReceived(RelayConnection& connection, QByteArrayView payload) = 0;
     // Called once when the connection is closing or gone; nothing is called after it.

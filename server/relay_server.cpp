@@ -26,9 +26,9 @@ constexpr QByteArrayView kStreamingTypes[] = {
 const QStringList& agentCommandTypes()
 {
     static const QStringList types{
-        QStringLiteral("task.cancel"),     QStringLiteral("task.approval"),     QStringLiteral("terminal.open"),
-        QStringLiteral("terminal.attach"), QStringLiteral("terminal.input"),    QStringLiteral("terminal.complete"),
-        QStringLiteral("terminal.resize"), QStringLiteral("terminal.signal"),   QStringLiteral("terminal.close"),
+        QStringLiteral("task.cancel"),     QStringLiteral("task.approval"),   QStringLiteral("terminal.open"),
+        QStringLiteral("terminal.attach"), QStringLiteral("terminal.input"),  QStringLiteral("terminal.complete"),
+        QStringLiteral("terminal.resize"), QStringLiteral("terminal.signal"), QStringLiteral("terminal.close"),
     };
     return types;
 }
@@ -185,7 +185,8 @@ bool RelayServer::authorize(RelayConnection& connection, const HttpRequest& requ
     if (granted)
         return true;
     const QString address = connection.address();
-    diag(QStringLiteral("auth.refused address=") + address + QStringLiteral(" path=") + QString::fromUtf8(request.path));
+    diag(QStringLiteral("auth.refused address=") + address + QStringLiteral(" path=") +
+         QString::fromUtf8(request.path));
     if (m_auth.recordFailure(address, m_clock.elapsed())) {
         diag(QStringLiteral("auth.blocked address=") + address + QStringLiteral(" seconds=") +
              QString::number(m_auth.blockMs() / 1000));
@@ -375,15 +376,15 @@ void RelayServer::clientMessage(RelayConnection& client, QByteArrayView payload)
 {
     const QJsonDocument document = QJsonDocument::fromJson(payload.toByteArray());
     if (!document.isObject()) {
-        replyError(client, QStringLiteral("BAD_REQUEST"),
-                   QStringLiteral("messages must be JSON objects"), QJsonValue());
+        replyError(client, QStringLiteral("BAD_REQUEST"), QStringLiteral("messages must be JSON objects"),
+                   QJsonValue());
         return;
     }
     const QJsonObject message = document.object();
     const QString type = message.value(QStringLiteral("type")).toString();
     if (type.isEmpty()) {
-        replyError(client, QStringLiteral("BAD_REQUEST"),
-                   QStringLiteral("a message needs a string \"type\""), message.value(QStringLiteral("requestId")));
+        replyError(client, QStringLiteral("BAD_REQUEST"), QStringLiteral("a message needs a string \"type\""),
+                   message.value(QStringLiteral("requestId")));
         return;
     }
     if (type == QLatin1String("task.create"))
@@ -393,8 +394,8 @@ void RelayServer::clientMessage(RelayConnection& client, QByteArrayView payload)
     else if (type == QLatin1String("permission.decision"))
         decidePermission(client, message);
     else
-        replyError(client, QStringLiteral("UNKNOWN_TYPE"),
-                   QStringLiteral("unknown message type: ") + type, message.value(QStringLiteral("requestId")));
+        replyError(client, QStringLiteral("UNKNOWN_TYPE"), QStringLiteral("unknown message type: ") + type,
+                   message.value(QStringLiteral("requestId")));
 }
 
 void RelayServer::createTask(RelayConnection& client, const QJsonObject& message)
@@ -403,13 +404,13 @@ void RelayServer::createTask(RelayConnection& client, const QJsonObject& message
     const QString agentId = message.value(QStringLiteral("agentId")).toString();
     const QJsonValue payload = message.value(QStringLiteral("payload"));
     if (agentId.isEmpty()) {
-        replyError(client, QStringLiteral("BAD_REQUEST"),
-                   QStringLiteral("task.create needs a string \"agentId\""), requestId);
+        replyError(client, QStringLiteral("BAD_REQUEST"), QStringLiteral("task.create needs a string \"agentId\""),
+                   requestId);
         return;
     }
     if (!payload.isObject()) {
-        replyError(client, QStringLiteral("BAD_REQUEST"),
-                   QStringLiteral("task.create needs an object \"payload\""), requestId);
+        replyError(client, QStringLiteral("BAD_REQUEST"), QStringLiteral("task.create needs an object \"payload\""),
+                   requestId);
         return;
     }
     Agent* agent = connectedAgent(client, agentId, requestId);
@@ -455,7 +456,7 @@ void RelayServer::decidePermission(RelayConnection& client, const QJsonObject& m
         return;
     }
     if (decision != QLatin1String("allow") && decision != QLatin1String("deny")) {
-        replyError(client,  QStringLiteral("BAD_REQUEST"),
+        replyError(client, QStringLiteral("BAD_REQUEST"),
                    QStringLiteral("permission.decision needs \"decision\" \"allow\" or \"deny\""), requestId);
         return;
     }
@@ -472,9 +473,7 @@ void RelayServer::decidePermission(RelayConnection& client, const QJsonObject& m
 void RelayServer::connectionClosed(RelayConnection& connection)
 {
     switch (connection.role()) {
-    case RelayConnection::Role::Http:
-        m_permissions.withdraw(&connection);
-        break;
+    case RelayConnection::Role::Http: m_permissions.withdraw(&connection); break;
     case RelayConnection::Role::Agent: {
         const auto id = m_agentIds.find(&connection);
         if (id == m_agentIds.end())
@@ -504,12 +503,14 @@ void RelayServer::connectionClosed(RelayConnection& connection)
     }
 }
 
-RelayServer::Agent* RelayServer::connectedAgent(RelayConnection& client, const QString& agentId, const QJsonValue& requestId)
+RelayServer::Agent* RelayServer::connectedAgent(RelayConnection& client, const QString& agentId,
+                                                const QJsonValue& requestId)
 {
     const auto agent = m_agents.find(agentId);
     if (agent != m_agents.end())
         return &*agent;
-    replyError(client, QStringLiteral("AGENT_OFFLINE"), QStringLiteral("agent is not connected: ") + agentId, requestId);
+    replyError(client, QStringLiteral("AGENT_OFFLINE"), QStringLiteral("agent is not connected: ") + agentId,
+               requestId);
     return nullptr;
 }
 

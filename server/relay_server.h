@@ -44,7 +44,7 @@ private:
         std::optional<QJsonObject> registration; // the latest "agent.register" without its "type"
         RelayConnection* connection = nullptr;
         QString currentTaskId; // empty while idle
-        QByteArray prefix; // {"agentId":"…", the start of every message relayed from it
+        QByteArray prefix;     // {"agentId":"…", the start of every message relayed from it
     };
 
     void requestReceived(RelayConnection& connection, const HttpRequest& request, const QByteArray& body) override;
@@ -66,8 +66,7 @@ private:
     void decidePermission(RelayConnection& client, const QJsonObject& message);
     // The connected agent of that id, or none after answering the client "AGENT_OFFLINE".
     Agent* connectedAgent(RelayConnection& client, const QString& agentId, const QJsonValue& requestId);
-    void replyError(RelayConnection& client, const QString& code, const QString& message,
-                    const QJsonValue& requestId);
+    void replyError(RelayConnection& client, const QString& code, const QString& message, const QJsonValue& requestId);
 
     void broadcast(const QByteArray& frame);
     void broadcastText(const QByteArray& text);
@@ -81,7 +80,7 @@ private:
     QMap<QString, Agent> m_agents; // by agent id, so lists come out in a stable order
     QHash<RelayConnection*, QString> m_agentIds;
     std::vector<RelayConnection*> m_clients;
-    int m_broadcasting = 0; // while > 0, closed clients are only blanked in m_clients
+    int m_broadcasting = 0;               // while > 0, closed clients are only blanked in m_clients
     QHash<QString, QString> m_taskAgents; // task id to agent id, while the task lives
 };
 

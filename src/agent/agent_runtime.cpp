@@ -35,9 +35,8 @@ std::optional<QUrl> agentSocketURL(const QString& serverURL, const QString& agen
     QUrl url(serverURL.trimmed(), QUrl::StrictMode);
     if (!url.isValid() || url.host().isEmpty())
         return std::nullopt;
-    url.setScheme(url.scheme().compare(QLatin1String("https"), Qt::CaseInsensitive) == 0
-                      ? QStringLiteral("wss")
-                      : QStringLiteral("ws"));
+    url.setScheme(url.scheme().compare(QLatin1String("https"), Qt::CaseInsensitive) == 0 ? QStringLiteral("wss")
+                                                                                         : QStringLiteral("ws"));
     url.setPath(QStringLiteral("/v1/ws/agent"));
     QUrlQuery query;
     query.addQueryItem(QStringLiteral("agentId"), agentId);
@@ -46,8 +45,7 @@ std::optional<QUrl> agentSocketURL(const QString& serverURL, const QString& agen
     return url;
 }
 
-AgentRuntime::AgentRuntime(SettingsStore& defaults, Environment env, Machine machine,
-                           QObject* parent)
+AgentRuntime::AgentRuntime(SettingsStore& defaults, Environment env, Machine machine, QObject* parent)
     : QObject(parent), m_defaults(defaults), m_env(std::move(env)), m_machine(std::move(machine)),
       m_runner(std::make_unique<ProcessRunner>(*this))
 {
@@ -57,9 +55,8 @@ AgentRuntime::AgentRuntime(SettingsStore& defaults, Environment env, Machine mac
     connect(&m_reconnectTimer, &QTimer::timeout, this, &AgentRuntime::attemptConnect);
     m_connectTimeout.setSingleShot(true);
     m_connectTimeout.setInterval(kConnectTimeoutMilliseconds);
-    connect(&m_connectTimeout, &QTimer::timeout, this, [this] {
-        onSocketLost(QStringLiteral("the server did not answer within 60 seconds"));
-    });
+    connect(&m_connectTimeout, &QTimer::timeout, this,
+            [this] { onSocketLost(QStringLiteral("the server did not answer within 60 seconds")); });
     m_approvalTimeout.setSingleShot(true);
     connect(&m_approvalTimeout, &QTimer::timeout, this, [this] {
         // A time-out counts as a rejection.
@@ -165,8 +162,7 @@ void AgentRuntime::attemptConnect()
     connect(socket, &QWebSocket::disconnected, this, [this] { onSocketLost(socketErrorText()); });
     connect(socket, QOverload<QAbstractSocket::SocketError>::of(&QWebSocket::error), this,
             [this](QAbstractSocket::SocketError) { onSocketLost(socketErrorText()); });
-    connect(socket, &QWebSocket::textMessageReceived, this,
-            [this](const QString& text) { onFrame(text.toUtf8()); });
+    connect(socket, &QWebSocket::textMessageReceived, this, [this](const QString& text) { onFrame(text.toUtf8()); });
     connect(socket, &QWebSocket::binaryMessageReceived, this, &AgentRuntime::onFrame);
     connect(socket, &QWebSocket::bytesWritten, this, [this] {
         if (m_socket)
@@ -182,8 +178,7 @@ QString AgentRuntime::socketErrorText() const
         return QStringLiteral("connection closed");
     // A close handshake from the server is not a socket error: say what it sent.
     if (m_socket->error() == QAbstractSocket::UnknownSocketError) {
-        QString text = QStringLiteral("connection closed by the server (code %1)")
-                           .arg(int(m_socket->closeCode()));
+        QString text = QStringLiteral("connection closed by the server (code %1)").arg(int(m_socket->closeCode()));
         if (!m_socket->closeReason().isEmpty())
             text += QStringLiteral(": ") + m_socket->closeReason();
         return text;
@@ -198,8 +193,8 @@ void AgentRuntime::onConnected()
     m_flow.update(0);
     const ConnectionSettings settings = loadConnectionSettings();
     reportStatus(QStringLiteral("Connected as ") + settings.agentId);
-    diag(QStringLiteral("connected serverURL=") + m_socketURL.toString() +
-         QStringLiteral(" agentId=") + settings.agentId);
+    diag(QStringLiteral("connected serverURL=") + m_socketURL.toString() + QStringLiteral(" agentId=") +
+         settings.agentId);
     sendRegisterMessage();
     m_heartbeatTimer.start();
 }
@@ -268,8 +263,8 @@ void AgentRuntime::sendText(const QString& text)
 {
     const qint64 sent = m_socket->sendTextMessage(text);
     if (sent <= 0 && !text.isEmpty()) {
-        const QString error = m_socket->errorString().isEmpty() ? QStringLiteral("the frame was not sent")
-                                                                : m_socket->errorString();
+        const QString error =
+            m_socket->errorString().isEmpty() ? QStringLiteral("the frame was not sent") : m_socket->errorString();
         diag(QStringLiteral("sendJSON failed error=") + error + QStringLiteral(" payload=") + text);
         reportStatus(QStringLiteral("Send failed: ") + error);
         return;
@@ -281,8 +276,7 @@ void AgentRuntime::sendRegisterMessage()
 {
     const AgentProfile profile = loadProfile();
     diag(QStringLiteral("register profile=") + profile.profileId + QStringLiteral(" actions=") +
-         describeList(profile.actions) + QStringLiteral(" projects=") +
-         describeList(profile.projects));
+         describeList(profile.actions) + QStringLiteral(" projects=") + describeList(profile.projects));
     sendJSON(Messages::agentRegister(profile));
 }
 
@@ -291,8 +285,7 @@ void AgentRuntime::reloadConfiguration()
     QTimer::singleShot(0, this, &AgentRuntime::sendRegisterMessage);
 }
 
-void AgentRuntime::waitForApproval(const QString& taskId, qint64 timeoutSec,
-                                   std::function<void(bool)> done)
+void AgentRuntime::waitForApproval(const QString& taskId, qint64 timeoutSec, std::function<void(bool)> done)
 {
     if (testWaitForApprovalHook) {
         testWaitForApprovalHook(taskId, timeoutSec, std::move(done));
@@ -319,10 +312,11 @@ void AgentRuntime::resolvePendingApproval(bool approved)
 TerminalSessionManager& AgentRuntime::terminalSessionManager()
 {
     if (!m_terminalSessionManager) {
-        m_terminalSessionManager = new TerminalSessionManager(
-            [this] { return loadProfile(); }, [this](const QJsonObject& event) { sendJSON(event); },
-            [](const QString& line) { diag(line); }, &m_flow, this);
-        m_terminalSessionManager->sendSerialized = [this](const QString& json, const std::function<QJsonObject()>& asObject) {
+        m_terminalSessionManager = new TerminalSessionManager([this] { return loadProfile(); },
+                                                              [this](const QJsonObject& event) { sendJSON(event); },
+                                                              [](const QString& line) { diag(line); }, &m_flow, this);
+        m_terminalSessionManager->sendSerialized = [this](const QString& json,
+                                                          const std::function<QJsonObject()>& asObject) {
             sendSerialized(json, asObject);
         };
     }

@@ -42,8 +42,7 @@ public:
     static constexpr int kReconnectMilliseconds = 3000;
     static constexpr int kConnectTimeoutMilliseconds = 60000;
 
-    AgentRuntime(SettingsStore& defaults, Environment env, Machine machine,
-                 QObject* parent = nullptr);
+    AgentRuntime(SettingsStore& defaults, Environment env, Machine machine, QObject* parent = nullptr);
     ~AgentRuntime() override;
 
     // --- connection ---
@@ -102,8 +101,7 @@ public:
 
     // --- test hooks: when set, they replace the named operation ---
     std::function<void(const QJsonObject&)> testSendJSONHook;
-    std::function<void(const QString& shell, const QString& workingDir,
-                       std::function<void(ShellExecutionResult)> done)>
+    std::function<void(const QString& shell, const QString& workingDir, std::function<void(ShellExecutionResult)> done)>
         testShellCaptureHook;
     // Returns the copy's path, or throws AgentError.
     std::function<QString(const QString& projectPath, const QString& taskId)> testProposalWorkspaceHook;

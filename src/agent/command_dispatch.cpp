@@ -34,8 +34,7 @@ bool AgentRuntime::handleCommandData(const QByteArray& data, QString* error)
             stopRunningProcessIfAny(true);
     } else if (command.type == QLatin1String("task.approval")) {
         if (command.taskId && m_pendingApprovalTaskId && command.taskId == m_pendingApprovalTaskId)
-            resolvePendingApproval(command.stringMember(QStringLiteral("decision")) ==
-                                   QLatin1String("approve"));
+            resolvePendingApproval(command.stringMember(QStringLiteral("decision")) == QLatin1String("approve"));
     } else if (command.type.startsWith(QLatin1String("terminal."))) {
         handleTerminalCommand(command);
     }
@@ -82,26 +81,22 @@ void AgentRuntime::handleTaskAssign(const AgentCommand& command)
     if (!task)
         return;
     if (currentTaskId()) {
-        sendJSON(Messages::taskFailed(task->taskId, QStringLiteral("agent is busy"),
-                                      QStringLiteral("AGENT_BUSY"), 1));
+        sendJSON(Messages::taskFailed(task->taskId, QStringLiteral("agent is busy"), QStringLiteral("AGENT_BUSY"), 1));
         return;
     }
-    diag(QStringLiteral("task.assign taskId=") + task->taskId + QStringLiteral(" action=") +
-         task->action + QStringLiteral(" projectPath=") + task->projectPath +
-         QStringLiteral(" system=") + task->system.value_or(QString()) + QStringLiteral(" mode=") +
-         task->mode.value_or(QString()) + QStringLiteral(" approvalMode=") +
-         task->approvalMode.value_or(QString()) + QStringLiteral(" timeoutSec=") +
+    diag(QStringLiteral("task.assign taskId=") + task->taskId + QStringLiteral(" action=") + task->action +
+         QStringLiteral(" projectPath=") + task->projectPath + QStringLiteral(" system=") +
+         task->system.value_or(QString()) + QStringLiteral(" mode=") + task->mode.value_or(QString()) +
+         QStringLiteral(" approvalMode=") + task->approvalMode.value_or(QString()) + QStringLiteral(" timeoutSec=") +
          QString::number(task->timeoutSec));
     try {
         if (task->timeoutSec < 0)
-            throw runtimeError(13, QStringLiteral("timeoutSec must not be negative: ") +
-                                       QString::number(task->timeoutSec));
+            throw runtimeError(13,
+                               QStringLiteral("timeoutSec must not be negative: ") + QString::number(task->timeoutSec));
         routeTask(*task);
     } catch (const AgentError& error) {
-        diag(QStringLiteral("task.assign failed taskId=") + task->taskId +
-             QStringLiteral(" error=") + error.message);
-        sendJSON(Messages::taskFailed(task->taskId, error.message,
-                                      QStringLiteral("AGENT_CONFIG_INVALID"), 1));
+        diag(QStringLiteral("task.assign failed taskId=") + task->taskId + QStringLiteral(" error=") + error.message);
+        sendJSON(Messages::taskFailed(task->taskId, error.message, QStringLiteral("AGENT_CONFIG_INVALID"), 1));
     }
 }
 
@@ -120,25 +115,23 @@ void AgentRuntime::routeTask(const TaskAssignment& task)
             profile, connection, m_chatSessions, task.system, task.projectPath, task.prompt, task.taskId,
             task.conversationId, task.approvalMode, temporaryFolder());
         m_currentMCPConfigPath = resolved.mcpConfigPath;
-        sendJSON(Messages::taskLog(task.taskId,
-                                   QStringLiteral("workspace.resolve action=chat requestedProjectPath=") +
-                                       task.projectPath + QStringLiteral(" resolvedWorkingDir=") +
-                                       resolved.workingDir));
+        sendJSON(Messages::taskLog(task.taskId, QStringLiteral("workspace.resolve action=chat requestedProjectPath=") +
+                                                    task.projectPath + QStringLiteral(" resolvedWorkingDir=") +
+                                                    resolved.workingDir));
         // The command may carry the agent token (Codex's approval settings): never log it.
         QString loggedShell = resolved.shell;
         if (!connection.token.isEmpty())
             loggedShell.replace(connection.token, maskToken(connection.token));
-        diag(QStringLiteral("task.assign resolved chat workingDir=") + resolved.workingDir +
-             QStringLiteral(" shell=") + loggedShell);
+        diag(QStringLiteral("task.assign resolved chat workingDir=") + resolved.workingDir + QStringLiteral(" shell=") +
+             loggedShell);
         request.shell = resolved.shell;
         request.workingDir = resolved.workingDir;
         request.chatConversationID = task.conversationId;
         request.emitChatEvents = true;
         request.projectPath = task.projectPath;
-        request.chatJSONProvider =
-            ExecutionResolution::normalizeAISystem(task.system) == QLatin1String("claude")
-                ? ChatJSONProvider::claude
-                : ChatJSONProvider::codex;
+        request.chatJSONProvider = ExecutionResolution::normalizeAISystem(task.system) == QLatin1String("claude")
+                                       ? ChatJSONProvider::claude
+                                       : ChatJSONProvider::codex;
         m_runner->runTask(request);
         return;
     }
@@ -164,10 +157,9 @@ void AgentRuntime::routeTask(const TaskAssignment& task)
     if (task.action == QLatin1String("shell")) {
         const ResolvedExecution resolved =
             ExecutionResolution::resolveShellExecution(profile, task.command, task.projectPath);
-        sendJSON(Messages::taskLog(task.taskId,
-                                   QStringLiteral("workspace.resolve action=shell requestedProjectPath=") +
-                                       task.projectPath + QStringLiteral(" resolvedWorkingDir=") +
-                                       resolved.workingDir));
+        sendJSON(Messages::taskLog(task.taskId, QStringLiteral("workspace.resolve action=shell requestedProjectPath=") +
+                                                    task.projectPath + QStringLiteral(" resolvedWorkingDir=") +
+                                                    resolved.workingDir));
         diag(QStringLiteral("task.assign resolved shell workingDir=") + resolved.workingDir +
              QStringLiteral(" command=") + task.command);
         request.shell = resolved.shell;
@@ -179,13 +171,10 @@ void AgentRuntime::routeTask(const TaskAssignment& task)
     }
 
     // The build actions, and any other action, which resolution accepts or refuses.
-    const ResolvedExecution resolved =
-        ExecutionResolution::resolveExecution(profile, task.action, task.projectPath);
+    const ResolvedExecution resolved = ExecutionResolution::resolveExecution(profile, task.action, task.projectPath);
     sendJSON(Messages::taskLog(task.taskId, QStringLiteral("workspace.resolve action=") + task.action +
-                                                QStringLiteral(" requestedProjectPath=") +
-                                                task.projectPath +
-                                                QStringLiteral(" resolvedWorkingDir=") +
-                                                resolved.workingDir));
+                                                QStringLiteral(" requestedProjectPath=") + task.projectPath +
+                                                QStringLiteral(" resolvedWorkingDir=") + resolved.workingDir));
     request.shell = resolved.shell;
     request.workingDir = resolved.workingDir;
     m_runner->runTask(request);
@@ -205,10 +194,9 @@ void AgentRuntime::runAITask(const TaskAssignment& task, const ResolvedExecution
     }
     reportStatus(QStringLiteral("Running AI task ") + task.taskId.left(8));
     sendJSON(Messages::taskStarted(task.taskId));
-    sendJSON(Messages::taskProgress(task.taskId, QStringLiteral("prepare"),
-                                    QStringLiteral("AI task accepted (") + task.mode.value_or(QString()).toLower() +
-                                        QLatin1Char(')'),
-                                    5));
+    sendJSON(Messages::taskProgress(
+        task.taskId, QStringLiteral("prepare"),
+        QStringLiteral("AI task accepted (") + task.mode.value_or(QString()).toLower() + QLatin1Char(')'), 5));
     sendJSON(Messages::taskArtifact(task.taskId, QStringLiteral("prompt"), task.prompt, QStringLiteral("text/plain")));
     RunRequest request;
     request.taskId = task.taskId;

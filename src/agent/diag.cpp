@@ -27,8 +27,8 @@ std::vector<DiagRecorder*>& recorders()
 
 QString diagLine(const QString& text)
 {
-    return QStringLiteral("[BrinmoorMacAgent][") +
-           QDateTime::currentDateTimeUtc().toString(Qt::ISODate) + QStringLiteral("] ") + text;
+    return QStringLiteral("[BrinmoorMacAgent][") + QDateTime::currentDateTimeUtc().toString(Qt::ISODate) +
+           QStringLiteral("] ") + text;
 }
 
 void diag(const QString& text)

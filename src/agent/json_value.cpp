@@ -76,10 +76,8 @@ JSONValue JSONValue::fromArray(const Array& array)
 std::optional<JSONValue> JSONValue::decode(const QJsonValue& value)
 {
     switch (value.type()) {
-    case QJsonValue::Null:
-        return JSONValue();
-    case QJsonValue::String:
-        return fromString(value.toString());
+    case QJsonValue::Null: return JSONValue();
+    case QJsonValue::String: return fromString(value.toString());
     case QJsonValue::Double: {
         // The integer kind is tried before the double: 80 and 80.0 are integers,
         // 80.5 and numbers beyond the 64-bit range are doubles.
@@ -91,8 +89,7 @@ std::optional<JSONValue> JSONValue::decode(const QJsonValue& value)
             return fromInt(static_cast<qint64>(d));
         return fromDouble(d);
     }
-    case QJsonValue::Bool:
-        return fromBool(value.toBool());
+    case QJsonValue::Bool: return fromBool(value.toBool());
     case QJsonValue::Object: {
         Object object;
         const QJsonObject source = value.toObject();
@@ -116,8 +113,7 @@ std::optional<JSONValue> JSONValue::decode(const QJsonValue& value)
         }
         return fromArray(array);
     }
-    case QJsonValue::Undefined:
-        break;
+    case QJsonValue::Undefined: break;
     }
     return std::nullopt;
 }
@@ -144,7 +140,8 @@ std::optional<qint64> JSONValue::intValue() const
         return std::nullopt;
     if (!fitsInt64(m_double)) {
         // Clamping or wrapping would hand a made-up number to the caller; stop instead.
-        diag(QStringLiteral("JSONValue.intValue fatal value=") + QString::number(m_double, 'g', QLocale::FloatingPointShortest) +
+        diag(QStringLiteral("JSONValue.intValue fatal value=") +
+             QString::number(m_double, 'g', QLocale::FloatingPointShortest) +
              QStringLiteral(" error=double is not finite or outside the signed 64-bit range"));
         std::abort();
     }

@@ -10,8 +10,7 @@ namespace {
 
 QJsonObject typed(const char* type, const QString& taskId)
 {
-    return QJsonObject{{QStringLiteral("type"), QLatin1String(type)},
-                       {QStringLiteral("taskId"), taskId}};
+    return QJsonObject{{QStringLiteral("type"), QLatin1String(type)}, {QStringLiteral("taskId"), taskId}};
 }
 
 QJsonObject terminalEvent(const char* type, const QString& sessionId, const QString& projectPath)
@@ -43,8 +42,8 @@ QJsonObject agentRegister(const AgentProfile& profile)
         {QStringLiteral("createProjectRoot"), profile.createProjectRoot.value_or(QString())},
         {QStringLiteral("actions"), QJsonArray::fromStringList(profile.actions)},
         {QStringLiteral("taskKinds"),
-         QJsonArray{QStringLiteral("build"), QStringLiteral("ai_task"), QStringLiteral("chat"),
-                    QStringLiteral("shell"), QStringLiteral("terminal_session")}},
+         QJsonArray{QStringLiteral("build"), QStringLiteral("ai_task"), QStringLiteral("chat"), QStringLiteral("shell"),
+                    QStringLiteral("terminal_session")}},
         {QStringLiteral("buildTemplate"), profile.buildTemplate},
         {QStringLiteral("repoRoot"), profile.repoRoot},
         {QStringLiteral("supportsApproval"), true},
@@ -135,8 +134,7 @@ QJsonObject taskCommentary(const QString& taskId, const QString& text)
     return message;
 }
 
-QJsonObject taskChatChunk(const QString& taskId, const QString& conversationId,
-                          const QString& chunk)
+QJsonObject taskChatChunk(const QString& taskId, const QString& conversationId, const QString& chunk)
 {
     QJsonObject message = typed("task.chat.chunk", taskId);
     message.insert(QStringLiteral("conversationId"), conversationId);
@@ -144,8 +142,7 @@ QJsonObject taskChatChunk(const QString& taskId, const QString& conversationId,
     return message;
 }
 
-QJsonObject taskChatFinal(const QString& taskId, const QString& conversationId,
-                          const QString& text)
+QJsonObject taskChatFinal(const QString& taskId, const QString& conversationId, const QString& text)
 {
     QJsonObject message = typed("task.chat.final", taskId);
     message.insert(QStringLiteral("conversationId"), conversationId);
@@ -153,8 +150,7 @@ QJsonObject taskChatFinal(const QString& taskId, const QString& conversationId,
     return message;
 }
 
-QJsonObject taskChatError(const QString& taskId, const QString& conversationId,
-                          const QString& text)
+QJsonObject taskChatError(const QString& taskId, const QString& conversationId, const QString& text)
 {
     QJsonObject message = typed("task.chat.error", taskId);
     message.insert(QStringLiteral("conversationId"), conversationId);
@@ -169,8 +165,7 @@ QJsonObject taskFinished(const QString& taskId)
     return message;
 }
 
-QJsonObject taskFailed(const QString& taskId, const QString& error, const QString& errorCode,
-                       qint64 exitCode)
+QJsonObject taskFailed(const QString& taskId, const QString& error, const QString& errorCode, qint64 exitCode)
 {
     QJsonObject message = typed("task.failed", taskId);
     message.insert(QStringLiteral("error"), error);
@@ -186,8 +181,7 @@ QJsonObject taskCancelled(const QString& taskId, qint64 exitCode)
     return message;
 }
 
-QJsonObject taskProgress(const QString& taskId, const QString& phase, const QString& text,
-                         qint64 percent)
+QJsonObject taskProgress(const QString& taskId, const QString& phase, const QString& text, qint64 percent)
 {
     QJsonObject message = typed("task.progress", taskId);
     message.insert(QStringLiteral("phase"), phase);
@@ -196,8 +190,7 @@ QJsonObject taskProgress(const QString& taskId, const QString& phase, const QStr
     return message;
 }
 
-QJsonObject taskArtifact(const QString& taskId, const QString& kind, const QString& summary,
-                         const QString& mimeType)
+QJsonObject taskArtifact(const QString& taskId, const QString& kind, const QString& summary, const QString& mimeType)
 {
     QJsonObject message = typed("task.artifact", taskId);
     message.insert(QStringLiteral("kind"), kind);
@@ -231,8 +224,7 @@ QJsonObject terminalAttached(const QString& sessionId, const QString& projectPat
     return terminalOpened(sessionId, projectPath, false);
 }
 
-QJsonObject terminalOutput(const QString& sessionId, const QString& projectPath,
-                           const QString& data, bool snapshot)
+QJsonObject terminalOutput(const QString& sessionId, const QString& projectPath, const QString& data, bool snapshot)
 {
     QJsonObject message = terminalEvent("terminal.output", sessionId, projectPath);
     message.insert(QStringLiteral("data"), data);
@@ -241,19 +233,16 @@ QJsonObject terminalOutput(const QString& sessionId, const QString& projectPath,
     return message;
 }
 
-QJsonObject terminalStatus(const QString& sessionId, const QString& projectPath, qint64 cols,
-                           qint64 rows)
+QJsonObject terminalStatus(const QString& sessionId, const QString& projectPath, qint64 cols, qint64 rows)
 {
     QJsonObject message = terminalEvent("terminal.status", sessionId, projectPath);
     message.insert(QStringLiteral("status"), QStringLiteral("running"));
-    message.insert(QStringLiteral("message"),
-                   QStringLiteral("Terminal ready (%1x%2)").arg(cols).arg(rows));
+    message.insert(QStringLiteral("message"), QStringLiteral("Terminal ready (%1x%2)").arg(cols).arg(rows));
     return message;
 }
 
-QJsonObject terminalCompletion(const QString& sessionId, const QString& projectPath,
-                               qint64 replacementStart, qint64 replacementEnd,
-                               const QString& replacement, const QStringList& suggestions)
+QJsonObject terminalCompletion(const QString& sessionId, const QString& projectPath, qint64 replacementStart,
+                               qint64 replacementEnd, const QString& replacement, const QStringList& suggestions)
 {
     QJsonObject message = terminalEvent("terminal.completion", sessionId, projectPath);
     message.insert(QStringLiteral("replacementStart"), replacementStart);
@@ -263,8 +252,7 @@ QJsonObject terminalCompletion(const QString& sessionId, const QString& projectP
     return message;
 }
 
-QJsonObject terminalClosed(const QString& sessionId, const QString& projectPath,
-                           std::optional<qint64> exitCode)
+QJsonObject terminalClosed(const QString& sessionId, const QString& projectPath, std::optional<qint64> exitCode)
 {
     QJsonObject message = terminalEvent("terminal.closed", sessionId, projectPath);
     if (exitCode)
@@ -272,8 +260,7 @@ QJsonObject terminalClosed(const QString& sessionId, const QString& projectPath,
     return message;
 }
 
-QJsonObject terminalError(const QString& sessionId, const QString& projectPath,
-                          const QString& text)
+QJsonObject terminalError(const QString& sessionId, const QString& projectPath, const QString& text)
 {
     QJsonObject message = terminalEvent("terminal.error", sessionId, projectPath);
     message.insert(QStringLiteral("error"), text);

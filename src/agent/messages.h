@@ -26,20 +26,14 @@ QString taskLogText(QStringView taskId, QStringView line);
 // Appends a JSON string literal (quotes included) for the text.
 void appendJsonString(QString& out, QStringView text);
 QJsonObject taskCommentary(const QString& taskId, const QString& text);
-QJsonObject taskChatChunk(const QString& taskId, const QString& conversationId,
-                          const QString& chunk);
-QJsonObject taskChatFinal(const QString& taskId, const QString& conversationId,
-                          const QString& text);
-QJsonObject taskChatError(const QString& taskId, const QString& conversationId,
-                          const QString& message);
+QJsonObject taskChatChunk(const QString& taskId, const QString& conversationId, const QString& chunk);
+QJsonObject taskChatFinal(const QString& taskId, const QString& conversationId, const QString& text);
+QJsonObject taskChatError(const QString& taskId, const QString& conversationId, const QString& message);
 QJsonObject taskFinished(const QString& taskId);
-QJsonObject taskFailed(const QString& taskId, const QString& error, const QString& errorCode,
-                       qint64 exitCode);
+QJsonObject taskFailed(const QString& taskId, const QString& error, const QString& errorCode, qint64 exitCode);
 QJsonObject taskCancelled(const QString& taskId, qint64 exitCode);
-QJsonObject taskProgress(const QString& taskId, const QString& phase, const QString& message,
-                         qint64 percent);
-QJsonObject taskArtifact(const QString& taskId, const QString& kind, const QString& summary,
-                         const QString& mimeType);
+QJsonObject taskProgress(const QString& taskId, const QString& phase, const QString& message, qint64 percent);
+QJsonObject taskArtifact(const QString& taskId, const QString& kind, const QString& summary, const QString& mimeType);
 
 // What the phone is shown of one proposal.
 struct Proposal {
@@ -53,24 +47,18 @@ QJsonObject taskProposalReady(const QString& taskId, const Proposal& proposal);
 QJsonObject taskAwaitingApproval(const QString& taskId, const Proposal& proposal);
 
 // Terminal sessions.
-QJsonObject terminalOpened(const QString& sessionId, const QString& projectPath,
-                           bool interactive);
+QJsonObject terminalOpened(const QString& sessionId, const QString& projectPath, bool interactive);
 QJsonObject terminalAttached(const QString& sessionId, const QString& projectPath);
-QJsonObject terminalOutput(const QString& sessionId, const QString& projectPath,
-                           const QString& data, bool snapshot = false);
+QJsonObject terminalOutput(const QString& sessionId, const QString& projectPath, const QString& data,
+                           bool snapshot = false);
 // The serialised "terminal.output", written without building an object (terminal
 // output is a hot path). Parses to the same object as `terminalOutput`.
-QString terminalOutputText(QStringView sessionId, QStringView projectPath, QStringView data,
-                           bool snapshot = false);
-QJsonObject terminalStatus(const QString& sessionId, const QString& projectPath, qint64 cols,
-                           qint64 rows);
-QJsonObject terminalCompletion(const QString& sessionId, const QString& projectPath,
-                               qint64 replacementStart, qint64 replacementEnd,
-                               const QString& replacement, const QStringList& suggestions);
-QJsonObject terminalClosed(const QString& sessionId, const QString& projectPath,
-                           std::optional<qint64> exitCode);
-QJsonObject terminalError(const QString& sessionId, const QString& projectPath,
-                          const QString& text);
+QString terminalOutputText(QStringView sessionId, QStringView projectPath, QStringView data, bool snapshot = false);
+QJsonObject terminalStatus(const QString& sessionId, const QString& projectPath, qint64 cols, qint64 rows);
+QJsonObject terminalCompletion(const QString& sessionId, const QString& projectPath, qint64 replacementStart,
+                               qint64 replacementEnd, const QString& replacement, const QStringList& suggestions);
+QJsonObject terminalClosed(const QString& sessionId, const QString& projectPath, std::optional<qint64> exitCode);
+QJsonObject terminalError(const QString& sessionId, const QString& projectPath, const QString& text);
 
 } // namespace Messages
 

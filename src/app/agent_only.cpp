@@ -39,8 +39,7 @@ int runAgentOnly()
         });
         poll->start(20);
         // The runner kills what ignores SIGTERM after 5 s; never wait much longer.
-        QTimer::singleShot(ProcessRunner::kKillGraceMilliseconds + 2000, &runtime,
-                           [] { QCoreApplication::quit(); });
+        QTimer::singleShot(ProcessRunner::kKillGraceMilliseconds + 2000, &runtime, [] { QCoreApplication::quit(); });
     });
 
     runtime.start();

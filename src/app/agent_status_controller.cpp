@@ -23,7 +23,13 @@ AgentStatusController::AgentStatusController(SettingsStore& defaults, Environmen
     QPointer<AgentStatusController> self(this);
     m_runtime->onStatus = [self](const QString& text) {
         if (self)
-            QMetaObject::invokeMethod(self.data(), [self, text] { if (self) self->setRuntimeStatus(text); }, Qt::AutoConnection);
+            QMetaObject::invokeMethod(
+                self.data(),
+                [self, text] {
+                    if (self)
+                        self->setRuntimeStatus(text);
+                },
+                Qt::AutoConnection);
     };
 }
 
@@ -54,7 +60,13 @@ void AgentStatusController::startServerAndAgent()
     QPointer<AgentStatusController> self(this);
     const int actualPort = m_serverRuntime->start(port, token, [self](const QString& text) {
         if (self)
-            QMetaObject::invokeMethod(self.data(), [self, text] { if (self) self->setServerStatus(text); }, Qt::AutoConnection);
+            QMetaObject::invokeMethod(
+                self.data(),
+                [self, text] {
+                    if (self)
+                        self->setServerStatus(text);
+                },
+                Qt::AutoConnection);
     });
     // The agent always connects to the server that was just started.
     m_defaults.setValue(QStringLiteral("serverPort"), actualPort);

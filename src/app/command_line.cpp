@@ -34,8 +34,8 @@ int printProfile()
     const AgentProfile profile = AgentProfile::load(*defaults, env, Machine::current());
     const ConnectionSettings connection = ConnectionSettings::load(*defaults, env);
     const qint64 port = defaults->integer(QStringLiteral("serverPort")).value_or(8080);
-    printTo(stdout, QString::fromUtf8(QJsonDocument(profileReport(profile, connection, port))
-                                          .toJson(QJsonDocument::Indented)));
+    printTo(stdout,
+            QString::fromUtf8(QJsonDocument(profileReport(profile, connection, port)).toJson(QJsonDocument::Indented)));
     return 0;
 }
 
@@ -73,28 +73,26 @@ CommandLineRequest parseCommandLine(const QStringList& arguments)
 
 QString helpText()
 {
-    return QStringLiteral(
-        "Usage: BrinmoorMacAgent [option]\n"
-        "\n"
-        "Without an option the agent runs in the system tray with its local server.\n"
-        "\n"
-        "The Brinmoor agent: lets the Wexlin phone app run commands, chats with claude and\n"
-        "codex, reviewed changes and terminal sessions on this computer.\n"
-        "\n"
-        "Options:\n"
-        "  --headless       run the local server and the agent without a tray, status\n"
-        "                   as log lines, pairing details printed once (also what\n"
-        "                   happens without a display or a system tray)\n"
-        "  --agent-only     run the agent connection alone (no local server, no tray)\n"
-        "                   against the configured server URL; stops on SIGINT or SIGTERM\n"
-        "  --print-profile  seed the settings, print the resolved profile and connection\n"
-        "                   settings as JSON (token masked), and exit\n"
-        "  --version        print the version and exit\n"
-        "  --help, -h       print this help and exit\n");
+    return QStringLiteral("Usage: BrinmoorMacAgent [option]\n"
+                          "\n"
+                          "Without an option the agent runs in the system tray with its local server.\n"
+                          "\n"
+                          "The Brinmoor agent: lets the Wexlin phone app run commands, chats with claude and\n"
+                          "codex, reviewed changes and terminal sessions on this computer.\n"
+                          "\n"
+                          "Options:\n"
+                          "  --headless       run the local server and the agent without a tray, status\n"
+                          "                   as log lines, pairing details printed once (also what\n"
+                          "                   happens without a display or a system tray)\n"
+                          "  --agent-only     run the agent connection alone (no local server, no tray)\n"
+                          "                   against the configured server URL; stops on SIGINT or SIGTERM\n"
+                          "  --print-profile  seed the settings, print the resolved profile and connection\n"
+                          "                   settings as JSON (token masked), and exit\n"
+                          "  --version        print the version and exit\n"
+                          "  --help, -h       print this help and exit\n");
 }
 
-QJsonObject profileReport(const AgentProfile& profile, const ConnectionSettings& connection,
-                          qint64 serverPort)
+QJsonObject profileReport(const AgentProfile& profile, const ConnectionSettings& connection, qint64 serverPort)
 {
     const QJsonObject profileObject{
         {QStringLiteral("profileId"), profile.profileId},
@@ -117,8 +115,7 @@ QJsonObject profileReport(const AgentProfile& profile, const ConnectionSettings&
         {QStringLiteral("agentId"), connection.agentId},
         {QStringLiteral("token"), maskToken(connection.token)},
     };
-    return QJsonObject{{QStringLiteral("profile"), profileObject},
-                       {QStringLiteral("connection"), connectionObject}};
+    return QJsonObject{{QStringLiteral("profile"), profileObject}, {QStringLiteral("connection"), connectionObject}};
 }
 
 int runCommandLine(int argc, char** argv)
@@ -135,22 +132,15 @@ int runCommandLine(int argc, char** argv)
 
     QCoreApplication app(argc, argv);
     switch (request.action) {
-    case CommandLineRequest::Action::Error:
-        printTo(stderr, request.error + QLatin1Char('\n'));
-        return 2;
-    case CommandLineRequest::Action::Help:
-        printTo(stdout, helpText());
-        return 0;
+    case CommandLineRequest::Action::Error: printTo(stderr, request.error + QLatin1Char('\n')); return 2;
+    case CommandLineRequest::Action::Help: printTo(stdout, helpText()); return 0;
     case CommandLineRequest::Action::Version:
         printTo(stdout, QStringLiteral("BrinmoorMacAgent " BRINMOOR_VERSION "\n"));
         return 0;
-    case CommandLineRequest::Action::AgentOnly:
-        return runAgentOnly();
-    case CommandLineRequest::Action::PrintProfile:
-        return printProfile();
+    case CommandLineRequest::Action::AgentOnly: return runAgentOnly();
+    case CommandLineRequest::Action::PrintProfile: return printProfile();
     case CommandLineRequest::Action::Headless:
-    case CommandLineRequest::Action::Run:
-        return runHeadless();
+    case CommandLineRequest::Action::Run: return runHeadless();
     }
     return 0;
 }

@@ -23,8 +23,7 @@ CommandLineRequest parseCommandLine(const QStringList& arguments);
 QString helpText();
 
 // The resolved profile and connection settings, as --print-profile prints them.
-QJsonObject profileReport(const AgentProfile& profile, const ConnectionSettings& connection,
-                          qint64 serverPort);
+QJsonObject profileReport(const AgentProfile& profile, const ConnectionSettings& connection, qint64 serverPort);
 
 // The program's entry: parses the arguments and runs what they ask for.
 int runCommandLine(int argc, char** argv);

@@ -25,7 +25,8 @@ bool setEnabled(bool enabled, const Environment& env, const Machine& machine, QS
     @autoreleasepool {
         NSError* failure = nil;
         SMAppService* service = [SMAppService mainAppService];
-        const BOOL done = enabled ? [service registerAndReturnError:&failure] : [service unregisterAndReturnError:&failure];
+        const BOOL done =
+            enabled ? [service registerAndReturnError:&failure] : [service unregisterAndReturnError:&failure];
         if (!done && error)
             *error = QString::fromNSString(failure.localizedDescription ?: @"unknown error");
         return done;

@@ -31,8 +31,9 @@ std::optional<PairingPayload> PairingPayload::decode(const QByteArray& json)
         if (!object.value(QLatin1String(key)).isString())
             return std::nullopt;
     }
-    return PairingPayload{object.value(QStringLiteral("name")).toString(), object.value(QStringLiteral("serverURL")).toString(),
-                          object.value(QStringLiteral("agentId")).toString(), object.value(QStringLiteral("token")).toString()};
+    return PairingPayload{
+        object.value(QStringLiteral("name")).toString(), object.value(QStringLiteral("serverURL")).toString(),
+        object.value(QStringLiteral("agentId")).toString(), object.value(QStringLiteral("token")).toString()};
 }
 
 namespace Pairing {
@@ -111,8 +112,8 @@ QString pairingTooltip(const SettingsStore& defaults, const QString& hostName, c
 
 std::vector<std::vector<bool>> qrModules(const QByteArray& data)
 {
-    QRcode* code = QRcode_encodeData(int(data.size()), reinterpret_cast<const unsigned char*>(data.constData()), 0,
-                                     QR_ECLEVEL_M);
+    QRcode* code =
+        QRcode_encodeData(int(data.size()), reinterpret_cast<const unsigned char*>(data.constData()), 0, QR_ECLEVEL_M);
     if (!code)
         return {};
     std::vector<std::vector<bool>> modules(size_t(code->width), std::vector<bool>(size_t(code->width)));

@@ -55,9 +55,11 @@ PairingPanel::PairingPanel(const std::optional<PairingPayload>& payload, const Q
     m_heading->setFont(headingFont);
     m_heading->setGeometry(frame(24, 470, 360, 28));
 
-    m_instructions = new QLabel(payload ? QStringLiteral("Open Wexlin on iPhone, choose Scan QR Code, and point the camera at this code.")
-                                        : QStringLiteral("LAN IP was not detected. Use the connection details below and enter them manually on iPhone."),
-                                this);
+    m_instructions = new QLabel(
+        payload ? QStringLiteral("Open Wexlin on iPhone, choose Scan QR Code, and point the camera at this code.")
+                : QStringLiteral(
+                      "LAN IP was not detected. Use the connection details below and enter them manually on iPhone."),
+        this);
     m_instructions->setWordWrap(true);
     m_instructions->setForegroundRole(QPalette::PlaceholderText);
     m_instructions->setGeometry(frame(24, 420, 372, 42));

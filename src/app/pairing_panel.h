@@ -25,7 +25,7 @@ public:
 
     QLabel* heading() const { return m_heading; }
     QLabel* instructions() const { return m_instructions; }
-    QLabel* code() const { return m_code; }     // the QR image, or null
+    QLabel* code() const { return m_code; }         // the QR image, or null
     QLabel* fallback() const { return m_fallback; } // "QR unavailable", or null
     QWidget* details() const { return m_details; }
 

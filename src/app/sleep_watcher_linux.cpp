@@ -12,8 +12,8 @@ SleepWatcher::SleepWatcher(QObject* parent) : QObject(parent)
     if (!bus.isConnected())
         return;
     bus.connect(QStringLiteral("org.freedesktop.login1"), QStringLiteral("/org/freedesktop/login1"),
-                             QStringLiteral("org.freedesktop.login1.Manager"), QStringLiteral("PrepareForSleep"), this,
-                             SLOT(onPrepareForSleep(bool)));
+                QStringLiteral("org.freedesktop.login1.Manager"), QStringLiteral("PrepareForSleep"), this,
+                SLOT(onPrepareForSleep(bool)));
 }
 
 SleepWatcher::~SleepWatcher() = default;

@@ -12,12 +12,18 @@ id g_wakeObserver = nil;
 SleepWatcher::SleepWatcher(QObject* parent) : QObject(parent)
 {
     NSNotificationCenter* center = [[NSWorkspace sharedWorkspace] notificationCenter];
-    g_sleepObserver = [center addObserverForName:NSWorkspaceWillSleepNotification object:nil
+    g_sleepObserver = [center addObserverForName:NSWorkspaceWillSleepNotification
+                                          object:nil
                                            queue:[NSOperationQueue mainQueue]
-                                      usingBlock:^(NSNotification*) { onPrepareForSleep(true); }];
-    g_wakeObserver = [center addObserverForName:NSWorkspaceDidWakeNotification object:nil
+                                      usingBlock:^(NSNotification*) {
+                                        onPrepareForSleep(true);
+                                      }];
+    g_wakeObserver = [center addObserverForName:NSWorkspaceDidWakeNotification
+                                         object:nil
                                           queue:[NSOperationQueue mainQueue]
-                                     usingBlock:^(NSNotification*) { onPrepareForSleep(false); }];
+                                     usingBlock:^(NSNotification*) {
+                                       onPrepareForSleep(false);
+                                     }];
 }
 
 SleepWatcher::~SleepWatcher()

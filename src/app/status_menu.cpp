@@ -4,8 +4,8 @@
 
 #include <QAction>
 #include <QFileDialog>
-#include <QMenu>
 #include <QKeySequence>
+#include <QMenu>
 #include <QMessageBox>
 
 namespace brinmoor {
@@ -22,8 +22,9 @@ StatusMenu::StatusMenu(AgentStatusController& controller, QObject* parent)
         return dialog.exec() == QDialog::Accepted ? dialog.selectedFiles() : QStringList();
     };
     chooseCreateProjectRoot = [this] {
-        return QFileDialog::getExistingDirectory(nullptr, QStringLiteral("Choose the parent folder where new iOS projects will be created."),
-                                                 m_controller.currentProjectURL().value_or(QString()));
+        return QFileDialog::getExistingDirectory(
+            nullptr, QStringLiteral("Choose the parent folder where new iOS projects will be created."),
+            m_controller.currentProjectURL().value_or(QString()));
     };
     showAlert = [](const QString& message, const QString& detail) {
         QMessageBox box(QMessageBox::Warning, message, message);
@@ -56,7 +57,8 @@ StatusMenu::StatusMenu(AgentStatusController& controller, QObject* parent)
     m_clearProjects = addItem(QStringLiteral("Clear All Projects"));
     connect(m_clearProjects, &QAction::triggered, &m_controller, &AgentStatusController::clearProjectFolderOverride);
     m_clearCreateProjectRoot = addItem(QStringLiteral("Clear New Project Folder"));
-    connect(m_clearCreateProjectRoot, &QAction::triggered, &m_controller, &AgentStatusController::clearCreateProjectRoot);
+    connect(m_clearCreateProjectRoot, &QAction::triggered, &m_controller,
+            &AgentStatusController::clearCreateProjectRoot);
     m_menu->addSeparator();
     connect(addItem(QStringLiteral("Show Pairing Code…")), &QAction::triggered, this, [this] {
         if (showPairingCode)
@@ -83,7 +85,8 @@ StatusMenu::StatusMenu(AgentStatusController& controller, QObject* parent)
             quit();
     });
 
-    for (const auto signal : {&AgentStatusController::serverStatusChanged, &AgentStatusController::runtimeStatusChanged})
+    for (const auto signal :
+         {&AgentStatusController::serverStatusChanged, &AgentStatusController::runtimeStatusChanged})
         connect(&m_controller, signal, this, &StatusMenu::refresh);
     connect(&m_controller, &AgentStatusController::foldersChanged, this, &StatusMenu::refresh);
     refresh();

@@ -20,8 +20,7 @@ void onSignal(int signal)
 
 } // namespace
 
-UnixSignalWatcher::UnixSignalWatcher(std::initializer_list<int> signals, QObject* parent)
-    : QObject(parent)
+UnixSignalWatcher::UnixSignalWatcher(std::initializer_list<int> signals, QObject* parent) : QObject(parent)
 {
     if (g_pipe[0] < 0 && ::pipe2(g_pipe, O_CLOEXEC | O_NONBLOCK) != 0)
         return;

@@ -29,8 +29,7 @@ struct AgentProfile {
 
     // From the user's settings store and the real process environment.
     static AgentProfile load();
-    static AgentProfile load(const SettingsStore& defaults, const Environment& env,
-                             const Machine& machine);
+    static AgentProfile load(const SettingsStore& defaults, const Environment& env, const Machine& machine);
 };
 
 namespace ProfileDefaults {
@@ -42,8 +41,7 @@ inline constexpr auto claudeChatTemplate =
 inline constexpr auto codexChatTemplate =
     "codex -a on-request exec --json --skip-git-repo-check --color never {{prompt}}";
 inline constexpr auto terminalChatTemplate = "claude";
-inline constexpr auto aiPlanTemplate =
-    "codex exec --full-auto --skip-git-repo-check --color never --json {{prompt}}";
+inline constexpr auto aiPlanTemplate = "codex exec --full-auto --skip-git-repo-check --color never --json {{prompt}}";
 // The task actions every agent offers, in this order.
 QStringList actions();
 } // namespace ProfileDefaults

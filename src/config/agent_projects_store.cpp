@@ -78,17 +78,15 @@ bool holdsProject(const QString& path)
 {
     if (!QFileInfo(path).isDir())
         return false;
-    return containsXcodeProject(path) ||
-           QFileInfo::exists(path + QStringLiteral("/Package.swift"));
+    return containsXcodeProject(path) || QFileInfo::exists(path + QStringLiteral("/Package.swift"));
 }
 
 bool containsXcodeProject(const QString& path)
 {
-    const QStringList names = QDir(path).entryList(
-        QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    const QStringList names =
+        QDir(path).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
     return std::any_of(names.begin(), names.end(), [](const QString& name) {
-        return name.endsWith(QStringLiteral(".xcodeproj")) ||
-               name.endsWith(QStringLiteral(".xcworkspace"));
+        return name.endsWith(QStringLiteral(".xcodeproj")) || name.endsWith(QStringLiteral(".xcworkspace"));
     });
 }
 
@@ -97,8 +95,7 @@ QStringList discoverProjects(const std::optional<QString>& root)
     if (!root || !QFileInfo(*root).isDir())
         return {};
     QStringList projects;
-    const QFileInfoList children =
-        QDir(*root).entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot, QDir::Name);
+    const QFileInfoList children = QDir(*root).entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot, QDir::Name);
     for (const QFileInfo& child : children) {
         if (child.isDir() && holdsProject(child.filePath()))
             projects.append(child.filePath());

@@ -4,8 +4,8 @@
 
 namespace brinmoor {
 
-std::optional<QString> settingOrEnvironment(const SettingsStore& defaults, const QString& key,
-                                            const Environment& env, const QString& variable)
+std::optional<QString> settingOrEnvironment(const SettingsStore& defaults, const QString& key, const Environment& env,
+                                            const QString& variable)
 {
     if (std::optional<QString> stored = defaults.nonEmptyString(key))
         return stored;
@@ -25,15 +25,15 @@ QString maskToken(const QString& token)
 ConnectionSettings ConnectionSettings::load(const SettingsStore& defaults, const Environment& env)
 {
     ConnectionSettings settings;
-    settings.serverURL = settingOrEnvironment(defaults, QStringLiteral("serverURL"), env,
-                                              QStringLiteral("BRINMOOR_SERVER_URL"))
-                             .value_or(QStringLiteral("http://127.0.0.1:8080"));
-    settings.agentId = settingOrEnvironment(defaults, QStringLiteral("agentId"), env,
-                                            QStringLiteral("BRINMOOR_AGENT_ID"))
-                           .value_or(QStringLiteral("mac-agent"));
-    settings.token = settingOrEnvironment(defaults, QStringLiteral("token"), env,
-                                          QStringLiteral("BRINMOOR_SHARED_TOKEN"))
-                         .value_or(QString());
+    settings.serverURL =
+        settingOrEnvironment(defaults, QStringLiteral("serverURL"), env, QStringLiteral("BRINMOOR_SERVER_URL"))
+            .value_or(QStringLiteral("http://127.0.0.1:8080"));
+    settings.agentId =
+        settingOrEnvironment(defaults, QStringLiteral("agentId"), env, QStringLiteral("BRINMOOR_AGENT_ID"))
+            .value_or(QStringLiteral("mac-agent"));
+    settings.token =
+        settingOrEnvironment(defaults, QStringLiteral("token"), env, QStringLiteral("BRINMOOR_SHARED_TOKEN"))
+            .value_or(QString());
     return settings;
 }
 

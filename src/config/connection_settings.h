@@ -25,7 +25,7 @@ struct ConnectionSettings {
 QString maskToken(const QString& token);
 
 // The first non-empty of the settings value and the environment variable.
-std::optional<QString> settingOrEnvironment(const SettingsStore& defaults, const QString& key,
-                                            const Environment& env, const QString& variable);
+std::optional<QString> settingOrEnvironment(const SettingsStore& defaults, const QString& key, const Environment& env,
+                                            const QString& variable);
 
 } // namespace brinmoor

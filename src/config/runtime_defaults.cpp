@@ -17,8 +17,8 @@ bool missing(const SettingsStore& defaults, const QString& key)
     return !defaults.nonEmptyString(key).has_value();
 }
 
-void writeIfMissing(SettingsStore& defaults, const QString& key, const Environment& env,
-                    const QString& variable, const std::function<QString()>& fallback)
+void writeIfMissing(SettingsStore& defaults, const QString& key, const Environment& env, const QString& variable,
+                    const std::function<QString()>& fallback)
 {
     if (!missing(defaults, key))
         return;
@@ -70,8 +70,7 @@ void ensure(SettingsStore& defaults, const Environment& env, const Machine& mach
                    [&] { return defaultRepoRoot(machine); });
     writeIfMissing(defaults, QStringLiteral("agentId"), env, QStringLiteral("BRINMOOR_AGENT_ID"),
                    [&] { return agentIdFromHostName(machine.hostName); });
-    writeIfMissing(defaults, QStringLiteral("token"), env, QStringLiteral("BRINMOOR_SHARED_TOKEN"),
-                   freshToken);
+    writeIfMissing(defaults, QStringLiteral("token"), env, QStringLiteral("BRINMOOR_SHARED_TOKEN"), freshToken);
 
     const std::optional<qint64> storedPort = defaults.integer(QStringLiteral("serverPort"));
     qint64 port = storedPort.value_or(0);
@@ -83,8 +82,7 @@ void ensure(SettingsStore& defaults, const Environment& env, const Machine& mach
     if (missing(defaults, QStringLiteral("serverURL"))) {
         const QString fromEnv = env.value(QStringLiteral("BRINMOOR_SERVER_URL"));
         defaults.setValue(QStringLiteral("serverURL"),
-                          fromEnv.isEmpty() ? QStringLiteral("http://127.0.0.1:%1").arg(port)
-                                            : fromEnv);
+                          fromEnv.isEmpty() ? QStringLiteral("http://127.0.0.1:%1").arg(port) : fromEnv);
     }
     defaults.sync();
 }

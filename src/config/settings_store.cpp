@@ -34,8 +34,7 @@ std::optional<qint64> SettingsStore::integer(const QString& key) const
     case QMetaType::Int:
     case QMetaType::LongLong:
     case QMetaType::UInt:
-    case QMetaType::ULongLong:
-        return stored.toLongLong();
+    case QMetaType::ULongLong: return stored.toLongLong();
     case QMetaType::QString: {
         // INI files keep every value as text; a plain decimal integer reads back as one.
         bool ok = false;
@@ -44,8 +43,7 @@ std::optional<qint64> SettingsStore::integer(const QString& key) const
             return number;
         return std::nullopt;
     }
-    default:
-        return std::nullopt;
+    default: return std::nullopt;
     }
 }
 
@@ -106,8 +104,7 @@ std::unique_ptr<QSettingsStore> QSettingsStore::standard()
 {
 #ifdef Q_OS_MACOS
     auto settings = std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope,
-                                                QStringLiteral("com.brinmoor"),
-                                                QStringLiteral("BrinmoorMacAgent"));
+                                                QStringLiteral("com.brinmoor"), QStringLiteral("BrinmoorMacAgent"));
     return std::unique_ptr<QSettingsStore>(new QSettingsStore(std::move(settings), false));
 #else
     const QString path = standardIniPath(currentEnvironment(), QDir::homePath());

@@ -32,32 +32,31 @@ std::optional<QString> ChatSessions::codexThreadID(const QString& key) const
 void ChatSessions::recordCodexThreadID(const QString& threadId, const QString& conversationId,
                                        const QString& projectPath)
 {
-    if (const std::optional<QString> key =
-            ChatExecution::scopedConversationKey(projectPath, conversationId))
+    if (const std::optional<QString> key = ChatExecution::scopedConversationKey(projectPath, conversationId))
         m_codexThreadIDsByConversation.insert(*key, threadId);
 }
 
 namespace ChatExecution {
 
-const QString workspaceRules = QStringLiteral(
-    "\n\nWorkspace rules:\n"
-    "- Treat only this project path as the active workspace for this request.\n"
-    "- Do not rely on memory or context from any other project or repository.\n"
-    "- Do not state file paths, repo structure, sandbox limits, or write restrictions unless "
-    "they are confirmed from this workspace or runtime.\n"
-    "- If something about the current workspace is unconfirmed, say that explicitly.\n"
-    "\nUser request:\n");
+const QString workspaceRules =
+    QStringLiteral("\n\nWorkspace rules:\n"
+                   "- Treat only this project path as the active workspace for this request.\n"
+                   "- Do not rely on memory or context from any other project or repository.\n"
+                   "- Do not state file paths, repo structure, sandbox limits, or write restrictions unless "
+                   "they are confirmed from this workspace or runtime.\n"
+                   "- If something about the current workspace is unconfirmed, say that explicitly.\n"
+                   "\nUser request:\n");
 
-const QString systemPolicy = QStringLiteral(
-    "System policy for this task:\n"
-    "- Before any command execution or any file modification, call the MCP tool "
-    "`request_permission` from server `approver`.\n"
-    "- Treat shell commands, file writes, file edits, notebook edits, and patch application "
-    "as approval-gated actions.\n"
-    "- Pass the pending tool name in `tool_name` and the intended arguments in `tool_input`.\n"
-    "- If the MCP tool denies the request, do not perform that action and explain that it "
-    "was rejected.\n"
-    "\nUser request:\n");
+const QString systemPolicy =
+    QStringLiteral("System policy for this task:\n"
+                   "- Before any command execution or any file modification, call the MCP tool "
+                   "`request_permission` from server `approver`.\n"
+                   "- Treat shell commands, file writes, file edits, notebook edits, and patch application "
+                   "as approval-gated actions.\n"
+                   "- Pass the pending tool name in `tool_name` and the intended arguments in `tool_input`.\n"
+                   "- If the MCP tool denies the request, do not perform that action and explain that it "
+                   "was rejected.\n"
+                   "\nUser request:\n");
 
 namespace {
 
@@ -77,8 +76,8 @@ QString fileNameSafe(const QString& text)
     QString safe = text;
     for (QChar& c : safe) {
         const char16_t u = c.unicode();
-        const bool allowed = (u >= u'a' && u <= u'z') || (u >= u'A' && u <= u'Z') ||
-                             (u >= u'0' && u <= u'9') || u == u'.' || u == u'_' || u == u'-';
+        const bool allowed = (u >= u'a' && u <= u'z') || (u >= u'A' && u <= u'Z') || (u >= u'0' && u <= u'9') ||
+                             u == u'.' || u == u'_' || u == u'-';
         if (!allowed)
             c = QLatin1Char('_');
     }
@@ -96,8 +95,7 @@ const QString kClaudeWithoutApproval =
 
 } // namespace
 
-std::optional<QString> scopedConversationKey(const QString& projectPath,
-                                             const QString& conversationId)
+std::optional<QString> scopedConversationKey(const QString& projectPath, const QString& conversationId)
 {
     const QString path = projectPath.trimmed();
     const QString conversation = conversationId.trimmed();
@@ -108,8 +106,8 @@ std::optional<QString> scopedConversationKey(const QString& projectPath,
 
 bool isSessionUUID(const QString& text)
 {
-    static const QRegularExpression canonical(QStringLiteral(
-        "^[0-9A-Fa-f]{8}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{12}$"));
+    static const QRegularExpression canonical(
+        QStringLiteral("^[0-9A-Fa-f]{8}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{12}$"));
     return canonical.match(text).hasMatch();
 }
 
@@ -125,18 +123,16 @@ QString workspaceScopedPrompt(const QString& projectPath, const QString& userPro
     const QString path = projectPath.trimmed();
     if (path.isEmpty())
         return userPrompt;
-    return QStringLiteral("Confirmed active project path for this request:\n") + path +
-           workspaceRules + userPrompt;
+    return QStringLiteral("Confirmed active project path for this request:\n") + path + workspaceRules + userPrompt;
 }
 
 QString codexExecCommandTemplate(const QString& approvalMode, const QString& resumeThreadID)
 {
-    const QString base = approvalMode == QLatin1String("on_request")
-                             ? QStringLiteral("codex -a on-request exec")
-                             : QStringLiteral("codex exec");
+    const QString base = approvalMode == QLatin1String("on_request") ? QStringLiteral("codex -a on-request exec")
+                                                                     : QStringLiteral("codex exec");
     if (!resumeThreadID.isEmpty())
-        return base + QStringLiteral(" resume --json --skip-git-repo-check ") +
-               shellQuote(resumeThreadID) + QStringLiteral(" {{prompt}}");
+        return base + QStringLiteral(" resume --json --skip-git-repo-check ") + shellQuote(resumeThreadID) +
+               QStringLiteral(" {{prompt}}");
     return base + QLatin1Char(' ') +
            (approvalMode == QLatin1String("none") ? QStringLiteral("--full-auto ") : QString()) +
            QStringLiteral("--json --skip-git-repo-check --color never {{prompt}}");
@@ -148,12 +144,10 @@ QString codexMCPConfigOverrides(const QString& taskId, const QString& approverPa
     const QStringList assignments = {
         QStringLiteral("mcp_servers.approver.command=\"") + tomlEscaped(approverPath) + QLatin1Char('"'),
         QStringLiteral("mcp_servers.approver.args=[]"),
-        QStringLiteral("mcp_servers.approver.env.BRINMOOR_SERVER_URL=\"") +
-            tomlEscaped(connection.serverURL) + QLatin1Char('"'),
-        QStringLiteral("mcp_servers.approver.env.BRINMOOR_TASK_ID=\"") + tomlEscaped(taskId) +
+        QStringLiteral("mcp_servers.approver.env.BRINMOOR_SERVER_URL=\"") + tomlEscaped(connection.serverURL) +
             QLatin1Char('"'),
-        QStringLiteral("mcp_servers.approver.env.BRINMOOR_TOKEN=\"") + tomlEscaped(connection.token) +
-            QLatin1Char('"'),
+        QStringLiteral("mcp_servers.approver.env.BRINMOOR_TASK_ID=\"") + tomlEscaped(taskId) + QLatin1Char('"'),
+        QStringLiteral("mcp_servers.approver.env.BRINMOOR_TOKEN=\"") + tomlEscaped(connection.token) + QLatin1Char('"'),
     };
     QString overrides;
     for (const QString& assignment : assignments)
@@ -161,8 +155,8 @@ QString codexMCPConfigOverrides(const QString& taskId, const QString& approverPa
     return overrides;
 }
 
-QString writeMCPConfig(const QString& taskId, const QString& approverPath,
-                       const ConnectionSettings& connection, const QString& folder)
+QString writeMCPConfig(const QString& taskId, const QString& approverPath, const ConnectionSettings& connection,
+                       const QString& folder)
 {
     const QJsonObject config{
         {QStringLiteral("mcpServers"),
@@ -174,16 +168,15 @@ QString writeMCPConfig(const QString& taskId, const QString& approverPath,
                                                {QStringLiteral("BRINMOOR_TASK_ID"), taskId},
                                                {QStringLiteral("BRINMOOR_TOKEN"), connection.token}}}}}}}};
     const QByteArray content = QJsonDocument(config).toJson(QJsonDocument::Indented);
-    const QString path =
-        folder + QStringLiteral("/brinmoor-mcp-") + fileNameSafe(taskId) + QStringLiteral(".json");
+    const QString path = folder + QStringLiteral("/brinmoor-mcp-") + fileNameSafe(taskId) + QStringLiteral(".json");
     const QByteArray native = QFile::encodeName(path);
     // The file holds the token: owner-only from its first byte, never through a link
     // someone else left in a shared folder.
     ::unlink(native.constData());
     const int fd = ::open(native.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0)
-        throw runtimeError(14, QStringLiteral("failed to write MCP configuration ") + path +
-                                   QStringLiteral(": ") + QString::fromLocal8Bit(std::strerror(errno)));
+        throw runtimeError(14, QStringLiteral("failed to write MCP configuration ") + path + QStringLiteral(": ") +
+                                   QString::fromLocal8Bit(std::strerror(errno)));
     qsizetype written = 0;
     while (written < content.size()) {
         const ssize_t n = ::write(fd, content.constData() + written, size_t(content.size() - written));
@@ -193,8 +186,8 @@ QString writeMCPConfig(const QString& taskId, const QString& approverPath,
             const int error = errno;
             ::close(fd);
             ::unlink(native.constData());
-            throw runtimeError(14, QStringLiteral("failed to write MCP configuration ") + path +
-                                       QStringLiteral(": ") + QString::fromLocal8Bit(std::strerror(error)));
+            throw runtimeError(14, QStringLiteral("failed to write MCP configuration ") + path + QStringLiteral(": ") +
+                                       QString::fromLocal8Bit(std::strerror(error)));
         }
         written += n;
     }
@@ -208,13 +201,10 @@ bool approvalServerAvailable(const QString& approverPath)
     return !approverPath.isEmpty() && info.isFile() && info.isExecutable();
 }
 
-ChatResolution resolveChatExecution(const AgentProfile& profile,
-                                    const ConnectionSettings& connection,
-                                    const ChatSessions& sessions,
-                                    const std::optional<QString>& requestedSystem,
-                                    const QString& projectPath, const QString& prompt,
-                                    const QString& taskId, const QString& conversationId,
-                                    const std::optional<QString>& requestedApprovalMode,
+ChatResolution resolveChatExecution(const AgentProfile& profile, const ConnectionSettings& connection,
+                                    const ChatSessions& sessions, const std::optional<QString>& requestedSystem,
+                                    const QString& projectPath, const QString& prompt, const QString& taskId,
+                                    const QString& conversationId, const std::optional<QString>& requestedApprovalMode,
                                     const QString& temporaryFolder)
 {
     if (projectPath.trimmed().isEmpty())
@@ -231,13 +221,12 @@ ChatResolution resolveChatExecution(const AgentProfile& profile,
     ChatResolution resolution;
     QString command;
     if (system == QLatin1String("codex")) {
-        const QString threadId =
-            scopedKey ? sessions.codexThreadID(*scopedKey).value_or(QString()) : QString();
+        const QString threadId = scopedKey ? sessions.codexThreadID(*scopedKey).value_or(QString()) : QString();
         if (approvalMode == QLatin1String("on_request") && approvalAvailable) {
             command = threadId.isEmpty()
                           ? QStringLiteral("codex exec --json --skip-git-repo-check --color never {{prompt}}")
-                          : QStringLiteral("codex exec resume --json --skip-git-repo-check ") +
-                                shellQuote(threadId) + QStringLiteral(" {{prompt}}");
+                          : QStringLiteral("codex exec resume --json --skip-git-repo-check ") + shellQuote(threadId) +
+                                QStringLiteral(" {{prompt}}");
             command += codexMCPConfigOverrides(taskId, profile.mcpApproverPath, connection);
             diag(QStringLiteral("resolveChatExecution using Codex MCP approval approverPath=") +
                  profile.mcpApproverPath);
@@ -250,12 +239,11 @@ ChatResolution resolveChatExecution(const AgentProfile& profile,
             diag(QStringLiteral("resolveChatExecution approvalMode=none, running Claude chat without MCP approval"));
             command = kClaudeWithoutApproval;
         } else if (!approvalAvailable) {
-            diag(QStringLiteral("resolveChatExecution MCPApprovalServer not found at ") +
-                 profile.mcpApproverPath + QStringLiteral(", falling back to Claude --dangerously-skip-permissions"));
+            diag(QStringLiteral("resolveChatExecution MCPApprovalServer not found at ") + profile.mcpApproverPath +
+                 QStringLiteral(", falling back to Claude --dangerously-skip-permissions"));
             command = kClaudeWithoutApproval;
         } else if (profile.claudeChatTemplate.contains(QLatin1String("{{mcpConfigPath}}"))) {
-            const QString configPath =
-                writeMCPConfig(taskId, profile.mcpApproverPath, connection, temporaryFolder);
+            const QString configPath = writeMCPConfig(taskId, profile.mcpApproverPath, connection, temporaryFolder);
             resolution.mcpConfigPath = configPath;
             command = profile.claudeChatTemplate;
             command.replace(QLatin1String("{{mcpConfigPath}}"), shellQuote(configPath));

@@ -23,8 +23,7 @@ public:
     void markChatSessionEstablished(const QString& key) { m_established.insert(key); }
     std::optional<QString> codexThreadID(const QString& key) const;
     // Stores the thread id under the conversation's scoped key.
-    void recordCodexThreadID(const QString& threadId, const QString& conversationId,
-                             const QString& projectPath);
+    void recordCodexThreadID(const QString& threadId, const QString& conversationId, const QString& projectPath);
 
 private:
     QSet<QString> m_established;
@@ -47,8 +46,7 @@ extern const QString workspaceRules;
 extern const QString systemPolicy;
 
 // Trimmed project path + "::" + trimmed conversation id; absent when either is empty.
-std::optional<QString> scopedConversationKey(const QString& projectPath,
-                                             const QString& conversationId);
+std::optional<QString> scopedConversationKey(const QString& projectPath, const QString& conversationId);
 
 // Whether a text is a UUID in its canonical 8-4-4-4-12 hexadecimal form (any case):
 // the only form Claude takes as a session id.
@@ -71,21 +69,18 @@ QString codexMCPConfigOverrides(const QString& taskId, const QString& approverPa
 // Writes Claude's MCP configuration (it holds the agent token) readable by the user
 // only, as "brinmoor-mcp-<task id>.json" in the folder; returns its path. Throws
 // AgentError when it cannot be written.
-QString writeMCPConfig(const QString& taskId, const QString& approverPath,
-                       const ConnectionSettings& connection, const QString& folder);
+QString writeMCPConfig(const QString& taskId, const QString& approverPath, const ConnectionSettings& connection,
+                       const QString& folder);
 
 // Whether the approval tool can be run.
 bool approvalServerAvailable(const QString& approverPath);
 
 // The shell text and folder of a chat; writes the MCP configuration when Claude's
 // approval goes through the approval tool. Throws AgentError.
-ChatResolution resolveChatExecution(const AgentProfile& profile,
-                                    const ConnectionSettings& connection,
-                                    const ChatSessions& sessions,
-                                    const std::optional<QString>& system,
-                                    const QString& projectPath, const QString& prompt,
-                                    const QString& taskId, const QString& conversationId,
-                                    const std::optional<QString>& approvalMode,
+ChatResolution resolveChatExecution(const AgentProfile& profile, const ConnectionSettings& connection,
+                                    const ChatSessions& sessions, const std::optional<QString>& system,
+                                    const QString& projectPath, const QString& prompt, const QString& taskId,
+                                    const QString& conversationId, const std::optional<QString>& approvalMode,
                                     const QString& temporaryFolder);
 
 } // namespace ChatExecution

@@ -1,6 +1,5 @@
 #include "execution/chat_json_line_parser.h"
 
-
 namespace brinmoor {
 
 qint64 codePointLength(QStringView text)
@@ -160,10 +159,9 @@ void ChatJSONLineParser::processClaudeEvent(JsonReader::Node event, ParseResult&
         // also reaches the task log.
         if (m_reader.isTrue(m_reader.member(event, u"is_error"))) {
             const QString subtype = trimmedString(event, u"subtype");
-            reportOnce(QStringLiteral("[claude.error] ") +
-                           (!text.isEmpty()      ? text
-                            : !subtype.isEmpty() ? subtype
-                                                 : QStringLiteral("unknown error")),
+            reportOnce(QStringLiteral("[claude.error] ") + (!text.isEmpty()      ? text
+                                                            : !subtype.isEmpty() ? subtype
+                                                                                 : QStringLiteral("unknown error")),
                        result);
         }
         if (text.isEmpty())
@@ -179,8 +177,7 @@ void ChatJSONLineParser::processClaudeEvent(JsonReader::Node event, ParseResult&
     } else if (m_reader.stringEquals(type, u"error")) {
         const JsonReader::Node message = m_reader.member(event, u"message");
         reportOnce(QStringLiteral("[stream.error] ") +
-                       (m_reader.isString(message) ? m_reader.string(message)
-                                                   : QStringLiteral("unknown stream error")),
+                       (m_reader.isString(message) ? m_reader.string(message) : QStringLiteral("unknown stream error")),
                    result);
     }
 }
@@ -304,8 +301,7 @@ QString ChatJSONLineParser::extractToolContent(const JsonReader& reader, JsonRea
             return text;
         break;
     }
-    default:
-        break;
+    default: break;
     }
     return QStringLiteral("unreadable tool error payload");
 }

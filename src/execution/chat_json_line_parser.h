@@ -21,10 +21,7 @@ struct ParseResult {
     QStringList diagnostics;          // tool activity and errors, each reported once
     std::optional<QString> threadID;  // a Codex thread id, when a new one was seen
 
-    bool isEmpty() const
-    {
-        return deltas.isEmpty() && !finalText && diagnostics.isEmpty() && !threadID;
-    }
+    bool isEmpty() const { return deltas.isEmpty() && !finalText && diagnostics.isEmpty() && !threadID; }
 };
 
 // Reduces a chat tool's JSON event stream, read in arbitrary pieces, to assistant text

@@ -9,8 +9,8 @@
 #include <QTimer>
 
 #include <cerrno>
-#include <cstring>
 #include <csignal>
+#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -50,16 +50,15 @@ ChildProcess::CommandLine ChildProcess::commandLine(const QString& shell, bool r
     if (!requiresTTY)
         return {QStringLiteral("/bin/zsh"), {QStringLiteral("-lc"), shell}};
 #ifdef Q_OS_MACOS
-    return {QStringLiteral("/usr/bin/script"),
-            {QStringLiteral("-q"), QStringLiteral("/dev/null"), QStringLiteral("/bin/zsh"),
-             QStringLiteral("-lc"), shell}};
+    return {
+        QStringLiteral("/usr/bin/script"),
+        {QStringLiteral("-q"), QStringLiteral("/dev/null"), QStringLiteral("/bin/zsh"), QStringLiteral("-lc"), shell}};
 #else
     // util-linux script takes the command as one string and runs it with a shell;
     // -e passes the command's exit status on.
     return {QStringLiteral("/usr/bin/script"),
             {QStringLiteral("-q"), QStringLiteral("-e"), QStringLiteral("-c"),
-             QStringLiteral("/bin/zsh -lc ") + ExecutionResolution::shellQuote(shell),
-             QStringLiteral("/dev/null")}};
+             QStringLiteral("/bin/zsh -lc ") + ExecutionResolution::shellQuote(shell), QStringLiteral("/dev/null")}};
 #endif
 }
 
@@ -231,8 +230,7 @@ void ChildProcess::onFinished(int exitCode, int exitStatus)
     qsizetype drained = 0;
     for (auto [pipe, isError] : {std::pair{&m_out, false}, std::pair{&m_err, true}}) {
         while (pipe->open() && drained < kDrainLimit) {
-            const ssize_t n =
-                ::read(pipe->fd, m_readBuffer.data(), static_cast<size_t>(m_readBuffer.size()));
+            const ssize_t n = ::read(pipe->fd, m_readBuffer.data(), static_cast<size_t>(m_readBuffer.size()));
             if (n <= 0)
                 break;
             drained += n;

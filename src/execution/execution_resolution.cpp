@@ -7,7 +7,6 @@
 #include <QDir>
 #include <QFileInfo>
 
-
 namespace brinmoor::ExecutionResolution {
 
 namespace {
@@ -32,8 +31,7 @@ QString joinPath(const QString& base, const QString& component)
 // and runs in the repository root.
 bool runsRepositoryScript(const QString& trimmedTemplate)
 {
-    return trimmedTemplate.startsWith(QLatin1String("./")) ||
-           trimmedTemplate.contains(QLatin1String(" ./")) ||
+    return trimmedTemplate.startsWith(QLatin1String("./")) || trimmedTemplate.contains(QLatin1String(" ./")) ||
            trimmedTemplate.contains(QLatin1String("deploy.sh"));
 }
 
@@ -52,8 +50,7 @@ QString shellQuote(const QString& value)
     return QLatin1Char('\'') + quoted + QLatin1Char('\'');
 }
 
-QString expandProjectPlaceholders(const QString& text, const QString& projectPath,
-                                  const QString& projectArg)
+QString expandProjectPlaceholders(const QString& text, const QString& projectPath, const QString& projectArg)
 {
     QString expanded = text;
     expanded.replace(QLatin1String("{{projectKey}}"), shellQuote(projectPath));
@@ -88,9 +85,8 @@ QString resolveWorkspacePath(const QString& repoRoot, const QString& projectArg)
         return direct;
     if (QFileInfo::exists(inProj))
         return inProj;
-    diag(QStringLiteral("resolveWorkspacePath failed projectArg=") + projectArg +
-         QStringLiteral(" repoRoot=") + repoRoot + QStringLiteral(" direct=") + direct +
-         QStringLiteral(" inProj=") + inProj);
+    diag(QStringLiteral("resolveWorkspacePath failed projectArg=") + projectArg + QStringLiteral(" repoRoot=") +
+         repoRoot + QStringLiteral(" direct=") + direct + QStringLiteral(" inProj=") + inProj);
     throw projectPathMissingError(projectArg);
 }
 
@@ -101,8 +97,7 @@ QString buildProjectTemplateArgument(const QString& buildTemplate, const QString
     return normalizeProjectArg(projectPath);
 }
 
-QString resolveBuildWorkingDir(const QString& repoRoot, const QString& buildTemplate,
-                               const QString& projectPath)
+QString resolveBuildWorkingDir(const QString& repoRoot, const QString& buildTemplate, const QString& projectPath)
 {
     const QString trimmed = buildTemplate.trimmed();
     if (trimmed.isEmpty() || runsRepositoryScript(trimmed))
@@ -110,8 +105,7 @@ QString resolveBuildWorkingDir(const QString& repoRoot, const QString& buildTemp
     return resolveWorkspacePath(repoRoot, projectPath);
 }
 
-ResolvedExecution resolveExecution(const AgentProfile& profile, const QString& action,
-                                   const QString& projectPath)
+ResolvedExecution resolveExecution(const AgentProfile& profile, const QString& action, const QString& projectPath)
 {
     if (!profile.actions.contains(action))
         throw runtimeError(1, QStringLiteral("Unsupported action: ") + action);
@@ -122,30 +116,27 @@ ResolvedExecution resolveExecution(const AgentProfile& profile, const QString& a
     if (!QFileInfo::exists(joinPath(profile.repoRoot, QStringLiteral("deploy.sh"))))
         throw runtimeError(3, QStringLiteral("deploy.sh not found in repoRoot: ") + profile.repoRoot);
     const QString shell = expandProjectPlaceholders(profile.buildTemplate, projectPath, projectArg);
-    const QString workingDir =
-        resolveBuildWorkingDir(profile.repoRoot, profile.buildTemplate, projectPath);
-    diag(QStringLiteral("resolveExecution action=") + action + QStringLiteral(" projectPath=") +
-         projectPath + QStringLiteral(" workingDir=") + workingDir);
+    const QString workingDir = resolveBuildWorkingDir(profile.repoRoot, profile.buildTemplate, projectPath);
+    diag(QStringLiteral("resolveExecution action=") + action + QStringLiteral(" projectPath=") + projectPath +
+         QStringLiteral(" workingDir=") + workingDir);
     return {shell, workingDir};
 }
 
-ResolvedExecution resolveShellExecution(const AgentProfile& profile, const QString& command,
-                                        const QString& projectPath)
+ResolvedExecution resolveShellExecution(const AgentProfile& profile, const QString& command, const QString& projectPath)
 {
     if (command.trimmed().isEmpty())
         throw runtimeError(9, QStringLiteral("shell action requires non-empty command"));
     const QString projectArg = normalizeProjectArg(projectPath);
     const QString workingDir = resolveWorkspacePath(profile.repoRoot, projectPath);
-    diag(QStringLiteral("resolveShellExecution projectPath=") + projectPath +
-         QStringLiteral(" workingDir=") + workingDir + QStringLiteral(" command=") + command);
+    diag(QStringLiteral("resolveShellExecution projectPath=") + projectPath + QStringLiteral(" workingDir=") +
+         workingDir + QStringLiteral(" command=") + command);
     // Without a configured root the variable is still exported, as an empty value.
-    const QString shell =
-        QStringLiteral("export PATH=\"/opt/homebrew/bin:/usr/local/bin:$HOME/.local/bin:$HOME/"
-                       "bin:$HOME/.claude/bin:$PATH\"; ") +
-        QStringLiteral("export BRINMOOR_REPO_ROOT=") + shellQuote(profile.repoRoot) +
-        QStringLiteral("; ") + QStringLiteral("export BRINMOOR_CREATE_PROJECT_ROOT=") +
-        shellQuote(profile.createProjectRoot.value_or(QString())) + QStringLiteral("; ") +
-        expandProjectPlaceholders(command, projectPath, projectArg);
+    const QString shell = QStringLiteral("export PATH=\"/opt/homebrew/bin:/usr/local/bin:$HOME/.local/bin:$HOME/"
+                                         "bin:$HOME/.claude/bin:$PATH\"; ") +
+                          QStringLiteral("export BRINMOOR_REPO_ROOT=") + shellQuote(profile.repoRoot) +
+                          QStringLiteral("; ") + QStringLiteral("export BRINMOOR_CREATE_PROJECT_ROOT=") +
+                          shellQuote(profile.createProjectRoot.value_or(QString())) + QStringLiteral("; ") +
+                          expandProjectPlaceholders(command, projectPath, projectArg);
     return {shell, workingDir};
 }
 
@@ -165,8 +156,7 @@ QString normalizeAISystem(const std::optional<QString>& system)
     return QStringLiteral("codex");
 }
 
-bool shouldRefreshCapabilitiesAfterShellTask(const AgentProfile& profile,
-                                             const QString& workingDir)
+bool shouldRefreshCapabilitiesAfterShellTask(const AgentProfile& profile, const QString& workingDir)
 {
     if (!profile.createProjectRoot)
         return false;

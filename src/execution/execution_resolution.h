@@ -24,8 +24,7 @@ QString shellQuote(const QString& value);
 
 // Replaces "{{projectKey}}" and "{{projectPath}}" by the quoted project path and
 // "{{projectArg}}" by the quoted project argument, in that order.
-QString expandProjectPlaceholders(const QString& text, const QString& projectPath,
-                                  const QString& projectArg);
+QString expandProjectPlaceholders(const QString& text, const QString& projectPath, const QString& projectArg);
 
 // The project's folder name: trimmed, one trailing "/" dropped, last path component.
 QString normalizeProjectArg(const QString& value);
@@ -38,12 +37,10 @@ QString resolveWorkspacePath(const QString& repoRoot, const QString& projectArg)
 QString buildProjectTemplateArgument(const QString& buildTemplate, const QString& projectPath);
 
 // Where a build runs: the repository root for scripts inside it, else the project.
-QString resolveBuildWorkingDir(const QString& repoRoot, const QString& buildTemplate,
-                               const QString& projectPath);
+QString resolveBuildWorkingDir(const QString& repoRoot, const QString& buildTemplate, const QString& projectPath);
 
 // A named build action.
-ResolvedExecution resolveExecution(const AgentProfile& profile, const QString& action,
-                                   const QString& projectPath);
+ResolvedExecution resolveExecution(const AgentProfile& profile, const QString& action, const QString& projectPath);
 
 // The "shell" action with a raw command, behind the shell preamble.
 ResolvedExecution resolveShellExecution(const AgentProfile& profile, const QString& command,
@@ -55,8 +52,7 @@ QString normalizeApprovalMode(const std::optional<QString>& mode);
 QString normalizeAISystem(const std::optional<QString>& system);
 
 // Whether a successful shell task ran in the folder where new projects are made.
-bool shouldRefreshCapabilitiesAfterShellTask(const AgentProfile& profile,
-                                             const QString& workingDir);
+bool shouldRefreshCapabilitiesAfterShellTask(const AgentProfile& profile, const QString& workingDir);
 
 AgentError projectPathMissingError(const QString& projectArg);
 

@@ -98,18 +98,10 @@ bool JsonReader::parseValue(int depth)
         m_nodes.push_back({Kind::String, escaped, start, length, index + 1});
         return true;
     }
-    case u't':
-        m_nodes.push_back({Kind::True, false, 0, 0, index + 1});
-        return parseLiteral(u"true");
-    case u'f':
-        m_nodes.push_back({Kind::False, false, 0, 0, index + 1});
-        return parseLiteral(u"false");
-    case u'n':
-        m_nodes.push_back({Kind::Null, false, 0, 0, index + 1});
-        return parseLiteral(u"null");
-    default:
-        m_nodes.push_back({Kind::Number, false, 0, 0, index + 1});
-        return parseNumber();
+    case u't': m_nodes.push_back({Kind::True, false, 0, 0, index + 1}); return parseLiteral(u"true");
+    case u'f': m_nodes.push_back({Kind::False, false, 0, 0, index + 1}); return parseLiteral(u"false");
+    case u'n': m_nodes.push_back({Kind::Null, false, 0, 0, index + 1}); return parseLiteral(u"null");
+    default: m_nodes.push_back({Kind::Number, false, 0, 0, index + 1}); return parseNumber();
     }
 }
 
@@ -134,8 +126,14 @@ bool JsonReader::parseString(qsizetype& start, qsizetype& length, bool& escaped)
             if (++m_pos >= size)
                 return false;
             switch (data[m_pos]) {
-            case u'"': case u'\\': case u'/': case u'b': case u'f': case u'n': case u'r': case u't':
-                break;
+            case u'"':
+            case u'\\':
+            case u'/':
+            case u'b':
+            case u'f':
+            case u'n':
+            case u'r':
+            case u't': break;
             case u'u':
                 for (int k = 1; k <= 4; ++k) {
                     if (m_pos + k >= size || hexValue(data[m_pos + k]) < 0)
@@ -143,8 +141,7 @@ bool JsonReader::parseString(qsizetype& start, qsizetype& length, bool& escaped)
                 }
                 m_pos += 4;
                 break;
-            default:
-                return false;
+            default: return false;
             }
         }
         ++m_pos;

@@ -34,8 +34,7 @@ public:
     // keys the last one counts.
     Node member(Node object, QStringView key) const;
     // Calls `visit` with each element of an array, in order.
-    template <typename Visit>
-    void forEachElement(Node array, Visit&& visit) const
+    template <typename Visit> void forEachElement(Node array, Visit&& visit) const
     {
         if (!isArray(array))
             return;

@@ -29,8 +29,7 @@ public:
         qsizetype start = 0;
         while (true) {
             const qsizetype newline = text.indexOf(QLatin1Char('\n'), start);
-            const QStringView piece = QStringView(text).mid(
-                start, newline < 0 ? text.size() - start : newline - start);
+            const QStringView piece = QStringView(text).mid(start, newline < 0 ? text.size() - start : newline - start);
             appendToLine(piece);
             if (newline < 0)
                 break;
@@ -103,8 +102,8 @@ ProcessRunner::~ProcessRunner() = default;
 
 void ProcessRunner::runTask(const RunRequest& request)
 {
-    diag(QStringLiteral("Running task ") + request.taskId + QStringLiteral(" workingDir=") +
-         request.workingDir + QStringLiteral(" timeoutSec=") + QString::number(request.timeoutSec));
+    diag(QStringLiteral("Running task ") + request.taskId + QStringLiteral(" workingDir=") + request.workingDir +
+         QStringLiteral(" timeoutSec=") + QString::number(request.timeoutSec));
 
     m_output = std::make_unique<TaskOutput>();
     m_output->request = request;
@@ -130,8 +129,7 @@ void ProcessRunner::runTask(const RunRequest& request)
 }
 
 void ProcessRunner::launchWhenToolReady(const QString& shell, const QString& workingDir,
-                                        std::function<void(const QString&)> launch,
-                                        std::function<void()> abandon)
+                                        std::function<void(const QString&)> launch, std::function<void()> abandon)
 {
     const quint64 serial = ++m_launchSerial;
     m_abandonLaunch = std::move(abandon);
@@ -165,16 +163,14 @@ void ProcessRunner::launchTask(const QString& shell)
     connect(child, &ChildProcess::exited, this, &ProcessRunner::onExited);
 
     QString error;
-    if (!child->start({shell, request.workingDir, request.requiresTTY, ChildProcess::Channels::Separate},
-                      &error)) {
-        m_runtime.sendJSON(Messages::taskFailed(request.taskId,
-                                                QStringLiteral("failed to launch process: ") + error,
+    if (!child->start({shell, request.workingDir, request.requiresTTY, ChildProcess::Channels::Separate}, &error)) {
+        m_runtime.sendJSON(Messages::taskFailed(request.taskId, QStringLiteral("failed to launch process: ") + error,
                                                 QStringLiteral("PROCESS_START_FAILED"), 1));
         cleanupFinishedTask();
         return;
     }
-    diag(QStringLiteral("runTask process started taskId=") + request.taskId +
-         QStringLiteral(" pid=") + QString::number(child->pid()));
+    diag(QStringLiteral("runTask process started taskId=") + request.taskId + QStringLiteral(" pid=") +
+         QString::number(child->pid()));
 
     // A time-out is reported exactly like a cancellation.
     m_timeLimit = new QTimer(this);
@@ -213,8 +209,7 @@ void ProcessRunner::handleParseResult(const ParseResult& result)
 {
     const RunRequest& request = m_output->request;
     if (result.threadID)
-        m_runtime.chatSessions().recordCodexThreadID(*result.threadID, m_output->conversationId,
-                                                     request.projectPath);
+        m_runtime.chatSessions().recordCodexThreadID(*result.threadID, m_output->conversationId, request.projectPath);
     if (result.finalText)
         m_output->chatResultBuffer += *result.finalText;
     for (const QString& delta : result.deltas) {
@@ -277,44 +272,37 @@ void ProcessRunner::onExited(int status)
     if (m_currentTaskId == request.taskId) {
         if (status == 0) {
             if (request.emitChatEvents) {
-                if (const std::optional<QString> key = ChatExecution::scopedConversationKey(
-                        request.projectPath, m_output->conversationId))
+                if (const std::optional<QString> key =
+                        ChatExecution::scopedConversationKey(request.projectPath, m_output->conversationId))
                     m_runtime.chatSessions().markChatSessionEstablished(*key);
-                const QString finalText = (m_output->chatResultBuffer.isEmpty() ? m_output->chatBuffer
-                                                                                 : m_output->chatResultBuffer)
-                                              .trimmed();
+                const QString finalText =
+                    (m_output->chatResultBuffer.isEmpty() ? m_output->chatBuffer : m_output->chatResultBuffer).trimmed();
                 if (!finalText.isEmpty())
-                    m_runtime.sendJSON(
-                        Messages::taskChatFinal(request.taskId, m_output->conversationId, finalText));
+                    m_runtime.sendJSON(Messages::taskChatFinal(request.taskId, m_output->conversationId, finalText));
             }
             m_runtime.sendJSON(Messages::taskFinished(request.taskId));
             if (request.refreshCapabilitiesOnSuccess) {
                 registerManagedProjectIfPresent(m_output->markedLines->text(), m_runtime.defaults(),
                                                 m_runtime.environment());
                 // The new project is listed on the phone at once.
-                QTimer::singleShot(0, &m_runtime, [runtime = &m_runtime] {
-                    runtime->sendRegisterMessage();
-                });
+                QTimer::singleShot(0, &m_runtime, [runtime = &m_runtime] { runtime->sendRegisterMessage(); });
             }
         } else {
-            const QString message =
-                QStringLiteral("command exited with status ") + QString::number(status);
+            const QString message = QStringLiteral("command exited with status ") + QString::number(status);
             if (request.emitChatEvents)
-                m_runtime.sendJSON(
-                    Messages::taskChatError(request.taskId, m_output->conversationId, message));
-            m_runtime.sendJSON(Messages::taskFailed(request.taskId, message,
-                                                    QStringLiteral("COMMAND_EXIT_NONZERO"), status));
+                m_runtime.sendJSON(Messages::taskChatError(request.taskId, m_output->conversationId, message));
+            m_runtime.sendJSON(
+                Messages::taskFailed(request.taskId, message, QStringLiteral("COMMAND_EXIT_NONZERO"), status));
         }
     }
-    diag(QStringLiteral("runTask process terminated taskId=") + request.taskId +
-         QStringLiteral(" exitCode=") + QString::number(status));
+    diag(QStringLiteral("runTask process terminated taskId=") + request.taskId + QStringLiteral(" exitCode=") +
+         QString::number(status));
     if (m_currentTaskId == request.taskId)
         cleanupFinishedTask();
 }
 
-void ProcessRunner::executeShellCapture(const QString& shell, const QString& workingDir,
-                                        bool requiresTTY, bool registerAsCurrentProcess,
-                                        std::function<void(ShellExecutionResult)> done,
+void ProcessRunner::executeShellCapture(const QString& shell, const QString& workingDir, bool requiresTTY,
+                                        bool registerAsCurrentProcess, std::function<void(ShellExecutionResult)> done,
                                         std::function<void(const QString&)> onOutput,
                                         std::function<void(const QString&)> onStart)
 {
@@ -407,8 +395,8 @@ void ProcessRunner::cleanupFinishedTask()
 bool registerManagedProjectIfPresent(const QString& taskOutput, SettingsStore& defaults,
                                      const QMap<QString, QString>& env)
 {
-    const std::optional<QString> announced = AgentProjectsStore::managedProjectPath(
-        taskOutput, QLatin1String(ProcessRunner::kSuccessMarker));
+    const std::optional<QString> announced =
+        AgentProjectsStore::managedProjectPath(taskOutput, QLatin1String(ProcessRunner::kSuccessMarker));
     if (!announced)
         return false;
     const QString path = QDir::cleanPath(*announced);

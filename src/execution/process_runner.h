@@ -65,15 +65,13 @@ public:
     // sees each decoded piece of output as it is read; `onStart` sees the command as it
     // runs (fitted to the installed tool) right before it starts.
     void executeShellCapture(const QString& shell, const QString& workingDir, bool requiresTTY,
-                             bool registerAsCurrentProcess,
-                             std::function<void(ShellExecutionResult)> done,
+                             bool registerAsCurrentProcess, std::function<void(ShellExecutionResult)> done,
                              std::function<void(const QString&)> onOutput = {},
                              std::function<void(const QString&)> onStart = {});
 
     // Sends one decoded piece of output: a "task.log" per line (empty lines too), then
     // for chats one "task.chat.chunk" with the sanitized text.
-    void sendOutput(const QString& taskId, const QString& text, bool emitChatEvents,
-                    const QString& conversationId);
+    void sendOutput(const QString& taskId, const QString& text, bool emitChatEvents, const QString& conversationId);
 
     // Ends the current child (SIGTERM to its process group, SIGKILL 5 s later) and,
     // when `cancelled`, reports "task.cancelled" with 130. A pending approval is

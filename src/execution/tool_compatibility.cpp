@@ -31,10 +31,8 @@ bool endsCommand(QChar c)
     case u')':
     case u'<':
     case u'>':
-    case u'\n':
-        return true;
-    default:
-        return false;
+    case u'\n': return true;
+    default: return false;
     }
 }
 
@@ -46,8 +44,8 @@ bool isAssignment(const ShellWord& word)
 
 // Runs a program to its end with output and error merged; false with the reason when
 // it could not start, took too long or failed.
-bool runToEnd(const QString& program, const QStringList& arguments, const QString& workingDir,
-              QString* output, QString* error)
+bool runToEnd(const QString& program, const QStringList& arguments, const QString& workingDir, QString* output,
+              QString* error)
 {
     QProcess process;
     process.setProgram(program);
@@ -213,10 +211,10 @@ ToolAdaptation adaptCommand(const QString& shell, const ToolHelp& help)
         const auto text = help.textByScope.constFind(scope);
         if (text == help.textByScope.cend() || mentions(*text, option))
             continue;
-        const QString where = help.tool + (scope.isEmpty() ? QString() : QLatin1Char(' ') + scope) +
-                              QStringLiteral(" at ") + help.path;
-        if (help.tool == QLatin1String("codex") && option == QLatin1String("--full-auto") &&
-            word.text == option && mentions(*text, QStringLiteral("--sandbox"))) {
+        const QString where =
+            help.tool + (scope.isEmpty() ? QString() : QLatin1Char(' ') + scope) + QStringLiteral(" at ") + help.path;
+        if (help.tool == QLatin1String("codex") && option == QLatin1String("--full-auto") && word.text == option &&
+            mentions(*text, QStringLiteral("--sandbox"))) {
             replacements.append({word.start, word.end, QStringLiteral("--sandbox workspace-write")});
             adaptation.notes.append(QStringLiteral("toolCompatibility ") + where +
                                     QStringLiteral(" does not accept --full-auto; using --sandbox workspace-write"));
@@ -236,10 +234,10 @@ QString resolveExecutable(const QString& programWord, const QString& workingDir,
     if (!programWord.contains(QLatin1Char('/'))) {
         // The command runs under the login shell, whose PATH may differ from the agent's.
         QString output;
-        if (!runToEnd(QStringLiteral("/bin/zsh"),
-                      {QStringLiteral("-lc"),
-                       QStringLiteral("whence -p -- ") + ExecutionResolution::shellQuote(programWord)},
-                      workingDir, &output, error)) {
+        if (!runToEnd(
+                QStringLiteral("/bin/zsh"),
+                {QStringLiteral("-lc"), QStringLiteral("whence -p -- ") + ExecutionResolution::shellQuote(programWord)},
+                workingDir, &output, error)) {
             *error = programWord + QStringLiteral(" is not on the login shell's PATH");
             return QString();
         }
@@ -311,9 +309,8 @@ void ToolCompatibility::prepare(const QString& shell, const QString& workingDir,
         if (executable.isEmpty())
             return {std::nullopt, error};
         const QFileInfo info(executable);
-        const QString key = executable + QLatin1Char('@') +
-                            QString::number(info.lastModified().toMSecsSinceEpoch()) + QLatin1Char('@') +
-                            QString::number(info.size());
+        const QString key = executable + QLatin1Char('@') + QString::number(info.lastModified().toMSecsSinceEpoch()) +
+                            QLatin1Char('@') + QString::number(info.size());
         {
             QMutexLocker locker(&cache->lock);
             const auto cached = cache->byExecutable.constFind(key);

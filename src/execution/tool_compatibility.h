@@ -16,8 +16,8 @@ namespace brinmoor {
 // What an installed `claude` or `codex` says it accepts: the help text of the tool
 // itself and of each subcommand our commands use ("exec", "exec resume").
 struct ToolHelp {
-    QString tool; // "claude" or "codex"
-    QString path; // the executable, links resolved
+    QString tool;                        // "claude" or "codex"
+    QString path;                        // the executable, links resolved
     QHash<QString, QString> textByScope; // "" for the tool itself, else "exec", "exec resume"
 };
 

@@ -47,8 +47,8 @@ bool Utf8StreamDecoder::isValid(const char* data, qsizetype size)
             return false;
         const unsigned char second = bytes[i + 1];
         // Reject overlong forms, surrogates and code points above U+10FFFF.
-        if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second > 0x9F) ||
-            (lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second > 0x8F))
+        if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second > 0x9F) || (lead == 0xF0 && second < 0x90) ||
+            (lead == 0xF4 && second > 0x8F))
             return false;
         for (int k = 1; k < length; ++k) {
             if ((bytes[i + k] & 0xC0) != 0x80)

@@ -31,8 +31,7 @@ CodexApplyTask::CodexApplyTask(AgentRuntime& runtime, Request request)
 
 CodexApplyTask::~CodexApplyTask() = default;
 
-template <typename Work, typename Then>
-void CodexApplyTask::offLoop(Work work, Then then)
+template <typename Work, typename Then> void CodexApplyTask::offLoop(Work work, Then then)
 {
     using Result = decltype(work());
     auto* watcher = new QFutureWatcher<Result>(this);
@@ -78,8 +77,8 @@ void CodexApplyTask::start()
 {
     const QString& taskId = m_request.taskId;
     m_runtime.sendJSON(Messages::taskStarted(taskId));
-    m_runtime.sendJSON(Messages::taskProgress(taskId, QStringLiteral("prepare"),
-                                              QStringLiteral("Preparing proposed changes"), 5));
+    m_runtime.sendJSON(
+        Messages::taskProgress(taskId, QStringLiteral("prepare"), QStringLiteral("Preparing proposed changes"), 5));
     if (m_runtime.testProposalWorkspaceHook) {
         try {
             onWorkspaceReady(m_runtime.testProposalWorkspaceHook(m_request.workingDir, taskId), QString());
@@ -187,7 +186,8 @@ void CodexApplyTask::onDiff(const QString& diff, const QString& error)
     if (!isCurrent())
         return finish();
     if (!error.isEmpty())
-        return fail(QStringLiteral("failed to compute proposal diff: ") + error, QStringLiteral("PROPOSAL_DIFF_FAILED"));
+        return fail(QStringLiteral("failed to compute proposal diff: ") + error,
+                    QStringLiteral("PROPOSAL_DIFF_FAILED"));
     m_diff = diff;
     log(QStringLiteral("proposal.diff bytes=%1").arg(utf8Size(diff)));
     const NarrativeText::ProposalOutput output = NarrativeText::parseCodexProposalOutput(m_rawOutput);
@@ -197,8 +197,9 @@ void CodexApplyTask::onDiff(const QString& diff, const QString& error)
     if (diff.isEmpty()) {
         // Nothing changed (or only build output): the explanation is the answer.
         if (!commentary) {
-            return fail(QStringLiteral("Codex did not provide a user-visible reasoning message for the no-diff outcome."),
-                        QStringLiteral("PROPOSAL_REASONING_MISSING"));
+            return fail(
+                QStringLiteral("Codex did not provide a user-visible reasoning message for the no-diff outcome."),
+                QStringLiteral("PROPOSAL_REASONING_MISSING"));
         }
         log(QStringLiteral("proposal.empty_diff responseBytes=%1").arg(utf8Size(output.responseText)));
         m_runtime.sendJSON(Messages::taskCommentary(taskId, *commentary));
@@ -225,12 +226,12 @@ void CodexApplyTask::onDiff(const QString& diff, const QString& error)
     m_runtime.sendJSON(Messages::taskCommentary(taskId, m_commentary));
     // The artifact's label says diff although it carries the commentary; the phone
     // expects it so.
-    m_runtime.sendJSON(Messages::taskArtifact(taskId, QStringLiteral("proposal"), m_commentary,
-                                              QStringLiteral("text/x-diff")));
+    m_runtime.sendJSON(
+        Messages::taskArtifact(taskId, QStringLiteral("proposal"), m_commentary, QStringLiteral("text/x-diff")));
     if (!m_request.requiresApproval) {
         m_runtime.sendJSON(Messages::taskProposalReady(taskId, proposal));
-        m_runtime.sendJSON(Messages::taskProgress(taskId, QStringLiteral("apply"),
-                                                  QStringLiteral("Applying approved changes"), 75));
+        m_runtime.sendJSON(
+            Messages::taskProgress(taskId, QStringLiteral("apply"), QStringLiteral("Applying approved changes"), 75));
         return apply();
     }
     m_runtime.sendJSON(Messages::taskAwaitingApproval(taskId, proposal));
@@ -238,7 +239,8 @@ void CodexApplyTask::onDiff(const QString& diff, const QString& error)
     m_runtime.waitForApproval(taskId, m_request.timeoutSec, [self](bool approved) {
         // Resumed after whatever resolved the wait has finished its own work.
         QMetaObject::invokeMethod(
-            self.data(), [self, approved] {
+            self.data(),
+            [self, approved] {
                 if (self)
                     self->onApproval(approved);
             },

@@ -44,8 +44,7 @@ private:
     void onApplied(const QString& error);
 
     // Runs the blocking work on a worker thread and hands its result back on the loop.
-    template <typename Work, typename Then>
-    void offLoop(Work work, Then then);
+    template <typename Work, typename Then> void offLoop(Work work, Then then);
     void log(const QString& line);
     void fail(const QString& error, const QString& errorCode);
     // Whether this task is still the agent's current one (it was not cancelled).

@@ -8,8 +8,7 @@ namespace brinmoor::NarrativeText {
 
 namespace {
 
-const QStringList kNoisePrefixes = {QStringLiteral("{\"type\":"), QStringLiteral("[command"),
-                                    QStringLiteral("^D")};
+const QStringList kNoisePrefixes = {QStringLiteral("{\"type\":"), QStringLiteral("[command"), QStringLiteral("^D")};
 
 bool startsWithAny(const QString& text, const QStringList& prefixes)
 {

@@ -154,8 +154,7 @@ QString proposalsFolder(const QString& temporaryFolder)
     return temporaryFolder + QStringLiteral("/brinmoor-proposals");
 }
 
-QString copyProject(const QString& projectPath, const QString& taskId, const QString& temporaryFolder,
-                    QString* error)
+QString copyProject(const QString& projectPath, const QString& taskId, const QString& temporaryFolder, QString* error)
 {
     t_stats = {};
     const QString folder = proposalsFolder(temporaryFolder);
@@ -169,8 +168,8 @@ QString copyProject(const QString& projectPath, const QString& taskId, const QSt
         if (c == QLatin1Char('/') || c == QChar(0))
             c = QLatin1Char('_');
     }
-    const QString copy =
-        folder + QLatin1Char('/') + safeId + QLatin1Char('-') + QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
+    const QString copy = folder + QLatin1Char('/') + safeId + QLatin1Char('-') +
+                         QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
     const QByteArray nativeCopy = QFile::encodeName(copy);
     if (::mkdir(nativeCopy.constData(), 0700) != 0) {
         *error = lastError("cannot create", copy);

@@ -17,8 +17,7 @@ QString proposalsFolder(const QString& temporaryFolder);
 // file modes. Each file is cloned (FICLONE) where the file system can, else copied in
 // the kernel (copy_file_range), else read and written. Returns the copy's path; on
 // failure returns an empty path with the reason in `error` and removes what it made.
-QString copyProject(const QString& projectPath, const QString& taskId, const QString& temporaryFolder,
-                    QString* error);
+QString copyProject(const QString& projectPath, const QString& taskId, const QString& temporaryFolder, QString* error);
 
 // Removes a folder tree; false when something remained.
 bool removeTree(const QString& path);

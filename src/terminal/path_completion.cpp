@@ -73,8 +73,7 @@ QString commonPrefix(const QStringList& items)
     return prefix;
 }
 
-Completion pathCompletion(const QString& line, qsizetype cursor, const QString& currentDirectory,
-                          const QString& home)
+Completion pathCompletion(const QString& line, qsizetype cursor, const QString& currentDirectory, const QString& home)
 {
     const qsizetype clamped = std::clamp<qsizetype>(cursor, 0, line.size());
     const QString before = line.left(clamped);
@@ -96,8 +95,9 @@ Completion pathCompletion(const QString& line, qsizetype cursor, const QString& 
     if (prefix.startsWith(QLatin1Char('.')))
         filters |= QDir::Hidden;
     QStringList names = dir.entryList(filters, QDir::NoSort);
-    names.erase(std::remove_if(names.begin(), names.end(), [&](const QString& name) { return !name.startsWith(prefix); }),
-                names.end());
+    names.erase(
+        std::remove_if(names.begin(), names.end(), [&](const QString& name) { return !name.startsWith(prefix); }),
+        names.end());
     // As a file browser orders names: case-insensitive, digits as numbers.
     // The C locale of a service has no collation of its own; English orders as a file
     // browser would.
@@ -105,13 +105,15 @@ Completion pathCompletion(const QString& line, qsizetype cursor, const QString& 
     QCollator collator(system.language() == QLocale::C ? QLocale(QLocale::English) : system);
     collator.setNumericMode(true);
     collator.setCaseSensitivity(Qt::CaseInsensitive);
-    std::stable_sort(names.begin(), names.end(), [&](const QString& a, const QString& b) { return collator.compare(a, b) < 0; });
+    std::stable_sort(names.begin(), names.end(),
+                     [&](const QString& a, const QString& b) { return collator.compare(a, b) < 0; });
     for (const QString& name : names)
-        completion.suggestions.append(QFileInfo(directory + QLatin1Char('/') + name).isDir() ? name + QLatin1Char('/') : name);
+        completion.suggestions.append(QFileInfo(directory + QLatin1Char('/') + name).isDir() ? name + QLatin1Char('/')
+                                                                                             : name);
     if (completion.suggestions.isEmpty())
         return completion;
     QString replacement = directoryPart + (completion.suggestions.size() == 1 ? completion.suggestions.first()
-                                                                               : commonPrefix(completion.suggestions));
+                                                                              : commonPrefix(completion.suggestions));
     replacement.replace(QLatin1Char(' '), QLatin1String("\\ "));
     completion.replacement = replacement;
     return completion;

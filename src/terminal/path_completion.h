@@ -27,8 +27,7 @@ qsizetype pathTokenStart(const QString& text);
 QString commonPrefix(const QStringList& items);
 // Completes the path word that ends at the cursor, against the current directory.
 // Hidden entries are offered only when the typed name begins with ".".
-Completion pathCompletion(const QString& line, qsizetype cursor, const QString& currentDirectory,
-                          const QString& home);
+Completion pathCompletion(const QString& line, qsizetype cursor, const QString& currentDirectory, const QString& home);
 // The directory the shell is in after the input's lines, following each line that is
 // "cd" or begins with "cd " to an existing directory.
 QString directoryAfterInput(const QString& input, const QString& currentDirectory, const QString& home);

@@ -57,7 +57,7 @@ struct TerminalSessionManager::ManagedSession {
     QString sessionId;
     QString projectPath;
     QString workingDir;
-    QProcess* process = nullptr;   // line mode
+    QProcess* process = nullptr;    // line mode
     std::optional<qint64> childPID; // interactive mode
     int masterFD = -1;
     QSocketNotifier* notifier = nullptr;
@@ -159,7 +159,8 @@ void TerminalSessionManager::open(const QString& rawSessionId, const QString& ra
         return sendError(sessionId, projectPath, QStringLiteral("Missing terminal session id or project path."));
     if (!replace) {
         if (m_sessionByProject.contains(projectPath))
-            return sendError(sessionId, projectPath, QStringLiteral("Active terminal session already exists for this project."));
+            return sendError(sessionId, projectPath,
+                             QStringLiteral("Active terminal session already exists for this project."));
     } else if (replaceSessionId && !replaceSessionId->trimmed().isEmpty()) {
         close(*replaceSessionId);
     } else if (m_sessionByProject.contains(projectPath)) {
@@ -173,12 +174,12 @@ void TerminalSessionManager::open(const QString& rawSessionId, const QString& ra
         openLineMode(sessionId, projectPath, workingDir, profile);
 }
 
-void TerminalSessionManager::openLineMode(const QString& sessionId, const QString& projectPath, const QString& workingDir,
-                                          const AgentProfile& profile)
+void TerminalSessionManager::openLineMode(const QString& sessionId, const QString& projectPath,
+                                          const QString& workingDir, const AgentProfile& profile)
 {
     int master = -1;
     int slave = -1;
-    winsize window {};
+    winsize window{};
     window.ws_row = 24;
     window.ws_col = 80;
     if (::openpty(&master, &slave, nullptr, nullptr, &window) != 0)
@@ -248,8 +249,7 @@ void TerminalSessionManager::openInteractive(const QString& sessionId, const QSt
 {
     // Everything the child needs is prepared before the fork: after it, only calls that
     // are safe in a forked copy of a threaded program are made.
-    const QStringList environment =
-        terminalEnvironment(QProcess::systemEnvironment(), profile.repoRoot, projectPath);
+    const QStringList environment = terminalEnvironment(QProcess::systemEnvironment(), profile.repoRoot, projectPath);
     std::vector<QByteArray> envStorage;
     envStorage.reserve(size_t(environment.size()));
     for (const QString& entry : environment)
@@ -265,7 +265,7 @@ void TerminalSessionManager::openInteractive(const QString& sessionId, const QSt
     char* argv[] = {arg0, arg1, nullptr};
 
     int master = -1;
-    winsize window {};
+    winsize window{};
     window.ws_row = 24;
     window.ws_col = 80;
     const pid_t pid = ::forkpty(&master, nullptr, nullptr, &window);
@@ -284,9 +284,10 @@ void TerminalSessionManager::openInteractive(const QString& sessionId, const QSt
     m_sendEvent(Messages::terminalOpened(sessionId, projectPath, true));
 }
 
-std::shared_ptr<TerminalSessionManager::ManagedSession>
-TerminalSessionManager::startSession(const QString& sessionId, const QString& projectPath, const QString& workingDir,
-                                     int masterFD)
+std::shared_ptr<TerminalSessionManager::ManagedSession> TerminalSessionManager::startSession(const QString& sessionId,
+                                                                                             const QString& projectPath,
+                                                                                             const QString& workingDir,
+                                                                                             int masterFD)
 {
     auto session = std::make_shared<ManagedSession>();
     session->sessionId = sessionId;
@@ -380,9 +381,8 @@ void TerminalSessionManager::sendOutput(const ManagedSession& session, const QSt
         m_sendEvent(Messages::terminalOutput(session.sessionId, session.projectPath, text, snapshot));
         return;
     }
-    sendSerialized(Messages::terminalOutputText(session.sessionId, session.projectPath, text, snapshot), [&] {
-        return Messages::terminalOutput(session.sessionId, session.projectPath, text, snapshot);
-    });
+    sendSerialized(Messages::terminalOutputText(session.sessionId, session.projectPath, text, snapshot),
+                   [&] { return Messages::terminalOutput(session.sessionId, session.projectPath, text, snapshot); });
 }
 
 void TerminalSessionManager::stopReading(ManagedSession& session)
@@ -412,7 +412,7 @@ void TerminalSessionManager::resumeAll()
 
 void TerminalSessionManager::configurePtyForRemoteInput(int fd)
 {
-    termios attributes {};
+    termios attributes{};
     if (::tcgetattr(fd, &attributes) != 0) {
         m_diag(QStringLiteral("terminal.pty tcgetattr failed: ") + errnoText());
         return;
@@ -473,7 +473,7 @@ bool TerminalSessionManager::writeAll(const QByteArray& data, int fd, QString* e
             continue;
         if (errno == EAGAIN || errno == EWOULDBLOCK) {
             // The terminal's input queue is full: wait a little for the shell to read.
-            pollfd ready {fd, POLLOUT, 0};
+            pollfd ready{fd, POLLOUT, 0};
             if (::poll(&ready, 1, kWriteTimeoutMilliseconds) > 0)
                 continue;
             errno = EAGAIN;
@@ -518,7 +518,8 @@ void TerminalSessionManager::sendInput(const QString& sessionId, const QString& 
         configurePtyForRemoteInput(session->masterFD);
     QString error;
     if (!writeAll(decoded.decoded, session->masterFD, &error))
-        return sendError(session->sessionId, session->projectPath, QStringLiteral("Failed to write to terminal session: ") + error);
+        return sendError(session->sessionId, session->projectPath,
+                         QStringLiteral("Failed to write to terminal session: ") + error);
     updateCurrentDirectoryIfNeeded(decoded.decoded, session->sessionId);
     touch(session->sessionId);
 }
@@ -540,7 +541,8 @@ void TerminalSessionManager::complete(const QString& sessionId, const QString& l
     const PathCompletion::Completion completion =
         PathCompletion::pathCompletion(line, qsizetype(cursor), session->currentDirectory, QDir::homePath());
     m_sendEvent(Messages::terminalCompletion(session->sessionId, session->projectPath, completion.replacementStart,
-                                             completion.replacementEnd, completion.replacement, completion.suggestions));
+                                             completion.replacementEnd, completion.replacement,
+                                             completion.suggestions));
 }
 
 void TerminalSessionManager::resize(const QString& sessionId, qint64 cols, qint64 rows)
@@ -552,11 +554,12 @@ void TerminalSessionManager::resize(const QString& sessionId, qint64 cols, qint6
     if (cols >= 65536 || rows >= 65536)
         return sendError(session->sessionId, session->projectPath,
                          QStringLiteral("Failed to resize terminal session: columns and rows must be below 65536"));
-    winsize window {};
+    winsize window{};
     window.ws_col = static_cast<unsigned short>(std::max<qint64>(cols, 1));
     window.ws_row = static_cast<unsigned short>(std::max<qint64>(rows, 1));
     if (::ioctl(session->masterFD, TIOCSWINSZ, &window) != 0)
-        return sendError(session->sessionId, session->projectPath, QStringLiteral("Failed to resize terminal session: ") + errnoText());
+        return sendError(session->sessionId, session->projectPath,
+                         QStringLiteral("Failed to resize terminal session: ") + errnoText());
     touch(session->sessionId);
     // The message reports what was asked (floored at 0), not the window applied.
     m_sendEvent(Messages::terminalStatus(session->sessionId, session->projectPath, std::max<qint64>(cols, 0),

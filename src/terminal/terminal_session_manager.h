@@ -36,9 +36,8 @@ public:
     static constexpr int kKillGraceMilliseconds = 3000;
 
     TerminalSessionManager(std::function<AgentProfile()> profileProvider,
-                           std::function<void(const QJsonObject&)> sendEvent,
-                           std::function<void(const QString&)> diag, OutgoingFlow* flow,
-                           QObject* parent = nullptr);
+                           std::function<void(const QJsonObject&)> sendEvent, std::function<void(const QString&)> diag,
+                           OutgoingFlow* flow, QObject* parent = nullptr);
     ~TerminalSessionManager() override;
 
     void open(const QString& sessionId, const QString& projectPath, const QString& mode, bool replace,

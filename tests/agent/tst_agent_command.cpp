@@ -64,8 +64,7 @@ private Q_SLOTS:
 
     void frameThatIsNotJsonFailsToDecode()
     {
-        QCOMPARE(decodeError("hello"),
-                 QStringLiteral("frame is not valid JSON: illegal value"));
+        QCOMPARE(decodeError("hello"), QStringLiteral("frame is not valid JSON: illegal value"));
         QCOMPARE(decodeError("[1,2]"), QStringLiteral("frame is not a JSON object"));
         QCOMPARE(decodeError(R"({"taskId":"t"})"), QStringLiteral("frame has no string \"type\""));
         QCOMPARE(decodeError(R"({"type":7})"), QStringLiteral("frame has no string \"type\""));
@@ -103,11 +102,11 @@ private Q_SLOTS:
 
     void timeoutSecAsStringOrAbsentIs1200()
     {
-        QCOMPARE(TaskAssignment::from(decoded(
-                     R"({"type":"task.assign","taskId":"t","payload":{"timeoutSec":"30"}})"))->timeoutSec,
+        QCOMPARE(TaskAssignment::from(decoded(R"({"type":"task.assign","taskId":"t","payload":{"timeoutSec":"30"}})"))
+                     ->timeoutSec,
                  qint64(1200));
-        QCOMPARE(TaskAssignment::from(decoded(
-                     R"({"type":"task.assign","taskId":"t","payload":{"timeoutSec":30.7}})"))->timeoutSec,
+        QCOMPARE(TaskAssignment::from(decoded(R"({"type":"task.assign","taskId":"t","payload":{"timeoutSec":30.7}})"))
+                     ->timeoutSec,
                  qint64(30));
     }
 
@@ -146,8 +145,7 @@ private Q_SLOTS:
         QFETCH(QByteArray, replace);
         QFETCH(bool, expected);
         const QByteArray member = replace.isEmpty() ? QByteArray() : ",\"replace\":" + replace;
-        const AgentCommand command =
-            decoded(R"({"type":"terminal.open","payload":{"sessionId":"s")" + member + "}}");
+        const AgentCommand command = decoded(R"({"type":"terminal.open","payload":{"sessionId":"s")" + member + "}}");
         QCOMPARE(terminalReplaceFlag(command), expected);
     }
 };

@@ -20,9 +20,9 @@ private Q_SLOTS:
 
     void httpsGivesWssAndKeepsHostAndPort()
     {
-        QCOMPARE(agentSocketURL(QStringLiteral("https://relay.example:9443/ignored?x=1"), QStringLiteral("a b"))
-                     ->toString(),
-                 QStringLiteral("wss://relay.example:9443/v1/ws/agent?agentId=a b"));
+        QCOMPARE(
+            agentSocketURL(QStringLiteral("https://relay.example:9443/ignored?x=1"), QStringLiteral("a b"))->toString(),
+            QStringLiteral("wss://relay.example:9443/v1/ws/agent?agentId=a b"));
         QCOMPARE(agentSocketURL(QStringLiteral("HTTPS://h"), QStringLiteral("x"))->scheme(), QStringLiteral("wss"));
         QCOMPARE(agentSocketURL(QStringLiteral("ftp://h:1"), QStringLiteral("x"))->scheme(), QStringLiteral("ws"));
     }
@@ -99,10 +99,9 @@ private Q_SLOTS:
         f.server.sendText(QStringLiteral("this is not json"));
         QVERIFY(f.server.waitForConnections(2));
         QVERIFY(f.server.waitFor([](const QJsonObject& m) { return m.value("type") == "agent.register"; }, 5000, 1));
-        QCOMPARE(f.statuses,
-                 (QStringList{QStringLiteral("Connected as test-agent"),
-                              QStringLiteral("Disconnected: frame is not valid JSON: illegal value"),
-                              QStringLiteral("Connected as test-agent")}));
+        QCOMPARE(f.statuses, (QStringList{QStringLiteral("Connected as test-agent"),
+                                          QStringLiteral("Disconnected: frame is not valid JSON: illegal value"),
+                                          QStringLiteral("Connected as test-agent")}));
     }
 
     void unknownTypeGetsNoReplyAndChangesNothing()
@@ -167,8 +166,8 @@ private Q_SLOTS:
         QVERIFY(f.connect());
         f.settings.setValue(QStringLiteral("createProjectRoot"), QStringLiteral("/new/root"));
         f.runtime->reloadConfiguration();
-        const std::optional<QJsonObject> second = f.server.waitFor(
-            [](const QJsonObject& m) { return m.value("type") == "agent.register"; }, 5000, 1);
+        const std::optional<QJsonObject> second =
+            f.server.waitFor([](const QJsonObject& m) { return m.value("type") == "agent.register"; }, 5000, 1);
         QVERIFY(second);
         QCOMPARE(second->value(QStringLiteral("createProjectRoot")).toString(), QStringLiteral("/new/root"));
     }

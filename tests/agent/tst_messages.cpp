@@ -20,8 +20,7 @@ QStringList shape(const QJsonObject& message)
         case QJsonValue::String: kind = QStringLiteral("string"); break;
         case QJsonValue::Bool: kind = QStringLiteral("bool"); break;
         case QJsonValue::Double:
-            kind = value.toVariant().typeId() == QMetaType::LongLong ? QStringLiteral("int")
-                                                                      : QStringLiteral("double");
+            kind = value.toVariant().typeId() == QMetaType::LongLong ? QStringLiteral("int") : QStringLiteral("double");
             break;
         case QJsonValue::Array: kind = QStringLiteral("array"); break;
         case QJsonValue::Object: kind = QStringLiteral("object"); break;
@@ -39,8 +38,11 @@ QStringList shape(const QJsonObject& message)
 
 Messages::Proposal sampleProposal()
 {
-    return {QStringLiteral("P-1"), QStringLiteral("sum"), QStringLiteral("why"),
-            QStringLiteral("diff --git a/x b/x"), {QStringLiteral("x"), QStringLiteral("y")}};
+    return {QStringLiteral("P-1"),
+            QStringLiteral("sum"),
+            QStringLiteral("why"),
+            QStringLiteral("diff --git a/x b/x"),
+            {QStringLiteral("x"), QStringLiteral("y")}};
 }
 
 } // namespace
@@ -74,8 +76,7 @@ private Q_SLOTS:
     void createProjectRootIsAStringNeverNull()
     {
         AgentProfile profile;
-        QCOMPARE(Messages::agentRegister(profile).value(QStringLiteral("createProjectRoot")),
-                 QJsonValue(QString()));
+        QCOMPARE(Messages::agentRegister(profile).value(QStringLiteral("createProjectRoot")), QJsonValue(QString()));
         profile.createProjectRoot = QStringLiteral("/new");
         QCOMPARE(Messages::agentRegister(profile).value(QStringLiteral("createProjectRoot")),
                  QJsonValue(QStringLiteral("/new")));
@@ -98,44 +99,52 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("expected");
         const QString t = QStringLiteral("T1");
         QTest::newRow("task.heartbeat") << Messages::taskHeartbeat(t)
-            << QStringList{"taskId:string=T1", "type:string=task.heartbeat"};
+                                        << QStringList{"taskId:string=T1", "type:string=task.heartbeat"};
         QTest::newRow("task.started") << Messages::taskStarted(t)
-            << QStringList{"taskId:string=T1", "type:string=task.started"};
+                                      << QStringList{"taskId:string=T1", "type:string=task.started"};
         QTest::newRow("task.log") << Messages::taskLog(t, QStringLiteral("hello"))
-            << QStringList{"line:string=hello", "taskId:string=T1", "type:string=task.log"};
+                                  << QStringList{"line:string=hello", "taskId:string=T1", "type:string=task.log"};
         QTest::newRow("task.commentary") << Messages::taskCommentary(t, QStringLiteral("c"))
-            << QStringList{"replace:bool=true", "taskId:string=T1", "text:string=c", "type:string=task.commentary"};
+                                         << QStringList{"replace:bool=true", "taskId:string=T1", "text:string=c",
+                                                        "type:string=task.commentary"};
         QTest::newRow("task.chat.chunk") << Messages::taskChatChunk(t, QStringLiteral("C"), QStringLiteral("x"))
-            << QStringList{"chunk:string=x", "conversationId:string=C", "taskId:string=T1", "type:string=task.chat.chunk"};
+                                         << QStringList{"chunk:string=x", "conversationId:string=C", "taskId:string=T1",
+                                                        "type:string=task.chat.chunk"};
         QTest::newRow("task.chat.final") << Messages::taskChatFinal(t, QStringLiteral("C"), QStringLiteral("done"))
-            << QStringList{"conversationId:string=C", "taskId:string=T1", "text:string=done", "type:string=task.chat.final"};
-        QTest::newRow("task.chat.error")
-            << Messages::taskChatError(t, QStringLiteral("C"), QStringLiteral("command exited with status 2"))
-            << QStringList{"conversationId:string=C", "message:string=command exited with status 2",
-                           "taskId:string=T1", "type:string=task.chat.error"};
+                                         << QStringList{"conversationId:string=C", "taskId:string=T1",
+                                                        "text:string=done", "type:string=task.chat.final"};
+        QTest::newRow("task.chat.error") << Messages::taskChatError(t, QStringLiteral("C"),
+                                                                    QStringLiteral("command exited with status 2"))
+                                         << QStringList{"conversationId:string=C",
+                                                        "message:string=command exited with status 2",
+                                                        "taskId:string=T1", "type:string=task.chat.error"};
         QTest::newRow("task.finished") << Messages::taskFinished(t)
-            << QStringList{"exitCode:int=0", "taskId:string=T1", "type:string=task.finished"};
-        QTest::newRow("task.failed")
-            << Messages::taskFailed(t, QStringLiteral("agent is busy"), QStringLiteral("AGENT_BUSY"), 1)
-            << QStringList{"error:string=agent is busy", "errorCode:string=AGENT_BUSY", "exitCode:int=1",
-                           "taskId:string=T1", "type:string=task.failed"};
+                                       << QStringList{"exitCode:int=0", "taskId:string=T1",
+                                                      "type:string=task.finished"};
+        QTest::newRow("task.failed") << Messages::taskFailed(t, QStringLiteral("agent is busy"),
+                                                             QStringLiteral("AGENT_BUSY"), 1)
+                                     << QStringList{"error:string=agent is busy", "errorCode:string=AGENT_BUSY",
+                                                    "exitCode:int=1", "taskId:string=T1", "type:string=task.failed"};
         QTest::newRow("task.cancelled") << Messages::taskCancelled(t, 130)
-            << QStringList{"exitCode:int=130", "taskId:string=T1", "type:string=task.cancelled"};
-        QTest::newRow("task.progress")
-            << Messages::taskProgress(t, QStringLiteral("prepare"), QStringLiteral("Preparing proposed changes"), 5)
-            << QStringList{"message:string=Preparing proposed changes", "percent:int=5", "phase:string=prepare",
-                           "taskId:string=T1", "type:string=task.progress"};
-        QTest::newRow("task.artifact")
-            << Messages::taskArtifact(t, QStringLiteral("prompt"), QStringLiteral("p"), QStringLiteral("text/plain"))
-            << QStringList{"kind:string=prompt", "mimeType:string=text/plain", "summary:string=p",
-                           "taskId:string=T1", "type:string=task.artifact"};
-        const QStringList proposal{"proposalCommentary:string=why", "proposalDiff:string=diff --git a/x b/x",
+                                        << QStringList{"exitCode:int=130", "taskId:string=T1",
+                                                       "type:string=task.cancelled"};
+        QTest::newRow("task.progress") << Messages::taskProgress(t, QStringLiteral("prepare"),
+                                                                 QStringLiteral("Preparing proposed changes"), 5)
+                                       << QStringList{"message:string=Preparing proposed changes", "percent:int=5",
+                                                      "phase:string=prepare", "taskId:string=T1",
+                                                      "type:string=task.progress"};
+        QTest::newRow("task.artifact") << Messages::taskArtifact(t, QStringLiteral("prompt"), QStringLiteral("p"),
+                                                                 QStringLiteral("text/plain"))
+                                       << QStringList{"kind:string=prompt", "mimeType:string=text/plain",
+                                                      "summary:string=p", "taskId:string=T1",
+                                                      "type:string=task.artifact"};
+        const QStringList proposal{"proposalCommentary:string=why",    "proposalDiff:string=diff --git a/x b/x",
                                    R"(proposalFiles:array=["x","y"])", "proposalId:string=P-1",
-                                   "proposalSummary:string=sum", "taskId:string=T1"};
+                                   "proposalSummary:string=sum",       "taskId:string=T1"};
         QTest::newRow("task.proposal_ready") << Messages::taskProposalReady(t, sampleProposal())
-            << (proposal + QStringList{"type:string=task.proposal_ready"});
+                                             << (proposal + QStringList{"type:string=task.proposal_ready"});
         QTest::newRow("task.awaiting_approval") << Messages::taskAwaitingApproval(t, sampleProposal())
-            << (proposal + QStringList{"type:string=task.awaiting_approval"});
+                                                << (proposal + QStringList{"type:string=task.awaiting_approval"});
     }
     void taskMessages()
     {
@@ -186,38 +195,47 @@ private Q_SLOTS:
         const QString s = QStringLiteral("S");
         const QString p = QStringLiteral("/p");
         const QStringList common{"projectPath:string=/p", "sessionId:string=S"};
-        QTest::newRow("terminal.opened interactive") << Messages::terminalOpened(s, p, true)
+        QTest::newRow("terminal.opened interactive")
+            << Messages::terminalOpened(s, p, true)
             << QStringList{"mode:string=interactive", "projectPath:string=/p", "sessionId:string=S",
                            "status:string=running", "type:string=terminal.opened"};
-        QTest::newRow("terminal.opened line mode") << Messages::terminalOpened(s, p, false)
+        QTest::newRow("terminal.opened line mode")
+            << Messages::terminalOpened(s, p, false)
             << (common + QStringList{"status:string=running", "type:string=terminal.opened"});
-        QTest::newRow("terminal.opened on attach") << Messages::terminalAttached(s, p)
+        QTest::newRow("terminal.opened on attach")
+            << Messages::terminalAttached(s, p)
             << (common + QStringList{"status:string=running", "type:string=terminal.opened"});
         QTest::newRow("terminal.output") << Messages::terminalOutput(s, p, QStringLiteral("hi\n"))
-            << QStringList{"data:string=hi\n", "projectPath:string=/p", "sessionId:string=S",
+                                         << QStringList{"data:string=hi\n", "projectPath:string=/p",
+                                                        "sessionId:string=S", "type:string=terminal.output"};
+        QTest::newRow("terminal.output snapshot")
+            << Messages::terminalOutput(s, p, QStringLiteral("x"), true)
+            << QStringList{"data:string=x", "projectPath:string=/p", "sessionId:string=S", "snapshot:bool=true",
                            "type:string=terminal.output"};
-        QTest::newRow("terminal.output snapshot") << Messages::terminalOutput(s, p, QStringLiteral("x"), true)
-            << QStringList{"data:string=x", "projectPath:string=/p", "sessionId:string=S",
-                           "snapshot:bool=true", "type:string=terminal.output"};
         QTest::newRow("terminal.status") << Messages::terminalStatus(s, p, 80, 24)
-            << QStringList{"message:string=Terminal ready (80x24)", "projectPath:string=/p", "sessionId:string=S",
-                           "status:string=running", "type:string=terminal.status"};
+                                         << QStringList{"message:string=Terminal ready (80x24)",
+                                                        "projectPath:string=/p", "sessionId:string=S",
+                                                        "status:string=running", "type:string=terminal.status"};
         QTest::newRow("terminal.completion")
             << Messages::terminalCompletion(s, p, 3, 6, QStringLiteral("Doc"),
                                             {QStringLiteral("Docker.txt"), QStringLiteral("Documents/")})
-            << QStringList{"projectPath:string=/p", "replacement:string=Doc", "replacementEnd:int=6",
-                           "replacementStart:int=3", "sessionId:string=S",
-                           R"(suggestions:array=["Docker.txt","Documents/"])", "type:string=terminal.completion"};
+            << QStringList{"projectPath:string=/p",
+                           "replacement:string=Doc",
+                           "replacementEnd:int=6",
+                           "replacementStart:int=3",
+                           "sessionId:string=S",
+                           R"(suggestions:array=["Docker.txt","Documents/"])",
+                           "type:string=terminal.completion"};
         QTest::newRow("terminal.closed") << Messages::terminalClosed(s, p, 137)
-            << QStringList{"exitCode:int=137", "projectPath:string=/p", "sessionId:string=S",
-                           "type:string=terminal.closed"};
-        QTest::newRow("terminal.closed without process") << Messages::terminalClosed(s, p, std::nullopt)
-            << (common + QStringList{"type:string=terminal.closed"});
-        QTest::newRow("terminal.error")
-            << Messages::terminalError(s, p, QStringLiteral("Terminal session not found."))
-            << QStringList{"error:string=Terminal session not found.",
-                           "message:string=Terminal session not found.", "projectPath:string=/p",
-                           "sessionId:string=S", "type:string=terminal.error"};
+                                         << QStringList{"exitCode:int=137", "projectPath:string=/p",
+                                                        "sessionId:string=S", "type:string=terminal.closed"};
+        QTest::newRow("terminal.closed without process")
+            << Messages::terminalClosed(s, p, std::nullopt) << (common + QStringList{"type:string=terminal.closed"});
+        QTest::newRow("terminal.error") << Messages::terminalError(s, p, QStringLiteral("Terminal session not found."))
+                                        << QStringList{"error:string=Terminal session not found.",
+                                                       "message:string=Terminal session not found.",
+                                                       "projectPath:string=/p", "sessionId:string=S",
+                                                       "type:string=terminal.error"};
     }
     void terminalMessages()
     {

@@ -20,8 +20,8 @@ QJsonObject shellTask(const QString& taskId, const QString& command)
 {
     return {{QStringLiteral("type"), QStringLiteral("task.assign")},
             {QStringLiteral("taskId"), taskId},
-            {QStringLiteral("payload"), QJsonObject{{QStringLiteral("action"), QStringLiteral("shell")},
-                                                    {QStringLiteral("command"), command}}}};
+            {QStringLiteral("payload"),
+             QJsonObject{{QStringLiteral("action"), QStringLiteral("shell")}, {QStringLiteral("command"), command}}}};
 }
 
 } // namespace
@@ -42,7 +42,8 @@ private Q_SLOTS:
         QVERIFY(server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t1")));
         QCOMPARE(server.trace().split(QLatin1Char('\n')).mid(1),
                  (QStringList{QStringLiteral("task.log workspace.resolve action=shell requestedProjectPath= "
-                                             "resolvedWorkingDir=") + agent.repo.path(),
+                                             "resolvedWorkingDir=") +
+                                  agent.repo.path(),
                               QStringLiteral(R"({"taskId":"t1","type":"task.started"})"),
                               QStringLiteral("task.log hello"), QStringLiteral("task.log "),
                               QStringLiteral(R"({"exitCode":0,"taskId":"t1","type":"task.finished"})")}));
@@ -70,10 +71,14 @@ private Q_SLOTS:
         // What the fake `claude` prints: an init line, the answer growing in two
         // cumulative assistant events, and the result.
         test::writeFile(fake.path() + QStringLiteral("/claude.stream"),
-                        R"({"type":"system","subtype":"init","session_id":"s1"})" "\n"
-                        R"({"type":"assistant","message":{"content":[{"type":"text","text":"Two"}]}})" "\n"
-                        R"({"type":"assistant","message":{"content":[{"type":"text","text":"Two files."}]}})" "\n"
-                        R"({"type":"result","subtype":"success","is_error":false,"result":"Two files."})" "\n");
+                        R"({"type":"system","subtype":"init","session_id":"s1"})"
+                        "\n"
+                        R"({"type":"assistant","message":{"content":[{"type":"text","text":"Two"}]}})"
+                        "\n"
+                        R"({"type":"assistant","message":{"content":[{"type":"text","text":"Two files."}]}})"
+                        "\n"
+                        R"({"type":"result","subtype":"success","is_error":false,"result":"Two files."})"
+                        "\n");
         AgentProcess agent;
         QDir().mkpath(agent.repo.path() + QStringLiteral("/App"));
         QProcessEnvironment extra;
@@ -84,22 +89,29 @@ private Q_SLOTS:
         agent.start(server.serverURL(), extra);
         QVERIFY(server.waitForType(QStringLiteral("agent.register")));
 
-        server.send({{QStringLiteral("type"), QStringLiteral("task.assign")},
-                     {QStringLiteral("taskId"), QStringLiteral("chat-1")},
-                     {QStringLiteral("payload"), QJsonObject{{QStringLiteral("action"), QStringLiteral("chat")},
-                                                             {QStringLiteral("system"), QStringLiteral("claude")},
-                                                             {QStringLiteral("projectPath"), QStringLiteral("App")},
-                                                             {QStringLiteral("prompt"), QStringLiteral("How many files?")},
-                                                             {QStringLiteral("conversationId"), QStringLiteral("conv-7")}}}});
+        server.send(
+            {{QStringLiteral("type"), QStringLiteral("task.assign")},
+             {QStringLiteral("taskId"), QStringLiteral("chat-1")},
+             {QStringLiteral("payload"), QJsonObject{{QStringLiteral("action"), QStringLiteral("chat")},
+                                                     {QStringLiteral("system"), QStringLiteral("claude")},
+                                                     {QStringLiteral("projectPath"), QStringLiteral("App")},
+                                                     {QStringLiteral("prompt"), QStringLiteral("How many files?")},
+                                                     {QStringLiteral("conversationId"), QStringLiteral("conv-7")}}}});
         QVERIFY(server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("chat-1")));
-        QCOMPARE(server.trace().split(QLatin1Char('\n')).mid(1),
-                 (QStringList{QStringLiteral("task.log workspace.resolve action=chat requestedProjectPath=App "
-                                             "resolvedWorkingDir=") + agent.repo.path() + QStringLiteral("/App"),
-                              QStringLiteral(R"({"taskId":"chat-1","type":"task.started"})"),
-                              QStringLiteral(R"({"chunk":"Two","conversationId":"conv-7","taskId":"chat-1","type":"task.chat.chunk"})"),
-                              QStringLiteral(R"({"chunk":" files.","conversationId":"conv-7","taskId":"chat-1","type":"task.chat.chunk"})"),
-                              QStringLiteral(R"({"conversationId":"conv-7","taskId":"chat-1","text":"Two files.","type":"task.chat.final"})"),
-                              QStringLiteral(R"({"exitCode":0,"taskId":"chat-1","type":"task.finished"})")}));
+        QCOMPARE(
+            server.trace().split(QLatin1Char('\n')).mid(1),
+            (QStringList{
+                QStringLiteral("task.log workspace.resolve action=chat requestedProjectPath=App "
+                               "resolvedWorkingDir=") +
+                    agent.repo.path() + QStringLiteral("/App"),
+                QStringLiteral(R"({"taskId":"chat-1","type":"task.started"})"),
+                QStringLiteral(
+                    R"({"chunk":"Two","conversationId":"conv-7","taskId":"chat-1","type":"task.chat.chunk"})"),
+                QStringLiteral(
+                    R"({"chunk":" files.","conversationId":"conv-7","taskId":"chat-1","type":"task.chat.chunk"})"),
+                QStringLiteral(
+                    R"({"conversationId":"conv-7","taskId":"chat-1","text":"Two files.","type":"task.chat.final"})"),
+                QStringLiteral(R"({"exitCode":0,"taskId":"chat-1","type":"task.finished"})")}));
         // Without an approval tool Claude runs without permission prompts, in a new session.
         QCOMPARE(fakeToolArguments(fake.path(), QStringLiteral("claude"), 1).mid(0, 4),
                  (QStringList{QStringLiteral("--session-id"), QStringLiteral("351c4514-b54d-5e04-ae70-6cc4757a966a"),

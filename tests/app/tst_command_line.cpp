@@ -70,10 +70,9 @@ private Q_SLOTS:
         const QJsonObject profile = report.value(QStringLiteral("profile")).toObject();
         QCOMPARE(profile.value(QStringLiteral("profileId")).toString(), QStringLiteral("ios-local"));
         QCOMPARE(profile.keys(),
-                 (QStringList{"actions", "aiApplyTemplate", "aiPlanTemplate", "buildTemplate",
-                              "claudeChatTemplate", "codexChatTemplate", "createProjectRoot",
-                              "mcpApproverPath", "profileId", "projects", "repoRoot",
-                              "terminalChatTemplate"}));
+                 (QStringList{"actions", "aiApplyTemplate", "aiPlanTemplate", "buildTemplate", "claudeChatTemplate",
+                              "codexChatTemplate", "createProjectRoot", "mcpApproverPath", "profileId", "projects",
+                              "repoRoot", "terminalChatTemplate"}));
 
         // A second run keeps the stored token.
         const Run again = runAgent({QStringLiteral("--print-profile")}, configHome.path());

@@ -39,22 +39,21 @@ private Q_SLOTS:
 
     void firstUpNonLoopbackIPv4Wins()
     {
-        QCOMPARE(Pairing::currentLANIPv4Address({address(true, true, true, "127.0.0.1"), address(false, false, true, "10.0.0.9"),
-                                                 address(true, false, false, "fe80::1"), address(true, false, true, "127.0.0.1"),
-                                                 address(true, false, true, "192.168.1.20"), address(true, false, true, "10.0.0.5")}),
+        QCOMPARE(Pairing::currentLANIPv4Address(
+                     {address(true, true, true, "127.0.0.1"), address(false, false, true, "10.0.0.9"),
+                      address(true, false, false, "fe80::1"), address(true, false, true, "127.0.0.1"),
+                      address(true, false, true, "192.168.1.20"), address(true, false, true, "10.0.0.5")}),
                  std::optional<QString>(QStringLiteral("192.168.1.20")));
     }
 
-    void systemListIsReadable()
-    {
-        QVERIFY(!Pairing::systemInterfaceAddresses().empty());
-    }
+    void systemListIsReadable() { QVERIFY(!Pairing::systemInterfaceAddresses().empty()); }
 
     void payloadNeedsAnAddressAndAToken()
     {
         MemorySettingsStore settings;
         settings.setValue(QStringLiteral("serverPort"), 8081);
-        QCOMPARE(Pairing::currentPairingPayload(settings, QStringLiteral("Dev Mac Mini"), QStringLiteral("10.1.2.3")), std::nullopt);
+        QCOMPARE(Pairing::currentPairingPayload(settings, QStringLiteral("Dev Mac Mini"), QStringLiteral("10.1.2.3")),
+                 std::nullopt);
         settings.setValue(QStringLiteral("token"), QStringLiteral("tok"));
         QCOMPARE(Pairing::currentPairingPayload(settings, QStringLiteral("Dev Mac Mini"), std::nullopt), std::nullopt);
         const std::optional<PairingPayload> payload =
@@ -64,18 +63,24 @@ private Q_SLOTS:
         QCOMPARE(payload->serverURL, QStringLiteral("http://10.1.2.3:8081"));
         QCOMPARE(payload->agentId, QStringLiteral("dev-mac-mini"));
         QCOMPARE(payload->token, QStringLiteral("tok"));
-        QCOMPARE(payload->encoded(),
-                 QByteArray("{\"name\":\"Dev Mac Mini\",\"serverURL\":\"http://10.1.2.3:8081\",\"agentId\":\"dev-mac-mini\",\"token\":\"tok\"}"));
+        QCOMPARE(
+            payload->encoded(),
+            QByteArray(
+                "{\"name\":\"Dev Mac Mini\",\"serverURL\":\"http://10.1.2.3:8081\",\"agentId\":\"dev-mac-mini\",\"token\":\"tok\"}"));
         settings.setValue(QStringLiteral("agentId"), QStringLiteral("stored"));
-        QCOMPARE(Pairing::currentPairingPayload(settings, QString(), QStringLiteral("10.1.2.3"))->agentId, QStringLiteral("stored"));
-        QCOMPARE(Pairing::currentPairingPayload(settings, QString(), QStringLiteral("10.1.2.3"))->name, QStringLiteral("My Mac"));
+        QCOMPARE(Pairing::currentPairingPayload(settings, QString(), QStringLiteral("10.1.2.3"))->agentId,
+                 QStringLiteral("stored"));
+        QCOMPARE(Pairing::currentPairingPayload(settings, QString(), QStringLiteral("10.1.2.3"))->name,
+                 QStringLiteral("My Mac"));
     }
 
     void payloadRoundTripsThroughJsonWithExactlyFourKeys()
     {
-        const PairingPayload payload{QStringLiteral("n \"q\""), QStringLiteral("http://h:1"), QStringLiteral("a"), QStringLiteral("t")};
+        const PairingPayload payload{QStringLiteral("n \"q\""), QStringLiteral("http://h:1"), QStringLiteral("a"),
+                                     QStringLiteral("t")};
         QCOMPARE(QJsonDocument::fromJson(payload.encoded()).object().keys(),
-                 (QStringList{QStringLiteral("agentId"), QStringLiteral("name"), QStringLiteral("serverURL"), QStringLiteral("token")}));
+                 (QStringList{QStringLiteral("agentId"), QStringLiteral("name"), QStringLiteral("serverURL"),
+                              QStringLiteral("token")}));
         const std::optional<PairingPayload> back = PairingPayload::decode(payload.encoded());
         QVERIFY(back);
         QCOMPARE(back->name, payload.name);
@@ -143,7 +148,8 @@ private Q_SLOTS:
         QCOMPARE(controller.toggleLaunchAtLogin(), std::nullopt);
         QVERIFY(controller.launchAtLogin());
         QVERIFY(QFileInfo::exists(entry));
-        QVERIFY(QString::fromUtf8(test::readFile(entry)).contains(QStringLiteral("Exec=\"/opt/it's \\\"here\\\"/BrinmoorMacAgent\"\n")));
+        QVERIFY(QString::fromUtf8(test::readFile(entry))
+                    .contains(QStringLiteral("Exec=\"/opt/it's \\\"here\\\"/BrinmoorMacAgent\"\n")));
         QCOMPARE(controller.toggleLaunchAtLogin(), std::nullopt);
         QVERIFY(!controller.launchAtLogin());
         QVERIFY(!QFileInfo::exists(entry));
@@ -158,10 +164,11 @@ private Q_SLOTS:
         MemorySettingsStore settings;
         Machine machine;
         machine.currentDirectory = dir.path();
-        AgentStatusController controller(settings, {{QStringLiteral("XDG_CONFIG_HOME"), dir.path() + QStringLiteral("/config")}},
-                                          machine);
+        AgentStatusController controller(
+            settings, {{QStringLiteral("XDG_CONFIG_HOME"), dir.path() + QStringLiteral("/config")}}, machine);
         const std::optional<QString> error = controller.toggleLaunchAtLogin();
-        QCOMPARE(error, std::optional<QString>(QStringLiteral("cannot create ") + dir.path() + QStringLiteral("/config/autostart")));
+        QCOMPARE(error, std::optional<QString>(QStringLiteral("cannot create ") + dir.path() +
+                                               QStringLiteral("/config/autostart")));
         QVERIFY(!controller.launchAtLogin());
     }
 
@@ -233,16 +240,20 @@ private Q_SLOTS:
         machine.executablePath = dir.path() + QStringLiteral("/BrinmoorMacAgent");
         QStringList seen; // outlives the controller, which reports while it stops
         AgentStatusController controller(settings, {}, machine);
-        connect(&controller, &AgentStatusController::serverStatusChanged, this, [&](const QString& t) { seen.append(QStringLiteral("server ") + t); });
-        connect(&controller, &AgentStatusController::runtimeStatusChanged, this, [&](const QString& t) { seen.append(QStringLiteral("agent ") + t); });
+        connect(&controller, &AgentStatusController::serverStatusChanged, this,
+                [&](const QString& t) { seen.append(QStringLiteral("server ") + t); });
+        connect(&controller, &AgentStatusController::runtimeStatusChanged, this,
+                [&](const QString& t) { seen.append(QStringLiteral("agent ") + t); });
         controller.didWake();
         QCOMPARE(seen.mid(0, 2), (QStringList{QStringLiteral("agent Waking"), QStringLiteral("server Reconnecting")}));
         QVERIFY(waitUntil([&] { return seen.contains(QStringLiteral("server Bundled server not found")); }));
         QCOMPARE(settings.integer(QStringLiteral("serverPort")), std::optional<qint64>(free));
-        QCOMPARE(settings.string(QStringLiteral("serverURL")), std::optional<QString>(QStringLiteral("http://127.0.0.1:%1").arg(free)));
+        QCOMPARE(settings.string(QStringLiteral("serverURL")),
+                 std::optional<QString>(QStringLiteral("http://127.0.0.1:%1").arg(free)));
         seen.clear();
         controller.refreshConnection();
-        QCOMPARE(seen.mid(0, 2), (QStringList{QStringLiteral("server Refreshing"), QStringLiteral("agent Refreshing")}));
+        QCOMPARE(seen.mid(0, 2),
+                 (QStringList{QStringLiteral("server Refreshing"), QStringLiteral("agent Refreshing")}));
         controller.willSleep();
         QCOMPARE(controller.detailsTitle(), QStringLiteral("Agent: Sleeping"));
         controller.stopAgent();

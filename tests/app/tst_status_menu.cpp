@@ -53,16 +53,27 @@ private Q_SLOTS:
         StatusMenu menu(*setup->controller);
         const QString tooltip = QStringLiteral("Server URL: http://127.0.0.1:8080\nAgent ID: mini\nToken: tok");
         QCOMPARE(StatusMenu::describe(*menu.menu()),
-                 (QStringList{QStringLiteral("Server: Starting [disabled]"), QStringLiteral("Agent: Starting [disabled]"),
+                 (QStringList{QStringLiteral("Server: Starting [disabled]"),
+                              QStringLiteral("Agent: Starting [disabled]"),
                               QStringLiteral("LAN: Unavailable [disabled] (") + tooltip + QLatin1Char(')'),
-                              QStringLiteral("Projects: Not set [disabled]"), QStringLiteral("Configured Projects"),
+                              QStringLiteral("Projects: Not set [disabled]"),
+                              QStringLiteral("Configured Projects"),
                               QStringLiteral("  No projects configured [disabled]"),
-                              QStringLiteral("New Project Folder: Not set [disabled]"), QStringLiteral("---"),
-                              QStringLiteral("Add Project Folders..."), QStringLiteral("Set New Project Folder..."),
-                              QStringLiteral("Clear All Projects [disabled]"), QStringLiteral("Clear New Project Folder [disabled]"),
-                              QStringLiteral("---"), QStringLiteral("Show Pairing Code…"), QStringLiteral("Refresh Connection"),
-                              QStringLiteral("Open at Login"), QStringLiteral("---"), QStringLiteral("Start"), QStringLiteral("Stop"),
-                              QStringLiteral("---"), QStringLiteral("Quit")}));
+                              QStringLiteral("New Project Folder: Not set [disabled]"),
+                              QStringLiteral("---"),
+                              QStringLiteral("Add Project Folders..."),
+                              QStringLiteral("Set New Project Folder..."),
+                              QStringLiteral("Clear All Projects [disabled]"),
+                              QStringLiteral("Clear New Project Folder [disabled]"),
+                              QStringLiteral("---"),
+                              QStringLiteral("Show Pairing Code…"),
+                              QStringLiteral("Refresh Connection"),
+                              QStringLiteral("Open at Login"),
+                              QStringLiteral("---"),
+                              QStringLiteral("Start"),
+                              QStringLiteral("Stop"),
+                              QStringLiteral("---"),
+                              QStringLiteral("Quit")}));
     }
 
     void folderActionsAndTheCheckMark()
@@ -82,7 +93,10 @@ private Q_SLOTS:
         menu.chooseProjectFolders = [&] { return QStringList{project}; };
         trigger(QStringLiteral("Add Project Folders..."));
         QStringList lines = StatusMenu::describe(*menu.menu());
-        QCOMPARE(lines.at(2), QStringLiteral("LAN: http://10.1.2.3:8080 \u2022 mini [disabled] (Server URL: http://10.1.2.3:8080\nAgent ID: mini\nToken: tok)"));
+        QCOMPARE(
+            lines.at(2),
+            QStringLiteral(
+                "LAN: http://10.1.2.3:8080 \u2022 mini [disabled] (Server URL: http://10.1.2.3:8080\nAgent ID: mini\nToken: tok)"));
         QCOMPARE(lines.at(3), QStringLiteral("Projects: 1 [disabled] (") + project + QLatin1Char(')'));
         QCOMPARE(lines.at(5), QStringLiteral("  Alpha (") + project + QLatin1Char(')'));
         QVERIFY(lines.contains(QStringLiteral("Clear All Projects")));
@@ -100,8 +114,8 @@ private Q_SLOTS:
 
     void pairingPanelWithAPayload()
     {
-        const PairingPayload payload{QStringLiteral("Mini"), QStringLiteral("http://10.1.2.3:8080"), QStringLiteral("mini"),
-                                     QStringLiteral("0123456789abcdef0123456789abcdef")};
+        const PairingPayload payload{QStringLiteral("Mini"), QStringLiteral("http://10.1.2.3:8080"),
+                                     QStringLiteral("mini"), QStringLiteral("0123456789abcdef0123456789abcdef")};
         PairingPanel panel(payload, QStringLiteral("Server URL: x"));
         QCOMPARE(panel.windowTitle(), QStringLiteral("Wexlin Pairing"));
         QCOMPARE(panel.size(), QSize(420, 520));
@@ -121,8 +135,8 @@ private Q_SLOTS:
         const QString zbarimg = QStandardPaths::findExecutable(QStringLiteral("zbarimg"));
         if (zbarimg.isEmpty())
             QSKIP("zbarimg is not installed (scripts/setup installs zbar-tools)");
-        const PairingPayload payload{QStringLiteral("Mini"), QStringLiteral("http://10.1.2.3:8080"), QStringLiteral("mini"),
-                                     QStringLiteral("0123456789abcdef0123456789abcdef")};
+        const PairingPayload payload{QStringLiteral("Mini"), QStringLiteral("http://10.1.2.3:8080"),
+                                     QStringLiteral("mini"), QStringLiteral("0123456789abcdef0123456789abcdef")};
         const QImage image = qrImage(payload);
         QCOMPARE(image.size(), QSize(200, 200));
         const QString file = m_dir.path() + QStringLiteral("/qr.png");
@@ -133,14 +147,16 @@ private Q_SLOTS:
         const QByteArray decoded = zbar.readAllStandardOutput().trimmed();
         QCOMPARE(decoded, payload.encoded());
         QCOMPARE(QJsonDocument::fromJson(decoded).object().keys(),
-                 (QStringList{QStringLiteral("agentId"), QStringLiteral("name"), QStringLiteral("serverURL"), QStringLiteral("token")}));
+                 (QStringList{QStringLiteral("agentId"), QStringLiteral("name"), QStringLiteral("serverURL"),
+                              QStringLiteral("token")}));
     }
 
     void pairingPanelWithoutAPayload()
     {
         PairingPanel panel(std::nullopt, QStringLiteral("Token: "));
         QCOMPARE(panel.instructions()->text(),
-                 QStringLiteral("LAN IP was not detected. Use the connection details below and enter them manually on iPhone."));
+                 QStringLiteral(
+                     "LAN IP was not detected. Use the connection details below and enter them manually on iPhone."));
         QVERIFY(!panel.code());
         QVERIFY(panel.fallback());
         QCOMPARE(panel.fallback()->text(), QStringLiteral("QR unavailable"));

@@ -50,11 +50,12 @@ struct Approver {
     void send(const QByteArray& line) { process.write(line + '\n'); }
     void call(int id, const QJsonObject& arguments, const QString& tool = QStringLiteral("request_permission"))
     {
-        send(QJsonDocument(QJsonObject{{QStringLiteral("jsonrpc"), QStringLiteral("2.0")},
-                                       {QStringLiteral("id"), id},
-                                       {QStringLiteral("method"), QStringLiteral("tools/call")},
-                                       {QStringLiteral("params"), QJsonObject{{QStringLiteral("name"), tool},
-                                                                              {QStringLiteral("arguments"), arguments}}}})
+        send(QJsonDocument(
+                 QJsonObject{{QStringLiteral("jsonrpc"), QStringLiteral("2.0")},
+                             {QStringLiteral("id"), id},
+                             {QStringLiteral("method"), QStringLiteral("tools/call")},
+                             {QStringLiteral("params"),
+                              QJsonObject{{QStringLiteral("name"), tool}, {QStringLiteral("arguments"), arguments}}}})
                  .toJson(QJsonDocument::Compact));
     }
     // The next line the server writes, parsed; empty when none comes in time.
@@ -90,7 +91,8 @@ struct Approver {
 
 QJsonObject result(int id, const QJsonValue& value)
 {
-    return QJsonObject{{QStringLiteral("jsonrpc"), QStringLiteral("2.0")}, {QStringLiteral("id"), id},
+    return QJsonObject{{QStringLiteral("jsonrpc"), QStringLiteral("2.0")},
+                       {QStringLiteral("id"), id},
                        {QStringLiteral("result"), value}};
 }
 
@@ -110,20 +112,24 @@ private Q_SLOTS:
     void answersTheHandshakeAndListsItsTool()
     {
         Approver approver({});
-        approver.send("{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"initialize\",\"params\":{\"protocolVersion\":"
-                      "\"2025-06-18\",\"capabilities\":{},\"clientInfo\":{\"name\":\"claude-code\",\"version\":\"2\"}}}");
-        QCOMPARE(approver.next(), result(1, json("{\"protocolVersion\":\"2025-06-18\",\"capabilities\":{\"tools\":"
-                                                 "{\"listChanged\":false}},\"serverInfo\":{\"name\":\"MCPApprovalServer\","
-                                                 "\"version\":\"" BRINMOOR_VERSION "\"}}")));
+        approver.send(
+            "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"initialize\",\"params\":{\"protocolVersion\":"
+            "\"2025-06-18\",\"capabilities\":{},\"clientInfo\":{\"name\":\"claude-code\",\"version\":\"2\"}}}");
+        QCOMPARE(approver.next(),
+                 result(1, json("{\"protocolVersion\":\"2025-06-18\",\"capabilities\":{\"tools\":"
+                                "{\"listChanged\":false}},\"serverInfo\":{\"name\":\"MCPApprovalServer\","
+                                "\"version\":\"" BRINMOOR_VERSION "\"}}")));
         approver.send("{\"jsonrpc\":\"2.0\",\"method\":\"notifications/initialized\"}");
-        approver.send("{\"jsonrpc\":\"2.0\",\"id\":\"two\",\"method\":\"initialize\",\"params\":{\"protocolVersion\":\"1999-01-01\"}}");
+        approver.send(
+            "{\"jsonrpc\":\"2.0\",\"id\":\"two\",\"method\":\"initialize\",\"params\":{\"protocolVersion\":\"1999-01-01\"}}");
         QCOMPARE(approver.next().value(QStringLiteral("result")).toObject().value(QStringLiteral("protocolVersion")),
                  QJsonValue(QStringLiteral("2025-11-25")));
         approver.send("{\"jsonrpc\":\"2.0\",\"id\":3,\"method\":\"ping\"}");
         QCOMPARE(approver.next(), result(3, QJsonObject()));
         approver.send("{\"jsonrpc\":\"2.0\",\"id\":4,\"method\":\"tools/list\"}");
         const QJsonObject tools = approver.next();
-        const QJsonArray list = tools.value(QStringLiteral("result")).toObject().value(QStringLiteral("tools")).toArray();
+        const QJsonArray list =
+            tools.value(QStringLiteral("result")).toObject().value(QStringLiteral("tools")).toArray();
         QCOMPARE(list.size(), 1);
         const QJsonObject tool = list.first().toObject();
         QCOMPARE(tool.value(QStringLiteral("name")).toString(), QStringLiteral("request_permission"));
@@ -138,17 +144,24 @@ private Q_SLOTS:
     {
         Approver approver({});
         approver.send("not json");
-        QCOMPARE(approver.next(), json("{\"jsonrpc\":\"2.0\",\"id\":null,\"error\":{\"code\":-32700,\"message\":\"Parse error\"}}"));
+        QCOMPARE(approver.next(),
+                 json("{\"jsonrpc\":\"2.0\",\"id\":null,\"error\":{\"code\":-32700,\"message\":\"Parse error\"}}"));
         approver.send("{\"id\":5,\"method\":\"ping\"}");
-        QCOMPARE(approver.next(), json("{\"jsonrpc\":\"2.0\",\"id\":5,\"error\":{\"code\":-32600,\"message\":\"Invalid Request\"}}"));
+        QCOMPARE(approver.next(),
+                 json("{\"jsonrpc\":\"2.0\",\"id\":5,\"error\":{\"code\":-32600,\"message\":\"Invalid Request\"}}"));
         approver.send("{\"jsonrpc\":\"2.0\",\"method\":\"notifications/whatever\"}");
         approver.send("{\"jsonrpc\":\"2.0\",\"id\":6,\"method\":\"resources/list\"}");
         QCOMPARE(approver.next(), json("{\"jsonrpc\":\"2.0\",\"id\":6,\"error\":{\"code\":-32601,\"message\":"
                                        "\"Method not found: resources/list\"}}"));
         approver.call(7, QJsonObject(), QStringLiteral("rm_rf"));
-        QCOMPARE(approver.next(), json("{\"jsonrpc\":\"2.0\",\"id\":7,\"error\":{\"code\":-32602,\"message\":\"Unknown tool: rm_rf\"}}"));
+        QCOMPARE(
+            approver.next(),
+            json("{\"jsonrpc\":\"2.0\",\"id\":7,\"error\":{\"code\":-32602,\"message\":\"Unknown tool: rm_rf\"}}"));
         approver.call(8, QJsonObject{{QStringLiteral("input"), QJsonObject()}});
-        QCOMPARE(approver.next(), textResult(8, QStringLiteral("{\"behavior\":\"deny\",\"message\":\"request_permission needs \\\"tool_name\\\"\"}")));
+        QCOMPARE(
+            approver.next(),
+            textResult(8, QStringLiteral(
+                              "{\"behavior\":\"deny\",\"message\":\"request_permission needs \\\"tool_name\\\"\"}")));
     }
 
     void failsClosed_data()
@@ -161,17 +174,27 @@ private Q_SLOTS:
             return probe.serverPort();
         }();
         const QString url = QStringLiteral("BRINMOOR_SERVER_URL=http://127.0.0.1:") + QString::number(closedPort);
-        QTest::newRow("no URL") << QStringList{QStringLiteral("BRINMOOR_TOKEN=t"), QStringLiteral("BRINMOOR_TASK_ID=x")}
-                                << QStringLiteral("{\"behavior\":\"deny\",\"message\":\"approval unavailable: BRINMOOR_SERVER_URL is not set\"}");
-        QTest::newRow("no token") << QStringList{url, QStringLiteral("BRINMOOR_TASK_ID=x")}
-                                  << QStringLiteral("{\"behavior\":\"deny\",\"message\":\"approval unavailable: BRINMOOR_TOKEN is not set\"}");
-        QTest::newRow("no task") << QStringList{url, QStringLiteral("BRINMOOR_TOKEN=t")}
-                                 << QStringLiteral("{\"behavior\":\"deny\",\"message\":\"approval unavailable: BRINMOOR_TASK_ID is not set\"}");
-        QTest::newRow("not http") << QStringList{QStringLiteral("BRINMOOR_SERVER_URL=ftp://h"), QStringLiteral("BRINMOOR_TOKEN=t"),
-                                                 QStringLiteral("BRINMOOR_TASK_ID=x")}
-                                  << QStringLiteral("{\"behavior\":\"deny\",\"message\":\"approval unavailable: BRINMOOR_SERVER_URL is not an http URL: ftp://h\"}");
-        QTest::newRow("no server") << QStringList{url, QStringLiteral("BRINMOOR_TOKEN=t"), QStringLiteral("BRINMOOR_TASK_ID=x")}
-                                   << QStringLiteral("{\"behavior\":\"deny\",\"message\":\"approval server unreachable: Connection refused\"}");
+        QTest::newRow("no URL")
+            << QStringList{QStringLiteral("BRINMOOR_TOKEN=t"), QStringLiteral("BRINMOOR_TASK_ID=x")}
+            << QStringLiteral(
+                   "{\"behavior\":\"deny\",\"message\":\"approval unavailable: BRINMOOR_SERVER_URL is not set\"}");
+        QTest::newRow("no token")
+            << QStringList{url, QStringLiteral("BRINMOOR_TASK_ID=x")}
+            << QStringLiteral(
+                   "{\"behavior\":\"deny\",\"message\":\"approval unavailable: BRINMOOR_TOKEN is not set\"}");
+        QTest::newRow("no task")
+            << QStringList{url, QStringLiteral("BRINMOOR_TOKEN=t")}
+            << QStringLiteral(
+                   "{\"behavior\":\"deny\",\"message\":\"approval unavailable: BRINMOOR_TASK_ID is not set\"}");
+        QTest::newRow("not http")
+            << QStringList{QStringLiteral("BRINMOOR_SERVER_URL=ftp://h"), QStringLiteral("BRINMOOR_TOKEN=t"),
+                           QStringLiteral("BRINMOOR_TASK_ID=x")}
+            << QStringLiteral(
+                   "{\"behavior\":\"deny\",\"message\":\"approval unavailable: BRINMOOR_SERVER_URL is not an http URL: ftp://h\"}");
+        QTest::newRow("no server")
+            << QStringList{url, QStringLiteral("BRINMOOR_TOKEN=t"), QStringLiteral("BRINMOOR_TASK_ID=x")}
+            << QStringLiteral(
+                   "{\"behavior\":\"deny\",\"message\":\"approval server unreachable: Connection refused\"}");
     }
 
     void failsClosed()
@@ -187,12 +210,14 @@ private Q_SLOTS:
         // A server that accepts the request and then says nothing.
         QTcpServer silent;
         QVERIFY(silent.listen(QHostAddress::LocalHost));
-        Approver approver({QStringLiteral("BRINMOOR_SERVER_URL=http://127.0.0.1:") + QString::number(silent.serverPort()),
-                           QStringLiteral("BRINMOOR_TOKEN=t"), QStringLiteral("BRINMOOR_TASK_ID=x"),
-                           QStringLiteral("BRINMOOR_APPROVAL_WAIT_SEC=1")});
+        Approver approver(
+            {QStringLiteral("BRINMOOR_SERVER_URL=http://127.0.0.1:") + QString::number(silent.serverPort()),
+             QStringLiteral("BRINMOOR_TOKEN=t"), QStringLiteral("BRINMOOR_TASK_ID=x"),
+             QStringLiteral("BRINMOOR_APPROVAL_WAIT_SEC=1")});
         approver.call(1, QJsonObject{{QStringLiteral("tool_name"), QStringLiteral("Bash")}});
         QCOMPARE(Approver::decision(approver.next(5000)),
-                 QStringLiteral("{\"behavior\":\"deny\",\"message\":\"no answer from the approval server within 1 seconds\"}"));
+                 QStringLiteral(
+                     "{\"behavior\":\"deny\",\"message\":\"no answer from the approval server within 1 seconds\"}"));
     }
 
     void asksThePhoneThroughTheRelay()
@@ -208,11 +233,13 @@ private Q_SLOTS:
         QVERIFY(created);
         const QString taskId = created->value(QStringLiteral("taskId")).toString();
         const QStringList env{QStringLiteral("BRINMOOR_SERVER_URL=") + relay.url() + QLatin1Char('/'),
-                              QStringLiteral("BRINMOOR_TOKEN=") + relay.token, QStringLiteral("BRINMOOR_TASK_ID=") + taskId};
+                              QStringLiteral("BRINMOOR_TOKEN=") + relay.token,
+                              QStringLiteral("BRINMOOR_TASK_ID=") + taskId};
         Approver approver(env);
 
         // As `claude` asks: "input".
-        approver.call(1, json("{\"tool_name\":\"Write\",\"input\":{\"file_path\":\"a.txt\"},\"tool_use_id\":\"toolu_9\"}"));
+        approver.call(
+            1, json("{\"tool_name\":\"Write\",\"input\":{\"file_path\":\"a.txt\"},\"tool_use_id\":\"toolu_9\"}"));
         auto request = phone.waitForType(QStringLiteral("permission.request"));
         QVERIFY(request);
         QCOMPARE(request->value(QStringLiteral("toolName")).toString(), QStringLiteral("Write"));
@@ -223,7 +250,8 @@ private Q_SLOTS:
                                {QStringLiteral("requestId"), request->value(QStringLiteral("requestId"))},
                                {QStringLiteral("decision"), QStringLiteral("allow")},
                                {QStringLiteral("updatedInput"), json("{\"file_path\":\"b.txt\"}")}});
-        QCOMPARE(approver.next(), textResult(1, QStringLiteral("{\"behavior\":\"allow\",\"updatedInput\":{\"file_path\":\"b.txt\"}}")));
+        QCOMPARE(approver.next(),
+                 textResult(1, QStringLiteral("{\"behavior\":\"allow\",\"updatedInput\":{\"file_path\":\"b.txt\"}}")));
 
         // As the policy text asks `codex`: "tool_input".
         approver.call(2, json("{\"tool_name\":\"shell\",\"tool_input\":{\"command\":[\"rm\",\"x\"]}}"));
@@ -237,36 +265,44 @@ private Q_SLOTS:
                                {QStringLiteral("requestId"), request->value(QStringLiteral("requestId"))},
                                {QStringLiteral("decision"), QStringLiteral("deny")},
                                {QStringLiteral("message"), QStringLiteral("not that file")}});
-        QCOMPARE(approver.next(), textResult(2, QStringLiteral("{\"behavior\":\"deny\",\"message\":\"not that file\"}")));
+        QCOMPARE(approver.next(),
+                 textResult(2, QStringLiteral("{\"behavior\":\"deny\",\"message\":\"not that file\"}")));
 
         // A call the client cancels is withdrawn from the phone and never answered.
         approver.call(3, json("{\"tool_name\":\"Edit\",\"input\":{}}"));
-        QVERIFY(phone.waitFor([](const QJsonObject& m) { return m.value(QStringLiteral("toolName")) == QLatin1String("Edit"); }));
+        QVERIFY(phone.waitFor(
+            [](const QJsonObject& m) { return m.value(QStringLiteral("toolName")) == QLatin1String("Edit"); }));
         approver.send("{\"jsonrpc\":\"2.0\",\"method\":\"notifications/cancelled\",\"params\":{\"requestId\":3}}");
-        QVERIFY(phone.waitFor([](const QJsonObject& m) { return m.value(QStringLiteral("reason")) == QLatin1String("withdrawn"); }));
+        QVERIFY(phone.waitFor(
+            [](const QJsonObject& m) { return m.value(QStringLiteral("reason")) == QLatin1String("withdrawn"); }));
         approver.send("{\"jsonrpc\":\"2.0\",\"id\":4,\"method\":\"ping\"}");
         QCOMPARE(approver.next(), result(4, QJsonObject()));
 
         // A task the server does not know.
-        Approver stranger({QStringLiteral("BRINMOOR_SERVER_URL=") + relay.url(), QStringLiteral("BRINMOOR_TOKEN=") + relay.token,
-                           QStringLiteral("BRINMOOR_TASK_ID=T1")});
+        Approver stranger({QStringLiteral("BRINMOOR_SERVER_URL=") + relay.url(),
+                           QStringLiteral("BRINMOOR_TOKEN=") + relay.token, QStringLiteral("BRINMOOR_TASK_ID=T1")});
         stranger.call(1, json("{\"tool_name\":\"Bash\"}"));
-        QCOMPARE(Approver::decision(stranger.next()),
-                 QStringLiteral("{\"behavior\":\"deny\",\"message\":\"approval server refused the request (HTTP 404): unknown task: T1\"}"));
+        QCOMPARE(
+            Approver::decision(stranger.next()),
+            QStringLiteral(
+                "{\"behavior\":\"deny\",\"message\":\"approval server refused the request (HTTP 404): unknown task: T1\"}"));
         // A wrong token.
         Approver wrong({QStringLiteral("BRINMOOR_SERVER_URL=") + relay.url(), QStringLiteral("BRINMOOR_TOKEN=nope"),
                         QStringLiteral("BRINMOOR_TASK_ID=") + taskId});
         wrong.call(1, json("{\"tool_name\":\"Bash\"}"));
-        QCOMPARE(Approver::decision(wrong.next()),
-                 QStringLiteral("{\"behavior\":\"deny\",\"message\":\"approval server refused the request (HTTP 401): unauthorized\"}"));
+        QCOMPARE(
+            Approver::decision(wrong.next()),
+            QStringLiteral(
+                "{\"behavior\":\"deny\",\"message\":\"approval server refused the request (HTTP 401): unauthorized\"}"));
     }
 
     void endsWhenItsInputCloses()
     {
         QTcpServer silent;
         QVERIFY(silent.listen(QHostAddress::LocalHost));
-        Approver approver({QStringLiteral("BRINMOOR_SERVER_URL=http://127.0.0.1:") + QString::number(silent.serverPort()),
-                           QStringLiteral("BRINMOOR_TOKEN=t"), QStringLiteral("BRINMOOR_TASK_ID=x")});
+        Approver approver(
+            {QStringLiteral("BRINMOOR_SERVER_URL=http://127.0.0.1:") + QString::number(silent.serverPort()),
+             QStringLiteral("BRINMOOR_TOKEN=t"), QStringLiteral("BRINMOOR_TASK_ID=x")});
         approver.call(1, QJsonObject{{QStringLiteral("tool_name"), QStringLiteral("Bash")}});
         QVERIFY(waitUntil([&] { return silent.hasPendingConnections(); }));
         approver.process.closeWriteChannel();

@@ -40,17 +40,16 @@ private Q_SLOTS:
         QCOMPARE(profile.codexChatTemplate,
                  QStringLiteral("codex -a on-request exec --json --skip-git-repo-check --color never {{prompt}}"));
         QCOMPARE(profile.terminalChatTemplate, QStringLiteral("claude"));
-        const QString plan = QStringLiteral(
-            "codex exec --full-auto --skip-git-repo-check --color never --json {{prompt}}");
+        const QString plan =
+            QStringLiteral("codex exec --full-auto --skip-git-repo-check --color never --json {{prompt}}");
         QCOMPARE(profile.aiPlanTemplate, plan);
         QCOMPARE(profile.aiApplyTemplate, plan);
-        QCOMPARE(profile.mcpApproverPath,
-                 m_dir.path() + QStringLiteral("/home/.brinmoor/bin/MCPApprovalServer"));
+        QCOMPARE(profile.mcpApproverPath, m_dir.path() + QStringLiteral("/home/.brinmoor/bin/MCPApprovalServer"));
         QCOMPARE(profile.projects, QStringList());
         QCOMPARE(profile.createProjectRoot, std::nullopt);
-        QCOMPARE(profile.actions, (QStringList{QStringLiteral("build_ios"), QStringLiteral("ai_task"),
-                                               QStringLiteral("chat"), QStringLiteral("shell"),
-                                               QStringLiteral("terminal_session")}));
+        QCOMPARE(profile.actions,
+                 (QStringList{QStringLiteral("build_ios"), QStringLiteral("ai_task"), QStringLiteral("chat"),
+                              QStringLiteral("shell"), QStringLiteral("terminal_session")}));
     }
 
     void settingsKeyBeatsEnvironmentWhichBeatsDefault()

@@ -34,8 +34,7 @@ private Q_SLOTS:
     void blanksCommasAndDuplicatesKeepTwoFolders()
     {
         MemorySettingsStore store;
-        store.setValue(QStringLiteral("projects"),
-                       QStringLiteral(" %1 , ,%1,%2").arg(m_app, m_lib));
+        store.setValue(QStringLiteral("projects"), QStringLiteral(" %1 , ,%1,%2").arg(m_app, m_lib));
         QCOMPARE(AgentProjectsStore::loadConfigured(store, {}), (QStringList{m_app, m_lib}));
     }
 
@@ -100,9 +99,8 @@ private Q_SLOTS:
 
     void normalizeTrimsDedupsAndSorts()
     {
-        QCOMPARE(AgentProjectsStore::normalize({QStringLiteral(" /b\n"), QStringLiteral("/a"),
-                                                QStringLiteral(""), QStringLiteral("/b"),
-                                                QStringLiteral("  ")}),
+        QCOMPARE(AgentProjectsStore::normalize({QStringLiteral(" /b\n"), QStringLiteral("/a"), QStringLiteral(""),
+                                                QStringLiteral("/b"), QStringLiteral("  ")}),
                  (QStringList{QStringLiteral("/a"), QStringLiteral("/b")}));
     }
 
@@ -121,10 +119,10 @@ private Q_SLOTS:
     void managedProjectPathTakesTheLastSuccessLine()
     {
         const QString prefix = QStringLiteral("__QUENDARIX_SUCCESS__");
-        QCOMPARE(AgentProjectsStore::managedProjectPath(
-                     QStringLiteral("x\n__QUENDARIX_SUCCESS__ /p/One\nmid\n__QUENDARIX_SUCCESS__  /p/Two \nend"),
-                     prefix),
-                 std::optional<QString>(QStringLiteral("/p/Two")));
+        QCOMPARE(
+            AgentProjectsStore::managedProjectPath(
+                QStringLiteral("x\n__QUENDARIX_SUCCESS__ /p/One\nmid\n__QUENDARIX_SUCCESS__  /p/Two \nend"), prefix),
+            std::optional<QString>(QStringLiteral("/p/Two")));
         QCOMPARE(AgentProjectsStore::managedProjectPath(QStringLiteral("nothing here"), prefix), std::nullopt);
         QCOMPARE(AgentProjectsStore::managedProjectPath(QStringLiteral("__QUENDARIX_SUCCESS__   \n"), prefix),
                  std::nullopt);

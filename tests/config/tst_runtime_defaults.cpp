@@ -38,8 +38,7 @@ private Q_SLOTS:
         QCOMPARE(store.string(QStringLiteral("repoRoot")), dir.path());
         QCOMPARE(store.string(QStringLiteral("agentId")), QStringLiteral("studio-mac-mini"));
         const QString token = store.string(QStringLiteral("token")).value_or(QString());
-        QVERIFY2(QRegularExpression(QStringLiteral("^[0-9a-f]{32}$")).match(token).hasMatch(),
-                 qPrintable(token));
+        QVERIFY2(QRegularExpression(QStringLiteral("^[0-9a-f]{32}$")).match(token).hasMatch(), qPrintable(token));
         QCOMPARE(store.value(QStringLiteral("serverPort")), QVariant(qint64(8080)));
         QCOMPARE(store.string(QStringLiteral("serverURL")), QStringLiteral("http://127.0.0.1:8080"));
         QCOMPARE(store.syncCount(), 1);
@@ -131,8 +130,7 @@ private Q_SLOTS:
         QFETCH(qint64, port);
         QTemporaryDir dir;
         MemorySettingsStore store;
-        RuntimeDefaults::ensure(store, {{QStringLiteral("BRINMOOR_SERVER_PORT"), text}},
-                                machineIn(dir.path()));
+        RuntimeDefaults::ensure(store, {{QStringLiteral("BRINMOOR_SERVER_PORT"), text}}, machineIn(dir.path()));
         QCOMPARE(store.value(QStringLiteral("serverPort")), QVariant(port));
     }
 
@@ -180,8 +178,7 @@ private Q_SLOTS:
         QTemporaryDir dir;
         test::writeFile(dir.path() + QStringLiteral("/deploy.sh"));
         Machine machine = machineIn(dir.path() + QStringLiteral("/elsewhere"));
-        machine.executablePath =
-            dir.path() + QStringLiteral("/a/b/c/d/BrinmoorMacAgent"); // directory a/b/c/d
+        machine.executablePath = dir.path() + QStringLiteral("/a/b/c/d/BrinmoorMacAgent"); // directory a/b/c/d
         QCOMPARE(RuntimeDefaults::defaultRepoRoot(machine), dir.path());
     }
 

@@ -44,8 +44,8 @@ private Q_SLOTS:
     void writtenValuesAreReadByANewStoreInstance()
     {
         QTemporaryDir configHome;
-        const QString path = QSettingsStore::standardIniPath(
-            {{QStringLiteral("XDG_CONFIG_HOME"), configHome.path()}}, QStringLiteral("/nonexistent"));
+        const QString path = QSettingsStore::standardIniPath({{QStringLiteral("XDG_CONFIG_HOME"), configHome.path()}},
+                                                             QStringLiteral("/nonexistent"));
         {
             QSettingsStore writer(path);
             writer.setValue(QStringLiteral("serverPort"), 9123);
@@ -56,16 +56,15 @@ private Q_SLOTS:
         QSettingsStore reader(path);
         QCOMPARE(reader.integer(QStringLiteral("serverPort")), std::optional<qint64>(9123));
         QCOMPARE(reader.boolean(QStringLiteral("launchAtLogin")), true);
-        QCOMPARE(reader.string(QStringLiteral("projects")),
-                 std::optional<QString>(QStringLiteral("/a/App,/b/Lib")));
+        QCOMPARE(reader.string(QStringLiteral("projects")), std::optional<QString>(QStringLiteral("/a/App,/b/Lib")));
         QCOMPARE(reader.string(QStringLiteral("absent")), std::nullopt);
     }
 
     void iniFileLivesUnderTheConfigHomeWithOwnerOnlyMode()
     {
         QTemporaryDir configHome;
-        const QString path = QSettingsStore::standardIniPath(
-            {{QStringLiteral("XDG_CONFIG_HOME"), configHome.path()}}, QStringLiteral("/home/x"));
+        const QString path = QSettingsStore::standardIniPath({{QStringLiteral("XDG_CONFIG_HOME"), configHome.path()}},
+                                                             QStringLiteral("/home/x"));
         QCOMPARE(path, configHome.path() + QStringLiteral("/brinmoor/BrinmoorMacAgent.ini"));
         QSettingsStore store(path);
         QCOMPARE(test::fileMode(path), 0600);

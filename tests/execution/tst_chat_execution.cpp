@@ -31,8 +31,8 @@ class TstChatExecution : public QObject {
     ChatResolution resolve(const ChatSessions& sessions, const QString& system, const QString& project,
                            const QString& prompt, const QString& conversation, const QString& approval)
     {
-        return resolveChatExecution(m_profile, m_connection, sessions, system, project, prompt, QStringLiteral("task-1"),
-                                    conversation, approval, m_tmp.path());
+        return resolveChatExecution(m_profile, m_connection, sessions, system, project, prompt,
+                                    QStringLiteral("task-1"), conversation, approval, m_tmp.path());
     }
 
     QString scoped(const QString& project, const QString& prompt) const
@@ -138,8 +138,9 @@ private Q_SLOTS:
             QFAIL("no error");
         } catch (const AgentError& error) {
             QCOMPARE(error.code, 14);
-            QCOMPARE(error.message, QStringLiteral("failed to write MCP configuration /nonexistent-dir/brinmoor-mcp-t.json: "
-                                                   "No such file or directory"));
+            QCOMPARE(error.message,
+                     QStringLiteral("failed to write MCP configuration /nonexistent-dir/brinmoor-mcp-t.json: "
+                                    "No such file or directory"));
         }
     }
 
@@ -154,7 +155,8 @@ private Q_SLOTS:
             QCOMPARE(error.message, QStringLiteral("Missing projectPath"));
         }
         try {
-            resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("  "), QString(), QString());
+            resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("  "), QString(),
+                    QString());
             QFAIL("no error");
         } catch (const AgentError& error) {
             QCOMPARE(error.code, 8);
@@ -166,18 +168,21 @@ private Q_SLOTS:
     {
         ChatSessions sessions;
         DiagRecorder log;
-        const ChatResolution r =
-            resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("it's"), QStringLiteral("c1"), QString());
+        const ChatResolution r = resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"),
+                                         QStringLiteral("it's"), QStringLiteral("c1"), QString());
         QVERIFY(r.mcpConfigPath);
         QCOMPARE(r.workingDir, m_repo.path() + QStringLiteral("/App"));
-        QCOMPARE(r.shell, QStringLiteral("claude --session-id 'fe4eaed6-11ff-55fd-9527-298e55a32c58' -p --verbose --permission-prompt-tool "
-                                         "mcp__approver__request_permission --mcp-config ") +
-                              shellQuote(*r.mcpConfigPath) + QStringLiteral(" --output-format stream-json ") +
-                              scoped(QStringLiteral("App"), QStringLiteral("it's")));
-        QCOMPARE(log.texts(),
-                 (QStringList{QStringLiteral("resolveChatExecution using Claude MCP approval approverPath=") + m_approver,
-                              QStringLiteral("resolveChatExecution projectPath=App workspace=") + m_repo.path() +
-                                  QStringLiteral("/App system=claude approvalMode=on_request")}));
+        QCOMPARE(r.shell,
+                 QStringLiteral(
+                     "claude --session-id 'fe4eaed6-11ff-55fd-9527-298e55a32c58' -p --verbose --permission-prompt-tool "
+                     "mcp__approver__request_permission --mcp-config ") +
+                     shellQuote(*r.mcpConfigPath) + QStringLiteral(" --output-format stream-json ") +
+                     scoped(QStringLiteral("App"), QStringLiteral("it's")));
+        QCOMPARE(
+            log.texts(),
+            (QStringList{QStringLiteral("resolveChatExecution using Claude MCP approval approverPath=") + m_approver,
+                         QStringLiteral("resolveChatExecution projectPath=App workspace=") + m_repo.path() +
+                             QStringLiteral("/App system=claude approvalMode=on_request")}));
         QFile::remove(*r.mcpConfigPath);
     }
 
@@ -185,13 +190,13 @@ private Q_SLOTS:
     {
         ChatSessions sessions;
         sessions.markChatSessionEstablished(QStringLiteral("App::c1"));
-        const ChatResolution same =
-            resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("again"), QStringLiteral("c1"), QStringLiteral("none"));
+        const ChatResolution same = resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"),
+                                            QStringLiteral("again"), QStringLiteral("c1"), QStringLiteral("none"));
         QVERIFY2(same.shell.startsWith(QStringLiteral(
                      "claude --resume 'fe4eaed6-11ff-55fd-9527-298e55a32c58' --dangerously-skip-permissions")),
                  qPrintable(same.shell));
-        const ChatResolution other =
-            resolve(sessions, QStringLiteral("claude"), QStringLiteral("Other"), QStringLiteral("again"), QStringLiteral("c1"), QStringLiteral("none"));
+        const ChatResolution other = resolve(sessions, QStringLiteral("claude"), QStringLiteral("Other"),
+                                             QStringLiteral("again"), QStringLiteral("c1"), QStringLiteral("none"));
         QVERIFY2(other.shell.startsWith(QStringLiteral(
                      "claude --session-id '59d0ca79-3fd8-548b-87a8-32ccea5d1fca' --dangerously-skip-permissions")),
                  qPrintable(other.shell));
@@ -202,13 +207,13 @@ private Q_SLOTS:
     {
         ChatSessions sessions;
         const QString upper = QStringLiteral("6F9619FF-8B86-D011-B42D-00C04FC964FF");
-        const ChatResolution first =
-            resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("hi"), upper, QStringLiteral("none"));
+        const ChatResolution first = resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"),
+                                             QStringLiteral("hi"), upper, QStringLiteral("none"));
         QVERIFY2(first.shell.startsWith(QStringLiteral("claude --session-id '6F9619FF-8B86-D011-B42D-00C04FC964FF' ")),
                  qPrintable(first.shell));
         sessions.markChatSessionEstablished(QStringLiteral("App::") + upper);
-        const ChatResolution second =
-            resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("hi"), upper, QStringLiteral("none"));
+        const ChatResolution second = resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"),
+                                              QStringLiteral("hi"), upper, QStringLiteral("none"));
         QVERIFY2(second.shell.startsWith(QStringLiteral("claude --resume '6F9619FF-8B86-D011-B42D-00C04FC964FF' ")),
                  qPrintable(second.shell));
     }
@@ -244,10 +249,11 @@ private Q_SLOTS:
         m_profile.mcpApproverPath = m_repo.path() + QStringLiteral("/missing/MCPApprovalServer");
         ChatSessions sessions;
         DiagRecorder log;
-        const ChatResolution r =
-            resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("hi"), QString(), QStringLiteral("on_request"));
-        QCOMPARE(r.shell, QStringLiteral("claude --dangerously-skip-permissions -p --verbose --output-format stream-json ") +
-                              scoped(QStringLiteral("App"), QStringLiteral("hi")));
+        const ChatResolution r = resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"),
+                                         QStringLiteral("hi"), QString(), QStringLiteral("on_request"));
+        QCOMPARE(r.shell,
+                 QStringLiteral("claude --dangerously-skip-permissions -p --verbose --output-format stream-json ") +
+                     scoped(QStringLiteral("App"), QStringLiteral("hi")));
         QCOMPARE(log.texts().first(), QStringLiteral("resolveChatExecution MCPApprovalServer not found at ") +
                                           m_profile.mcpApproverPath +
                                           QStringLiteral(", falling back to Claude --dangerously-skip-permissions"));
@@ -258,8 +264,8 @@ private Q_SLOTS:
     {
         ChatSessions sessions;
         DiagRecorder log;
-        const ChatResolution r =
-            resolve(sessions, QStringLiteral("CLAUDE "), QStringLiteral("App"), QStringLiteral("hi"), QString(), QStringLiteral("NONE"));
+        const ChatResolution r = resolve(sessions, QStringLiteral("CLAUDE "), QStringLiteral("App"),
+                                         QStringLiteral("hi"), QString(), QStringLiteral("NONE"));
         QVERIFY(r.shell.startsWith(QStringLiteral("claude --dangerously-skip-permissions -p")));
         QCOMPARE(log.texts().first(),
                  QStringLiteral("resolveChatExecution approvalMode=none, running Claude chat without MCP approval"));
@@ -269,8 +275,8 @@ private Q_SLOTS:
     {
         ChatSessions sessions;
         DiagRecorder log;
-        const ChatResolution r =
-            resolve(sessions, QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("it's"), QStringLiteral("c"), QStringLiteral("none"));
+        const ChatResolution r = resolve(sessions, QStringLiteral("codex"), QStringLiteral("App"),
+                                         QStringLiteral("it's"), QStringLiteral("c"), QStringLiteral("none"));
         QCOMPARE(r.shell, QStringLiteral("codex exec --full-auto --json --skip-git-repo-check --color never ") +
                               scoped(QStringLiteral("App"), QStringLiteral("it's")));
         QCOMPARE(log.texts().first(), QStringLiteral("resolveChatExecution using native Codex approvalMode=none"));
@@ -280,12 +286,14 @@ private Q_SLOTS:
     {
         ChatSessions sessions;
         DiagRecorder log;
-        const ChatResolution r =
-            resolve(sessions, QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("go"), QStringLiteral("c"), QString());
-        QCOMPARE(r.shell, QStringLiteral("codex exec --json --skip-git-repo-check --color never ") +
-                              shellQuote(systemPolicy + workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("go"))) +
-                              codexMCPConfigOverrides(QStringLiteral("task-1"), m_approver, m_connection));
-        QCOMPARE(log.texts().first(), QStringLiteral("resolveChatExecution using Codex MCP approval approverPath=") + m_approver);
+        const ChatResolution r = resolve(sessions, QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("go"),
+                                         QStringLiteral("c"), QString());
+        QCOMPARE(r.shell,
+                 QStringLiteral("codex exec --json --skip-git-repo-check --color never ") +
+                     shellQuote(systemPolicy + workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("go"))) +
+                     codexMCPConfigOverrides(QStringLiteral("task-1"), m_approver, m_connection));
+        QCOMPARE(log.texts().first(),
+                 QStringLiteral("resolveChatExecution using Codex MCP approval approverPath=") + m_approver);
         QVERIFY(!r.mcpConfigPath);
     }
 
@@ -293,11 +301,12 @@ private Q_SLOTS:
     {
         ChatSessions sessions;
         sessions.recordCodexThreadID(QStringLiteral("th-9"), QStringLiteral(" c "), QStringLiteral("App "));
-        const ChatResolution gated =
-            resolve(sessions, QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("go"), QStringLiteral("c"), QString());
-        QVERIFY(gated.shell.startsWith(QStringLiteral("codex exec resume --json --skip-git-repo-check 'th-9' 'System policy")));
-        const ChatResolution native =
-            resolve(sessions, QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("go"), QStringLiteral("c"), QStringLiteral("none"));
+        const ChatResolution gated = resolve(sessions, QStringLiteral("codex"), QStringLiteral("App"),
+                                             QStringLiteral("go"), QStringLiteral("c"), QString());
+        QVERIFY(gated.shell.startsWith(
+            QStringLiteral("codex exec resume --json --skip-git-repo-check 'th-9' 'System policy")));
+        const ChatResolution native = resolve(sessions, QStringLiteral("codex"), QStringLiteral("App"),
+                                              QStringLiteral("go"), QStringLiteral("c"), QStringLiteral("none"));
         QCOMPARE(native.shell, QStringLiteral("codex exec resume --json --skip-git-repo-check 'th-9' ") +
                                    scoped(QStringLiteral("App"), QStringLiteral("go")));
     }

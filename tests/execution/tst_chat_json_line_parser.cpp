@@ -74,7 +74,8 @@ private Q_SLOTS:
     {
         ChatJSONLineParser parser(ChatJSONProvider::claude);
         parser.process(assistant(QStringLiteral("Done.")) + QLatin1Char('\n'));
-        const ParseResult result = parser.process(QStringLiteral(R"({"type":"result","subtype":"success","result":" Done. "})") + "\n");
+        const ParseResult result =
+            parser.process(QStringLiteral(R"({"type":"result","subtype":"success","result":" Done. "})") + "\n");
         QCOMPARE(result.deltas, QStringList{});
         QCOMPARE(result.finalText, std::optional<QString>(QStringLiteral("Done.")));
     }
@@ -92,7 +93,8 @@ private Q_SLOTS:
     void deltasCountCodePointsAndNeverSplitACharacter()
     {
         ChatJSONLineParser parser(ChatJSONProvider::claude);
-        QCOMPARE(parser.process(assistant(QStringLiteral("😀a")) + QLatin1Char('\n')).deltas, QStringList{QStringLiteral("😀a")});
+        QCOMPARE(parser.process(assistant(QStringLiteral("😀a")) + QLatin1Char('\n')).deltas,
+                 QStringList{QStringLiteral("😀a")});
         QCOMPARE(parser.process(assistant(QStringLiteral("😀ab😀")) + QLatin1Char('\n')).deltas,
                  QStringList{QStringLiteral("b😀")});
         QCOMPARE(codePointLength(u"😀ab😀"), qint64(4));
@@ -103,7 +105,8 @@ private Q_SLOTS:
         ChatJSONLineParser parser(ChatJSONProvider::claude);
         const QString toolError = QStringLiteral(
             R"({"type":"assistant","message":{"content":[{"type":"tool_result","is_error":true,"tool_name":"Bash","content":[{"text":" denied "},{"message":"twice"},{"text":""}]},{"type":"tool_result","is_error":true,"content":"  "},{"type":"tool_result","is_error":"true","content":"x"}]}})");
-        const ParseResult result = parser.process(toolError + QStringLiteral("\n{\"type\":\"error\",\"message\":\"overloaded\"}\n{\"type\":\"error\"}\n"));
+        const ParseResult result = parser.process(
+            toolError + QStringLiteral("\n{\"type\":\"error\",\"message\":\"overloaded\"}\n{\"type\":\"error\"}\n"));
         QCOMPARE(result.diagnostics, (QStringList{QStringLiteral("[tool.error] Bash: denied | twice"),
                                                   QStringLiteral("[tool.error] tool: no details"),
                                                   QStringLiteral("[stream.error] overloaded"),
@@ -120,13 +123,14 @@ private Q_SLOTS:
         QCOMPARE(first.diagnostics,
                  QStringList{QStringLiteral("[claude.error] API Error: 400 The fake model refuses this prompt.")});
         QCOMPARE(first.deltas, QStringList{QStringLiteral("API Error: 400 The fake model refuses this prompt.")});
-        QCOMPARE(first.finalText, std::optional<QString>(QStringLiteral("API Error: 400 The fake model refuses this prompt.")));
+        QCOMPARE(first.finalText,
+                 std::optional<QString>(QStringLiteral("API Error: 400 The fake model refuses this prompt.")));
 
-        const ParseResult withoutText = parser.process(QStringLiteral(
-            "{\"type\":\"result\",\"subtype\":\"error_max_turns\",\"is_error\":true}\n"
-            "{\"type\":\"result\",\"is_error\":true,\"result\":\"\"}\n"
-            "{\"type\":\"result\",\"is_error\":false,\"result\":\"fine\"}\n"
-            "{\"type\":\"result\",\"is_error\":\"true\",\"result\":\"fine\"}\n"));
+        const ParseResult withoutText =
+            parser.process(QStringLiteral("{\"type\":\"result\",\"subtype\":\"error_max_turns\",\"is_error\":true}\n"
+                                          "{\"type\":\"result\",\"is_error\":true,\"result\":\"\"}\n"
+                                          "{\"type\":\"result\",\"is_error\":false,\"result\":\"fine\"}\n"
+                                          "{\"type\":\"result\",\"is_error\":\"true\",\"result\":\"fine\"}\n"));
         QCOMPARE(withoutText.diagnostics, (QStringList{QStringLiteral("[claude.error] error_max_turns"),
                                                        QStringLiteral("[claude.error] unknown error")}));
     }
@@ -147,8 +151,7 @@ private Q_SLOTS:
                  (QStringList{QStringLiteral("[codex.error] Reconnecting... 1/5"),
                               QStringLiteral("[codex.error] The fake model refuses this prompt."),
                               QStringLiteral("[codex.turn.failed] The fake model refuses this prompt."),
-                              QStringLiteral("[codex.error] unknown error"),
-                              QStringLiteral("[codex.turn.failed] gone"),
+                              QStringLiteral("[codex.error] unknown error"), QStringLiteral("[codex.turn.failed] gone"),
                               QStringLiteral("[codex.turn.failed] unknown error")}));
         QCOMPARE(result.deltas, QStringList{});
         QCOMPARE(result.finalText, std::nullopt);
@@ -165,7 +168,8 @@ private Q_SLOTS:
         QTest::newRow("blank string") << QStringLiteral("\"  \"") << QStringLiteral("no details");
         QTest::newRow("object message") << QStringLiteral(R"({"message":" m ","text":"t"})") << QStringLiteral("m");
         QTest::newRow("object text") << QStringLiteral(R"({"message":" ","text":"t"})") << QStringLiteral("t");
-        QTest::newRow("object neither") << QStringLiteral(R"({"other":1})") << QStringLiteral("unreadable tool error payload");
+        QTest::newRow("object neither") << QStringLiteral(R"({"other":1})")
+                                        << QStringLiteral("unreadable tool error payload");
         QTest::newRow("number") << QStringLiteral("5") << QStringLiteral("unreadable tool error payload");
         QTest::newRow("null") << QStringLiteral("null") << QStringLiteral("unreadable tool error payload");
         QTest::newRow("list") << QStringLiteral(R"([{"text":" a "},{"message":"b"},{"text":""},{"x":1},"s"])")
@@ -185,8 +189,10 @@ private Q_SLOTS:
     void twoCodexMessagesJoinWithANewline()
     {
         ChatJSONLineParser parser(ChatJSONProvider::codex);
-        QCOMPARE(parser.process(agentMessage(QStringLiteral("A")) + QLatin1Char('\n')).deltas, QStringList{QStringLiteral("A")});
-        QCOMPARE(parser.process(agentMessage(QStringLiteral(" B ")) + QLatin1Char('\n')).deltas, QStringList{QStringLiteral("\nB")});
+        QCOMPARE(parser.process(agentMessage(QStringLiteral("A")) + QLatin1Char('\n')).deltas,
+                 QStringList{QStringLiteral("A")});
+        QCOMPARE(parser.process(agentMessage(QStringLiteral(" B ")) + QLatin1Char('\n')).deltas,
+                 QStringList{QStringLiteral("\nB")});
         const ParseResult done = parser.process(QStringLiteral("{\"type\":\"turn.completed\"}\n"));
         QCOMPARE(done.finalText, std::optional<QString>(QStringLiteral("A\nB")));
     }
@@ -200,10 +206,13 @@ private Q_SLOTS:
     void sameCommandDiagnosticIsReportedOnce()
     {
         ChatJSONLineParser parser(ChatJSONProvider::codex);
-        const QString started = QStringLiteral(R"({"type":"item.started","item":{"type":"command_execution","command":" ls -la "}})");
-        const QString completed = QStringLiteral(R"({"type":"item.completed","item":{"type":"command_execution","aggregated_output":"a\nb\n"}})");
+        const QString started =
+            QStringLiteral(R"({"type":"item.started","item":{"type":"command_execution","command":" ls -la "}})");
+        const QString completed = QStringLiteral(
+            R"({"type":"item.completed","item":{"type":"command_execution","aggregated_output":"a\nb\n"}})");
         const ParseResult first = parser.process(started + "\n" + completed + "\n" + started + "\n");
-        QCOMPARE(first.diagnostics, (QStringList{QStringLiteral("[command] ls -la"), QStringLiteral("[command.output] a\nb")}));
+        QCOMPARE(first.diagnostics,
+                 (QStringList{QStringLiteral("[command] ls -la"), QStringLiteral("[command.output] a\nb")}));
         QVERIFY(parser.process(started + "\n").isEmpty());
     }
 
@@ -243,9 +252,11 @@ private Q_SLOTS:
     void unknownEventsAreIgnored()
     {
         ChatJSONLineParser claude(ChatJSONProvider::claude);
-        QVERIFY(claude.process(QStringLiteral("{\"type\":\"system\",\"subtype\":\"init\"}\n{\"no\":\"type\"}\n")).isEmpty());
+        QVERIFY(
+            claude.process(QStringLiteral("{\"type\":\"system\",\"subtype\":\"init\"}\n{\"no\":\"type\"}\n")).isEmpty());
         ChatJSONLineParser codex(ChatJSONProvider::codex);
-        QVERIFY(codex.process(QStringLiteral("{\"type\":\"turn.started\"}\n") + assistant(QStringLiteral("x")) + "\n").isEmpty());
+        QVERIFY(codex.process(QStringLiteral("{\"type\":\"turn.started\"}\n") + assistant(QStringLiteral("x")) + "\n")
+                    .isEmpty());
     }
 
     void synchronizedTextBufferAppends()

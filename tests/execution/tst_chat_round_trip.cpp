@@ -19,29 +19,42 @@ const char kPause = '\x01'; // the fake tool flushes and pauses here
 QByteArray claudeStream()
 {
     QByteArray stream;
-    stream += R"({"type":"system","subtype":"init","session_id":"s"})" "\n";
+    stream += R"({"type":"system","subtype":"init","session_id":"s"})"
+              "\n";
     // One JSON line split across two writes.
     stream += R"({"type":"assistant","message":{"content":[{"type":"text",)";
     stream += kPause;
-    stream += R"("text":"Hel"}]}})" "\n";
+    stream += R"("text":"Hel"}]}})"
+              "\n";
     stream += kPause;
     // Terminal noise around the braces.
-    stream += "\x1b[0m" R"({"type":"assistant","message":{"content":[{"type":"text","text":"Hello, it's done."}]}})" " \x1b[K\n";
-    stream += R"({"type":"assistant","message":{"content":[{"type":"tool_result","is_error":true,"tool_name":"Bash","content":"denied"}]}})" "\n";
-    stream += R"({"type":"result","subtype":"success","is_error":false,"result":"Hello, it's done.","session_id":"s"})" "\n";
+    stream += "\x1b[0m"
+              R"({"type":"assistant","message":{"content":[{"type":"text","text":"Hello, it's done."}]}})"
+              " \x1b[K\n";
+    stream +=
+        R"({"type":"assistant","message":{"content":[{"type":"tool_result","is_error":true,"tool_name":"Bash","content":"denied"}]}})"
+        "\n";
+    stream += R"({"type":"result","subtype":"success","is_error":false,"result":"Hello, it's done.","session_id":"s"})"
+              "\n";
     return stream;
 }
 
 QByteArray codexStream()
 {
     QByteArray stream;
-    stream += R"({"type":"thread.started","thread_id":"th-123"})" "\n";
-    stream += R"({"type":"turn.started"})" "\n";
-    stream += R"({"type":"item.started","item":{"type":"command_execution","command":"ls"}})" "\n";
-    stream += R"({"type":"item.completed","item":{"type":"agent_message","text":"First."}})" "\n";
+    stream += R"({"type":"thread.started","thread_id":"th-123"})"
+              "\n";
+    stream += R"({"type":"turn.started"})"
+              "\n";
+    stream += R"({"type":"item.started","item":{"type":"command_execution","command":"ls"}})"
+              "\n";
+    stream += R"({"type":"item.completed","item":{"type":"agent_message","text":"First."}})"
+              "\n";
     stream += kPause;
-    stream += R"({"type":"item.completed","item":{"type":"agent_message","text":"Second."}})" "\n";
-    stream += R"({"type":"turn.completed"})" "\n";
+    stream += R"({"type":"item.completed","item":{"type":"agent_message","text":"Second."}})"
+              "\n";
+    stream += R"({"type":"turn.completed"})"
+              "\n";
     return stream;
 }
 
@@ -54,14 +67,17 @@ class TstChatRoundTrip : public QObject {
     QTemporaryDir m_tmp;
     QString m_approver;
 
-    void write(const QString& name, const QByteArray& content) { test::writeFile(m_fake.path() + QLatin1Char('/') + name, content); }
+    void write(const QString& name, const QByteArray& content)
+    {
+        test::writeFile(m_fake.path() + QLatin1Char('/') + name, content);
+    }
 
     QJsonObject chat(const QString& system, const QString& project, const QString& prompt, const QString& conversation,
                      const QString& approval = QStringLiteral("on_request"))
     {
         return {{QStringLiteral("action"), QStringLiteral("chat")}, {QStringLiteral("system"), system},
-                {QStringLiteral("projectPath"), project}, {QStringLiteral("prompt"), prompt},
-                {QStringLiteral("conversationId"), conversation}, {QStringLiteral("approvalMode"), approval}};
+                {QStringLiteral("projectPath"), project},           {QStringLiteral("prompt"), prompt},
+                {QStringLiteral("conversationId"), conversation},   {QStringLiteral("approvalMode"), approval}};
     }
 
     QStringList chatTrace(AgentFixture& f, const QString& taskId)
@@ -80,12 +96,13 @@ class TstChatRoundTrip : public QObject {
             else if (type == QLatin1String("task.log"))
                 trace.append(QStringLiteral("log ") + m.value(QStringLiteral("line")).toString());
             else if (type == QLatin1String("task.failed"))
-                trace.append(QStringLiteral("failed ") + m.value(QStringLiteral("errorCode")).toString() + QLatin1Char(' ') +
-                             QString::number(m.value(QStringLiteral("exitCode")).toInt()));
+                trace.append(QStringLiteral("failed ") + m.value(QStringLiteral("errorCode")).toString() +
+                             QLatin1Char(' ') + QString::number(m.value(QStringLiteral("exitCode")).toInt()));
             else if (type != QLatin1String("task.heartbeat"))
                 trace.append(type);
             if (m.contains(QStringLiteral("conversationId")))
-                trace.last() += QStringLiteral(" [") + m.value(QStringLiteral("conversationId")).toString() + QLatin1Char(']');
+                trace.last() +=
+                    QStringLiteral(" [") + m.value(QStringLiteral("conversationId")).toString() + QLatin1Char(']');
         }
         return trace;
     }
@@ -127,41 +144,48 @@ private Q_SLOTS:
         setUpAgent(f);
         write(QStringLiteral("claude.stream"), claudeStream());
         QVERIFY(f.connect());
-        f.assign(QStringLiteral("c1"), chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("Say it's done"), QStringLiteral("conv-1")));
+        f.assign(QStringLiteral("c1"), chat(QStringLiteral("claude"), QStringLiteral("App"),
+                                            QStringLiteral("Say it's done"), QStringLiteral("conv-1")));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("c1")));
         const QString workingDir = f.repo.path() + QStringLiteral("/App");
         QCOMPARE(chatTrace(f, QStringLiteral("c1")),
-                 (QStringList{QStringLiteral("log workspace.resolve action=chat requestedProjectPath=App resolvedWorkingDir=") + workingDir,
-                              QStringLiteral("task.started"),
-                              QStringLiteral("chunk Hel [conv-1]"),
-                              QStringLiteral("chunk lo, it's done. [conv-1]"),
-                              QStringLiteral("log [tool.error] Bash: denied"),
-                              QStringLiteral("final Hello, it's done. [conv-1]"),
-                              QStringLiteral("task.finished")}));
+                 (QStringList{
+                     QStringLiteral("log workspace.resolve action=chat requestedProjectPath=App resolvedWorkingDir=") +
+                         workingDir,
+                     QStringLiteral("task.started"), QStringLiteral("chunk Hel [conv-1]"),
+                     QStringLiteral("chunk lo, it's done. [conv-1]"), QStringLiteral("log [tool.error] Bash: denied"),
+                     QStringLiteral("final Hello, it's done. [conv-1]"), QStringLiteral("task.finished")}));
 
         // The exact command line, the prompt with its quote intact.
         const QStringList args = fakeToolArguments(m_fake.path(), QStringLiteral("claude"), 1);
         const QString configPath = m_tmp.path() + QStringLiteral("/brinmoor-mcp-c1.json");
         // A conversation id that is not a UUID maps to the name-based UUID of its key.
-        QCOMPARE(args, (QStringList{QStringLiteral("--session-id"), QStringLiteral("ac349975-4774-54a8-884a-31a7bfc1ded2"), QStringLiteral("-p"),
-                                    QStringLiteral("--verbose"), QStringLiteral("--permission-prompt-tool"),
-                                    QStringLiteral("mcp__approver__request_permission"), QStringLiteral("--mcp-config"),
-                                    configPath, QStringLiteral("--output-format"), QStringLiteral("stream-json"),
-                                    ChatExecution::workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("Say it's done"))}));
-        QCOMPARE(test::readFile(m_fake.path() + QStringLiteral("/claude.1.cwd")), (workingDir + QLatin1Char('\n')).toUtf8());
+        QCOMPARE(args,
+                 (QStringList{
+                     QStringLiteral("--session-id"), QStringLiteral("ac349975-4774-54a8-884a-31a7bfc1ded2"),
+                     QStringLiteral("-p"), QStringLiteral("--verbose"), QStringLiteral("--permission-prompt-tool"),
+                     QStringLiteral("mcp__approver__request_permission"), QStringLiteral("--mcp-config"), configPath,
+                     QStringLiteral("--output-format"), QStringLiteral("stream-json"),
+                     ChatExecution::workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("Say it's done"))}));
+        QCOMPARE(test::readFile(m_fake.path() + QStringLiteral("/claude.1.cwd")),
+                 (workingDir + QLatin1Char('\n')).toUtf8());
         // The configuration existed, owner-only, while the tool ran, and is gone now.
         QCOMPARE(test::readFile(m_fake.path() + QStringLiteral("/claude.1.mcpmode")), QByteArray("600\n"));
-        QVERIFY(test::readFile(m_fake.path() + QStringLiteral("/claude.1.mcp")).contains("\"BRINMOOR_TOKEN\": \"secret-token\""));
+        QVERIFY(test::readFile(m_fake.path() + QStringLiteral("/claude.1.mcp"))
+                    .contains("\"BRINMOOR_TOKEN\": \"secret-token\""));
         QCOMPARE(mcpFiles(), QStringList());
 
         // The second message of the conversation resumes the session.
-        f.assign(QStringLiteral("c2"), chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("more"), QStringLiteral("conv-1")));
+        f.assign(QStringLiteral("c2"), chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("more"),
+                                            QStringLiteral("conv-1")));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("c2")));
         QCOMPARE(fakeToolArguments(m_fake.path(), QStringLiteral("claude"), 2).mid(0, 3),
-                 (QStringList{QStringLiteral("--resume"), QStringLiteral("ac349975-4774-54a8-884a-31a7bfc1ded2"), QStringLiteral("-p")}));
+                 (QStringList{QStringLiteral("--resume"), QStringLiteral("ac349975-4774-54a8-884a-31a7bfc1ded2"),
+                              QStringLiteral("-p")}));
 
         // The same conversation id under another project starts a new session.
-        f.assign(QStringLiteral("c3"), chat(QStringLiteral("claude"), QStringLiteral("Other"), QStringLiteral("hi"), QStringLiteral("conv-1")));
+        f.assign(QStringLiteral("c3"), chat(QStringLiteral("claude"), QStringLiteral("Other"), QStringLiteral("hi"),
+                                            QStringLiteral("conv-1")));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("c3")));
         QCOMPARE(fakeToolArguments(m_fake.path(), QStringLiteral("claude"), 3).mid(0, 2),
                  (QStringList{QStringLiteral("--session-id"), QStringLiteral("86d108fd-ae28-51c4-9d37-75ed92c9f2b3")}));
@@ -172,12 +196,15 @@ private Q_SLOTS:
     {
         AgentFixture f;
         setUpAgent(f);
-        write(QStringLiteral("claude.stream"),
-              R"({"type":"error","message":"overloaded"})" "\n" R"({"type":"error","message":"overloaded"})" "\n");
+        write(QStringLiteral("claude.stream"), R"({"type":"error","message":"overloaded"})"
+                                               "\n"
+                                               R"({"type":"error","message":"overloaded"})"
+                                               "\n");
         write(QStringLiteral("claude.stderr"), "boom");
         write(QStringLiteral("claude.exit"), "2");
         QVERIFY(f.connect());
-        f.assign(QStringLiteral("e"), chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("x"), QStringLiteral("conv-e")));
+        f.assign(QStringLiteral("e"),
+                 chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("x"), QStringLiteral("conv-e")));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("e")));
         QCOMPARE(chatTrace(f, QStringLiteral("e")).mid(2),
                  (QStringList{QStringLiteral("log [stream.error] overloaded"), QStringLiteral("log boom"),
@@ -186,7 +213,8 @@ private Q_SLOTS:
         QCOMPARE(mcpFiles(), QStringList());
         // A failed first message leaves the session new.
         write(QStringLiteral("claude.exit"), "0");
-        f.assign(QStringLiteral("e2"), chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("x"), QStringLiteral("conv-e")));
+        f.assign(QStringLiteral("e2"),
+                 chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("x"), QStringLiteral("conv-e")));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("e2")));
         QCOMPARE(fakeToolArguments(m_fake.path(), QStringLiteral("claude"), 2).first(), QStringLiteral("--session-id"));
     }
@@ -196,13 +224,16 @@ private Q_SLOTS:
         AgentFixture f;
         setUpAgent(f, false);
         QVERIFY(f.connect());
-        f.assign(QStringLiteral("n"), chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("x"), QString()));
+        f.assign(QStringLiteral("n"),
+                 chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("x"), QString()));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("n")));
         QCOMPARE(fakeToolArguments(m_fake.path(), QStringLiteral("claude"), 1).mid(0, 5),
-                 (QStringList{QStringLiteral("--dangerously-skip-permissions"), QStringLiteral("-p"), QStringLiteral("--verbose"),
-                              QStringLiteral("--output-format"), QStringLiteral("stream-json")}));
+                 (QStringList{QStringLiteral("--dangerously-skip-permissions"), QStringLiteral("-p"),
+                              QStringLiteral("--verbose"), QStringLiteral("--output-format"),
+                              QStringLiteral("stream-json")}));
         // Nothing printed at all: no final text, but the task finishes.
-        QCOMPARE(chatTrace(f, QStringLiteral("n")).mid(1), (QStringList{QStringLiteral("task.started"), QStringLiteral("task.finished")}));
+        QCOMPARE(chatTrace(f, QStringLiteral("n")).mid(1),
+                 (QStringList{QStringLiteral("task.started"), QStringLiteral("task.finished")}));
     }
 
     void codexChatJoinsMessagesAndResumesItsThread()
@@ -211,8 +242,8 @@ private Q_SLOTS:
         setUpAgent(f);
         write(QStringLiteral("codex.stream"), codexStream());
         QVERIFY(f.connect());
-        f.assign(QStringLiteral("x1"), chat(QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("list"), QStringLiteral("conv-x"),
-                                            QStringLiteral("none")));
+        f.assign(QStringLiteral("x1"), chat(QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("list"),
+                                            QStringLiteral("conv-x"), QStringLiteral("none")));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("x1")));
         QCOMPARE(chatTrace(f, QStringLiteral("x1")).mid(1),
                  (QStringList{QStringLiteral("task.started"), QStringLiteral("chunk First. [conv-x]"),
@@ -221,10 +252,11 @@ private Q_SLOTS:
         const QString prompt = ChatExecution::workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("list"));
         QCOMPARE(fakeToolArguments(m_fake.path(), QStringLiteral("codex"), 1),
                  (QStringList{QStringLiteral("exec"), QStringLiteral("--full-auto"), QStringLiteral("--json"),
-                              QStringLiteral("--skip-git-repo-check"), QStringLiteral("--color"), QStringLiteral("never"), prompt}));
+                              QStringLiteral("--skip-git-repo-check"), QStringLiteral("--color"),
+                              QStringLiteral("never"), prompt}));
 
-        f.assign(QStringLiteral("x2"), chat(QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("again"), QStringLiteral("conv-x"),
-                                            QStringLiteral("none")));
+        f.assign(QStringLiteral("x2"), chat(QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("again"),
+                                            QStringLiteral("conv-x"), QStringLiteral("none")));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("x2")));
         QCOMPARE(fakeToolArguments(m_fake.path(), QStringLiteral("codex"), 2),
                  (QStringList{QStringLiteral("exec"), QStringLiteral("resume"), QStringLiteral("--json"),
@@ -238,18 +270,24 @@ private Q_SLOTS:
         setUpAgent(f);
         QVERIFY(f.connect());
         DiagRecorder log;
-        f.assign(QStringLiteral("g"), chat(QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("edit"), QStringLiteral("c")));
+        f.assign(QStringLiteral("g"),
+                 chat(QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("edit"), QStringLiteral("c")));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("g")));
         const QStringList args = fakeToolArguments(m_fake.path(), QStringLiteral("codex"), 1);
-        QCOMPARE(args.mid(0, 6), (QStringList{QStringLiteral("exec"), QStringLiteral("--json"), QStringLiteral("--skip-git-repo-check"),
-                                              QStringLiteral("--color"), QStringLiteral("never"),
-                                              ChatExecution::systemPolicy +
-                                                  ChatExecution::workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("edit"))}));
-        QCOMPARE(args.mid(6), (QStringList{QStringLiteral("-c"), QStringLiteral("mcp_servers.approver.command=\"") + m_approver + QLatin1Char('"'),
-                                           QStringLiteral("-c"), QStringLiteral("mcp_servers.approver.args=[]"),
-                                           QStringLiteral("-c"), QStringLiteral("mcp_servers.approver.env.BRINMOOR_SERVER_URL=\"") + f.server.serverURL() + QLatin1Char('"'),
-                                           QStringLiteral("-c"), QStringLiteral("mcp_servers.approver.env.BRINMOOR_TASK_ID=\"g\""),
-                                           QStringLiteral("-c"), QStringLiteral("mcp_servers.approver.env.BRINMOOR_TOKEN=\"secret-token\"")}));
+        QCOMPARE(args.mid(0, 6),
+                 (QStringList{QStringLiteral("exec"), QStringLiteral("--json"), QStringLiteral("--skip-git-repo-check"),
+                              QStringLiteral("--color"), QStringLiteral("never"),
+                              ChatExecution::systemPolicy + ChatExecution::workspaceScopedPrompt(
+                                                                QStringLiteral("App"), QStringLiteral("edit"))}));
+        QCOMPARE(
+            args.mid(6),
+            (QStringList{
+                QStringLiteral("-c"), QStringLiteral("mcp_servers.approver.command=\"") + m_approver + QLatin1Char('"'),
+                QStringLiteral("-c"), QStringLiteral("mcp_servers.approver.args=[]"), QStringLiteral("-c"),
+                QStringLiteral("mcp_servers.approver.env.BRINMOOR_SERVER_URL=\"") + f.server.serverURL() +
+                    QLatin1Char('"'),
+                QStringLiteral("-c"), QStringLiteral("mcp_servers.approver.env.BRINMOOR_TASK_ID=\"g\""),
+                QStringLiteral("-c"), QStringLiteral("mcp_servers.approver.env.BRINMOOR_TOKEN=\"secret-token\"")}));
         // The log shows the command with the token masked.
         const QStringList lines = log.texts().filter(QStringLiteral("task.assign resolved chat"));
         QCOMPARE(lines.size(), 1);
@@ -262,9 +300,11 @@ private Q_SLOTS:
         AgentFixture f;
         setUpAgent(f);
         QVERIFY(f.connect());
-        f.assign(QStringLiteral("p"), chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral(" "), QStringLiteral("c")));
+        f.assign(QStringLiteral("p"),
+                 chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral(" "), QStringLiteral("c")));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("p")));
-        QCOMPARE(f.taskTrace(QStringLiteral("p")), QStringList{QStringLiteral("task.failed AGENT_CONFIG_INVALID 1 Missing prompt")});
+        QCOMPARE(f.taskTrace(QStringLiteral("p")),
+                 QStringList{QStringLiteral("task.failed AGENT_CONFIG_INVALID 1 Missing prompt")});
         QCOMPARE(mcpFiles(), QStringList());
     }
 
@@ -272,10 +312,13 @@ private Q_SLOTS:
     {
         AgentFixture f;
         setUpAgent(f);
-        write(QStringLiteral("claude.stream"), QByteArray(R"({"type":"system"})" "\n") + kPause + kPause + kPause + kPause + kPause +
-                                                   kPause + kPause + kPause + kPause + kPause + kPause + kPause + kPause);
+        write(QStringLiteral("claude.stream"), QByteArray(R"({"type":"system"})"
+                                                          "\n") +
+                                                   kPause + kPause + kPause + kPause + kPause + kPause + kPause +
+                                                   kPause + kPause + kPause + kPause + kPause + kPause);
         QVERIFY(f.connect());
-        f.assign(QStringLiteral("l"), chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("x"), QStringLiteral("c")));
+        f.assign(QStringLiteral("l"),
+                 chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("x"), QStringLiteral("c")));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.started"), QStringLiteral("l")));
         QCOMPARE(mcpFiles(), QStringList{QStringLiteral("brinmoor-mcp-l.json")});
         f.server.closeClient();

@@ -46,8 +46,8 @@ private Q_SLOTS:
     {
         Utf8StreamDecoder decoder;
         QCOMPARE(decoder.decode("ok\xff", 3), std::nullopt);
-        QCOMPARE(decoder.decode("\xc0\xaf", 2), std::nullopt); // overlong "/"
-        QCOMPARE(decoder.decode("\xed\xa0\x80", 3), std::nullopt); // a surrogate
+        QCOMPARE(decoder.decode("\xc0\xaf", 2), std::nullopt);         // overlong "/"
+        QCOMPARE(decoder.decode("\xed\xa0\x80", 3), std::nullopt);     // a surrogate
         QCOMPARE(decoder.decode("\xf4\x90\x80\x80", 4), std::nullopt); // above U+10FFFF
         QCOMPARE(decoder.decode("fine", 4), std::optional<QString>(QStringLiteral("fine")));
         QVERIFY(Utf8StreamDecoder::isValid("\xe2\x9c\x93 plain ascii run of text", 27));
@@ -62,9 +62,9 @@ private Q_SLOTS:
         QCOMPARE(plain.arguments, (QStringList{QStringLiteral("-lc"), QStringLiteral("echo 'x'")}));
         const ChildProcess::CommandLine tty = ChildProcess::commandLine(QStringLiteral("echo 'x'"), true);
         QCOMPARE(tty.program, QStringLiteral("/usr/bin/script"));
-        QCOMPARE(tty.arguments, (QStringList{QStringLiteral("-q"), QStringLiteral("-e"), QStringLiteral("-c"),
-                                             QStringLiteral("/bin/zsh -lc 'echo '\"'\"'x'\"'\"''"),
-                                             QStringLiteral("/dev/null")}));
+        QCOMPARE(tty.arguments,
+                 (QStringList{QStringLiteral("-q"), QStringLiteral("-e"), QStringLiteral("-c"),
+                              QStringLiteral("/bin/zsh -lc 'echo '\"'\"'x'\"'\"''"), QStringLiteral("/dev/null")}));
     }
 
     void terminalTaskSeesATerminalAndKeepsItsStatus()
@@ -88,9 +88,9 @@ private Q_SLOTS:
         ChildProcess child(nullptr);
         Collected got;
         collect(child, got);
-        QVERIFY(child.start({QStringLiteral("echo one; echo two >&2; echo three"), dir.path(), false,
-                             ChildProcess::Channels::Merged},
-                            nullptr));
+        QVERIFY(child.start(
+            {QStringLiteral("echo one; echo two >&2; echo three"), dir.path(), false, ChildProcess::Channels::Merged},
+            nullptr));
         QVERIFY(waitUntil([&] { return got.status.has_value(); }));
         QCOMPARE(got.out, QStringLiteral("one\ntwo\nthree\n"));
         QCOMPARE(got.err, QString());
@@ -102,7 +102,8 @@ private Q_SLOTS:
         ChildProcess child(nullptr);
         Collected got;
         collect(child, got);
-        QVERIFY(child.start({QStringLiteral("cat; echo end"), dir.path(), false, ChildProcess::Channels::Separate}, nullptr));
+        QVERIFY(child.start({QStringLiteral("cat; echo end"), dir.path(), false, ChildProcess::Channels::Separate},
+                            nullptr));
         QVERIFY(waitUntil([&] { return got.status.has_value(); }, 5000));
         QCOMPARE(got.out, QStringLiteral("end\n"));
     }

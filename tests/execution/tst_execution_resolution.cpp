@@ -24,8 +24,7 @@ AgentProfile profileAt(const QString& repoRoot)
 }
 
 // Runs a resolution and returns "code message" of the error it throws.
-template <typename F>
-QString errorOf(F&& resolve)
+template <typename F> QString errorOf(F&& resolve)
 {
     try {
         resolve();
@@ -54,10 +53,7 @@ private Q_SLOTS:
         QCOMPARE(normalizeProjectArg(QStringLiteral("a//")), QStringLiteral("a/"));
     }
 
-    void blankProjectPathGivesEmptyText()
-    {
-        QCOMPARE(normalizeProjectArg(QStringLiteral("   ")), QString());
-    }
+    void blankProjectPathGivesEmptyText() { QCOMPARE(normalizeProjectArg(QStringLiteral("   ")), QString()); }
 
     void relativeProjectFoundUnderProj()
     {
@@ -82,10 +78,11 @@ private Q_SLOTS:
         DiagRecorder log;
         QCOMPARE(errorOf([&] { resolveWorkspacePath(m_repo.path(), QStringLiteral("/gone/y")); }),
                  QStringLiteral("AgentRuntime 12 Project path does not exist: /gone/y"));
-        QCOMPARE(log.texts(),
-                 QStringList{QStringLiteral("resolveWorkspacePath failed projectArg=/gone/y repoRoot=%1 direct=%1/gone/y "
-                                            "inProj=%1/proj/gone/y")
-                                 .arg(m_repo.path())});
+        QCOMPARE(
+            log.texts(),
+            QStringList{QStringLiteral("resolveWorkspacePath failed projectArg=/gone/y repoRoot=%1 direct=%1/gone/y "
+                                       "inProj=%1/proj/gone/y")
+                            .arg(m_repo.path())});
     }
 
     void singleQuoteIsClosedQuotedAndReopened()
@@ -98,7 +95,8 @@ private Q_SLOTS:
     {
         const QString value = QStringLiteral("it's a \"test\" $HOME `x` \\ é");
         QProcess zsh;
-        zsh.start(QStringLiteral("/bin/zsh"), {QStringLiteral("-fc"), QStringLiteral("print -rn -- ") + shellQuote(value)});
+        zsh.start(QStringLiteral("/bin/zsh"),
+                  {QStringLiteral("-fc"), QStringLiteral("print -rn -- ") + shellQuote(value)});
         QVERIFY(zsh.waitForFinished(10000));
         QCOMPARE(QString::fromUtf8(zsh.readAllStandardOutput()), value);
     }
@@ -114,7 +112,9 @@ private Q_SLOTS:
 
     void missingProjectPathFailsWithCode2()
     {
-        QCOMPARE(errorOf([&] { resolveExecution(profileAt(m_repo.path()), QStringLiteral("build_ios"), QStringLiteral("  ")); }),
+        QCOMPARE(errorOf([&] {
+                     resolveExecution(profileAt(m_repo.path()), QStringLiteral("build_ios"), QStringLiteral("  "));
+                 }),
                  QStringLiteral("AgentRuntime 2 Missing projectPath"));
     }
 
@@ -137,8 +137,10 @@ private Q_SLOTS:
             resolveExecution(profile, QStringLiteral("build_ios"), QStringLiteral("/Users/x/My App/"));
         QCOMPARE(resolved.shell, QStringLiteral("./deploy.sh '/Users/x/My App/'"));
         QCOMPARE(resolved.workingDir, m_repo.path());
-        QCOMPARE(log.texts(), QStringList{QStringLiteral("resolveExecution action=build_ios projectPath=/Users/x/My App/ "
-                                                         "workingDir=") + m_repo.path()});
+        QCOMPARE(log.texts(),
+                 QStringList{QStringLiteral("resolveExecution action=build_ios projectPath=/Users/x/My App/ "
+                                            "workingDir=") +
+                             m_repo.path()});
     }
 
     void otherTemplatesNameTheProjectByFolderAndRunInIt()
@@ -150,9 +152,12 @@ private Q_SLOTS:
         const ResolvedExecution resolved = resolveExecution(profile, QStringLiteral("chat"), QStringLiteral("App"));
         QCOMPARE(resolved.shell, QStringLiteral("make -C 'App' NAME='App' KEY='App'"));
         QCOMPARE(resolved.workingDir, m_repo.path() + QStringLiteral("/proj/App"));
-        QCOMPARE(buildProjectTemplateArgument(QStringLiteral(" x ./run.sh"), QStringLiteral("/a/b/")), QStringLiteral("/a/b/"));
-        QCOMPARE(buildProjectTemplateArgument(QStringLiteral("tool {{projectArg}}"), QStringLiteral("/a/b/")), QStringLiteral("b"));
-        QCOMPARE(resolveBuildWorkingDir(QStringLiteral("/r"), QStringLiteral("  "), QStringLiteral("x")), QStringLiteral("/r"));
+        QCOMPARE(buildProjectTemplateArgument(QStringLiteral(" x ./run.sh"), QStringLiteral("/a/b/")),
+                 QStringLiteral("/a/b/"));
+        QCOMPARE(buildProjectTemplateArgument(QStringLiteral("tool {{projectArg}}"), QStringLiteral("/a/b/")),
+                 QStringLiteral("b"));
+        QCOMPARE(resolveBuildWorkingDir(QStringLiteral("/r"), QStringLiteral("  "), QStringLiteral("x")),
+                 QStringLiteral("/r"));
     }
 
     void shellCommandIsPrefixedWithThePreamble()
@@ -164,11 +169,13 @@ private Q_SLOTS:
         const ResolvedExecution resolved = resolveShellExecution(
             profile, QStringLiteral("ls {{projectArg}} {{projectPath}} {{projectKey}}"), QStringLiteral("app"));
         QCOMPARE(resolved.workingDir, m_repo.path() + QStringLiteral("/app"));
-        QCOMPARE(resolved.shell, kPreamble + QStringLiteral("export BRINMOOR_REPO_ROOT='") + m_repo.path() +
-                                     QStringLiteral("'; export BRINMOOR_CREATE_PROJECT_ROOT='/new root'; ls 'app' 'app' 'app'"));
-        QCOMPARE(log.texts(), QStringList{QStringLiteral("resolveShellExecution projectPath=app workingDir=") +
-                                          m_repo.path() + QStringLiteral("/app command=ls {{projectArg}} "
-                                                                         "{{projectPath}} {{projectKey}}")});
+        QCOMPARE(resolved.shell,
+                 kPreamble + QStringLiteral("export BRINMOOR_REPO_ROOT='") + m_repo.path() +
+                     QStringLiteral("'; export BRINMOOR_CREATE_PROJECT_ROOT='/new root'; ls 'app' 'app' 'app'"));
+        QCOMPARE(log.texts(),
+                 QStringList{QStringLiteral("resolveShellExecution projectPath=app workingDir=") + m_repo.path() +
+                             QStringLiteral("/app command=ls {{projectArg}} "
+                                            "{{projectPath}} {{projectKey}}")});
     }
 
     void shellPreambleIsEmittedWithoutCreateProjectRoot()
@@ -181,7 +188,9 @@ private Q_SLOTS:
 
     void blankShellCommandFailsWithCode9()
     {
-        QCOMPARE(errorOf([&] { resolveShellExecution(profileAt(m_repo.path()), QStringLiteral(" \n"), QStringLiteral("x")); }),
+        QCOMPARE(errorOf([&] {
+                     resolveShellExecution(profileAt(m_repo.path()), QStringLiteral(" \n"), QStringLiteral("x"));
+                 }),
                  QStringLiteral("AgentRuntime 9 shell action requires non-empty command"));
     }
 

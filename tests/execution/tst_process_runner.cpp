@@ -43,10 +43,13 @@ private Q_SLOTS:
         const QString repo = f.repo.path();
         QCOMPARE(texts.at(0), QStringLiteral("task.assign taskId=t1 action=shell projectPath=") + repo +
                                   QStringLiteral(" system= mode= approvalMode= timeoutSec=1200"));
-        QCOMPARE(texts.at(1), QStringLiteral("resolveShellExecution projectPath=%1 workingDir=%1 command=echo hello").arg(repo));
+        QCOMPARE(texts.at(1),
+                 QStringLiteral("resolveShellExecution projectPath=%1 workingDir=%1 command=echo hello").arg(repo));
         QCOMPARE(texts.at(2), QStringLiteral("task.assign resolved shell workingDir=%1 command=echo hello").arg(repo));
         QCOMPARE(texts.at(3), QStringLiteral("Running task t1 workingDir=%1 timeoutSec=1200").arg(repo));
-        QVERIFY2(QRegularExpression(QStringLiteral("^runTask process started taskId=t1 pid=\\d+$")).match(texts.at(4)).hasMatch(),
+        QVERIFY2(QRegularExpression(QStringLiteral("^runTask process started taskId=t1 pid=\\d+$"))
+                     .match(texts.at(4))
+                     .hasMatch(),
                  qPrintable(texts.at(4)));
         QCOMPARE(texts.at(5), QStringLiteral("runTask process terminated taskId=t1 exitCode=0"));
         QCOMPARE(texts.size(), 6);
@@ -70,7 +73,8 @@ private Q_SLOTS:
         f.shell(QStringLiteral("t"), QStringLiteral("echo oops >&2"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t")));
         QCOMPARE(f.taskTrace(QStringLiteral("t")).mid(2),
-                 (QStringList{QStringLiteral("task.log oops"), QStringLiteral("task.log "), QStringLiteral("task.finished 0")}));
+                 (QStringList{QStringLiteral("task.log oops"), QStringLiteral("task.log "),
+                              QStringLiteral("task.finished 0")}));
     }
 
     void nonZeroExitFailsWithTheStatus()
@@ -87,9 +91,10 @@ private Q_SLOTS:
     {
         AgentFixture f;
         QVERIFY(f.connect());
-        f.shell(QStringLiteral("t"),
-                QStringLiteral("printf '\\xc3'; sleep 0.3; printf '\\xa9\\xe2\\x9c'; sleep 0.3; printf '\\x93\\xf0\\x9f'; "
-                               "sleep 0.3; printf '\\x98\\x80\\n'"));
+        f.shell(
+            QStringLiteral("t"),
+            QStringLiteral("printf '\\xc3'; sleep 0.3; printf '\\xa9\\xe2\\x9c'; sleep 0.3; printf '\\x93\\xf0\\x9f'; "
+                           "sleep 0.3; printf '\\x98\\x80\\n'"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t")));
         QCOMPARE(f.taskTrace(QStringLiteral("t")).mid(2),
                  (QStringList{QStringLiteral("task.log é"), QStringLiteral("task.log ✓"), QStringLiteral("task.log 😀"),
@@ -103,9 +108,10 @@ private Q_SLOTS:
         f.shell(QStringLiteral("t"),
                 QStringLiteral("printf 'ok\\n'; sleep 0.3; printf 'bad\\xff\\xfe\\n'; sleep 0.3; printf 'after\\n'"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t")));
-        QCOMPARE(f.taskTrace(QStringLiteral("t")).mid(2),
-                 (QStringList{QStringLiteral("task.log ok"), QStringLiteral("task.log "), QStringLiteral("task.log after"),
-                              QStringLiteral("task.log "), QStringLiteral("task.finished 0")}));
+        QCOMPARE(
+            f.taskTrace(QStringLiteral("t")).mid(2),
+            (QStringList{QStringLiteral("task.log ok"), QStringLiteral("task.log "), QStringLiteral("task.log after"),
+                         QStringLiteral("task.log "), QStringLiteral("task.finished 0")}));
     }
 
     void timeLimitEndsInCancelledNeverFinished()
@@ -127,10 +133,12 @@ private Q_SLOTS:
         f.shell(QStringLiteral("t"), QStringLiteral("echo started; sleep 30"));
         QVERIFY(f.server.waitFor([](const QJsonObject& m) { return m.value("line") == "started"; }));
         DiagRecorder log;
-        f.server.send({{QStringLiteral("type"), QStringLiteral("task.cancel")}, {QStringLiteral("taskId"), QStringLiteral("t")}});
+        f.server.send(
+            {{QStringLiteral("type"), QStringLiteral("task.cancel")}, {QStringLiteral("taskId"), QStringLiteral("t")}});
         QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("t")));
         QCOMPARE(f.taskTrace(QStringLiteral("t")).mid(2),
-                 (QStringList{QStringLiteral("task.log started"), QStringLiteral("task.log "), QStringLiteral("task.cancelled 130"),
+                 (QStringList{QStringLiteral("task.log started"), QStringLiteral("task.log "),
+                              QStringLiteral("task.cancelled 130"),
                               QStringLiteral("task.failed COMMAND_EXIT_NONZERO 15 command exited with status 15")}));
         QCOMPARE(log.texts().mid(0, 2), (QStringList{QStringLiteral("task.cancel taskId=t"),
                                                      QStringLiteral("stopRunningProcessIfAny terminating taskId=t")}));
@@ -142,12 +150,16 @@ private Q_SLOTS:
         QVERIFY(f.connect());
         f.shell(QStringLiteral("t"), QStringLiteral("sleep 1; echo done"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.started"), QStringLiteral("t")));
-        f.server.send({{QStringLiteral("type"), QStringLiteral("task.cancel")}, {QStringLiteral("taskId"), QStringLiteral("other")}});
-        f.server.send({{QStringLiteral("type"), QStringLiteral("task.approval")}, {QStringLiteral("taskId"), QStringLiteral("t")},
-                       {QStringLiteral("payload"), QJsonObject{{QStringLiteral("decision"), QStringLiteral("approve")}}}});
+        f.server.send({{QStringLiteral("type"), QStringLiteral("task.cancel")},
+                       {QStringLiteral("taskId"), QStringLiteral("other")}});
+        f.server.send(
+            {{QStringLiteral("type"), QStringLiteral("task.approval")},
+             {QStringLiteral("taskId"), QStringLiteral("t")},
+             {QStringLiteral("payload"), QJsonObject{{QStringLiteral("decision"), QStringLiteral("approve")}}}});
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t")));
         QCOMPARE(f.taskTrace(QStringLiteral("t")).mid(2),
-                 (QStringList{QStringLiteral("task.log done"), QStringLiteral("task.log "), QStringLiteral("task.finished 0")}));
+                 (QStringList{QStringLiteral("task.log done"), QStringLiteral("task.log "),
+                              QStringLiteral("task.finished 0")}));
         QVERIFY(f.server.messagesOfType(QStringLiteral("task.cancelled")).isEmpty());
     }
 
@@ -159,7 +171,8 @@ private Q_SLOTS:
         QVERIFY(f.server.waitFor([](const QJsonObject& m) { return m.value("line") == "ready"; }));
         QElapsedTimer clock;
         clock.start();
-        f.server.send({{QStringLiteral("type"), QStringLiteral("task.cancel")}, {QStringLiteral("taskId"), QStringLiteral("t")}});
+        f.server.send(
+            {{QStringLiteral("type"), QStringLiteral("task.cancel")}, {QStringLiteral("taskId"), QStringLiteral("t")}});
         QVERIFY(f.server.waitForTask(QStringLiteral("task.cancelled"), QStringLiteral("t"), 1000));
         QVERIFY(clock.elapsed() < 1000);
         QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("t"), 9000));
@@ -186,12 +199,13 @@ private Q_SLOTS:
         AgentFixture f;
         QVERIFY(f.connect());
         f.shell(QStringLiteral("t"), QStringLiteral("sleep 300 & echo pid=$!; wait"));
-        const std::optional<QJsonObject> line = f.server.waitFor(
-            [](const QJsonObject& m) { return m.value("line").toString().startsWith("pid="); });
+        const std::optional<QJsonObject> line =
+            f.server.waitFor([](const QJsonObject& m) { return m.value("line").toString().startsWith("pid="); });
         QVERIFY(line);
         const qint64 grandchild = line->value(QStringLiteral("line")).toString().mid(4).toLongLong();
         QVERIFY(processAlive(grandchild));
-        f.server.send({{QStringLiteral("type"), QStringLiteral("task.cancel")}, {QStringLiteral("taskId"), QStringLiteral("t")}});
+        f.server.send(
+            {{QStringLiteral("type"), QStringLiteral("task.cancel")}, {QStringLiteral("taskId"), QStringLiteral("t")}});
         QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("t")));
         QVERIFY(waitUntil([&] { return !processAlive(grandchild); }, 3000));
     }
@@ -232,8 +246,9 @@ private Q_SLOTS:
                                        {QStringLiteral("command"), QStringLiteral("ls")},
                                        {QStringLiteral("projectPath"), QStringLiteral("no-such-app")}});
         QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("t")));
-        QCOMPARE(f.taskTrace(QStringLiteral("t")),
-                 QStringList{QStringLiteral("task.failed AGENT_CONFIG_INVALID 1 Project path does not exist: no-such-app")});
+        QCOMPARE(
+            f.taskTrace(QStringLiteral("t")),
+            QStringList{QStringLiteral("task.failed AGENT_CONFIG_INVALID 1 Project path does not exist: no-such-app")});
     }
 
     void negativeTimeoutIsRefused()
@@ -264,9 +279,10 @@ private Q_SLOTS:
     {
         AgentFixture f;
         QVERIFY(f.connect());
-        f.server.send({{QStringLiteral("type"), QStringLiteral("task.assign")},
-                       {QStringLiteral("payload"), QJsonObject{{QStringLiteral("action"), QStringLiteral("shell")},
-                                                               {QStringLiteral("command"), QStringLiteral("echo x")}}}});
+        f.server.send(
+            {{QStringLiteral("type"), QStringLiteral("task.assign")},
+             {QStringLiteral("payload"), QJsonObject{{QStringLiteral("action"), QStringLiteral("shell")},
+                                                     {QStringLiteral("command"), QStringLiteral("echo x")}}}});
         f.shell(QStringLiteral("after"), QStringLiteral("true"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("after")));
         QCOMPARE(f.server.messages().size(), 1 + 3); // register, then the second task's three
@@ -281,12 +297,14 @@ private Q_SLOTS:
         QVERIFY(f.connect());
         f.assign(QStringLiteral("b"), {{QStringLiteral("projectPath"), QStringLiteral("/apps/It's")}});
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("b")));
-        QCOMPARE(f.taskTrace(QStringLiteral("b")),
-                 (QStringList{QStringLiteral("task.log workspace.resolve action=build_ios requestedProjectPath=/apps/It's "
-                                             "resolvedWorkingDir=") + f.repo.path(),
-                              QStringLiteral("task.started"),
-                              QStringLiteral("task.log deploy /apps/It's --no-password in ") + f.repo.path(),
-                              QStringLiteral("task.log "), QStringLiteral("task.finished 0")}));
+        QCOMPARE(
+            f.taskTrace(QStringLiteral("b")),
+            (QStringList{QStringLiteral("task.log workspace.resolve action=build_ios requestedProjectPath=/apps/It's "
+                                        "resolvedWorkingDir=") +
+                             f.repo.path(),
+                         QStringLiteral("task.started"),
+                         QStringLiteral("task.log deploy /apps/It's --no-password in ") + f.repo.path(),
+                         QStringLiteral("task.log "), QStringLiteral("task.finished 0")}));
     }
 
     void shellTaskInTheCreateProjectRootRegistersTheNewProject()
@@ -298,14 +316,14 @@ private Q_SLOTS:
         QVERIFY(f.connect());
         DiagRecorder log;
         const QString project = root + QStringLiteral("/Made");
-        f.assign(QStringLiteral("s"),
-                 {{QStringLiteral("action"), QStringLiteral("shell")},
-                  {QStringLiteral("projectPath"), root},
-                  {QStringLiteral("command"),
-                   QStringLiteral("mkdir -p Made && touch Made/Package.swift && echo noise && "
-                                  "echo '__QUENDARIX_SUCCESS__ %1/' && echo tail").arg(project)}});
-        const std::optional<QJsonObject> reg = f.server.waitFor(
-            [](const QJsonObject& m) { return m.value("type") == "agent.register"; }, 5000, 1);
+        f.assign(QStringLiteral("s"), {{QStringLiteral("action"), QStringLiteral("shell")},
+                                       {QStringLiteral("projectPath"), root},
+                                       {QStringLiteral("command"),
+                                        QStringLiteral("mkdir -p Made && touch Made/Package.swift && echo noise && "
+                                                       "echo '__QUENDARIX_SUCCESS__ %1/' && echo tail")
+                                            .arg(project)}});
+        const std::optional<QJsonObject> reg =
+            f.server.waitFor([](const QJsonObject& m) { return m.value("type") == "agent.register"; }, 5000, 1);
         QVERIFY(reg);
         QCOMPARE(reg->value(QStringLiteral("projects")).toArray(), QJsonArray{project});
         QCOMPARE(f.settings.string(QStringLiteral("projects")), std::optional<QString>(project));
@@ -365,8 +383,8 @@ private Q_SLOTS:
             AgentFixture f;
             QVERIFY(f.connect());
             f.shell(QStringLiteral("t"), QStringLiteral("sleep 300 & echo pid=$!; sleep 300"));
-            const std::optional<QJsonObject> line = f.server.waitFor(
-                [](const QJsonObject& m) { return m.value("line").toString().startsWith("pid="); });
+            const std::optional<QJsonObject> line =
+                f.server.waitFor([](const QJsonObject& m) { return m.value("line").toString().startsWith("pid="); });
             QVERIFY(line);
             const qint64 grandchild = line->value(QStringLiteral("line")).toString().mid(4).toLongLong();
             QCOMPARE(childProcesses().size(), 1);

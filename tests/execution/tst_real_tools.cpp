@@ -86,15 +86,16 @@ class TstRealTools : public QObject {
         m_openai->listen();
         const QString codexHome = m_home->path() + QStringLiteral("/.codex");
         QDir().mkpath(codexHome);
-        writeFile(codexHome + QStringLiteral("/config.toml"),
-                  "model = \"fake-model\"\n"
-                  "model_provider = \"fake\"\n"
-                  "[model_providers.fake]\n"
-                  "name = \"fake\"\n"
-                  "base_url = \"" + m_openai->baseURL().toUtf8() + "/v1\"\n"
-                  "wire_api = \"responses\"\n"
-                  "request_max_retries = 0\n"
-                  "stream_max_retries = 0\n");
+        writeFile(codexHome + QStringLiteral("/config.toml"), "model = \"fake-model\"\n"
+                                                              "model_provider = \"fake\"\n"
+                                                              "[model_providers.fake]\n"
+                                                              "name = \"fake\"\n"
+                                                              "base_url = \"" +
+                                                                  m_openai->baseURL().toUtf8() +
+                                                                  "/v1\"\n"
+                                                                  "wire_api = \"responses\"\n"
+                                                                  "request_max_retries = 0\n"
+                                                                  "stream_max_retries = 0\n");
 
         m_relay = std::make_unique<RelayProcess>();
         m_relay->token = QStringLiteral("tok");
@@ -199,21 +200,24 @@ class TstRealTools : public QObject {
 
     QJsonObject chat(const QString& system, const QString& prompt, const QString& conversation, const QString& approval)
     {
-        return {{QStringLiteral("action"), QStringLiteral("chat")},
-                {QStringLiteral("system"), system},
-                {QStringLiteral("projectPath"), QStringLiteral("App")},
-                {QStringLiteral("prompt"), prompt},
-                {QStringLiteral("conversationId"), conversation},
-                {QStringLiteral("approvalMode"), approval}};
+        return {{QStringLiteral("action"), QStringLiteral("chat")},     {QStringLiteral("system"), system},
+                {QStringLiteral("projectPath"), QStringLiteral("App")}, {QStringLiteral("prompt"), prompt},
+                {QStringLiteral("conversationId"), conversation},       {QStringLiteral("approvalMode"), approval}};
     }
 
     // The messages of a chat that answered `text` in one piece, after the resolve line.
     static QStringList chatAnswered(const QString& conversation, const QString& text)
     {
         return {json({{"agentId", "cli-agent"}, {"taskId", "<task>"}, {"type", "task.started"}}),
-                json({{"agentId", "cli-agent"}, {"chunk", text}, {"conversationId", conversation}, {"taskId", "<task>"},
+                json({{"agentId", "cli-agent"},
+                      {"chunk", text},
+                      {"conversationId", conversation},
+                      {"taskId", "<task>"},
                       {"type", "task.chat.chunk"}}),
-                json({{"agentId", "cli-agent"}, {"conversationId", conversation}, {"taskId", "<task>"}, {"text", text},
+                json({{"agentId", "cli-agent"},
+                      {"conversationId", conversation},
+                      {"taskId", "<task>"},
+                      {"text", text},
                       {"type", "task.chat.final"}}),
                 json({{"agentId", "cli-agent"}, {"exitCode", 0}, {"taskId", "<task>"}, {"type", "task.finished"}})};
     }
@@ -243,7 +247,8 @@ private Q_SLOTS:
         install.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         install.start(QStringLiteral(BRINMOOR_SOURCE_DIR "/scripts/real-tools"), QStringList());
         const bool ran = install.waitForFinished(11 * 60 * 1000);
-        const QStringList lines = QString::fromUtf8(install.readAllStandardOutput()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        const QStringList lines =
+            QString::fromUtf8(install.readAllStandardOutput()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
         if (!ran || install.exitStatus() != QProcess::NormalExit || install.exitCode() != 0 || lines.isEmpty()) {
             if (install.state() != QProcess::NotRunning) {
                 install.kill();
@@ -271,7 +276,8 @@ private Q_SLOTS:
         m_openai.reset();
         // Nothing a task wrote for itself is left behind.
         if (m_tmp)
-            QCOMPARE(QDir(m_tmp->path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden)
+            QCOMPARE(QDir(m_tmp->path())
+                         .entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden)
                          .filter(QRegularExpression(QStringLiteral("^brinmoor-mcp-"))),
                      QStringList());
         m_tmp.reset();
@@ -282,18 +288,26 @@ private Q_SLOTS:
     {
         QVERIFY(startAll());
         m_anthropic->respond = [](const FakeModelServer::Request& request) {
-            if (!request.path.startsWith(QLatin1String("/v1/messages")) || request.path.contains(QLatin1String("count_tokens")))
+            if (!request.path.startsWith(QLatin1String("/v1/messages")) ||
+                request.path.contains(QLatin1String("count_tokens")))
                 return FakeModelServer::Reply{404, "application/json", "{}"};
-            const bool second = lastUserContent(request.json).value(QStringLiteral("text")).toString().contains(QLatin1String("Say it again"));
-            return FakeModelServer::messagesText(second ? QStringLiteral("Still here.") : QStringLiteral("Hello from the fake model."));
+            const bool second = lastUserContent(request.json)
+                                    .value(QStringLiteral("text"))
+                                    .toString()
+                                    .contains(QLatin1String("Say it again"));
+            return FakeModelServer::messagesText(second ? QStringLiteral("Still here.")
+                                                        : QStringLiteral("Hello from the fake model."));
         };
         const QString conversation = QStringLiteral("real-claude-chat");
-        const QString first = createTask(chat(QStringLiteral("claude"), QStringLiteral("Say hello"), conversation, QStringLiteral("none")));
+        const QString first = createTask(
+            chat(QStringLiteral("claude"), QStringLiteral("Say hello"), conversation, QStringLiteral("none")));
         QVERIFY(waitForTaskEnd(first));
-        QVERIFY(sameTrace(exactTrace(first), QStringList{created(), chatResolved()} +
-                                                 chatAnswered(conversation, QStringLiteral("Hello from the fake model."))));
+        QVERIFY(
+            sameTrace(exactTrace(first), QStringList{created(), chatResolved()} +
+                                             chatAnswered(conversation, QStringLiteral("Hello from the fake model."))));
 
-        const QString second = createTask(chat(QStringLiteral("claude"), QStringLiteral("Say it again"), conversation, QStringLiteral("none")));
+        const QString second = createTask(
+            chat(QStringLiteral("claude"), QStringLiteral("Say it again"), conversation, QStringLiteral("none")));
         QVERIFY(waitForTaskEnd(second));
         QVERIFY(sameTrace(exactTrace(second), QStringList{created(), chatResolved()} +
                                                   chatAnswered(conversation, QStringLiteral("Still here."))));
@@ -302,8 +316,14 @@ private Q_SLOTS:
         // its key, and the second one carried the first exchange to the model.
         const QString session = QStringLiteral("ccd3cbc4-4c90-5c99-9df1-6b50542f35b6");
         const QStringList log = m_agent->logTexts();
-        QCOMPARE(log.filter(QStringLiteral("shell=claude --session-id '") + session + QStringLiteral("' --dangerously-skip-permissions")).size(), 1);
-        QCOMPARE(log.filter(QStringLiteral("shell=claude --resume '") + session + QStringLiteral("' --dangerously-skip-permissions")).size(), 1);
+        QCOMPARE(log.filter(QStringLiteral("shell=claude --session-id '") + session +
+                            QStringLiteral("' --dangerously-skip-permissions"))
+                     .size(),
+                 1);
+        QCOMPARE(log.filter(QStringLiteral("shell=claude --resume '") + session +
+                            QStringLiteral("' --dangerously-skip-permissions"))
+                     .size(),
+                 1);
         const QList<FakeModelServer::Request>& requests = m_anthropic->requests();
         QVERIFY(!requests.isEmpty());
         QVERIFY(conversationText(requests.last()).contains(QLatin1String("Hello from the fake model.")));
@@ -316,7 +336,8 @@ private Q_SLOTS:
         const QString notes = project() + QStringLiteral("/notes.txt");
         // The model asks to write notes.txt, then says what came of it.
         m_anthropic->respond = [notes](const FakeModelServer::Request& request) {
-            if (!request.path.startsWith(QLatin1String("/v1/messages")) || request.path.contains(QLatin1String("count_tokens")))
+            if (!request.path.startsWith(QLatin1String("/v1/messages")) ||
+                request.path.contains(QLatin1String("count_tokens")))
                 return FakeModelServer::Reply{404, "application/json", "{}"};
             const QJsonObject last = lastUserContent(request.json);
             if (last.value(QStringLiteral("type")).toString() == QLatin1String("tool_result"))
@@ -324,14 +345,19 @@ private Q_SLOTS:
                                                          ? QStringLiteral("I was not allowed to write notes.txt.")
                                                          : QStringLiteral("Wrote notes.txt."));
             const bool second = last.value(QStringLiteral("text")).toString().contains(QLatin1String("again"));
-            return FakeModelServer::messagesToolUse(second ? QStringLiteral("toolu_real_2") : QStringLiteral("toolu_real_1"),
-                                                    QStringLiteral("Write"),
-                                                    {{"file_path", notes}, {"content", "written by claude\n"}});
+            return FakeModelServer::messagesToolUse(
+                second ? QStringLiteral("toolu_real_2") : QStringLiteral("toolu_real_1"), QStringLiteral("Write"),
+                {{"file_path", notes}, {"content", "written by claude\n"}});
         };
         const QJsonObject toolInput{{"file_path", "<repo>/App/notes.txt"}, {"content", "written by claude\n"}};
         auto permissionRequest = [&](const QString& toolUseId) {
-            return json({{"agentId", "cli-agent"}, {"requestId", "<request>"}, {"taskId", "<task>"}, {"toolInput", toolInput},
-                         {"toolName", "Write"}, {"toolUseId", toolUseId}, {"type", "permission.request"}});
+            return json({{"agentId", "cli-agent"},
+                         {"requestId", "<request>"},
+                         {"taskId", "<task>"},
+                         {"toolInput", toolInput},
+                         {"toolName", "Write"},
+                         {"toolUseId", toolUseId},
+                         {"type", "permission.request"}});
         };
 
         // Allowed once: the tool writes.
@@ -346,10 +372,11 @@ private Q_SLOTS:
                                   {QStringLiteral("decision"), QStringLiteral("allow")}});
         QVERIFY(waitForTaskEnd(allowed));
         QCOMPARE(readFile(notes), QByteArray("written by claude\n"));
-        QVERIFY(sameTrace(exactTrace(allowed),
-                          QStringList{created(), chatResolved(), chatAnswered(QString(), QString()).first(),
-                                      permissionRequest(QStringLiteral("toolu_real_1"))} +
-                              chatAnswered(QStringLiteral("real-claude-allow"), QStringLiteral("Wrote notes.txt.")).mid(1)));
+        QVERIFY(sameTrace(
+            exactTrace(allowed),
+            QStringList{created(), chatResolved(), chatAnswered(QString(), QString()).first(),
+                        permissionRequest(QStringLiteral("toolu_real_1"))} +
+                chatAnswered(QStringLiteral("real-claude-allow"), QStringLiteral("Wrote notes.txt.")).mid(1)));
 
         // Denied once: the tool leaves the file alone and the model hears why.
         QVERIFY(QFile::remove(notes));
@@ -367,11 +394,13 @@ private Q_SLOTS:
                           QStringList{created(), chatResolved(), chatAnswered(QString(), QString()).first(),
                                       permissionRequest(QStringLiteral("toolu_real_2"))} +
                               chatAnswered(QStringLiteral("real-claude-deny"),
-                                           QStringLiteral("I was not allowed to write notes.txt.")).mid(1)));
+                                           QStringLiteral("I was not allowed to write notes.txt."))
+                                  .mid(1)));
         const QJsonObject toolResult = lastUserContent(m_anthropic->requests().last().json);
         QCOMPARE(toolResult.value(QStringLiteral("tool_use_id")).toString(), QStringLiteral("toolu_real_2"));
         QCOMPARE(toolResult.value(QStringLiteral("is_error")).toBool(), true);
-        QVERIFY2(QJsonDocument(toolResult).toJson().contains("not today"), QJsonDocument(toolResult).toJson().constData());
+        QVERIFY2(QJsonDocument(toolResult).toJson().contains("not today"),
+                 QJsonDocument(toolResult).toJson().constData());
     }
 
     void codexChatResumesItsThread()
@@ -386,7 +415,8 @@ private Q_SLOTS:
         };
         const QString conversation = QStringLiteral("real-codex-chat");
         // Without approval: the command this codex no longer takes is fitted to it.
-        const QString first = createTask(chat(QStringLiteral("codex"), QStringLiteral("Say hello"), conversation, QStringLiteral("none")));
+        const QString first = createTask(
+            chat(QStringLiteral("codex"), QStringLiteral("Say hello"), conversation, QStringLiteral("none")));
         QVERIFY(waitForTaskEnd(first));
         // codex tells on standard error that it read its (empty) standard input.
         QStringList answered = chatAnswered(conversation, QStringLiteral("Hello from the fake codex model."));
@@ -394,23 +424,27 @@ private Q_SLOTS:
         answered.insert(2, log(QString()));
         QVERIFY(sameTrace(exactTrace(first), QStringList{created(), chatResolved()} + answered));
         // With approval: the thread is resumed with the approval server configured.
-        const QString second = createTask(chat(QStringLiteral("codex"), QStringLiteral("Say it again"), conversation, QStringLiteral("on_request")));
+        const QString second = createTask(
+            chat(QStringLiteral("codex"), QStringLiteral("Say it again"), conversation, QStringLiteral("on_request")));
         QVERIFY(waitForTaskEnd(second));
         // (A resumed thread does not read standard input.)
         answered = chatAnswered(conversation, QStringLiteral("Still here, says codex."));
         QVERIFY(sameTrace(exactTrace(second), QStringList{created(), chatResolved()} + answered));
 
         const QStringList log = m_agent->logTexts();
-        QCOMPARE(log.filter(QRegularExpression(QStringLiteral("^toolCompatibility codex exec at .*/codex\\.js does not accept "
-                                                               "--full-auto; using --sandbox workspace-write$")))
+        QCOMPARE(log.filter(QRegularExpression(
+                                QStringLiteral("^toolCompatibility codex exec at .*/codex\\.js does not accept "
+                                               "--full-auto; using --sandbox workspace-write$")))
                      .size(),
                  1);
         QCOMPARE(log.filter(QStringLiteral("toolCompatibility")).size(), 1);
-        const QStringList resumed = log.filter(QStringLiteral("shell=codex exec resume --json --skip-git-repo-check '"));
+        const QStringList resumed =
+            log.filter(QStringLiteral("shell=codex exec resume --json --skip-git-repo-check '"));
         QCOMPARE(resumed.size(), 1);
         // The prompt spans lines: the approval settings come at the end of the command.
-        QVERIFY(log.join(QLatin1Char('\n')).contains(QStringLiteral("' -c 'mcp_servers.approver.command=\"") + binDir() +
-                                                       QStringLiteral("/MCPApprovalServer\"' -c 'mcp_servers.approver.args=[]'")));
+        QVERIFY(log.join(QLatin1Char('\n'))
+                    .contains(QStringLiteral("' -c 'mcp_servers.approver.command=\"") + binDir() +
+                              QStringLiteral("/MCPApprovalServer\"' -c 'mcp_servers.approver.args=[]'")));
         const QList<FakeModelServer::Request>& requests = m_openai->requests();
         QVERIFY(!requests.isEmpty());
         QVERIFY(conversationText(requests.last()).contains(QLatin1String("Hello from the fake codex model.")));
@@ -423,34 +457,47 @@ private Q_SLOTS:
         m_anthropic->respond = [refusal](const FakeModelServer::Request&) {
             return FakeModelServer::messagesError(400, refusal);
         };
-        m_openai->respond = [refusal](const FakeModelServer::Request&) { return FakeModelServer::responsesFailed(refusal); };
+        m_openai->respond = [refusal](const FakeModelServer::Request&) {
+            return FakeModelServer::responsesFailed(refusal);
+        };
 
-        const QString claude = createTask(chat(QStringLiteral("claude"), QStringLiteral("Hi"), QStringLiteral("real-fail"), QStringLiteral("none")));
+        const QString claude = createTask(
+            chat(QStringLiteral("claude"), QStringLiteral("Hi"), QStringLiteral("real-fail"), QStringLiteral("none")));
         QVERIFY(waitForTaskEnd(claude));
-        const QString codex = createTask(chat(QStringLiteral("codex"), QStringLiteral("Hi"), QStringLiteral("real-fail"), QStringLiteral("none")));
+        const QString codex = createTask(
+            chat(QStringLiteral("codex"), QStringLiteral("Hi"), QStringLiteral("real-fail"), QStringLiteral("none")));
         QVERIFY(waitForTaskEnd(codex));
         const auto failed = [](const QString& conversation) {
-            return QStringList{
-                json({{"agentId", "cli-agent"}, {"conversationId", conversation}, {"message", "command exited with status 1"},
-                      {"taskId", "<task>"}, {"type", "task.chat.error"}}),
-                json({{"agentId", "cli-agent"}, {"error", "command exited with status 1"}, {"errorCode", "COMMAND_EXIT_NONZERO"},
-                      {"exitCode", 1}, {"taskId", "<task>"}, {"type", "task.failed"}})};
+            return QStringList{json({{"agentId", "cli-agent"},
+                                     {"conversationId", conversation},
+                                     {"message", "command exited with status 1"},
+                                     {"taskId", "<task>"},
+                                     {"type", "task.chat.error"}}),
+                               json({{"agentId", "cli-agent"},
+                                     {"error", "command exited with status 1"},
+                                     {"errorCode", "COMMAND_EXIT_NONZERO"},
+                                     {"exitCode", 1},
+                                     {"taskId", "<task>"},
+                                     {"type", "task.failed"}})};
         };
         const QString started = json({{"agentId", "cli-agent"}, {"taskId", "<task>"}, {"type", "task.started"}});
         // claude puts the error in its answer and in a failed result.
         QVERIFY(sameTrace(exactTrace(claude),
                           QStringList{created(), chatResolved(), started,
-                                      json({{"agentId", "cli-agent"}, {"chunk", QString(QStringLiteral("API Error: 400 ") + refusal)},
-                                            {"conversationId", "real-fail"}, {"taskId", "<task>"}, {"type", "task.chat.chunk"}}),
+                                      json({{"agentId", "cli-agent"},
+                                            {"chunk", QString(QStringLiteral("API Error: 400 ") + refusal)},
+                                            {"conversationId", "real-fail"},
+                                            {"taskId", "<task>"},
+                                            {"type", "task.chat.chunk"}}),
                                       log(QString(QStringLiteral("[claude.error] API Error: 400 ") + refusal))} +
                               failed(QStringLiteral("real-fail"))));
         // codex reports the failed response as an error and a failed turn.
-        QVERIFY(sameTrace(exactTrace(codex),
-                          QStringList{created(), chatResolved(), started,
-                                      log(QStringLiteral("Reading additional input from stdin...")), log(QString()),
-                                      log(QStringLiteral("[codex.error] ") + refusal),
-                                      log(QStringLiteral("[codex.turn.failed] ") + refusal)} +
-                              failed(QStringLiteral("real-fail"))));
+        QVERIFY(
+            sameTrace(exactTrace(codex), QStringList{created(), chatResolved(), started,
+                                                     log(QStringLiteral("Reading additional input from stdin...")),
+                                                     log(QString()), log(QStringLiteral("[codex.error] ") + refusal),
+                                                     log(QStringLiteral("[codex.turn.failed] ") + refusal)} +
+                                             failed(QStringLiteral("real-fail"))));
     }
 
     void codexProposesAChangeThatIsAppliedOnceApproved()
@@ -474,55 +521,82 @@ private Q_SLOTS:
                                            {QStringLiteral("approvalMode"), QStringLiteral("on_request")},
                                            {QStringLiteral("projectPath"), QStringLiteral("App")},
                                            {QStringLiteral("prompt"), QStringLiteral("Fix the typo in notes.txt")}});
-        const auto awaiting = waitForTask(taskId, {QStringLiteral("task.awaiting_approval"), QStringLiteral("task.failed")});
+        const auto awaiting =
+            waitForTask(taskId, {QStringLiteral("task.awaiting_approval"), QStringLiteral("task.failed")});
         QVERIFY(awaiting);
-        QVERIFY2(typeOf(*awaiting) == QLatin1String("task.awaiting_approval"), qPrintable(exactTrace(taskId).join(QLatin1Char('\n'))));
+        QVERIFY2(typeOf(*awaiting) == QLatin1String("task.awaiting_approval"),
+                 qPrintable(exactTrace(taskId).join(QLatin1Char('\n'))));
         QCOMPARE(readFile(project() + QStringLiteral("/notes.txt")), QByteArray("teh notes\n"));
-        m_phone->send(QJsonObject{{QStringLiteral("type"), QStringLiteral("task.approval")},
-                                  {QStringLiteral("agentId"), QStringLiteral("cli-agent")},
-                                  {QStringLiteral("taskId"), taskId},
-                                  {QStringLiteral("payload"), QJsonObject{{QStringLiteral("decision"), QStringLiteral("approve")}}}});
+        m_phone->send(QJsonObject{
+            {QStringLiteral("type"), QStringLiteral("task.approval")},
+            {QStringLiteral("agentId"), QStringLiteral("cli-agent")},
+            {QStringLiteral("taskId"), taskId},
+            {QStringLiteral("payload"), QJsonObject{{QStringLiteral("decision"), QStringLiteral("approve")}}}});
         QVERIFY(waitForTaskEnd(taskId));
         QCOMPARE(readFile(project() + QStringLiteral("/notes.txt")), QByteArray("the notes\n"));
-        const QString explanation = QStringLiteral("notes.txt misspelled \"the\" in its only line, so I fixed that word there.");
-        const QString prompt = AITaskResolution::systemExecutionModeText +
-                               ChatExecution::workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("Fix the typo in notes.txt"));
-        const QJsonObject commentary{{"agentId", "cli-agent"}, {"replace", true}, {"taskId", "<task>"},
-                                     {"text", explanation}, {"type", "task.commentary"}};
+        const QString explanation =
+            QStringLiteral("notes.txt misspelled \"the\" in its only line, so I fixed that word there.");
+        const QString prompt =
+            AITaskResolution::systemExecutionModeText +
+            ChatExecution::workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("Fix the typo in notes.txt"));
+        const QJsonObject commentary{{"agentId", "cli-agent"},
+                                     {"replace", true},
+                                     {"taskId", "<task>"},
+                                     {"text", explanation},
+                                     {"type", "task.commentary"}};
         const QStringList expected{
             created(),
-            log(QStringLiteral("workspace.resolve action=ai_task requestedProjectPath=App resolvedWorkingDir=<repo>/App "
-                               "system=codex mode=apply approvalMode=on_request strategy=proposalApproval(requiresApproval: true)")),
+            log(QStringLiteral(
+                "workspace.resolve action=ai_task requestedProjectPath=App resolvedWorkingDir=<repo>/App "
+                "system=codex mode=apply approvalMode=on_request strategy=proposalApproval(requiresApproval: true)")),
             json({{"agentId", "cli-agent"}, {"taskId", "<task>"}, {"type", "task.started"}}),
-            json({{"agentId", "cli-agent"}, {"message", "Preparing proposed changes"}, {"percent", 5}, {"phase", "prepare"},
-                  {"taskId", "<task>"}, {"type", "task.progress"}}),
+            json({{"agentId", "cli-agent"},
+                  {"message", "Preparing proposed changes"},
+                  {"percent", 5},
+                  {"phase", "prepare"},
+                  {"taskId", "<task>"},
+                  {"type", "task.progress"}}),
             log(QStringLiteral("proposal.workspace original=<repo>/App proposal=<tmp>/brinmoor-proposals/<copy>")),
             // The command as it ran: this codex takes the sandbox option instead of --full-auto.
-            log(QStringLiteral("proposal.command shell=codex exec --sandbox workspace-write --json --skip-git-repo-check "
-                               "--color never ") + ExecutionResolution::shellQuote(prompt)),
+            log(QStringLiteral(
+                    "proposal.command shell=codex exec --sandbox workspace-write --json --skip-git-repo-check "
+                    "--color never ") +
+                ExecutionResolution::shellQuote(prompt)),
             log(QStringLiteral("[command] /bin/bash -c \"printf 'the notes\\\\n' > notes.txt\"")),
             json(commentary),
             log(QStringLiteral("proposal.command exitCode=0 outputBytes=1018")),
             log(QStringLiteral("proposal.diff bytes=130")),
             log(QStringLiteral("proposal.ready files=1 requiresApproval=true")),
             json(commentary),
-            json({{"agentId", "cli-agent"}, {"kind", "proposal"}, {"mimeType", "text/x-diff"}, {"summary", explanation},
-                  {"taskId", "<task>"}, {"type", "task.artifact"}}),
             json({{"agentId", "cli-agent"},
-                  {"proposalCommentary", explanation},
-                  {"proposalDiff", "diff --git a/notes.txt b/notes.txt\nindex b97116f..f09bce4 100644\n--- a/notes.txt\n"
-                                   "+++ b/notes.txt\n@@ -1 +1 @@\n-teh notes\n+the notes"},
-                  {"proposalFiles", QJsonArray{"notes.txt"}},
-                  {"proposalId", "<proposal>"},
-                  {"proposalSummary", explanation},
+                  {"kind", "proposal"},
+                  {"mimeType", "text/x-diff"},
+                  {"summary", explanation},
                   {"taskId", "<task>"},
-                  {"type", "task.awaiting_approval"}}),
+                  {"type", "task.artifact"}}),
+            json(
+                {{"agentId", "cli-agent"},
+                 {"proposalCommentary", explanation},
+                 {"proposalDiff", "diff --git a/notes.txt b/notes.txt\nindex b97116f..f09bce4 100644\n--- a/notes.txt\n"
+                                  "+++ b/notes.txt\n@@ -1 +1 @@\n-teh notes\n+the notes"},
+                 {"proposalFiles", QJsonArray{"notes.txt"}},
+                 {"proposalId", "<proposal>"},
+                 {"proposalSummary", explanation},
+                 {"taskId", "<task>"},
+                 {"type", "task.awaiting_approval"}}),
             log(QStringLiteral("proposal.approval approved")),
-            json({{"agentId", "cli-agent"}, {"message", "Applying approved changes"}, {"percent", 75}, {"phase", "apply"},
-                  {"taskId", "<task>"}, {"type", "task.progress"}}),
-            json({{"agentId", "cli-agent"}, {"kind", "result"}, {"mimeType", "text/plain"},
+            json({{"agentId", "cli-agent"},
+                  {"message", "Applying approved changes"},
+                  {"percent", 75},
+                  {"phase", "apply"},
+                  {"taskId", "<task>"},
+                  {"type", "task.progress"}}),
+            json({{"agentId", "cli-agent"},
+                  {"kind", "result"},
+                  {"mimeType", "text/plain"},
                   {"summary", QString(QStringLiteral("Applied the approved changes to 1 file.\n\n") + explanation)},
-                  {"taskId", "<task>"}, {"type", "task.artifact"}}),
+                  {"taskId", "<task>"},
+                  {"type", "task.artifact"}}),
             json({{"agentId", "cli-agent"}, {"exitCode", 0}, {"taskId", "<task>"}, {"type", "task.finished"}}),
         };
         QVERIFY(sameTrace(exactTrace(taskId), expected));

@@ -39,14 +39,16 @@ ToolHelp codex169()
 ToolHelp codexWithFullAuto()
 {
     ToolHelp help = codex169();
-    help.textByScope[QStringLiteral("exec")] +=
-        QStringLiteral("\n      --full-auto\n          Convenience alias for low-friction sandboxed automatic execution\n");
+    help.textByScope[QStringLiteral("exec")] += QStringLiteral(
+        "\n      --full-auto\n          Convenience alias for low-friction sandboxed automatic execution\n");
     return help;
 }
 
 ToolHelp claude2130()
 {
-    return {QStringLiteral("claude"), QStringLiteral("/opt/claude"), {{QString(), data(QStringLiteral("claude-2.1.330.help"))}}};
+    return {QStringLiteral("claude"),
+            QStringLiteral("/opt/claude"),
+            {{QString(), data(QStringLiteral("claude-2.1.330.help"))}}};
 }
 
 const QString kPrompt = QStringLiteral("'say --full-auto it'\"'\"'s done'");
@@ -87,14 +89,17 @@ class TstToolCompatibility : public QObject {
 
     static QJsonObject plan(const QString& project)
     {
-        return {{QStringLiteral("action"), QStringLiteral("ai_task")}, {QStringLiteral("system"), QStringLiteral("codex")},
-                {QStringLiteral("mode"), QStringLiteral("plan")}, {QStringLiteral("projectPath"), project},
+        return {{QStringLiteral("action"), QStringLiteral("ai_task")},
+                {QStringLiteral("system"), QStringLiteral("codex")},
+                {QStringLiteral("mode"), QStringLiteral("plan")},
+                {QStringLiteral("projectPath"), project},
                 {QStringLiteral("prompt"), QStringLiteral("Look")}};
     }
 
     QStringList helpCalls(const QString& fake, const QString& tool) const
     {
-        const QString text = QString::fromUtf8(test::readFile(fake + QLatin1Char('/') + tool + QStringLiteral(".helpcalls")));
+        const QString text =
+            QString::fromUtf8(test::readFile(fake + QLatin1Char('/') + tool + QStringLiteral(".helpcalls")));
         return text.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     }
 
@@ -157,12 +162,19 @@ private Q_SLOTS:
         // The approval-"none" chat, the "apply" proposal and the default plan template.
         const ToolAdaptation chat = adaptCommand(
             QStringLiteral("codex exec --full-auto --json --skip-git-repo-check --color never ") + kPrompt, codex169());
-        QCOMPARE(chat.shell, QStringLiteral("codex exec --sandbox workspace-write --json --skip-git-repo-check --color never ") + kPrompt);
-        QCOMPARE(chat.notes, QStringList{QStringLiteral(
-                                 "toolCompatibility codex exec at /opt/codex does not accept --full-auto; using --sandbox workspace-write")});
+        QCOMPARE(chat.shell,
+                 QStringLiteral("codex exec --sandbox workspace-write --json --skip-git-repo-check --color never ") +
+                     kPrompt);
+        QCOMPARE(
+            chat.notes,
+            QStringList{QStringLiteral(
+                "toolCompatibility codex exec at /opt/codex does not accept --full-auto; using --sandbox workspace-write")});
         const ToolAdaptation plan = adaptCommand(
-            QString::fromLatin1(ProfileDefaults::aiPlanTemplate).replace(QStringLiteral("{{prompt}}"), kPrompt), codex169());
-        QCOMPARE(plan.shell, QStringLiteral("codex exec --sandbox workspace-write --skip-git-repo-check --color never --json ") + kPrompt);
+            QString::fromLatin1(ProfileDefaults::aiPlanTemplate).replace(QStringLiteral("{{prompt}}"), kPrompt),
+            codex169());
+        QCOMPARE(plan.shell,
+                 QStringLiteral("codex exec --sandbox workspace-write --skip-git-repo-check --color never --json ") +
+                     kPrompt);
         QCOMPARE(plan.notes.size(), 1);
     }
 
@@ -179,14 +191,30 @@ private Q_SLOTS:
         };
         QTest::newRow("profile codex chat") << filled(ProfileDefaults::codexChatTemplate) << false;
         QTest::newRow("profile claude chat") << filled(ProfileDefaults::claudeChatTemplate) << true;
-        QTest::newRow("on-request") << QStringLiteral("codex -a on-request exec --json --skip-git-repo-check --color never ") + kPrompt << false;
-        QTest::newRow("mcp approval") << QStringLiteral("codex exec --json --skip-git-repo-check --color never ") + kPrompt + overrides << false;
-        QTest::newRow("resume") << QStringLiteral("codex exec resume --json --skip-git-repo-check 'th-1' ") + kPrompt + overrides << false;
-        QTest::newRow("resume on-request") << QStringLiteral("codex -a on-request exec resume --json --skip-git-repo-check 'th-1' ") + kPrompt << false;
-        QTest::newRow("claude approval") << QStringLiteral("claude --session-id 'fe4eaed6-11ff-55fd-9527-298e55a32c58' -p --verbose "
-                                                           "--permission-prompt-tool mcp__approver__request_permission "
-                                                           "--mcp-config '/tmp/m.json' --output-format stream-json ") + kPrompt << true;
-        QTest::newRow("claude resume") << QStringLiteral("claude --resume 'x' --dangerously-skip-permissions -p --verbose --output-format stream-json ") + kPrompt << true;
+        QTest::newRow("on-request") << QStringLiteral(
+                                           "codex -a on-request exec --json --skip-git-repo-check --color never ") +
+                                           kPrompt
+                                    << false;
+        QTest::newRow("mcp approval") << QStringLiteral("codex exec --json --skip-git-repo-check --color never ") +
+                                             kPrompt + overrides
+                                      << false;
+        QTest::newRow("resume") << QStringLiteral("codex exec resume --json --skip-git-repo-check 'th-1' ") + kPrompt +
+                                       overrides
+                                << false;
+        QTest::newRow("resume on-request")
+            << QStringLiteral("codex -a on-request exec resume --json --skip-git-repo-check 'th-1' ") + kPrompt
+            << false;
+        QTest::newRow("claude approval")
+            << QStringLiteral("claude --session-id 'fe4eaed6-11ff-55fd-9527-298e55a32c58' -p --verbose "
+                              "--permission-prompt-tool mcp__approver__request_permission "
+                              "--mcp-config '/tmp/m.json' --output-format stream-json ") +
+                   kPrompt
+            << true;
+        QTest::newRow("claude resume")
+            << QStringLiteral(
+                   "claude --resume 'x' --dangerously-skip-permissions -p --verbose --output-format stream-json ") +
+                   kPrompt
+            << true;
         QTest::newRow("claude ai_task") << AITaskResolution::claudeTemplate << true;
     }
 
@@ -201,7 +229,8 @@ private Q_SLOTS:
 
     void aReleaseThatAcceptsFullAutoKeepsIt()
     {
-        const QString shell = QStringLiteral("codex exec --full-auto --json --skip-git-repo-check --color never ") + kPrompt;
+        const QString shell =
+            QStringLiteral("codex exec --full-auto --json --skip-git-repo-check --color never ") + kPrompt;
         const ToolAdaptation adaptation = adaptCommand(shell, codexWithFullAuto());
         QCOMPARE(adaptation.shell, shell);
         QCOMPARE(adaptation.notes, QStringList());
@@ -213,12 +242,18 @@ private Q_SLOTS:
         const QString shell = QStringLiteral("codex exec resume --color never -a never --json 'th' ") + kPrompt;
         const ToolAdaptation adaptation = adaptCommand(shell, codex169());
         QCOMPARE(adaptation.shell, shell);
-        QCOMPARE(adaptation.notes,
-                 (QStringList{QStringLiteral("toolCompatibility codex exec resume at /opt/codex does not list --color; the command keeps it"),
-                              QStringLiteral("toolCompatibility codex exec resume at /opt/codex does not list -a; the command keeps it")}));
-        const ToolAdaptation claude = adaptCommand(QStringLiteral("claude --output-format=stream-json --no-such-flag -p x"), claude2130());
-        QCOMPARE(claude.notes, QStringList{QStringLiteral(
-                                   "toolCompatibility claude at /opt/claude does not list --no-such-flag; the command keeps it")});
+        QCOMPARE(
+            adaptation.notes,
+            (QStringList{
+                QStringLiteral(
+                    "toolCompatibility codex exec resume at /opt/codex does not list --color; the command keeps it"),
+                QStringLiteral(
+                    "toolCompatibility codex exec resume at /opt/codex does not list -a; the command keeps it")}));
+        const ToolAdaptation claude =
+            adaptCommand(QStringLiteral("claude --output-format=stream-json --no-such-flag -p x"), claude2130());
+        QCOMPARE(claude.notes,
+                 QStringList{QStringLiteral(
+                     "toolCompatibility claude at /opt/claude does not list --no-such-flag; the command keeps it")});
     }
 
     void theInstalledToolIsAskedOnceAndTheCommandFitted()
@@ -228,7 +263,8 @@ private Q_SLOTS:
         const QString codex = installFake(QStringLiteral("new"), QStringLiteral("codex"));
         for (const QString& scope : {QString(), QStringLiteral(".exec"), QStringLiteral(".exec.resume")})
             test::writeFile(fake.path() + QStringLiteral("/codex") + scope + QStringLiteral(".help"),
-                            test::readFile(QStringLiteral(BRINMOOR_TEST_DATA_DIR "/codex-0.169.0") + scope + QStringLiteral(".help")));
+                            test::readFile(QStringLiteral(BRINMOOR_TEST_DATA_DIR "/codex-0.169.0") + scope +
+                                           QStringLiteral(".help")));
         test::writeFile(fake.path() + QStringLiteral("/codex.stream"), "{\"type\":\"turn.completed\"}\n");
 
         AgentFixture f;
@@ -241,7 +277,8 @@ private Q_SLOTS:
                  (QStringList{QStringLiteral("exec"), QStringLiteral("--sandbox"), QStringLiteral("workspace-write"),
                               QStringLiteral("--skip-git-repo-check")}));
         QCOMPARE(helpCalls(fake.path(), QStringLiteral("codex")),
-                 (QStringList{QStringLiteral("--help"), QStringLiteral("exec --help"), QStringLiteral("exec resume --help")}));
+                 (QStringList{QStringLiteral("--help"), QStringLiteral("exec --help"),
+                              QStringLiteral("exec resume --help")}));
         const QString note = QStringLiteral("toolCompatibility codex exec at ") + codex +
                              QStringLiteral(" does not accept --full-auto; using --sandbox workspace-write");
         QCOMPARE(log.texts().count(note), 1);

@@ -40,7 +40,8 @@ private Q_SLOTS:
 
     void upperCaseApplyWithBlanksIsApply()
     {
-        const AITaskExecutionStrategy strategy = aiTaskExecutionStrategy(QStringLiteral("codex"), QStringLiteral(" APPLY "), std::nullopt);
+        const AITaskExecutionStrategy strategy =
+            aiTaskExecutionStrategy(QStringLiteral("codex"), QStringLiteral(" APPLY "), std::nullopt);
         QVERIFY(strategy.isProposal());
         QVERIFY(strategy.requiresApproval);
         QCOMPARE(strategy.description(), QStringLiteral("proposalApproval(requiresApproval: true)"));
@@ -49,7 +50,8 @@ private Q_SLOTS:
     void codexApplyWithoutOnRequestAppliesWithoutAsking()
     {
         for (const QString& approval : {QStringLiteral("never"), QStringLiteral("none")}) {
-            const AITaskExecutionStrategy strategy = aiTaskExecutionStrategy(QStringLiteral("codex"), QStringLiteral("apply"), approval);
+            const AITaskExecutionStrategy strategy =
+                aiTaskExecutionStrategy(QStringLiteral("codex"), QStringLiteral("apply"), approval);
             QVERIFY(strategy.isProposal());
             QVERIFY(!strategy.requiresApproval);
             QCOMPARE(strategy.description(), QStringLiteral("proposalApproval(requiresApproval: false)"));
@@ -66,10 +68,14 @@ private Q_SLOTS:
 
     void errorsForModePromptAndProject()
     {
-        QCOMPARE(errorOf(QStringLiteral(" Review "), QStringLiteral("x"), QStringLiteral("p")), QStringLiteral("4 Unsupported mode:  Review "));
-        QCOMPARE(errorOf(std::nullopt, QStringLiteral("x"), QStringLiteral("p")), QStringLiteral("4 Unsupported mode: "));
-        QCOMPARE(errorOf(QStringLiteral("plan"), QStringLiteral("x"), QStringLiteral("  ")), QStringLiteral("6 Missing prompt"));
-        QCOMPARE(errorOf(QStringLiteral("plan"), QStringLiteral(" "), QStringLiteral("p")), QStringLiteral("5 Missing projectPath"));
+        QCOMPARE(errorOf(QStringLiteral(" Review "), QStringLiteral("x"), QStringLiteral("p")),
+                 QStringLiteral("4 Unsupported mode:  Review "));
+        QCOMPARE(errorOf(std::nullopt, QStringLiteral("x"), QStringLiteral("p")),
+                 QStringLiteral("4 Unsupported mode: "));
+        QCOMPARE(errorOf(QStringLiteral("plan"), QStringLiteral("x"), QStringLiteral("  ")),
+                 QStringLiteral("6 Missing prompt"));
+        QCOMPARE(errorOf(QStringLiteral("plan"), QStringLiteral(" "), QStringLiteral("p")),
+                 QStringLiteral("5 Missing projectPath"));
         QCOMPARE(errorOf(QStringLiteral("plan"), QStringLiteral("nope"), QStringLiteral("p")),
                  QStringLiteral("12 Project path does not exist: nope"));
     }
@@ -78,34 +84,40 @@ private Q_SLOTS:
     {
         DiagRecorder log;
         const ResolvedExecution resolved =
-            resolveAITaskExecution(m_profile, QStringLiteral("codex"), QStringLiteral("Apply"), QStringLiteral("it's app"), QStringLiteral("go"));
+            resolveAITaskExecution(m_profile, QStringLiteral("codex"), QStringLiteral("Apply"),
+                                   QStringLiteral("it's app"), QStringLiteral("go"));
         QCOMPARE(resolved.workingDir, m_repo.path() + QStringLiteral("/it's app"));
-        QCOMPARE(resolved.shell, QStringLiteral("codex exec --full-auto --json --skip-git-repo-check --color never ") +
-                                     shellQuote(systemExecutionModeText +
-                                                ChatExecution::workspaceScopedPrompt(QStringLiteral("it's app"), QStringLiteral("go"))));
-        QVERIFY(systemExecutionModeText.startsWith(QStringLiteral("System execution mode for this task:\n- You are running")));
+        QCOMPARE(resolved.shell,
+                 QStringLiteral("codex exec --full-auto --json --skip-git-repo-check --color never ") +
+                     shellQuote(systemExecutionModeText + ChatExecution::workspaceScopedPrompt(
+                                                              QStringLiteral("it's app"), QStringLiteral("go"))));
+        QVERIFY(systemExecutionModeText.startsWith(
+            QStringLiteral("System execution mode for this task:\n- You are running")));
         QVERIFY(systemExecutionModeText.endsWith(QStringLiteral("that led to that conclusion.\n\nUser request:\n")));
         QCOMPARE(systemExecutionModeText.count(QLatin1Char('\n')), 13);
-        QCOMPARE(log.texts(), QStringList{QStringLiteral("resolveAITaskExecution projectPath=it's app workspace=") + m_repo.path() +
-                                          QStringLiteral("/it's app mode=apply")});
+        QCOMPARE(log.texts(), QStringList{QStringLiteral("resolveAITaskExecution projectPath=it's app workspace=") +
+                                          m_repo.path() + QStringLiteral("/it's app mode=apply")});
     }
 
     void codexPlanUsesTheProfileTemplate()
     {
         AgentProfile profile = m_profile;
         profile.aiPlanTemplate = QStringLiteral("plan {{projectArg}} {{projectPath}} {{prompt}}");
-        const ResolvedExecution resolved = resolveAITaskExecution(profile, QStringLiteral("codex"), QStringLiteral("plan"),
-                                                                  m_repo.path() + QStringLiteral("/it's app/"), QStringLiteral("p"));
+        const ResolvedExecution resolved =
+            resolveAITaskExecution(profile, QStringLiteral("codex"), QStringLiteral("plan"),
+                                   m_repo.path() + QStringLiteral("/it's app/"), QStringLiteral("p"));
         QVERIFY(resolved.shell.startsWith(QStringLiteral("plan 'it'\"'\"'s app' '") + m_repo.path() +
                                           QStringLiteral("/it'\"'\"'s app/' 'Confirmed")));
     }
 
     void claudeUsesItsTemplateInEitherMode()
     {
-        const ResolvedExecution resolved = resolveAITaskExecution(m_profile, QStringLiteral("Claude"), QStringLiteral("plan"),
-                                                                  QStringLiteral("it's app"), QStringLiteral("p"));
-        QCOMPARE(resolved.shell, QStringLiteral("claude --dangerously-skip-permissions -p --verbose ") +
-                                     shellQuote(ChatExecution::workspaceScopedPrompt(QStringLiteral("it's app"), QStringLiteral("p"))));
+        const ResolvedExecution resolved =
+            resolveAITaskExecution(m_profile, QStringLiteral("Claude"), QStringLiteral("plan"),
+                                   QStringLiteral("it's app"), QStringLiteral("p"));
+        QCOMPARE(resolved.shell,
+                 QStringLiteral("claude --dangerously-skip-permissions -p --verbose ") +
+                     shellQuote(ChatExecution::workspaceScopedPrompt(QStringLiteral("it's app"), QStringLiteral("p"))));
     }
 };
 

@@ -16,8 +16,9 @@ private Q_SLOTS:
 
     void controlCharactersAreRemovedTabSurvives()
     {
-        QCOMPARE(sanitizeForChat(QStringLiteral("a\x1b[0mb\tc") + QChar(0) + QStringLiteral("d\x7f") + QStringLiteral("é")),
-                 QStringLiteral("a[0mb\tcdé"));
+        QCOMPARE(
+            sanitizeForChat(QStringLiteral("a\x1b[0mb\tc") + QChar(0) + QStringLiteral("d\x7f") + QStringLiteral("é")),
+            QStringLiteral("a[0mb\tcdé"));
     }
 
     void narrativeOfExactly1200CharactersIsWhole()
@@ -45,8 +46,8 @@ private Q_SLOTS:
 
     void machineLinesNeverReachTheNarrative()
     {
-        QCOMPARE(normalizeNarrativeText(QStringLiteral("I looked.\n{\"type\":\"x\"}\n  [command] ls\n^D\n\n  Then fixed it.  "),
-                                        1200),
+        QCOMPARE(normalizeNarrativeText(
+                     QStringLiteral("I looked.\n{\"type\":\"x\"}\n  [command] ls\n^D\n\n  Then fixed it.  "), 1200),
                  QStringLiteral("I looked.\nThen fixed it."));
     }
 
@@ -60,7 +61,8 @@ private Q_SLOTS:
 
     void plainProseIsTheNarrative()
     {
-        const NarrativeText::ProposalOutput out = parseCodexProposalOutput(QStringLiteral("  Nothing to change here.\r\nAll good.  "));
+        const NarrativeText::ProposalOutput out =
+            parseCodexProposalOutput(QStringLiteral("  Nothing to change here.\r\nAll good.  "));
         QCOMPARE(out.responseText, QStringLiteral("Nothing to change here.\nAll good."));
     }
 
@@ -112,12 +114,14 @@ private Q_SLOTS:
 
     void completionSummaries()
     {
-        QCOMPARE(applyCompletionSummary({QStringLiteral("a.txt")}, QString()), QStringLiteral("Applied approved changes to a.txt."));
+        QCOMPARE(applyCompletionSummary({QStringLiteral("a.txt")}, QString()),
+                 QStringLiteral("Applied approved changes to a.txt."));
         QCOMPARE(applyCompletionSummary({QStringLiteral("a"), QStringLiteral("b")}, QStringLiteral("Done")),
                  QStringLiteral("Applied the approved changes to 2 files.\n\nDone"));
         QCOMPARE(applyCompletionSummary({QStringLiteral("a")}, QStringLiteral("Done")),
                  QStringLiteral("Applied the approved changes to 1 file.\n\nDone"));
-        QCOMPARE(applyCompletionSummary({}, QStringLiteral("Done")), QStringLiteral("Applied the approved changes.\n\nDone"));
+        QCOMPARE(applyCompletionSummary({}, QStringLiteral("Done")),
+                 QStringLiteral("Applied the approved changes.\n\nDone"));
         QCOMPARE(applyCompletionSummary({}, QString()), QStringLiteral("Applied approved changes."));
         QCOMPARE(applyCompletionSummary({QStringLiteral("a"), QStringLiteral("b"), QStringLiteral("c")}, QString()),
                  QStringLiteral("Applied approved changes to 3 files."));

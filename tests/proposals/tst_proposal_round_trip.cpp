@@ -17,10 +17,12 @@ namespace {
 
 QByteArray agentMessages(const QStringList& texts)
 {
-    QByteArray stream = R"({"type":"thread.started","thread_id":"th-p"})" "\n";
+    QByteArray stream = R"({"type":"thread.started","thread_id":"th-p"})"
+                        "\n";
     for (const QString& text : texts)
         stream += R"({"type":"item.completed","item":{"type":"agent_message","text":")" + text.toUtf8() + "\"}}\n";
-    stream += R"({"type":"turn.completed"})" "\n";
+    stream += R"({"type":"turn.completed"})"
+              "\n";
     return stream;
 }
 
@@ -34,7 +36,10 @@ class TstProposalRoundTrip : public QObject {
     QTemporaryDir m_fake;
     QTemporaryDir m_tmp;
 
-    void write(const QString& name, const QByteArray& content) { test::writeFile(m_fake.path() + QLatin1Char('/') + name, content); }
+    void write(const QString& name, const QByteArray& content)
+    {
+        test::writeFile(m_fake.path() + QLatin1Char('/') + name, content);
+    }
 
     QString project(AgentFixture& f) const { return f.repo.path() + QStringLiteral("/App"); }
 
@@ -50,9 +55,12 @@ class TstProposalRoundTrip : public QObject {
     void assignApply(AgentFixture& f, const QString& taskId, const QString& approval = QStringLiteral("on_request"),
                      qint64 timeoutSec = 60)
     {
-        f.assign(taskId, {{QStringLiteral("action"), QStringLiteral("ai_task")}, {QStringLiteral("system"), QStringLiteral("codex")},
-                          {QStringLiteral("mode"), QStringLiteral(" APPLY ")}, {QStringLiteral("approvalMode"), approval},
-                          {QStringLiteral("projectPath"), QStringLiteral("App")}, {QStringLiteral("prompt"), QStringLiteral("say bye")},
+        f.assign(taskId, {{QStringLiteral("action"), QStringLiteral("ai_task")},
+                          {QStringLiteral("system"), QStringLiteral("codex")},
+                          {QStringLiteral("mode"), QStringLiteral(" APPLY ")},
+                          {QStringLiteral("approvalMode"), approval},
+                          {QStringLiteral("projectPath"), QStringLiteral("App")},
+                          {QStringLiteral("prompt"), QStringLiteral("say bye")},
                           {QStringLiteral("timeoutSec"), timeoutSec}});
     }
 
@@ -70,15 +78,18 @@ class TstProposalRoundTrip : public QObject {
             else if (type == QLatin1String("task.commentary"))
                 line += QLatin1Char(' ') + m.value(QStringLiteral("text")).toString();
             else if (type == QLatin1String("task.progress"))
-                line += QStringLiteral(" %1 %2 %3").arg(m.value(QStringLiteral("phase")).toString(),
-                                                        m.value(QStringLiteral("message")).toString())
-                            .arg(m.value(QStringLiteral("percent")).toInt());
+                line +=
+                    QStringLiteral(" %1 %2 %3")
+                        .arg(m.value(QStringLiteral("phase")).toString(), m.value(QStringLiteral("message")).toString())
+                        .arg(m.value(QStringLiteral("percent")).toInt());
             else if (type == QLatin1String("task.artifact"))
-                line += QStringLiteral(" %1 %2 %3").arg(m.value(QStringLiteral("kind")).toString(),
-                                                        m.value(QStringLiteral("mimeType")).toString(),
-                                                        m.value(QStringLiteral("summary")).toString());
+                line +=
+                    QStringLiteral(" %1 %2 %3")
+                        .arg(m.value(QStringLiteral("kind")).toString(), m.value(QStringLiteral("mimeType")).toString(),
+                             m.value(QStringLiteral("summary")).toString());
             else if (type == QLatin1String("task.failed"))
-                line += QStringLiteral(" %1 %2 %3").arg(m.value(QStringLiteral("errorCode")).toString())
+                line += QStringLiteral(" %1 %2 %3")
+                            .arg(m.value(QStringLiteral("errorCode")).toString())
                             .arg(m.value(QStringLiteral("exitCode")).toInt())
                             .arg(m.value(QStringLiteral("error")).toString());
             else if (type == QLatin1String("task.heartbeat"))
@@ -93,8 +104,8 @@ class TstProposalRoundTrip : public QObject {
     {
         for (QString& line : lines) {
             for (const char* prefix : {"task.log proposal.workspace original=", "task.log proposal.command shell=",
-                                       "task.log proposal.command exitCode=0 outputBytes=", "task.log proposal.diff bytes=",
-                                       "task.log workspace.resolve action=ai_task"}) {
+                                       "task.log proposal.command exitCode=0 outputBytes=",
+                                       "task.log proposal.diff bytes=", "task.log workspace.resolve action=ai_task"}) {
                 if (line.startsWith(QLatin1String(prefix)))
                     line = QLatin1String(prefix) + QStringLiteral("…");
             }
@@ -105,13 +116,15 @@ class TstProposalRoundTrip : public QObject {
     QStringList leftovers() const
     {
         QStringList found = QDir(m_tmp.path()).entryList({QStringLiteral("brinmoor-approved-*")}, QDir::Files);
-        found += QDir(m_tmp.path() + QStringLiteral("/brinmoor-proposals")).entryList(QDir::NoDotAndDotDot | QDir::AllEntries);
+        found += QDir(m_tmp.path() + QStringLiteral("/brinmoor-proposals"))
+                     .entryList(QDir::NoDotAndDotDot | QDir::AllEntries);
         return found;
     }
 
     bool cleanAfterwards(AgentFixture& f)
     {
-        return waitUntil([&] { return !f.runtime->currentTaskId() && leftovers().isEmpty() && childProcesses().isEmpty(); });
+        return waitUntil(
+            [&] { return !f.runtime->currentTaskId() && leftovers().isEmpty() && childProcesses().isEmpty(); });
     }
 
     const QStringList kUntilProposal = {
@@ -146,9 +159,11 @@ private Q_SLOTS:
         QVERIFY(f.connect());
         DiagRecorder log;
         assignApply(f, QStringLiteral("p1"));
-        const std::optional<QJsonObject> awaiting = f.server.waitForTask(QStringLiteral("task.awaiting_approval"), QStringLiteral("p1"));
+        const std::optional<QJsonObject> awaiting =
+            f.server.waitForTask(QStringLiteral("task.awaiting_approval"), QStringLiteral("p1"));
         QVERIFY2(awaiting, qPrintable(f.server.trace()));
-        QCOMPARE(awaiting->value(QStringLiteral("proposalFiles")).toArray(), QJsonArray{QStringLiteral("greeting.txt")});
+        QCOMPARE(awaiting->value(QStringLiteral("proposalFiles")).toArray(),
+                 QJsonArray{QStringLiteral("greeting.txt")});
         QCOMPARE(awaiting->value(QStringLiteral("proposalSummary")).toString(), kExplanation);
         QCOMPARE(awaiting->value(QStringLiteral("proposalCommentary")).toString(), kExplanation);
         QVERIFY(awaiting->value(QStringLiteral("proposalDiff")).toString().contains(QStringLiteral("-hello\n+bye")));
@@ -157,33 +172,44 @@ private Q_SLOTS:
         // Nothing is applied before the phone says so.
         QCOMPARE(test::readFile(project(f) + QStringLiteral("/greeting.txt")), QByteArray("hello\n"));
         QCOMPARE(f.runtime->pendingApprovalTaskId(), std::optional<QString>(QStringLiteral("p1")));
-        QVERIFY(log.contains(QStringLiteral("task.assign ai_task strategy=proposalApproval(requiresApproval: true) workingDir=") +
-                             project(f)));
+        QVERIFY(log.contains(
+            QStringLiteral("task.assign ai_task strategy=proposalApproval(requiresApproval: true) workingDir=") +
+            project(f)));
         const QStringList lines = trace(f, QStringLiteral("p1"));
-        QCOMPARE(lines.first(), QStringLiteral("task.log workspace.resolve action=ai_task requestedProjectPath=App resolvedWorkingDir=") +
-                                    project(f) + QStringLiteral(" system=codex mode=apply approvalMode=on_request "
-                                                                "strategy=proposalApproval(requiresApproval: true)"));
+        QCOMPARE(
+            lines.first(),
+            QStringLiteral("task.log workspace.resolve action=ai_task requestedProjectPath=App resolvedWorkingDir=") +
+                project(f) +
+                QStringLiteral(" system=codex mode=apply approvalMode=on_request "
+                               "strategy=proposalApproval(requiresApproval: true)"));
         QVERIFY(lines.at(3).startsWith(QStringLiteral("task.log proposal.workspace original=") + project(f) +
-                                       QStringLiteral(" proposal=") + m_tmp.path() + QStringLiteral("/brinmoor-proposals/p1-")));
-        QCOMPARE(lines.at(4), QStringLiteral("task.log proposal.command shell=codex exec --full-auto --json --skip-git-repo-check "
-                                             "--color never ") +
-                                  ExecutionResolution::shellQuote(AITaskResolution::systemExecutionModeText +
-                                                                  ChatExecution::workspaceScopedPrompt(QStringLiteral("App"),
-                                                                                                       QStringLiteral("say bye"))));
+                                       QStringLiteral(" proposal=") + m_tmp.path() +
+                                       QStringLiteral("/brinmoor-proposals/p1-")));
+        QCOMPARE(lines.at(4),
+                 QStringLiteral("task.log proposal.command shell=codex exec --full-auto --json --skip-git-repo-check "
+                                "--color never ") +
+                     ExecutionResolution::shellQuote(
+                         AITaskResolution::systemExecutionModeText +
+                         ChatExecution::workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("say bye"))));
 
-        f.server.send({{QStringLiteral("type"), QStringLiteral("task.approval")}, {QStringLiteral("taskId"), QStringLiteral("p1")},
-                       {QStringLiteral("payload"), QJsonObject{{QStringLiteral("decision"), QStringLiteral("approve")}}}});
+        f.server.send(
+            {{QStringLiteral("type"), QStringLiteral("task.approval")},
+             {QStringLiteral("taskId"), QStringLiteral("p1")},
+             {QStringLiteral("payload"), QJsonObject{{QStringLiteral("decision"), QStringLiteral("approve")}}}});
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("p1")));
-        const QStringList expected = kUntilProposal + QStringList{
-                     QStringLiteral("task.log proposal.ready files=1 requiresApproval=true"),
-                     QStringLiteral("task.commentary ") + kExplanation,
-                     QStringLiteral("task.artifact proposal text/x-diff ") + kExplanation,
-                     QStringLiteral("task.awaiting_approval"),
-                     QStringLiteral("task.log proposal.approval approved"),
-                     QStringLiteral("task.progress apply Applying approved changes 75"),
-                     QStringLiteral("task.artifact result text/plain Applied the approved changes to 1 file.\n\n") + kExplanation,
-                     QStringLiteral("task.finished"),
-                 };
+        const QStringList expected =
+            kUntilProposal +
+            QStringList{
+                QStringLiteral("task.log proposal.ready files=1 requiresApproval=true"),
+                QStringLiteral("task.commentary ") + kExplanation,
+                QStringLiteral("task.artifact proposal text/x-diff ") + kExplanation,
+                QStringLiteral("task.awaiting_approval"),
+                QStringLiteral("task.log proposal.approval approved"),
+                QStringLiteral("task.progress apply Applying approved changes 75"),
+                QStringLiteral("task.artifact result text/plain Applied the approved changes to 1 file.\n\n") +
+                    kExplanation,
+                QStringLiteral("task.finished"),
+            };
         QCOMPARE(stable(trace(f, QStringLiteral("p1"))), expected);
         QCOMPARE(test::readFile(project(f) + QStringLiteral("/greeting.txt")), QByteArray("bye\n"));
         QVERIFY(!QFileInfo::exists(project(f) + QStringLiteral("/build")));
@@ -191,11 +217,14 @@ private Q_SLOTS:
 
         // The command the proposal ran.
         const QStringList args = fakeToolArguments(m_fake.path(), QStringLiteral("codex"), 1);
-        QCOMPARE(args, (QStringList{QStringLiteral("exec"), QStringLiteral("--full-auto"), QStringLiteral("--json"),
-                                    QStringLiteral("--skip-git-repo-check"), QStringLiteral("--color"), QStringLiteral("never"),
-                                    AITaskResolution::systemExecutionModeText +
-                                        ChatExecution::workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("say bye"))}));
-        QVERIFY(test::readFile(m_fake.path() + QStringLiteral("/codex.1.cwd")).startsWith((m_tmp.path() + QStringLiteral("/brinmoor-proposals/p1-")).toUtf8()));
+        QCOMPARE(
+            args,
+            (QStringList{QStringLiteral("exec"), QStringLiteral("--full-auto"), QStringLiteral("--json"),
+                         QStringLiteral("--skip-git-repo-check"), QStringLiteral("--color"), QStringLiteral("never"),
+                         AITaskResolution::systemExecutionModeText +
+                             ChatExecution::workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("say bye"))}));
+        QVERIFY(test::readFile(m_fake.path() + QStringLiteral("/codex.1.cwd"))
+                    .startsWith((m_tmp.path() + QStringLiteral("/brinmoor-proposals/p1-")).toUtf8()));
     }
 
     void rejectedProposalChangesNothing()
@@ -205,11 +234,14 @@ private Q_SLOTS:
         QVERIFY(f.connect());
         assignApply(f, QStringLiteral("p2"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.awaiting_approval"), QStringLiteral("p2")));
-        f.server.send({{QStringLiteral("type"), QStringLiteral("task.approval")}, {QStringLiteral("taskId"), QStringLiteral("p2")},
+        f.server.send({{QStringLiteral("type"), QStringLiteral("task.approval")},
+                       {QStringLiteral("taskId"), QStringLiteral("p2")},
                        {QStringLiteral("payload"), QJsonObject{{QStringLiteral("decision"), QStringLiteral("no")}}}});
         QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("p2")));
-        QCOMPARE(trace(f, QStringLiteral("p2")).mid(trace(f, QStringLiteral("p2")).indexOf(QStringLiteral("task.awaiting_approval"))),
-                 (QStringList{QStringLiteral("task.awaiting_approval"), QStringLiteral("task.log proposal.approval rejected_or_timed_out"),
+        QCOMPARE(trace(f, QStringLiteral("p2"))
+                     .mid(trace(f, QStringLiteral("p2")).indexOf(QStringLiteral("task.awaiting_approval"))),
+                 (QStringList{QStringLiteral("task.awaiting_approval"),
+                              QStringLiteral("task.log proposal.approval rejected_or_timed_out"),
                               QStringLiteral("task.failed APPROVAL_REJECTED 1 changes rejected by client approval")}));
         QCOMPARE(test::readFile(project(f) + QStringLiteral("/greeting.txt")), QByteArray("hello\n"));
         QVERIFY(cleanAfterwards(f));
@@ -222,11 +254,14 @@ private Q_SLOTS:
         QVERIFY(f.connect());
         assignApply(f, QStringLiteral("p3"), QStringLiteral("on_request"), 1);
         QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("p3"), 8000));
-        QCOMPARE(trace(f, QStringLiteral("p3")).last(), QStringLiteral("task.failed APPROVAL_REJECTED 1 changes rejected by client approval"));
+        QCOMPARE(trace(f, QStringLiteral("p3")).last(),
+                 QStringLiteral("task.failed APPROVAL_REJECTED 1 changes rejected by client approval"));
         QCOMPARE(test::readFile(project(f) + QStringLiteral("/greeting.txt")), QByteArray("hello\n"));
         // A late reply finds nothing pending and changes nothing.
-        f.server.send({{QStringLiteral("type"), QStringLiteral("task.approval")}, {QStringLiteral("taskId"), QStringLiteral("p3")},
-                       {QStringLiteral("payload"), QJsonObject{{QStringLiteral("decision"), QStringLiteral("approve")}}}});
+        f.server.send(
+            {{QStringLiteral("type"), QStringLiteral("task.approval")},
+             {QStringLiteral("taskId"), QStringLiteral("p3")},
+             {QStringLiteral("payload"), QJsonObject{{QStringLiteral("decision"), QStringLiteral("approve")}}}});
         QVERIFY(cleanAfterwards(f));
         QCOMPARE(test::readFile(project(f) + QStringLiteral("/greeting.txt")), QByteArray("hello\n"));
     }
@@ -250,12 +285,15 @@ private Q_SLOTS:
     {
         AgentFixture f;
         setUp(f);
-        write(QStringLiteral("codex.stream"), agentMessages({QStringLiteral("Proposed changes are ready for review.")}));
+        write(QStringLiteral("codex.stream"),
+              agentMessages({QStringLiteral("Proposed changes are ready for review.")}));
         QVERIFY(f.connect());
         assignApply(f, QStringLiteral("p5"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("p5")));
-        QCOMPARE(trace(f, QStringLiteral("p5")).last(),
-                 QStringLiteral("task.failed PROPOSAL_REASONING_MISSING 1 Codex did not provide a usable reasoning message for the proposed diff."));
+        QCOMPARE(
+            trace(f, QStringLiteral("p5")).last(),
+            QStringLiteral(
+                "task.failed PROPOSAL_REASONING_MISSING 1 Codex did not provide a usable reasoning message for the proposed diff."));
         QVERIFY(cleanAfterwards(f));
     }
 
@@ -264,7 +302,8 @@ private Q_SLOTS:
         AgentFixture f;
         setUp(f);
         write(QStringLiteral("codex.script"), "mkdir -p build && print x > build/out.o\n");
-        write(QStringLiteral("codex.stream"), agentMessages({QStringLiteral("Nothing needs to change: it already says hello.")}));
+        write(QStringLiteral("codex.stream"),
+              agentMessages({QStringLiteral("Nothing needs to change: it already says hello.")}));
         QVERIFY(f.connect());
         assignApply(f, QStringLiteral("p6"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("p6")));
@@ -281,12 +320,15 @@ private Q_SLOTS:
         AgentFixture f;
         setUp(f);
         write(QStringLiteral("codex.script"), "");
-        write(QStringLiteral("codex.stream"), agentMessages({QStringLiteral("PROPOSED CHANGES ARE READY FOR REVIEW.")}));
+        write(QStringLiteral("codex.stream"),
+              agentMessages({QStringLiteral("PROPOSED CHANGES ARE READY FOR REVIEW.")}));
         QVERIFY(f.connect());
         assignApply(f, QStringLiteral("p7"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("p7")));
-        QCOMPARE(trace(f, QStringLiteral("p7")).last(),
-                 QStringLiteral("task.failed PROPOSAL_REASONING_MISSING 1 Codex did not provide a user-visible reasoning message for the no-diff outcome."));
+        QCOMPARE(
+            trace(f, QStringLiteral("p7")).last(),
+            QStringLiteral(
+                "task.failed PROPOSAL_REASONING_MISSING 1 Codex did not provide a user-visible reasoning message for the no-diff outcome."));
         QVERIFY(cleanAfterwards(f));
     }
 
@@ -299,8 +341,10 @@ private Q_SLOTS:
         assignApply(f, QStringLiteral("p8"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("p8")));
         const QStringList lines = trace(f, QStringLiteral("p8"));
-        QVERIFY(lines.at(lines.size() - 2).startsWith(QStringLiteral("task.log proposal.command exitCode=3 outputBytes=")));
-        QCOMPARE(lines.last(), QStringLiteral("task.failed PROPOSAL_COMMAND_FAILED 1 proposal command exited with status 3"));
+        QVERIFY(
+            lines.at(lines.size() - 2).startsWith(QStringLiteral("task.log proposal.command exitCode=3 outputBytes=")));
+        QCOMPARE(lines.last(),
+                 QStringLiteral("task.failed PROPOSAL_COMMAND_FAILED 1 proposal command exited with status 3"));
         QCOMPARE(test::readFile(project(f) + QStringLiteral("/greeting.txt")), QByteArray("hello\n"));
         QVERIFY(cleanAfterwards(f));
     }
@@ -312,7 +356,8 @@ private Q_SLOTS:
         QVERIFY(f.connect());
         assignApply(f, QStringLiteral("p9"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.awaiting_approval"), QStringLiteral("p9")));
-        f.server.send({{QStringLiteral("type"), QStringLiteral("task.cancel")}, {QStringLiteral("taskId"), QStringLiteral("p9")}});
+        f.server.send({{QStringLiteral("type"), QStringLiteral("task.cancel")},
+                       {QStringLiteral("taskId"), QStringLiteral("p9")}});
         QVERIFY(f.server.waitForTask(QStringLiteral("task.cancelled"), QStringLiteral("p9")));
         QVERIFY(cleanAfterwards(f));
         const QStringList lines = trace(f, QStringLiteral("p9"));
@@ -343,25 +388,32 @@ private Q_SLOTS:
         write(QStringLiteral("claude.stream"), "planned\n");
         QVERIFY(f.connect());
         DiagRecorder log;
-        f.assign(QStringLiteral("d1"), {{QStringLiteral("action"), QStringLiteral("ai_task")}, {QStringLiteral("system"), QStringLiteral("claude")},
-                                        {QStringLiteral("mode"), QStringLiteral("Apply")}, {QStringLiteral("projectPath"), QStringLiteral("App")},
+        f.assign(QStringLiteral("d1"), {{QStringLiteral("action"), QStringLiteral("ai_task")},
+                                        {QStringLiteral("system"), QStringLiteral("claude")},
+                                        {QStringLiteral("mode"), QStringLiteral("Apply")},
+                                        {QStringLiteral("projectPath"), QStringLiteral("App")},
                                         {QStringLiteral("prompt"), QStringLiteral("it's time")}});
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("d1")));
         QCOMPARE(stable(trace(f, QStringLiteral("d1"))),
-                 (QStringList{QStringLiteral("task.log workspace.resolve action=ai_task…"), QStringLiteral("task.started"),
-                              QStringLiteral("task.progress prepare AI task accepted (apply) 5"),
-                              QStringLiteral("task.artifact prompt text/plain it's time"), QStringLiteral("task.log planned"),
-                              QStringLiteral("task.log "), QStringLiteral("task.finished")}));
+                 (QStringList{
+                     QStringLiteral("task.log workspace.resolve action=ai_task…"), QStringLiteral("task.started"),
+                     QStringLiteral("task.progress prepare AI task accepted (apply) 5"),
+                     QStringLiteral("task.artifact prompt text/plain it's time"), QStringLiteral("task.log planned"),
+                     QStringLiteral("task.log "), QStringLiteral("task.finished")}));
         QVERIFY(f.statuses.contains(QStringLiteral("Running AI task d1")));
-        QCOMPARE(trace(f, QStringLiteral("d1")).first(),
-                 QStringLiteral("task.log workspace.resolve action=ai_task requestedProjectPath=App resolvedWorkingDir=") +
-                     project(f) + QStringLiteral(" system=claude mode=apply approvalMode=on_request strategy=directCommand"));
+        QCOMPARE(
+            trace(f, QStringLiteral("d1")).first(),
+            QStringLiteral("task.log workspace.resolve action=ai_task requestedProjectPath=App resolvedWorkingDir=") +
+                project(f) +
+                QStringLiteral(" system=claude mode=apply approvalMode=on_request strategy=directCommand"));
         QVERIFY(log.contains(QStringLiteral("task.assign ai_task strategy=directCommand workingDir=") + project(f)));
         QVERIFY(log.contains(QStringLiteral("resolveAITaskExecution projectPath=App workspace=") + project(f) +
                              QStringLiteral(" mode=apply")));
-        QCOMPARE(fakeToolArguments(m_fake.path(), QStringLiteral("claude"), 1),
-                 (QStringList{QStringLiteral("--dangerously-skip-permissions"), QStringLiteral("-p"), QStringLiteral("--verbose"),
-                              ChatExecution::workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("it's time"))}));
+        QCOMPARE(
+            fakeToolArguments(m_fake.path(), QStringLiteral("claude"), 1),
+            (QStringList{QStringLiteral("--dangerously-skip-permissions"), QStringLiteral("-p"),
+                         QStringLiteral("--verbose"),
+                         ChatExecution::workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("it's time"))}));
         QCOMPARE(test::readFile(project(f) + QStringLiteral("/greeting.txt")), QByteArray("hello\n"));
     }
 
@@ -371,10 +423,13 @@ private Q_SLOTS:
         setUp(f);
         QVERIFY(f.connect());
         DiagRecorder log;
-        f.assign(QStringLiteral("m"), {{QStringLiteral("action"), QStringLiteral("ai_task")}, {QStringLiteral("mode"), QStringLiteral(" Build ")},
-                                       {QStringLiteral("projectPath"), QStringLiteral("App")}, {QStringLiteral("prompt"), QStringLiteral("x")}});
+        f.assign(QStringLiteral("m"), {{QStringLiteral("action"), QStringLiteral("ai_task")},
+                                       {QStringLiteral("mode"), QStringLiteral(" Build ")},
+                                       {QStringLiteral("projectPath"), QStringLiteral("App")},
+                                       {QStringLiteral("prompt"), QStringLiteral("x")}});
         QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("m")));
-        QCOMPARE(trace(f, QStringLiteral("m")), QStringList{QStringLiteral("task.failed AGENT_CONFIG_INVALID 1 Unsupported mode:  Build ")});
+        QCOMPARE(trace(f, QStringLiteral("m")),
+                 QStringList{QStringLiteral("task.failed AGENT_CONFIG_INVALID 1 Unsupported mode:  Build ")});
     }
 };
 

@@ -76,7 +76,8 @@ private Q_SLOTS:
         QCOMPARE(changedFiles(diff), (QStringList{QStringLiteral("src/main.c"), QStringLiteral("src/new.c")}));
 
         applyProposalDiff(diff, project(), m_dir.path());
-        QCOMPARE(test::readFile(project() + QStringLiteral("/src/main.c")), QByteArray("int main() {\n    return 1;\n}\n"));
+        QCOMPARE(test::readFile(project() + QStringLiteral("/src/main.c")),
+                 QByteArray("int main() {\n    return 1;\n}\n"));
         QCOMPARE(test::readFile(project() + QStringLiteral("/src/new.c")), QByteArray("// new\n"));
         QVERIFY(!QFileInfo::exists(project() + QStringLiteral("/README")));
         // The patch file is gone.
@@ -119,13 +120,15 @@ private Q_SLOTS:
 
     void deletedFileIsNamedByItsASide()
     {
-        const QStringList block{QStringLiteral("diff --git a/gone.txt b/dev/null"), QStringLiteral("deleted file mode 100644"),
-                                QStringLiteral("--- a/gone.txt"), QStringLiteral("+++ /dev/null")};
+        const QStringList block{QStringLiteral("diff --git a/gone.txt b/dev/null"),
+                                QStringLiteral("deleted file mode 100644"), QStringLiteral("--- a/gone.txt"),
+                                QStringLiteral("+++ /dev/null")};
         QCOMPARE(proposalPath(block), std::optional<QString>(QStringLiteral("gone.txt")));
         QCOMPARE(changedFiles(block.join(QLatin1Char('\n'))), QStringList());
         QCOMPARE(proposalPath({QStringLiteral("diff --git a/x")}), std::nullopt);
         QCOMPARE(proposalPath({QStringLiteral("index 1..2")}), std::nullopt);
-        QCOMPARE(proposalPath({QStringLiteral("diff --git a/my file b/my file")}), std::optional<QString>(QStringLiteral("file")));
+        QCOMPARE(proposalPath({QStringLiteral("diff --git a/my file b/my file")}),
+                 std::optional<QString>(QStringLiteral("file")));
     }
 
     void textBeforeTheFirstHeaderDisappears()
@@ -137,7 +140,8 @@ private Q_SLOTS:
 
     void carriageReturnsNeverReachThePhone()
     {
-        QCOMPARE(normalizeDiffOutput(QStringLiteral("diff --git a/p/x b/c/x\r\n-a\r+b\r\n"), QStringLiteral("/p"), QStringLiteral("/c")),
+        QCOMPARE(normalizeDiffOutput(QStringLiteral("diff --git a/p/x b/c/x\r\n-a\r+b\r\n"), QStringLiteral("/p"),
+                                     QStringLiteral("/c")),
                  QStringLiteral("diff --git a/x b/x\n-a\n+b"));
     }
 
@@ -152,7 +156,8 @@ private Q_SLOTS:
 
     void diffWithoutFinalNewlineApplies()
     {
-        const QString diff = QStringLiteral("diff --git a/README b/README\n--- a/README\n+++ b/README\n@@ -1 +1 @@\n-hello\n+bye");
+        const QString diff =
+            QStringLiteral("diff --git a/README b/README\n--- a/README\n+++ b/README\n@@ -1 +1 @@\n-hello\n+bye");
         applyProposalDiff(diff, project(), m_dir.path());
         QCOMPARE(test::readFile(project() + QStringLiteral("/README")), QByteArray("bye\n"));
     }
@@ -205,10 +210,12 @@ private Q_SLOTS:
     void failedCopyLeavesNothing()
     {
         QString error;
-        QCOMPARE(WorkspaceCopy::copyProject(m_dir.path() + QStringLiteral("/missing"), QStringLiteral("t"), m_dir.path(), &error),
+        QCOMPARE(WorkspaceCopy::copyProject(m_dir.path() + QStringLiteral("/missing"), QStringLiteral("t"),
+                                            m_dir.path(), &error),
                  QString());
         QVERIFY(error.startsWith(QStringLiteral("cannot open ") + m_dir.path() + QStringLiteral("/missing: ")));
-        QCOMPARE(QDir(m_dir.path() + QStringLiteral("/brinmoor-proposals")).entryList(QDir::NoDotAndDotDot | QDir::AllEntries),
+        QCOMPARE(QDir(m_dir.path() + QStringLiteral("/brinmoor-proposals"))
+                     .entryList(QDir::NoDotAndDotDot | QDir::AllEntries),
                  QStringList());
     }
 };

@@ -93,8 +93,8 @@ private:
         QProcessEnvironment extra;
         extra.insert(QStringLiteral("PATH"), fakeToolsDir() + QLatin1Char(':') + qEnvironmentVariable("PATH"));
         extra.insert(QStringLiteral("BRINMOOR_FAKE_DIR"), m_fake->path());
-        extra.insert(QStringLiteral("BRINMOOR_TEST_HELPER"), QCoreApplication::applicationDirPath() +
-                                                                 QStringLiteral("/../bin/brinmoor_test_helper"));
+        extra.insert(QStringLiteral("BRINMOOR_TEST_HELPER"),
+                     QCoreApplication::applicationDirPath() + QStringLiteral("/../bin/brinmoor_test_helper"));
         extra.insert(QStringLiteral("TMPDIR"), m_tmp->path());
         m_agent->start(m_relay->url(), extra);
         return m_relay->waitForLine(QStringLiteral("agent.register agentId=cli-agent"));
@@ -158,7 +158,12 @@ private Q_SLOTS:
         RelayClient phone;
         QVERIFY(phone.open(m_relay->port, m_relay->token));
         const QJsonObject hello = phone.messages().first();
-        QCOMPARE(hello.value(QStringLiteral("agents")).toArray().first().toObject().value(QStringLiteral("agentId")).toString(),
+        QCOMPARE(hello.value(QStringLiteral("agents"))
+                     .toArray()
+                     .first()
+                     .toObject()
+                     .value(QStringLiteral("agentId"))
+                     .toString(),
                  QStringLiteral("cli-agent"));
         const QString taskId = createTask(phone, {{QStringLiteral("action"), QStringLiteral("shell")},
                                                   {QStringLiteral("command"), QStringLiteral("echo hello")}});
@@ -166,10 +171,11 @@ private Q_SLOTS:
         QVERIFY(waitForTaskEnd(phone, taskId));
         QCOMPARE(taskTrace(phone, taskId),
                  (QStringList{QStringLiteral("task.created"),
-                              QStringLiteral("task.log workspace.resolve action=shell requestedProjectPath= resolvedWorkingDir=") +
+                              QStringLiteral(
+                                  "task.log workspace.resolve action=shell requestedProjectPath= resolvedWorkingDir=") +
                                   m_agent->repo.path(),
-                              QStringLiteral("task.started"), QStringLiteral("task.log hello"), QStringLiteral("task.log "),
-                              QStringLiteral("task.finished")}));
+                              QStringLiteral("task.started"), QStringLiteral("task.log hello"),
+                              QStringLiteral("task.log "), QStringLiteral("task.finished")}));
         // The agent asked for the shell's registration refresh; the relay keeps the latest.
         QVERIFY(httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer tok\r\n\r\n")
                     .contains("\"agentId\":\"cli-agent\",\"busy\":false"));
@@ -192,7 +198,8 @@ private Q_SLOTS:
                                         {QStringLiteral("taskId"), allowedTask},
                                         {QStringLiteral("agentId"), QStringLiteral("cli-agent")},
                                         {QStringLiteral("toolName"), QStringLiteral("Write")},
-                                        {QStringLiteral("toolInput"), QJsonObject{{QStringLiteral("file_path"), QStringLiteral("notes.txt")}}},
+                                        {QStringLiteral("toolInput"),
+                                         QJsonObject{{QStringLiteral("file_path"), QStringLiteral("notes.txt")}}},
                                         {QStringLiteral("toolUseId"), QStringLiteral("toolu_1")}}));
         QTest::qWait(300);
         QVERIFY(!QFile::exists(notes));
@@ -213,10 +220,12 @@ private Q_SLOTS:
         // Denied: the tool stops short.
         QVERIFY(QFile::remove(notes));
         const QString deniedTask = createTask(phone, chatPayload(QStringLiteral("conv-2")));
-        const auto second = phone.waitFor([&](const QJsonObject& m) {
-            return typeOf(m) == QLatin1String("permission.request") &&
-                   m.value(QStringLiteral("taskId")).toString() == deniedTask;
-        }, 20000);
+        const auto second = phone.waitFor(
+            [&](const QJsonObject& m) {
+                return typeOf(m) == QLatin1String("permission.request") &&
+                       m.value(QStringLiteral("taskId")).toString() == deniedTask;
+            },
+            20000);
         QVERIFY(second);
         phone.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("permission.decision")},
                                {QStringLiteral("requestId"), second->value(QStringLiteral("requestId"))},
@@ -226,7 +235,8 @@ private Q_SLOTS:
         QCOMPARE(readFile(m_fake->path() + QStringLiteral("/decision.2")),
                  QByteArray("{\"behavior\":\"deny\",\"message\":\"not today\"}\n"));
         QVERIFY(!QFile::exists(notes));
-        QVERIFY(taskTrace(phone, deniedTask).contains(QStringLiteral("task.chat.final I was not allowed to write notes.txt.")));
+        QVERIFY(taskTrace(phone, deniedTask)
+                    .contains(QStringLiteral("task.chat.final I was not allowed to write notes.txt.")));
         // The configuration holding the token is gone with each task.
         QCOMPARE(QDir(m_tmp->path()).entryList({QStringLiteral("brinmoor-mcp-*")}, QDir::Files), QStringList());
     }
@@ -247,8 +257,9 @@ private Q_SLOTS:
         QVERIFY(opened);
         QCOMPARE(opened->value(QStringLiteral("agentId")).toString(), QStringLiteral("cli-agent"));
         QVERIFY(!opened->contains(QStringLiteral("mode")));
-        command(QStringLiteral("terminal.input"), {{QStringLiteral("sessionId"), QStringLiteral("s1")},
-                                                   {QStringLiteral("dataBase64"), QString::fromLatin1(QByteArray("echo relay-$((6*7))\n").toBase64())}});
+        command(QStringLiteral("terminal.input"),
+                {{QStringLiteral("sessionId"), QStringLiteral("s1")},
+                 {QStringLiteral("dataBase64"), QString::fromLatin1(QByteArray("echo relay-$((6*7))\n").toBase64())}});
         QVERIFY(phone.waitFor([](const QJsonObject& m) {
             return typeOf(m) == QLatin1String("terminal.output") &&
                    m.value(QStringLiteral("data")).toString().contains(QLatin1String("relay-42"));
@@ -264,7 +275,8 @@ private Q_SLOTS:
         QVERIFY(startBoth());
         const quint16 port = m_relay->port;
         m_relay->kill();
-        QVERIFY(waitUntil([&] { return m_agent->logTexts().filter(QStringLiteral("status Reconnect in 3s: ")).size() > 0; }));
+        QVERIFY(waitUntil(
+            [&] { return m_agent->logTexts().filter(QStringLiteral("status Reconnect in 3s: ")).size() > 0; }));
         m_relay = std::make_unique<RelayProcess>();
         m_relay->token = QStringLiteral("tok");
         QVERIFY(m_relay->start({}, port));
@@ -274,8 +286,15 @@ private Q_SLOTS:
         QVERIFY2(clock.elapsed() < 4000, qPrintable(QString::number(clock.elapsed())));
         RelayClient phone;
         QVERIFY(phone.open(m_relay->port, m_relay->token));
-        QCOMPARE(phone.messages().first().value(QStringLiteral("agents")).toArray().first().toObject()
-                     .value(QStringLiteral("registration")).toObject().value(QStringLiteral("supportsApproval")),
+        QCOMPARE(phone.messages()
+                     .first()
+                     .value(QStringLiteral("agents"))
+                     .toArray()
+                     .first()
+                     .toObject()
+                     .value(QStringLiteral("registration"))
+                     .toObject()
+                     .value(QStringLiteral("supportsApproval")),
                  QJsonValue(true));
     }
 
@@ -286,9 +305,9 @@ private Q_SLOTS:
         QTemporaryDir repo;
         QProcess app;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        for (const QString& name : {QStringLiteral("DISPLAY"), QStringLiteral("WAYLAND_DISPLAY"),
-                                    QStringLiteral("BRINMOOR_SHARED_TOKEN"), QStringLiteral("BRINMOOR_SERVER_URL"),
-                                    QStringLiteral("BRINMOOR_SERVER_PATH")})
+        for (const QString& name :
+             {QStringLiteral("DISPLAY"), QStringLiteral("WAYLAND_DISPLAY"), QStringLiteral("BRINMOOR_SHARED_TOKEN"),
+              QStringLiteral("BRINMOOR_SERVER_URL"), QStringLiteral("BRINMOOR_SERVER_PATH")})
             env.remove(name);
         env.insert(QStringLiteral("XDG_CONFIG_HOME"), configHome.path());
         env.insert(QStringLiteral("BRINMOOR_REPO_ROOT"), repo.path());
@@ -314,11 +333,13 @@ private Q_SLOTS:
 
         RelayClient phone;
         QVERIFY(phone.open(quint16(serverURL.port()), match.captured(3)));
-        phone.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("task.create")},
-                               {QStringLiteral("agentId"), QStringLiteral("headless-mac")},
-                               {QStringLiteral("payload"), QJsonObject{{QStringLiteral("action"), QStringLiteral("shell")},
-                                                                       {QStringLiteral("command"), QStringLiteral("echo paired")}}}});
-        QVERIFY(phone.waitFor([](const QJsonObject& m) { return m.value(QStringLiteral("line")) == QLatin1String("paired"); }));
+        phone.send(QJsonObject{
+            {QStringLiteral("type"), QStringLiteral("task.create")},
+            {QStringLiteral("agentId"), QStringLiteral("headless-mac")},
+            {QStringLiteral("payload"), QJsonObject{{QStringLiteral("action"), QStringLiteral("shell")},
+                                                    {QStringLiteral("command"), QStringLiteral("echo paired")}}}});
+        QVERIFY(phone.waitFor(
+            [](const QJsonObject& m) { return m.value(QStringLiteral("line")) == QLatin1String("paired"); }));
         QVERIFY(phone.waitForType(QStringLiteral("task.finished")));
 
         app.terminate();

@@ -29,8 +29,9 @@ QString typeOf(const QJsonObject& message)
 
 QByteArray upgradeRequest(const QByteArray& path, const QByteArray& extraHeaders)
 {
-    return "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                           "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n" +
+    return "GET " + path +
+           " HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+           "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n" +
            extraHeaders + "\r\n";
 }
 
@@ -51,10 +52,7 @@ struct HeldRequest {
         socket.write(request);
     }
     // Waits for the server to answer and close.
-    QString result(int timeoutMs = 10000)
-    {
-        return statusAndBody(readUntilClosed(socket, timeoutMs));
-    }
+    QString result(int timeoutMs = 10000) { return statusAndBody(readUntilClosed(socket, timeoutMs)); }
 };
 
 } // namespace
@@ -72,11 +70,13 @@ private:
     }
 
     // A fake agent, registered, and a client that has seen it come online.
-    void connectAgentAndClient(RelayClient& agent, RelayClient& client, const QString& agentId = QStringLiteral("mac-1"))
+    void connectAgentAndClient(RelayClient& agent, RelayClient& client,
+                               const QString& agentId = QStringLiteral("mac-1"))
     {
         QVERIFY(client.open(m_relay->port, m_relay->token));
         QVERIFY(agent.openAgent(m_relay->port, agentId, m_relay->token));
-        agent.send(json("{\"type\":\"agent.register\",\"profiles\":[\"ios-local\"],\"projects\":[\"/p\"],\"supportsApproval\":true}"));
+        agent.send(json(
+            "{\"type\":\"agent.register\",\"profiles\":[\"ios-local\"],\"projects\":[\"/p\"],\"supportsApproval\":true}"));
         QVERIFY(client.waitForType(QStringLiteral("agent.register")));
     }
 
@@ -93,10 +93,7 @@ private:
     }
 
 private Q_SLOTS:
-    void cleanup()
-    {
-        m_relay.reset();
-    }
+    void cleanup() { m_relay.reset(); }
 
     void refusesToStartWithoutAUsableSetting_data()
     {
@@ -107,7 +104,8 @@ private Q_SLOTS:
                                                     "start without a token\n");
         QTest::newRow("bad port") << QStringList{QStringLiteral("BRINMOOR_SHARED_TOKEN=t"),
                                                  QStringLiteral("BRINMOOR_SERVER_PORT=70000")}
-                                  << QStringLiteral("brinmoor-server: BRINMOOR_SERVER_PORT is not a port number: 70000\n");
+                                  << QStringLiteral(
+                                         "brinmoor-server: BRINMOOR_SERVER_PORT is not a port number: 70000\n");
         QTest::newRow("bad bind") << QStringList{QStringLiteral("BRINMOOR_SHARED_TOKEN=t"),
                                                  QStringLiteral("BRINMOOR_SERVER_BIND=localhost")}
                                   << QStringLiteral("brinmoor-server: BRINMOOR_SERVER_BIND is not an IP address: "
@@ -135,9 +133,9 @@ private Q_SLOTS:
         QTcpServer taken;
         QVERIFY(taken.listen(QHostAddress::LocalHost));
         QProcess server;
-        server.setProcessEnvironment(environment(
-            {QStringLiteral("BRINMOOR_SHARED_TOKEN=t"), QStringLiteral("BRINMOOR_SERVER_BIND=127.0.0.1"),
-             QStringLiteral("BRINMOOR_SERVER_PORT=") + QString::number(taken.serverPort())}));
+        server.setProcessEnvironment(
+            environment({QStringLiteral("BRINMOOR_SHARED_TOKEN=t"), QStringLiteral("BRINMOOR_SERVER_BIND=127.0.0.1"),
+                         QStringLiteral("BRINMOOR_SERVER_PORT=") + QString::number(taken.serverPort())}));
         server.start(binDir() + QStringLiteral("/brinmoor-server"), QStringList());
         QVERIFY(server.waitForFinished(10000));
         QCOMPARE(server.exitCode(), 1);
@@ -149,10 +147,13 @@ private Q_SLOTS:
     void refusesRequestsItWillNotBuffer()
     {
         QVERIFY(startRelay());
-        QCOMPARE(statusAndBody(httpExchange(m_relay->port, "GET /v1/health HTTP/1.1\r\nX-Pad: " + QByteArray(17 * 1024, 'p') + "\r\n\r\n")),
-                 QStringLiteral("HTTP/1.1 431 Request Header Fields Too Large\n{\"error\":\"request head too large\"}"));
-        QCOMPARE(statusAndBody(httpExchange(m_relay->port, "POST /v1/approvals HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n"
-                                                           "Content-Length: 16777217\r\n\r\n{")),
+        QCOMPARE(
+            statusAndBody(httpExchange(m_relay->port,
+                                       "GET /v1/health HTTP/1.1\r\nX-Pad: " + QByteArray(17 * 1024, 'p') + "\r\n\r\n")),
+            QStringLiteral("HTTP/1.1 431 Request Header Fields Too Large\n{\"error\":\"request head too large\"}"));
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port,
+                                            "POST /v1/approvals HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n"
+                                            "Content-Length: 16777217\r\n\r\n{")),
                  QStringLiteral("HTTP/1.1 413 Content Too Large\n{\"error\":\"request body too large\"}"));
         QCOMPARE(statusAndBody(httpExchange(m_relay->port, "GET /v1/health HTTP/1.1\r\n", 15000)),
                  QStringLiteral("HTTP/1.1 408 Request Timeout\n{\"error\":\"request head not received in time\"}"));
@@ -176,11 +177,14 @@ private Q_SLOTS:
     {
         QVERIFY(startRelay());
         const QString fds = QStringLiteral("/proc/%1/fd").arg(m_relay->process.processId());
-        auto openDescriptors = [&] { return QDir(fds).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size(); };
+        auto openDescriptors = [&] {
+            return QDir(fds).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size();
+        };
         const qsizetype baseline = openDescriptors();
         for (int i = 0; i < 10; ++i) {
             QVERIFY(!httpExchange(m_relay->port, "GET /v1/health HTTP/1.1\r\n\r\n").isEmpty());
-            QVERIFY(!httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n\r\n").isEmpty());
+            QVERIFY(!httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n\r\n")
+                         .isEmpty());
             RelayClient client;
             QVERIFY(client.open(m_relay->port, m_relay->token));
             RelayClient agent;
@@ -203,8 +207,8 @@ private Q_SLOTS:
         QVERIFY(startRelay());
         const QString unauthorized = QStringLiteral("HTTP/1.1 401 Unauthorized\n{\"error\":\"unauthorized\"}");
         QCOMPARE(statusAndBody(httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\n\r\n")), unauthorized);
-        QCOMPARE(statusAndBody(httpExchange(m_relay->port,
-                                            upgradeRequest("/v1/ws/client", "Authorization: Bearer nope\r\n"))),
+        QCOMPARE(statusAndBody(
+                     httpExchange(m_relay->port, upgradeRequest("/v1/ws/client", "Authorization: Bearer nope\r\n"))),
                  unauthorized);
         QCOMPARE(statusAndBody(httpExchange(m_relay->port, upgradeRequest("/v1/ws/agent?agentId=a",
                                                                           "Authorization: Bearer relay-tokenX\r\n"))),
@@ -216,13 +220,12 @@ private Q_SLOTS:
         QVERIFY(!client.open(m_relay->port, QStringLiteral("wrong"), RelayClient::TokenVia::Subprotocol));
         QVERIFY(!client.isConnected());
         QVERIFY(m_relay->waitForLine(QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client")));
-        QCOMPARE(m_relay->lines(),
-                 (QStringList{QStringLiteral("listening port=") + QString::number(m_relay->port),
-                              QStringLiteral("auth.refused address=127.0.0.1 path=/v1/agents"),
-                              QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client"),
-                              QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/agent"),
-                              QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client"),
-                              QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client")}));
+        QCOMPARE(m_relay->lines(), (QStringList{QStringLiteral("listening port=") + QString::number(m_relay->port),
+                                                QStringLiteral("auth.refused address=127.0.0.1 path=/v1/agents"),
+                                                QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client"),
+                                                QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/agent"),
+                                                QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client"),
+                                                QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client")}));
     }
 
     void checksTheHandshake()
@@ -263,7 +266,8 @@ private Q_SLOTS:
     {
         QVERIFY(startRelay());
         for (int i = 0; i < 10; ++i) {
-            QCOMPARE(statusAndBody(httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer x\r\n\r\n")),
+            QCOMPARE(statusAndBody(
+                         httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer x\r\n\r\n")),
                      QStringLiteral("HTTP/1.1 401 Unauthorized\n{\"error\":\"unauthorized\"}"));
         }
         const QByteArray blocked =
@@ -271,8 +275,9 @@ private Q_SLOTS:
         QCOMPARE(statusAndBody(blocked), QStringLiteral("HTTP/1.1 429 Too Many Requests\n"
                                                         "{\"error\":\"too many failed attempts; try again later\"}"));
         QVERIFY(blocked.contains("Retry-After: 60\r\n"));
-        QCOMPARE(m_relay->lines().mid(10), (QStringList{QStringLiteral("auth.refused address=127.0.0.1 path=/v1/agents"),
-                                                        QStringLiteral("auth.blocked address=127.0.0.1 seconds=60")}));
+        QCOMPARE(m_relay->lines().mid(10),
+                 (QStringList{QStringLiteral("auth.refused address=127.0.0.1 path=/v1/agents"),
+                              QStringLiteral("auth.blocked address=127.0.0.1 seconds=60")}));
         QCOMPARE(statusAndBody(httpExchange(m_relay->port, "GET /v1/health HTTP/1.1\r\n\r\n")),
                  QStringLiteral("HTTP/1.1 200 OK\n{\"ok\":true}"));
     }
@@ -283,15 +288,16 @@ private Q_SLOTS:
         RelayClient client;
         RelayClient agent;
         connectAgentAndClient(agent, client);
-        QCOMPARE(client.messages().mid(0, 3),
-                 (QList<QJsonObject>{
-                     json("{\"type\":\"server.hello\",\"agents\":[]}"),
-                     json("{\"type\":\"agent.online\",\"agentId\":\"mac-1\"}"),
-                     json("{\"type\":\"agent.register\",\"agentId\":\"mac-1\",\"profiles\":[\"ios-local\"],\"projects\":[\"/p\"],"
-                          "\"supportsApproval\":true}"),
-                 }));
-        const QString agents =
-            statusAndBody(httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n\r\n"));
+        QCOMPARE(
+            client.messages().mid(0, 3),
+            (QList<QJsonObject>{
+                json("{\"type\":\"server.hello\",\"agents\":[]}"),
+                json("{\"type\":\"agent.online\",\"agentId\":\"mac-1\"}"),
+                json("{\"type\":\"agent.register\",\"agentId\":\"mac-1\",\"profiles\":[\"ios-local\"],\"projects\":[\"/p\"],"
+                     "\"supportsApproval\":true}"),
+            }));
+        const QString agents = statusAndBody(
+            httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n\r\n"));
         QCOMPARE(agents, QStringLiteral("HTTP/1.1 200 OK\n{\"agents\":[{\"agentId\":\"mac-1\",\"busy\":false,"
                                         "\"registration\":{\"profiles\":[\"ios-local\"],\"projects\":[\"/p\"],"
                                         "\"supportsApproval\":true}}]}"));
@@ -302,7 +308,8 @@ private Q_SLOTS:
                  json("{\"type\":\"server.hello\",\"agents\":[{\"agentId\":\"mac-1\",\"busy\":false,\"registration\":"
                       "{\"profiles\":[\"ios-local\"],\"projects\":[\"/p\"],\"supportsApproval\":true}}]}"));
 
-        client.send(json("{\"type\":\"task.create\",\"agentId\":\"mac-1\",\"requestId\":\"r1\",\"payload\":{\"action\":\"shell\",\"command\":\"ls\"}}"));
+        client.send(json(
+            "{\"type\":\"task.create\",\"agentId\":\"mac-1\",\"requestId\":\"r1\",\"payload\":{\"action\":\"shell\",\"command\":\"ls\"}}"));
         const auto created = client.waitForType(QStringLiteral("task.created"));
         QVERIFY(created);
         const QString taskId = created->value(QStringLiteral("taskId")).toString();
@@ -314,9 +321,10 @@ private Q_SLOTS:
                                         {QStringLiteral("requestId"), QStringLiteral("r1")}}));
         const auto assign = agent.waitForType(QStringLiteral("task.assign"));
         QVERIFY(assign);
-        QCOMPARE(*assign, (QJsonObject{{QStringLiteral("type"), QStringLiteral("task.assign")},
-                                       {QStringLiteral("taskId"), taskId},
-                                       {QStringLiteral("payload"), json("{\"action\":\"shell\",\"command\":\"ls\"}")}}));
+        QCOMPARE(*assign,
+                 (QJsonObject{{QStringLiteral("type"), QStringLiteral("task.assign")},
+                              {QStringLiteral("taskId"), taskId},
+                              {QStringLiteral("payload"), json("{\"action\":\"shell\",\"command\":\"ls\"}")}}));
         QVERIFY(httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n\r\n")
                     .contains("\"busy\":true"));
 
@@ -342,16 +350,19 @@ private Q_SLOTS:
                     .contains("\"busy\":false"));
 
         // Commands for the agent are passed on as the agent reads them.
-        client.send(json("{\"type\":\"terminal.input\",\"agentId\":\"mac-1\",\"payload\":{\"sessionId\":\"s1\",\"dataBase64\":\"bHMK\"}}"));
+        client.send(json(
+            "{\"type\":\"terminal.input\",\"agentId\":\"mac-1\",\"payload\":{\"sessionId\":\"s1\",\"dataBase64\":\"bHMK\"}}"));
         client.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("task.cancel")},
                                 {QStringLiteral("agentId"), QStringLiteral("mac-1")},
                                 {QStringLiteral("taskId"), taskId}});
-        client.send(json("{\"type\":\"task.approval\",\"agentId\":\"mac-1\",\"taskId\":\"t9\",\"payload\":{\"decision\":\"approve\"}}"));
+        client.send(json(
+            "{\"type\":\"task.approval\",\"agentId\":\"mac-1\",\"taskId\":\"t9\",\"payload\":{\"decision\":\"approve\"}}"));
         QVERIFY(agent.waitForType(QStringLiteral("task.approval")));
         QCOMPARE(agent.messages().mid(2),
                  (QList<QJsonObject>{
                      json("{\"type\":\"terminal.input\",\"payload\":{\"sessionId\":\"s1\",\"dataBase64\":\"bHMK\"}}"),
-                     QJsonObject{{QStringLiteral("type"), QStringLiteral("task.cancel")}, {QStringLiteral("taskId"), taskId}},
+                     QJsonObject{{QStringLiteral("type"), QStringLiteral("task.cancel")},
+                                 {QStringLiteral("taskId"), taskId}},
                      json("{\"type\":\"task.approval\",\"taskId\":\"t9\",\"payload\":{\"decision\":\"approve\"}}"),
                  }));
 
@@ -376,31 +387,54 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("message");
         QTest::addColumn<QString>("answer");
-        QTest::newRow("not JSON") << QStringLiteral("hello")
-                                  << QStringLiteral("{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"messages must be JSON objects\"}");
-        QTest::newRow("no type") << QStringLiteral("{\"requestId\":\"q\"}")
-                                 << QStringLiteral("{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"a message needs a string \\\"type\\\"\",\"requestId\":\"q\"}");
-        QTest::newRow("unknown type") << QStringLiteral("{\"type\":\"task.fly\"}")
-                                      << QStringLiteral("{\"type\":\"error\",\"code\":\"UNKNOWN_TYPE\",\"message\":\"unknown message type: task.fly\"}");
+        QTest::newRow("not JSON")
+            << QStringLiteral("hello")
+            << QStringLiteral(
+                   "{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"messages must be JSON objects\"}");
+        QTest::newRow("no type")
+            << QStringLiteral("{\"requestId\":\"q\"}")
+            << QStringLiteral(
+                   "{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"a message needs a string \\\"type\\\"\",\"requestId\":\"q\"}");
+        QTest::newRow("unknown type")
+            << QStringLiteral("{\"type\":\"task.fly\"}")
+            << QStringLiteral(
+                   "{\"type\":\"error\",\"code\":\"UNKNOWN_TYPE\",\"message\":\"unknown message type: task.fly\"}");
         QTest::newRow("offline agent")
             << QStringLiteral("{\"type\":\"task.create\",\"agentId\":\"gone\",\"payload\":{},\"requestId\":\"r2\"}")
-            << QStringLiteral("{\"type\":\"error\",\"code\":\"AGENT_OFFLINE\",\"message\":\"agent is not connected: gone\",\"requestId\":\"r2\"}");
-        QTest::newRow("no agent id") << QStringLiteral("{\"type\":\"task.create\",\"payload\":{}}")
-                                     << QStringLiteral("{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"task.create needs a string \\\"agentId\\\"\"}");
-        QTest::newRow("no payload") << QStringLiteral("{\"type\":\"task.create\",\"agentId\":\"a\",\"payload\":\"x\"}")
-                                    << QStringLiteral("{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"task.create needs an object \\\"payload\\\"\"}");
-        QTest::newRow("cancel without task") << QStringLiteral("{\"type\":\"task.cancel\",\"agentId\":\"a\"}")
-                                             << QStringLiteral("{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"task.cancel needs a string \\\"taskId\\\"\"}");
-        QTest::newRow("terminal payload") << QStringLiteral("{\"type\":\"terminal.open\",\"agentId\":\"a\",\"payload\":[1]}")
-                                          << QStringLiteral("{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"terminal.open needs an object \\\"payload\\\"\"}");
-        QTest::newRow("terminal offline") << QStringLiteral("{\"type\":\"terminal.close\",\"agentId\":\"a\",\"payload\":{}}")
-                                          << QStringLiteral("{\"type\":\"error\",\"code\":\"AGENT_OFFLINE\",\"message\":\"agent is not connected: a\"}");
-        QTest::newRow("decision without id") << QStringLiteral("{\"type\":\"permission.decision\",\"decision\":\"allow\"}")
-                                             << QStringLiteral("{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"permission.decision needs a string \\\"requestId\\\"\"}");
-        QTest::newRow("odd decision") << QStringLiteral("{\"type\":\"permission.decision\",\"requestId\":\"p\",\"decision\":\"yes\"}")
-                                      << QStringLiteral("{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"permission.decision needs \\\"decision\\\" \\\"allow\\\" or \\\"deny\\\"\",\"requestId\":\"p\"}");
-        QTest::newRow("unknown request") << QStringLiteral("{\"type\":\"permission.decision\",\"requestId\":\"p\",\"decision\":\"deny\"}")
-                                         << QStringLiteral("{\"type\":\"error\",\"code\":\"UNKNOWN_REQUEST\",\"message\":\"no pending permission request: p\",\"requestId\":\"p\"}");
+            << QStringLiteral(
+                   "{\"type\":\"error\",\"code\":\"AGENT_OFFLINE\",\"message\":\"agent is not connected: gone\",\"requestId\":\"r2\"}");
+        QTest::newRow("no agent id")
+            << QStringLiteral("{\"type\":\"task.create\",\"payload\":{}}")
+            << QStringLiteral(
+                   "{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"task.create needs a string \\\"agentId\\\"\"}");
+        QTest::newRow("no payload")
+            << QStringLiteral("{\"type\":\"task.create\",\"agentId\":\"a\",\"payload\":\"x\"}")
+            << QStringLiteral(
+                   "{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"task.create needs an object \\\"payload\\\"\"}");
+        QTest::newRow("cancel without task")
+            << QStringLiteral("{\"type\":\"task.cancel\",\"agentId\":\"a\"}")
+            << QStringLiteral(
+                   "{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"task.cancel needs a string \\\"taskId\\\"\"}");
+        QTest::newRow("terminal payload")
+            << QStringLiteral("{\"type\":\"terminal.open\",\"agentId\":\"a\",\"payload\":[1]}")
+            << QStringLiteral(
+                   "{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"terminal.open needs an object \\\"payload\\\"\"}");
+        QTest::newRow("terminal offline")
+            << QStringLiteral("{\"type\":\"terminal.close\",\"agentId\":\"a\",\"payload\":{}}")
+            << QStringLiteral(
+                   "{\"type\":\"error\",\"code\":\"AGENT_OFFLINE\",\"message\":\"agent is not connected: a\"}");
+        QTest::newRow("decision without id")
+            << QStringLiteral("{\"type\":\"permission.decision\",\"decision\":\"allow\"}")
+            << QStringLiteral(
+                   "{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"permission.decision needs a string \\\"requestId\\\"\"}");
+        QTest::newRow("odd decision")
+            << QStringLiteral("{\"type\":\"permission.decision\",\"requestId\":\"p\",\"decision\":\"yes\"}")
+            << QStringLiteral(
+                   "{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"permission.decision needs \\\"decision\\\" \\\"allow\\\" or \\\"deny\\\"\",\"requestId\":\"p\"}");
+        QTest::newRow("unknown request")
+            << QStringLiteral("{\"type\":\"permission.decision\",\"requestId\":\"p\",\"decision\":\"deny\"}")
+            << QStringLiteral(
+                   "{\"type\":\"error\",\"code\":\"UNKNOWN_REQUEST\",\"message\":\"no pending permission request: p\",\"requestId\":\"p\"}");
     }
 
     void answersBadClientMessagesWithAnError()
@@ -450,8 +484,8 @@ private Q_SLOTS:
         // Exactly 16 MiB is still fine.
         RelayClient big;
         QVERIFY(big.open(m_relay->port, m_relay->token));
-        big.sendText(QStringLiteral("{\"type\":\"none\",\"pad\":\"") + QString(16 * 1024 * 1024 - 28, QLatin1Char('y')) +
-                     QStringLiteral("\"}"));
+        big.sendText(QStringLiteral("{\"type\":\"none\",\"pad\":\"") +
+                     QString(16 * 1024 * 1024 - 28, QLatin1Char('y')) + QStringLiteral("\"}"));
         const auto error = big.waitForType(QStringLiteral("error"), 20000);
         QVERIFY(error);
         QCOMPARE(error->value(QStringLiteral("code")).toString(), QStringLiteral("UNKNOWN_TYPE"));
@@ -501,11 +535,7 @@ private Q_SLOTS:
         if (!reading)
             readAgain();
         // The agent and the other client go on: every line arrives.
-        QVERIFY(waitUntil(
-            [&] {
-                return client.messages().size() >= count + 3;
-            },
-            60000));
+        QVERIFY(waitUntil([&] { return client.messages().size() >= count + 3; }, 60000));
         QCOMPARE(client.messages().last().value(QStringLiteral("line")).toString(), QString::number(count - 1) + line);
         agent.send(json("{\"type\":\"task.heartbeat\",\"taskId\":\"t\"}"));
         QVERIFY(client.waitForType(QStringLiteral("task.heartbeat")));
@@ -529,11 +559,12 @@ private Q_SLOTS:
         QVERIFY(!taskId.isEmpty());
 
         HeldRequest allowed;
-        allowed.start(m_relay->port,
-                      postApproval(m_relay->token, QStringLiteral("{\"taskId\":\"%1\",\"toolName\":\"Bash\",\"toolInput\":"
-                                                                  "{\"command\":\"ls\"},\"toolUseId\":\"tu1\"}")
-                                                       .arg(taskId)
-                                                       .toUtf8()));
+        allowed.start(
+            m_relay->port,
+            postApproval(m_relay->token, QStringLiteral("{\"taskId\":\"%1\",\"toolName\":\"Bash\",\"toolInput\":"
+                                                        "{\"command\":\"ls\"},\"toolUseId\":\"tu1\"}")
+                                             .arg(taskId)
+                                             .toUtf8()));
         const auto request = client.waitForType(QStringLiteral("permission.request"));
         QVERIFY(request);
         const QString requestId = request->value(QStringLiteral("requestId")).toString();
@@ -555,7 +586,8 @@ private Q_SLOTS:
         client.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("permission.decision")},
                                 {QStringLiteral("requestId"), requestId},
                                 {QStringLiteral("decision"), QStringLiteral("allow")}});
-        QCOMPARE(allowed.result(), QStringLiteral("HTTP/1.1 200 OK\n{\"behavior\":\"allow\",\"updatedInput\":{\"command\":\"ls\"}}"));
+        QCOMPARE(allowed.result(),
+                 QStringLiteral("HTTP/1.1 200 OK\n{\"behavior\":\"allow\",\"updatedInput\":{\"command\":\"ls\"}}"));
         const auto resolved = late.waitForType(QStringLiteral("permission.resolved"));
         QVERIFY(resolved);
         QCOMPARE(*resolved, (QJsonObject{{QStringLiteral("type"), QStringLiteral("permission.resolved")},
@@ -566,15 +598,18 @@ private Q_SLOTS:
         // A deny carries the client's message, or a plain one.
         for (const QString& message : {QStringLiteral("not now"), QString()}) {
             HeldRequest denied;
-            denied.start(m_relay->port, postApproval(m_relay->token,
-                                                     QStringLiteral("{\"taskId\":\"%1\",\"toolName\":\"Write\"}").arg(taskId).toUtf8()));
+            denied.start(
+                m_relay->port,
+                postApproval(m_relay->token,
+                             QStringLiteral("{\"taskId\":\"%1\",\"toolName\":\"Write\"}").arg(taskId).toUtf8()));
             const auto next = client.waitFor([&](const QJsonObject& m) {
                 return typeOf(m) == QLatin1String("permission.request") &&
                        m.value(QStringLiteral("requestId")).toString() != requestId &&
-                       !client.messages().contains(QJsonObject{{QStringLiteral("type"), QStringLiteral("permission.resolved")},
-                                                               {QStringLiteral("requestId"), m.value(QStringLiteral("requestId"))},
-                                                               {QStringLiteral("decision"), QStringLiteral("deny")},
-                                                               {QStringLiteral("reason"), QStringLiteral("client")}});
+                       !client.messages().contains(
+                           QJsonObject{{QStringLiteral("type"), QStringLiteral("permission.resolved")},
+                                       {QStringLiteral("requestId"), m.value(QStringLiteral("requestId"))},
+                                       {QStringLiteral("decision"), QStringLiteral("deny")},
+                                       {QStringLiteral("reason"), QStringLiteral("client")}});
             });
             QVERIFY(next);
             QCOMPARE(next->value(QStringLiteral("toolInput")), QJsonValue(QJsonObject()));
@@ -605,8 +640,9 @@ private Q_SLOTS:
 
         HeldRequest timedOut;
         timedOut.start(m_relay->port, postApproval(m_relay->token, body));
-        QCOMPARE(timedOut.result(5000),
-                 QStringLiteral("HTTP/1.1 200 OK\n{\"behavior\":\"deny\",\"message\":\"no decision within 2 seconds\"}"));
+        QCOMPARE(
+            timedOut.result(5000),
+            QStringLiteral("HTTP/1.1 200 OK\n{\"behavior\":\"deny\",\"message\":\"no decision within 2 seconds\"}"));
 
         // The tool gives up: the question is withdrawn.
         {
@@ -619,9 +655,8 @@ private Q_SLOTS:
             }));
             gone.abort();
         }
-        QVERIFY(client.waitFor([](const QJsonObject& m) {
-            return m.value(QStringLiteral("reason")) == QLatin1String("withdrawn");
-        }));
+        QVERIFY(client.waitFor(
+            [](const QJsonObject& m) { return m.value(QStringLiteral("reason")) == QLatin1String("withdrawn"); }));
 
         // The task ends while the question is open.
         HeldRequest ended;
@@ -631,10 +666,10 @@ private Q_SLOTS:
                                {QStringLiteral("taskId"), taskId},
                                {QStringLiteral("errorCode"), QStringLiteral("COMMAND_EXIT_NONZERO")}});
         QCOMPARE(ended.result(),
-                 QStringLiteral("HTTP/1.1 200 OK\n{\"behavior\":\"deny\",\"message\":\"the task ended before a decision\"}"));
-        QVERIFY(client.waitFor([](const QJsonObject& m) {
-            return m.value(QStringLiteral("reason")) == QLatin1String("task ended");
-        }));
+                 QStringLiteral(
+                     "HTTP/1.1 200 OK\n{\"behavior\":\"deny\",\"message\":\"the task ended before a decision\"}"));
+        QVERIFY(client.waitFor(
+            [](const QJsonObject& m) { return m.value(QStringLiteral("reason")) == QLatin1String("task ended"); }));
 
         // Now the task is unknown, and so are bad bodies.
         QCOMPARE(statusAndBody(httpExchange(m_relay->port, postApproval(m_relay->token, body))),
@@ -647,9 +682,10 @@ private Q_SLOTS:
                  QStringLiteral("HTTP/1.1 400 Bad Request\n{\"error\":\"toolName is missing\"}"));
         QCOMPARE(statusAndBody(httpExchange(m_relay->port, postApproval(QStringLiteral("bad"), body))),
                  QStringLiteral("HTTP/1.1 401 Unauthorized\n{\"error\":\"unauthorized\"}"));
-        QCOMPARE(statusAndBody(httpExchange(m_relay->port, "POST /v1/approvals HTTP/1.1\r\nTransfer-Encoding: chunked\r\n"
-                                                           "Authorization: Bearer relay-token\r\n\r\n")),
-                 QStringLiteral("HTTP/1.1 411 Length Required\n{\"error\":\"a request body needs Content-Length\"}"));
+        QCOMPARE(
+            statusAndBody(httpExchange(m_relay->port, "POST /v1/approvals HTTP/1.1\r\nTransfer-Encoding: chunked\r\n"
+                                                      "Authorization: Bearer relay-token\r\n\r\n")),
+            QStringLiteral("HTTP/1.1 411 Length Required\n{\"error\":\"a request body needs Content-Length\"}"));
     }
 };
 

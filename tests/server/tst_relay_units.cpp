@@ -100,11 +100,10 @@ private Q_SLOTS:
         QTest::newRow("unknown opcode") << clientFrame(0x3, "x") << 1002 << QByteArray("unknown opcode");
         QTest::newRow("long ping") << clientFrame(ws::Ping, QByteArray(126, 'p')) << 1002
                                    << QByteArray("invalid control frame");
-        QTest::newRow("stray continuation") << clientFrame(ws::Continuation, "x") << 1002
-                                            << QByteArray("continuation without a message");
-        QTest::newRow("message inside a message")
-            << clientFrame(ws::Text, "a", false) + clientFrame(ws::Text, "b") << 1002
-            << QByteArray("new message inside a fragmented one");
+        QTest::newRow("stray continuation")
+            << clientFrame(ws::Continuation, "x") << 1002 << QByteArray("continuation without a message");
+        QTest::newRow("message inside a message") << clientFrame(ws::Text, "a", false) + clientFrame(ws::Text, "b")
+                                                  << 1002 << QByteArray("new message inside a fragmented one");
         QTest::newRow("bad UTF-8") << clientFrame(ws::Text, "\xc0\xaf") << 1007
                                    << QByteArray("invalid UTF-8 in a text message");
         // Only the header of a too-big frame has arrived: it is refused without waiting.
@@ -157,7 +156,8 @@ private Q_SLOTS:
         QCOMPARE(request.headSize, head.size() - 4);
 
         QCOMPARE(parseRequestHead("GET / HTTP/1.1\r\nHost: h\r\n", 16384, request), HeadStatus::Incomplete);
-        QCOMPARE(parseRequestHead(QByteArray("GET / HTTP/1.1\r\n" + QByteArray(100, 'x')), 64, request), HeadStatus::TooLarge);
+        QCOMPARE(parseRequestHead(QByteArray("GET / HTTP/1.1\r\n" + QByteArray(100, 'x')), 64, request),
+                 HeadStatus::TooLarge);
         QCOMPARE(parseRequestHead("GET /\r\n\r\n", 16384, request), HeadStatus::Malformed);
         QCOMPARE(parseRequestHead("GET / HTTP/1.1\r\nno colon\r\n\r\n", 16384, request), HeadStatus::Malformed);
         QCOMPARE(parseRequestHead("GET nopath HTTP/1.1\r\n\r\n", 16384, request), HeadStatus::Malformed);

@@ -18,18 +18,15 @@ class TstLocalServerRuntime : public QObject {
     // A stand-in server: prints what it was given, then what the test asks for.
     QString fakeServer(const QByteArray& body)
     {
-        const QString path = test::writeFile(m_dir.path() + QStringLiteral("/brinmoor-server"),
-                                             "#!/bin/zsh -f\n" + body);
+        const QString path =
+            test::writeFile(m_dir.path() + QStringLiteral("/brinmoor-server"), "#!/bin/zsh -f\n" + body);
         QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         qputenv("BRINMOOR_SERVER_PATH", path.toUtf8());
         return path;
     }
 
 private Q_SLOTS:
-    void cleanup()
-    {
-        qunsetenv("BRINMOOR_SERVER_PATH");
-    }
+    void cleanup() { qunsetenv("BRINMOOR_SERVER_PATH"); }
 
     void takenPortMovesToTheNextCandidate()
     {
@@ -72,13 +69,16 @@ private Q_SLOTS:
         Machine machine;
         machine.executablePath = m_dir.path() + QStringLiteral("/bin/BrinmoorMacAgent");
         machine.currentDirectory = m_dir.path() + QStringLiteral("/nowhere");
-        QCOMPARE(LocalServerRuntime::resolveServerBinaryPath({{QStringLiteral("BRINMOOR_SERVER_PATH"), stale}}, machine),
-                 std::optional<QString>(beside));
-        QCOMPARE(LocalServerRuntime::resolveServerBinaryPath({{QStringLiteral("BRINMOOR_SERVER_PATH"), beside}}, machine),
-                 std::optional<QString>(beside));
+        QCOMPARE(
+            LocalServerRuntime::resolveServerBinaryPath({{QStringLiteral("BRINMOOR_SERVER_PATH"), stale}}, machine),
+            std::optional<QString>(beside));
+        QCOMPARE(
+            LocalServerRuntime::resolveServerBinaryPath({{QStringLiteral("BRINMOOR_SERVER_PATH"), beside}}, machine),
+            std::optional<QString>(beside));
         QFile::remove(beside);
         QCOMPARE(LocalServerRuntime::resolveServerBinaryPath({}, machine), std::nullopt);
-        const QString inRepo = test::writeFile(m_dir.path() + QStringLiteral("/nowhere/server/brinmoor-server"), "#!/bin/sh\n");
+        const QString inRepo =
+            test::writeFile(m_dir.path() + QStringLiteral("/nowhere/server/brinmoor-server"), "#!/bin/sh\n");
         QFile::setPermissions(inRepo, QFile::ReadOwner | QFile::ExeOwner);
         QCOMPARE(LocalServerRuntime::resolveServerBinaryPath({}, machine), std::optional<QString>(inRepo));
     }

@@ -126,10 +126,10 @@ void FakeModelServer::onReadable(QTcpSocket* socket)
                         QJsonDocument::fromJson(body).object()};
         m_requests.append(request);
         Reply reply = respond ? respond(request) : Reply{404, "application/json", "{}"};
-        QByteArray response = "HTTP/1.1 " + QByteArray::number(reply.status) + ' ' + relay::statusReason(reply.status).toByteArray() +
-                              "\r\nContent-Type: " + reply.contentType +
-                              "\r\nContent-Length: " + QByteArray::number(reply.body.size()) +
-                              "\r\nConnection: keep-alive\r\n\r\n" + reply.body;
+        QByteArray response =
+            "HTTP/1.1 " + QByteArray::number(reply.status) + ' ' + relay::statusReason(reply.status).toByteArray() +
+            "\r\nContent-Type: " + reply.contentType + "\r\nContent-Length: " + QByteArray::number(reply.body.size()) +
+            "\r\nConnection: keep-alive\r\n\r\n" + reply.body;
         socket->write(response);
     }
 }
@@ -138,21 +138,24 @@ QByteArray FakeModelServer::sse(const QList<QJsonObject>& events)
 {
     QByteArray stream;
     for (const QJsonObject& event : events)
-        stream += "event: " + event.value(QStringLiteral("type")).toString().toUtf8() + "\ndata: " + compact(event) + "\n\n";
+        stream +=
+            "event: " + event.value(QStringLiteral("type")).toString().toUtf8() + "\ndata: " + compact(event) + "\n\n";
     return stream;
 }
 
 FakeModelServer::Reply FakeModelServer::messagesText(const QString& text)
 {
-    return eventStream({messageStart(),
-                        {{"type", "content_block_start"}, {"index", 0}, {"content_block", QJsonObject{{"type", "text"}, {"text", ""}}}},
-                        {{"type", "content_block_delta"}, {"index", 0}, {"delta", QJsonObject{{"type", "text_delta"}, {"text", text}}}},
-                        {{"type", "content_block_stop"}, {"index", 0}},
-                        messageEnd(QStringLiteral("end_turn")),
-                        {{"type", "message_stop"}}});
+    return eventStream(
+        {messageStart(),
+         {{"type", "content_block_start"}, {"index", 0}, {"content_block", QJsonObject{{"type", "text"}, {"text", ""}}}},
+         {{"type", "content_block_delta"}, {"index", 0}, {"delta", QJsonObject{{"type", "text_delta"}, {"text", text}}}},
+         {{"type", "content_block_stop"}, {"index", 0}},
+         messageEnd(QStringLiteral("end_turn")),
+         {{"type", "message_stop"}}});
 }
 
-FakeModelServer::Reply FakeModelServer::messagesToolUse(const QString& id, const QString& name, const QJsonObject& input)
+FakeModelServer::Reply FakeModelServer::messagesToolUse(const QString& id, const QString& name,
+                                                        const QJsonObject& input)
 {
     return eventStream(
         {messageStart(),
@@ -169,8 +172,9 @@ FakeModelServer::Reply FakeModelServer::messagesToolUse(const QString& id, const
 
 FakeModelServer::Reply FakeModelServer::messagesError(int status, const QString& message)
 {
-    return {status, "application/json",
-            compact({{"type", "error"}, {"error", QJsonObject{{"type", "invalid_request_error"}, {"message", message}}}})};
+    return {
+        status, "application/json",
+        compact({{"type", "error"}, {"error", QJsonObject{{"type", "invalid_request_error"}, {"message", message}}}})};
 }
 
 FakeModelServer::Reply FakeModelServer::responsesMessage(const QString& text)
@@ -197,10 +201,11 @@ FakeModelServer::Reply FakeModelServer::responsesFunctionCall(const QString& cal
 
 FakeModelServer::Reply FakeModelServer::responsesFailed(const QString& message)
 {
-    return eventStream({{{"type", "response.created"}, {"response", QJsonObject{{"id", "resp_fake"}}}},
-                        {{"type", "response.failed"},
-                         {"response", QJsonObject{{"id", "resp_fake"},
-                                                  {"error", QJsonObject{{"code", "invalid_prompt"}, {"message", message}}}}}}});
+    return eventStream(
+        {{{"type", "response.created"}, {"response", QJsonObject{{"id", "resp_fake"}}}},
+         {{"type", "response.failed"},
+          {"response", QJsonObject{{"id", "resp_fake"},
+                                   {"error", QJsonObject{{"code", "invalid_prompt"}, {"message", message}}}}}}});
 }
 
 QJsonObject lastUserContent(const QJsonObject& messagesRequest)

@@ -58,9 +58,8 @@ void LoopbackServer::onNewConnection()
             m_client->deleteLater();
         m_client = socket;
         socket->setParent(this);
-        connect(socket, &QWebSocket::textMessageReceived, this, [this](const QString& text) {
-            m_messages.append(QJsonDocument::fromJson(text.toUtf8()).object());
-        });
+        connect(socket, &QWebSocket::textMessageReceived, this,
+                [this](const QString& text) { m_messages.append(QJsonDocument::fromJson(text.toUtf8()).object()); });
         connect(socket, &QWebSocket::disconnected, this, [this, socket] {
             m_lastCloseCode = int(socket->closeCode());
             socket->deleteLater();
@@ -94,8 +93,8 @@ QString LoopbackServer::trace() const
     return lines.join(QLatin1Char('\n'));
 }
 
-std::optional<QJsonObject> LoopbackServer::waitFor(const std::function<bool(const QJsonObject&)>& match,
-                                                   int timeoutMs, int skip)
+std::optional<QJsonObject> LoopbackServer::waitFor(const std::function<bool(const QJsonObject&)>& match, int timeoutMs,
+                                                   int skip)
 {
     std::optional<QJsonObject> found;
     waitUntil(
@@ -115,12 +114,10 @@ std::optional<QJsonObject> LoopbackServer::waitFor(const std::function<bool(cons
 
 std::optional<QJsonObject> LoopbackServer::waitForType(const QString& type, int timeoutMs)
 {
-    return waitFor([&](const QJsonObject& m) { return m.value(QStringLiteral("type")).toString() == type; },
-                   timeoutMs);
+    return waitFor([&](const QJsonObject& m) { return m.value(QStringLiteral("type")).toString() == type; }, timeoutMs);
 }
 
-std::optional<QJsonObject> LoopbackServer::waitForTask(const QString& type, const QString& taskId,
-                                                       int timeoutMs)
+std::optional<QJsonObject> LoopbackServer::waitForTask(const QString& type, const QString& taskId, int timeoutMs)
 {
     return waitFor(
         [&](const QJsonObject& m) {
@@ -166,7 +163,8 @@ bool waitUntil(const std::function<bool()>& condition, int timeoutMs)
 
 int openDescriptorCount()
 {
-    return int(QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size());
+    return int(
+        QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size());
 }
 
 QList<qint64> childProcesses()

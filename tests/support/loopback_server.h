@@ -40,11 +40,10 @@ public:
     QString trace() const;
 
     // Waits (running the event loop) until a received message matches, returning it.
-    std::optional<QJsonObject> waitFor(const std::function<bool(const QJsonObject&)>& match,
-                                       int timeoutMs = 10000, int skip = 0);
+    std::optional<QJsonObject> waitFor(const std::function<bool(const QJsonObject&)>& match, int timeoutMs = 10000,
+                                       int skip = 0);
     std::optional<QJsonObject> waitForType(const QString& type, int timeoutMs = 10000);
-    std::optional<QJsonObject> waitForTask(const QString& type, const QString& taskId,
-                                           int timeoutMs = 10000);
+    std::optional<QJsonObject> waitForTask(const QString& type, const QString& taskId, int timeoutMs = 10000);
     bool waitForConnections(int count, int timeoutMs = 10000);
 
     int connectionCount() const { return m_connectionCount; }

@@ -10,12 +10,12 @@
 
 namespace brinmoor::test {
 
-RelayClient::RelayClient(QObject* parent) : QObject(parent), m_socket(new QWebSocket(QString(), QWebSocketProtocol::VersionLatest, this))
+RelayClient::RelayClient(QObject* parent)
+    : QObject(parent), m_socket(new QWebSocket(QString(), QWebSocketProtocol::VersionLatest, this))
 {
     m_socket->setMaxAllowedIncomingMessageSize(64 * 1024 * 1024);
-    connect(m_socket, &QWebSocket::textMessageReceived, this, [this](const QString& text) {
-        m_messages.append(QJsonDocument::fromJson(text.toUtf8()).object());
-    });
+    connect(m_socket, &QWebSocket::textMessageReceived, this,
+            [this](const QString& text) { m_messages.append(QJsonDocument::fromJson(text.toUtf8()).object()); });
 }
 
 RelayClient::~RelayClient() = default;
@@ -31,7 +31,8 @@ bool RelayClient::open(quint16 port, const QString& token, TokenVia via, const Q
         protocols.append(QStringLiteral("bearer.") + token);
     options.setSubprotocols(protocols);
     m_socket->open(request, options);
-    return waitFor([](const QJsonObject& m) { return m.value(QStringLiteral("type")) == QLatin1String("server.hello"); })
+    return waitFor(
+               [](const QJsonObject& m) { return m.value(QStringLiteral("type")) == QLatin1String("server.hello"); })
         .has_value();
 }
 

@@ -23,8 +23,7 @@ namespace {
 
 int intValue(const char* json)
 {
-    const QJsonDocument document =
-        QJsonDocument::fromJson(QByteArray("{\"v\":") + json + QByteArray("}"));
+    const QJsonDocument document = QJsonDocument::fromJson(QByteArray("{\"v\":") + json + QByteArray("}"));
     const std::optional<JSONValue> value = JSONValue::decode(document.object().value("v"));
     if (!value) {
         std::puts("undecodable");
@@ -67,16 +66,19 @@ int mcpCall(const char* configPath, const char* toolName, const char* input)
         std::puts("approver did not start");
         return 3;
     }
-    approver.write(line({{"jsonrpc", "2.0"}, {"id", 1}, {"method", "initialize"},
+    approver.write(line({{"jsonrpc", "2.0"},
+                         {"id", 1},
+                         {"method", "initialize"},
                          {"params", QJsonObject{{"protocolVersion", "2025-06-18"}, {"capabilities", QJsonObject()}}}}));
     approver.write(line({{"jsonrpc", "2.0"}, {"method", "notifications/initialized"}}));
-    approver.write(line({{"jsonrpc", "2.0"},
-                         {"id", 2},
-                         {"method", "tools/call"},
-                         {"params", QJsonObject{{"name", "request_permission"},
-                                                {"arguments", QJsonObject{{"tool_name", toolName},
-                                                                          {"input", QJsonDocument::fromJson(input).object()},
-                                                                          {"tool_use_id", "toolu_1"}}}}}}));
+    approver.write(
+        line({{"jsonrpc", "2.0"},
+              {"id", 2},
+              {"method", "tools/call"},
+              {"params", QJsonObject{{"name", "request_permission"},
+                                     {"arguments", QJsonObject{{"tool_name", toolName},
+                                                               {"input", QJsonDocument::fromJson(input).object()},
+                                                               {"tool_use_id", "toolu_1"}}}}}}));
     QByteArray buffer;
     QDeadlineTimer deadline(120'000);
     while (!deadline.hasExpired()) {

@@ -1,5 +1,5 @@
-#include "terminal/path_completion.h"
 #include "support/test_support.h"
+#include "terminal/path_completion.h"
 
 #include <QDir>
 #include <QTemporaryDir>
@@ -37,10 +37,14 @@ private Q_SLOTS:
     void resolvePathForms()
     {
         QCOMPARE(resolvePath(QString(), QStringLiteral("/base"), QStringLiteral("/home/u")), QStringLiteral("/base"));
-        QCOMPARE(resolvePath(QStringLiteral("~"), QStringLiteral("/base"), QStringLiteral("/home/u")), QStringLiteral("/home/u"));
-        QCOMPARE(resolvePath(QStringLiteral("~/x/../y"), QStringLiteral("/b"), QStringLiteral("/home/u")), QStringLiteral("/home/u/y"));
-        QCOMPARE(resolvePath(QStringLiteral("/abs//p/."), QStringLiteral("/b"), QStringLiteral("/h")), QStringLiteral("/abs/p"));
-        QCOMPARE(resolvePath(QStringLiteral("../x"), QStringLiteral("/b/c"), QStringLiteral("/h")), QStringLiteral("/b/x"));
+        QCOMPARE(resolvePath(QStringLiteral("~"), QStringLiteral("/base"), QStringLiteral("/home/u")),
+                 QStringLiteral("/home/u"));
+        QCOMPARE(resolvePath(QStringLiteral("~/x/../y"), QStringLiteral("/b"), QStringLiteral("/home/u")),
+                 QStringLiteral("/home/u/y"));
+        QCOMPARE(resolvePath(QStringLiteral("/abs//p/."), QStringLiteral("/b"), QStringLiteral("/h")),
+                 QStringLiteral("/abs/p"));
+        QCOMPARE(resolvePath(QStringLiteral("../x"), QStringLiteral("/b/c"), QStringLiteral("/h")),
+                 QStringLiteral("/b/x"));
     }
 
     void cdMovesTheCompletionBase()
@@ -49,10 +53,12 @@ private Q_SLOTS:
         QCOMPARE(directoryAfterInput(QStringLiteral("cd src\n"), m_dir.path(), home), path(QStringLiteral("src")));
         QCOMPARE(directoryAfterInput(QStringLiteral("cd nowhere\n"), m_dir.path(), home), m_dir.path());
         QCOMPARE(directoryAfterInput(QStringLiteral("cd\r\n"), m_dir.path(), home), home);
-        QCOMPARE(directoryAfterInput(QStringLiteral("cd 'My Folder'\n"), m_dir.path(), home), path(QStringLiteral("My Folder")));
+        QCOMPARE(directoryAfterInput(QStringLiteral("cd 'My Folder'\n"), m_dir.path(), home),
+                 path(QStringLiteral("My Folder")));
         QCOMPARE(directoryAfterInput(QStringLiteral("cd My\\ Folder\rcd inner\n"), m_dir.path(), home),
                  path(QStringLiteral("My Folder/inner")));
-        QCOMPARE(directoryAfterInput(QStringLiteral("echo x; cd src\n  pushd src\n"), m_dir.path(), home), m_dir.path());
+        QCOMPARE(directoryAfterInput(QStringLiteral("echo x; cd src\n  pushd src\n"), m_dir.path(), home),
+                 m_dir.path());
     }
 
     void dockerTxtBeforeDocumentsWithCommonPrefix()
@@ -76,14 +82,16 @@ private Q_SLOTS:
         const Completion c = pathCompletion(QStringLiteral("cd My"), 5, m_dir.path(), QStringLiteral("/h"));
         QCOMPARE(c.suggestions, QStringList{QStringLiteral("My Folder/")});
         QCOMPARE(c.replacement, QStringLiteral("My\\ Folder/"));
-        const Completion deeper = pathCompletion(QStringLiteral("ls My\\ Folder/in"), 16, m_dir.path(), QStringLiteral("/h"));
+        const Completion deeper =
+            pathCompletion(QStringLiteral("ls My\\ Folder/in"), 16, m_dir.path(), QStringLiteral("/h"));
         QCOMPARE(deeper.replacementStart, qsizetype(3));
         QCOMPARE(deeper.replacement, QStringLiteral("My\\ Folder/inner/"));
     }
 
     void hiddenEntriesOnlyForADotPrefix()
     {
-        QVERIFY(!pathCompletion(QStringLiteral("ls "), 3, m_dir.path(), QStringLiteral("/h")).suggestions.contains(QStringLiteral(".hidden")));
+        QVERIFY(!pathCompletion(QStringLiteral("ls "), 3, m_dir.path(), QStringLiteral("/h"))
+                     .suggestions.contains(QStringLiteral(".hidden")));
         QCOMPARE(pathCompletion(QStringLiteral("ls .h"), 5, m_dir.path(), QStringLiteral("/h")).suggestions,
                  QStringList{QStringLiteral(".hidden")});
     }
@@ -98,7 +106,8 @@ private Q_SLOTS:
     {
         const Completion c = pathCompletion(QStringLiteral("ls Doc"), 99, m_dir.path(), QStringLiteral("/h"));
         QCOMPARE(c.replacementEnd, qsizetype(6));
-        QCOMPARE(pathCompletion(QStringLiteral("ls Doc"), -4, m_dir.path(), QStringLiteral("/h")).replacementEnd, qsizetype(0));
+        QCOMPARE(pathCompletion(QStringLiteral("ls Doc"), -4, m_dir.path(), QStringLiteral("/h")).replacementEnd,
+                 qsizetype(0));
     }
 
     void helpers()

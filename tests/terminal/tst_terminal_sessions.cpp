@@ -21,7 +21,8 @@ QJsonObject terminal(const char* type, const QString& sessionId, const QJsonObje
 
 QJsonObject input(const QString& sessionId, const QByteArray& bytes)
 {
-    return terminal("terminal.input", sessionId, {{QStringLiteral("dataBase64"), QString::fromLatin1(bytes.toBase64())}});
+    return terminal("terminal.input", sessionId,
+                    {{QStringLiteral("dataBase64"), QString::fromLatin1(bytes.toBase64())}});
 }
 
 } // namespace
@@ -48,11 +49,13 @@ class TstTerminalSessions : public QObject {
         return waitUntil([&] { return output(f, sessionId).contains(needle); }, timeoutMs);
     }
 
-    static std::optional<QJsonObject> waitForEvent(AgentFixture& f, const QString& type, const QString& sessionId, int skip = 0)
+    static std::optional<QJsonObject> waitForEvent(AgentFixture& f, const QString& type, const QString& sessionId,
+                                                   int skip = 0)
     {
         return f.server.waitFor(
             [&](const QJsonObject& m) {
-                return m.value(QStringLiteral("type")).toString() == type && m.value(QStringLiteral("sessionId")).toString() == sessionId;
+                return m.value(QStringLiteral("type")).toString() == type &&
+                       m.value(QStringLiteral("sessionId")).toString() == sessionId;
             },
             10000, skip);
     }
@@ -68,10 +71,7 @@ class TstTerminalSessions : public QObject {
     }
 
 private Q_SLOTS:
-    void initTestCase()
-    {
-        m_descriptorsAtStart = openDescriptorCount();
-    }
+    void initTestCase() { m_descriptorsAtStart = openDescriptorCount(); }
 
     void lineModeRunsCommandsWithoutEcho()
     {
@@ -80,13 +80,15 @@ private Q_SLOTS:
         QVERIFY(f.connect());
         DiagRecorder log;
         open(f, QStringLiteral("s1"), QStringLiteral("App"));
-        const std::optional<QJsonObject> opened = waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("s1"));
+        const std::optional<QJsonObject> opened =
+            waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("s1"));
         QVERIFY(opened);
         QVERIFY(!opened->contains(QStringLiteral("mode")));
         QCOMPARE(opened->value(QStringLiteral("status")).toString(), QStringLiteral("running"));
         const QString workingDir = f.repo.path() + QStringLiteral("/App");
-        QVERIFY(waitForOutput(f, QStringLiteral("s1"), QStringLiteral("[terminal started in ") + workingDir +
-                                                           QStringLiteral("]\n[try: pwd, ls, codex, claude]\n")));
+        QVERIFY(waitForOutput(f, QStringLiteral("s1"),
+                              QStringLiteral("[terminal started in ") + workingDir +
+                                  QStringLiteral("]\n[try: pwd, ls, codex, claude]\n")));
         QVERIFY(log.texts().first().startsWith(QStringLiteral("terminal.open sessionId=s1 projectPath=App pid=")));
 
         f.server.send(input(QStringLiteral("s1"), "echo \"$BRINMOOR_PROJECT_PATH:$TERM:$BRINMOOR_REPO_ROOT\"; pwd\n"));
@@ -106,10 +108,12 @@ private Q_SLOTS:
         QVERIFY(f.connect());
         DiagRecorder log;
         open(f, QStringLiteral("i1"), QStringLiteral("Nowhere"), QStringLiteral(" Interactive "));
-        const std::optional<QJsonObject> opened = waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("i1"));
+        const std::optional<QJsonObject> opened =
+            waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("i1"));
         QVERIFY(opened);
         QCOMPARE(opened->value(QStringLiteral("mode")).toString(), QStringLiteral("interactive"));
-        QVERIFY(log.texts().first().startsWith(QStringLiteral("terminal.open.interactive sessionId=i1 projectPath=Nowhere pid=")));
+        QVERIFY(log.texts().first().startsWith(
+            QStringLiteral("terminal.open.interactive sessionId=i1 projectPath=Nowhere pid=")));
         f.server.send(input(QStringLiteral("i1"), "echo mark-$((6*7))\n"));
         // The typed line comes back (echo), then its result.
         QVERIFY(waitForOutput(f, QStringLiteral("i1"), QStringLiteral("echo mark-$((6*7))")));
@@ -133,10 +137,12 @@ private Q_SLOTS:
         open(f, QStringLiteral("b"), QStringLiteral("P"));
         const std::optional<QJsonObject> error = waitForEvent(f, QStringLiteral("terminal.error"), QStringLiteral("b"));
         QVERIFY(error);
-        QCOMPARE(error->value(QStringLiteral("error")).toString(), QStringLiteral("Active terminal session already exists for this project."));
+        QCOMPARE(error->value(QStringLiteral("error")).toString(),
+                 QStringLiteral("Active terminal session already exists for this project."));
         QCOMPARE(error->value(QStringLiteral("message")).toString(), error->value(QStringLiteral("error")).toString());
         QCOMPARE(error->value(QStringLiteral("projectPath")).toString(), QStringLiteral("P"));
-        QVERIFY(log.contains(QStringLiteral("terminal.error sessionId=b projectPath=P message=Active terminal session already exists for this project.")));
+        QVERIFY(log.contains(QStringLiteral(
+            "terminal.error sessionId=b projectPath=P message=Active terminal session already exists for this project.")));
         // The first one still runs.
         f.server.send(input(QStringLiteral("a"), "echo still-here\n"));
         QVERIFY(waitForOutput(f, QStringLiteral("a"), QStringLiteral("still-here")));
@@ -150,9 +156,11 @@ private Q_SLOTS:
         open(f, QStringLiteral("other"), QStringLiteral("Y"));
         QVERIFY(waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("other")));
         open(f, QStringLiteral("new"), QStringLiteral("Y"), QString(),
-             {{QStringLiteral("replace"), QStringLiteral("YES")}, {QStringLiteral("replaceSessionId"), QStringLiteral("old")}});
+             {{QStringLiteral("replace"), QStringLiteral("YES")},
+              {QStringLiteral("replaceSessionId"), QStringLiteral("old")}});
         QVERIFY(waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("new")));
-        const std::optional<QJsonObject> closed = waitForEvent(f, QStringLiteral("terminal.closed"), QStringLiteral("old"));
+        const std::optional<QJsonObject> closed =
+            waitForEvent(f, QStringLiteral("terminal.closed"), QStringLiteral("old"));
         QVERIFY(closed);
         QCOMPARE(closed->value(QStringLiteral("exitCode")).toInt(), 143);
         // "other" was not the one named, and keeps running.
@@ -172,8 +180,9 @@ private Q_SLOTS:
         for (int round = 1; round <= 6 && chunks.size() < 129; ++round) {
             // The quotes keep the echoed command line from matching what the shell prints.
             const QByteArray end = "round" + QByteArray::number(round) + "-done";
-            f.server.send(input(QStringLiteral("r"), "for i in {1..130}; do echo line$i; sleep 0.01; done; echo \"round\"" +
-                                                        QByteArray::number(round) + "\"-done\"\n"));
+            f.server.send(
+                input(QStringLiteral("r"), "for i in {1..130}; do echo line$i; sleep 0.01; done; echo \"round\"" +
+                                               QByteArray::number(round) + "\"-done\"\n"));
             QVERIFY(waitForOutput(f, QStringLiteral("r"), QString::fromLatin1(end + "\r\n")));
             chunks.clear();
             for (const QJsonObject& m : f.server.messagesOfType(QStringLiteral("terminal.output")))
@@ -202,7 +211,8 @@ private Q_SLOTS:
         AgentFixture f;
         QVERIFY(f.connect());
         f.server.send(terminal("terminal.attach", QStringLiteral(" ghost ")));
-        const std::optional<QJsonObject> error = waitForEvent(f, QStringLiteral("terminal.error"), QStringLiteral("ghost"));
+        const std::optional<QJsonObject> error =
+            waitForEvent(f, QStringLiteral("terminal.error"), QStringLiteral("ghost"));
         QVERIFY(error);
         QCOMPARE(error->value(QStringLiteral("message")).toString(), QStringLiteral("Terminal session not found."));
         QCOMPARE(error->value(QStringLiteral("projectPath")).toString(), QString());
@@ -214,17 +224,22 @@ private Q_SLOTS:
         QVERIFY(f.connect());
         open(f, QStringLiteral("z"), QStringLiteral("Z"));
         QVERIFY(waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("z")));
-        f.server.send(terminal("terminal.resize", QStringLiteral("z"), {{QStringLiteral("cols"), 0}, {QStringLiteral("rows"), 0}}));
-        const std::optional<QJsonObject> status = waitForEvent(f, QStringLiteral("terminal.status"), QStringLiteral("z"));
+        f.server.send(terminal("terminal.resize", QStringLiteral("z"),
+                               {{QStringLiteral("cols"), 0}, {QStringLiteral("rows"), 0}}));
+        const std::optional<QJsonObject> status =
+            waitForEvent(f, QStringLiteral("terminal.status"), QStringLiteral("z"));
         QVERIFY(status);
         QCOMPARE(status->value(QStringLiteral("message")).toString(), QStringLiteral("Terminal ready (0x0)"));
         f.server.send(input(QStringLiteral("z"), "stty size\n"));
         QVERIFY(waitForOutput(f, QStringLiteral("z"), QStringLiteral("1 1\r\n")));
-        f.server.send(terminal("terminal.resize", QStringLiteral("z"), {{QStringLiteral("cols"), -5}, {QStringLiteral("rows"), 30.7}}));
-        const std::optional<QJsonObject> second = waitForEvent(f, QStringLiteral("terminal.status"), QStringLiteral("z"), 1);
+        f.server.send(terminal("terminal.resize", QStringLiteral("z"),
+                               {{QStringLiteral("cols"), -5}, {QStringLiteral("rows"), 30.7}}));
+        const std::optional<QJsonObject> second =
+            waitForEvent(f, QStringLiteral("terminal.status"), QStringLiteral("z"), 1);
         QVERIFY(second);
         QCOMPARE(second->value(QStringLiteral("message")).toString(), QStringLiteral("Terminal ready (0x30)"));
-        f.server.send(terminal("terminal.resize", QStringLiteral("z"), {{QStringLiteral("cols"), 70000}, {QStringLiteral("rows"), 2}}));
+        f.server.send(terminal("terminal.resize", QStringLiteral("z"),
+                               {{QStringLiteral("cols"), 70000}, {QStringLiteral("rows"), 2}}));
         const std::optional<QJsonObject> error = waitForEvent(f, QStringLiteral("terminal.error"), QStringLiteral("z"));
         QVERIFY(error);
         QCOMPARE(error->value(QStringLiteral("message")).toString(),
@@ -241,10 +256,12 @@ private Q_SLOTS:
         QVERIFY(waitForOutput(f, QStringLiteral("c"), QStringLiteral("sleep 30; echo slept")));
         QTest::qWait(300);
         // An unknown name does nothing.
-        f.server.send(terminal("terminal.signal", QStringLiteral("c"), {{QStringLiteral("signal"), QStringLiteral("stop")}}));
+        f.server.send(
+            terminal("terminal.signal", QStringLiteral("c"), {{QStringLiteral("signal"), QStringLiteral("stop")}}));
         QElapsedTimer clock;
         clock.start();
-        f.server.send(terminal("terminal.signal", QStringLiteral("c"), {{QStringLiteral("signal"), QStringLiteral(" CTRL_C ")}}));
+        f.server.send(
+            terminal("terminal.signal", QStringLiteral("c"), {{QStringLiteral("signal"), QStringLiteral(" CTRL_C ")}}));
         f.server.send(input(QStringLiteral("c"), "echo after-$((1+1))\n"));
         QVERIFY(waitForOutput(f, QStringLiteral("c"), QStringLiteral("after-2"), 5000));
         QVERIFY(clock.elapsed() < 5000);
@@ -259,10 +276,12 @@ private Q_SLOTS:
         QVERIFY(waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("l")));
         f.server.send(input(QStringLiteral("l"), "sleep 30\n"));
         QTest::qWait(300);
-        f.server.send(terminal("terminal.signal", QStringLiteral("l"), {{QStringLiteral("signal"), QStringLiteral("interrupt")}}));
+        f.server.send(terminal("terminal.signal", QStringLiteral("l"),
+                               {{QStringLiteral("signal"), QStringLiteral("interrupt")}}));
         // The interrupt ends the job; the line-mode shell, which has no job control,
         // ends with it.
-        const std::optional<QJsonObject> closed = waitForEvent(f, QStringLiteral("terminal.closed"), QStringLiteral("l"));
+        const std::optional<QJsonObject> closed =
+            waitForEvent(f, QStringLiteral("terminal.closed"), QStringLiteral("l"));
         QVERIFY(closed);
         QCOMPARE(closed->value(QStringLiteral("exitCode")).toInt(), 130);
     }
@@ -276,11 +295,14 @@ private Q_SLOTS:
         QVERIFY(waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("e")));
         QVERIFY(waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("k")));
         f.server.send(input(QStringLiteral("e"), "exit 3\n"));
-        const std::optional<QJsonObject> three = waitForEvent(f, QStringLiteral("terminal.closed"), QStringLiteral("e"));
+        const std::optional<QJsonObject> three =
+            waitForEvent(f, QStringLiteral("terminal.closed"), QStringLiteral("e"));
         QVERIFY(three);
         QCOMPARE(three->value(QStringLiteral("exitCode")), QJsonValue(3));
-        f.server.send(terminal("terminal.signal", QStringLiteral("k"), {{QStringLiteral("signal"), QStringLiteral("SIGKILL")}}));
-        const std::optional<QJsonObject> killed = waitForEvent(f, QStringLiteral("terminal.closed"), QStringLiteral("k"));
+        f.server.send(
+            terminal("terminal.signal", QStringLiteral("k"), {{QStringLiteral("signal"), QStringLiteral("SIGKILL")}}));
+        const std::optional<QJsonObject> killed =
+            waitForEvent(f, QStringLiteral("terminal.closed"), QStringLiteral("k"));
         QVERIFY(killed);
         QCOMPARE(killed->value(QStringLiteral("exitCode")), QJsonValue(137));
         // The interactive shell exiting by itself reports its status too.
@@ -303,7 +325,8 @@ private Q_SLOTS:
         f.server.send(input(QStringLiteral("w"), "cd My\\ Folder\n"));
         f.server.send(terminal("terminal.complete", QStringLiteral("w"),
                                {{QStringLiteral("line"), QStringLiteral("ls Doc")}, {QStringLiteral("cursor"), 6}}));
-        const std::optional<QJsonObject> completion = waitForEvent(f, QStringLiteral("terminal.completion"), QStringLiteral("w"));
+        const std::optional<QJsonObject> completion =
+            waitForEvent(f, QStringLiteral("terminal.completion"), QStringLiteral("w"));
         QVERIFY(completion);
         QCOMPARE(completion->value(QStringLiteral("suggestions")).toArray(),
                  (QJsonArray{QStringLiteral("Docker.txt"), QStringLiteral("Documents/")}));
@@ -314,11 +337,13 @@ private Q_SLOTS:
         f.server.send(input(QStringLiteral("w"), "pwd\n"));
         QVERIFY(waitForOutput(f, QStringLiteral("w"), QStringLiteral("/W/My Folder\r\n")));
         // An unknown session gets nothing.
-        f.server.send(terminal("terminal.complete", QStringLiteral("nope"), {{QStringLiteral("line"), QStringLiteral("ls")}}));
+        f.server.send(
+            terminal("terminal.complete", QStringLiteral("nope"), {{QStringLiteral("line"), QStringLiteral("ls")}}));
         f.server.send(terminal("terminal.resize", QStringLiteral("nope"), {{QStringLiteral("cols"), 1}}));
         f.server.send(input(QStringLiteral("nope"), "x"));
         f.server.send(terminal("terminal.close", QStringLiteral("nope")));
-        f.server.send(terminal("terminal.input", QStringLiteral("w"), {{QStringLiteral("dataBase64"), QStringLiteral("@@@")}}));
+        f.server.send(
+            terminal("terminal.input", QStringLiteral("w"), {{QStringLiteral("dataBase64"), QStringLiteral("@@@")}}));
         QTest::qWait(300);
         QCOMPARE(f.server.messagesOfType(QStringLiteral("terminal.error")).size(), 0);
     }
@@ -330,7 +355,8 @@ private Q_SLOTS:
         open(f, QStringLiteral("m"), QStringLiteral("  "));
         const std::optional<QJsonObject> error = waitForEvent(f, QStringLiteral("terminal.error"), QStringLiteral("m"));
         QVERIFY(error);
-        QCOMPARE(error->value(QStringLiteral("message")).toString(), QStringLiteral("Missing terminal session id or project path."));
+        QCOMPARE(error->value(QStringLiteral("message")).toString(),
+                 QStringLiteral("Missing terminal session id or project path."));
     }
 
     void sessionsSurviveAReconnection()
@@ -346,7 +372,8 @@ private Q_SLOTS:
         f.server.clearMessages();
         f.server.send(terminal("terminal.attach", QStringLiteral("s")));
         QVERIFY(f.server.waitFor([](const QJsonObject& m) {
-            return m.value(QStringLiteral("snapshot")) == QJsonValue(true) && m.value(QStringLiteral("data")).toString().contains(QStringLiteral("before"));
+            return m.value(QStringLiteral("snapshot")) == QJsonValue(true) &&
+                   m.value(QStringLiteral("data")).toString().contains(QStringLiteral("before"));
         }));
     }
 
