@@ -52,6 +52,14 @@ void AgentRuntime::handleTerminalCommand(const AgentCommand& command)
     const std::optional<QString> sessionId = command.stringMember(QStringLiteral("sessionId"));
     if (!known || !sessionId)
         return;
+    // A number no integer can hold is bad input: refused, never clamped.
+    if (const std::optional<QString> problem =
+            command.outOfRangeMember({QStringLiteral("cols"), QStringLiteral("rows"), QStringLiteral("cursor")})) {
+        diag(QStringLiteral("terminal.error sessionId=") + *sessionId + QStringLiteral(" projectPath= message=") +
+             *problem);
+        sendJSON(Messages::terminalError(*sessionId, QString(), *problem));
+        return;
+    }
     const auto text = [&](const char* key) { return command.stringMember(QLatin1String(key)).value_or(QString()); };
     TerminalSessionManager& terminals = terminalSessionManager();
     if (type == QLatin1String("terminal.open")) {
@@ -84,12 +92,15 @@ void AgentRuntime::handleTaskAssign(const AgentCommand& command)
         sendJSON(Messages::taskFailed(task->taskId, QStringLiteral("agent is busy"), QStringLiteral("AGENT_BUSY"), 1));
         return;
     }
-    diag(QStringLiteral("task.assign taskId=") + task->taskId + QStringLiteral(" action=") + task->action +
-         QStringLiteral(" projectPath=") + task->projectPath + QStringLiteral(" system=") +
-         task->system.value_or(QString()) + QStringLiteral(" mode=") + task->mode.value_or(QString()) +
-         QStringLiteral(" approvalMode=") + task->approvalMode.value_or(QString()) + QStringLiteral(" timeoutSec=") +
-         QString::number(task->timeoutSec));
     try {
+        // A number no integer can hold is bad input: refused, never clamped.
+        if (const std::optional<QString> problem = command.outOfRangeMember({QStringLiteral("timeoutSec")}))
+            throw runtimeError(13, *problem);
+        diag(QStringLiteral("task.assign taskId=") + task->taskId + QStringLiteral(" action=") + task->action +
+             QStringLiteral(" projectPath=") + task->projectPath + QStringLiteral(" system=") +
+             task->system.value_or(QString()) + QStringLiteral(" mode=") + task->mode.value_or(QString()) +
+             QStringLiteral(" approvalMode=") + task->approvalMode.value_or(QString()) +
+             QStringLiteral(" timeoutSec=") + QString::number(task->timeoutSec));
         if (task->timeoutSec < 0)
             throw runtimeError(13,
                                QStringLiteral("timeoutSec must not be negative: ") + QString::number(task->timeoutSec));

@@ -142,9 +142,9 @@ ResolvedExecution resolveShellExecution(const AgentProfile& profile, const QStri
 
 QString normalizeApprovalMode(const std::optional<QString>& mode)
 {
-    // "never" (never ask) means no approval step, as the phone's ai_task settings use it.
+    // Only "none" skips the approval step; anything else, "never" included, asks.
     const QString normalized = mode ? mode->trimmed().toLower() : QString();
-    if (normalized == QLatin1String("none") || normalized == QLatin1String("never"))
+    if (normalized == QLatin1String("none"))
         return QStringLiteral("none");
     return QStringLiteral("on_request");
 }
