@@ -1,5 +1,7 @@
 #include "app/command_line.h"
 
+#include "base/open_file_limit.h"
+
 #include "app/agent_only.h"
 #include "app/headless.h"
 #include "app/tray.h"
@@ -120,6 +122,7 @@ QJsonObject profileReport(const AgentProfile& profile, const ConnectionSettings&
 
 int runCommandLine(int argc, char** argv)
 {
+    raiseOpenFileLimit();
     QCoreApplication::setApplicationName(QStringLiteral("BrinmoorMacAgent"));
     QCoreApplication::setApplicationVersion(QStringLiteral(BRINMOOR_VERSION));
     QStringList arguments;

@@ -43,12 +43,12 @@ public:
         if (pick(6) != 0) {
             frame += QStringLiteral(",\"payload\":{");
             static const QStringList keys{
-                QStringLiteral("action"),   QStringLiteral("projectPath"),    QStringLiteral("timeoutSec"),
-                QStringLiteral("system"),   QStringLiteral("mode"),           QStringLiteral("approvalMode"),
-                QStringLiteral("prompt"),   QStringLiteral("conversationId"), QStringLiteral("command"),
-                QStringLiteral("sessionId"), QStringLiteral("cols"),          QStringLiteral("rows"),
-                QStringLiteral("cursor"),   QStringLiteral("line"),           QStringLiteral("dataBase64"),
-                QStringLiteral("signal"),   QStringLiteral("decision"),       QStringLiteral("replace"),
+                QStringLiteral("action"),    QStringLiteral("projectPath"),    QStringLiteral("timeoutSec"),
+                QStringLiteral("system"),    QStringLiteral("mode"),           QStringLiteral("approvalMode"),
+                QStringLiteral("prompt"),    QStringLiteral("conversationId"), QStringLiteral("command"),
+                QStringLiteral("sessionId"), QStringLiteral("cols"),           QStringLiteral("rows"),
+                QStringLiteral("cursor"),    QStringLiteral("line"),           QStringLiteral("dataBase64"),
+                QStringLiteral("signal"),    QStringLiteral("decision"),       QStringLiteral("replace"),
             };
             const int count = pick(8);
             for (int i = 0; i < count; ++i) {
@@ -86,10 +86,18 @@ private:
     QString anyValue(int depth)
     {
         static const QStringList numbers{
-            QStringLiteral("1e300"),  QStringLiteral("-1e300"), QStringLiteral("1e19"),
-            QStringLiteral("9223372036854775808"), QStringLiteral("-9223372036854775809"), QStringLiteral("65536"),
-            QStringLiteral("-1"),     QStringLiteral("0"),      QStringLiteral("80.9"),
-            QStringLiteral("1e-300"), QStringLiteral("4294967296"), QStringLiteral("-0"),
+            QStringLiteral("1e300"),
+            QStringLiteral("-1e300"),
+            QStringLiteral("1e19"),
+            QStringLiteral("9223372036854775808"),
+            QStringLiteral("-9223372036854775809"),
+            QStringLiteral("65536"),
+            QStringLiteral("-1"),
+            QStringLiteral("0"),
+            QStringLiteral("80.9"),
+            QStringLiteral("1e-300"),
+            QStringLiteral("4294967296"),
+            QStringLiteral("-0"),
         };
         switch (pick(depth > 0 ? 8 : 5)) {
         case 0: return numbers.at(pick(numbers.size()));
@@ -102,8 +110,9 @@ private:
             const int levels = 1 + pick(400);
             return QString(levels, QLatin1Char('[')) + anyValue(0) + QString(levels, QLatin1Char(']'));
         }
-        case 6: return QStringLiteral("[") + anyValue(depth - 1) + QStringLiteral(",") + anyValue(depth - 1) +
-                       QStringLiteral("]");
+        case 6:
+            return QStringLiteral("[") + anyValue(depth - 1) + QStringLiteral(",") + anyValue(depth - 1) +
+                   QStringLiteral("]");
         default: return QStringLiteral("{\"a\":") + anyValue(depth - 1) + QStringLiteral("}");
         }
     }
@@ -134,15 +143,18 @@ private Q_SLOTS:
         QVERIFY(f.connect());
         DiagRecorder log;
         f.server.sendText(assignFrame(QStringLiteral("t1"), number));
-        const std::optional<QJsonObject> failed = f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("t1"));
+        const std::optional<QJsonObject> failed =
+            f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("t1"));
         QVERIFY2(failed, qPrintable(f.server.trace()));
         QCOMPARE(*failed, (QJsonObject{{QStringLiteral("type"), QStringLiteral("task.failed")},
                                        {QStringLiteral("taskId"), QStringLiteral("t1")},
-                                       {QStringLiteral("error"), QString(QStringLiteral("timeoutSec is out of range: ") + printed)},
+                                       {QStringLiteral("error"),
+                                        QString(QStringLiteral("timeoutSec is out of range: ") + printed)},
                                        {QStringLiteral("errorCode"), QStringLiteral("AGENT_CONFIG_INVALID")},
                                        {QStringLiteral("exitCode"), 1}}));
-        QCOMPARE(log.texts(), QStringList{QStringLiteral("task.assign failed taskId=t1 error=timeoutSec is out of range: ") +
-                                          printed});
+        QCOMPARE(
+            log.texts(),
+            QStringList{QStringLiteral("task.assign failed taskId=t1 error=timeoutSec is out of range: ") + printed});
         QVERIFY(!f.runtime->currentTaskId());
         // The agent goes on: the next task runs.
         f.shell(QStringLiteral("t2"), QStringLiteral("echo alive"));
@@ -153,9 +165,11 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("frame");
         QTest::addColumn<QString>("message");
-        QTest::newRow("cols") << QStringLiteral(R"({"type":"terminal.resize","payload":{"sessionId":"s","cols":1e300,"rows":24}})")
+        QTest::newRow("cols") << QStringLiteral(
+                                     R"({"type":"terminal.resize","payload":{"sessionId":"s","cols":1e300,"rows":24}})")
                               << QStringLiteral("cols is out of range: 1e+300");
-        QTest::newRow("rows") << QStringLiteral(R"({"type":"terminal.resize","payload":{"sessionId":"s","cols":80,"rows":-1e19}})")
+        QTest::newRow("rows") << QStringLiteral(
+                                     R"({"type":"terminal.resize","payload":{"sessionId":"s","cols":80,"rows":-1e19}})")
                               << QStringLiteral("rows is out of range: -1e+19");
         QTest::newRow("cursor")
             << QStringLiteral(R"({"type":"terminal.complete","payload":{"sessionId":"s","line":"ls","cursor":1e300}})")
@@ -176,7 +190,37 @@ private Q_SLOTS:
                                       {QStringLiteral("projectPath"), QString()},
                                       {QStringLiteral("error"), message},
                                       {QStringLiteral("message"), message}}));
-        QCOMPARE(log.texts(), QStringList{QStringLiteral("terminal.error sessionId=s projectPath= message=") + message});
+        QCOMPARE(log.texts(),
+                 QStringList{QStringLiteral("terminal.error sessionId=s projectPath= message=") + message});
+    }
+
+    void hugeValuesAreCutAndLineBreaksEscapedInTheLog()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        DiagRecorder log;
+        const QString command = QStringLiteral("true #") + QString(15 * 1024 * 1024, QLatin1Char('x'));
+        f.assign(QStringLiteral("t\r\nforged"), QJsonObject{{QStringLiteral("action"), QStringLiteral("shell")},
+                                                            {QStringLiteral("command"), command},
+                                                            {QStringLiteral("projectPath"), f.repo.path()}});
+        // No shell takes one argument of 15 MiB; what matters here is the log.
+        const std::optional<QJsonObject> failed =
+            f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("t\r\nforged"));
+        QVERIFY2(failed, qPrintable(f.server.trace().right(500)));
+        QCOMPARE(failed->value(QStringLiteral("error")).toString(),
+                 QStringLiteral("failed to launch process: execvp: Argument list too long"));
+        const QString cut =
+            QStringLiteral("true #") + QString(1018, QLatin1Char('x')) + QStringLiteral("\u2026 (15727622 more bytes)");
+        const QStringList texts = log.texts();
+        QCOMPARE(texts.at(0), QStringLiteral("task.assign taskId=t\\r\\nforged action=shell projectPath=") +
+                                  f.repo.path() + QStringLiteral(" system= mode= approvalMode= timeoutSec=1200"));
+        QCOMPARE(texts.at(1),
+                 QStringLiteral("resolveShellExecution projectPath=%1 workingDir=%1 command=").arg(f.repo.path()) +
+                     cut);
+        QCOMPARE(texts.at(2),
+                 QStringLiteral("task.assign resolved shell workingDir=%1 command=").arg(f.repo.path()) + cut);
+        for (const QString& text : texts)
+            QVERIFY2(text.size() < 2200, qPrintable(text.left(200)));
     }
 
     void thousandsOfBadFramesLeaveTheAgentAliveAndAnswering()

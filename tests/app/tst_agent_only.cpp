@@ -10,6 +10,7 @@
 #include <QTest>
 
 #include <csignal>
+#include <sys/resource.h>
 
 using namespace brinmoor;
 using namespace brinmoor::test;
@@ -24,12 +25,46 @@ QJsonObject shellTask(const QString& taskId, const QString& command)
              QJsonObject{{QStringLiteral("action"), QStringLiteral("shell")}, {QStringLiteral("command"), command}}}};
 }
 
+// The soft and hard "Max open files" of a running process.
+std::pair<QString, QString> openFileLimits(qint64 pid)
+{
+    const QStringList lines =
+        QString::fromUtf8(readFile(QStringLiteral("/proc/%1/limits").arg(pid))).split(QLatin1Char('\n'));
+    for (const QString& line : lines) {
+        if (line.startsWith(QLatin1String("Max open files"))) {
+            const QStringList fields = line.mid(26).split(QLatin1Char(' '), Qt::SkipEmptyParts);
+            return {fields.value(0), fields.value(1)};
+        }
+    }
+    return {};
+}
+
 } // namespace
 
 class TstAgentOnly : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
+    void raisesItsOpenFileLimitToTheHardLimit()
+    {
+        LoopbackServer server;
+        QVERIFY(server.listen());
+        AgentProcess agent;
+        // Started with only 64 descriptors allowed, as a stingy system would.
+        agent.process.setChildProcessModifier([] {
+            rlimit limit{};
+            ::getrlimit(RLIMIT_NOFILE, &limit);
+            limit.rlim_cur = 64;
+            ::setrlimit(RLIMIT_NOFILE, &limit);
+        });
+        agent.start(server.serverURL());
+        QVERIFY(server.waitForType(QStringLiteral("agent.register")));
+        const auto [soft, hard] = openFileLimits(agent.process.processId());
+        QVERIFY(!hard.isEmpty());
+        QCOMPARE(soft, hard);
+        QVERIFY(hard != QLatin1String("64"));
+    }
+
     void echoHelloAsAShellTask()
     {
         LoopbackServer server;
