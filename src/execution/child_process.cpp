@@ -1,6 +1,7 @@
 #include "execution/child_process.h"
 
 #include "base/outgoing_flow.h"
+#include "base/process_reaper.h"
 #include "execution/execution_resolution.h"
 
 #include <QCoreApplication>
@@ -76,6 +77,7 @@ ChildProcess::~ChildProcess()
         if (m_process->state() != QProcess::NotRunning) {
             // Never block the loop: kill the group and let the process object reap it.
             signalGroup(m_pid, SIGKILL);
+            ProcessReaper::forgetGroup(m_pid);
             QProcess* process = m_process;
             process->setParent(nullptr);
             QObject::connect(process, &QProcess::finished, process, &QObject::deleteLater);
@@ -131,6 +133,7 @@ bool ChildProcess::start(const Launch& launch, QString* error)
     }
     m_pid = m_process->processId();
     m_running = true;
+    ProcessReaper::watchGroup(m_pid);
 
     const auto watch = [this](Pipe& pipe, int fd, bool isError) {
         pipe.fd = fd;
@@ -238,6 +241,11 @@ void ChildProcess::onFinished(int exitCode, int exitStatus)
         }
         closePipe(*pipe);
     }
+    // What the child left running in its group (`sleep 100 &`) ends with it.
+    if (signalGroup(m_pid, 0))
+        terminateTree(kGroupGraceMilliseconds);
+    else
+        ProcessReaper::forgetGroup(m_pid);
     Q_EMIT exited(exitCode);
 }
 
@@ -248,9 +256,12 @@ void ChildProcess::terminateTree(int graceMilliseconds)
         return;
     signalGroup(group, SIGTERM);
     // The check outlives this object: what ignores SIGTERM is killed even when the
-    // task has been cleaned up in the meantime.
-    QTimer::singleShot(graceMilliseconds, Qt::PreciseTimer, QCoreApplication::instance(),
-                       [group] { signalGroup(group, SIGKILL); });
+    // task has been cleaned up in the meantime. Until then the reaper knows the group,
+    // should the agent itself go first.
+    QTimer::singleShot(graceMilliseconds, Qt::PreciseTimer, QCoreApplication::instance(), [group] {
+        signalGroup(group, SIGKILL);
+        ProcessReaper::forgetGroup(group);
+    });
 }
 
 bool ChildProcess::signalGroup(qint64 processGroup, int signal)

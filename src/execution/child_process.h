@@ -22,6 +22,9 @@ class ChildProcess : public QObject {
     Q_OBJECT
 
 public:
+    // How long what a finished child left running in its group gets after SIGTERM.
+    static constexpr int kGroupGraceMilliseconds = 5000;
+
     enum class Channels { Separate, Merged };
 
     struct Launch {
@@ -47,7 +50,8 @@ public:
     bool isRunning() const;
 
     // SIGTERM to the child's whole process group, then SIGKILL to what is left of it
-    // after the grace time.
+    // after the grace time. When the child exits by itself, the rest of its group is
+    // ended the same way.
     void terminateTree(int graceMilliseconds);
 
     // Signals every member of a process group; true when the group still existed.
