@@ -46,6 +46,15 @@ void closeFd(int& fd)
 
 } // namespace
 
+QProcessEnvironment ChildProcess::childEnvironment()
+{
+    // The relay token is the agent's alone: no task, assistant or tool it starts sees it.
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    for (const char* name : kSecretVariables)
+        env.remove(QLatin1String(name));
+    return env;
+}
+
 ChildProcess::CommandLine ChildProcess::commandLine(const QString& shell, bool requiresTTY)
 {
     if (!requiresTTY)
@@ -105,6 +114,7 @@ bool ChildProcess::start(const Launch& launch, QString* error)
     m_process->setProgram(command.program);
     m_process->setArguments(command.arguments);
     m_process->setWorkingDirectory(launch.workingDir);
+    m_process->setProcessEnvironment(childEnvironment());
     m_process->setStandardInputFile(QProcess::nullDevice());
     // Our own pipes replace QProcess's, so reading can pause without QProcess
     // buffering behind our back.

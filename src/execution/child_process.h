@@ -4,6 +4,7 @@
 
 #include <QObject>
 #include <QPointer>
+#include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
 
@@ -40,6 +41,11 @@ public:
         QStringList arguments;
     };
     static CommandLine commandLine(const QString& shell, bool requiresTTY);
+
+    // Variables that carry the relay token; children never inherit them.
+    static constexpr const char* kSecretVariables[] = {"BRINMOOR_SHARED_TOKEN", "BRINMOOR_TOKEN"};
+    // The agent's environment without them.
+    static QProcessEnvironment childEnvironment();
 
     explicit ChildProcess(OutgoingFlow* flow, QObject* parent = nullptr);
     ~ChildProcess() override;
