@@ -22,9 +22,12 @@ QString joinPath(const QString& base, const QString& component)
     QString right = component;
     while (right.startsWith(QLatin1Char('/')))
         right.remove(0, 1);
+    // As a file URL joins them: the result names the folder without a trailing "/".
+    while (right.endsWith(QLatin1Char('/')))
+        right.chop(1);
     if (left == QLatin1String("/"))
         return left + right;
-    return left + QLatin1Char('/') + right;
+    return right.isEmpty() ? left : left + QLatin1Char('/') + right;
 }
 
 // A template that runs a script inside the repository gets the full project path

@@ -11,6 +11,8 @@
 #include <QDir>
 #include <QTimer>
 
+#include <csignal>
+
 #include <limits>
 
 namespace brinmoor {
@@ -216,9 +218,12 @@ void ProcessRunner::onExited(int status)
 {
     ChildProcess* child = qobject_cast<ChildProcess*>(sender());
     if (!m_output || child != m_child) {
-        // A child of a task that is already cleaned up: nothing to report.
-        if (child)
+        // The child of a task already cleaned up: its end is logged, never reported.
+        if (child) {
+            diag(QStringLiteral("runTask process terminated taskId=") + logValue(m_letGo.take(child)) +
+                 QStringLiteral(" exitCode=") + QString::number(status));
             child->deleteLater();
+        }
         return;
     }
     const RunRequest request = m_output->request;
@@ -320,9 +325,16 @@ void ProcessRunner::cleanupFinishedTask()
         m_timeLimit = nullptr;
     }
     if (m_child) {
-        m_child->disconnect(this);
-        m_child->deleteLater();
+        ChildProcess* child = m_child;
         m_child = nullptr;
+        if (child->isRunning() && m_output) {
+            // Let go, but not forgotten: the group is killed and its end logged when it comes.
+            m_letGo.insert(child, m_output->request.taskId);
+            ChildProcess::signalGroup(child->pid(), SIGKILL);
+        } else {
+            child->disconnect(this);
+            child->deleteLater();
+        }
     }
     m_output.reset();
     m_currentTaskId.reset();

@@ -64,6 +64,17 @@ private Q_SLOTS:
         QCOMPARE(resolveWorkspacePath(m_repo.path(), QStringLiteral("app")), m_repo.path() + QStringLiteral("/app"));
     }
 
+    void trailingSlashNamesTheSameFolder()
+    {
+        QDir().mkpath(m_repo.path() + QStringLiteral("/app"));
+        QCOMPARE(resolveWorkspacePath(m_repo.path(), QStringLiteral("app/")), m_repo.path() + QStringLiteral("/app"));
+        QCOMPARE(resolveWorkspacePath(m_repo.path() + QLatin1Char('/'), QStringLiteral("app//")),
+                 m_repo.path() + QStringLiteral("/app"));
+        const ResolvedExecution shell =
+            resolveShellExecution(profileAt(m_repo.path()), QStringLiteral("pwd"), QStringLiteral("app/"));
+        QCOMPARE(shell.workingDir, m_repo.path() + QStringLiteral("/app"));
+    }
+
     void existingAbsolutePathIsUsedAsIs()
     {
         QTemporaryDir elsewhere;

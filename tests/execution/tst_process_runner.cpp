@@ -396,9 +396,11 @@ private Q_SLOTS:
         runner.runTask(request);
         QVERIFY(waitUntil([] { return childProcesses().size() == 1; }));
         // The task is let go while its child runs: the child is killed, and its end,
-        // reaped and handled in one turn of the loop, is not reported.
+        // reaped and handled in one turn of the loop, is logged but not reported.
+        DiagRecorder log;
         runner.cleanupFinishedTask();
         QVERIFY(waitUntil([] { return childProcesses().isEmpty(); }));
+        QCOMPARE(log.texts(), QStringList{QStringLiteral("runTask process terminated taskId=x exitCode=9")});
         QCOMPARE(host.sent.size(), 0);
         QCOMPARE(host.statuses, QStringList{QStringLiteral("Ready: test-agent")});
     }
