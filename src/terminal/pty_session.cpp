@@ -1,6 +1,7 @@
 #include "terminal/pty_session.h"
 
 #include "base/outgoing_flow.h"
+#include "base/process_reaper.h"
 
 #include <QFile>
 #include <QProcess>
@@ -56,6 +57,7 @@ PtySession::~PtySession()
         // Never block the loop: kill the shell and let the process object reap it.
         m_process->disconnect(this);
         ::kill(pid_t(m_pid), SIGKILL);
+        ProcessReaper::forgetGroup(m_pid);
         m_process->setParent(nullptr);
         QObject::connect(m_process, &QProcess::finished, m_process, &QObject::deleteLater);
     }
@@ -110,6 +112,7 @@ bool PtySession::start(const Launch& launch, QString* error)
         if (failure != QProcess::FailedToStart)
             return;
         stopReading();
+        ProcessReaper::forgetGroup(m_pid);
         const QString description = m_process->errorString();
         Q_EMIT failedToStart(description);
         if (m_released)
@@ -131,6 +134,9 @@ bool PtySession::start(const Launch& launch, QString* error)
     m_process->start();
     m_pid = m_process->processId();
     ::close(slave);
+    // The shell leads a session and a process group of its own; should the agent go
+    // first, the reaper ends that group.
+    ProcessReaper::watchGroup(m_pid);
     return true;
 }
 
@@ -314,6 +320,7 @@ void PtySession::onFinished(int exitCode, bool crashed)
     }
     stopReading();
     closeMaster();
+    ProcessReaper::forgetGroup(m_pid);
     // A crashed child's exit code is the number of the signal that ended it.
     Q_EMIT exited(crashed ? 128 + exitCode : exitCode);
     if (m_released)

@@ -1,14 +1,15 @@
 #include "terminal/terminal_session_manager.h"
 
 #include "base/agent_error.h"
+#include "base/diag.h"
 #include "base/outgoing_flow.h"
+#include "execution/child_process.h"
 #include "execution/execution_resolution.h"
 #include "protocol/messages.h"
 #include "terminal/path_completion.h"
 #include "terminal/pty_session.h"
 
 #include <QDir>
-#include <QProcess>
 
 #include <csignal>
 
@@ -117,7 +118,7 @@ void TerminalSessionManager::start(PtySession* session, bool interactive, const 
 
     const PtySession::Launch launch{
         interactive ? PtySession::Mode::Interactive : PtySession::Mode::Line,
-        terminalEnvironment(QProcess::systemEnvironment(), profile.repoRoot, session->projectPath())};
+        terminalEnvironment(ChildProcess::childEnvironment().toStringList(), profile.repoRoot, session->projectPath())};
     QString error;
     if (!session->start(launch, &error)) {
         clear(session);
@@ -132,14 +133,14 @@ void TerminalSessionManager::announce(PtySession* session, qint64 pid)
 {
     const QString& sessionId = session->sessionId();
     const QString& projectPath = session->projectPath();
+    m_diag((session->isInteractive() ? QStringLiteral("terminal.open.interactive sessionId=")
+                                     : QStringLiteral("terminal.open sessionId=")) +
+           logValue(sessionId) + QStringLiteral(" projectPath=") + logValue(projectPath) + QStringLiteral(" pid=") +
+           QString::number(pid));
     if (session->isInteractive()) {
-        m_diag(QStringLiteral("terminal.open.interactive sessionId=") + sessionId + QStringLiteral(" projectPath=") +
-               projectPath + QStringLiteral(" pid=") + QString::number(pid));
         m_sendEvent(Messages::terminalOpened(sessionId, projectPath, true));
         return;
     }
-    m_diag(QStringLiteral("terminal.open sessionId=") + sessionId + QStringLiteral(" projectPath=") + projectPath +
-           QStringLiteral(" pid=") + QString::number(pid));
     m_sendEvent(Messages::terminalOpened(sessionId, projectPath, false));
     // The greeting is not part of what a later attach replays.
     m_sendEvent(Messages::terminalOutput(sessionId, projectPath,
@@ -311,8 +312,8 @@ void TerminalSessionManager::sendOutput(const PtySession& session, const QString
 
 void TerminalSessionManager::sendError(const QString& sessionId, const QString& projectPath, const QString& message)
 {
-    m_diag(QStringLiteral("terminal.error sessionId=") + sessionId + QStringLiteral(" projectPath=") + projectPath +
-           QStringLiteral(" message=") + message);
+    m_diag(QStringLiteral("terminal.error sessionId=") + logValue(sessionId) + QStringLiteral(" projectPath=") +
+           logValue(projectPath) + QStringLiteral(" message=") + logValue(message));
     m_sendEvent(Messages::terminalError(sessionId, projectPath, message));
 }
 

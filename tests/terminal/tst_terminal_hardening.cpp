@@ -2,14 +2,17 @@
 // there, folders that are not there, input the shell does not read, shells that will
 // not end, and many sessions opened and ended; nothing may block the agent or stay
 // behind.
+#include "support/process_fixtures.h"
 #include "support/terminal_fixture.h"
 #include "support/test_support.h"
 
 #include <QDir>
+#include <QRegularExpression>
 #include <QTest>
 #include <QTimer>
 
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -41,12 +44,32 @@ struct Gate {
     }
 };
 
+// The shell's process id from the "terminal.open" line of an agent program's log.
+qint64 shellPid(AgentProcess& agent, const QString& sessionId)
+{
+    const QRegularExpression line(QStringLiteral("^terminal\\.open(?:\\.interactive)? sessionId=") + sessionId +
+                                  QStringLiteral(" .* pid=(\\d+)$"));
+    for (const QString& text : agent.logTexts()) {
+        const QRegularExpressionMatch match = line.match(text);
+        if (match.hasMatch())
+            return match.captured(1).toLongLong();
+    }
+    return 0;
+}
+
 } // namespace
 
 class TstTerminalHardening : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
+    // The shells of an earlier test are killed when its agent goes and reaped as the
+    // loop runs on: each test starts without them.
+    void init()
+    {
+        QVERIFY(waitUntil([] { return childProcesses().isEmpty(); }));
+    }
+
     void commandsForAMissingOrClosedSessionAreAnswered()
     {
         TerminalFixture f;
@@ -249,7 +272,6 @@ private Q_SLOTS:
         TerminalFixture f;
         QVERIFY(f.connect());
         const int descriptors = openDescriptorCount();
-        QVERIFY(childProcesses().isEmpty());
         const QJsonObject replace{{QStringLiteral("replace"), true}};
         for (int round = 0; round < 4; ++round) {
             f.open(QStringLiteral("line"), QStringLiteral("A"), QString(), replace);
@@ -269,6 +291,51 @@ private Q_SLOTS:
         QVERIFY(f.barrier());
         QCOMPARE(f.events(QStringLiteral("terminal.error"), QStringLiteral("login")).size(), 0);
         QVERIFY(waitUntil([&] { return openDescriptorCount() == descriptors; }));
+    }
+
+    void shellsGoWithTheAgentAndNeverSeeItsToken()
+    {
+        LoopbackServer server;
+        QVERIFY(server.listen());
+        AgentProcess agent;
+        QDir().mkpath(agent.repo.path() + QStringLiteral("/A"));
+        QDir().mkpath(agent.repo.path() + QStringLiteral("/B"));
+        const Gate gate(agent.repo.path());
+        agent.start(server.serverURL());
+        QVERIFY(server.waitForType(QStringLiteral("agent.register")));
+        const QStringList sessions{QStringLiteral("line"), QStringLiteral("login")};
+        server.send(TerminalFixture::command("terminal.open", sessions[0], {{QStringLiteral("projectPath"), "A"}}));
+        server.send(
+            TerminalFixture::command("terminal.open", sessions[1],
+                                     {{QStringLiteral("projectPath"), "B"}, {QStringLiteral("mode"), "interactive"}}));
+        // Shells deaf to the hang-up and to SIGTERM, waiting where no terminal reaches them.
+        for (const QString& session : sessions) {
+            QVERIFY(server.waitFor([&](const QJsonObject& m) {
+                return m.value(QStringLiteral("type")) == QStringLiteral("terminal.opened") &&
+                       m.value(QStringLiteral("sessionId")) == session;
+            }));
+            server.send(TerminalFixture::input(session, "trap '' HUP TERM; echo held-$((3*3)); read -r x < " +
+                                                            gate.path.toUtf8() + "\n"));
+            QVERIFY(server.waitFor([&](const QJsonObject& m) {
+                return m.value(QStringLiteral("sessionId")) == session &&
+                       m.value(QStringLiteral("data")).toString().contains(QStringLiteral("held-9\r\n"));
+            }));
+        }
+        QList<qint64> shells;
+        for (const QString& session : sessions) {
+            const qint64 pid = shellPid(agent, session);
+            QVERIFY(processAlive(pid));
+            shells.append(pid);
+            const QList<QByteArray> environment =
+                test::readFile(QStringLiteral("/proc/%1/environ").arg(pid)).split('\0');
+            QVERIFY(environment.contains("BRINMOOR_REPO_ROOT=" + agent.repo.path().toUtf8()));
+            for (const QByteArray& entry : environment)
+                QVERIFY2(!entry.startsWith("BRINMOOR_SHARED_TOKEN=") && !entry.startsWith("BRINMOOR_TOKEN="),
+                         entry.constData());
+        }
+        ::kill(pid_t(agent.process.processId()), SIGKILL);
+        QVERIFY(agent.process.waitForFinished(10000));
+        QVERIFY(waitUntil([&] { return std::none_of(shells.begin(), shells.end(), processAlive); }, 10000));
     }
 
     void aCharacterCutBetweenReadsArrivesWhole()

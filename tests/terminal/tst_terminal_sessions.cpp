@@ -27,6 +27,13 @@ class TstTerminalSessions : public QObject {
 private Q_SLOTS:
     void initTestCase() { m_descriptorsAtStart = openDescriptorCount(); }
 
+    // The shells of an earlier test are killed when its agent goes and reaped as the
+    // loop runs on: each test starts without them.
+    void init()
+    {
+        QVERIFY(waitUntil([] { return childProcesses().isEmpty(); }));
+    }
+
     void lineModeRunsCommandsWithoutEcho()
     {
         TerminalFixture f;
