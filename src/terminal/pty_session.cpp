@@ -66,21 +66,41 @@ PtySession::~PtySession()
 bool PtySession::start(const Launch& launch, QString* error)
 {
     m_mode = launch.mode;
-    int master = -1;
     int slave = -1;
+    if (!openTerminal(&slave, error))
+        return false;
+    createShell(launch, slave);
+    watchMaster();
+    // The child is forked within start(); the parent's copy of its side goes at once.
+    m_process->start();
+    m_pid = m_process->processId();
+    ::close(slave);
+    // The shell leads a session and a process group of its own; should the agent go
+    // first, the reaper ends that group.
+    ProcessReaper::watchGroup(m_pid);
+    return true;
+}
+
+bool PtySession::openTerminal(int* slave, QString* error)
+{
     winsize window{};
     window.ws_row = 24;
     window.ws_col = 80;
-    if (::openpty(&master, &slave, nullptr, nullptr, &window) != 0) {
+    if (::openpty(&m_master, slave, nullptr, nullptr, &window) != 0) {
         *error = errnoText(errno);
+        m_master = -1;
         return false;
     }
-    setCloseOnExec(master);
-    setCloseOnExec(slave);
-    m_master = master;
+    setCloseOnExec(m_master);
+    setCloseOnExec(*slave);
+    ::fcntl(m_master, F_SETFL, ::fcntl(m_master, F_GETFL) | O_NONBLOCK);
     if (m_mode == Mode::Line)
-        disableEcho(slave);
+        disableEcho(*slave);
+    return true;
+}
 
+void PtySession::createShell(const Launch& launch, int slave)
+{
     m_process = new QProcess(this);
     m_process->setProgram(QStringLiteral("/bin/zsh"));
     if (m_mode == Mode::Line) {
@@ -113,31 +133,23 @@ bool PtySession::start(const Launch& launch, QString* error)
             return;
         stopReading();
         ProcessReaper::forgetGroup(m_pid);
-        const QString description = m_process->errorString();
-        Q_EMIT failedToStart(description);
+        Q_EMIT failedToStart(m_process->errorString());
         if (m_released)
             deleteLater();
     });
     connect(m_process, &QProcess::finished, this,
             [this](int exitCode, QProcess::ExitStatus status) { onFinished(exitCode, status == QProcess::CrashExit); });
+}
 
+void PtySession::watchMaster()
+{
     m_reader = new QSocketNotifier(m_master, QSocketNotifier::Read, this);
     connect(m_reader, &QSocketNotifier::activated, this, &PtySession::onReadable);
-    ::fcntl(m_master, F_SETFL, ::fcntl(m_master, F_GETFL) | O_NONBLOCK);
     if (m_flow) {
         connect(m_flow, &OutgoingFlow::resumed, this, &PtySession::resume);
         if (m_flow->isBlocked())
             pause();
     }
-
-    // The child is forked within start(); the parent's copy of its side goes at once.
-    m_process->start();
-    m_pid = m_process->processId();
-    ::close(slave);
-    // The shell leads a session and a process group of its own; should the agent go
-    // first, the reaper ends that group.
-    ProcessReaper::watchGroup(m_pid);
-    return true;
 }
 
 bool PtySession::isRunning() const
@@ -159,14 +171,24 @@ void PtySession::disableEcho(int fd)
 
 bool PtySession::write(const QByteArray& data, QString* error)
 {
+    // A program run in line mode may have switched echo on again.
+    if (m_mode == Mode::Line && m_master >= 0)
+        disableEcho(m_master);
+    return enqueue(data, error);
+}
+
+bool PtySession::interrupt(QString* error)
+{
+    return enqueue(QByteArray(1, '\x03'), error);
+}
+
+bool PtySession::enqueue(const QByteArray& data, QString* error)
+{
     if (m_master < 0) {
         *error = errnoText(EBADF);
         return false;
     }
-    // A program run in line mode may have switched echo on again.
-    if (m_mode == Mode::Line)
-        disableEcho(m_master);
-    if (m_pendingInput.size() - m_pendingOffset + data.size() > kMaxPendingInput) {
+    if (m_pendingInput.size() + data.size() > kMaxPendingInput) {
         *error = errnoText(ENOBUFS);
         return false;
     }
@@ -174,30 +196,21 @@ bool PtySession::write(const QByteArray& data, QString* error)
     return flushInput(error);
 }
 
-bool PtySession::interrupt(QString* error)
-{
-    if (m_master < 0) {
-        *error = errnoText(EBADF);
-        return false;
-    }
-    m_pendingInput = QByteArray(1, '\x03');
-    m_pendingOffset = 0;
-    return flushInput(error);
-}
-
 bool PtySession::flushInput(QString* error)
 {
-    while (m_pendingOffset < m_pendingInput.size()) {
-        const ssize_t n = ::write(m_master, m_pendingInput.constData() + m_pendingOffset,
-                                  size_t(m_pendingInput.size() - m_pendingOffset));
+    qsizetype written = 0;
+    while (written < m_pendingInput.size()) {
+        const ssize_t n =
+            ::write(m_master, m_pendingInput.constData() + written, size_t(m_pendingInput.size() - written));
         if (n >= 0) {
-            m_pendingOffset += n;
+            written += n;
             continue;
         }
         if (errno == EINTR)
             continue;
         if (errno == EAGAIN || errno == EWOULDBLOCK) {
             // The terminal's input queue is full: the rest goes when it has room.
+            m_pendingInput.remove(0, written);
             if (!m_writer) {
                 m_writer = new QSocketNotifier(m_master, QSocketNotifier::Write, this);
                 connect(m_writer, &QSocketNotifier::activated, this, [this] {
@@ -212,9 +225,8 @@ bool PtySession::flushInput(QString* error)
         *error = errnoText(errno);
         break;
     }
-    const bool complete = m_pendingOffset >= m_pendingInput.size();
+    const bool complete = written >= m_pendingInput.size();
     m_pendingInput.clear();
-    m_pendingOffset = 0;
     if (m_writer)
         m_writer->setEnabled(false);
     return complete;
@@ -344,7 +356,6 @@ void PtySession::closeMaster()
         m_writer = nullptr;
     }
     m_pendingInput.clear();
-    m_pendingOffset = 0;
     if (m_master >= 0) {
         ::close(m_master);
         m_master = -1;

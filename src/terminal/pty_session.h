@@ -65,8 +65,8 @@ public:
     // Queues the input and writes what the terminal takes now; the rest goes out as
     // the terminal drains. False, with the reason, when it cannot be taken.
     bool write(const QByteArray& data, QString* error);
-    // Ctrl-C through the terminal, whose line discipline interrupts the foreground
-    // job. Queued input is dropped first, as the line discipline drops its own.
+    // Ctrl-C through the terminal (after any input still waiting), whose line
+    // discipline interrupts the foreground job.
     bool interrupt(QString* error);
     // Sets the window size; false with the reason when the terminal refuses it.
     bool resize(quint16 cols, quint16 rows, QString* error);
@@ -98,7 +98,12 @@ Q_SIGNALS:
     void exited(int exitCode);
 
 private:
+    // The terminal, 80 by 24; false with the reason when none could be allocated.
+    bool openTerminal(int* slave, QString* error);
+    void createShell(const Launch& launch, int slave);
+    void watchMaster();
     void disableEcho(int fd);
+    bool enqueue(const QByteArray& data, QString* error);
     bool flushInput(QString* error);
     void onReadable();
     // Reads and delivers what the terminal holds now, up to about `limit` bytes;
@@ -122,8 +127,8 @@ private:
     int m_master = -1;
     QSocketNotifier* m_reader = nullptr;
     QSocketNotifier* m_writer = nullptr;
+    // Input the terminal has not taken yet.
     QByteArray m_pendingInput;
-    qsizetype m_pendingOffset = 0;
     Utf8StreamDecoder m_decoder;
     QStringList m_buffer;
     bool m_paused = false;

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -178,6 +179,36 @@ private Q_SLOTS:
         f.type(QStringLiteral("g"), "echo \"at:$PWD:\"\n");
         QVERIFY(
             f.waitForOutput(QStringLiteral("g"), QStringLiteral("at:") + QDir::currentPath() + QStringLiteral(":")));
+    }
+
+    void aTerminalThatCannotBeAllocatedIsReported()
+    {
+        TerminalFixture f;
+        QVERIFY(f.connect());
+        QDir().mkpath(f.repo.path() + QStringLiteral("/P"));
+        QDir().mkpath(f.repo.path() + QStringLiteral("/I"));
+        // No descriptor left: the lowest free one is at the limit.
+        rlimit saved{};
+        QCOMPARE(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+        const int lowestFree = ::dup(0);
+        ::close(lowestFree);
+        rlimit tight = saved;
+        tight.rlim_cur = rlim_t(lowestFree);
+        QCOMPARE(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+        f.open(QStringLiteral("p"), QStringLiteral("P"));
+        f.open(QStringLiteral("i"), QStringLiteral("I"), QStringLiteral("interactive"));
+        const std::optional<QJsonObject> line = f.waitForEvent(QStringLiteral("terminal.error"), QStringLiteral("p"));
+        const std::optional<QJsonObject> login = f.waitForEvent(QStringLiteral("terminal.error"), QStringLiteral("i"));
+        QCOMPARE(::setrlimit(RLIMIT_NOFILE, &saved), 0);
+        QVERIFY(line);
+        QVERIFY(login);
+        QCOMPARE(line->value(QStringLiteral("message")).toString(),
+                 QStringLiteral("Failed to allocate PTY: Too many open files"));
+        QCOMPARE(login->value(QStringLiteral("message")).toString(),
+                 QStringLiteral("Failed to allocate interactive PTY: Too many open files"));
+        // Nothing of them is left: the project opens now.
+        f.open(QStringLiteral("p"), QStringLiteral("P"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("p")));
     }
 
     void resizeBeyondSixteenBitsIsRefusedAndTheAgentGoesOn()
