@@ -70,7 +70,6 @@ bool PtySession::start(const Launch& launch, QString* error)
     if (!openTerminal(&slave, error))
         return false;
     createShell(launch, slave);
-    watchMaster();
     // The child is forked within start(); the parent's copy of its side goes at once.
     m_process->start();
     m_pid = m_process->processId();
@@ -127,11 +126,16 @@ void PtySession::createShell(const Launch& launch, int slave)
             [[maybe_unused]] const int changed = ::chdir(loginFolder.constData());
         }
     });
-    connect(m_process, &QProcess::started, this, [this] { Q_EMIT started(m_process->processId()); });
+    // Reading starts with the shell, so that its "started" comes before any output; a
+    // session closed in the meantime is not read at all.
+    connect(m_process, &QProcess::started, this, [this] {
+        if (!m_closed)
+            watchMaster();
+        Q_EMIT started(m_process->processId());
+    });
     connect(m_process, &QProcess::errorOccurred, this, [this](QProcess::ProcessError failure) {
         if (failure != QProcess::FailedToStart)
             return;
-        stopReading();
         ProcessReaper::forgetGroup(m_pid);
         Q_EMIT failedToStart(m_process->errorString());
         if (m_released)

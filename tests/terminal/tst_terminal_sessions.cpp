@@ -74,6 +74,12 @@ private Q_SLOTS:
         // The typed line comes back (echo), then its result.
         QVERIFY(f.waitForOutput(QStringLiteral("i1"), QStringLiteral("echo mark-$((6*7))")));
         QVERIFY(f.waitForOutput(QStringLiteral("i1"), QStringLiteral("mark-42")));
+        // The shell's first output (its prompt) comes after "terminal.opened".
+        const QList<QJsonObject> events = f.server.messages();
+        const auto first = std::find_if(events.begin(), events.end(), [](const QJsonObject& m) {
+            return m.value(QStringLiteral("sessionId")) == QStringLiteral("i1");
+        });
+        QCOMPARE(first->value(QStringLiteral("type")).toString(), QStringLiteral("terminal.opened"));
         f.type(QStringLiteral("i1"), "echo \"at:$PWD\"\n");
         QVERIFY(
             f.waitForOutput(QStringLiteral("i1"), QStringLiteral("at:") + f.repo.path() + QStringLiteral("/Shell")));
