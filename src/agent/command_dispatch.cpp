@@ -70,8 +70,7 @@ void AgentRuntime::handleTerminalCommand(const AgentCommand& command)
     } else if (type == QLatin1String("terminal.input")) {
         terminals.sendInput(*sessionId, text("dataBase64"));
     } else if (type == QLatin1String("terminal.complete")) {
-        const QString line = text("line");
-        terminals.complete(*sessionId, line, command.intMember(QStringLiteral("cursor")).value_or(line.size()));
+        terminals.complete(*sessionId, text("line"), command.intMember(QStringLiteral("cursor")));
     } else if (type == QLatin1String("terminal.resize")) {
         // A missing size means the usual 80 by 24.
         terminals.resize(*sessionId, command.intMember(QStringLiteral("cols")).value_or(80),

@@ -178,10 +178,10 @@ int openDescriptorCount()
         QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size());
 }
 
-QList<qint64> childProcesses()
+QList<qint64> childProcesses(qint64 parent)
 {
     QList<qint64> children;
-    const qint64 self = QCoreApplication::applicationPid();
+    const qint64 self = parent > 0 ? parent : QCoreApplication::applicationPid();
     const QStringList entries = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
     for (const QString& entry : entries) {
         bool isPid = false;

@@ -82,8 +82,8 @@ void waitForTimerTicks(int intervalMs, int ticks);
 
 // Open file descriptors of this process.
 int openDescriptorCount();
-// Process ids whose parent is this process.
-QList<qint64> childProcesses();
+// Process ids whose parent is this process (or the given one).
+QList<qint64> childProcesses(qint64 parent = 0);
 // Whether a process still exists (a zombie counts as gone).
 bool processAlive(qint64 pid);
 
