@@ -231,11 +231,11 @@ public:
     static constexpr qint64 kBodySize = 16 * 1024 * 1024;
     QTcpSocket socket;
     qint64 sent = 0;
-    QByteArray answer;
     bool done = false;
 
-    FloodConnection(quint16 port, const QByteArray& chunk) : m_chunk(chunk)
+    FloodConnection(quint16 port, const QHostAddress& from, const QByteArray& chunk) : m_chunk(chunk)
     {
+        socket.bind(from);
         QObject::connect(&socket, &QTcpSocket::connected, this, [this] {
             socket.write("POST /v1/approvals HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\n"
                          "Content-Length: " +
@@ -243,12 +243,9 @@ public:
             pump();
         });
         QObject::connect(&socket, &QTcpSocket::bytesWritten, this, [this] { pump(); });
-        QObject::connect(&socket, &QTcpSocket::readyRead, this, [this] { answer += socket.readAll(); });
+        QObject::connect(&socket, &QTcpSocket::readyRead, this, [this] { socket.readAll(); });
         QObject::connect(&socket, &QTcpSocket::disconnected, this, [this] { done = true; });
-        QObject::connect(&socket, &QTcpSocket::errorOccurred, this, [this] {
-            answer += socket.readAll();
-            done = true;
-        });
+        QObject::connect(&socket, &QTcpSocket::errorOccurred, this, [this] { done = true; });
         socket.connectToHost(QHostAddress::LocalHost, port);
     }
 
@@ -267,9 +264,12 @@ private:
 };
 
 // The relay's peak memory while `connections` peers without a token each send a
-// 16 MiB request, and how a client with the token fares meanwhile.
+// 16 MiB request, and how a client with the token fares meanwhile. The peers come from
+// many loopback addresses, as from many machines, so that the cap per address is not
+// all that holds them back.
 void flood(int connections)
 {
+    constexpr int kFloodAddresses = 50;
     Server server;
     if (!server.start())
         return;
@@ -279,7 +279,8 @@ void flood(int connections)
     QElapsedTimer elapsed;
     elapsed.start();
     for (int i = 0; i < connections; ++i)
-        peers.push_back(std::make_unique<FloodConnection>(server.port, chunk));
+        peers.push_back(std::make_unique<FloodConnection>(
+            server.port, QHostAddress(QStringLiteral("127.0.1.%1").arg(1 + i % kFloodAddresses)), chunk));
 
     // The real user: one request with the token at a time, for as long as the flood lasts.
     int asked = 0;
@@ -296,9 +297,7 @@ void flood(int connections)
     };
     ask();
     const auto floodOver = [&] {
-        return std::all_of(peers.begin(), peers.end(), [](const auto& peer) {
-            return peer->done || (peer->sent == FloodConnection::kBodySize && !peer->answer.isEmpty());
-        });
+        return std::all_of(peers.begin(), peers.end(), [](const auto& peer) { return peer->done; });
     };
     runUntil([&] {
         if (user->state() == QAbstractSocket::UnconnectedState) {
@@ -312,20 +311,16 @@ void flood(int connections)
     const double seconds = double(elapsed.elapsed()) / 1000.0;
     const double peak = peakRssMB(server.process.processId());
     qint64 sent = 0;
-    int answered = 0;
-    int unanswered = 0;
+    int cutOff = 0;
     for (const auto& peer : peers) {
         sent += peer->sent;
-        if (peer->answer.startsWith("HTTP/1.1 "))
-            ++answered;
-        else
-            ++unanswered;
+        cutOff += peer->done && peer->sent < FloodConnection::kBodySize ? 1 : 0;
     }
-    std::printf("unauthenticated flood: %d connections each sending a 16 MiB request without a token; server peak RSS "
-                "%.1f MB (%.1f MB before), %.0f MiB sent in %.2f s; %d answered, %d closed unanswered; with the "
-                "token %d of %d requests served\n",
-                connections, peak, before, double(sent) / (1024.0 * 1024.0), seconds, answered, unanswered, served,
-                asked);
+    std::printf("unauthenticated flood: %d connections from %d addresses each sending a 16 MiB request without a "
+                "token; server peak RSS %.1f MB (%.1f MB before); %.0f MiB of the %d MiB offered got out before the "
+                "server cut off %d senders, in %.2f s; with the token %d of %d requests served\n",
+                connections, kFloodAddresses, peak, before, double(sent) / (1024.0 * 1024.0), connections * 16, cutOff,
+                seconds, served, asked);
     std::printf("target: peak RSS < 64 MB %s\n", peak < 64 ? "met" : "MISSED");
 }
 
