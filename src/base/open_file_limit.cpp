@@ -1,36 +1,28 @@
 #include "base/open_file_limit.h"
 
-#include <climits>
 #include <sys/resource.h>
 
-namespace brinmoor {
+#include <climits>
 
-long openFileLimit()
-{
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
-        return -1;
-    return limit.rlim_cur == RLIM_INFINITY ? LONG_MAX : long(limit.rlim_cur);
-}
+namespace brinmoor {
 
 long raiseOpenFileLimit()
 {
     rlimit limit{};
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
         return -1;
-    if (limit.rlim_cur != limit.rlim_max) {
-        rlimit wanted = limit;
-        wanted.rlim_cur = limit.rlim_max;
-        if (::setrlimit(RLIMIT_NOFILE, &wanted) != 0) {
-#ifdef OPEN_MAX
-            // macOS reports an unlimited hard limit but refuses a soft one above OPEN_MAX.
-            wanted.rlim_cur = OPEN_MAX;
-            if (limit.rlim_cur < OPEN_MAX)
-                ::setrlimit(RLIMIT_NOFILE, &wanted);
+    rlim_t wanted = limit.rlim_max;
+#ifdef __APPLE__
+    // macOS refuses a soft limit above OPEN_MAX even when the hard one is unlimited.
+    if (wanted == RLIM_INFINITY || wanted > OPEN_MAX)
+        wanted = OPEN_MAX;
 #endif
-        }
+    if (limit.rlim_cur < wanted) {
+        limit.rlim_cur = wanted;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        ::getrlimit(RLIMIT_NOFILE, &limit);
     }
-    return openFileLimit();
+    return limit.rlim_cur == RLIM_INFINITY ? LONG_MAX : long(limit.rlim_cur);
 }
 
 } // namespace brinmoor

@@ -2,12 +2,9 @@
 
 namespace brinmoor {
 
-// Raises this process's soft limit on open files to its hard limit (macOS starts
-// programs with 256, which a busy relay outgrows). Returns the soft limit in force
-// afterwards, or -1 when it cannot be read.
+// Raises the soft limit of open files to the hard limit: every connection, pipe and
+// terminal takes descriptors, and some systems start programs with very few (macOS
+// gives 256). Returns the soft limit in force afterwards.
 long raiseOpenFileLimit();
-
-// The soft limit on open files in force now, or -1 when it cannot be read.
-long openFileLimit();
 
 } // namespace brinmoor

@@ -269,8 +269,8 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
     command = ExecutionResolution::expandProjectPlaceholders(command, projectPath, projectArg);
     command.replace(QLatin1String("{{prompt}}"), shellQuote(fullPrompt));
 
-    diag(QStringLiteral("resolveChatExecution projectPath=") + projectPath + QStringLiteral(" workspace=") +
-         workingDir + QStringLiteral(" system=") + system + QStringLiteral(" approvalMode=") + approvalMode);
+    diag(QStringLiteral("resolveChatExecution projectPath=") + logValue(projectPath) + QStringLiteral(" workspace=") +
+         logValue(workingDir) + QStringLiteral(" system=") + system + QStringLiteral(" approvalMode=") + approvalMode);
     resolution.shell = command;
     resolution.workingDir = workingDir;
     return resolution;

@@ -52,9 +52,9 @@ void ChatOutput::endOfOutput()
 void ChatOutput::exited(int status)
 {
     if (status != 0) {
-        m_host.sendJSON(Messages::taskChatError(m_chat.taskId, m_chat.conversationId,
-                                                QStringLiteral("command exited with status ") +
-                                                    QString::number(status)));
+        m_host.sendJSON(
+            Messages::taskChatError(m_chat.taskId, m_chat.conversationId,
+                                    QStringLiteral("command exited with status ") + QString::number(status)));
         return;
     }
     if (const std::optional<QString> key =

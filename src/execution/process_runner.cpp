@@ -109,8 +109,8 @@ ProcessRunner::~ProcessRunner() = default;
 
 void ProcessRunner::runTask(const RunRequest& request)
 {
-    diag(QStringLiteral("Running task ") + request.taskId + QStringLiteral(" workingDir=") + request.workingDir +
-         QStringLiteral(" timeoutSec=") + QString::number(request.timeoutSec));
+    diag(QStringLiteral("Running task ") + logValue(request.taskId) + QStringLiteral(" workingDir=") +
+         logValue(request.workingDir) + QStringLiteral(" timeoutSec=") + QString::number(request.timeoutSec));
 
     m_output = std::make_unique<TaskOutput>();
     m_output->request = request;
@@ -127,7 +127,7 @@ void ProcessRunner::runTask(const RunRequest& request)
         [this, taskId] {
             if (m_currentTaskId != taskId)
                 return;
-            diag(QStringLiteral("runTask stopped before its command started taskId=") + taskId);
+            diag(QStringLiteral("runTask stopped before its command started taskId=") + logValue(taskId));
             cleanupFinishedTask();
         });
 }
@@ -173,7 +173,7 @@ void ProcessRunner::launchTask(const QString& shell)
         cleanupFinishedTask();
         return;
     }
-    diag(QStringLiteral("runTask process started taskId=") + request.taskId + QStringLiteral(" pid=") +
+    diag(QStringLiteral("runTask process started taskId=") + logValue(request.taskId) + QStringLiteral(" pid=") +
          QString::number(child->pid()));
 
     // A time-out is reported exactly like a cancellation.
@@ -240,8 +240,8 @@ void ProcessRunner::onExited(int status)
                 Messages::taskFailed(request.taskId, message, QStringLiteral("COMMAND_EXIT_NONZERO"), status));
         }
     }
-    diag(QStringLiteral("runTask process terminated taskId=") + request.taskId + QStringLiteral(" exitCode=") +
-         QString::number(status));
+    diag(QStringLiteral("runTask process terminated taskId=") + logValue(request.taskId) +
+         QStringLiteral(" exitCode=") + QString::number(status));
     if (m_currentTaskId == request.taskId)
         cleanupFinishedTask();
 }
@@ -304,7 +304,7 @@ void ProcessRunner::stopRunningProcessIfAny(bool cancelled)
         return;
     }
     if (m_child->isRunning()) {
-        diag(QStringLiteral("stopRunningProcessIfAny terminating taskId=") + taskId);
+        diag(QStringLiteral("stopRunningProcessIfAny terminating taskId=") + logValue(taskId));
         m_child->terminateTree(kKillGraceMilliseconds);
     }
     // The task state stays until the child has exited; its end is reported then.
@@ -343,7 +343,7 @@ bool registerManagedProjectIfPresent(const QString& taskOutput, SettingsStore& d
         return false;
     defaults.setValue(QStringLiteral("projects"), updated.join(QLatin1Char(',')));
     defaults.sync();
-    diag(QStringLiteral("registerManagedProjectIfPresent added project=") + path);
+    diag(QStringLiteral("registerManagedProjectIfPresent added project=") + logValue(path));
     return true;
 }
 

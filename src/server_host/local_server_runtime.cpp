@@ -1,5 +1,6 @@
 #include "server_host/local_server_runtime.h"
 
+#include "base/process_reaper.h"
 #include "config/runtime_defaults.h"
 
 #include <QFileInfo>
@@ -122,6 +123,8 @@ int LocalServerRuntime::start(int port, const QString& token, Status status)
     process->setProcessEnvironment(env);
     process->setProcessChannelMode(QProcess::MergedChannels);
     process->setStandardInputFile(QProcess::nullDevice());
+    // A group of its own, so that the reaper ends it should the agent die without a word.
+    process->setChildProcessModifier([] { ::setpgid(0, 0); });
     m_decoder.reset();
     connect(process, &QProcess::readyReadStandardOutput, this, &LocalServerRuntime::relay);
     connect(process, &QProcess::finished, this, [this, process, status](int exitCode, QProcess::ExitStatus exitStatus) {
@@ -139,6 +142,9 @@ int LocalServerRuntime::start(int port, const QString& token, Status status)
         return chosen;
     }
     m_process = process;
+    const qint64 pid = process->processId();
+    ProcessReaper::watchGroup(pid);
+    connect(process, &QProcess::finished, this, [pid] { ProcessReaper::forgetGroup(pid); });
     status(QStringLiteral("Server on :") + QString::number(chosen));
     return chosen;
 }

@@ -3,6 +3,7 @@
 #include "execution/child_process.h"
 #include "support/loopback_server.h"
 
+#include <QDir>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
@@ -53,6 +54,26 @@ private Q_SLOTS:
         QVERIFY(Utf8StreamDecoder::isValid("\xe2\x9c\x93 plain ascii run of text", 27));
         QCOMPARE(Utf8StreamDecoder::incompleteTailLength("ab\xf0\x9f\x98", 5), qsizetype(3));
         QCOMPARE(Utf8StreamDecoder::incompleteTailLength("ab\xc3\xa9", 4), qsizetype(0));
+    }
+
+    void childrenNeverSeeTheRelayToken()
+    {
+        qputenv("BRINMOOR_SHARED_TOKEN", "agent-secret");
+        qputenv("BRINMOOR_TOKEN", "approver-secret");
+        qputenv("BRINMOOR_VISIBLE", "fine");
+        ChildProcess child(nullptr);
+        Collected collected;
+        collect(child, collected);
+        QString error;
+        QVERIFY(child.start({QStringLiteral("env"), QDir::tempPath()}, &error));
+        QVERIFY(waitUntil([&] { return collected.status.has_value(); }));
+        qunsetenv("BRINMOOR_SHARED_TOKEN");
+        qunsetenv("BRINMOOR_TOKEN");
+        qunsetenv("BRINMOOR_VISIBLE");
+        QVERIFY(collected.out.contains(QStringLiteral("BRINMOOR_VISIBLE=fine\n")));
+        QVERIFY(!collected.out.contains(QStringLiteral("secret")));
+        QVERIFY(!collected.out.contains(QStringLiteral("BRINMOOR_SHARED_TOKEN")));
+        QVERIFY(!collected.out.contains(QStringLiteral("BRINMOOR_TOKEN")));
     }
 
     void commandLines()

@@ -200,7 +200,8 @@ private Q_SLOTS:
         QCOMPARE(normalizeAISystem(QStringLiteral("gemini")), QStringLiteral("codex"));
         QCOMPARE(normalizeAISystem(std::nullopt), QStringLiteral("codex"));
         QCOMPARE(normalizeApprovalMode(QStringLiteral("NONE")), QStringLiteral("none"));
-        QCOMPARE(normalizeApprovalMode(QStringLiteral(" Never ")), QStringLiteral("none"));
+        // Only "none" skips approval: "never" asks like any other mode.
+        QCOMPARE(normalizeApprovalMode(QStringLiteral(" Never ")), QStringLiteral("on_request"));
         QCOMPARE(normalizeApprovalMode(QStringLiteral("always")), QStringLiteral("on_request"));
         QCOMPARE(normalizeApprovalMode(std::nullopt), QStringLiteral("on_request"));
     }

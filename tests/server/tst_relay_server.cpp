@@ -377,7 +377,7 @@ private Q_SLOTS:
         QTest::newRow("line breaks") << QByteArray("evil%0D%0Aagent.connected%20agentId%3Dforged")
                                      << QStringLiteral("evil\\r\\nagent.connected agentId=forged");
         QTest::newRow("other controls") << QByteArray("a%09b%01c%7Fd%5Ce%C2%85f%E2%80%A8g")
-                                        << QStringLiteral("a\\tb\\x01c\\x7fd\\\\e\\u0085f\\u2028g");
+                                        << QStringLiteral("a\\tb\\u0001c\\u007fd\\e\\u0085f\\u2028g");
         QTest::newRow("long") << QByteArray(3000, 'a')
                               << QString(1024, QLatin1Char('a')) + QStringLiteral("\u2026 (1976 more bytes)");
         QTest::newRow("long, cut between characters")
