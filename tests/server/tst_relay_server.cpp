@@ -155,8 +155,14 @@ private Q_SLOTS:
                                             "POST /v1/approvals HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n"
                                             "Content-Length: 16777217\r\n\r\n{")),
                  QStringLiteral("HTTP/1.1 413 Content Too Large\n{\"error\":\"request body too large\"}"));
+        // A body that stops coming, and a head that never ends, at the same time.
+        HeldRequest shortBody;
+        shortBody.start(m_relay->port, "POST /v1/approvals HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n"
+                                       "Content-Length: 10\r\n\r\n{}");
         QCOMPARE(statusAndBody(httpExchange(m_relay->port, "GET /v1/health HTTP/1.1\r\n", 15000)),
                  QStringLiteral("HTTP/1.1 408 Request Timeout\n{\"error\":\"request head not received in time\"}"));
+        QCOMPARE(shortBody.result(),
+                 QStringLiteral("HTTP/1.1 408 Request Timeout\n{\"error\":\"request body not received in time\"}"));
     }
 
     void answersHealthWithoutAToken()
