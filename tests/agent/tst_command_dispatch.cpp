@@ -208,7 +208,7 @@ private Q_SLOTS:
             f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("t\r\nforged"));
         QVERIFY2(failed, qPrintable(f.server.trace().right(500)));
         QCOMPARE(failed->value(QStringLiteral("error")).toString(),
-                 QStringLiteral("failed to launch process: execvp: Argument list too long"));
+                 QStringLiteral("failed to launch process: execve: Argument list too long"));
         const QString cut =
             QStringLiteral("true #") + QString(1018, QLatin1Char('x')) + QStringLiteral("\u2026 (15727622 more bytes)");
         const QStringList texts = log.texts();

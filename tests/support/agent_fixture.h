@@ -20,7 +20,7 @@ struct AgentFixture {
     std::unique_ptr<AgentRuntime> runtime;
     QStringList statuses;
 
-    explicit AgentFixture(const QString& token = QStringLiteral("secret-token"))
+    explicit AgentFixture(const QString& token = QStringLiteral("secret-token"), ConnectionIntervals intervals = {})
     {
         server.listen();
         settings.setValue(QStringLiteral("serverURL"), server.serverURL());
@@ -32,7 +32,7 @@ struct AgentFixture {
         machine.currentDirectory = repo.path();
         machine.homeDirectory = repo.path();
         machine.hostName = QStringLiteral("test host");
-        runtime = std::make_unique<AgentRuntime>(settings, Environment{}, machine);
+        runtime = std::make_unique<AgentRuntime>(settings, Environment{}, machine, intervals);
         runtime->onStatus = [this](const QString& text) { statuses.append(text); };
     }
 

@@ -6,6 +6,7 @@
 #include <QFile>
 #include <QHostAddress>
 #include <QJsonDocument>
+#include <QTimer>
 #include <QWebSocket>
 #include <QWebSocketServer>
 
@@ -147,6 +148,16 @@ void LoopbackServer::closeClient()
 {
     if (m_client)
         m_client->close();
+}
+
+void waitForTimerTicks(int intervalMs, int ticks)
+{
+    QTimer timer;
+    timer.setTimerType(Qt::PreciseTimer);
+    int fired = 0;
+    QObject::connect(&timer, &QTimer::timeout, &timer, [&fired] { ++fired; });
+    timer.start(intervalMs);
+    waitUntil([&] { return fired >= ticks; }, 60000);
 }
 
 bool waitUntil(const std::function<bool()>& condition, int timeoutMs)
