@@ -779,7 +779,9 @@ private Q_SLOTS:
         QVERIFY(late.waitForType(QStringLiteral("permission.request")));
         QCOMPARE(late.messages().value(1).value(QStringLiteral("requestId")).toString(), requestId);
 
-        QTest::qWait(200);
+        // A round trip through the server: an answer to the held request would be here by now.
+        QVERIFY(httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n\r\n")
+                    .startsWith("HTTP/1.1 200 OK"));
         QCOMPARE(allowed.socket.bytesAvailable(), 0);
         client.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("permission.decision")},
                                 {QStringLiteral("requestId"), requestId},
