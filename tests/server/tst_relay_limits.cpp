@@ -68,8 +68,6 @@ class TstRelayLimits : public QObject {
 private:
     std::unique_ptr<RelayProcess> m_relay;
 
-    bool startRelay() { return m_relay->start(); }
-
     QStringList linesAfterStart() { return m_relay->lines().mid(1); }
 
 private Q_SLOTS:
@@ -78,7 +76,7 @@ private Q_SLOTS:
 
     void answersFromTheHeadBeforeAnyBodyArrives()
     {
-        QVERIFY(startRelay());
+        QVERIFY(m_relay->start());
         // Only the head is sent: the answer cannot wait for the 16 MiB it announces.
         QCOMPARE(statusAndBody(httpExchange(m_relay->port,
                                             "POST /v1/approvals HTTP/1.1\r\nContent-Length: 16777216\r\n\r\n", 5000)),
@@ -107,7 +105,7 @@ private Q_SLOTS:
 
     void staysSmallWhileConnectionsWithoutATokenSendBigBodies()
     {
-        QVERIFY(startRelay());
+        QVERIFY(m_relay->start());
         const qint64 before = m_relay->statusKB("VmHWM");
         QVERIFY(before > 0);
         const QByteArray body(4 * 1024 * 1024, 'x');
@@ -133,7 +131,7 @@ private Q_SLOTS:
 
     void dropsTheOldestConnectionWithoutATokenFromABusyAddress()
     {
-        QVERIFY(startRelay());
+        QVERIFY(m_relay->start());
         std::vector<std::unique_ptr<QTcpSocket>> idle;
         for (int i = 0; i < 33; ++i)
             idle.push_back(connectFrom(m_relay->port));
@@ -153,7 +151,7 @@ private Q_SLOTS:
 
     void dropsTheOldestConnectionsWithoutATokenBeyondTheTotal()
     {
-        QVERIFY(startRelay());
+        QVERIFY(m_relay->start());
         std::vector<std::unique_ptr<QTcpSocket>> idle;
         for (int address = 2; address <= 10; ++address) {
             for (int i = 0; i < 30; ++i)
@@ -172,7 +170,7 @@ private Q_SLOTS:
     void holdsMoreConnectionsThanTheSoftLimitItStartedWith()
     {
         limitOpenFiles(m_relay->process, 64);
-        QVERIFY(startRelay());
+        QVERIFY(m_relay->start());
         std::vector<std::unique_ptr<QTcpSocket>> clients;
         for (int i = 0; i < 150; ++i) {
             clients.push_back(openClient(m_relay->port));
@@ -186,7 +184,7 @@ private Q_SLOTS:
     {
         // A hard limit of 64 leaves room for 32 connections beside the server's own files.
         limitOpenFiles(m_relay->process, 64, 64);
-        QVERIFY(startRelay());
+        QVERIFY(m_relay->start());
         std::vector<std::unique_ptr<QTcpSocket>> clients;
         for (int i = 0; i < 32; ++i) {
             clients.push_back(openClient(m_relay->port));
