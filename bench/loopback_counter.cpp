@@ -123,6 +123,8 @@ bool LoopbackCounter::handshake()
     m_socket->write(relay::ws::upgradeResponse(QByteArrayView(m_buffer).sliced(m_offset, end - m_offset)));
     m_offset = end + 4;
     m_upgraded = true;
+    // The agent speaks once the server has said hello.
+    send(QJsonObject{{QStringLiteral("type"), QStringLiteral("agent.hello")}});
     return true;
 }
 
@@ -131,6 +133,12 @@ void LoopbackCounter::parseFrames()
     relay::ws::Message message;
     while (m_reader.next(m_buffer, m_offset, message) == relay::ws::FrameReader::Result::Message)
         handleFrame(message.opcode, message.payload.data(), message.payload.size());
+    // Confirms what it read, as the relay does, so that the agent lets go of it.
+    if (m_nextSeq - 1 > m_acked) {
+        m_acked = m_nextSeq - 1;
+        send(QJsonObject{{QStringLiteral("type"), QStringLiteral("agent.ack")},
+                         {QStringLiteral("payload"), QJsonObject{{QStringLiteral("seq"), m_acked}}}});
+    }
 }
 
 void LoopbackCounter::handleFrame(int opcode, const char* payload, qsizetype size)
@@ -138,6 +146,14 @@ void LoopbackCounter::handleFrame(int opcode, const char* payload, qsizetype siz
     ++m_frames;
     if (opcode != 1)
         return;
+    if (m_nextSeq == 0) {
+        // The first message announces the seqs.
+        m_nextSeq =
+            QJsonDocument::fromJson(QByteArray(payload, size)).object().value(QStringLiteral("next")).toInteger();
+        m_acked = m_nextSeq - 1;
+        return;
+    }
+    ++m_nextSeq;
     // Keys are written in sorted order, so the type is at the end of a log frame.
     const qsizetype markerSize = qsizetype(sizeof kLogMarker) - 1;
     if (size > markerSize + 1 && std::memcmp(payload + size - 1 - markerSize, kLogMarker, size_t(markerSize)) == 0) {

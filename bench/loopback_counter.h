@@ -19,6 +19,7 @@ namespace brinmoor::bench {
 // protocol to accept one agent, unmasks frames in place and counts "task.log" lines
 // without parsing them as JSON, so that it stays much faster than what it measures.
 // It can read slowly (a byte budget per second) to exercise the agent's back-pressure.
+// Like the relay, it says hello first and confirms what it has read.
 class LoopbackCounter : public QObject {
     Q_OBJECT
 
@@ -65,6 +66,8 @@ private:
     qint64 m_logLines = 0;
     qint64 m_logTextBytes = 0;
     qint64 m_frames = 0;
+    qint64 m_nextSeq = 0; // the seq of the agent's next message
+    qint64 m_acked = 0;
     qint64 m_bytesRead = 0;
     qint64 m_throttleRate = 0;
     qint64 m_throttleUntil = 0;

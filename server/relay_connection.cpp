@@ -235,6 +235,15 @@ void RelayConnection::drainQueue()
         m_socket->write(m_queue.front());
         m_queue.pop_front();
     }
+    if (m_notifyDrained && m_queue.empty() && m_state == State::Open) {
+        m_notifyDrained = false;
+        m_handler.connectionDrained(*this);
+    }
+}
+
+void RelayConnection::notifyWhenDrained()
+{
+    m_notifyDrained = true;
 }
 
 void RelayConnection::close(quint16 code, QByteArrayView reason)

@@ -41,6 +41,8 @@ public:
     virtual void connectionClosed(RelayConnection& connection) = 0;
     // The socket is let go; the connection is deleted soon after.
     virtual void connectionReleased(RelayConnection& connection) = 0;
+    // What was queued for the peer went to the socket, after notifyWhenDrained().
+    virtual void connectionDrained(RelayConnection& connection) = 0;
 };
 
 // One TCP connection: an HTTP request, and after an upgrade a WebSocket. It bounds what
@@ -77,6 +79,8 @@ public:
 
     // Bytes handed over but not yet sent.
     qsizetype backlog() const;
+    // Calls the handler's connectionDrained once the queue has gone to the socket.
+    void notifyWhenDrained();
     // Why this side ended the WebSocket; empty when the peer did, or it was a plain request.
     const QByteArray& closeReason() const { return m_closeReason; }
 
@@ -108,6 +112,7 @@ private:
     qsizetype m_queued = 0;
     QTimer m_deadline; // the request head, and later the closing handshake, must not take forever
     bool m_notified = false;
+    bool m_notifyDrained = false;
     QByteArray m_closeReason;
 };
 

@@ -49,14 +49,59 @@ QByteArray agentList(const QList<AgentRecord>& agents)
 
 QByteArray serverHello(const QList<AgentRecord>& agents)
 {
+    QJsonArray list;
+    for (const AgentRecord& agent : agents) {
+        QJsonObject record = agentRecord(agent);
+        record.insert(QStringLiteral("online"), agent.online);
+        record.insert(QStringLiteral("seq"), agent.seq);
+        record.insert(QStringLiteral("snapshot"), agent.snapshot);
+        list.append(record);
+    }
     QJsonObject message = typed("server.hello");
-    message.insert(QStringLiteral("agents"), agentRecords(agents));
+    message.insert(QStringLiteral("agents"), list);
     return json(message);
 }
 
-QByteArray agentHello()
+QByteArray agentHello(qint64 seq)
 {
-    return json(typed("agent.hello"));
+    QJsonObject message = typed("agent.hello");
+    message.insert(QStringLiteral("payload"), QJsonObject{{QStringLiteral("seq"), seq}});
+    return json(message);
+}
+
+QByteArray agentAck(qint64 seq)
+{
+    QJsonObject message = typed("agent.ack");
+    message.insert(QStringLiteral("payload"), QJsonObject{{QStringLiteral("seq"), seq}});
+    return json(message);
+}
+
+QByteArray terminalWindow(const QString& sessionId, std::optional<qint64> offset)
+{
+    QJsonObject payload{{QStringLiteral("sessionId"), sessionId}};
+    if (offset)
+        payload.insert(QStringLiteral("offset"), *offset);
+    QJsonObject message = typed("terminal.ack");
+    message.insert(QStringLiteral("payload"), payload);
+    return json(message);
+}
+
+QByteArray resumeOk(const QString& agentId, qint64 since)
+{
+    QJsonObject message = typed("resume.ok");
+    message.insert(QStringLiteral("agentId"), agentId);
+    message.insert(QStringLiteral("since"), since);
+    return json(message);
+}
+
+QByteArray resumeGap(const QString& agentId, qint64 since, qint64 seq, const QJsonObject& snapshot)
+{
+    QJsonObject message = typed("resume.gap");
+    message.insert(QStringLiteral("agentId"), agentId);
+    message.insert(QStringLiteral("since"), since);
+    message.insert(QStringLiteral("seq"), seq);
+    message.insert(QStringLiteral("snapshot"), snapshot);
+    return json(message);
 }
 
 QByteArray agentOnline(const QString& agentId)

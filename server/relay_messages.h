@@ -10,11 +10,16 @@
 
 namespace brinmoor::relay {
 
-// What the server tells of one connected agent.
+// What the server tells of one agent.
 struct AgentRecord {
     QString agentId;
     bool busy = false;
     std::optional<QJsonObject> registration; // the latest "agent.register" without its "type"
+    // What "server.hello" adds: whether it is connected, the seq of its newest message and
+    // the present as of that message.
+    bool online = true;
+    qint64 seq = 0;
+    QJsonObject snapshot;
 };
 
 // A tool use waiting for the phone's decision.
@@ -35,7 +40,15 @@ QJsonObject agentRecord(const AgentRecord& agent);
 QJsonArray agentRecords(const QList<AgentRecord>& agents);
 QByteArray agentList(const QList<AgentRecord>& agents);
 QByteArray serverHello(const QList<AgentRecord>& agents);
-QByteArray agentHello();
+// The agent's first message from the server: the newest seq the server has of it (0: none).
+QByteArray agentHello(qint64 seq);
+// The server has every message of the agent up to seq.
+QByteArray agentAck(qint64 seq);
+// The lowest offset the clients that pace the session have rendered; none when no
+// client paces it.
+QByteArray terminalWindow(const QString& sessionId, std::optional<qint64> offset);
+QByteArray resumeOk(const QString& agentId, qint64 since);
+QByteArray resumeGap(const QString& agentId, qint64 since, qint64 seq, const QJsonObject& snapshot);
 QByteArray agentOnline(const QString& agentId);
 QByteArray agentOffline(const QString& agentId);
 QByteArray taskCreated(const QString& taskId, const QString& agentId, const QJsonValue& requestId);

@@ -3,13 +3,14 @@
 #include "protocol/message_types.h"
 #include "relay_log.h"
 
+#include <QDateTime>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QTcpServer>
 #include <QTcpSocket>
-#include <QTimer>
 #include <QUuid>
 
+#include <cmath>
 #include <cstring>
 
 namespace brinmoor::relay {
@@ -27,6 +28,56 @@ constexpr QByteArrayView kStreamingTypes[] = {
     "\"type\":\"terminal.output\"",
     "\"type\":\"task.chat.chunk\"",
 };
+constexpr int kTerminalOutput = 1; // its index above
+// A client that catches up is sent the log while less than this waits for it.
+constexpr qsizetype kReplayBacklog = 1024 * 1024;
+constexpr int kTrimIntervalMs = 60'000;
+// Above this a JSON number no longer holds every integer.
+constexpr double kLargestSeq = 9007199254740991.0;
+
+// A seq, or a message number, from JSON: a whole number from 0 up; -1 for anything else.
+qint64 wholeNumber(const QJsonValue& value)
+{
+    const double number = value.toDouble(-1);
+    if (!value.isDouble() || number < 0 || number > kLargestSeq || std::floor(number) != number)
+        return -1;
+    return qint64(number);
+}
+
+// What a client has seen, {"AGENT":SEQ,…}; none when the value is not such an object.
+std::optional<QList<QPair<QString, qint64>>> sinceList(const QJsonValue& value)
+{
+    if (!value.isObject())
+        return std::nullopt;
+    QList<QPair<QString, qint64>> since;
+    const QJsonObject object = value.toObject();
+    for (auto it = object.begin(); it != object.end(); ++it) {
+        const qint64 seq = wholeNumber(it.value());
+        if (it.key().isEmpty() || seq < 0)
+            return std::nullopt;
+        since.append({it.key(), seq});
+    }
+    return since;
+}
+
+// The raw JSON text of a terminal output's "sessionId" (escapes kept), found without
+// parsing the message: it is the output's one member of that name, and a quote inside
+// a string is always escaped.
+QByteArrayView terminalSession(QByteArrayView message)
+{
+    static constexpr QByteArrayView key = "\"sessionId\":\"";
+    const qsizetype at = message.lastIndexOf(key);
+    if (at < 0)
+        return {};
+    const qsizetype start = at + key.size();
+    for (qsizetype i = start; i < message.size(); ++i) {
+        if (message[i] == '\\')
+            ++i;
+        else if (message[i] == '"')
+            return message.sliced(start, i - start);
+    }
+    return {};
+}
 
 QByteArray jsonString(const QString& text)
 {
@@ -87,6 +138,10 @@ RelayServer::RelayServer(RelayConfig config, QObject* parent)
         logEvent("permission.resolved", {{"requestId", request.requestId}, {"decision", decision}, {"reason", reason}});
         broadcastText(RelayMessages::permissionResolved(request.requestId, decision, reason));
     };
+    // Logs of agents that stay quiet still age.
+    m_trimTimer.setInterval(kTrimIntervalMs);
+    connect(&m_trimTimer, &QTimer::timeout, this, &RelayServer::trimHistories);
+    m_trimTimer.start();
 }
 
 RelayServer::~RelayServer()
@@ -315,23 +370,40 @@ void RelayServer::acceptAgent(RelayConnection& connection, const HttpRequest& re
     Agent agent;
     agent.agentId = agentId;
     agent.connection = &connection;
-    agent.prefix = "{\"agentId\":" + jsonString(agentId);
+    agent.prefix = "{\"agentId\":" + jsonString(agentId) + ",\"seq\":";
     m_agents.insert(agentId, agent);
     m_agentIds.insert(&connection, agentId);
     connection.upgrade(RelayConnection::Role::Agent, request.header("sec-websocket-key"), {});
-    connection.sendText(RelayMessages::agentHello());
+    connection.sendText(RelayMessages::agentHello(historyOf(agentId).log.headSeq()));
+    // The readers that pace its terminals hold them back again.
+    for (const TerminalFlow::Window& window : m_terminalFlow.windowsOf(agentId))
+        tellAgentWindow(window);
     logEvent("agent.connected", {{"agentId", agentId}, {"address", connection.address()}});
     broadcastText(RelayMessages::agentOnline(agentId));
 }
 
 void RelayServer::acceptClient(RelayConnection& connection, const HttpRequest& request, const QByteArray& subprotocol)
 {
+    // A client that comes back may say in its URL what it has seen: ?since={"AGENT":SEQ,…}
+    QList<QPair<QString, qint64>> since;
+    const QByteArray sinceText = request.queryItem("since");
+    if (!sinceText.isEmpty()) {
+        const QJsonDocument document = QJsonDocument::fromJson(sinceText);
+        const auto parsed = document.isObject() ? sinceList(document.object()) : std::nullopt;
+        if (!parsed) {
+            connection.respond(error(400, QStringLiteral("since must be a JSON object of agent ids and seqs")));
+            return;
+        }
+        since = *parsed;
+    }
     connection.upgrade(RelayConnection::Role::Client, request.header("sec-websocket-key"), subprotocol);
     m_clients.push_back(&connection);
-    connection.sendText(RelayMessages::serverHello(agentRecords()));
+    connection.sendText(RelayMessages::serverHello(helloRecords()));
     for (const PermissionRequest& pending : m_permissions.pending())
         connection.sendText(RelayMessages::permissionRequest(pending));
     logEvent("client.connected", {{"address", connection.address()}});
+    for (const auto& [agentId, seq] : since)
+        resume(connection, agentId, seq);
 }
 
 void RelayServer::receiveApproval(RelayConnection& connection, const QByteArray& body)
@@ -383,42 +455,89 @@ void RelayServer::messageReceived(RelayConnection& connection, QByteArrayView pa
         agentMessage(*agent, payload);
 }
 
+RelayServer::AgentHistory& RelayServer::historyOf(const QString& agentId)
+{
+    const auto found = m_histories.find(agentId);
+    if (found != m_histories.end())
+        return found->second;
+    return m_histories
+        .emplace(agentId, AgentHistory{EventLog(m_config.eventLog, [this] { return m_clock.elapsed(); }),
+                                       AgentSnapshot(), std::nullopt, false})
+        .first->second;
+}
+
+void RelayServer::startStream(Agent& agent, qint64 first, qint64 next)
+{
+    AgentHistory& history = historyOf(agent.agentId);
+    const qint64 head = history.log.headSeq();
+    // What came before the first message this server numbers, if anything did, is not
+    // here; a jump within a stream means the messages between went to an earlier life of
+    // the server. A stream that starts afresh leaves nothing out.
+    if (!history.numbered || (next > head + 1 && next != first))
+        history.log.markLostThrough(next - 1);
+    agent.nextSeq = next;
+    agent.skipThrough = head;
+}
+
 void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
 {
     const QByteArrayView body = payload.trimmed();
-    if (body.size() < 2 || body.front() != '{' || body.back() != '}') {
-        logEvent("agent.message.invalid", {{"agentId", agent.agentId}});
-        return;
-    }
-    bool streaming = false;
-    for (QByteArrayView marker : kStreamingTypes) {
-        if (body.indexOf(marker) >= 0) {
-            streaming = true;
+    const bool isObject = body.size() >= 2 && body.front() == '{' && body.back() == '}';
+    int streamingType = -1;
+    for (int i = 0; isObject && i < int(std::size(kStreamingTypes)); ++i) {
+        if (body.indexOf(kStreamingTypes[i]) >= 0) {
+            streamingType = i;
             break;
         }
     }
+    const bool parse = isObject && (streamingType < 0 || body.indexOf("\"agentId\"") >= 0);
+    std::optional<QJsonObject> parsed;
+    if (parse) {
+        const QJsonDocument document = QJsonDocument::fromJson(body.toByteArray());
+        if (document.isObject() && document.object().value(QStringLiteral("type")).isString())
+            parsed = document.object();
+    }
+    if (parsed && parsed->value(QStringLiteral("type")).toString() == QLatin1String("agent.stream")) {
+        // The agent numbers its messages itself: seqs outlive the server.
+        const qint64 first = wholeNumber(parsed->value(QStringLiteral("first")));
+        const qint64 next = wholeNumber(parsed->value(QStringLiteral("next")));
+        if (first > 0 && next >= first)
+            startStream(agent, first, next);
+        else
+            logEvent("agent.message.invalid", {{"agentId", agent.agentId}});
+        return;
+    }
+    if (agent.nextSeq == 0) {
+        // An agent that does not number its messages: the server does, from a number above
+        // every seq it has given before.
+        const qint64 made =
+            std::max(QDateTime::currentMSecsSinceEpoch() * 1000, historyOf(agent.agentId).log.headSeq() + 1);
+        startStream(agent, made, made);
+    }
+    const qint64 seq = agent.nextSeq++;
+    scheduleAck(agent);
+    if (seq <= agent.skipThrough)
+        return; // sent again after a reconnect; the server has it
+    if (!isObject || (parse && !parsed)) {
+        logEvent("agent.message.invalid", {{"agentId", agent.agentId}});
+        return;
+    }
+    AgentHistory& history = historyOf(agent.agentId);
     QByteArray rewritten;
     QByteArrayView relayed = body;
-    if (!streaming || body.indexOf("\"agentId\"") >= 0) {
-        const QJsonDocument document = QJsonDocument::fromJson(body.toByteArray());
-        if (!document.isObject() || !document.object().value(QStringLiteral("type")).isString()) {
-            logEvent("agent.message.invalid", {{"agentId", agent.agentId}});
-            return;
-        }
-        QJsonObject message = document.object();
-        observeAgentMessage(agent, message);
-        if (message.contains(QStringLiteral("agentId"))) {
+    if (parsed) {
+        observeAgentMessage(agent, history, *parsed);
+        if (parsed->contains(QStringLiteral("agentId"))) {
             // The relay names the sender; an agent does not get to name another.
-            message.remove(QStringLiteral("agentId"));
-            rewritten = RelayMessages::json(message);
+            parsed->remove(QStringLiteral("agentId"));
+            rewritten = RelayMessages::json(*parsed);
             relayed = rewritten;
         }
     }
-    if (m_clients.empty())
-        return;
-    // {"agentId":"ID", followed by the message after its opening brace.
+    // {"agentId":"ID","seq":N, followed by the message after its opening brace.
+    const QByteArray number = QByteArray::number(seq);
     const QByteArrayView rest = relayed.sliced(1);
-    const qsizetype textSize = agent.prefix.size() + 1 + rest.size();
+    const qsizetype textSize = agent.prefix.size() + number.size() + 1 + rest.size();
     char header[10];
     const qsizetype headerSize = ws::writeFrameHeader(header, ws::Text, quint64(textSize));
     QByteArray frame(headerSize + textSize, Qt::Uninitialized);
@@ -427,12 +546,70 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
     out += headerSize;
     std::memcpy(out, agent.prefix.constData(), size_t(agent.prefix.size()));
     out += agent.prefix.size();
+    std::memcpy(out, number.constData(), size_t(number.size()));
+    out += number.size();
     *out++ = ',';
     std::memcpy(out, rest.data(), size_t(rest.size()));
-    broadcast(frame);
+    history.log.append(seq, frame, streamingType == kTerminalOutput ? terminalSession(rest) : QByteArrayView());
+    history.numbered = true;
+    deliver(agent.agentId, history, seq, frame);
 }
 
-void RelayServer::observeAgentMessage(Agent& agent, const QJsonObject& message)
+void RelayServer::scheduleAck(Agent& agent)
+{
+    // One confirmation for all the messages read at once.
+    if (agent.ackScheduled)
+        return;
+    agent.ackScheduled = true;
+    QTimer::singleShot(0, this, [this, agentId = agent.agentId, connection = agent.connection] {
+        const auto found = m_agents.find(agentId);
+        if (found == m_agents.end() || found->connection != connection)
+            return;
+        found->ackScheduled = false;
+        const qint64 received = found->nextSeq - 1;
+        if (received > found->acked) {
+            found->acked = received;
+            connection->sendText(RelayMessages::agentAck(received));
+        }
+    });
+}
+
+void RelayServer::deliver(const QString& agentId, AgentHistory& history, qint64 seq, const QByteArray& frame)
+{
+    if (m_clients.empty())
+        return;
+    if (m_cursorCounts.value(agentId) == 0) {
+        broadcast(frame);
+        return;
+    }
+    ++m_broadcasting;
+    for (size_t i = 0; i < m_clients.size(); ++i) {
+        RelayConnection* client = m_clients[i];
+        if (!client)
+            continue;
+        const auto cursors = m_cursors.constFind(client);
+        const auto cursor =
+            cursors == m_cursors.constEnd() ? QHash<QString, Cursor>::const_iterator() : cursors->constFind(agentId);
+        if (cursors == m_cursors.constEnd() || cursor == cursors->constEnd()) {
+            client->sendFrame(frame);
+            continue;
+        }
+        // A replaying client is sent this from the log in its turn; a waiting one has it
+        // already, or this is the first message it lacks.
+        if (cursor->replaying || seq <= cursor->seq)
+            continue;
+        const qint64 had = cursor->seq;
+        eraseCursor(*client, agentId);
+        if (had < history.log.lostThrough())
+            sendGap(*client, agentId, had);
+        else
+            client->sendFrame(frame);
+    }
+    if (--m_broadcasting == 0)
+        std::erase(m_clients, nullptr);
+}
+
+void RelayServer::observeAgentMessage(Agent& agent, AgentHistory& history, const QJsonObject& message)
 {
     const QString type = message.value(QStringLiteral("type")).toString();
     const QString taskId = message.value(QStringLiteral("taskId")).toString();
@@ -440,7 +617,7 @@ void RelayServer::observeAgentMessage(Agent& agent, const QJsonObject& message)
         QJsonObject registration = message;
         registration.remove(QStringLiteral("type"));
         registration.remove(QStringLiteral("agentId"));
-        agent.registration = registration;
+        history.registration = registration;
         logEvent("agent.register", {{"agentId", agent.agentId}});
     } else if (type == QLatin1String("task.heartbeat") || type == QLatin1String("task.started")) {
         if (agent.currentTaskId.isEmpty())
@@ -448,7 +625,24 @@ void RelayServer::observeAgentMessage(Agent& agent, const QJsonObject& message)
     } else if (type == QLatin1String("task.finished") || type == QLatin1String("task.failed") ||
                type == QLatin1String("task.cancelled")) {
         endTask(agent, taskId);
+    } else if (type == QLatin1String("terminal.closed")) {
+        m_terminalFlow.removeSession(agent.agentId, message.value(QStringLiteral("sessionId")).toString());
+    } else if (type == QLatin1String("agent.state")) {
+        // The agent restates what it runs: tasks the server thought running and the agent
+        // does not know ended with the agent's earlier life.
+        const QStringList before = history.snapshot.runningTaskIds();
+        history.snapshot.observe(message);
+        const QStringList running = history.snapshot.runningTaskIds();
+        for (const QString& gone : before) {
+            if (!running.contains(gone))
+                endTask(agent, gone);
+        }
+        for (const QString& kept : running)
+            m_taskAgents.insert(kept, agent.agentId);
+        agent.currentTaskId = running.value(0);
+        return;
     }
+    history.snapshot.observe(message);
 }
 
 void RelayServer::endTask(Agent& agent, const QString& taskId)
@@ -463,14 +657,12 @@ void RelayServer::endTask(Agent& agent, const QString& taskId)
 
 void RelayServer::dropAgent(Agent& agent)
 {
-    QStringList tasks;
-    for (auto it = m_taskAgents.cbegin(); it != m_taskAgents.cend(); ++it) {
-        if (it.value() == agent.agentId)
-            tasks.append(it.key());
-    }
-    for (const QString& taskId : tasks)
-        endTask(agent, taskId);
-    m_agents.remove(agent.agentId);
+    // Its tasks go on without the connection: they end when the agent says so.
+    const QString agentId = agent.agentId;
+    m_agents.remove(agentId);
+    const auto history = m_histories.find(agentId);
+    if (history != m_histories.end() && !history->second.numbered)
+        m_histories.erase(history);
 }
 
 void RelayServer::clientMessage(RelayConnection& client, QByteArrayView payload)
@@ -490,6 +682,10 @@ void RelayServer::clientMessage(RelayConnection& client, QByteArrayView payload)
     }
     if (type == QLatin1String("task.create"))
         createTask(client, message);
+    else if (type == QLatin1String("client.resume"))
+        resumeClient(client, message);
+    else if (type == QLatin1String("terminal.ack"))
+        acknowledgeTerminal(client, message);
     else if (MessageTypes::agentCommands().contains(type))
         forwardToAgent(client, type, message);
     else if (type == QLatin1String("permission.decision"))
@@ -521,6 +717,7 @@ void RelayServer::createTask(RelayConnection& client, const QJsonObject& message
     m_taskAgents.insert(taskId, agentId);
     if (agent->currentTaskId.isEmpty())
         agent->currentTaskId = taskId;
+    historyOf(agentId).snapshot.taskCreated(taskId, payload.toObject());
     logEvent("task.create", {{"taskId", taskId}, {"agentId", agentId}});
     agent->connection->sendText(RelayMessages::taskAssign(taskId, payload.toObject()));
     client.sendText(RelayMessages::taskCreated(taskId, agentId, requestId));
@@ -543,8 +740,182 @@ void RelayServer::forwardToAgent(RelayConnection& client, const QString& type, c
         replyError(client, QStringLiteral("BAD_REQUEST"), problem, requestId);
         return;
     }
-    if (const Agent* agent = connectedAgent(client, agentId, requestId))
-        agent->connection->sendText(RelayMessages::agentCommand(type, taskId, payload));
+    const Agent* agent = connectedAgent(client, agentId, requestId);
+    if (!agent)
+        return;
+    agent->connection->sendText(RelayMessages::agentCommand(type, taskId, payload));
+    if (type == QLatin1String("task.approval")) {
+        historyOf(agentId).snapshot.approvalSent(taskId.toString());
+    } else if (type == QLatin1String("terminal.close")) {
+        // An interactive session ends without a word of the agent.
+        const QString sessionId = payload.toObject().value(QStringLiteral("sessionId")).toString();
+        historyOf(agentId).snapshot.terminalClosing(sessionId);
+        m_terminalFlow.removeSession(agentId, sessionId);
+    }
+}
+
+void RelayServer::resumeClient(RelayConnection& client, const QJsonObject& message)
+{
+    const std::optional<QList<QPair<QString, qint64>>> since = sinceList(message.value(QStringLiteral("since")));
+    if (!since) {
+        replyError(client, QStringLiteral("BAD_REQUEST"),
+                   QStringLiteral("client.resume needs an object \"since\" of agent ids and seqs"),
+                   message.value(QStringLiteral("requestId")));
+        return;
+    }
+    for (const auto& [agentId, seq] : *since)
+        resume(client, agentId, seq);
+}
+
+void RelayServer::acknowledgeTerminal(RelayConnection& client, const QJsonObject& message)
+{
+    const QJsonValue requestId = message.value(QStringLiteral("requestId"));
+    const QString agentId = message.value(QStringLiteral("agentId")).toString();
+    const QJsonObject payload = message.value(QStringLiteral("payload")).toObject();
+    const QString sessionId = payload.value(QStringLiteral("sessionId")).toString();
+    const QJsonValue offsetValue = payload.value(QStringLiteral("offset"));
+    const qint64 offset = wholeNumber(offsetValue);
+    QString problem;
+    if (agentId.isEmpty())
+        problem = QStringLiteral("terminal.ack needs a string \"agentId\"");
+    else if (!message.value(QStringLiteral("payload")).isObject())
+        problem = QStringLiteral("terminal.ack needs an object \"payload\"");
+    else if (sessionId.isEmpty())
+        problem = QStringLiteral("terminal.ack needs a string \"sessionId\"");
+    else if (!offsetValue.isUndefined() && !offsetValue.isNull() && offset < 0)
+        problem = QStringLiteral("terminal.ack needs \"offset\" as a whole number");
+    if (!problem.isEmpty()) {
+        replyError(client, QStringLiteral("BAD_REQUEST"), problem, requestId);
+        return;
+    }
+    const std::optional<TerminalFlow::Window> window = m_terminalFlow.acknowledge(
+        &client, agentId, sessionId, offset < 0 ? std::nullopt : std::optional<qint64>(offset));
+    if (window)
+        tellAgentWindow(*window);
+}
+
+void RelayServer::tellAgentWindow(const TerminalFlow::Window& window)
+{
+    const auto agent = m_agents.constFind(window.agentId);
+    if (agent != m_agents.constEnd())
+        agent->connection->sendText(RelayMessages::terminalWindow(window.sessionId, window.offset));
+}
+
+void RelayServer::resume(RelayConnection& client, const QString& agentId, qint64 since)
+{
+    eraseCursor(client, agentId);
+    const auto found = m_histories.find(agentId);
+    if (found == m_histories.end() || !found->second.numbered) {
+        // Nothing of this agent yet (the server started since): its messages after
+        // `since` go to the client as they come.
+        client.sendText(RelayMessages::resumeOk(agentId, since));
+        setCursor(client, agentId, Cursor{since, false});
+        return;
+    }
+    const EventLog& log = found->second.log;
+    if (since < log.lostThrough()) {
+        sendGap(client, agentId, since);
+        return;
+    }
+    client.sendText(RelayMessages::resumeOk(agentId, since));
+    if (since >= log.headSeq()) {
+        if (since > log.headSeq())
+            setCursor(client, agentId, Cursor{since, false});
+        return;
+    }
+    setCursor(client, agentId, Cursor{since, true});
+    pump(client);
+}
+
+void RelayServer::sendGap(RelayConnection& client, const QString& agentId, qint64 since)
+{
+    AgentHistory& history = historyOf(agentId);
+    client.sendText(RelayMessages::resumeGap(agentId, since, history.log.headSeq(), history.snapshot.toJson()));
+}
+
+void RelayServer::setCursor(RelayConnection& client, const QString& agentId, Cursor cursor)
+{
+    QHash<QString, Cursor>& cursors = m_cursors[&client];
+    if (!cursors.contains(agentId))
+        ++m_cursorCounts[agentId];
+    cursors.insert(agentId, cursor);
+}
+
+void RelayServer::eraseCursor(RelayConnection& client, const QString& agentId)
+{
+    const auto cursors = m_cursors.find(&client);
+    if (cursors == m_cursors.end() || !cursors->remove(agentId))
+        return;
+    if (--m_cursorCounts[agentId] == 0)
+        m_cursorCounts.remove(agentId);
+    if (cursors->isEmpty())
+        m_cursors.erase(cursors);
+}
+
+void RelayServer::pump(RelayConnection& client)
+{
+    const auto cursors = m_cursors.find(&client);
+    if (cursors == m_cursors.end())
+        return;
+    QStringList caughtUp;
+    QStringList gaps;
+    bool waiting = false;
+    for (auto it = cursors->begin(); it != cursors->end(); ++it) {
+        if (!it->replaying)
+            continue;
+        const auto history = m_histories.find(it.key());
+        while (client.isOpen() && client.backlog() < kReplayBacklog) {
+            if (history == m_histories.end()) {
+                caughtUp.append(it.key());
+                break;
+            }
+            // The log may have let go of what the client still lacked while it read.
+            if (it->seq < history->second.log.lostThrough()) {
+                gaps.append(it.key());
+                break;
+            }
+            qint64 seq = 0;
+            const QByteArray* frame = history->second.log.next(it->seq, &seq);
+            if (!frame) {
+                caughtUp.append(it.key());
+                break;
+            }
+            client.sendFrame(*frame);
+            it->seq = seq;
+        }
+        waiting = waiting || (!caughtUp.contains(it.key()) && !gaps.contains(it.key()));
+    }
+    for (const QString& agentId : std::as_const(gaps)) {
+        const qint64 had = m_cursors.value(&client).value(agentId).seq;
+        eraseCursor(client, agentId);
+        sendGap(client, agentId, had);
+    }
+    for (const QString& agentId : std::as_const(caughtUp))
+        eraseCursor(client, agentId);
+    if (waiting && client.isOpen())
+        client.notifyWhenDrained();
+}
+
+void RelayServer::connectionDrained(RelayConnection& connection)
+{
+    pump(connection);
+}
+
+void RelayServer::trimHistories()
+{
+    for (auto it = m_histories.begin(); it != m_histories.end();) {
+        it->second.log.trimByAge();
+        if (m_agents.contains(it->first) || it->second.log.size() > 0) {
+            ++it;
+            continue;
+        }
+        // An agent gone for longer than its log reaches back is forgotten with its tasks.
+        for (const QString& taskId : it->second.snapshot.runningTaskIds()) {
+            m_taskAgents.remove(taskId);
+            m_permissions.endTask(taskId);
+        }
+        it = m_histories.erase(it);
+    }
 }
 
 void RelayServer::decidePermission(RelayConnection& client, const QJsonObject& message)
@@ -593,6 +964,10 @@ void RelayServer::connectionClosed(RelayConnection& connection)
             if (client == &connection)
                 client = nullptr;
         }
+        for (const QString& agentId : m_cursors.value(&connection).keys())
+            eraseCursor(connection, agentId);
+        for (const TerminalFlow::Window& window : m_terminalFlow.removeClient(&connection))
+            tellAgentWindow(window);
         if (m_broadcasting == 0)
             std::erase(m_clients, nullptr);
         if (connection.closeReason().isEmpty()) {
@@ -649,9 +1024,39 @@ void RelayServer::broadcastText(const QByteArray& text)
 QList<AgentRecord> RelayServer::agentRecords() const
 {
     QList<AgentRecord> records;
-    for (const Agent& agent : m_agents)
-        records.append(AgentRecord{agent.agentId, !agent.currentTaskId.isEmpty(), agent.registration});
+    for (const Agent& agent : m_agents) {
+        const auto history = m_histories.find(agent.agentId);
+        AgentRecord record;
+        record.agentId = agent.agentId;
+        record.busy = !agent.currentTaskId.isEmpty();
+        if (history != m_histories.end())
+            record.registration = history->second.registration;
+        records.append(record);
+    }
     return records;
+}
+
+QList<AgentRecord> RelayServer::helloRecords() const
+{
+    // The connected agents, and those gone whose messages the server still keeps.
+    QMap<QString, AgentRecord> records;
+    for (const AgentRecord& connected : agentRecords())
+        records.insert(connected.agentId, connected);
+    for (const auto& [agentId, history] : m_histories) {
+        if (!history.numbered && !records.contains(agentId))
+            continue;
+        AgentRecord& record = records[agentId];
+        record.agentId = agentId;
+        record.registration = history.registration;
+        record.online = m_agents.contains(agentId);
+        record.seq = history.log.headSeq();
+        record.snapshot = history.snapshot.toJson();
+    }
+    for (AgentRecord& record : records) {
+        if (record.snapshot.isEmpty())
+            record.snapshot = AgentSnapshot().toJson();
+    }
+    return records.values();
 }
 
 } // namespace brinmoor::relay

@@ -1,10 +1,13 @@
 #pragma once
 
+#include "agent_snapshot.h"
 #include "auth_guard.h"
+#include "event_log.h"
 #include "origin_policy.h"
 #include "permission_requests.h"
 #include "relay_connection.h"
 #include "relay_messages.h"
+#include "terminal_flow.h"
 #include "unauthenticated_connections.h"
 
 #include <QElapsedTimer>
@@ -13,7 +16,9 @@
 #include <QMap>
 #include <QObject>
 #include <QSet>
+#include <QTimer>
 
+#include <map>
 #include <vector>
 
 class QTcpServer;
@@ -27,11 +32,13 @@ struct RelayConfig {
     RelayLimits limits;
     int approvalTimeoutMs = 600'000;
     QStringList allowedOrigins; // besides the relay's own, normalized
+    EventLogLimits eventLog;
 };
 
 // The relay between agents and the phones: one port for the agents' WebSocket, the
-// clients' WebSocket and a few HTTP endpoints. It keeps each agent's registration and
-// task, and the tool uses waiting for a decision.
+// clients' WebSocket and a few HTTP endpoints. It keeps each agent's registration,
+// recent messages and present, and the tool uses waiting for a decision; a client that
+// comes back is given what it missed.
 class RelayServer : public QObject, private ConnectionHandler {
     Q_OBJECT
 
@@ -49,12 +56,30 @@ Q_SIGNALS:
     void stopped();
 
 private:
+    // A connected agent.
     struct Agent {
         QString agentId;
-        std::optional<QJsonObject> registration; // the latest "agent.register" without its "type"
         RelayConnection* connection = nullptr;
-        QString currentTaskId; // empty while idle
-        QByteArray prefix;     // {"agentId":"…", the start of every message relayed from it
+        QString currentTaskId;  // empty while idle
+        QByteArray prefix;      // {"agentId":"…","seq": the start of every message relayed from it
+        qint64 nextSeq = 0;     // the seq of the connection's next message; 0 before its first
+        qint64 skipThrough = 0; // messages up to this seq the server has already
+        qint64 acked = 0;       // the seq last confirmed to the agent
+        bool ackScheduled = false;
+    };
+    // What outlives an agent's connections: its recent messages, its present and its
+    // registration.
+    struct AgentHistory {
+        EventLog log;
+        AgentSnapshot snapshot;
+        std::optional<QJsonObject> registration; // the latest "agent.register" without its "type"
+        bool numbered = false;                   // a message of it has had a seq
+    };
+    // Where a client that resumes is in one agent's messages: it has everything up to
+    // `seq`; while replaying it is sent the log, otherwise it waits for messages after `seq`.
+    struct Cursor {
+        qint64 seq = 0;
+        bool replaying = false;
     };
 
     void requestReceived(RelayConnection& connection, const HttpRequest& request) override;
@@ -72,15 +97,33 @@ private:
     void acceptAgent(RelayConnection& connection, const HttpRequest& request);
     void acceptClient(RelayConnection& connection, const HttpRequest& request, const QByteArray& subprotocol);
     void receiveApproval(RelayConnection& connection, const QByteArray& body);
+    void connectionDrained(RelayConnection& connection) override;
 
+    AgentHistory& historyOf(const QString& agentId);
+    // The seq of a connection's first message: the one the agent announces, or one the
+    // server makes for an agent that does not.
+    void startStream(Agent& agent, qint64 first, qint64 next);
     void agentMessage(Agent& agent, QByteArrayView payload);
-    void observeAgentMessage(Agent& agent, const QJsonObject& message);
+    void observeAgentMessage(Agent& agent, AgentHistory& history, const QJsonObject& message);
+    void scheduleAck(Agent& agent);
+    void deliver(const QString& agentId, AgentHistory& history, qint64 seq, const QByteArray& frame);
     void endTask(Agent& agent, const QString& taskId);
     void dropAgent(Agent& agent);
     void clientMessage(RelayConnection& client, QByteArrayView payload);
     void createTask(RelayConnection& client, const QJsonObject& message);
     void forwardToAgent(RelayConnection& client, const QString& type, const QJsonObject& message);
     void decidePermission(RelayConnection& client, const QJsonObject& message);
+    void resumeClient(RelayConnection& client, const QJsonObject& message);
+    void acknowledgeTerminal(RelayConnection& client, const QJsonObject& message);
+    void tellAgentWindow(const TerminalFlow::Window& window);
+    // Starts giving the client the agent's messages after `since`.
+    void resume(RelayConnection& client, const QString& agentId, qint64 since);
+    void sendGap(RelayConnection& client, const QString& agentId, qint64 since);
+    void setCursor(RelayConnection& client, const QString& agentId, Cursor cursor);
+    void eraseCursor(RelayConnection& client, const QString& agentId);
+    // Sends replaying clients the log, as far as their backlog allows.
+    void pump(RelayConnection& client);
+    void trimHistories();
     // The connected agent of that id, or none after answering the client "AGENT_OFFLINE".
     Agent* connectedAgent(RelayConnection& client, const QString& agentId, const QJsonValue& requestId);
     void replyError(RelayConnection& client, const QString& code, const QString& message, const QJsonValue& requestId);
@@ -88,6 +131,7 @@ private:
     void broadcast(const QByteArray& frame);
     void broadcastText(const QByteArray& text);
     QList<AgentRecord> agentRecords() const;
+    QList<AgentRecord> helloRecords() const;
 
     RelayConfig m_config;
     QTcpServer* m_listener;
@@ -104,6 +148,11 @@ private:
     std::vector<RelayConnection*> m_clients;
     int m_broadcasting = 0;               // while > 0, closed clients are only blanked in m_clients
     QHash<QString, QString> m_taskAgents; // task id to agent id, while the task lives
+    std::map<QString, AgentHistory> m_histories;
+    QHash<RelayConnection*, QHash<QString, Cursor>> m_cursors;
+    QHash<QString, int> m_cursorCounts; // by agent id: clients with a cursor on it
+    TerminalFlow m_terminalFlow;
+    QTimer m_trimTimer;
 };
 
 } // namespace brinmoor::relay

@@ -59,6 +59,20 @@ std::variant<RelayConfig, QString> configFromEnvironment(const QProcessEnvironme
                env.value(QStringLiteral("BRINMOOR_CLIENT_BACKLOG_BYTES"));
     config.limits.maxBacklog = *backlog;
 
+    const std::optional<qint64> logBytes =
+        positive(env, QStringLiteral("BRINMOOR_EVENT_LOG_BYTES"), config.eventLog.maxBytes);
+    if (!logBytes)
+        return QStringLiteral("brinmoor-server: BRINMOOR_EVENT_LOG_BYTES is not a number of bytes: ") +
+               env.value(QStringLiteral("BRINMOOR_EVENT_LOG_BYTES"));
+    config.eventLog.maxBytes = *logBytes;
+
+    const std::optional<qint64> logSeconds =
+        positive(env, QStringLiteral("BRINMOOR_EVENT_LOG_SECONDS"), config.eventLog.maxAgeMs / 1000);
+    if (!logSeconds || *logSeconds > 365LL * 24 * 3600)
+        return QStringLiteral("brinmoor-server: BRINMOOR_EVENT_LOG_SECONDS is not a number of seconds: ") +
+               env.value(QStringLiteral("BRINMOOR_EVENT_LOG_SECONDS"));
+    config.eventLog.maxAgeMs = *logSeconds * 1000;
+
     const QString origins = env.value(QStringLiteral("BRINMOOR_ALLOWED_ORIGINS"));
     for (const QString& entry : origins.split(QLatin1Char(','), Qt::SkipEmptyParts)) {
         const std::optional<QString> origin = normalizedOrigin(entry.trimmed());

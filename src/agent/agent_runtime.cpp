@@ -5,6 +5,7 @@
 #include "protocol/messages.h"
 #include "terminal/terminal_session_manager.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QJsonDocument>
@@ -48,6 +49,7 @@ std::optional<QUrl> agentSocketURL(const QString& serverURL, const QString& agen
 AgentRuntime::AgentRuntime(SettingsStore& defaults, Environment env, Machine machine, ConnectionIntervals intervals,
                            QObject* parent)
     : QObject(parent), m_defaults(defaults), m_env(std::move(env)), m_machine(std::move(machine)),
+      m_outbox(QDateTime::currentMSecsSinceEpoch() * 1000),
       m_runner(std::make_unique<ProcessRunner>(static_cast<TaskHost&>(*this)))
 {
     m_reconnectTimer.setSingleShot(true);
@@ -63,6 +65,8 @@ AgentRuntime::AgentRuntime(SettingsStore& defaults, Environment env, Machine mac
     m_heartbeatTimer.setInterval(intervals.heartbeatMilliseconds);
     m_heartbeatTimer.setTimerType(Qt::PreciseTimer);
     connect(&m_heartbeatTimer, &QTimer::timeout, this, &AgentRuntime::onHeartbeat);
+    m_disconnectGrace.setSingleShot(true);
+    connect(&m_disconnectGrace, &QTimer::timeout, this, &AgentRuntime::onDisconnectGraceOver);
 }
 
 AgentRuntime::~AgentRuntime()
@@ -121,6 +125,9 @@ void AgentRuntime::stop()
         m_socket = nullptr;
     }
     m_connected = false;
+    m_awaitingHello = false;
+    m_outbox.close();
+    startDisconnectGrace();
     reportStatus(QStringLiteral("Stopped"));
 }
 
@@ -129,6 +136,11 @@ void AgentRuntime::discardSocket()
     m_connectTimeout.stop();
     m_heartbeatTimer.stop();
     m_connected = false;
+    m_awaitingHello = false;
+    m_outbox.close();
+    // The paces were the clients of that connection.
+    if (m_terminalSessionManager)
+        m_terminalSessionManager->releasePaces();
     if (!m_socket)
         return;
     m_socket->disconnect(this);
@@ -185,15 +197,28 @@ QString AgentRuntime::socketErrorText() const
 
 void AgentRuntime::onConnected()
 {
-    m_connectTimeout.stop();
+    // The server's hello comes first, with what it has of this agent; the time-out
+    // runs until it does.
     m_connected = true;
+    m_awaitingHello = true;
     m_flow.update(0);
     const ConnectionSettings settings = loadConnectionSettings();
     reportStatus(QStringLiteral("Connected as ") + settings.agentId);
     diag(QStringLiteral("connected serverURL=") + m_socketURL.toString() + QStringLiteral(" agentId=") +
          settings.agentId);
-    sendRegisterMessage();
     m_heartbeatTimer.start();
+}
+
+void AgentRuntime::onHello(qint64 serverHas)
+{
+    if (!m_awaitingHello)
+        return;
+    m_awaitingHello = false;
+    m_connectTimeout.stop();
+    m_disconnectGrace.stop();
+    m_outbox.open(serverHas, [this](const QString& text) { writeText(text); });
+    sendRegisterMessage();
+    sendAgentState();
 }
 
 void AgentRuntime::onSocketLost(const QString& error)
@@ -206,8 +231,26 @@ void AgentRuntime::onSocketLost(const QString& error)
         return;
     }
     reportStatus(QStringLiteral("Disconnected: ") + error);
-    stopRunningProcessIfAny(false);
+    // The task runs on; what it says waits for the next connection.
+    startDisconnectGrace();
     start();
+}
+
+void AgentRuntime::startDisconnectGrace()
+{
+    if (!currentTaskId() || m_disconnectGrace.isActive())
+        return;
+    const qint64 seconds = loadConnectionSettings().taskDisconnectGraceSec;
+    m_disconnectGrace.start(int(std::min<qint64>(seconds * 1000, std::numeric_limits<int>::max())));
+}
+
+void AgentRuntime::onDisconnectGraceOver()
+{
+    if (m_outbox.isOpen() || !currentTaskId())
+        return;
+    diag(QStringLiteral("task.stop.disconnected taskId=") + logValue(*currentTaskId()) + QStringLiteral(" graceSec=") +
+         QString::number(loadConnectionSettings().taskDisconnectGraceSec));
+    stopRunningProcessIfAny(false);
 }
 
 void AgentRuntime::onFrame(const QByteArray& data)
@@ -225,36 +268,63 @@ void AgentRuntime::onHeartbeat()
 
 void AgentRuntime::sendJSON(const QJsonObject& message)
 {
-    if (!isConnected())
-        return;
-    sendText(QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact)));
+    const QString type = message.value(QStringLiteral("type")).toString();
+    const QString taskId = message.value(QStringLiteral("taskId")).toString();
+    if (type == QLatin1String("task.awaiting_approval")) {
+        m_proposal = message;
+        m_proposal->remove(QStringLiteral("type"));
+    }
+    m_outbox.add(QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact)), taskId,
+                 type == QLatin1String("terminal.output") ? Outbox::Kind::TerminalOutput : Outbox::Kind::Other);
 }
 
 void AgentRuntime::sendTaskLog(const QString& taskId, QStringView line)
 {
-    if (!isConnected())
-        return;
-    sendText(Messages::taskLogText(taskId, line));
+    m_outbox.add(Messages::taskLogText(taskId, line), taskId, Outbox::Kind::TaskLog);
 }
 
-void AgentRuntime::sendSerialized(const QString& json)
+void AgentRuntime::sendTerminalOutput(const QString& json)
 {
-    if (!isConnected())
-        return;
-    sendText(json);
+    m_outbox.add(json, QString(), Outbox::Kind::TerminalOutput);
 }
 
-void AgentRuntime::sendText(const QString& text)
+void AgentRuntime::writeText(const QString& text)
 {
-    const qint64 sent = m_socket->sendTextMessage(text);
+    const qint64 sent = m_socket ? m_socket->sendTextMessage(text) : -1;
     if (sent <= 0 && !text.isEmpty()) {
-        const QString error =
-            m_socket->errorString().isEmpty() ? QStringLiteral("the frame was not sent") : m_socket->errorString();
+        const QString error = !m_socket || m_socket->errorString().isEmpty() ? QStringLiteral("the frame was not sent")
+                                                                             : m_socket->errorString();
         diag(QStringLiteral("sendJSON failed error=") + error + QStringLiteral(" payload=") + text);
         reportStatus(QStringLiteral("Send failed: ") + error);
+        // The server counts what arrives: a message that did not leave is sent again,
+        // in its place, on a new connection.
+        QMetaObject::invokeMethod(
+            this,
+            [this, error] {
+                if (m_outbox.isOpen())
+                    onSocketLost(error);
+            },
+            Qt::QueuedConnection);
         return;
     }
     m_flow.update(m_socket->bytesToWrite());
+}
+
+void AgentRuntime::sendAgentState()
+{
+    QList<Messages::StateTask> tasks;
+    std::optional<QJsonObject> proposal;
+    if (currentTaskId() && *currentTaskId() == m_task.taskId) {
+        Messages::StateTask task = m_task;
+        task.awaitingApproval = m_approvals.pendingApprovalTaskId() == m_task.taskId;
+        if (task.awaitingApproval && m_proposal &&
+            m_proposal->value(QStringLiteral("taskId")).toString() == m_task.taskId)
+            proposal = m_proposal;
+        tasks.append(task);
+    }
+    sendJSON(Messages::agentState(tasks, proposal,
+                                  m_terminalSessionManager ? m_terminalSessionManager->openSessions()
+                                                           : QList<Messages::StateTerminal>()));
 }
 
 void AgentRuntime::sendRegisterMessage()
@@ -277,7 +347,7 @@ TerminalSessionManager& AgentRuntime::terminalSessionManager()
         m_terminalSessionManager = new TerminalSessionManager([this] { return loadProfile(); },
                                                               [this](const QJsonObject& event) { sendJSON(event); },
                                                               [](const QString& line) { diag(line); }, &m_flow, this);
-        m_terminalSessionManager->sendSerialized = [this](const QString& json) { sendSerialized(json); };
+        m_terminalSessionManager->sendSerialized = [this](const QString& json) { sendTerminalOutput(json); };
     }
     return *m_terminalSessionManager;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "agent/outbox.h"
 #include "base/outgoing_flow.h"
 #include "chat/chat_execution.h"
 #include "config/agent_profile.h"
@@ -8,6 +9,7 @@
 #include "execution/approval_slot.h"
 #include "execution/process_runner.h"
 #include "execution/task_host.h"
+#include "protocol/messages.h"
 
 #include <QJsonObject>
 #include <QObject>
@@ -42,7 +44,9 @@ struct ConnectionIntervals {
 
 // The agent's core: the WebSocket connection to the server (register, heartbeat,
 // receive, reconnect), command dispatch, and the state of the one task that may run.
-// It is the host of that task (send, status, approvals, settings). Everything runs on
+// It is the host of that task (send, status, approvals, settings). A task outlives a
+// lost connection: what it says waits in the outbox until a server listens again, and
+// only a connection lost for longer than the grace time stops it. Everything runs on
 // the thread's event loop, which serialises all access.
 class AgentRuntime : public QObject, public TaskHost {
     Q_OBJECT
@@ -58,12 +62,14 @@ public:
     bool isConnected() const;
     void sendJSON(const QJsonObject& message) override;
     void sendTaskLog(const QString& taskId, QStringView line) override;
-    // Sends a message already serialised.
-    void sendSerialized(const QString& json);
+    // Sends a "terminal.output" already serialised.
+    void sendTerminalOutput(const QString& json);
     void sendRegisterMessage() override;
     // Re-announces the agent with the freshly loaded profile.
     void reloadConfiguration();
     std::function<void(const QString&)> onStatus;
+    // What waits for the server, and what it has not confirmed.
+    const Outbox& outbox() const { return m_outbox; }
 
     // --- dispatch ---
     // Decodes and routes one frame; false (with the reason) when it does not decode,
@@ -106,10 +112,17 @@ private:
     void discardSocket();
     QString socketErrorText() const;
     void onFrame(const QByteArray& data);
+    // The server said hello: the outbox opens, the agent registers and restates itself.
+    void onHello(qint64 serverHas);
     void onHeartbeat();
-    void sendText(const QString& text);
+    void writeText(const QString& text);
+    // Restates what the agent runs, for a server that may have started since.
+    void sendAgentState();
+    void startDisconnectGrace();
+    void onDisconnectGraceOver();
 
     void handleTaskAssign(const AgentCommand& command);
+    void handleServerCommand(const AgentCommand& command);
     void handleTerminalCommand(const AgentCommand& command);
     void routeTask(const TaskAssignment& task);
 
@@ -123,7 +136,14 @@ private:
     QTimer m_reconnectTimer;
     QTimer m_connectTimeout;
     QTimer m_heartbeatTimer;
+    QTimer m_disconnectGrace;
+    bool m_awaitingHello = false;
     OutgoingFlow m_flow;
+    Outbox m_outbox;
+    // What the agent restates of its task: kind and project from its "task.assign", and
+    // the proposal it waits on.
+    Messages::StateTask m_task;
+    std::optional<QJsonObject> m_proposal;
 
     ApprovalSlot m_approvals;
     std::unique_ptr<ProcessRunner> m_runner;

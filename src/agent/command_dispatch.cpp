@@ -26,6 +26,9 @@ bool AgentRuntime::handleCommandData(const QByteArray& data, QString* error)
 
     if (command.type == QLatin1String("agent.hello")) {
         diag(QStringLiteral("received agent.hello"));
+        onHello(std::max<qint64>(command.intMember(QStringLiteral("seq")).value_or(0), 0));
+    } else if (command.type == QLatin1String("agent.ack") || command.type == QLatin1String("terminal.ack")) {
+        handleServerCommand(command);
     } else if (command.type == QLatin1String("task.assign")) {
         handleTaskAssign(command);
     } else if (command.type == QLatin1String("task.cancel")) {
@@ -43,6 +46,20 @@ bool AgentRuntime::handleCommandData(const QByteArray& data, QString* error)
     }
     // Any other type is ignored without a reply.
     return true;
+}
+
+void AgentRuntime::handleServerCommand(const AgentCommand& command)
+{
+    // The server's own word on the connection: what it has, and how far the clients that
+    // pace a terminal have got.
+    if (command.type == QLatin1String("agent.ack")) {
+        if (const std::optional<qint64> seq = command.intMember(QStringLiteral("seq")))
+            m_outbox.acknowledge(*seq);
+        return;
+    }
+    const std::optional<QString> sessionId = command.stringMember(QStringLiteral("sessionId"));
+    if (sessionId && m_terminalSessionManager)
+        m_terminalSessionManager->pace(*sessionId, command.intMember(QStringLiteral("offset")));
 }
 
 void AgentRuntime::handleTerminalCommand(const AgentCommand& command)
@@ -104,6 +121,8 @@ void AgentRuntime::handleTaskAssign(const AgentCommand& command)
         if (task->timeoutSec < 0)
             throw runtimeError(13,
                                QStringLiteral("timeoutSec must not be negative: ") + QString::number(task->timeoutSec));
+        m_task = {task->taskId, task->action, task->projectPath,
+                  task->action == QLatin1String("chat") ? task->conversationId : QString(), false};
         routeTask(*task);
     } catch (const AgentError& error) {
         diag(QStringLiteral("task.assign failed taskId=") + logValue(task->taskId) + QStringLiteral(" error=") +

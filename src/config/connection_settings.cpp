@@ -34,6 +34,15 @@ ConnectionSettings ConnectionSettings::load(const SettingsStore& defaults, const
     settings.token =
         settingOrEnvironment(defaults, QStringLiteral("token"), env, QStringLiteral("BRINMOOR_SHARED_TOKEN"))
             .value_or(QString());
+    // A whole number of seconds from 0 up; anything else keeps the default.
+    bool valid = false;
+    const qint64 grace = settingOrEnvironment(defaults, QStringLiteral("taskDisconnectGraceSec"), env,
+                                              QStringLiteral("BRINMOOR_TASK_DISCONNECT_GRACE_SEC"))
+                             .value_or(QString())
+                             .trimmed()
+                             .toLongLong(&valid);
+    if (valid && grace >= 0 && grace <= 30LL * 24 * 3600)
+        settings.taskDisconnectGraceSec = grace;
     return settings;
 }
 

@@ -16,6 +16,8 @@ struct ConnectionSettings {
     QString serverURL;
     QString agentId;
     QString token;
+    // How long a task runs on while the agent has no connection, before it is stopped.
+    qint64 taskDisconnectGraceSec = 600;
 
     static ConnectionSettings load(const SettingsStore& defaults, const Environment& env);
 };

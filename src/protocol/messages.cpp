@@ -53,6 +53,42 @@ QJsonObject taskHeartbeat(const QString& taskId)
     return typed("task.heartbeat", taskId);
 }
 
+QJsonObject agentStream(qint64 first, qint64 next)
+{
+    return QJsonObject{{QStringLiteral("type"), QStringLiteral("agent.stream")},
+                       {QStringLiteral("first"), first},
+                       {QStringLiteral("next"), next}};
+}
+
+QJsonObject agentState(const QList<StateTask>& tasks, const std::optional<QJsonObject>& proposal,
+                       const QList<StateTerminal>& terminals)
+{
+    QJsonArray taskList;
+    for (const StateTask& task : tasks) {
+        QJsonObject object{{QStringLiteral("taskId"), task.taskId},
+                           {QStringLiteral("kind"), task.kind},
+                           {QStringLiteral("projectPath"), task.projectPath},
+                           {QStringLiteral("status"),
+                            task.awaitingApproval ? QStringLiteral("awaiting_approval") : QStringLiteral("running")}};
+        if (!task.conversationId.isEmpty())
+            object.insert(QStringLiteral("conversationId"), task.conversationId);
+        taskList.append(object);
+    }
+    QJsonArray terminalList;
+    for (const StateTerminal& terminal : terminals) {
+        terminalList.append(QJsonObject{
+            {QStringLiteral("sessionId"), terminal.sessionId},
+            {QStringLiteral("projectPath"), terminal.projectPath},
+            {QStringLiteral("mode"), terminal.interactive ? QStringLiteral("interactive") : QStringLiteral("line")}});
+    }
+    QJsonObject message{{QStringLiteral("type"), QStringLiteral("agent.state")},
+                        {QStringLiteral("tasks"), taskList},
+                        {QStringLiteral("terminals"), terminalList}};
+    if (proposal)
+        message.insert(QStringLiteral("proposal"), *proposal);
+    return message;
+}
+
 QJsonObject taskStarted(const QString& taskId)
 {
     return typed("task.started", taskId);
@@ -108,12 +144,17 @@ QString taskLogText(QStringView taskId, QStringView line)
     return out;
 }
 
-QString terminalOutputText(QStringView sessionId, QStringView projectPath, QStringView data, bool snapshot)
+QString terminalOutputText(QStringView sessionId, QStringView projectPath, QStringView data, bool snapshot,
+                           std::optional<qint64> offset)
 {
     QString out;
-    out.reserve(data.size() + data.size() / 8 + sessionId.size() + projectPath.size() + 80);
+    out.reserve(data.size() + data.size() / 8 + sessionId.size() + projectPath.size() + 100);
     out.append(QLatin1String("{\"data\":"));
     appendJsonString(out, data);
+    if (offset) {
+        out.append(QLatin1String(",\"offset\":"));
+        out.append(QString::number(*offset));
+    }
     out.append(QLatin1String(",\"projectPath\":"));
     appendJsonString(out, projectPath);
     out.append(QLatin1String(",\"sessionId\":"));
@@ -222,12 +263,15 @@ QJsonObject terminalAttached(const QString& sessionId, const QString& projectPat
     return terminalOpened(sessionId, projectPath, false);
 }
 
-QJsonObject terminalOutput(const QString& sessionId, const QString& projectPath, const QString& data, bool snapshot)
+QJsonObject terminalOutput(const QString& sessionId, const QString& projectPath, const QString& data, bool snapshot,
+                           std::optional<qint64> offset)
 {
     QJsonObject message = terminalEvent("terminal.output", sessionId, projectPath);
     message.insert(QStringLiteral("data"), data);
     if (snapshot)
         message.insert(QStringLiteral("snapshot"), true);
+    if (offset)
+        message.insert(QStringLiteral("offset"), *offset);
     return message;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QJsonObject>
+#include <QList>
 #include <QString>
 #include <QStringList>
 
@@ -24,6 +25,27 @@ struct Registration {
 // Connection level.
 QJsonObject agentRegister(const Registration& profile);
 QJsonObject taskHeartbeat(const QString& taskId);
+// The first message on every connection: the seq of the agent's first message ever and
+// of the next message on this connection.
+QJsonObject agentStream(qint64 first, qint64 next);
+
+// What the agent runs, restated after every connect.
+struct StateTask {
+    QString taskId;
+    QString kind;
+    QString projectPath;
+    QString conversationId; // chats only
+    bool awaitingApproval = false;
+};
+struct StateTerminal {
+    QString sessionId;
+    QString projectPath;
+    bool interactive = false;
+};
+// "proposal" is the waiting "task.awaiting_approval" without its "type"; none when no
+// proposal waits.
+QJsonObject agentState(const QList<StateTask>& tasks, const std::optional<QJsonObject>& proposal,
+                       const QList<StateTerminal>& terminals);
 
 // Task results.
 QJsonObject taskStarted(const QString& taskId);
@@ -57,11 +79,14 @@ QJsonObject taskAwaitingApproval(const QString& taskId, const Proposal& proposal
 // Terminal sessions.
 QJsonObject terminalOpened(const QString& sessionId, const QString& projectPath, bool interactive);
 QJsonObject terminalAttached(const QString& sessionId, const QString& projectPath);
+// Live output carries "offset": how much output the session has given so far, this
+// piece included, counted in UTF-16 code units (what JavaScript's length counts).
 QJsonObject terminalOutput(const QString& sessionId, const QString& projectPath, const QString& data,
-                           bool snapshot = false);
+                           bool snapshot = false, std::optional<qint64> offset = std::nullopt);
 // The serialised "terminal.output", written without building an object (terminal
 // output is a hot path). Parses to the same object as `terminalOutput`.
-QString terminalOutputText(QStringView sessionId, QStringView projectPath, QStringView data, bool snapshot = false);
+QString terminalOutputText(QStringView sessionId, QStringView projectPath, QStringView data, bool snapshot = false,
+                           std::optional<qint64> offset = std::nullopt);
 QJsonObject terminalStatus(const QString& sessionId, const QString& projectPath, qint64 cols, qint64 rows);
 QJsonObject terminalCompletion(const QString& sessionId, const QString& projectPath, qint64 replacementStart,
                                qint64 replacementEnd, const QString& replacement, const QStringList& suggestions);

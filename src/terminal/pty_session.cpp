@@ -149,11 +149,9 @@ void PtySession::watchMaster()
 {
     m_reader = new QSocketNotifier(m_master, QSocketNotifier::Read, this);
     connect(m_reader, &QSocketNotifier::activated, this, &PtySession::onReadable);
-    if (m_flow) {
-        connect(m_flow, &OutgoingFlow::resumed, this, &PtySession::resume);
-        if (m_flow->isBlocked())
-            pause();
-    }
+    if (m_flow)
+        connect(m_flow, &OutgoingFlow::resumed, this, &PtySession::updateReading);
+    updateReading();
 }
 
 bool PtySession::isRunning() const
@@ -274,8 +272,8 @@ void PtySession::release()
 
 void PtySession::onReadable()
 {
-    if (m_flow && m_flow->isBlocked()) {
-        pause();
+    if (!mayRead()) {
+        updateReading();
         return;
     }
     // The master reports the end of the shell's side as end of file or EIO; the
@@ -284,8 +282,8 @@ void PtySession::onReadable()
     readAvailable(kChunkLimit, &ended);
     if (ended)
         stopReading();
-    else if (m_flow && m_flow->isBlocked())
-        pause();
+    else
+        updateReading();
 }
 
 qsizetype PtySession::readAvailable(qsizetype limit, bool* ended)
@@ -319,6 +317,7 @@ void PtySession::deliver(const QByteArray& data)
     if (m_buffer.size() >= kMaxBufferedChunks)
         m_buffer.erase(m_buffer.begin(), m_buffer.end() - (kMaxBufferedChunks - 1));
     m_buffer.append(*text);
+    m_outputOffset += text->size();
     touch();
     Q_EMIT output(*text);
 }
@@ -366,22 +365,23 @@ void PtySession::closeMaster()
     }
 }
 
-void PtySession::pause()
+void PtySession::pace(std::optional<qint64> rendered)
 {
-    if (m_paused)
-        return;
-    m_paused = true;
-    if (m_reader)
-        m_reader->setEnabled(false);
+    m_rendered = rendered;
+    updateReading();
 }
 
-void PtySession::resume()
+bool PtySession::mayRead() const
 {
-    if (!m_paused)
-        return;
-    m_paused = false;
-    if (m_reader)
-        m_reader->setEnabled(true);
+    if (m_flow && m_flow->isBlocked())
+        return false;
+    return !m_rendered || m_outputOffset - *m_rendered < kOutputWindow;
+}
+
+void PtySession::updateReading()
+{
+    if (m_reader && m_reader->isEnabled() != mayRead())
+        m_reader->setEnabled(mayRead());
 }
 
 } // namespace brinmoor

@@ -9,6 +9,7 @@
 #include <QStringList>
 
 #include <functional>
+#include <optional>
 
 class QProcess;
 class QSocketNotifier;
@@ -18,8 +19,9 @@ namespace brinmoor {
 class OutgoingFlow;
 
 // One shell on a pseudo-terminal: the master, the shell's process, the reader (paused
-// while the connection is behind), a queue for input the terminal does not take at
-// once, the replay buffer and the folder the shell is believed to be in.
+// while the connection is behind, or while the slowest client that paces the session
+// is a window behind), a queue for input the terminal does not take at once, the
+// replay buffer and the folder the shell is believed to be in.
 //
 // Both kinds of terminal start the same way: a QProcess whose child makes the terminal
 // its controlling terminal and standard streams. Nothing here waits: the start, the
@@ -43,6 +45,9 @@ public:
     // Input the terminal has not taken yet. A phone that sends more while the shell
     // does not read is refused rather than held without bound.
     static constexpr qsizetype kMaxPendingInput = 1024 * 1024;
+    // Output read ahead of what the slowest pacing client has rendered, in UTF-16 code
+    // units; past it the terminal is not read, and its program waits.
+    static constexpr qint64 kOutputWindow = 256 * 1024;
 
     PtySession(const QString& sessionId, const QString& projectPath, const QString& workingDir, OutgoingFlow* flow,
                std::function<void(const QString&)> diag, QObject* parent = nullptr);
@@ -81,6 +86,11 @@ public:
 
     // The replay buffer: the newest output chunks, oldest first.
     const QStringList& buffer() const { return m_buffer; }
+    // How much output has been delivered so far, in UTF-16 code units.
+    qint64 outputOffset() const { return m_outputOffset; }
+    // Clients pace the session and the slowest has rendered output up to `rendered`;
+    // without it nobody paces it.
+    void pace(std::optional<qint64> rendered);
     QString currentDirectory;
     QDateTime startedAt;
     QDateTime updatedAt;
@@ -113,8 +123,9 @@ private:
     void onFinished(int exitCode, bool crashed);
     void stopReading();
     void closeMaster();
-    void pause();
-    void resume();
+    // Reads while the connection keeps up and no pacing client is a window behind.
+    bool mayRead() const;
+    void updateReading();
 
     QString m_sessionId;
     QString m_projectPath;
@@ -131,7 +142,8 @@ private:
     QByteArray m_pendingInput;
     Utf8StreamDecoder m_decoder;
     QStringList m_buffer;
-    bool m_paused = false;
+    qint64 m_outputOffset = 0;
+    std::optional<qint64> m_rendered;
     bool m_closed = false;
     bool m_released = false;
 };

@@ -11,6 +11,7 @@
 
 #include <QDir>
 
+#include <algorithm>
 #include <csignal>
 
 namespace brinmoor {
@@ -55,14 +56,32 @@ TerminalSessionManager::TerminalSessionManager(std::function<AgentProfile()> pro
 // process object reaps it later, so nothing outlives the manager and nothing waits.
 TerminalSessionManager::~TerminalSessionManager() = default;
 
+QList<PtySession*> TerminalSessionManager::liveSessions() const
+{
+    QList<PtySession*> live;
+    for (PtySession* session : m_sessions) {
+        if (!session->isClosed())
+            live.append(session);
+    }
+    std::sort(live.begin(), live.end(),
+              [](const PtySession* a, const PtySession* b) { return a->startedAt < b->startedAt; });
+    return live;
+}
+
 QStringList TerminalSessionManager::sessionIds() const
 {
     QStringList ids;
-    for (const PtySession* session : m_sessions) {
-        if (!session->isClosed())
-            ids.append(session->sessionId());
-    }
+    for (const PtySession* session : liveSessions())
+        ids.append(session->sessionId());
     return ids;
+}
+
+QList<Messages::StateTerminal> TerminalSessionManager::openSessions() const
+{
+    QList<Messages::StateTerminal> open;
+    for (const PtySession* session : liveSessions())
+        open.append({session->sessionId(), session->projectPath(), session->isInteractive()});
+    return open;
 }
 
 // --- opening a session ---
@@ -260,6 +279,19 @@ void TerminalSessionManager::close(const QString& sessionId)
         closeSession(session);
 }
 
+void TerminalSessionManager::pace(const QString& sessionId, std::optional<qint64> rendered)
+{
+    // A session that is gone has nothing left to pace.
+    if (PtySession* session = m_sessions.value(sessionId.trimmed()))
+        session->pace(rendered);
+}
+
+void TerminalSessionManager::releasePaces()
+{
+    for (PtySession* session : std::as_const(m_sessions))
+        session->pace(std::nullopt);
+}
+
 void TerminalSessionManager::closeSession(PtySession* session)
 {
     if (!session->isRunning()) {
@@ -304,10 +336,14 @@ void TerminalSessionManager::clear(PtySession* session)
 
 void TerminalSessionManager::sendOutput(const PtySession& session, const QString& text, bool snapshot)
 {
+    // Live output says how far the session has got, for clients that pace it; a replay
+    // is output they have been counted for already.
+    const std::optional<qint64> offset = snapshot ? std::nullopt : std::optional<qint64>(session.outputOffset());
     if (sendSerialized)
-        sendSerialized(Messages::terminalOutputText(session.sessionId(), session.projectPath(), text, snapshot));
+        sendSerialized(
+            Messages::terminalOutputText(session.sessionId(), session.projectPath(), text, snapshot, offset));
     else
-        m_sendEvent(Messages::terminalOutput(session.sessionId(), session.projectPath(), text, snapshot));
+        m_sendEvent(Messages::terminalOutput(session.sessionId(), session.projectPath(), text, snapshot, offset));
 }
 
 void TerminalSessionManager::sendError(const QString& sessionId, const QString& projectPath, const QString& message)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "config/agent_profile.h"
+#include "protocol/messages.h"
 
 #include <QHash>
 #include <QJsonObject>
@@ -40,12 +41,19 @@ public:
     void resize(const QString& sessionId, qint64 cols, qint64 rows);
     void signal(const QString& sessionId, const QString& signal);
     void close(const QString& sessionId);
+    // The server says how far the slowest client pacing the session has rendered its
+    // output; without an offset nobody paces it.
+    void pace(const QString& sessionId, std::optional<qint64> rendered);
+    // The connection is gone, and with it every pace.
+    void releasePaces();
 
     // When set, output goes out through it already serialised (the fast path).
     std::function<void(const QString& json)> sendSerialized;
 
     // The ids of the sessions not closed yet, for closing them all when the agent stops.
     QStringList sessionIds() const;
+    // The sessions not closed yet, as the agent restates them, in the order they opened.
+    QList<Messages::StateTerminal> openSessions() const;
 
 private:
     void start(PtySession* session, bool interactive, const AgentProfile& profile);
@@ -58,6 +66,7 @@ private:
     void store(PtySession* session);
     void clear(PtySession* session);
     void sendOutput(const PtySession& session, const QString& text, bool snapshot);
+    QList<PtySession*> liveSessions() const;
     void sendError(const QString& sessionId, const QString& projectPath, const QString& message);
 
     std::function<AgentProfile()> m_profileProvider;

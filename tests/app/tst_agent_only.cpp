@@ -90,7 +90,8 @@ private Q_SLOTS:
         QCOMPARE(server.lastAuthorization(), std::optional<QByteArray>("Bearer tok"));
         server.send(shellTask(QStringLiteral("t1"), QStringLiteral("echo hello")));
         QVERIFY(server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t1")));
-        QCOMPARE(server.trace().split(QLatin1Char('\n')).mid(1),
+        // After the registration and the agent's state:
+        QCOMPARE(server.trace().split(QLatin1Char('\n')).mid(2),
                  (QStringList{QStringLiteral("task.log workspace.resolve action=shell requestedProjectPath= "
                                              "resolvedWorkingDir=") +
                                   agent.repo.path(),
@@ -148,8 +149,9 @@ private Q_SLOTS:
                                                      {QStringLiteral("prompt"), QStringLiteral("How many files?")},
                                                      {QStringLiteral("conversationId"), QStringLiteral("conv-7")}}}});
         QVERIFY(server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("chat-1")));
+        // After the registration and the agent's state:
         QCOMPARE(
-            server.trace().split(QLatin1Char('\n')).mid(1),
+            server.trace().split(QLatin1Char('\n')).mid(2),
             (QStringList{
                 QStringLiteral("task.log workspace.resolve action=chat requestedProjectPath=App "
                                "resolvedWorkingDir=") +

@@ -310,10 +310,11 @@ private Q_SLOTS:
         QCOMPARE(mcpFiles(), QStringList());
     }
 
-    void lostConnectionRemovesTheMcpConfiguration()
+    void aConnectionLostPastItsGraceRemovesTheMcpConfiguration()
     {
         AgentFixture f;
         setUpAgent(f);
+        f.settings.setValue(QStringLiteral("taskDisconnectGraceSec"), QStringLiteral("0"));
         write(QStringLiteral("claude.stream"), QByteArray(R"({"type":"system"})"
                                                           "\n") +
                                                    kPause + kPause + kPause + kPause + kPause + kPause + kPause +

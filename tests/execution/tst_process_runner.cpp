@@ -308,7 +308,8 @@ private Q_SLOTS:
                                                      {QStringLiteral("command"), QStringLiteral("echo x")}}}});
         f.shell(QStringLiteral("after"), QStringLiteral("true"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("after")));
-        QCOMPARE(f.server.messages().size(), 1 + 3); // register, then the second task's three
+        // Register and state, then the second task's three.
+        QCOMPARE(f.server.messages().size(), 2 + 3);
     }
 
     void buildActionRunsTheDeployScriptInTheRoot()
@@ -405,11 +406,12 @@ private Q_SLOTS:
         QCOMPARE(host.statuses, QStringList{QStringLiteral("Ready: test-agent")});
     }
 
-    void serverClosingMidTaskStopsTheChildWithoutLeaks()
+    void aConnectionLostPastItsGraceStopsTheChildWithoutLeaks()
     {
         const int descriptorsBefore = openDescriptorCount();
         {
             AgentFixture f;
+            f.settings.setValue(QStringLiteral("taskDisconnectGraceSec"), QStringLiteral("0"));
             QVERIFY(f.connect());
             f.shell(QStringLiteral("t"), QStringLiteral("sleep 300 & echo pid=$!; sleep 300"));
             const std::optional<QJsonObject> line =

@@ -30,6 +30,13 @@ QString typeOf(const QJsonObject& message)
     return message.value(QStringLiteral("type")).toString();
 }
 
+// What the server told an agent, without its confirmations of what it received.
+QList<QJsonObject> withoutAcks(QList<QJsonObject> messages)
+{
+    messages.removeIf([](const QJsonObject& m) { return typeOf(m) == QLatin1String("agent.ack"); });
+    return messages;
+}
+
 QByteArray postApproval(const QString& token, const QByteArray& body)
 {
     return "POST /v1/approvals HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: Bearer " + token.toUtf8() +
@@ -486,14 +493,13 @@ private Q_SLOTS:
         RelayClient client;
         RelayClient agent;
         connectAgentAndClient(agent, client);
-        QCOMPARE(
-            client.messages().mid(0, 3),
-            (QList<QJsonObject>{
-                json("{\"type\":\"server.hello\",\"agents\":[]}"),
-                json("{\"type\":\"agent.online\",\"agentId\":\"mac-1\"}"),
-                json("{\"type\":\"agent.register\",\"agentId\":\"mac-1\",\"profiles\":[\"ios-local\"],\"projects\":[\"/p\"],"
-                     "\"supportsApproval\":true}"),
-            }));
+        QCOMPARE(client.messages().mid(0, 3),
+                 (QList<QJsonObject>{
+                     json("{\"type\":\"server.hello\",\"agents\":[]}"),
+                     json("{\"type\":\"agent.online\",\"agentId\":\"mac-1\"}"),
+                     json("{\"type\":\"agent.register\",\"agentId\":\"mac-1\",\"seq\":1,\"profiles\":[\"ios-local\"],"
+                          "\"projects\":[\"/p\"],\"supportsApproval\":true}"),
+                 }));
         const QString agents = statusAndBody(
             httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n\r\n"));
         QCOMPARE(agents, QStringLiteral("HTTP/1.1 200 OK\n{\"agents\":[{\"agentId\":\"mac-1\",\"busy\":false,"
@@ -504,7 +510,8 @@ private Q_SLOTS:
         QVERIFY(late.open(m_relay->port, m_relay->token));
         QCOMPARE(late.messages().first(),
                  json("{\"type\":\"server.hello\",\"agents\":[{\"agentId\":\"mac-1\",\"busy\":false,\"registration\":"
-                      "{\"profiles\":[\"ios-local\"],\"projects\":[\"/p\"],\"supportsApproval\":true}}]}"));
+                      "{\"profiles\":[\"ios-local\"],\"projects\":[\"/p\"],\"supportsApproval\":true},\"online\":true,"
+                      "\"seq\":1,\"snapshot\":{\"tasks\":[],\"proposal\":null,\"terminals\":[]}}]}"));
 
         client.send(json(
             "{\"type\":\"task.create\",\"agentId\":\"mac-1\",\"requestId\":\"r1\",\"payload\":{\"action\":\"shell\",\"command\":\"ls\"}}"));
@@ -537,10 +544,13 @@ private Q_SLOTS:
                  (QList<QJsonObject>{
                      QJsonObject{{QStringLiteral("type"), QStringLiteral("task.log")},
                                  {QStringLiteral("agentId"), QStringLiteral("mac-1")},
+                                 {QStringLiteral("seq"), 2},
                                  {QStringLiteral("taskId"), taskId},
                                  {QStringLiteral("line"), QStringLiteral("hi \"agentId\" there")}},
+                     // Messages the relay drops still take their seq.
                      QJsonObject{{QStringLiteral("type"), QStringLiteral("task.finished")},
                                  {QStringLiteral("agentId"), QStringLiteral("mac-1")},
+                                 {QStringLiteral("seq"), 4},
                                  {QStringLiteral("taskId"), taskId},
                                  {QStringLiteral("exitCode"), 0}},
                  }));
@@ -556,7 +566,7 @@ private Q_SLOTS:
         client.send(json(
             "{\"type\":\"task.approval\",\"agentId\":\"mac-1\",\"taskId\":\"t9\",\"payload\":{\"decision\":\"approve\"}}"));
         QVERIFY(agent.waitForType(QStringLiteral("task.approval")));
-        QCOMPARE(agent.messages().mid(2),
+        QCOMPARE(withoutAcks(agent.messages()).mid(2),
                  (QList<QJsonObject>{
                      json("{\"type\":\"terminal.input\",\"payload\":{\"sessionId\":\"s1\",\"dataBase64\":\"bHMK\"}}"),
                      QJsonObject{{QStringLiteral("type"), QStringLiteral("task.cancel")},

@@ -59,13 +59,32 @@ void LoopbackServer::onNewConnection()
             m_client->deleteLater();
         m_client = socket;
         socket->setParent(this);
-        connect(socket, &QWebSocket::textMessageReceived, this,
-                [this](const QString& text) { m_messages.append(QJsonDocument::fromJson(text.toUtf8()).object()); });
+        connect(socket, &QWebSocket::textMessageReceived, this, &LoopbackServer::onMessage);
         connect(socket, &QWebSocket::disconnected, this, [this, socket] {
             m_lastCloseCode = int(socket->closeCode());
             socket->deleteLater();
         });
+        m_nextSeq = 0;
+        send(QJsonObject{{QStringLiteral("type"), QStringLiteral("agent.hello")},
+                         {QStringLiteral("payload"), QJsonObject{{QStringLiteral("seq"), m_newestSeq}}}});
     }
+}
+
+void LoopbackServer::onMessage(const QString& text)
+{
+    const QJsonObject message = QJsonDocument::fromJson(text.toUtf8()).object();
+    if (message.value(QStringLiteral("type")).toString() == QLatin1String("agent.stream")) {
+        m_streams.append(message);
+        m_nextSeq = message.value(QStringLiteral("next")).toInteger();
+        return;
+    }
+    const qint64 seq = m_nextSeq > 0 ? m_nextSeq++ : 0;
+    m_messages.append(message);
+    m_seqs.append(seq);
+    m_newestSeq = std::max(m_newestSeq, seq);
+    if (m_acknowledging && seq > 0)
+        send(QJsonObject{{QStringLiteral("type"), QStringLiteral("agent.ack")},
+                         {QStringLiteral("payload"), QJsonObject{{QStringLiteral("seq"), seq}}}});
 }
 
 QList<QJsonObject> LoopbackServer::messagesOfType(const QString& type, const QString& taskId) const

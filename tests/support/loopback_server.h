@@ -15,8 +15,10 @@ class QWebSocketServer;
 
 namespace brinmoor::test {
 
-// A real WebSocket server on 127.0.0.1 playing the relay server: it records every
-// message an agent sends and can send frames back.
+// A real WebSocket server on 127.0.0.1 playing the relay server: it says hello with
+// the newest seq it has, records every message an agent sends with its seq (the
+// "agent.stream" announcements apart), confirms each one unless told not to, and can
+// send frames back.
 class LoopbackServer : public QObject {
     Q_OBJECT
 
@@ -33,7 +35,17 @@ public:
 
     // Every message received, in order, over all connections.
     const QList<QJsonObject>& messages() const { return m_messages; }
-    void clearMessages() { m_messages.clear(); }
+    // The seq of each of them, as the agent's announcements number them.
+    const QList<qint64>& seqs() const { return m_seqs; }
+    // The "agent.stream" announcements, one per connection.
+    const QList<QJsonObject>& streams() const { return m_streams; }
+    void clearMessages()
+    {
+        m_messages.clear();
+        m_seqs.clear();
+    }
+    // Whether each message is confirmed with "agent.ack" (it is by default).
+    void setAcknowledging(bool acknowledging) { m_acknowledging = acknowledging; }
     // Messages of one type (and task, when given).
     QList<QJsonObject> messagesOfType(const QString& type, const QString& taskId = {}) const;
     // "type line" for each task.log, "type" for others: a readable trace for failures.
@@ -61,10 +73,16 @@ public:
 
 private:
     void onNewConnection();
+    void onMessage(const QString& text);
 
     QWebSocketServer* m_server = nullptr;
     QPointer<QWebSocket> m_client;
     QList<QJsonObject> m_messages;
+    QList<qint64> m_seqs;
+    QList<QJsonObject> m_streams;
+    qint64 m_nextSeq = 0;
+    qint64 m_newestSeq = 0;
+    bool m_acknowledging = true;
     int m_connectionCount = 0;
     QUrl m_lastRequestURL;
     std::optional<QByteArray> m_lastAuthorization;

@@ -36,12 +36,23 @@ bool RelayClient::open(quint16 port, const QString& token, TokenVia via, const Q
         .has_value();
 }
 
-bool RelayClient::openAgent(quint16 port, const QString& agentId, const QString& token)
+bool RelayClient::openAgent(quint16 port, const QString& agentId, const QString& token, bool announce)
 {
     QNetworkRequest request(QUrl(QStringLiteral("ws://127.0.0.1:%1/v1/ws/agent?agentId=%2").arg(port).arg(agentId)));
     request.setRawHeader("Authorization", "Bearer " + token.toUtf8());
     m_socket->open(request);
-    return waitForType(QStringLiteral("agent.hello")).has_value();
+    const std::optional<QJsonObject> hello = waitForType(QStringLiteral("agent.hello"));
+    if (!hello)
+        return false;
+    if (announce) {
+        // A stream of seqs of its own, starting above what the server has of this agent.
+        const qint64 next =
+            hello->value(QStringLiteral("payload")).toObject().value(QStringLiteral("seq")).toInteger() + 1;
+        send(QJsonObject{{QStringLiteral("type"), QStringLiteral("agent.stream")},
+                         {QStringLiteral("first"), next},
+                         {QStringLiteral("next"), next}});
+    }
+    return true;
 }
 
 void RelayClient::send(const QJsonObject& message)

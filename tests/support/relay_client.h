@@ -27,8 +27,9 @@ public:
     // Connects and waits for "server.hello"; false when that does not happen.
     bool open(quint16 port, const QString& token, TokenVia via = TokenVia::Header,
               const QStringList& otherSubprotocols = {});
-    // Connects as an agent instead, waiting for "agent.hello".
-    bool openAgent(quint16 port, const QString& agentId, const QString& token);
+    // Connects as an agent instead, waiting for "agent.hello"; then, when it is to
+    // announce, numbers its messages from just above the server's seq, as an agent does.
+    bool openAgent(quint16 port, const QString& agentId, const QString& token, bool announce = true);
     void send(const QJsonObject& message);
     void sendText(const QString& text);
     void close();

@@ -1,0 +1,214 @@
+#include "agent_snapshot.h"
+
+#include <QJsonArray>
+
+namespace brinmoor::relay {
+
+namespace {
+
+const QString kRunning = QStringLiteral("running");
+const QString kAwaitingApproval = QStringLiteral("awaiting_approval");
+
+QString text(const QJsonObject& object, const char* key)
+{
+    return object.value(QLatin1String(key)).toString();
+}
+
+bool isActive(const QString& status)
+{
+    return status == kRunning || status == kAwaitingApproval;
+}
+
+} // namespace
+
+AgentSnapshot::Task& AgentSnapshot::task(const QString& taskId)
+{
+    for (Task& existing : m_tasks) {
+        if (existing.taskId == taskId)
+            return existing;
+    }
+    m_tasks.append(Task{taskId, QString(), QString(), QString(), kRunning, std::nullopt});
+    return m_tasks.last();
+}
+
+void AgentSnapshot::taskCreated(const QString& taskId, const QJsonObject& payload)
+{
+    Task& created = task(taskId);
+    // A task without an action is a build, as the agent reads it.
+    created.kind = payload.value(QStringLiteral("action")).toString(QStringLiteral("build_ios"));
+    created.projectPath = text(payload, "projectPath");
+    if (created.kind == QLatin1String("chat"))
+        created.conversationId = text(payload, "conversationId");
+}
+
+void AgentSnapshot::observe(const QJsonObject& message)
+{
+    const QString type = text(message, "type");
+    const QString taskId = text(message, "taskId");
+    const std::optional<qint64> exitCode =
+        message.value(QStringLiteral("exitCode")).isDouble()
+            ? std::optional<qint64>(qint64(message.value(QStringLiteral("exitCode")).toDouble()))
+            : std::nullopt;
+    if ((type == QLatin1String("task.started") || type == QLatin1String("task.heartbeat")) && !taskId.isEmpty()) {
+        task(taskId);
+    } else if (type == QLatin1String("task.awaiting_approval") && !taskId.isEmpty()) {
+        Task& waiting = task(taskId);
+        if (isActive(waiting.status))
+            waiting.status = kAwaitingApproval;
+        QJsonObject proposal = message;
+        proposal.remove(QStringLiteral("type"));
+        proposal.remove(QStringLiteral("agentId"));
+        m_proposal = proposal;
+    } else if (type == QLatin1String("task.finished") && !taskId.isEmpty()) {
+        endTask(taskId, QStringLiteral("finished"), exitCode);
+    } else if (type == QLatin1String("task.failed") && !taskId.isEmpty()) {
+        endTask(taskId, QStringLiteral("failed"), exitCode);
+    } else if (type == QLatin1String("task.cancelled") && !taskId.isEmpty()) {
+        endTask(taskId, QStringLiteral("cancelled"), exitCode);
+    } else if (type == QLatin1String("terminal.opened")) {
+        openTerminal(text(message, "sessionId"), text(message, "projectPath"), text(message, "mode"));
+    } else if (type == QLatin1String("terminal.closed")) {
+        closeTerminal(text(message, "sessionId"));
+    } else if (type == QLatin1String("agent.state")) {
+        restate(message);
+    }
+}
+
+void AgentSnapshot::endTask(const QString& taskId, const QString& status, std::optional<qint64> exitCode)
+{
+    Task& ended = task(taskId);
+    // The first end counts: a cancelled task's child still reports its own status later.
+    if (isActive(ended.status)) {
+        ended.status = status;
+        ended.exitCode = exitCode;
+    }
+    if (m_proposal && text(*m_proposal, "taskId") == taskId)
+        m_proposal.reset();
+    forgetOldEndedTasks();
+}
+
+void AgentSnapshot::approvalSent(const QString& taskId)
+{
+    if (!m_proposal || text(*m_proposal, "taskId") != taskId)
+        return;
+    m_proposal.reset();
+    for (Task& decided : m_tasks) {
+        if (decided.taskId == taskId && decided.status == kAwaitingApproval)
+            decided.status = kRunning;
+    }
+}
+
+void AgentSnapshot::terminalClosing(const QString& sessionId)
+{
+    closeTerminal(sessionId);
+}
+
+void AgentSnapshot::restate(const QJsonObject& state)
+{
+    QStringList announced;
+    for (const QJsonValue& value : state.value(QStringLiteral("tasks")).toArray()) {
+        const QJsonObject object = value.toObject();
+        const QString taskId = text(object, "taskId");
+        if (taskId.isEmpty())
+            continue;
+        Task& running = task(taskId);
+        running.kind = text(object, "kind");
+        running.projectPath = text(object, "projectPath");
+        running.conversationId = text(object, "conversationId");
+        running.status = text(object, "status") == kAwaitingApproval ? kAwaitingApproval : kRunning;
+        running.exitCode.reset();
+        announced.append(taskId);
+    }
+    // What the relay thought running and the agent no longer runs ended without a word:
+    // the agent started afresh.
+    for (Task& known : m_tasks) {
+        if (isActive(known.status) && !announced.contains(known.taskId))
+            known.status = QStringLiteral("lost");
+    }
+    const QJsonValue proposal = state.value(QStringLiteral("proposal"));
+    if (proposal.isObject())
+        m_proposal = proposal.toObject();
+    else
+        m_proposal.reset();
+    m_terminals.clear();
+    for (const QJsonValue& value : state.value(QStringLiteral("terminals")).toArray()) {
+        const QJsonObject object = value.toObject();
+        openTerminal(text(object, "sessionId"), text(object, "projectPath"), text(object, "mode"));
+    }
+    forgetOldEndedTasks();
+}
+
+void AgentSnapshot::openTerminal(const QString& sessionId, const QString& projectPath, const QString& mode)
+{
+    if (sessionId.isEmpty())
+        return;
+    QString known;
+    for (const Terminal& terminal : m_terminals) {
+        if (terminal.sessionId == sessionId)
+            known = terminal.mode;
+    }
+    // One live session per project: a new one replaces the project's old one. An attach
+    // is answered without a mode, which keeps the one the session was opened with.
+    m_terminals.removeIf([&](const Terminal& terminal) {
+        return terminal.sessionId == sessionId || terminal.projectPath == projectPath;
+    });
+    const QString kept = !mode.isEmpty() ? mode : !known.isEmpty() ? known : QStringLiteral("line");
+    m_terminals.append(Terminal{sessionId, projectPath, kept});
+}
+
+void AgentSnapshot::closeTerminal(const QString& sessionId)
+{
+    m_terminals.removeIf([&](const Terminal& terminal) { return terminal.sessionId == sessionId; });
+}
+
+void AgentSnapshot::forgetOldEndedTasks()
+{
+    qsizetype ended = 0;
+    for (const Task& known : m_tasks)
+        ended += isActive(known.status) ? 0 : 1;
+    for (qsizetype i = 0; ended > kEndedTasksKept && i < m_tasks.size();) {
+        if (isActive(m_tasks[i].status)) {
+            ++i;
+            continue;
+        }
+        m_tasks.removeAt(i);
+        --ended;
+    }
+}
+
+QStringList AgentSnapshot::runningTaskIds() const
+{
+    QStringList running;
+    for (const Task& known : m_tasks) {
+        if (isActive(known.status))
+            running.append(known.taskId);
+    }
+    return running;
+}
+
+QJsonObject AgentSnapshot::toJson() const
+{
+    QJsonArray tasks;
+    for (const Task& known : m_tasks) {
+        QJsonObject object{{QStringLiteral("taskId"), known.taskId},
+                           {QStringLiteral("kind"), known.kind},
+                           {QStringLiteral("projectPath"), known.projectPath},
+                           {QStringLiteral("status"), known.status}};
+        if (!known.conversationId.isEmpty())
+            object.insert(QStringLiteral("conversationId"), known.conversationId);
+        if (known.exitCode)
+            object.insert(QStringLiteral("exitCode"), *known.exitCode);
+        tasks.append(object);
+    }
+    QJsonArray terminals;
+    for (const Terminal& terminal : m_terminals) {
+        terminals.append(QJsonObject{{QStringLiteral("sessionId"), terminal.sessionId},
+                                     {QStringLiteral("projectPath"), terminal.projectPath},
+                                     {QStringLiteral("mode"), terminal.mode}});
+    }
+    return QJsonObject{{QStringLiteral("tasks"), tasks},
+                       {QStringLiteral("proposal"), m_proposal ? QJsonValue(*m_proposal) : QJsonValue()},
+                       {QStringLiteral("terminals"), terminals}};
+}
+
+} // namespace brinmoor::relay

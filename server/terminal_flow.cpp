@@ -1,0 +1,68 @@
+#include "terminal_flow.h"
+
+#include <algorithm>
+
+namespace brinmoor::relay {
+
+std::optional<TerminalFlow::Window> TerminalFlow::acknowledge(const RelayConnection* client, const QString& agentId,
+                                                              const QString& sessionId, std::optional<qint64> offset)
+{
+    const Key key{agentId, sessionId};
+    if (offset) {
+        m_sessions[key].offsets.insert(client, *offset);
+    } else {
+        const auto session = m_sessions.find(key);
+        if (session == m_sessions.end() || !session->offsets.remove(client))
+            return std::nullopt;
+    }
+    return update(key);
+}
+
+QList<TerminalFlow::Window> TerminalFlow::removeClient(const RelayConnection* client)
+{
+    QList<Key> paced;
+    for (auto it = m_sessions.begin(); it != m_sessions.end(); ++it) {
+        if (it->offsets.remove(client))
+            paced.append(it.key());
+    }
+    QList<Window> changed;
+    for (const Key& key : paced) {
+        if (const std::optional<Window> window = update(key))
+            changed.append(*window);
+    }
+    return changed;
+}
+
+void TerminalFlow::removeSession(const QString& agentId, const QString& sessionId)
+{
+    m_sessions.remove(Key{agentId, sessionId});
+}
+
+QList<TerminalFlow::Window> TerminalFlow::windowsOf(const QString& agentId) const
+{
+    QList<Window> windows;
+    for (auto it = m_sessions.cbegin(); it != m_sessions.cend(); ++it) {
+        if (it.key().first == agentId && it->told)
+            windows.append(Window{agentId, it.key().second, it->told});
+    }
+    return windows;
+}
+
+std::optional<TerminalFlow::Window> TerminalFlow::update(const Key& key)
+{
+    const auto session = m_sessions.find(key);
+    if (session == m_sessions.end())
+        return std::nullopt;
+    std::optional<qint64> lowest;
+    for (const qint64 offset : std::as_const(session->offsets))
+        lowest = lowest ? std::min(*lowest, offset) : offset;
+    const bool changed = lowest != session->told;
+    session->told = lowest;
+    if (session->offsets.isEmpty())
+        m_sessions.erase(session);
+    if (!changed)
+        return std::nullopt;
+    return Window{key.first, key.second, lowest};
+}
+
+} // namespace brinmoor::relay

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <QHash>
+#include <QList>
+#include <QPair>
+#include <QString>
+
+#include <optional>
+
+namespace brinmoor::relay {
+
+class RelayConnection;
+
+// The pace of terminal output. A client that renders a session's output slowly says
+// how far it has got ("terminal.ack" with the "offset" of the output it has rendered);
+// the agent is told the lowest offset of the clients that pace the session, and stops
+// reading the terminal while its output is a window ahead of it. Clients that never
+// acknowledge do not pace anything.
+class TerminalFlow {
+public:
+    // What the agent is to hear for one session: the lowest offset of the clients that
+    // pace it, or none when no client does any more.
+    struct Window {
+        QString agentId;
+        QString sessionId;
+        std::optional<qint64> offset;
+    };
+
+    // A client's acknowledgement; without an offset the client stops pacing the session.
+    // The window to tell the agent, when it changed.
+    std::optional<Window> acknowledge(const RelayConnection* client, const QString& agentId, const QString& sessionId,
+                                      std::optional<qint64> offset);
+    // The client is gone: the windows that changed.
+    QList<Window> removeClient(const RelayConnection* client);
+    // The session is closed.
+    void removeSession(const QString& agentId, const QString& sessionId);
+    // The windows of the sessions some client paces, for an agent that connects.
+    QList<Window> windowsOf(const QString& agentId) const;
+
+private:
+    using Key = QPair<QString, QString>; // agent id, session id
+    struct Session {
+        QHash<const RelayConnection*, qint64> offsets;
+        std::optional<qint64> told;
+    };
+
+    std::optional<Window> update(const Key& key);
+
+    QHash<Key, Session> m_sessions;
+};
+
+} // namespace brinmoor::relay

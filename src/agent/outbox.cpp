@@ -1,0 +1,144 @@
+#include "agent/outbox.h"
+
+#include "protocol/messages.h"
+
+#include <QJsonDocument>
+
+namespace brinmoor {
+
+Outbox::Outbox(qint64 firstSeq) : m_firstSeq(firstSeq), m_nextSeq(firstSeq) {}
+
+QString Outbox::droppedLinesText(qint64 count)
+{
+    return QStringLiteral("\u2026 %1 earlier %2 dropped while the server could not be reached (at most 16 MiB of a "
+                          "task's output waits)")
+        .arg(count)
+        .arg(count == 1 ? QStringLiteral("line") : QStringLiteral("lines"));
+}
+
+qsizetype Outbox::unsentCount() const
+{
+    return qsizetype(m_unsent.size()) - m_droppedCount;
+}
+
+void Outbox::add(const QString& text, const QString& taskId, Kind kind)
+{
+    if (!isOpen() && kind == Kind::TerminalOutput)
+        return;
+    Entry entry{text, taskId, kind, 0, false};
+    if (!taskId.isEmpty())
+        m_tasks[taskId].bytes += size(entry);
+    if (isOpen()) {
+        write(std::move(entry));
+        return;
+    }
+    const quint64 id = m_unsentBase + m_unsent.size();
+    m_unsent.push_back(std::move(entry));
+    if (taskId.isEmpty())
+        return;
+    if (kind == Kind::TaskLog)
+        m_tasks[taskId].lines.push_back(id);
+    keepWithinBound(taskId);
+}
+
+void Outbox::keepWithinBound(const QString& taskId)
+{
+    TaskShare& share = m_tasks[taskId];
+    while (share.bytes > kTaskBytes && !share.lines.empty()) {
+        const quint64 id = share.lines.front();
+        share.lines.pop_front();
+        Entry& line = unsent(id);
+        share.bytes -= size(line);
+        ++share.dropped;
+        // The oldest dropped line becomes the notice, which stands where they were.
+        if (share.notice == 0) {
+            share.notice = id + 1;
+            line.text = Messages::taskLogText(taskId, droppedLinesText(share.dropped));
+            share.bytes += size(line);
+            continue;
+        }
+        line.text = QString();
+        line.dropped = true;
+        ++m_droppedCount;
+        Entry& notice = unsent(share.notice - 1);
+        share.bytes -= size(notice);
+        notice.text = Messages::taskLogText(taskId, droppedLinesText(share.dropped));
+        share.bytes += size(notice);
+    }
+}
+
+void Outbox::open(qint64 serverHas, std::function<void(const QString&)> writer)
+{
+    acknowledge(serverHas);
+    // The server has messages of this agent id beyond ours (a clock set back, another
+    // agent under the same id): the seqs go on above them.
+    if (serverHas >= m_nextSeq) {
+        m_firstSeq = serverHas + 1;
+        m_nextSeq = m_firstSeq;
+    }
+    m_write = std::move(writer);
+    const qint64 next = m_unconfirmed.empty() ? m_nextSeq : m_unconfirmed.front().seq;
+    m_write(QString::fromUtf8(
+        QJsonDocument(Messages::agentStream(m_firstSeq, next)).toJson(QJsonDocument::Compact)));
+    for (const Entry& entry : m_unconfirmed)
+        m_write(entry.text);
+    while (!m_unsent.empty() && isOpen()) {
+        Entry entry = std::move(m_unsent.front());
+        const quint64 id = m_unsentBase++;
+        m_unsent.pop_front();
+        if (entry.dropped) {
+            --m_droppedCount;
+            continue;
+        }
+        if (!entry.taskId.isEmpty()) {
+            TaskShare& share = m_tasks[entry.taskId];
+            if (!share.lines.empty() && share.lines.front() == id)
+                share.lines.pop_front();
+            if (share.notice == id + 1) {
+                share.notice = 0;
+                share.dropped = 0;
+            }
+        }
+        write(std::move(entry));
+    }
+}
+
+void Outbox::close()
+{
+    m_write = nullptr;
+}
+
+void Outbox::write(Entry entry)
+{
+    entry.seq = m_nextSeq++;
+    m_unconfirmedBytes += size(entry);
+    m_unconfirmed.push_back(entry);
+    m_write(entry.text);
+    while (m_unconfirmedBytes > kUnconfirmedBytes && !m_unconfirmed.empty()) {
+        release(m_unconfirmed.front());
+        m_unconfirmed.pop_front();
+    }
+}
+
+void Outbox::acknowledge(qint64 seq)
+{
+    while (!m_unconfirmed.empty() && m_unconfirmed.front().seq <= seq) {
+        release(m_unconfirmed.front());
+        m_unconfirmed.pop_front();
+    }
+}
+
+void Outbox::release(const Entry& entry)
+{
+    m_unconfirmedBytes -= size(entry);
+    if (entry.taskId.isEmpty())
+        return;
+    const auto share = m_tasks.find(entry.taskId);
+    if (share == m_tasks.end())
+        return;
+    share->bytes -= size(entry);
+    if (share->bytes <= 0 && share->lines.empty() && share->notice == 0)
+        m_tasks.erase(share);
+}
+
+} // namespace brinmoor
