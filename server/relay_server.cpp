@@ -29,7 +29,8 @@ constexpr QByteArrayView kStreamingTypes[] = {
     "\"type\":\"task.chat.chunk\"",
 };
 constexpr int kTerminalOutput = 1; // its index above
-// A client that catches up is sent the log while less than this waits for it.
+// A client that catches up is sent the log while less than this waits for it (and
+// less than a quarter of what would get it dropped).
 constexpr qsizetype kReplayBacklog = 1024 * 1024;
 constexpr int kTrimIntervalMs = 60'000;
 // Above this a JSON number no longer holds every integer.
@@ -864,7 +865,7 @@ void RelayServer::pump(RelayConnection& client)
         if (!it->replaying)
             continue;
         const auto history = m_histories.find(it.key());
-        while (client.isOpen() && client.backlog() < kReplayBacklog) {
+        while (client.isOpen() && client.backlog() < std::min(kReplayBacklog, m_config.limits.maxBacklog / 4)) {
             if (history == m_histories.end()) {
                 caughtUp.append(it.key());
                 break;

@@ -21,6 +21,12 @@ qsizetype Outbox::unsentCount() const
     return qsizetype(m_unsent.size()) - m_droppedCount;
 }
 
+qint64 Outbox::taskBytes(const QString& taskId) const
+{
+    const auto share = m_tasks.constFind(taskId);
+    return share == m_tasks.constEnd() ? 0 : share->bytes;
+}
+
 void Outbox::add(const QString& text, const QString& taskId, Kind kind)
 {
     if (!isOpen() && kind == Kind::TerminalOutput)
@@ -78,8 +84,7 @@ void Outbox::open(qint64 serverHas, std::function<void(const QString&)> writer)
     }
     m_write = std::move(writer);
     const qint64 next = m_unconfirmed.empty() ? m_nextSeq : m_unconfirmed.front().seq;
-    m_write(QString::fromUtf8(
-        QJsonDocument(Messages::agentStream(m_firstSeq, next)).toJson(QJsonDocument::Compact)));
+    m_write(QString::fromUtf8(QJsonDocument(Messages::agentStream(m_firstSeq, next)).toJson(QJsonDocument::Compact)));
     for (const Entry& entry : m_unconfirmed)
         m_write(entry.text);
     while (!m_unsent.empty() && isOpen()) {

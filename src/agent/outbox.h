@@ -44,7 +44,7 @@ public:
     qsizetype unsentCount() const;
     qsizetype unconfirmedCount() const { return qsizetype(m_unconfirmed.size()); }
     // The memory the kept messages of a task take.
-    qint64 taskBytes(const QString& taskId) const { return m_tasks.value(taskId).bytes; }
+    qint64 taskBytes(const QString& taskId) const;
 
     // The line that stands for `count` dropped lines of a task.
     static QString droppedLinesText(qint64 count);

@@ -16,17 +16,6 @@ using namespace brinmoor::test;
 
 namespace {
 
-// Runs `cat` of the test's named pipe as task "t" and opens the pipe once it reads.
-bool startCat(AgentFixture& f, PieceWriter& pieces)
-{
-    DiagRecorder log;
-    f.shell(QStringLiteral("t"), QStringLiteral("cat ") + pieces.path());
-    const QString prefix = QStringLiteral("runTask process started taskId=t pid=");
-    if (!waitUntil([&] { return !log.texts().filter(prefix).isEmpty(); }))
-        return false;
-    return pieces.start(log.texts().filter(prefix).first().mid(prefix.size()).toLongLong());
-}
-
 QString resolveLine(const AgentFixture& f)
 {
     return QStringLiteral("task.log workspace.resolve action=shell requestedProjectPath=") + f.repo.path() +
@@ -104,7 +93,7 @@ private Q_SLOTS:
         AgentFixture f;
         QVERIFY(f.connect());
         PieceWriter pieces(f.repo.path() + QStringLiteral("/pieces"));
-        QVERIFY(startCat(f, pieces));
+        QVERIFY(f.startCat(QStringLiteral("t"), pieces));
         // Each read ends inside a character, which waits for the next read.
         QVERIFY(pieces.write("a\xc3"));
         QVERIFY(pieces.write("\xa9"
@@ -125,7 +114,7 @@ private Q_SLOTS:
         AgentFixture f;
         QVERIFY(f.connect());
         PieceWriter pieces(f.repo.path() + QStringLiteral("/pieces"));
-        QVERIFY(startCat(f, pieces));
+        QVERIFY(f.startCat(QStringLiteral("t"), pieces));
         QVERIFY(pieces.write("ok\n"));
         QVERIFY(pieces.write("bad\xff\xfe\n"));
         QVERIFY(pieces.write("after\n"));

@@ -130,7 +130,8 @@ private Q_SLOTS:
         QCOMPARE(kept.first(), 1);
         QCOMPARE(kept.last(), seq);
         QCOMPARE(log.size(), kept.size());
-        QVERIFY(log.bytes() < 2 * EventLog::kTerminalOutputKept * 1100 + 301 * 100 + 4 * 1024 * EventLog::kEntryOverhead);
+        QVERIFY(log.bytes() <
+                2 * EventLog::kTerminalOutputKept * 1100 + 301 * 100 + 4 * 1024 * EventLog::kEntryOverhead);
     }
 
     void snapshotFollowsTasksFromCreationToTheirEnd()
@@ -146,14 +147,15 @@ private Q_SLOTS:
         // The child's own end after a cancellation does not change it.
         snapshot.observe(json("{\"type\":\"task.failed\",\"taskId\":\"t2\",\"exitCode\":143,\"errorCode\":\"X\"}"));
         snapshot.observe(json("{\"type\":\"task.heartbeat\",\"taskId\":\"t4\"}"));
-        QCOMPARE(snapshot.toJson().value("tasks"),
-                 QJsonDocument::fromJson(
-                     "[{\"taskId\":\"t1\",\"kind\":\"shell\",\"projectPath\":\"App\",\"status\":\"finished\",\"exitCode\":0},"
-                     "{\"taskId\":\"t2\",\"kind\":\"chat\",\"projectPath\":\"App\",\"conversationId\":\"c1\","
-                     "\"status\":\"cancelled\",\"exitCode\":130},"
-                     "{\"taskId\":\"t3\",\"kind\":\"build_ios\",\"projectPath\":\"\",\"status\":\"running\"},"
-                     "{\"taskId\":\"t4\",\"kind\":\"\",\"projectPath\":\"\",\"status\":\"running\"}]")
-                     .array());
+        QCOMPARE(
+            snapshot.toJson().value("tasks"),
+            QJsonDocument::fromJson(
+                "[{\"taskId\":\"t1\",\"kind\":\"shell\",\"projectPath\":\"App\",\"status\":\"finished\",\"exitCode\":0},"
+                "{\"taskId\":\"t2\",\"kind\":\"chat\",\"projectPath\":\"App\",\"conversationId\":\"c1\","
+                "\"status\":\"cancelled\",\"exitCode\":130},"
+                "{\"taskId\":\"t3\",\"kind\":\"build_ios\",\"projectPath\":\"\",\"status\":\"running\"},"
+                "{\"taskId\":\"t4\",\"kind\":\"\",\"projectPath\":\"\",\"status\":\"running\"}]")
+                .array());
         QCOMPARE(snapshot.runningTaskIds(), (QStringList{"t3", "t4"}));
     }
 
@@ -224,10 +226,10 @@ private Q_SLOTS:
         snapshot.taskCreated("done", json("{\"action\":\"shell\"}"));
         snapshot.observe(json("{\"type\":\"task.finished\",\"taskId\":\"done\",\"exitCode\":0}"));
         snapshot.observe(json("{\"type\":\"terminal.opened\",\"sessionId\":\"gone\",\"projectPath\":\"A\"}"));
-        snapshot.observe(json(
-            "{\"type\":\"agent.state\",\"tasks\":[{\"taskId\":\"t9\",\"kind\":\"ai_task\",\"projectPath\":\"App\","
-            "\"status\":\"awaiting_approval\"}],\"proposal\":{\"taskId\":\"t9\",\"proposalId\":\"p\"},"
-            "\"terminals\":[{\"sessionId\":\"s\",\"projectPath\":\"B\",\"mode\":\"interactive\"}]}"));
+        snapshot.observe(
+            json("{\"type\":\"agent.state\",\"tasks\":[{\"taskId\":\"t9\",\"kind\":\"ai_task\",\"projectPath\":\"App\","
+                 "\"status\":\"awaiting_approval\"}],\"proposal\":{\"taskId\":\"t9\",\"proposalId\":\"p\"},"
+                 "\"terminals\":[{\"sessionId\":\"s\",\"projectPath\":\"B\",\"mode\":\"interactive\"}]}"));
         QCOMPARE(snapshot.toJson(),
                  json("{\"tasks\":[{\"taskId\":\"old\",\"kind\":\"shell\",\"projectPath\":\"\",\"status\":\"lost\"},"
                       "{\"taskId\":\"done\",\"kind\":\"shell\",\"projectPath\":\"\",\"status\":\"finished\","

@@ -4,6 +4,7 @@
 #include "base/diag.h"
 #include "config/settings_store.h"
 #include "support/loopback_server.h"
+#include "support/test_support.h"
 
 #include <QTemporaryDir>
 
@@ -68,6 +69,17 @@ struct AgentFixture {
         if (timeoutSec >= 0)
             payload.insert(QStringLiteral("timeoutSec"), timeoutSec);
         assign(taskId, payload);
+    }
+
+    // Runs `cat` of the test's named pipe as a shell task and opens the pipe once it reads.
+    bool startCat(const QString& taskId, PieceWriter& pieces)
+    {
+        DiagRecorder log;
+        shell(taskId, QStringLiteral("cat ") + pieces.path());
+        const QString prefix = QStringLiteral("runTask process started taskId=") + taskId + QStringLiteral(" pid=");
+        if (!waitUntil([&] { return !log.texts().filter(prefix).isEmpty(); }))
+            return false;
+        return pieces.start(log.texts().filter(prefix).first().mid(prefix.size()).toLongLong());
     }
 
     // The messages of one task, as "type" or "task.log line", in order.

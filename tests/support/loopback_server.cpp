@@ -81,10 +81,12 @@ void LoopbackServer::onMessage(const QString& text)
     const qint64 seq = m_nextSeq > 0 ? m_nextSeq++ : 0;
     m_messages.append(message);
     m_seqs.append(seq);
+    if (!m_acknowledging || seq == 0)
+        return;
+    // What it confirms it also names in its next hello.
     m_newestSeq = std::max(m_newestSeq, seq);
-    if (m_acknowledging && seq > 0)
-        send(QJsonObject{{QStringLiteral("type"), QStringLiteral("agent.ack")},
-                         {QStringLiteral("payload"), QJsonObject{{QStringLiteral("seq"), seq}}}});
+    send(QJsonObject{{QStringLiteral("type"), QStringLiteral("agent.ack")},
+                     {QStringLiteral("payload"), QJsonObject{{QStringLiteral("seq"), seq}}}});
 }
 
 QList<QJsonObject> LoopbackServer::messagesOfType(const QString& type, const QString& taskId) const

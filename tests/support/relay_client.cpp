@@ -22,7 +22,20 @@ RelayClient::~RelayClient() = default;
 
 bool RelayClient::open(quint16 port, const QString& token, TokenVia via, const QStringList& otherSubprotocols)
 {
-    QNetworkRequest request(QUrl(QStringLiteral("ws://127.0.0.1:%1/v1/ws/client").arg(port)));
+    return open(QUrl(QStringLiteral("ws://127.0.0.1:%1/v1/ws/client").arg(port)), token, via, otherSubprotocols);
+}
+
+bool RelayClient::openResuming(quint16 port, const QString& token, const QJsonObject& since)
+{
+    QUrl url(QStringLiteral("ws://127.0.0.1:%1/v1/ws/client").arg(port));
+    url.setQuery(QStringLiteral("since=") + QString::fromLatin1(QUrl::toPercentEncoding(QString::fromUtf8(
+                                                QJsonDocument(since).toJson(QJsonDocument::Compact)))));
+    return open(url, token, TokenVia::Header, {});
+}
+
+bool RelayClient::open(const QUrl& url, const QString& token, TokenVia via, const QStringList& otherSubprotocols)
+{
+    QNetworkRequest request(url);
     QWebSocketHandshakeOptions options;
     QStringList protocols = otherSubprotocols;
     if (via == TokenVia::Header)

@@ -27,6 +27,8 @@ public:
     // Connects and waits for "server.hello"; false when that does not happen.
     bool open(quint16 port, const QString& token, TokenVia via = TokenVia::Header,
               const QStringList& otherSubprotocols = {});
+    // Connects saying in its URL what it has seen of each agent ({"AGENT":SEQ,…}).
+    bool openResuming(quint16 port, const QString& token, const QJsonObject& since);
     // Connects as an agent instead, waiting for "agent.hello"; then, when it is to
     // announce, numbers its messages from just above the server's seq, as an agent does.
     bool openAgent(quint16 port, const QString& agentId, const QString& token, bool announce = true);
@@ -44,6 +46,8 @@ public:
     QWebSocket& socket() { return *m_socket; }
 
 private:
+    bool open(const QUrl& url, const QString& token, TokenVia via, const QStringList& otherSubprotocols);
+
     QWebSocket* m_socket;
     QList<QJsonObject> m_messages;
 };

@@ -1,0 +1,167 @@
+// What the agent keeps of what it says: seqs, confirmations, the wait while no server
+// listens, and its bound.
+#include "agent/outbox.h"
+#include "protocol/messages.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTest>
+
+using namespace brinmoor;
+
+namespace {
+
+constexpr qint64 kFirst = 1'700'000'000'000'000;
+
+QString stream(qint64 first, qint64 next)
+{
+    return QString::fromUtf8(QJsonDocument(Messages::agentStream(first, next)).toJson(QJsonDocument::Compact));
+}
+
+QString logLine(const QString& taskId, const QString& line)
+{
+    return Messages::taskLogText(taskId, line);
+}
+
+qint64 memory(const QString& text)
+{
+    return text.size() * qint64(sizeof(QChar));
+}
+
+} // namespace
+
+class TstOutbox : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void numbersWhatItWritesAndSendsAgainWhatWasNotConfirmed()
+    {
+        Outbox outbox(kFirst);
+        QStringList written;
+        outbox.add("a");
+        outbox.add("b");
+        QCOMPARE(outbox.unsentCount(), 2);
+        outbox.open(0, [&](const QString& text) { written.append(text); });
+        QCOMPARE(written, (QStringList{stream(kFirst, kFirst), "a", "b"}));
+        outbox.add("c");
+        QCOMPARE(written.last(), QStringLiteral("c"));
+        QCOMPARE(outbox.nextSeq(), kFirst + 3);
+        outbox.acknowledge(kFirst + 1);
+        QCOMPARE(outbox.unconfirmedCount(), 1);
+        // The connection goes: "c" waits with its seq, "d" for one.
+        outbox.close();
+        outbox.add("d");
+        written.clear();
+        outbox.open(0, [&](const QString& text) { written.append(text); });
+        QCOMPARE(written, (QStringList{stream(kFirst, kFirst + 2), "c", "d"}));
+        QCOMPARE(outbox.nextSeq(), kFirst + 4);
+        // A server that has "c" already says so in its hello.
+        outbox.close();
+        written.clear();
+        outbox.open(kFirst + 2, [&](const QString& text) { written.append(text); });
+        QCOMPARE(written, (QStringList{stream(kFirst, kFirst + 3), "d"}));
+        outbox.acknowledge(kFirst + 3);
+        QCOMPARE(outbox.unconfirmedCount(), 0);
+    }
+
+    void seqsGoOnAboveWhatTheServerHas()
+    {
+        Outbox outbox(kFirst);
+        QStringList written;
+        outbox.open(kFirst + 50, [&](const QString& text) { written.append(text); });
+        outbox.add("x");
+        QCOMPARE(written, (QStringList{stream(kFirst + 51, kFirst + 51), "x"}));
+        QCOMPARE(outbox.firstSeq(), kFirst + 51);
+    }
+
+    void terminalOutputDoesNotWaitForAServer()
+    {
+        Outbox outbox(kFirst);
+        outbox.add("out", QString(), Outbox::Kind::TerminalOutput);
+        QCOMPARE(outbox.unsentCount(), 0);
+        QStringList written;
+        outbox.open(0, [&](const QString& text) { written.append(text); });
+        outbox.add("out", QString(), Outbox::Kind::TerminalOutput);
+        QCOMPARE(written, (QStringList{stream(kFirst, kFirst), "out"}));
+    }
+
+    void aTasksWaitingLinesStayWithinItsBound()
+    {
+        Outbox outbox(kFirst);
+        const QString started = QStringLiteral(R"({"taskId":"t","type":"task.started"})");
+        outbox.add(started, "t");
+        outbox.add(logLine("other", "kept"), "other", Outbox::Kind::TaskLog);
+        QStringList lines;
+        for (int i = 0; i < 250'000; ++i)
+            lines.append(logLine("t", QStringLiteral("line %1 of a long build").arg(i, 6, 10, QLatin1Char('0'))));
+        const qint64 each = memory(lines.first());
+        for (const QString& line : std::as_const(lines)) {
+            outbox.add(line, "t", Outbox::Kind::TaskLog);
+            QVERIFY(outbox.taskBytes("t") <= Outbox::kTaskBytes);
+        }
+        // As much as fits: one line more would not.
+        QVERIFY(outbox.taskBytes("t") > Outbox::kTaskBytes - each - 4);
+        const QString finished = QStringLiteral(R"({"exitCode":0,"taskId":"t","type":"task.finished"})");
+        outbox.add(finished, "t");
+        QVERIFY(outbox.taskBytes("t") <= Outbox::kTaskBytes);
+        QStringList written;
+        outbox.open(0, [&](const QString& text) { written.append(text); });
+        // The dropped lines are the oldest; one line stands where they were.
+        const qsizetype kept = written.size() - 5;
+        const qsizetype dropped = lines.size() - kept;
+        QCOMPARE(written.mid(0, 4),
+                 (QStringList{stream(kFirst, kFirst), started, logLine("other", "kept"),
+                              logLine("t", QStringLiteral("\u2026 %1 earlier lines dropped while the server could not "
+                                                          "be reached (at most 16 MiB of a task's output waits)")
+                                               .arg(dropped))}));
+        QCOMPARE(written.mid(4, kept), lines.mid(dropped));
+        QCOMPARE(written.last(), finished);
+        qint64 total = 0;
+        for (const QString& text : written.mid(1))
+            total += text.contains(QLatin1String("\"taskId\":\"t\"")) ? memory(text) : 0;
+        QVERIFY(total <= Outbox::kTaskBytes);
+    }
+
+    void tellsHowManyLinesWereDropped()
+    {
+        QCOMPARE(Outbox::droppedLinesText(1),
+                 QStringLiteral("\u2026 1 earlier line dropped while the server could not be reached (at most 16 MiB "
+                                "of a task's output waits)"));
+        QCOMPARE(Outbox::droppedLinesText(2),
+                 QStringLiteral("\u2026 2 earlier lines dropped while the server could not be reached (at most 16 MiB "
+                                "of a task's output waits)"));
+    }
+
+    void linesWrittenBeforeTheBoundAreNeverDropped()
+    {
+        Outbox outbox(kFirst);
+        QStringList written;
+        outbox.open(0, [&](const QString& text) { written.append(text); });
+        outbox.add(logLine("t", "sent"), "t", Outbox::Kind::TaskLog);
+        outbox.close();
+        const QString big = logLine("t", QString(1024 * 1024, QLatin1Char('x')));
+        for (int i = 0; i < 10; ++i)
+            outbox.add(big, "t", Outbox::Kind::TaskLog);
+        written.clear();
+        outbox.open(0, [&](const QString& text) { written.append(text); });
+        // The line the server may have already goes again; two big ones gave way to the notice.
+        QCOMPARE(written.mid(0, 3), (QStringList{stream(kFirst, kFirst), logLine("t", "sent"),
+                                                 logLine("t", Outbox::droppedLinesText(3))}));
+        QCOMPARE(written.size(), 3 + 7);
+    }
+
+    void keepsWhatAServerNeverConfirmsOnlyUpToABound()
+    {
+        Outbox outbox(kFirst);
+        qsizetype writes = 0;
+        outbox.open(0, [&](const QString&) { ++writes; });
+        const QString chunk(64 * 1024, QLatin1Char('y'));
+        for (int i = 0; i < 300; ++i)
+            outbox.add(chunk);
+        QCOMPARE(writes, 301);
+        QCOMPARE(outbox.unconfirmedCount(), Outbox::kUnconfirmedBytes / memory(chunk));
+    }
+};
+
+QTEST_GUILESS_MAIN(TstOutbox)
+#include "tst_outbox.moc"
