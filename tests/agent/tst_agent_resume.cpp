@@ -136,7 +136,8 @@ private Q_SLOTS:
         PieceWriter go(gate);
         // Prints once the test has opened and closed the gate: 400,000 numbered lines, 2.8 MB.
         DiagRecorder log;
-        f.shell(QStringLiteral("t"), QStringLiteral("cat ") + gate + QStringLiteral(" >/dev/null; seq -f '%06g' 1 400000"));
+        f.shell(QStringLiteral("t"),
+                QStringLiteral("cat ") + gate + QStringLiteral(" >/dev/null; seq -f '%06g' 1 400000"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.started"), QStringLiteral("t")));
         const quint16 port = f.server.port();
         f.server.close();
@@ -202,22 +203,22 @@ private Q_SLOTS:
         QVERIFY(f.connect());
         QCOMPARE(f.server.messages().at(1),
                  QJsonDocument::fromJson(R"({"type":"agent.state","tasks":[],"terminals":[]})").object());
-        f.server.send(QJsonObject{{"type", "terminal.open"},
-                                  {"payload", QJsonObject{{"sessionId", "s1"},
-                                                          {"projectPath", "App"},
-                                                          {"mode", "interactive"}}}});
+        f.server.send(QJsonObject{
+            {"type", "terminal.open"},
+            {"payload", QJsonObject{{"sessionId", "s1"}, {"projectPath", "App"}, {"mode", "interactive"}}}});
         QVERIFY(f.server.waitForType(QStringLiteral("terminal.opened")));
         f.shell(QStringLiteral("t"), QStringLiteral("sleep 300"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.started"), QStringLiteral("t")));
         f.server.closeClient();
         QVERIFY(f.server.waitFor([](const QJsonObject& m) { return m.value("type") == "agent.state"; }, 10000, 1));
-        QCOMPARE(f.server.messagesOfType(QStringLiteral("agent.state")).last(),
-                 QJsonDocument::fromJson(QStringLiteral(R"({"type":"agent.state","tasks":[{"taskId":"t","kind":"shell",)"
-                                                        R"("projectPath":"%1","status":"running"}],"terminals":[{)"
-                                                        R"("sessionId":"s1","projectPath":"App","mode":"interactive"}]})")
-                                             .arg(f.repo.path())
-                                             .toUtf8())
-                     .object());
+        QCOMPARE(
+            f.server.messagesOfType(QStringLiteral("agent.state")).last(),
+            QJsonDocument::fromJson(QStringLiteral(R"({"type":"agent.state","tasks":[{"taskId":"t","kind":"shell",)"
+                                                   R"("projectPath":"%1","status":"running"}],"terminals":[{)"
+                                                   R"("sessionId":"s1","projectPath":"App","mode":"interactive"}]})")
+                                        .arg(f.repo.path())
+                                        .toUtf8())
+                .object());
     }
 };
 

@@ -1,10 +1,12 @@
 // The programs together, as a user runs them: the relay server, the agent, the approval
 // tool started by a (fake) `claude`, and a phone played by the test.
+#include "paced_terminal_reader.h"
 #include "support/loopback_server.h"
 #include "support/process_fixtures.h"
 #include "support/relay_client.h"
 #include "support/test_support.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QJsonArray>
@@ -79,15 +81,17 @@ private:
     std::unique_ptr<QTemporaryDir> m_fake;
     std::unique_ptr<QTemporaryDir> m_tmp;
 
-    // The relay, and the agent connected to it with fake tools first on its PATH.
-    bool startBoth()
+    // The relay, and the agent connected to it with fake tools first on its PATH and a
+    // plain login shell for its terminals.
+    bool startBoth(const QStringList& relayEnvironment = {})
     {
         m_relay = std::make_unique<RelayProcess>();
         m_relay->token = QStringLiteral("tok");
-        if (!m_relay->start())
+        if (!m_relay->start(environment(relayEnvironment)))
             return false;
         m_fake = std::make_unique<QTemporaryDir>();
         m_tmp = std::make_unique<QTemporaryDir>();
+        writeFile(m_tmp->path() + QStringLiteral("/zsh/.zshrc"), "PS1='> '\n");
         m_agent = std::make_unique<AgentProcess>();
         QDir().mkpath(m_agent->repo.path() + QStringLiteral("/App"));
         QProcessEnvironment extra;
@@ -96,6 +100,7 @@ private:
         extra.insert(QStringLiteral("BRINMOOR_TEST_HELPER"),
                      QCoreApplication::applicationDirPath() + QStringLiteral("/../bin/brinmoor_test_helper"));
         extra.insert(QStringLiteral("TMPDIR"), m_tmp->path());
+        extra.insert(QStringLiteral("ZDOTDIR"), m_tmp->path() + QStringLiteral("/zsh"));
         m_agent->start(m_relay->url(), extra);
         return m_relay->waitForLine(QStringLiteral("agent.register agentId=cli-agent"));
     }
@@ -296,6 +301,111 @@ private Q_SLOTS:
                      .toObject()
                      .value(QStringLiteral("supportsApproval")),
                  QJsonValue(true));
+    }
+
+    // The relay is killed while a task prints and started again: the phone, back too,
+    // has every line and the end once, in order.
+    void aTaskOutlivesARelayKilledInItsMidst()
+    {
+        QVERIFY(startBoth());
+        RelayClient phone;
+        QVERIFY(phone.open(m_relay->port, m_relay->token));
+        PieceWriter pieces(m_tmp->path() + QStringLiteral("/pieces"));
+        const QString taskId =
+            createTask(phone, {{QStringLiteral("action"), QStringLiteral("shell")},
+                               {QStringLiteral("command"), QString(QStringLiteral("cat ") + pieces.path())}});
+        const QString started = QStringLiteral("runTask process started taskId=") + taskId + QStringLiteral(" pid=");
+        QVERIFY(waitUntil([&] { return !m_agent->logTexts().filter(started).isEmpty(); }));
+        QVERIFY(pieces.start(m_agent->logTexts().filter(started).first().mid(started.size()).toLongLong()));
+        const auto writeLines = [&](int from, int to) {
+            for (int piece = from; piece <= to; piece += 10) {
+                QByteArray text;
+                for (int i = piece; i < piece + 10; ++i)
+                    text += "line " + QByteArray::number(i) + '\n';
+                if (!pieces.write(text))
+                    return false;
+            }
+            return true;
+        };
+        QVERIFY(writeLines(1, 100));
+        QVERIFY(phone.waitFor([](const QJsonObject& m) { return m.value("line") == "line 100"; }));
+        qint64 seen = 0;
+        for (const QJsonObject& m : phone.messages())
+            seen = std::max(seen, m.value("seq").toInteger());
+        const quint16 port = m_relay->port;
+        m_relay->kill();
+        QVERIFY(writeLines(101, 300));
+        pieces.finish();
+        QVERIFY(waitUntil([&] {
+            return m_agent->logTexts().contains(QStringLiteral("runTask process terminated taskId=") + taskId +
+                                                QStringLiteral(" exitCode=0"));
+        }));
+        m_relay = std::make_unique<RelayProcess>();
+        m_relay->token = QStringLiteral("tok");
+        QVERIFY(m_relay->start({}, port));
+        RelayClient back;
+        QVERIFY(back.openResuming(port, m_relay->token, QJsonObject{{QStringLiteral("cli-agent"), seen}}));
+        QVERIFY(back.waitFor(
+            [&](const QJsonObject& m) { return typeOf(m) == "task.finished" && m.value("taskId") == taskId; }, 20000));
+        QStringList lines;
+        int ends = 0;
+        for (const RelayClient* client : {&phone, &back}) {
+            for (const QJsonObject& m : client->messages()) {
+                if (m.value(QStringLiteral("taskId")).toString() != taskId)
+                    continue;
+                if (typeOf(m) == QLatin1String("task.finished"))
+                    ++ends;
+                if (typeOf(m) == QLatin1String("task.log") && m.value("line").toString().startsWith("line "))
+                    lines.append(m.value("line").toString());
+            }
+        }
+        QStringList expected;
+        for (int i = 1; i <= 300; ++i)
+            expected.append(QStringLiteral("line %1").arg(i));
+        QCOMPARE(lines, expected);
+        QCOMPARE(ends, 1);
+    }
+
+    // A phone that reads a terminal at 4 MB/s gets every byte of `cat` and stays
+    // connected, though it may fall behind by no more than 1 MiB; and Ctrl-C stops a
+    // `yes` it watches.
+    void aSlowTerminalReaderGetsEveryByteAndCanStillInterrupt()
+    {
+        QVERIFY(startBoth({QStringLiteral("BRINMOOR_CLIENT_BACKLOG_BYTES=1048576")}));
+        QDir(m_agent->repo.path()).mkdir(QStringLiteral("App"));
+        QByteArray content;
+        for (int i = 0; i < 80'000; ++i)
+            content += QByteArray::number(i).rightJustified(7, '0') + ' ' + QByteArray(91, 'x') + '\n';
+        writeFile(m_agent->repo.path() + QStringLiteral("/App/data.txt"), content);
+        brinmoor::relay::PacedTerminalReader reader(m_relay->port, "tok", QStringLiteral("cli-agent"),
+                                                    QStringLiteral("s"), 4 * 1024 * 1024);
+        reader.keepOutput(true);
+        QVERIFY(waitUntil([&] { return reader.isUpgraded(); }));
+        reader.command(QStringLiteral("terminal.open"), {{QStringLiteral("projectPath"), QStringLiteral("App")},
+                                                         {QStringLiteral("mode"), QStringLiteral("interactive")}});
+        QVERIFY(waitUntil([&] { return reader.types().contains(QStringLiteral("terminal.opened")); }));
+        const auto type = [&](const QByteArray& text) {
+            reader.command(QStringLiteral("terminal.input"),
+                           {{QStringLiteral("dataBase64"), QString::fromLatin1(text.toBase64())}});
+        };
+        type("stty -echo; cat data.txt; echo END''-CAT\n");
+        QVERIFY(waitUntil([&] { return reader.tail().contains("END-CAT"); }, 60000));
+        QByteArray expected = content;
+        expected.replace("\n", "\r\n");
+        const qsizetype at = reader.output().indexOf(expected.left(100));
+        QVERIFY(at >= 0);
+        QCOMPARE(QCryptographicHash::hash(reader.output().mid(at, expected.size()), QCryptographicHash::Sha256),
+                 QCryptographicHash::hash(expected, QCryptographicHash::Sha256));
+        QVERIFY(!reader.isClosed());
+
+        const qint64 before = reader.outputBytes();
+        type("yes\n");
+        QVERIFY(waitUntil([&] { return reader.outputBytes() > before + 1024 * 1024; }, 20000));
+        reader.command(QStringLiteral("terminal.signal"), {{QStringLiteral("signal"), QStringLiteral("ctrl_c")}});
+        type("echo AFTER''-YES\n");
+        QVERIFY(waitUntil([&] { return reader.tail().contains("AFTER-YES"); }, 20000));
+        QVERIFY(!reader.isClosed());
+        QVERIFY(m_relay->lines().filter(QStringLiteral("client.dropped")).isEmpty());
     }
 
     // What a new user does: start the app, read the pairing details, and use them.

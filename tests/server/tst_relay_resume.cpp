@@ -270,9 +270,9 @@ private Q_SLOTS:
                               {"since", 1},
                               {"seq", head},
                               {"snapshot", QJsonObject{{"tasks", QJsonArray{QJsonObject{{"taskId", taskId},
-                                                                                       {"kind", "shell"},
-                                                                                       {"projectPath", "A"},
-                                                                                       {"status", "running"}}}},
+                                                                                        {"kind", "shell"},
+                                                                                        {"projectPath", "A"},
+                                                                                        {"status", "running"}}}},
                                                        {"proposal", QJsonValue()},
                                                        {"terminals", QJsonArray()}}}}));
         QCOMPARE(seqOf(back.messages().at(2)), head + 1);
@@ -302,12 +302,10 @@ private Q_SLOTS:
         QCOMPARE(trace(back), (QStringList{"resume.ok", "task.log line 1", "task.finished"}));
         const QJsonObject record = back.messages().first().value("agents").toArray().first().toObject();
         QCOMPARE(record.value("online"), QJsonValue(false));
-        QCOMPARE(record.value("snapshot").toObject().value("tasks").toArray().first().toObject(),
-                 (QJsonObject{{"taskId", taskId},
-                              {"kind", "shell"},
-                              {"projectPath", ""},
-                              {"status", "finished"},
-                              {"exitCode", 0}}));
+        QCOMPARE(
+            record.value("snapshot").toObject().value("tasks").toArray().first().toObject(),
+            (QJsonObject{
+                {"taskId", taskId}, {"kind", "shell"}, {"projectPath", ""}, {"status", "finished"}, {"exitCode", 0}}));
         // An agent the relay has never heard of: its messages after the seq come as they come.
         RelayClient early;
         QVERIFY(early.openResuming(m_relay->port, m_relay->token, QJsonObject{{"mac-2", 5}}));
@@ -492,11 +490,11 @@ private Q_SLOTS:
     {
         QVERIFY(startRelay());
         for (const QByteArray& since : {QByteArray("%5B1%5D"), QByteArray("%7B%22a%22%3A-2%7D"), QByteArray("x")}) {
-            QCOMPARE(statusAndBody(httpExchange(m_relay->port,
-                                                ws::upgradeRequest(QByteArray("/v1/ws/client?since=" + since),
-                                                                   "Authorization: Bearer relay-token\r\n"))),
-                     QStringLiteral("HTTP/1.1 400 Bad Request\n{\"error\":\"since must be a JSON object of agent ids "
-                                    "and seqs\"}"));
+            QCOMPARE(
+                statusAndBody(httpExchange(m_relay->port, ws::upgradeRequest(QByteArray("/v1/ws/client?since=" + since),
+                                                                             "Authorization: Bearer relay-token\r\n"))),
+                QStringLiteral("HTTP/1.1 400 Bad Request\n{\"error\":\"since must be a JSON object of agent ids "
+                               "and seqs\"}"));
         }
     }
 };
