@@ -1,22 +1,31 @@
 // Relay throughput and added latency: an agent streams "task.log" lines through a real
-// brinmoor-server to one client. Both ends are raw WebSocket peers in this process, far
-// cheaper than the server, so the server is what is measured.
-//   bench_relay [--messages N] [--flood-connections N]
+// brinmoor-server to one client, every one of them kept in the agent's event log. Both
+// ends are raw WebSocket peers in this process, far cheaper than the server, so the
+// server is what is measured.
+//   bench_relay [--messages N] [--flood-connections N] [--resume-lines N] [--yes-seconds N]
+//               [--bin DIR]
 // The same paced streams also run over one direct loopback connection, without the
 // server; the difference is the latency the server adds. Then a fresh server takes a
 // flood of connections without a token, each sending a 16 MiB request, while a client
-// with the token keeps asking for the agent list: its peak memory is the figure.
-// --messages 0 runs only the flood.
+// with the token keeps asking for the agent list: its peak memory is the figure. Then a
+// client that comes back is given N logged lines (how fast), and a phone that reads at
+// 1 MB/s follows `yes` in a terminal of a real agent for N seconds (the agent's and the
+// server's peak memory, and how soon Ctrl-C stops it). --bin takes the server and the
+// agent from another build. A count of 0 skips its part.
 #include "base/open_file_limit.h"
+#include "paced_terminal_reader.h"
 #include "process_stats.h"
 #include "websocket_client.h"
 #include "websocket_frames.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QTemporaryDir>
 #include <QTimer>
 
 #include <algorithm>
@@ -32,6 +41,8 @@ using namespace brinmoor::bench;
 namespace {
 
 QElapsedTimer g_clock;
+// Where brinmoor-server and BrinmoorMacAgent are.
+QString g_bin;
 
 // One end of a WebSocket: writes masked frames (as an agent does) and reads frames.
 class Peer : public QObject {
@@ -199,14 +210,16 @@ struct Server {
     QProcess process;
     quint16 port = 0;
 
-    bool start()
+    bool start(const QStringList& settings = {})
     {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert(QStringLiteral("BRINMOOR_SHARED_TOKEN"), QStringLiteral("bench"));
         env.insert(QStringLiteral("BRINMOOR_SERVER_PORT"), QStringLiteral("0"));
         env.insert(QStringLiteral("BRINMOOR_SERVER_BIND"), QStringLiteral("127.0.0.1"));
+        for (const QString& setting : settings)
+            env.insert(setting.section(QLatin1Char('='), 0, 0), setting.section(QLatin1Char('='), 1));
         process.setProcessEnvironment(env);
-        process.start(QCoreApplication::applicationDirPath() + QStringLiteral("/brinmoor-server"), QStringList());
+        process.start(g_bin + QStringLiteral("/brinmoor-server"), QStringList());
         if (!process.waitForReadyRead(10000)) {
             std::fprintf(stderr, "brinmoor-server did not start\n");
             return false;
@@ -324,27 +337,116 @@ void flood(int connections)
     std::printf("target: peak RSS < 64 MB %s\n", peak < 64 ? "met" : "MISSED");
 }
 
-} // namespace
-
-int main(int argc, char** argv)
+// An agent that has said `lines` log lines; then a client comes back asking for all of
+// them: how fast they arrive.
+void resume(qint64 lines)
 {
-    QCoreApplication app(argc, argv);
-    g_clock.start();
-    qint64 messages = 3'000'000;
-    int floodConnections = 500;
-    const QStringList args = app.arguments();
-    for (int i = 1; i + 1 < args.size(); ++i) {
-        if (args[i] == QLatin1String("--messages"))
-            messages = args[i + 1].toLongLong();
-        else if (args[i] == QLatin1String("--flood-connections"))
-            floodConnections = args[i + 1].toInt();
+    Server server;
+    if (!server.start({QStringLiteral("BRINMOOR_EVENT_LOG_BYTES=2147483648")}))
+        return;
+    Peer agent(new QTcpSocket);
+    agent.socket->connectToHost(QHostAddress::LocalHost, server.port);
+    agent.handshake("/v1/ws/agent?agentId=bench", "bench");
+    qint64 acked = 0;
+    agent.onText = [&](QByteArrayView text) {
+        const QJsonObject message = QJsonDocument::fromJson(text.toByteArray()).object();
+        if (message.value(QStringLiteral("type")).toString() == QLatin1String("agent.ack"))
+            acked = message.value(QStringLiteral("payload")).toObject().value(QStringLiteral("seq")).toInteger();
+    };
+    runUntil([&] { return agent.upgraded(); });
+    QByteArray batch;
+    Peer::appendFrame(batch, R"({"type":"agent.stream","first":1,"next":1})");
+    agent.socket->write(batch);
+    qint64 sent = 0;
+    runUntil([&] {
+        while (sent < lines && sent - acked < 50'000) {
+            batch.clear();
+            for (int i = 0; i < 500 && sent < lines; ++i)
+                appendLogMessage(batch, sent++);
+            agent.socket->write(batch);
+        }
+        return acked >= lines;
+    });
+    const double logged = peakRssMB(server.process.processId());
+    Peer client(new QTcpSocket);
+    Received received;
+    client.onText = [&](QByteArrayView text) { received.take(text); };
+    QElapsedTimer elapsed;
+    elapsed.start();
+    client.socket->connectToHost(QHostAddress::LocalHost, server.port);
+    client.handshake("/v1/ws/client?since=%7B%22bench%22%3A0%7D", "bench");
+    runUntil([&] { return received.count >= lines; });
+    const double seconds = double(elapsed.nsecsElapsed()) / 1e9;
+    std::printf("resume: a client that comes back is given %lld logged lines in %.2f s = %.0f lines/s; server peak "
+                "RSS %.1f MB (%.1f MB once the lines were logged)\n",
+                static_cast<long long>(lines), seconds, double(lines) / seconds, peakRssMB(server.process.processId()),
+                logged);
+}
+
+// A phone reading at 1 MB/s follows `yes` in an interactive terminal of a real agent:
+// the memory the agent and the server need meanwhile, and how soon Ctrl-C stops it.
+void followYes(int seconds)
+{
+    Server server;
+    if (!server.start())
+        return;
+    QTemporaryDir home;
+    {
+        QFile zshrc(home.path() + QStringLiteral("/.zshrc"));
+        zshrc.open(QIODevice::WriteOnly);
+        zshrc.write("PS1='> '\n");
     }
-    // The flood's sockets are many more than a default soft limit allows.
-    raiseOpenFileLimit();
-    if (messages <= 0) {
-        flood(floodConnections);
-        return 0;
-    }
+    relay::PacedTerminalReader reader(server.port, "bench", QStringLiteral("bench-agent"), QStringLiteral("yes"),
+                                      1'000'000);
+    runUntil([&] { return reader.isUpgraded(); });
+    QProcess agent;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.path());
+    env.insert(QStringLiteral("ZDOTDIR"), home.path());
+    env.insert(QStringLiteral("BRINMOOR_SERVER_URL"), QStringLiteral("http://127.0.0.1:%1").arg(server.port));
+    env.insert(QStringLiteral("BRINMOOR_SHARED_TOKEN"), QStringLiteral("bench"));
+    env.insert(QStringLiteral("BRINMOOR_AGENT_ID"), QStringLiteral("bench-agent"));
+    env.insert(QStringLiteral("BRINMOOR_REPO_ROOT"), home.path());
+    agent.setProcessEnvironment(env);
+    agent.setStandardOutputFile(QProcess::nullDevice());
+    agent.start(g_bin + QStringLiteral("/BrinmoorMacAgent"), {QStringLiteral("--agent-only")});
+    runUntil([&] { return reader.types().contains(QStringLiteral("agent.register")); });
+    reader.command(QStringLiteral("terminal.open"),
+                   QJsonObject{{QStringLiteral("projectPath"), home.path()},
+                               {QStringLiteral("mode"), QStringLiteral("interactive")}});
+    runUntil([&] { return reader.types().contains(QStringLiteral("terminal.opened")); });
+    const auto type = [&](const QByteArray& text) {
+        reader.command(QStringLiteral("terminal.input"),
+                       QJsonObject{{QStringLiteral("dataBase64"), QString::fromLatin1(text.toBase64())}});
+    };
+    type("stty -echo; yes\n");
+    QElapsedTimer elapsed;
+    elapsed.start();
+    runUntil([&] { return elapsed.elapsed() >= seconds * 1000 || reader.isClosed(); });
+    const qint64 followed = reader.bytesRead();
+    QElapsedTimer interrupt;
+    interrupt.start();
+    reader.command(QStringLiteral("terminal.signal"),
+                   QJsonObject{{QStringLiteral("signal"), QStringLiteral("ctrl_c")}});
+    type("echo AFTER''-YES\n");
+    runUntil([&] { return reader.tail().contains("AFTER-YES") || reader.isClosed() || interrupt.elapsed() > 60'000; });
+    const double stopped = double(interrupt.nsecsElapsed()) / 1e9;
+    const double agentPeak = peakRssMB(agent.processId());
+    const double serverPeak = peakRssMB(server.process.processId());
+    std::printf("yes followed at 1 MB/s for %d s: the phone read %.1f MB (%s); agent peak RSS %.1f MB, server peak RSS "
+                "%.1f MB; after Ctrl-C the prompt was back in %.3f s\n",
+                seconds, double(followed) / 1e6, reader.isClosed() ? "and was dropped" : "and stayed connected",
+                agentPeak, serverPeak, stopped);
+    std::printf("targets: agent and server peak RSS < 64 MB %s; Ctrl-C within 1 s %s\n",
+                agentPeak < 64 && serverPeak < 64 ? "met" : "MISSED",
+                stopped < 1.0 && !reader.isClosed() ? "met" : "MISSED");
+    agent.terminate();
+    agent.waitForFinished(10000);
+}
+
+// Throughput with every message logged, and the latency the server adds.
+void throughput(qint64 messages)
+{
     const int rates[] = {10'000, 100'000};
 
     // The direct path: one loopback connection, no server.
@@ -368,7 +470,7 @@ int main(int argc, char** argv)
 
     Server server;
     if (!server.start())
-        return 1;
+        return;
     const quint16 port = server.port;
 
     Peer agent(new QTcpSocket);
@@ -403,6 +505,41 @@ int main(int argc, char** argv)
     }
     std::printf("targets: >= 300000 messages/s %s; added p99 < 2 ms %s\n", rate >= 300'000 ? "met" : "MISSED",
                 latencyMet ? "met" : "MISSED");
-    flood(floodConnections);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    g_clock.start();
+    qint64 messages = 3'000'000;
+    int floodConnections = 500;
+    qint64 resumeLines = 1'000'000;
+    int yesSeconds = 30;
+    g_bin = QCoreApplication::applicationDirPath();
+    const QStringList args = app.arguments();
+    for (int i = 1; i + 1 < args.size(); ++i) {
+        if (args[i] == QLatin1String("--messages"))
+            messages = args[i + 1].toLongLong();
+        else if (args[i] == QLatin1String("--flood-connections"))
+            floodConnections = args[i + 1].toInt();
+        else if (args[i] == QLatin1String("--resume-lines"))
+            resumeLines = args[i + 1].toLongLong();
+        else if (args[i] == QLatin1String("--yes-seconds"))
+            yesSeconds = args[i + 1].toInt();
+        else if (args[i] == QLatin1String("--bin"))
+            g_bin = args[i + 1];
+    }
+    // The flood's sockets are many more than a default soft limit allows.
+    raiseOpenFileLimit();
+    if (messages > 0)
+        throughput(messages);
+    if (floodConnections > 0)
+        flood(floodConnections);
+    if (resumeLines > 0)
+        resume(resumeLines);
+    if (yesSeconds > 0)
+        followYes(yesSeconds);
     return 0;
 }

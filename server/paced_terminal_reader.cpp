@@ -97,9 +97,8 @@ void PacedTerminalReader::take(const QJsonObject& message)
 void PacedTerminalReader::command(const QString& type, QJsonObject payload)
 {
     payload.insert(QStringLiteral("sessionId"), m_sessionId);
-    send(QJsonObject{{QStringLiteral("type"), type},
-                     {QStringLiteral("agentId"), m_agentId},
-                     {QStringLiteral("payload"), payload}});
+    send(QJsonObject{
+        {QStringLiteral("type"), type}, {QStringLiteral("agentId"), m_agentId}, {QStringLiteral("payload"), payload}});
 }
 
 void PacedTerminalReader::send(const QJsonObject& message)

@@ -217,6 +217,8 @@ void AgentRuntime::onHello(qint64 serverHas)
     m_connectTimeout.stop();
     m_disconnectGrace.stop();
     m_outbox.open(serverHas, [this](const QString& text) { writeText(text); });
+    if (m_terminalSessionManager)
+        m_terminalSessionManager->countOutputAsRendered();
     sendRegisterMessage();
     sendAgentState();
 }

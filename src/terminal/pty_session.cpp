@@ -8,6 +8,7 @@
 #include <QSocketNotifier>
 #include <QTimer>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -367,7 +368,7 @@ void PtySession::closeMaster()
 
 void PtySession::pace(std::optional<qint64> rendered)
 {
-    m_rendered = rendered;
+    m_rendered = rendered ? std::optional<qint64>(std::max(*rendered, m_renderedFloor)) : std::nullopt;
     updateReading();
 }
 

@@ -47,7 +47,7 @@ public:
     static constexpr qsizetype kMaxPendingInput = 1024 * 1024;
     // Output read ahead of what the slowest pacing client has rendered, in UTF-16 code
     // units; past it the terminal is not read, and its program waits.
-    static constexpr qint64 kOutputWindow = 256 * 1024;
+    static constexpr qint64 kOutputWindow = 128 * 1024;
 
     PtySession(const QString& sessionId, const QString& projectPath, const QString& workingDir, OutgoingFlow* flow,
                std::function<void(const QString&)> diag, QObject* parent = nullptr);
@@ -91,6 +91,9 @@ public:
     // Clients pace the session and the slowest has rendered output up to `rendered`;
     // without it nobody paces it.
     void pace(std::optional<qint64> rendered);
+    // A new connection: output given before it (some of it never sent, while no server
+    // listened) counts as rendered, or no client could ever catch up with it.
+    void countOutputAsRendered() { m_renderedFloor = m_outputOffset; }
     QString currentDirectory;
     QDateTime startedAt;
     QDateTime updatedAt;
@@ -144,6 +147,7 @@ private:
     QStringList m_buffer;
     qint64 m_outputOffset = 0;
     std::optional<qint64> m_rendered;
+    qint64 m_renderedFloor = 0;
     bool m_closed = false;
     bool m_released = false;
 };

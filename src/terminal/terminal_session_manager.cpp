@@ -292,6 +292,12 @@ void TerminalSessionManager::releasePaces()
         session->pace(std::nullopt);
 }
 
+void TerminalSessionManager::countOutputAsRendered()
+{
+    for (PtySession* session : std::as_const(m_sessions))
+        session->countOutputAsRendered();
+}
+
 void TerminalSessionManager::closeSession(PtySession* session)
 {
     if (!session->isRunning()) {

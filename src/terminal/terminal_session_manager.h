@@ -46,12 +46,16 @@ public:
     void pace(const QString& sessionId, std::optional<qint64> rendered);
     // The connection is gone, and with it every pace.
     void releasePaces();
+    // A connection is back: what the sessions gave before it counts as rendered.
+    void countOutputAsRendered();
 
     // When set, output goes out through it already serialised (the fast path).
     std::function<void(const QString& json)> sendSerialized;
 
     // The ids of the sessions not closed yet, for closing them all when the agent stops.
     QStringList sessionIds() const;
+    // The session of that id, closed or not; null when there is none.
+    const PtySession* session(const QString& sessionId) const { return m_sessions.value(sessionId); }
     // The sessions not closed yet, as the agent restates them, in the order they opened.
     QList<Messages::StateTerminal> openSessions() const;
 

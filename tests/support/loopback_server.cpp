@@ -67,6 +67,8 @@ void LoopbackServer::onNewConnection()
         m_nextSeq = 0;
         send(QJsonObject{{QStringLiteral("type"), QStringLiteral("agent.hello")},
                          {QStringLiteral("payload"), QJsonObject{{QStringLiteral("seq"), m_newestSeq}}}});
+        for (const QJsonObject& message : std::as_const(m_greeting))
+            send(message);
     }
 }
 

@@ -46,6 +46,9 @@ public:
     }
     // Whether each message is confirmed with "agent.ack" (it is by default).
     void setAcknowledging(bool acknowledging) { m_acknowledging = acknowledging; }
+    // Messages sent to every new connection right after the hello, as the relay sends
+    // the paces of terminals.
+    void setGreeting(const QList<QJsonObject>& messages) { m_greeting = messages; }
     // Messages of one type (and task, when given).
     QList<QJsonObject> messagesOfType(const QString& type, const QString& taskId = {}) const;
     // "type line" for each task.log, "type" for others: a readable trace for failures.
@@ -83,6 +86,7 @@ private:
     qint64 m_nextSeq = 0;
     qint64 m_newestSeq = 0;
     bool m_acknowledging = true;
+    QList<QJsonObject> m_greeting;
     int m_connectionCount = 0;
     QUrl m_lastRequestURL;
     std::optional<QByteArray> m_lastAuthorization;

@@ -1,6 +1,8 @@
 // Terminal sessions on real pseudo-terminals, driven through a loopback server.
 #include "support/terminal_fixture.h"
 #include "support/test_support.h"
+#include "terminal/pty_session.h"
+#include "terminal/terminal_session_manager.h"
 
 #include <QDir>
 #include <QJsonArray>
@@ -250,6 +252,53 @@ private Q_SLOTS:
             f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("l"));
         QVERIFY(closed);
         QCOMPARE(closed->value(QStringLiteral("exitCode")), QJsonValue(130));
+    }
+
+    void aSessionIsReadNoFurtherThanItsSlowestReaderAllows()
+    {
+        TerminalFixture f;
+        QVERIFY(f.connect());
+        f.open(QStringLiteral("p"), QStringLiteral("P"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("p")));
+        const auto pace = [](qint64 rendered) {
+            return QJsonObject{
+                {QStringLiteral("type"), QStringLiteral("terminal.ack")},
+                {QStringLiteral("payload"), QJsonObject{{QStringLiteral("sessionId"), QStringLiteral("p")},
+                                                        {QStringLiteral("offset"), rendered}}}};
+        };
+        // How far the session's live output has got.
+        const auto newest = [&] {
+            qint64 offset = 0;
+            for (const QJsonObject& output : f.events(QStringLiteral("terminal.output"), QStringLiteral("p")))
+                offset = std::max(offset, output.value(QStringLiteral("offset")).toInteger());
+            return offset;
+        };
+        f.server.send(pace(0));
+        f.type(QStringLiteral("p"), "yes\n");
+        QVERIFY(waitUntil([&] { return newest() >= PtySession::kOutputWindow; }));
+        // Round trips through the agent, each giving its reader turns: it reads no further.
+        for (int i = 0; i < 5; ++i)
+            QVERIFY(f.barrier());
+        const qint64 held = newest();
+        QVERIFY2(held < PtySession::kOutputWindow + 64 * 1024, qPrintable(QString::number(held)));
+        // The reader has rendered it all: the terminal goes on.
+        f.server.send(pace(held));
+        QVERIFY(waitUntil([&] { return newest() >= held + PtySession::kOutputWindow; }));
+        // The connection is lost for a while and comes back with the pace from before it:
+        // what the session gave meanwhile, never sent, does not hold it back.
+        const qint64 before = newest();
+        const quint16 port = f.server.port();
+        f.server.close();
+        const PtySession* session = f.runtime->terminalSessionManager().session(QStringLiteral("p"));
+        QVERIFY(waitUntil([&] { return session->outputOffset() > before + 4 * PtySession::kOutputWindow; }));
+        f.server.setGreeting({pace(before)});
+        QVERIFY(f.server.listen(port));
+        QVERIFY(f.server.waitForConnections(2));
+        QVERIFY(f.server.waitFor([](const QJsonObject& m) { return m.value("type") == "agent.state"; }, 10000, 1));
+        f.server.clearMessages();
+        QVERIFY(waitUntil([&] { return newest() > before; }));
+        f.send("terminal.close", QStringLiteral("p"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("p")));
     }
 
     void shellExitStatusAndKill()
