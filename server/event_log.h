@@ -4,8 +4,10 @@
 #include <QByteArrayView>
 #include <QHash>
 
+#include <algorithm>
 #include <deque>
-#include <functional>
+#include <memory>
+#include <vector>
 
 namespace brinmoor::relay {
 
@@ -20,31 +22,39 @@ struct EventLogLimits {
 // terminal session's output only the newest messages are kept, as many as the agent
 // itself replays when a client attaches. What it lets go is remembered as a number:
 // every message up to `lostThrough` may have existed and is no longer here.
+//
+// Most messages are copied into large blocks that go whole once their messages have
+// aged out, so that keeping a message costs no allocation of its own and letting it go
+// touches nothing but the log; terminal output, which goes from the middle, and frames
+// too big for a block are kept as they are.
 class EventLog {
 public:
     // The agent replays the newest 128 reads of a terminal; the log keeps as many.
     static constexpr int kTerminalOutputKept = 128;
-    // What one message costs besides its frame.
-    static constexpr qint64 kEntryOverhead = 64;
+    // What one message costs besides its frame: its entry, and the ring's room for one more.
+    static constexpr qint64 kEntryOverhead = 112;
+    static constexpr qsizetype kBlockSize = 256 * 1024;
 
-    EventLog(EventLogLimits limits, std::function<qint64()> clockMs);
+    explicit EventLog(EventLogLimits limits);
 
-    // Appends a message; seq must be above every one appended before. `terminalSession`
-    // names the session of a "terminal.output" and is empty for other messages.
-    void append(qint64 seq, const QByteArray& frame, QByteArrayView terminalSession = {});
-    // Lets go of what has grown older than the age limit.
-    void trimByAge();
+    // Appends a message at time `nowMs` (of the caller's clock); seq must be above every
+    // one appended before. `terminalSession` names the session of a "terminal.output"
+    // and is empty for other messages.
+    void append(qint64 nowMs, qint64 seq, const QByteArray& frame, QByteArrayView terminalSession = {});
+    // Lets go of what has grown older than the age limit by `nowMs`.
+    void trimByAge(qint64 nowMs);
 
     // The newest seq appended; 0 before any.
     qint64 headSeq() const { return m_head; }
     // Messages up to this seq may have existed and are not here; 0 when nothing is missing.
     qint64 lostThrough() const { return m_lostThrough; }
     void markLostThrough(qint64 seq);
-    // The oldest kept message after `after`: its frame, with its seq in `seq`; null
+    // The oldest kept message after `after`: its frame, with its seq in `seq`; empty
     // when there is none.
-    const QByteArray* next(qint64 after, qint64* seq) const;
+    QByteArray next(qint64 after, qint64* seq) const;
 
-    // The memory the kept messages take, overhead included.
+    // The memory the kept messages take, overhead included (the last block may hold up
+    // to kBlockSize more).
     qint64 bytes() const { return m_bytes; }
     // Kept messages.
     qsizetype size() const { return qsizetype(m_entries.size()) - m_removed; }
@@ -53,22 +63,61 @@ private:
     struct Entry {
         qint64 seq = 0;
         qint64 time = 0;
-        QByteArray frame;
-        QByteArray session; // of a terminal output
-        bool removed = false;
+        qint64 start = -1;   // where its frame starts in the blocks; -1 when kept aside
+        qint32 size = 0;     // of its frame; -1 once it is removed
+        qint32 session = -1; // of a terminal output, an index into m_sessions
+        QByteArray aside;    // the frame of a terminal output or of one too big for a block
     };
+
+    // The entries, oldest first, in a ring that doubles when full and halves when mostly
+    // empty: letting the front go allocates and frees nothing.
+    class Entries {
+    public:
+        bool empty() const { return m_count == 0; }
+        qsizetype size() const { return m_count; }
+        Entry& at(qsizetype i) { return m_slots[size_t((m_head + i) & (m_capacity - 1))]; }
+        const Entry& at(qsizetype i) const { return m_slots[size_t((m_head + i) & (m_capacity - 1))]; }
+        Entry& front() { return at(0); }
+        Entry& back() { return at(m_count - 1); }
+        void push_back(Entry&& entry);
+        void pop_front();
+        // The index of the first entry whose seq is above `seq` (or `size()`).
+        qsizetype firstAbove(qint64 seq) const;
+        // Keeps only the entries not removed.
+        void dropRemoved();
+
+    private:
+        void resize(qsizetype capacity);
+
+        std::unique_ptr<Entry[]> m_slots;
+        qsizetype m_capacity = 0; // a power of two
+        qsizetype m_head = 0;
+        qsizetype m_count = 0;
+    };
+
+    static_assert(sizeof(Entry) * 2 <= kEntryOverhead);
 
     void popFront();
     // Lets go of a terminal output in the middle of the log.
     void remove(qint64 seq);
     void compact();
-    qint64 cost(const Entry& entry) const;
+    static qint64 cost(const Entry& entry) { return kEntryOverhead + std::max(entry.size, 0); }
+    // Copies a frame into the blocks; where it starts.
+    qint64 store(const QByteArray& frame);
+    // Lets the blocks go that end before `position`.
+    void releaseBlocksBefore(qint64 position);
 
     EventLogLimits m_limits;
-    std::function<qint64()> m_clock;
-    std::deque<Entry> m_entries;
-    // Seqs of each terminal session's kept output, oldest first.
-    QHash<QByteArray, std::deque<qint64>> m_outputs;
+    Entries m_entries;
+    // The terminal sessions, by the raw JSON text of their id, and the seqs of each one's
+    // kept output, oldest first.
+    QHash<QByteArray, qint32> m_sessionIds;
+    std::vector<std::deque<qint64>> m_sessions;
+    std::deque<std::unique_ptr<char[]>> m_blocks;
+    std::unique_ptr<char[]> m_spare; // a block let go, for the next one needed
+    qint64 m_blocksStart = 0;        // the position of the first block's first byte
+    qint64 m_blocksEnd = 0;          // the position after the last byte stored
+    qint64 m_oldestTime = 0;         // of the front entry
     qint64 m_head = 0;
     qint64 m_lostThrough = 0;
     qint64 m_bytes = 0;

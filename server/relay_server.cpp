@@ -10,6 +10,7 @@
 #include <QTcpSocket>
 #include <QUuid>
 
+#include <charconv>
 #include <cmath>
 #include <cstring>
 
@@ -372,10 +373,11 @@ void RelayServer::acceptAgent(RelayConnection& connection, const HttpRequest& re
     agent.agentId = agentId;
     agent.connection = &connection;
     agent.prefix = "{\"agentId\":" + jsonString(agentId) + ",\"seq\":";
+    agent.history = &historyOf(agentId);
     m_agents.insert(agentId, agent);
     m_agentIds.insert(&connection, agentId);
     connection.upgrade(RelayConnection::Role::Agent, request.header("sec-websocket-key"), {});
-    connection.sendText(RelayMessages::agentHello(historyOf(agentId).log.headSeq()));
+    connection.sendText(RelayMessages::agentHello(agent.history->log.headSeq()));
     // The readers that pace its terminals hold them back again.
     for (const TerminalFlow::Window& window : m_terminalFlow.windowsOf(agentId))
         tellAgentWindow(window);
@@ -461,15 +463,13 @@ RelayServer::AgentHistory& RelayServer::historyOf(const QString& agentId)
     const auto found = m_histories.find(agentId);
     if (found != m_histories.end())
         return found->second;
-    return m_histories
-        .emplace(agentId, AgentHistory{EventLog(m_config.eventLog, [this] { return m_clock.elapsed(); }),
-                                       AgentSnapshot(), std::nullopt, false})
+    return m_histories.emplace(agentId, AgentHistory{EventLog(m_config.eventLog), AgentSnapshot(), std::nullopt, false})
         .first->second;
 }
 
 void RelayServer::startStream(Agent& agent, qint64 first, qint64 next)
 {
-    AgentHistory& history = historyOf(agent.agentId);
+    AgentHistory& history = *agent.history;
     const qint64 head = history.log.headSeq();
     // What came before the first message this server numbers, if anything did, is not
     // here; a jump within a stream means the messages between went to an earlier life of
@@ -511,8 +511,7 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
     if (agent.nextSeq == 0) {
         // An agent that does not number its messages: the server does, from a number above
         // every seq it has given before.
-        const qint64 made =
-            std::max(QDateTime::currentMSecsSinceEpoch() * 1000, historyOf(agent.agentId).log.headSeq() + 1);
+        const qint64 made = std::max(QDateTime::currentMSecsSinceEpoch() * 1000, agent.history->log.headSeq() + 1);
         startStream(agent, made, made);
     }
     const qint64 seq = agent.nextSeq++;
@@ -523,7 +522,7 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
         logEvent("agent.message.invalid", {{"agentId", agent.agentId}});
         return;
     }
-    AgentHistory& history = historyOf(agent.agentId);
+    AgentHistory& history = *agent.history;
     QByteArray rewritten;
     QByteArrayView relayed = body;
     if (parsed) {
@@ -536,7 +535,9 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
         }
     }
     // {"agentId":"ID","seq":N, followed by the message after its opening brace.
-    const QByteArray number = QByteArray::number(seq);
+    char digits[24];
+    const std::to_chars_result printed = std::to_chars(std::begin(digits), std::end(digits), seq);
+    const QByteArrayView number(digits, printed.ptr - digits);
     const QByteArrayView rest = relayed.sliced(1);
     const qsizetype textSize = agent.prefix.size() + number.size() + 1 + rest.size();
     char header[10];
@@ -547,21 +548,23 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
     out += headerSize;
     std::memcpy(out, agent.prefix.constData(), size_t(agent.prefix.size()));
     out += agent.prefix.size();
-    std::memcpy(out, number.constData(), size_t(number.size()));
+    std::memcpy(out, number.data(), size_t(number.size()));
     out += number.size();
     *out++ = ',';
     std::memcpy(out, rest.data(), size_t(rest.size()));
-    history.log.append(seq, frame, streamingType == kTerminalOutput ? terminalSession(rest) : QByteArrayView());
+    history.log.append(m_batchTime, seq, frame,
+                       streamingType == kTerminalOutput ? terminalSession(rest) : QByteArrayView());
     history.numbered = true;
     deliver(agent.agentId, history, seq, frame);
 }
 
 void RelayServer::scheduleAck(Agent& agent)
 {
-    // One confirmation for all the messages read at once.
+    // One confirmation for all the messages read at once; they are logged at one time.
     if (agent.ackScheduled)
         return;
     agent.ackScheduled = true;
+    m_batchTime = m_clock.elapsed();
     QTimer::singleShot(0, this, [this, agentId = agent.agentId, connection = agent.connection] {
         const auto found = m_agents.find(agentId);
         if (found == m_agents.end() || found->connection != connection)
@@ -579,7 +582,7 @@ void RelayServer::deliver(const QString& agentId, AgentHistory& history, qint64 
 {
     if (m_clients.empty())
         return;
-    if (m_cursorCounts.value(agentId) == 0) {
+    if (m_cursors.isEmpty() || m_cursorCounts.value(agentId) == 0) {
         broadcast(frame);
         return;
     }
@@ -858,33 +861,38 @@ void RelayServer::pump(RelayConnection& client)
     const auto cursors = m_cursors.find(&client);
     if (cursors == m_cursors.end())
         return;
+    const qsizetype window = std::min(kReplayBacklog, m_config.limits.maxBacklog / 4);
     QStringList caughtUp;
     QStringList gaps;
-    bool waiting = false;
+    bool behind = false;
     for (auto it = cursors->begin(); it != cursors->end(); ++it) {
         if (!it->replaying)
             continue;
         const auto history = m_histories.find(it.key());
-        while (client.isOpen() && client.backlog() < std::min(kReplayBacklog, m_config.limits.maxBacklog / 4)) {
+        while (true) {
             if (history == m_histories.end()) {
                 caughtUp.append(it.key());
                 break;
             }
             // The log may have let go of what the client still lacked while it read.
-            if (it->seq < history->second.log.lostThrough()) {
+            const EventLog& log = history->second.log;
+            if (it->seq < log.lostThrough()) {
                 gaps.append(it.key());
                 break;
             }
             qint64 seq = 0;
-            const QByteArray* frame = history->second.log.next(it->seq, &seq);
-            if (!frame) {
+            const QByteArray frame = log.next(it->seq, &seq);
+            if (frame.isEmpty()) {
                 caughtUp.append(it.key());
                 break;
             }
-            client.sendFrame(*frame);
+            if (!client.isOpen() || client.backlog() >= window) {
+                behind = true;
+                break;
+            }
+            client.sendFrame(frame);
             it->seq = seq;
         }
-        waiting = waiting || (!caughtUp.contains(it.key()) && !gaps.contains(it.key()));
     }
     for (const QString& agentId : std::as_const(gaps)) {
         const qint64 had = m_cursors.value(&client).value(agentId).seq;
@@ -893,7 +901,7 @@ void RelayServer::pump(RelayConnection& client)
     }
     for (const QString& agentId : std::as_const(caughtUp))
         eraseCursor(client, agentId);
-    if (waiting && client.isOpen())
+    if (behind && client.isOpen())
         client.notifyWhenDrained();
 }
 
@@ -905,7 +913,7 @@ void RelayServer::connectionDrained(RelayConnection& connection)
 void RelayServer::trimHistories()
 {
     for (auto it = m_histories.begin(); it != m_histories.end();) {
-        it->second.log.trimByAge();
+        it->second.log.trimByAge(m_clock.elapsed());
         if (m_agents.contains(it->first) || it->second.log.size() > 0) {
             ++it;
             continue;

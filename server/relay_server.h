@@ -56,6 +56,7 @@ Q_SIGNALS:
     void stopped();
 
 private:
+    struct AgentHistory;
     // A connected agent.
     struct Agent {
         QString agentId;
@@ -66,6 +67,7 @@ private:
         qint64 skipThrough = 0; // messages up to this seq the server has already
         qint64 acked = 0;       // the seq last confirmed to the agent
         bool ackScheduled = false;
+        AgentHistory* history = nullptr; // kept while the agent is connected
     };
     // What outlives an agent's connections: its recent messages, its present and its
     // registration.
@@ -143,6 +145,7 @@ private:
     bool m_stopped = false;
     PermissionRequests m_permissions;
     QElapsedTimer m_clock;
+    qint64 m_batchTime = 0;        // m_clock when the messages being read began to arrive
     QMap<QString, Agent> m_agents; // by agent id, so lists come out in a stable order
     QHash<RelayConnection*, QString> m_agentIds;
     std::vector<RelayConnection*> m_clients;
