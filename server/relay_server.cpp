@@ -1,11 +1,11 @@
 #include "relay_server.h"
 
 #include "protocol/message_types.h"
+#include "relay_listener.h"
 #include "relay_log.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QTcpServer>
 #include <QTcpSocket>
 #include <QTimer>
 #include <QUuid>
@@ -65,10 +65,11 @@ QByteArray error(int status, const QString& text, QByteArrayView extraHeaders = 
 } // namespace
 
 RelayServer::RelayServer(RelayConfig config, QObject* parent)
-    : QObject(parent), m_config(std::move(config)), m_listener(new QTcpServer(this)), m_auth(m_config.token),
+    : QObject(parent), m_config(std::move(config)), m_listener(new RelayListener(this)), m_auth(m_config.token),
       m_origins(m_config.allowedOrigins), m_permissions(m_config.approvalTimeoutMs)
 {
     m_clock.start();
+    m_listener->setTlsConfiguration(m_config.tls);
     m_listener->setListenBacklogSize(kListenBacklog);
     connect(m_listener, &QTcpServer::newConnection, this, [this] {
         while (QTcpSocket* socket = m_listener->nextPendingConnection())
@@ -134,6 +135,22 @@ void RelayServer::stop()
             connection->abort();
     }
     reportStoppedWhenEmpty();
+}
+
+void RelayServer::reloadTls()
+{
+    if (!m_listener->isTls()) {
+        logEvent("tls.reload.skipped", {{"reason", QStringLiteral("TLS is off")}});
+        return;
+    }
+    auto loaded = loadTlsConfiguration(m_config.tlsFiles);
+    if (const QString* problem = std::get_if<QString>(&loaded)) {
+        logEvent("tls.reload.failed", {{"reason", *problem}});
+        return;
+    }
+    const QSslConfiguration& configuration = std::get<QSslConfiguration>(loaded);
+    m_listener->setTlsConfiguration(configuration);
+    logEvent("tls.reloaded", {{"expires", expiryText(configuration)}});
 }
 
 void RelayServer::reportStoppedWhenEmpty()
@@ -242,7 +259,8 @@ void RelayServer::bodyReceived(RelayConnection& connection, const HttpRequest&, 
 bool RelayServer::originAllowed(RelayConnection& connection, const HttpRequest& request)
 {
     // Only browsers send an Origin; the agent, the phone app and the approval tool do not.
-    if (!request.hasHeader("origin") || m_origins.allows(request.header("origin"), request.header("host")))
+    if (!request.hasHeader("origin") ||
+        m_origins.allows(request.header("origin"), request.header("host"), connection.isEncrypted()))
         return true;
     logEvent("origin.refused", {{"address", connection.address()},
                                 {"path", QString::fromUtf8(request.path)},

@@ -5,6 +5,7 @@
 #include "permission_requests.h"
 #include "relay_connection.h"
 #include "relay_messages.h"
+#include "tls_context.h"
 #include "unauthenticated_connections.h"
 
 #include <QElapsedTimer>
@@ -16,9 +17,11 @@
 
 #include <vector>
 
-class QTcpServer;
+class QTcpSocket;
 
 namespace brinmoor::relay {
+
+class RelayListener;
 
 struct RelayConfig {
     QHostAddress bindAddress = QHostAddress::Any;
@@ -26,7 +29,9 @@ struct RelayConfig {
     QByteArray token;
     RelayLimits limits;
     int approvalTimeoutMs = 600'000;
-    QStringList allowedOrigins; // besides the relay's own, normalized
+    QStringList allowedOrigins;           // besides the relay's own, normalized
+    TlsFiles tlsFiles;                    // read again on reload
+    std::optional<QSslConfiguration> tls; // what the files held at start; none for plain HTTP
 };
 
 // The relay between agents and the phones: one port for the agents' WebSocket, the
@@ -44,6 +49,10 @@ public:
     // Stops listening, closes every connection ("server shutting down") and emits
     // stopped once all are gone.
     void stop();
+    // Reads the certificate and the key again (they are renewed often); connections that
+    // are open keep going, the next ones get the new certificate. When the files do not
+    // load, the old certificate stays in use.
+    void reloadTls();
 
 Q_SIGNALS:
     void stopped();
@@ -90,7 +99,7 @@ private:
     QList<AgentRecord> agentRecords() const;
 
     RelayConfig m_config;
-    QTcpServer* m_listener;
+    RelayListener* m_listener;
     AuthGuard m_auth;
     OriginPolicy m_origins;
     QSet<RelayConnection*> m_connections;

@@ -68,6 +68,15 @@ std::variant<RelayConfig, QString> configFromEnvironment(const QProcessEnvironme
                    entry.trimmed();
         config.allowedOrigins.append(*origin);
     }
+
+    config.tlsFiles = TlsFiles{env.value(QStringLiteral("BRINMOOR_TLS_CERT")).trimmed(),
+                               env.value(QStringLiteral("BRINMOOR_TLS_KEY")).trimmed()};
+    if (config.tlsFiles.isSet()) {
+        auto loaded = loadTlsConfiguration(config.tlsFiles);
+        if (const QString* problem = std::get_if<QString>(&loaded))
+            return QStringLiteral("brinmoor-server: ") + *problem;
+        config.tls = std::get<QSslConfiguration>(loaded);
+    }
     return config;
 }
 

@@ -211,16 +211,20 @@ private Q_SLOTS:
         QCOMPARE(normalizedOrigin(text).value_or(QString()), normalized);
     }
 
-    void theOwnOriginIsPlainHttpOnTheHostAsked()
+    void theOwnOriginIsTheHostAskedOverTheConnectionsScheme()
     {
         const OriginPolicy policy({QStringLiteral("https://phone.example:443")});
-        QVERIFY(policy.allows("http://127.0.0.1:8080", "127.0.0.1:8080"));
-        QVERIFY(policy.allows("http://localhost", "LOCALHOST:80"));
-        QVERIFY(policy.allows("https://phone.example", "127.0.0.1:8080"));
-        QVERIFY(!policy.allows("https://127.0.0.1:8080", "127.0.0.1:8080"));
-        QVERIFY(!policy.allows("http://127.0.0.1:8081", "127.0.0.1:8080"));
-        QVERIFY(!policy.allows("http://127.0.0.1:8080", ""));
-        QVERIFY(!policy.allows("http://127.0.0.1:8080", "127.0.0.1:8080/x"));
+        QVERIFY(policy.allows("http://127.0.0.1:8080", "127.0.0.1:8080", false));
+        QVERIFY(policy.allows("http://localhost", "LOCALHOST:80", false));
+        QVERIFY(policy.allows("https://phone.example", "127.0.0.1:8080", false));
+        QVERIFY(!policy.allows("https://127.0.0.1:8080", "127.0.0.1:8080", false));
+        QVERIFY(!policy.allows("http://127.0.0.1:8081", "127.0.0.1:8080", false));
+        QVERIFY(!policy.allows("http://127.0.0.1:8080", "", false));
+        QVERIFY(!policy.allows("http://127.0.0.1:8080", "127.0.0.1:8080/x", false));
+        // Over TLS the relay's own origin is https.
+        QVERIFY(policy.allows("https://mymac.example.net:8443", "mymac.example.net:8443", true));
+        QVERIFY(policy.allows("https://mymac.example.net", "mymac.example.net", true));
+        QVERIFY(!policy.allows("http://mymac.example.net:8443", "mymac.example.net:8443", true));
     }
 
     void onlyCodesThatMayTravelAreSentBack()

@@ -80,6 +80,7 @@ bool RelayProcess::start(const QProcessEnvironment& extra, quint16 wantedPort)
     env.insert(QStringLiteral("BRINMOOR_SERVER_PORT"), QString::number(wantedPort));
     env.insert(QStringLiteral("BRINMOOR_SERVER_BIND"), QStringLiteral("127.0.0.1"));
     merge(env, extra);
+    m_tls = !env.value(QStringLiteral("BRINMOOR_TLS_CERT")).isEmpty();
     process.setProcessEnvironment(env);
     process.setProcessChannelMode(QProcess::SeparateChannels);
     process.start(binDir() + QStringLiteral("/brinmoor-server"), QStringList());
@@ -100,7 +101,7 @@ bool RelayProcess::start(const QProcessEnvironment& extra, quint16 wantedPort)
 
 QString RelayProcess::url() const
 {
-    return QStringLiteral("http://127.0.0.1:") + QString::number(port);
+    return (m_tls ? QStringLiteral("https://127.0.0.1:") : QStringLiteral("http://127.0.0.1:")) + QString::number(port);
 }
 
 QStringList RelayProcess::lines()

@@ -38,6 +38,7 @@ struct RelayProcess {
     ~RelayProcess();
     // Starts it and waits for its "listening port=" line.
     bool start(const QProcessEnvironment& extra = {}, quint16 wantedPort = 0);
+    // "http://127.0.0.1:PORT", or https when it was given a certificate.
     QString url() const;
     // Its output lines so far.
     QStringList lines();
@@ -48,6 +49,7 @@ struct RelayProcess {
 
 private:
     QByteArray m_out;
+    bool m_tls = false;
 };
 
 // Environment entries for tests, from "NAME=value" texts.
