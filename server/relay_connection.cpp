@@ -1,6 +1,7 @@
 #include "relay_connection.h"
 
 #include "relay_log.h"
+#include "trusted_proxies.h"
 
 #include <QHostAddress>
 #include <QSslSocket>
@@ -21,13 +22,6 @@ constexpr qint64 kMaxDiscardedWhileClosing = 256 * 1024;
 constexpr char kTlsHandshakeRecord = 0x16;
 // Browsers that reached the relay over TLS keep to TLS for it for a year.
 constexpr QByteArrayView kTransportSecurity = "Strict-Transport-Security: max-age=31536000\r\n";
-
-QString addressText(const QHostAddress& address)
-{
-    bool isV4 = false;
-    const quint32 v4 = address.toIPv4Address(&isV4);
-    return isV4 ? QHostAddress(v4).toString() : address.toString();
-}
 
 } // namespace
 
@@ -84,6 +78,11 @@ void RelayConnection::onDeadline()
     } else {
         finish();
     }
+}
+
+QHostAddress RelayConnection::peerAddress() const
+{
+    return m_socket->peerAddress();
 }
 
 bool RelayConnection::isEncrypted() const

@@ -4,6 +4,7 @@
 #include "websocket_frames.h"
 
 #include <QByteArray>
+#include <QHostAddress>
 #include <QObject>
 #include <QString>
 #include <QTimer>
@@ -57,7 +58,12 @@ public:
                     QObject* parent = nullptr);
     ~RelayConnection() override;
 
+    // The client's address as the relay counts and logs it: the peer's, or the one a
+    // trusted proxy names.
     const QString& address() const { return m_address; }
+    void setAddress(const QString& address) { m_address = address; }
+    // The other end of the socket: the client, or a proxy in front of it.
+    QHostAddress peerAddress() const;
     Role role() const { return m_role; }
     bool isOpen() const { return m_state == State::Open; }
     // Still reading a request's head or body.

@@ -168,7 +168,10 @@ void RelayServer::admit(QTcpSocket* socket)
     m_connections.insert(connection);
     m_unauthenticated.add(connection, address);
     const RelayLimits& limits = m_config.limits;
-    if (m_unauthenticated.countFrom(address) > limits.maxUnauthenticatedPerAddress) {
+    // A trusted proxy carries many clients: the cap per address is not for it (it reads
+    // whole request heads before it passes them on); the cap on all still is.
+    if (m_unauthenticated.countFrom(address) > limits.maxUnauthenticatedPerAddress &&
+        !m_config.trustedProxies.contains(connection->peerAddress())) {
         dropOldestUnauthenticated(*connection, address,
                                   QStringLiteral("more than %1 connections without a token from this address")
                                       .arg(limits.maxUnauthenticatedPerAddress));
@@ -186,6 +189,17 @@ void RelayServer::admit(QTcpSocket* socket)
     }
 }
 
+void RelayServer::takeForwardedAddress(RelayConnection& connection, const HttpRequest& request)
+{
+    if (!m_config.trustedProxies.contains(connection.peerAddress()))
+        return;
+    const QString client =
+        m_config.trustedProxies.clientAddress(connection.peerAddress(), request.headerValues("x-forwarded-for"));
+    if (client == connection.address())
+        return;
+    connection.setAddress(client);
+}
+
 bool RelayServer::dropOldestUnauthenticated(const RelayConnection& newcomer, const QString& address,
                                             const QString& reason)
 {
@@ -199,6 +213,7 @@ bool RelayServer::dropOldestUnauthenticated(const RelayConnection& newcomer, con
 
 void RelayServer::requestReceived(RelayConnection& connection, const HttpRequest& request)
 {
+    takeForwardedAddress(connection, request);
     const QByteArray& path = request.path;
     if (path == "/v1/health") {
         if (request.method == "GET" || request.method == "HEAD")

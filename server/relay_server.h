@@ -6,6 +6,7 @@
 #include "relay_connection.h"
 #include "relay_messages.h"
 #include "tls_context.h"
+#include "trusted_proxies.h"
 #include "unauthenticated_connections.h"
 
 #include <QElapsedTimer>
@@ -29,7 +30,8 @@ struct RelayConfig {
     QByteArray token;
     RelayLimits limits;
     int approvalTimeoutMs = 600'000;
-    QStringList allowedOrigins;           // besides the relay's own, normalized
+    QStringList allowedOrigins; // besides the relay's own, normalized (the public URL's is one)
+    TrustedProxies trustedProxies;
     TlsFiles tlsFiles;                    // read again on reload
     std::optional<QSslConfiguration> tls; // what the files held at start; none for plain HTTP
 };
@@ -73,6 +75,8 @@ private:
     void connectionReleased(RelayConnection& connection) override;
 
     void admit(QTcpSocket* socket);
+    // Behind a trusted proxy, the client it names is the one counted and logged.
+    void takeForwardedAddress(RelayConnection& connection, const HttpRequest& request);
     void reportStoppedWhenEmpty();
     // Lets go of the oldest connection without a token when there are too many.
     bool dropOldestUnauthenticated(const RelayConnection& newcomer, const QString& address, const QString& reason);

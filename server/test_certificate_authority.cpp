@@ -34,9 +34,14 @@ constexpr char kConfiguration[] = "[req]\n"
 
 QStringList newKey(const QString& keyPath)
 {
-    return {QStringLiteral("-newkey"), QStringLiteral("ec"),   QStringLiteral("-pkeyopt"),
-            QStringLiteral("ec_paramgen_curve:P-256"),         QStringLiteral("-nodes"),
-            QStringLiteral("-keyout"),        keyPath,         QStringLiteral("-days"),
+    return {QStringLiteral("-newkey"),
+            QStringLiteral("ec"),
+            QStringLiteral("-pkeyopt"),
+            QStringLiteral("ec_paramgen_curve:P-256"),
+            QStringLiteral("-nodes"),
+            QStringLiteral("-keyout"),
+            keyPath,
+            QStringLiteral("-days"),
             QStringLiteral("30")};
 }
 
@@ -61,10 +66,10 @@ bool TestCertificateAuthority::run(const QStringList& arguments)
         return false;
     QProcess openssl;
     openssl.setProcessChannelMode(QProcess::MergedChannels);
-    openssl.start(QStringLiteral("openssl"), QStringList{QStringLiteral("req"), QStringLiteral("-x509"),
-                                                         QStringLiteral("-config"),
-                                                         m_dir.filePath(QStringLiteral("openssl.cnf"))} +
-                                                 arguments);
+    openssl.start(QStringLiteral("openssl"),
+                  QStringList{QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-config"),
+                              m_dir.filePath(QStringLiteral("openssl.cnf"))} +
+                      arguments);
     if (!openssl.waitForFinished(30000) || openssl.exitStatus() != QProcess::NormalExit || openssl.exitCode() != 0) {
         m_error = QStringLiteral("openssl failed: ") + QString::fromUtf8(openssl.readAll()) + openssl.errorString();
         return false;
@@ -72,8 +77,8 @@ bool TestCertificateAuthority::run(const QStringList& arguments)
     return true;
 }
 
-TestCertificateAuthority::Issued TestCertificateAuthority::issue(const QString& commonName,
-                                                                 const QStringList& altNames, Chain chain)
+TestCertificateAuthority::Issued TestCertificateAuthority::issue(const QString& commonName, const QStringList& altNames,
+                                                                 Chain chain)
 {
     const QString root = rootCertificate();
     const QString rootKey = m_dir.filePath(QStringLiteral("root.key"));

@@ -103,8 +103,8 @@ std::variant<QSslConfiguration, QString> loadTlsConfiguration(const TlsFiles& fi
     configuration.setAllowedNextProtocols({QByteArray(QSslConfiguration::NextProtocolHttp1_1)});
     if (publicKey.algorithm() != key.algorithm() || publicKey.length() != key.length() ||
         !opensslTakesThePair(configuration))
-        return QStringLiteral("BRINMOOR_TLS_KEY is not the key of the certificate in BRINMOOR_TLS_CERT: ") +
-               files.key + QStringLiteral(", ") + files.certificate;
+        return QStringLiteral("BRINMOOR_TLS_KEY is not the key of the certificate in BRINMOOR_TLS_CERT: ") + files.key +
+               QStringLiteral(", ") + files.certificate;
     return configuration;
 }
 

@@ -82,12 +82,9 @@ private Q_SLOTS:
     {
         QVERIFY(startRelay(m_local));
         const QSslConfiguration tls = m_ca->clientConfiguration();
-        QVERIFY(m_relay->waitForLine(QStringLiteral("tls.on expires=") +
-                                     QSslCertificate::fromPath(m_local.certificate)
-                                         .first()
-                                         .expiryDate()
-                                         .toUTC()
-                                         .toString(Qt::ISODate)));
+        QVERIFY(m_relay->waitForLine(
+            QStringLiteral("tls.on expires=") +
+            QSslCertificate::fromPath(m_local.certificate).first().expiryDate().toUTC().toString(Qt::ISODate)));
         const QByteArray health = httpsExchange(m_relay->port, "GET /v1/health HTTP/1.1\r\nHost: x\r\n\r\n", tls);
         QCOMPARE(statusAndBody(health), QStringLiteral("HTTP/1.1 200 OK\n{\"ok\":true}"));
         QCOMPARE(statusAndTransportSecurity(health), QStringLiteral("HTTP/1.1 200 OK\nmax-age=31536000"));
@@ -104,10 +101,10 @@ private Q_SLOTS:
         agent.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("agent.register")},
                                {QStringLiteral("profiles"), QJsonArray{QStringLiteral("ios-local")}}});
         QVERIFY(phone.waitForType(QStringLiteral("agent.register")));
-        phone.send(QJsonObject{
-            {QStringLiteral("type"), QStringLiteral("task.create")},
-            {QStringLiteral("agentId"), QStringLiteral("mac-1")},
-            {QStringLiteral("payload"), QJsonObject{{QStringLiteral("action"), QStringLiteral("shell")}}}});
+        phone.send(
+            QJsonObject{{QStringLiteral("type"), QStringLiteral("task.create")},
+                        {QStringLiteral("agentId"), QStringLiteral("mac-1")},
+                        {QStringLiteral("payload"), QJsonObject{{QStringLiteral("action"), QStringLiteral("shell")}}}});
         const auto assigned = agent.waitForType(QStringLiteral("task.assign"));
         QVERIFY(assigned);
         agent.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("task.log")},
@@ -140,9 +137,8 @@ private Q_SLOTS:
         QCOMPARE(statusAndBody(httpsExchange(m_relay->port, wrong, tls)),
                  QStringLiteral("HTTP/1.1 429 Too Many Requests\n{\"error\":\"too many failed attempts; try again "
                                 "later\"}"));
-        QCOMPARE(statusAndBody(httpsExchange(m_relay->port,
-                                             "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n\r\n",
-                                             tls)),
+        QCOMPARE(statusAndBody(httpsExchange(
+                     m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n\r\n", tls)),
                  QStringLiteral("HTTP/1.1 200 OK\n{\"agents\":[]}"));
         QVERIFY(m_relay->waitForLine(QStringLiteral("auth.blocked address=127.0.0.1 seconds=60")));
     }
@@ -151,8 +147,9 @@ private Q_SLOTS:
     {
         QVERIFY(startRelay(m_local));
         const QByteArray answer = httpExchange(m_relay->port, "GET /v1/health HTTP/1.1\r\nHost: x\r\n\r\n");
-        QCOMPARE(statusAndBody(answer),
-                 QStringLiteral("HTTP/1.1 400 Bad Request\n{\"error\":\"this port speaks TLS: use https:// or wss://\"}"));
+        QCOMPARE(
+            statusAndBody(answer),
+            QStringLiteral("HTTP/1.1 400 Bad Request\n{\"error\":\"this port speaks TLS: use https:// or wss://\"}"));
         QCOMPARE(responseHeader(answer, "strict-transport-security"), std::nullopt);
         RelayClient plain;
         QVERIFY(!plain.open(m_relay->port, m_relay->token));
@@ -170,17 +167,17 @@ private Q_SLOTS:
         QVERIFY(m_relay->waitForLine(
             QStringLiteral("tls.failed address=127.0.0.1 reason=the client left during the handshake")));
         QProcess curl;
-        curl.start(QStringLiteral("curl"), {QStringLiteral("--silent"), QStringLiteral("--cacert"),
-                                            other.rootCertificate(),
-                                            QStringLiteral("https://127.0.0.1:%1/v1/health").arg(m_relay->port)});
+        curl.start(QStringLiteral("curl"),
+                   {QStringLiteral("--silent"), QStringLiteral("--cacert"), other.rootCertificate(),
+                    QStringLiteral("https://127.0.0.1:%1/v1/health").arg(m_relay->port)});
         QVERIFY(curl.waitForFinished(10000));
         QCOMPARE(curl.exitCode(), 60); // the peer's certificate could not be verified
         QVERIFY(m_relay->waitForLine(QStringLiteral("tls.failed address=127.0.0.1 reason=Error during SSL handshake: "
                                                     "error:0A000418:SSL routines::tlsv1 alert unknown ca")));
         // The server goes on.
-        QCOMPARE(statusAndBody(httpsExchange(m_relay->port, "GET /v1/health HTTP/1.1\r\n\r\n",
-                                             m_ca->clientConfiguration())),
-                 QStringLiteral("HTTP/1.1 200 OK\n{\"ok\":true}"));
+        QCOMPARE(
+            statusAndBody(httpsExchange(m_relay->port, "GET /v1/health HTTP/1.1\r\n\r\n", m_ca->clientConfiguration())),
+            QStringLiteral("HTTP/1.1 200 OK\n{\"ok\":true}"));
     }
 
     void closesHandshakesThatStallOnTime()
@@ -211,9 +208,11 @@ private Q_SLOTS:
                 });
             },
             15000));
-        QVERIFY2(elapsed.elapsed() >= 9500 && elapsed.elapsed() < 13000, qPrintable(QString::number(elapsed.elapsed())));
-        QCOMPARE(m_relay->lines().count(QStringLiteral("tls.failed address=127.0.0.1 reason=no TLS handshake within 10 s")),
-                 32);
+        QVERIFY2(elapsed.elapsed() >= 9500 && elapsed.elapsed() < 13000,
+                 qPrintable(QString::number(elapsed.elapsed())));
+        QCOMPARE(
+            m_relay->lines().count(QStringLiteral("tls.failed address=127.0.0.1 reason=no TLS handshake within 10 s")),
+            32);
     }
 
     void reloadsTheCertificateOnSighupWhileClientsStay()
@@ -315,10 +314,9 @@ private Q_SLOTS:
                                         << "weak.key"
                                         << "brinmoor-server: BRINMOOR_TLS_CERT holds an RSA key of 1024 bits; TLS "
                                            "here needs at least 2048: DIR/weak.pem";
-        QTest::newRow("certificate alone")
-            << "local.pem"
-            << ""
-            << "brinmoor-server: BRINMOOR_TLS_CERT is set but BRINMOOR_TLS_KEY is not";
+        QTest::newRow("certificate alone") << "local.pem"
+                                           << ""
+                                           << "brinmoor-server: BRINMOOR_TLS_CERT is set but BRINMOOR_TLS_KEY is not";
         QTest::newRow("key alone") << ""
                                    << "local.key"
                                    << "brinmoor-server: BRINMOOR_TLS_KEY is set but BRINMOOR_TLS_CERT is not";
@@ -346,25 +344,20 @@ private Q_SLOTS:
         QVERIFY(openssl({QStringLiteral("genpkey"), QStringLiteral("-algorithm"), QStringLiteral("RSA"),
                          QStringLiteral("-pkeyopt"), QStringLiteral("rsa_keygen_bits:2048"), QStringLiteral("-out"),
                          dir.filePath(QStringLiteral("rsa.key"))}));
-        QVERIFY(openssl({QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"),
-                         QStringLiteral("rsa:1024"), QStringLiteral("-nodes"), QStringLiteral("-subj"),
-                         QStringLiteral("/CN=weak"), QStringLiteral("-keyout"), dir.filePath(QStringLiteral("weak.key")),
-                         QStringLiteral("-out"), dir.filePath(QStringLiteral("weak.pem"))}));
+        QVERIFY(
+            openssl({QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"),
+                     QStringLiteral("rsa:1024"), QStringLiteral("-nodes"), QStringLiteral("-subj"),
+                     QStringLiteral("/CN=weak"), QStringLiteral("-keyout"), dir.filePath(QStringLiteral("weak.key")),
+                     QStringLiteral("-out"), dir.filePath(QStringLiteral("weak.pem"))}));
 
-        QProcess server;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("BRINMOOR_SHARED_TOKEN"), QStringLiteral("t"));
-        env.insert(QStringLiteral("BRINMOOR_SERVER_BIND"), QStringLiteral("127.0.0.1"));
-        env.insert(QStringLiteral("BRINMOOR_SERVER_PORT"), QStringLiteral("0"));
-        env.insert(QStringLiteral("BRINMOOR_TLS_CERT"), certificate.isEmpty() ? QString() : dir.filePath(certificate));
-        env.insert(QStringLiteral("BRINMOOR_TLS_KEY"), key.isEmpty() ? QString() : dir.filePath(key));
-        server.setProcessEnvironment(env);
-        server.start(binDir() + QStringLiteral("/brinmoor-server"), QStringList());
-        QVERIFY(server.waitForFinished(10000));
-        QCOMPARE(server.exitCode(), 2);
-        QCOMPARE(QString::fromUtf8(server.readAllStandardError()),
-                 QString(line).replace(QStringLiteral("DIR"), dir.path()) + QLatin1Char('\n'));
-        QCOMPARE(server.readAllStandardOutput(), QByteArray());
+        const RelayRefusal refusal = runRefusedRelay(environment(
+            {QStringLiteral("BRINMOOR_SHARED_TOKEN=t"), QStringLiteral("BRINMOOR_SERVER_BIND=127.0.0.1"),
+             QStringLiteral("BRINMOOR_SERVER_PORT=0"),
+             QStringLiteral("BRINMOOR_TLS_CERT=") + (certificate.isEmpty() ? QString() : dir.filePath(certificate)),
+             QStringLiteral("BRINMOOR_TLS_KEY=") + (key.isEmpty() ? QString() : dir.filePath(key))}));
+        QCOMPARE(refusal.exitCode, 2);
+        QCOMPARE(refusal.error, QString(line).replace(QStringLiteral("DIR"), dir.path()) + QLatin1Char('\n'));
+        QCOMPARE(refusal.output, QByteArray());
     }
 };
 

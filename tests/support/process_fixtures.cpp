@@ -67,6 +67,22 @@ bool AgentProcess::stop(int timeoutMs)
     return process.waitForFinished(timeoutMs);
 }
 
+RelayRefusal runRefusedRelay(const QProcessEnvironment& settings)
+{
+    QProcess server;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.remove(QStringLiteral("BRINMOOR_SHARED_TOKEN"));
+    merge(env, settings);
+    server.setProcessEnvironment(env);
+    server.start(binDir() + QStringLiteral("/brinmoor-server"), QStringList());
+    if (!server.waitForFinished(10000)) {
+        server.kill();
+        server.waitForFinished();
+        return {};
+    }
+    return {server.exitCode(), QString::fromUtf8(server.readAllStandardError()), server.readAllStandardOutput()};
+}
+
 RelayProcess::~RelayProcess()
 {
     kill();

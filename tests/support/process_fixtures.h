@@ -52,6 +52,16 @@ private:
     bool m_tls = false;
 };
 
+// What brinmoor-server said when it would not start.
+struct RelayRefusal {
+    int exitCode = -1;
+    QString error;     // standard error
+    QByteArray output; // standard output
+};
+// Starts brinmoor-server with the system environment less BRINMOOR_SHARED_TOKEN, plus
+// `settings`, and waits for it to end.
+RelayRefusal runRefusedRelay(const QProcessEnvironment& settings);
+
 // Environment entries for tests, from "NAME=value" texts.
 QProcessEnvironment environment(const QStringList& entries);
 

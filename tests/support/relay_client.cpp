@@ -114,7 +114,13 @@ QString RelayClient::trace() const
 
 QByteArray httpExchange(quint16 port, const QByteArray& request, int timeoutMs)
 {
+    return httpExchangeFrom(QStringLiteral("127.0.0.1"), port, request, timeoutMs);
+}
+
+QByteArray httpExchangeFrom(const QString& from, quint16 port, const QByteArray& request, int timeoutMs)
+{
     QTcpSocket socket;
+    socket.bind(QHostAddress(from));
     socket.connectToHost(QStringLiteral("127.0.0.1"), port);
     if (!socket.waitForConnected(timeoutMs))
         return {};

@@ -63,6 +63,8 @@ QByteArray readUntilClosed(QTcpSocket& socket, int timeoutMs = 10000);
 // Sends raw bytes to 127.0.0.1:port and returns everything read until the server
 // closes the connection (or the time runs out).
 QByteArray httpExchange(quint16 port, const QByteArray& request, int timeoutMs = 10000);
+// The same from another loopback address (127.0.0.2, …), as from another machine.
+QByteArray httpExchangeFrom(const QString& from, quint16 port, const QByteArray& request, int timeoutMs = 10000);
 // The same over TLS, trusting what `tls` trusts and checking the certificate for
 // `peerName` (127.0.0.1 when empty); empty when the handshake fails.
 QByteArray httpsExchange(quint16 port, const QByteArray& request, const QSslConfiguration& tls,
