@@ -1,5 +1,6 @@
 #include "agent/agent_runtime.h"
 
+#include "agent/server_certificate.h"
 #include "base/diag.h"
 #include "config/settings_store.h"
 #include "protocol/messages.h"
@@ -9,6 +10,7 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QNetworkRequest>
+#include <QSslError>
 #include <QUrlQuery>
 #include <QWebSocket>
 
@@ -94,6 +96,11 @@ bool AgentRuntime::isConnected() const
     return m_socket && m_connected;
 }
 
+void AgentRuntime::pinServerCertificate(std::optional<QString> certificateFile)
+{
+    m_pinnedFile = std::move(certificateFile);
+}
+
 void AgentRuntime::start()
 {
     diag(QStringLiteral("start requested"));
@@ -147,12 +154,22 @@ void AgentRuntime::attemptConnect()
         return;
     }
     m_socketURL = *url;
+    m_certificateRefusal.clear();
+    const auto tls = tlsConfiguration(settings);
+    if (const QString* problem = std::get_if<QString>(&tls)) {
+        refuseCertificate(*problem);
+        reportStatus(QStringLiteral("Reconnect in 3s: ") + *problem);
+        m_reconnectTimer.start();
+        return;
+    }
     QNetworkRequest request(*url);
     if (!settings.token.isEmpty())
         request.setRawHeader("Authorization", "Bearer " + settings.token.toUtf8());
 
     auto* socket = new QWebSocket(QString(), QWebSocketProtocol::VersionLatest, this);
     m_socket = socket;
+    socket->setSslConfiguration(std::get<QSslConfiguration>(tls));
+    connect(socket, &QWebSocket::sslErrors, this, &AgentRuntime::onSslErrors);
     // Frames from the server may be large (terminal input, approvals), never unbounded.
     socket->setMaxAllowedIncomingMessageSize(64 * 1024 * 1024);
     connect(socket, &QWebSocket::connected, this, &AgentRuntime::onConnected);
@@ -169,8 +186,55 @@ void AgentRuntime::attemptConnect()
     socket->open(request);
 }
 
+std::variant<QSslConfiguration, QString> AgentRuntime::tlsConfiguration(const ConnectionSettings& settings)
+{
+    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+    m_pinned.clear();
+    if (m_pinnedFile) {
+        const auto pinned = ServerCertificate::load(*m_pinnedFile);
+        if (const QString* problem = std::get_if<QString>(&pinned))
+            return *problem;
+        m_pinned = std::get<QList<QSslCertificate>>(pinned);
+        // No authority vouches for a pinned server, so every certificate comes to
+        // onSslErrors, where the pin decides before anything (the token) is sent.
+        configuration.setCaCertificates({});
+        return configuration;
+    }
+    if (!settings.tlsCA.isEmpty()) {
+        const auto authorities = ServerCertificate::load(settings.tlsCA);
+        if (const QString* problem = std::get_if<QString>(&authorities))
+            return *problem;
+        configuration.addCaCertificates(std::get<QList<QSslCertificate>>(authorities));
+    }
+    return configuration;
+}
+
+bool AgentRuntime::presentsPinnedCertificate() const
+{
+    return m_socket && !m_pinned.isEmpty() && m_socket->sslConfiguration().peerCertificate() == m_pinned.first();
+}
+
+void AgentRuntime::onSslErrors(const QList<QSslError>& errors)
+{
+    // The pinned certificate is the server's own: that it names another host (the phones'
+    // address) or comes from an authority this machine does not know does not matter.
+    if (presentsPinnedCertificate()) {
+        m_socket->ignoreSslErrors();
+        return;
+    }
+    refuseCertificate(m_pinnedFile ? ServerCertificate::notPinned(*m_pinnedFile) : ServerCertificate::refused(errors));
+}
+
+void AgentRuntime::refuseCertificate(const QString& reason)
+{
+    m_certificateRefusal = reason;
+    diag(QStringLiteral("tls.refused serverURL=") + m_socketURL.toString() + QStringLiteral(" reason=") + reason);
+}
+
 QString AgentRuntime::socketErrorText() const
 {
+    if (!m_certificateRefusal.isEmpty())
+        return m_certificateRefusal;
     if (!m_socket)
         return QStringLiteral("connection closed");
     // A close handshake from the server is not a socket error: say what it sent.

@@ -34,6 +34,8 @@ ConnectionSettings ConnectionSettings::load(const SettingsStore& defaults, const
     settings.token =
         settingOrEnvironment(defaults, QStringLiteral("token"), env, QStringLiteral("BRINMOOR_SHARED_TOKEN"))
             .value_or(QString());
+    settings.tlsCA = settingOrEnvironment(defaults, QStringLiteral("tlsCA"), env, QStringLiteral("BRINMOOR_TLS_CA"))
+                         .value_or(QString());
     return settings;
 }
 

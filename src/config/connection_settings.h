@@ -16,6 +16,10 @@ struct ConnectionSettings {
     QString serverURL;
     QString agentId;
     QString token;
+    // A PEM file of certificate authorities to trust besides the system's ("tlsCA",
+    // BRINMOOR_TLS_CA): a server whose certificate comes from a private authority
+    // verifies like any other.
+    QString tlsCA;
 
     static ConnectionSettings load(const SettingsStore& defaults, const Environment& env);
 };

@@ -107,7 +107,7 @@ bool LocalServerRuntime::isRunning() const
     return m_process && m_process->state() != QProcess::NotRunning;
 }
 
-int LocalServerRuntime::start(int port, const QString& token, Status status)
+int LocalServerRuntime::start(int port, const QString& token, Status status, const LocalServerSettings& server)
 {
     stop();
     const int chosen = resolveAvailablePort(port);
@@ -121,6 +121,12 @@ int LocalServerRuntime::start(int port, const QString& token, Status status)
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("BRINMOOR_SERVER_PORT"), QString::number(chosen));
     env.insert(QStringLiteral("BRINMOOR_SHARED_TOKEN"), token);
+    for (const auto& [name, value] : server.serverEnvironment()) {
+        if (value.isEmpty())
+            env.remove(name);
+        else
+            env.insert(name, value);
+    }
     process->setProcessEnvironment(env);
     process->setProcessChannelMode(QProcess::MergedChannels);
     process->setStandardInputFile(QProcess::nullDevice());

@@ -101,6 +101,56 @@ private Q_SLOTS:
                  QStringLiteral("Server URL: http://127.0.0.1:8080\nAgent ID: box\nToken: "));
     }
 
+    void phonesAreGivenThePublicURLOrHttpsWithACertificate()
+    {
+        MemorySettingsStore settings;
+        settings.setValue(QStringLiteral("serverPort"), 8080);
+        settings.setValue(QStringLiteral("token"), QStringLiteral("tok"));
+        LocalServerSettings server;
+        server.publicURL = QStringLiteral("https://mymac.tailnet.ts.net:8443/");
+        // The public URL needs no LAN address.
+        const std::optional<PairingPayload> payload =
+            Pairing::currentPairingPayload(settings, QStringLiteral("Box"), std::nullopt, server);
+        QVERIFY(payload);
+        QCOMPARE(payload->serverURL, QStringLiteral("https://mymac.tailnet.ts.net:8443"));
+        QCOMPARE(Pairing::pairingTooltip(settings, QStringLiteral("Box"), QStringLiteral("10.0.0.2"), server),
+                 QStringLiteral("Server URL: https://mymac.tailnet.ts.net:8443\nAgent ID: box\nToken: tok"));
+
+        LocalServerSettings tls;
+        tls.tlsCertificate = QStringLiteral("/etc/brinmoor/cert.pem");
+        tls.tlsKey = QStringLiteral("/etc/brinmoor/key.pem");
+        QCOMPARE(Pairing::serverURLForPhones(settings, tls, QStringLiteral("10.0.0.2")),
+                 std::optional<QString>(QStringLiteral("https://10.0.0.2:8080")));
+        QCOMPARE(Pairing::serverURLForPhones(settings, tls, std::nullopt), std::nullopt);
+        QCOMPARE(Pairing::pairingTooltip(settings, QStringLiteral("Box"), std::nullopt, tls),
+                 QStringLiteral("Server URL: https://127.0.0.1:8080\nAgent ID: box\nToken: tok"));
+        settings.setValue(QStringLiteral("token"), QString());
+        QCOMPARE(Pairing::currentPairingPayload(settings, QStringLiteral("Box"), std::nullopt, server), std::nullopt);
+        QCOMPARE(Pairing::pairingTooltip(settings, QStringLiteral("Box"), std::nullopt, server),
+                 QStringLiteral("Server URL: https://mymac.tailnet.ts.net:8443\nAgent ID: box\nToken: "));
+    }
+
+    void theLanItemShowsThePublicURL()
+    {
+        QTemporaryDir dir;
+        MemorySettingsStore settings;
+        settings.setValue(QStringLiteral("token"), QStringLiteral("tok"));
+        settings.setValue(QStringLiteral("agentId"), QStringLiteral("mini"));
+        settings.setValue(QStringLiteral("serverPort"), 8080);
+        Machine machine;
+        machine.currentDirectory = dir.path();
+        AgentStatusController controller(
+            settings, {{QStringLiteral("BRINMOOR_PUBLIC_URL"), QStringLiteral("https://mini.example.net:8443")}},
+            machine);
+        controller.lanAddress = [] { return std::optional<QString>(); };
+        QCOMPARE(controller.networkTitle(), QStringLiteral("LAN: https://mini.example.net:8443 \u2022 mini"));
+        // The setting comes before the environment.
+        settings.setValue(QStringLiteral("publicURL"), QStringLiteral("https://mini.tailnet.ts.net"));
+        QCOMPARE(controller.networkTitle(), QStringLiteral("LAN: https://mini.tailnet.ts.net \u2022 mini"));
+        QCOMPARE(controller.pairingTooltip(),
+                 QStringLiteral("Server URL: https://mini.tailnet.ts.net\nAgent ID: mini\nToken: tok"));
+    }
+
     void qrCodeDrawnWithHalfBlocks()
     {
         const std::vector<std::vector<bool>> modules = Pairing::qrModules("{\"name\":\"x\"}");

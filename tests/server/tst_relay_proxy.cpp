@@ -22,7 +22,8 @@ constexpr char kStranger[] = "127.0.0.3";
 
 QByteArray agentsRequest(const QByteArray& token, const QByteArray& forwardedFor)
 {
-    QByteArray request = "GET /v1/agents HTTP/1.1\r\nHost: mymac.example.net\r\nAuthorization: Bearer " + token + "\r\n";
+    QByteArray request =
+        "GET /v1/agents HTTP/1.1\r\nHost: mymac.example.net\r\nAuthorization: Bearer " + token + "\r\n";
     if (!forwardedFor.isEmpty())
         request += "X-Forwarded-For: " + forwardedFor + "\r\n";
     return request + "\r\n";
@@ -79,8 +80,8 @@ private Q_SLOTS:
                  QStringLiteral("HTTP/1.1 200 OK\n{\"agents\":[]}"));
 
         // The stranger's line comes last; by then every other one is there.
-        QVERIFY(m_relay->waitForLine(
-            QStringLiteral("auth.refused address=127.0.0.3 path=/v1/agents reason=wrong token")));
+        QVERIFY(
+            m_relay->waitForLine(QStringLiteral("auth.refused address=127.0.0.3 path=/v1/agents reason=wrong token")));
         const QStringList lines = m_relay->lines();
         QCOMPARE(lines.count(QStringLiteral("auth.refused address=203.0.113.9 path=/v1/agents reason=wrong token")),
                  10);
