@@ -28,7 +28,8 @@ QList<QPair<QString, QString>> LocalServerSettings::serverEnvironment() const
 
 LocalServerSettings LocalServerSettings::load(const SettingsStore& defaults, const Environment& env)
 {
-    return {setting(defaults, env, "tlsCert", "BRINMOOR_TLS_CERT"), setting(defaults, env, "tlsKey", "BRINMOOR_TLS_KEY"),
+    return {setting(defaults, env, "tlsCert", "BRINMOOR_TLS_CERT"),
+            setting(defaults, env, "tlsKey", "BRINMOOR_TLS_KEY"),
             setting(defaults, env, "publicURL", "BRINMOOR_PUBLIC_URL"),
             setting(defaults, env, "trustedProxies", "BRINMOOR_TRUSTED_PROXIES")};
 }

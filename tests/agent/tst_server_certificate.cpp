@@ -46,8 +46,8 @@ private:
     {
         m_relay = std::make_unique<RelayProcess>();
         m_relay->token = QStringLiteral("tok");
-        return m_relay->start(environment(
-            {QStringLiteral("BRINMOOR_TLS_CERT=") + files.certificate, QStringLiteral("BRINMOOR_TLS_KEY=") + files.key}));
+        return m_relay->start(environment({QStringLiteral("BRINMOOR_TLS_CERT=") + files.certificate,
+                                           QStringLiteral("BRINMOOR_TLS_KEY=") + files.key}));
     }
 
     void startAgent(std::optional<QString> pinned)
@@ -83,9 +83,9 @@ private Q_SLOTS:
     {
         m_ca = std::make_unique<TestCertificateAuthority>();
         QVERIFY2(m_ca->error().isEmpty(), qPrintable(m_ca->error()));
-        m_named = m_ca->issue(QStringLiteral("mymac.tailnet-1234.ts.net"),
-                              {QStringLiteral("DNS:mymac.tailnet-1234.ts.net")},
-                              TestCertificateAuthority::Chain::WithIntermediate);
+        m_named =
+            m_ca->issue(QStringLiteral("mymac.tailnet-1234.ts.net"), {QStringLiteral("DNS:mymac.tailnet-1234.ts.net")},
+                        TestCertificateAuthority::Chain::WithIntermediate);
         m_local = m_ca->issue(QStringLiteral("localhost"), {QStringLiteral("IP:127.0.0.1")});
         QVERIFY(!m_named.certificate.isEmpty() && !m_local.certificate.isEmpty());
     }
@@ -115,8 +115,8 @@ private Q_SLOTS:
         startAgent(m_local.certificate);
         const QString reason = QStringLiteral("the server's certificate is not the one in ") + m_local.certificate;
         QVERIFY(waitForStatus(QStringLiteral("Reconnect in 3s: ") + reason));
-        QVERIFY(log.contains(QStringLiteral("tls.refused serverURL=") + socketURL() + QStringLiteral(" reason=") +
-                             reason));
+        QVERIFY(
+            log.contains(QStringLiteral("tls.refused serverURL=") + socketURL() + QStringLiteral(" reason=") + reason));
         QVERIFY(m_relay->waitForLine(
             QStringLiteral("tls.failed address=127.0.0.1 reason=the client left during the handshake")));
     }
@@ -140,11 +140,11 @@ private Q_SLOTS:
         DiagRecorder log;
         QVERIFY(startRelay(m_named));
         startAgent(m_repo.filePath(QStringLiteral("missing.pem")));
-        const QString reason =
-            QStringLiteral("cannot read ") + m_repo.filePath(QStringLiteral("missing.pem")) + ": No such file or directory";
+        const QString reason = QStringLiteral("cannot read ") + m_repo.filePath(QStringLiteral("missing.pem")) +
+                               ": No such file or directory";
         QVERIFY(waitForStatus(QStringLiteral("Reconnect in 3s: ") + reason));
-        QVERIFY(log.contains(QStringLiteral("tls.refused serverURL=") + socketURL() + QStringLiteral(" reason=") +
-                             reason));
+        QVERIFY(
+            log.contains(QStringLiteral("tls.refused serverURL=") + socketURL() + QStringLiteral(" reason=") + reason));
     }
 
     void verifiesLikeAnyOtherWithoutAPin()
