@@ -51,6 +51,7 @@ private:
 
     QPointer<QProcess> m_process;
     Utf8StreamDecoder m_decoder;
+    QString m_partialLine; // the server's output after its last line feed
 };
 
 } // namespace brinmoor

@@ -125,8 +125,13 @@ private Q_SLOTS:
         QVERIFY(pieces.write("  ready \n"));
         QVERIFY(pieces.write("   \n"));         // only blanks: not relayed
         QVERIFY(pieces.write("listening\n\n")); // trimmed
-        QCOMPARE(lines,
-                 (QStringList{QStringLiteral("[BrinmoorServer] ready"), QStringLiteral("[BrinmoorServer] listening")}));
+        QVERIFY(pieces.write("two\nlines in one read\nand half"));
+        QVERIFY(pieces.write(" a line\n"));
+        QCOMPARE(
+            lines,
+            (QStringList{QStringLiteral("[BrinmoorServer] ready"), QStringLiteral("[BrinmoorServer] listening"),
+                         QStringLiteral("[BrinmoorServer] two"), QStringLiteral("[BrinmoorServer] lines in one read"),
+                         QStringLiteral("[BrinmoorServer] and half a line")}));
         QVERIFY(runtime.isRunning());
         runtime.stop();
         QVERIFY(!runtime.isRunning());

@@ -67,6 +67,52 @@ bool AgentProcess::stop(int timeoutMs)
     return process.waitForFinished(timeoutMs);
 }
 
+HeadlessProcess::~HeadlessProcess()
+{
+    if (process.state() != QProcess::NotRunning) {
+        process.kill();
+        process.waitForFinished(5000);
+    }
+}
+
+void HeadlessProcess::start(quint16 port, const QProcessEnvironment& extra)
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    for (const QString& name :
+         {QStringLiteral("DISPLAY"), QStringLiteral("WAYLAND_DISPLAY"), QStringLiteral("BRINMOOR_SHARED_TOKEN"),
+          QStringLiteral("BRINMOOR_SERVER_URL"), QStringLiteral("BRINMOOR_SERVER_PATH")})
+        env.remove(name);
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), configHome.path());
+    env.insert(QStringLiteral("BRINMOOR_REPO_ROOT"), repo.path());
+    env.insert(QStringLiteral("BRINMOOR_AGENT_ID"), QStringLiteral("headless-mac"));
+    env.insert(QStringLiteral("BRINMOOR_SERVER_PORT"), QString::number(port));
+    merge(env, extra);
+    process.setProcessEnvironment(env);
+    process.start(binDir() + QStringLiteral("/BrinmoorMacAgent"), {QStringLiteral("--headless")});
+}
+
+const QByteArray& HeadlessProcess::output()
+{
+    m_out += process.readAllStandardOutput();
+    return m_out;
+}
+
+bool HeadlessProcess::waitForOutput(QByteArrayView text, int timeoutMs)
+{
+    const bool seen = waitUntil([&] { return output().contains(text); }, timeoutMs);
+    if (!seen)
+        qWarning("not in the output: %s\n%s", text.toByteArray().constData(), m_out.constData());
+    return seen;
+}
+
+bool HeadlessProcess::stop(int timeoutMs)
+{
+    if (process.state() == QProcess::NotRunning)
+        return true;
+    process.terminate();
+    return process.waitForFinished(timeoutMs);
+}
+
 RelayRefusal runRefusedRelay(const QProcessEnvironment& settings)
 {
     QProcess server;

@@ -29,6 +29,26 @@ private:
     QByteArray m_out;
 };
 
+// The app as a new user runs it (`--headless`): its own config home and repository
+// root, no display, and the local server it starts on the port given; agent id
+// "headless-mac".
+struct HeadlessProcess {
+    QTemporaryDir configHome;
+    QTemporaryDir repo;
+    QProcess process;
+
+    ~HeadlessProcess();
+    void start(quint16 port, const QProcessEnvironment& extra = {});
+    // Everything it printed so far (its own lines and the server's).
+    const QByteArray& output();
+    bool waitForOutput(QByteArrayView text, int timeoutMs = 10000);
+    // Sends SIGTERM and waits for the end; false when it did not end in time.
+    bool stop(int timeoutMs = 10000);
+
+private:
+    QByteArray m_out;
+};
+
 // A `brinmoor-server` on 127.0.0.1 and a port of its own choosing (or a given one).
 struct RelayProcess {
     QProcess process;
