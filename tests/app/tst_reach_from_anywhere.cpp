@@ -139,11 +139,11 @@ private:
     // A shell task from the phone, through the relay, to the app's agent and back.
     void runsATaskFor(RelayClient& phone, const QString& line)
     {
-        phone.send(QJsonObject{
-            {QStringLiteral("type"), QStringLiteral("task.create")},
-            {QStringLiteral("agentId"), QStringLiteral("headless-mac")},
-            {QStringLiteral("payload"), QJsonObject{{QStringLiteral("action"), QStringLiteral("shell")},
-                                                    {QStringLiteral("command"), QString(QStringLiteral("echo ") + line)}}}});
+        phone.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("task.create")},
+                               {QStringLiteral("agentId"), QStringLiteral("headless-mac")},
+                               {QStringLiteral("payload"),
+                                QJsonObject{{QStringLiteral("action"), QStringLiteral("shell")},
+                                            {QStringLiteral("command"), QString(QStringLiteral("echo ") + line)}}}});
         QVERIFY(phone.waitFor([&](const QJsonObject& m) { return m.value(QStringLiteral("line")) == line; }));
         QVERIFY(phone.waitForType(QStringLiteral("task.finished")));
     }
@@ -166,11 +166,12 @@ private Q_SLOTS:
         // The README's line, with its own authority folder instead of -install.
         QProcessEnvironment caroot;
         caroot.insert(QStringLiteral("CAROOT"), home.filePath(QStringLiteral("ca")));
-        const Run made = run(mkcert,
-                             {QStringLiteral("-cert-file"), tls + QStringLiteral("/cert.pem"), QStringLiteral("-key-file"),
-                              tls + QStringLiteral("/key.pem"), QStringLiteral("mymac.local"),
-                              QStringLiteral("192.168.1.20"), QStringLiteral("localhost"), QStringLiteral("127.0.0.1")},
-                             caroot);
+        const Run made =
+            run(mkcert,
+                {QStringLiteral("-cert-file"), tls + QStringLiteral("/cert.pem"), QStringLiteral("-key-file"),
+                 tls + QStringLiteral("/key.pem"), QStringLiteral("mymac.local"), QStringLiteral("192.168.1.20"),
+                 QStringLiteral("localhost"), QStringLiteral("127.0.0.1")},
+                caroot);
         QVERIFY2(made.exitCode == 0, made.output.constData());
         const QString root = QString::fromUtf8(run(mkcert, {QStringLiteral("-CAROOT")}, caroot).output.trimmed()) +
                              QStringLiteral("/rootCA.pem");
@@ -270,8 +271,8 @@ private Q_SLOTS:
         const quint16 nginxPort = freePort();
         const QString publicURL = QStringLiteral("https://mymac.example.net:%1").arg(nginxPort);
         RelayProcess relay;
-        QVERIFY(relay.start(environment(
-            {QStringLiteral("BRINMOOR_TRUSTED_PROXIES=127.0.0.1"), QStringLiteral("BRINMOOR_PUBLIC_URL=") + publicURL})));
+        QVERIFY(relay.start(environment({QStringLiteral("BRINMOOR_TRUSTED_PROXIES=127.0.0.1"),
+                                         QStringLiteral("BRINMOOR_PUBLIC_URL=") + publicURL})));
 
         // Only the ports and the files are this machine's.
         const QList<QPair<QString, QString>> local = {
@@ -285,36 +286,37 @@ private Q_SLOTS:
             site.replace(from, to);
         }
         QTemporaryDir prefix;
-        writeFile(prefix.filePath(QStringLiteral("nginx.conf")),
-                  QStringLiteral("worker_processes 1;\n"
-                                 "pid %1/nginx.pid;\n"
-                                 "error_log %1/error.log;\n"
-                                 "events { worker_connections 64; }\n"
-                                 "http {\n"
-                                 "access_log off;\n"
-                                 "client_body_temp_path %1/body;\n"
-                                 "proxy_temp_path %1/proxy;\n"
-                                 "fastcgi_temp_path %1/fastcgi;\n"
-                                 "uwsgi_temp_path %1/uwsgi;\n"
-                                 "scgi_temp_path %1/scgi;\n")
-                          .arg(prefix.path())
-                          .toUtf8() +
-                      site.toUtf8() + "}\n");
-        const QStringList arguments = {QStringLiteral("-p"), prefix.path(), QStringLiteral("-e"),
-                                       prefix.filePath(QStringLiteral("error.log")), QStringLiteral("-c"),
-                                       prefix.filePath(QStringLiteral("nginx.conf"))};
+        writeFile(prefix.filePath(QStringLiteral("nginx.conf")), QStringLiteral("worker_processes 1;\n"
+                                                                                "pid %1/nginx.pid;\n"
+                                                                                "error_log %1/error.log;\n"
+                                                                                "events { worker_connections 64; }\n"
+                                                                                "http {\n"
+                                                                                "access_log off;\n"
+                                                                                "client_body_temp_path %1/body;\n"
+                                                                                "proxy_temp_path %1/proxy;\n"
+                                                                                "fastcgi_temp_path %1/fastcgi;\n"
+                                                                                "uwsgi_temp_path %1/uwsgi;\n"
+                                                                                "scgi_temp_path %1/scgi;\n")
+                                                                         .arg(prefix.path())
+                                                                         .toUtf8() +
+                                                                     site.toUtf8() + "}\n");
+        const QStringList arguments = {QStringLiteral("-p"), prefix.path(),
+                                       QStringLiteral("-e"), prefix.filePath(QStringLiteral("error.log")),
+                                       QStringLiteral("-c"), prefix.filePath(QStringLiteral("nginx.conf"))};
         const Run checked = run(nginx, arguments + QStringList{QStringLiteral("-t")});
         QVERIFY2(checked.exitCode == 0, checked.output.constData());
         // One process, not a master with workers, so that nothing of it outlives the test.
         QProcess proxy;
         proxy.setProcessChannelMode(QProcess::MergedChannels);
-        proxy.start(nginx, arguments + QStringList{QStringLiteral("-g"), QStringLiteral("daemon off; master_process off;")});
+        proxy.start(nginx,
+                    arguments + QStringList{QStringLiteral("-g"), QStringLiteral("daemon off; master_process off;")});
         QVERIFY(waitUntil([&] {
             QTcpSocket probe;
             probe.connectToHost(QStringLiteral("127.0.0.1"), nginxPort);
             return probe.waitForConnected(200) || proxy.state() == QProcess::NotRunning;
         }));
-        QVERIFY2(proxy.state() == QProcess::Running, readFile(prefix.filePath(QStringLiteral("error.log"))).constData());
+        QVERIFY2(proxy.state() == QProcess::Running,
+                 readFile(prefix.filePath(QStringLiteral("error.log"))).constData());
 
         QCOMPARE(curlHealth(QStringLiteral("mymac.example.net"), nginxPort, m_ca->rootCertificate()).output,
                  QByteArray("{\"ok\":true}"));

@@ -13,6 +13,7 @@
 #include <QProcess>
 #include <QSslCertificate>
 #include <QSslSocket>
+#include <QStandardPaths>
 #include <QTcpSocket>
 #include <QTest>
 
@@ -263,6 +264,42 @@ private Q_SLOTS:
                 .arg(files.key, files.certificate)));
         QCOMPARE(presentedCertificate(m_relay->port, tls), QSslCertificate::fromPath(renewed.certificate).first());
         QVERIFY(phone.isConnected() && agent.isConnected());
+    }
+
+    void chromiumTakesTheCertificateByItsSpkiHash()
+    {
+        // What a browser test over HTTPS hands Chromium instead of an "ignore all errors"
+        // switch: the hash of the certificate's public key, as openssl computes it.
+        QProcess openssl;
+        openssl.start(
+            QStringLiteral("/bin/sh"),
+            {QStringLiteral("-c"), QStringLiteral("openssl x509 -pubkey -noout -in '%1' | openssl pkey -pubin "
+                                                  "-outform der | openssl dgst -sha256 -binary | base64")
+                                       .arg(m_local.certificate)});
+        QVERIFY(openssl.waitForFinished(30000));
+        const QByteArray hash = brinmoor::relay::spkiSha256(m_local.certificate);
+        QCOMPARE(hash, openssl.readAllStandardOutput().trimmed());
+
+        const QString chromium = QStandardPaths::findExecutable(QStringLiteral("chromium"));
+        if (chromium.isEmpty())
+            QSKIP("chromium is not installed");
+        QVERIFY(startRelay(m_local));
+        const auto dumpHealth = [&](const QStringList& flags) {
+            QTemporaryDir profile;
+            QProcess browser;
+            browser.start(chromium,
+                          QStringList{QStringLiteral("--headless=new"), QStringLiteral("--no-sandbox"),
+                                      QStringLiteral("--disable-gpu"),
+                                      QStringLiteral("--user-data-dir=") + profile.path()} +
+                              flags +
+                              QStringList{QStringLiteral("--dump-dom"),
+                                          QStringLiteral("https://127.0.0.1:%1/v1/health").arg(m_relay->port)});
+            browser.waitForFinished(60000);
+            return browser.readAllStandardOutput();
+        };
+        QVERIFY(dumpHealth({QStringLiteral("--ignore-certificate-errors-spki-list=") + QString::fromLatin1(hash)})
+                    .contains("{\"ok\":true}"));
+        QVERIFY(!dumpHealth({}).contains("{\"ok\":true}"));
     }
 
     void sighupWithoutTlsChangesNothing()
