@@ -6,6 +6,7 @@
 #include "support/relay_client.h"
 #include "support/test_support.h"
 #include "test_certificate_authority.h"
+#include "websocket_client.h"
 
 #include <QElapsedTimer>
 #include <QJsonArray>
@@ -16,12 +17,14 @@
 #include <QStandardPaths>
 #include <QTcpSocket>
 #include <QTest>
+#include <QWebSocket>
 
 #include <csignal>
 #include <memory>
 
 using namespace brinmoor::test;
 using brinmoor::relay::TestCertificateAuthority;
+namespace ws = brinmoor::relay::ws;
 
 namespace {
 
@@ -142,6 +145,45 @@ private Q_SLOTS:
                      m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n\r\n", tls)),
                  QStringLiteral("HTTP/1.1 200 OK\n{\"agents\":[]}"));
         QVERIFY(m_relay->waitForLine(QStringLiteral("auth.blocked address=127.0.0.1 seconds=60")));
+    }
+
+    void dropsAClientThatFallsBehindOverTls()
+    {
+        // What waits encrypted in the socket counts toward the backlog like what waits to
+        // be encrypted: lines sent in small steps, each taken by the server before the
+        // next, still pile up for a client that does not read until it is dropped.
+        QVERIFY(startRelay(m_local, {QStringLiteral("BRINMOOR_CLIENT_BACKLOG_BYTES=1048576")}));
+        const QSslConfiguration tls = m_ca->clientConfiguration();
+        RelayClient agent;
+        agent.useTls(tls);
+        RelayClient client;
+        client.useTls(tls);
+        QVERIFY(client.open(m_relay->port, m_relay->token));
+        QVERIFY(agent.openAgent(m_relay->port, QStringLiteral("mac-1"), m_relay->token));
+        QSslSocket slow;
+        slow.setSslConfiguration(tls);
+        slow.connectToHostEncrypted(QStringLiteral("127.0.0.1"), m_relay->port);
+        QVERIFY(waitUntil([&] { return slow.isEncrypted(); }));
+        slow.write(ws::upgradeRequest("/v1/ws/client", "Authorization: Bearer relay-token\r\n"));
+        QVERIFY(waitUntil([&] { return slow.bytesAvailable() > 0; }));
+        QCOMPARE(slow.peek(12), QByteArray("HTTP/1.1 101"));
+        slow.setReadBufferSize(1);
+        QVERIFY(m_relay->waitForLine(QStringLiteral("client.connected address=127.0.0.1")));
+
+        const QString dropped = QStringLiteral(
+            "client.dropped address=127.0.0.1 reason=too slow: more than 1048576 bytes waiting to be sent");
+        const QString line(1000, QLatin1Char('z'));
+        const auto lines = [&] {
+            return client.messages().count() - 2; // after "server.hello" and "agent.online"
+        };
+        for (int step = 0; step < 600 && !m_relay->lines().contains(dropped); ++step) {
+            for (int i = 0; i < 50; ++i)
+                agent.sendText(QStringLiteral("{\"type\":\"task.log\",\"taskId\":\"t\",\"line\":\"") + line +
+                               QStringLiteral("\"}"));
+            QVERIFY(waitUntil([&] { return lines() == (step + 1) * 50; }));
+        }
+        QVERIFY(m_relay->waitForLine(dropped));
+        QVERIFY(agent.isConnected() && client.isConnected());
     }
 
     void answersPlainHttpOnTheTlsPortInPlainText()
