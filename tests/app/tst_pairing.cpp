@@ -130,27 +130,6 @@ private Q_SLOTS:
                  QStringLiteral("Server URL: https://mymac.tailnet.ts.net:8443\nAgent ID: box\nToken: "));
     }
 
-    void theLanItemShowsThePublicURL()
-    {
-        QTemporaryDir dir;
-        MemorySettingsStore settings;
-        settings.setValue(QStringLiteral("token"), QStringLiteral("tok"));
-        settings.setValue(QStringLiteral("agentId"), QStringLiteral("mini"));
-        settings.setValue(QStringLiteral("serverPort"), 8080);
-        Machine machine;
-        machine.currentDirectory = dir.path();
-        AgentStatusController controller(
-            settings, {{QStringLiteral("BRINMOOR_PUBLIC_URL"), QStringLiteral("https://mini.example.net:8443")}},
-            machine);
-        controller.lanAddress = [] { return std::optional<QString>(); };
-        QCOMPARE(controller.networkTitle(), QStringLiteral("LAN: https://mini.example.net:8443 \u2022 mini"));
-        // The setting comes before the environment.
-        settings.setValue(QStringLiteral("publicURL"), QStringLiteral("https://mini.tailnet.ts.net"));
-        QCOMPARE(controller.networkTitle(), QStringLiteral("LAN: https://mini.tailnet.ts.net \u2022 mini"));
-        QCOMPARE(controller.pairingTooltip(),
-                 QStringLiteral("Server URL: https://mini.tailnet.ts.net\nAgent ID: mini\nToken: tok"));
-    }
-
     void qrCodeDrawnWithHalfBlocks()
     {
         const std::vector<std::vector<bool>> modules = Pairing::qrModules("{\"name\":\"x\"}");
@@ -179,6 +158,13 @@ private Q_SLOTS:
         QCOMPARE(controller.networkTitle(), QStringLiteral("LAN: Unavailable"));
         controller.lanAddress = [] { return std::optional<QString>(QStringLiteral("10.1.2.3")); };
         QCOMPARE(controller.networkTitle(), QStringLiteral("LAN: http://10.1.2.3:8080 \u2022 mini"));
+        // A public URL is what phones use, with or without a LAN address.
+        settings.setValue(QStringLiteral("publicURL"), QStringLiteral("https://mini.tailnet.ts.net"));
+        QCOMPARE(controller.networkTitle(), QStringLiteral("LAN: https://mini.tailnet.ts.net \u2022 mini"));
+        controller.lanAddress = [] { return std::optional<QString>(); };
+        QCOMPARE(controller.networkTitle(), QStringLiteral("LAN: https://mini.tailnet.ts.net \u2022 mini"));
+        QCOMPARE(controller.pairingTooltip(),
+                 QStringLiteral("Server URL: https://mini.tailnet.ts.net\nAgent ID: mini\nToken: tok"));
         QCOMPARE(controller.statusTitle(), QStringLiteral("Server: Starting"));
         QCOMPARE(controller.detailsTitle(), QStringLiteral("Agent: Starting"));
     }

@@ -359,7 +359,7 @@ private Q_SLOTS:
         QTest::addColumn<QString>("certificate");
         QTest::addColumn<QString>("key");
         QTest::addColumn<QString>("line");
-        // Paths are relative to a folder of files made here; "CA" stands for the local pair.
+        // File names in a folder made for the test (DIR in the lines); "local" is a good pair.
         QTest::newRow("missing certificate")
             << "missing.pem"
             << "local.key"
