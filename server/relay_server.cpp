@@ -193,11 +193,8 @@ void RelayServer::takeForwardedAddress(RelayConnection& connection, const HttpRe
 {
     if (!m_config.trustedProxies.contains(connection.peerAddress()))
         return;
-    const QString client =
-        m_config.trustedProxies.clientAddress(connection.peerAddress(), request.headerValues("x-forwarded-for"));
-    if (client == connection.address())
-        return;
-    connection.setAddress(client);
+    connection.setAddress(
+        m_config.trustedProxies.clientAddress(connection.peerAddress(), request.headerValues("x-forwarded-for")));
 }
 
 bool RelayServer::dropOldestUnauthenticated(const RelayConnection& newcomer, const QString& address,

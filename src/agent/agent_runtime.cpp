@@ -194,7 +194,7 @@ std::variant<QSslConfiguration, QString> AgentRuntime::tlsConfiguration(const Co
         const auto pinned = ServerCertificate::load(*m_pinnedFile);
         if (const QString* problem = std::get_if<QString>(&pinned))
             return *problem;
-        m_pinned = std::get<QList<QSslCertificate>>(pinned);
+        m_pinned = std::get<QList<QSslCertificate>>(pinned).first();
         // No authority vouches for a pinned server, so every certificate comes to
         // onSslErrors, where the pin decides before anything (the token) is sent.
         configuration.setCaCertificates({});
@@ -211,7 +211,7 @@ std::variant<QSslConfiguration, QString> AgentRuntime::tlsConfiguration(const Co
 
 bool AgentRuntime::presentsPinnedCertificate() const
 {
-    return m_socket && !m_pinned.isEmpty() && m_socket->sslConfiguration().peerCertificate() == m_pinned.first();
+    return m_socket && !m_pinned.isNull() && m_socket->sslConfiguration().peerCertificate() == m_pinned;
 }
 
 void AgentRuntime::onSslErrors(const QList<QSslError>& errors)

@@ -17,11 +17,10 @@
 #include <QTimer>
 #include <QUrl>
 
-#include <variant>
-
 #include <functional>
 #include <memory>
 #include <optional>
+#include <variant>
 
 class QSslError;
 class QWebSocket;
@@ -137,8 +136,8 @@ private:
     bool m_connected = false;
     QUrl m_socketURL;
     std::optional<QString> m_pinnedFile;
-    QList<QSslCertificate> m_pinned; // the file's certificates at the last connect; the first is the server's
-    QString m_certificateRefusal;    // why this connection's certificate was refused
+    QSslCertificate m_pinned;     // the server's own in the pinned file, read at the last connect
+    QString m_certificateRefusal; // why this connection's certificate was refused
     QTimer m_reconnectTimer;
     QTimer m_connectTimeout;
     QTimer m_heartbeatTimer;
