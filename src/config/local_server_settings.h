@@ -2,9 +2,9 @@
 
 #include "config/machine.h"
 
+#include <QList>
+#include <QPair>
 #include <QString>
-
-#include <optional>
 
 namespace brinmoor {
 
