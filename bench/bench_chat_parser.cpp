@@ -4,7 +4,7 @@
 // Also compares the input rate for an answer that grows to 1 MB in 1,000 cumulative
 // Claude events with one that grows to 100 KB in 100: a parser that rescans or re-joins
 // its text would fall far behind on the first.
-#include "execution/chat_json_line_parser.h"
+#include "chat/chat_json_line_parser.h"
 #include "process_stats.h"
 
 #include <QElapsedTimer>

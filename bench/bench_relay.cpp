@@ -5,6 +5,7 @@
 // The same paced streams also run over one direct loopback connection, without the
 // server; the difference is the latency the server adds.
 #include "process_stats.h"
+#include "websocket_client.h"
 #include "websocket_frames.h"
 
 #include <QCoreApplication>
@@ -46,11 +47,7 @@ public:
 
     void handshake(const QByteArray& path, const QByteArray& token)
     {
-        socket->write("GET " + path +
-                      " HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                      "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n"
-                      "Authorization: Bearer " +
-                      token + "\r\n\r\n");
+        socket->write(relay::ws::upgradeRequest(path, QByteArray("Authorization: Bearer " + token + "\r\n")));
     }
     void skipHandshake() { m_upgraded = true; }
     bool upgraded() const { return m_upgraded; }
@@ -58,17 +55,8 @@ public:
     // Appends one masked text frame (mask key zero: the server still does the work).
     static void appendFrame(QByteArray& out, QByteArrayView payload)
     {
-        if (payload.size() < 126) {
-            out.append(char(0x81));
-            out.append(char(0x80 | payload.size()));
-        } else {
-            out.append(char(0x81));
-            out.append(char(0x80 | 126));
-            out.append(char(payload.size() >> 8));
-            out.append(char(payload.size() & 0xFF));
-        }
-        out.append("\0\0\0\0", 4);
-        out.append(payload);
+        static constexpr char kZeroMask[4] = {};
+        relay::ws::appendMaskedFrame(out, relay::ws::Text, payload, kZeroMask);
     }
 
 private:

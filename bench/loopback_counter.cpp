@@ -1,5 +1,6 @@
 #include "loopback_counter.h"
 
+#include "websocket_client.h"
 #include "websocket_frames.h"
 
 #include <QJsonDocument>
@@ -119,17 +120,8 @@ bool LoopbackCounter::handshake()
     const qsizetype end = m_buffer.indexOf("\r\n\r\n", m_offset);
     if (end < 0)
         return false;
-    const QByteArray request = m_buffer.mid(m_offset, end - m_offset);
+    m_socket->write(relay::ws::upgradeResponse(QByteArrayView(m_buffer).sliced(m_offset, end - m_offset)));
     m_offset = end + 4;
-    QByteArray key;
-    for (const QByteArray& line : request.split('\n')) {
-        if (line.toLower().startsWith("sec-websocket-key:"))
-            key = line.mid(18).trimmed();
-    }
-    const QByteArray accept = relay::ws::acceptKey(key);
-    m_socket->write("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                    "Sec-WebSocket-Accept: " +
-                    accept + "\r\n\r\n");
     m_upgraded = true;
     return true;
 }
@@ -161,18 +153,7 @@ void LoopbackCounter::handleFrame(int opcode, const char* payload, qsizetype siz
 
 void LoopbackCounter::send(const QJsonObject& message)
 {
-    const QByteArray payload = QJsonDocument(message).toJson(QJsonDocument::Compact);
-    QByteArray frame;
-    frame.append(char(0x81));
-    if (payload.size() < 126) {
-        frame.append(char(payload.size()));
-    } else {
-        frame.append(char(126));
-        frame.append(char((payload.size() >> 8) & 0xFF));
-        frame.append(char(payload.size() & 0xFF));
-    }
-    frame.append(payload);
-    m_socket->write(frame);
+    m_socket->write(relay::ws::frame(relay::ws::Text, QJsonDocument(message).toJson(QJsonDocument::Compact)));
 }
 
 } // namespace brinmoor::bench

@@ -1,5 +1,6 @@
 #include "relay_server.h"
 
+#include "protocol/message_types.h"
 #include "relay_log.h"
 
 #include <QJsonArray>
@@ -22,16 +23,6 @@ constexpr QByteArrayView kStreamingTypes[] = {
     "\"type\":\"terminal.output\"",
     "\"type\":\"task.chat.chunk\"",
 };
-
-const QStringList& agentCommandTypes()
-{
-    static const QStringList types{
-        QStringLiteral("task.cancel"),     QStringLiteral("task.approval"),   QStringLiteral("terminal.open"),
-        QStringLiteral("terminal.attach"), QStringLiteral("terminal.input"),  QStringLiteral("terminal.complete"),
-        QStringLiteral("terminal.resize"), QStringLiteral("terminal.signal"), QStringLiteral("terminal.close"),
-    };
-    return types;
-}
 
 QByteArray jsonString(const QString& text)
 {
@@ -389,7 +380,7 @@ void RelayServer::clientMessage(RelayConnection& client, QByteArrayView payload)
     }
     if (type == QLatin1String("task.create"))
         createTask(client, message);
-    else if (agentCommandTypes().contains(type))
+    else if (MessageTypes::agentCommands().contains(type))
         forwardToAgent(client, type, message);
     else if (type == QLatin1String("permission.decision"))
         decidePermission(client, message);

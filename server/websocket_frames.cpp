@@ -1,5 +1,7 @@
 #include "websocket_frames.h"
 
+#include "base/utf8_stream_decoder.h"
+
 #include <QCryptographicHash>
 
 #include <cstring>
@@ -68,57 +70,6 @@ QByteArray closeFrame(quint16 code, QByteArrayView reason)
     payload.append(char(code & 0xFF));
     payload.append(reason.first(qMin<qsizetype>(reason.size(), 123)));
     return frame(Close, payload);
-}
-
-bool isValidUtf8(QByteArrayView text)
-{
-    const auto* s = reinterpret_cast<const unsigned char*>(text.data());
-    const qsizetype n = text.size();
-    qsizetype i = 0;
-    while (i < n) {
-        // Runs of ASCII go eight bytes at a time.
-        while (i + 8 <= n) {
-            quint64 word;
-            std::memcpy(&word, s + i, 8);
-            if (word & 0x8080808080808080ULL)
-                break;
-            i += 8;
-        }
-        if (i >= n)
-            break;
-        const unsigned char c = s[i];
-        if (c < 0x80) {
-            ++i;
-            continue;
-        }
-        int extra;
-        unsigned int lowest;
-        if (c >= 0xC2 && c <= 0xDF) {
-            extra = 1;
-            lowest = 0x80;
-        } else if (c >= 0xE0 && c <= 0xEF) {
-            extra = 2;
-            lowest = 0x800;
-        } else if (c >= 0xF0 && c <= 0xF4) {
-            extra = 3;
-            lowest = 0x10000;
-        } else {
-            return false;
-        }
-        if (i + extra >= n)
-            return false;
-        unsigned int code = c & (0x3F >> extra);
-        for (int k = 1; k <= extra; ++k) {
-            const unsigned char next = s[i + k];
-            if ((next & 0xC0) != 0x80)
-                return false;
-            code = (code << 6) | (next & 0x3F);
-        }
-        if (code < lowest || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))
-            return false;
-        i += extra + 1;
-    }
-    return true;
 }
 
 FrameReader::FrameReader(qsizetype maxMessageSize, bool requireMasked)

@@ -26,7 +26,6 @@ QByteArray frame(Opcode opcode, QByteArrayView payload);
 qsizetype writeFrameHeader(char* out, Opcode opcode, quint64 payloadSize);
 QByteArray closeFrame(quint16 code, QByteArrayView reason);
 
-bool isValidUtf8(QByteArrayView text);
 // Undoes a client's masking in place.
 void unmask(char* data, qsizetype size, const unsigned char mask[4]);
 

@@ -1,8 +1,8 @@
 #include "agent/agent_runtime.h"
 
-#include "agent/diag.h"
-#include "agent/messages.h"
+#include "base/diag.h"
 #include "config/settings_store.h"
+#include "protocol/messages.h"
 #include "terminal/terminal_session_manager.h"
 
 #include <QDir>
@@ -47,7 +47,7 @@ std::optional<QUrl> agentSocketURL(const QString& serverURL, const QString& agen
 
 AgentRuntime::AgentRuntime(SettingsStore& defaults, Environment env, Machine machine, QObject* parent)
     : QObject(parent), m_defaults(defaults), m_env(std::move(env)), m_machine(std::move(machine)),
-      m_runner(std::make_unique<ProcessRunner>(*this))
+      m_runner(std::make_unique<ProcessRunner>(static_cast<TaskHost&>(*this)))
 {
     m_reconnectTimer.setSingleShot(true);
     m_reconnectTimer.setTimerType(Qt::PreciseTimer);
@@ -57,11 +57,6 @@ AgentRuntime::AgentRuntime(SettingsStore& defaults, Environment env, Machine mac
     m_connectTimeout.setInterval(kConnectTimeoutMilliseconds);
     connect(&m_connectTimeout, &QTimer::timeout, this,
             [this] { onSocketLost(QStringLiteral("the server did not answer within 60 seconds")); });
-    m_approvalTimeout.setSingleShot(true);
-    connect(&m_approvalTimeout, &QTimer::timeout, this, [this] {
-        // A time-out counts as a rejection.
-        resolvePendingApproval(false);
-    });
     m_heartbeatTimer.setInterval(kHeartbeatMilliseconds);
     m_heartbeatTimer.setTimerType(Qt::PreciseTimer);
     connect(&m_heartbeatTimer, &QTimer::timeout, this, &AgentRuntime::onHeartbeat);
@@ -73,7 +68,6 @@ AgentRuntime::~AgentRuntime()
     m_reconnectTimer.stop();
     discardSocket();
     m_runner.reset();
-    cleanupMCPConfig();
 }
 
 AgentProfile AgentRuntime::loadProfile() const
@@ -113,7 +107,7 @@ void AgentRuntime::stop()
         for (const QString& sessionId : sessions)
             m_terminalSessionManager->close(sessionId);
     }
-    resolvePendingApproval(false);
+    m_approvals.resolvePendingApproval(false);
     m_reconnectTimer.stop();
     m_connectTimeout.stop();
     m_heartbeatTimer.stop();
@@ -228,10 +222,6 @@ void AgentRuntime::onHeartbeat()
 
 void AgentRuntime::sendJSON(const QJsonObject& message)
 {
-    if (testSendJSONHook) {
-        testSendJSONHook(message);
-        return;
-    }
     if (!isConnected())
         return;
     sendText(QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact)));
@@ -239,21 +229,13 @@ void AgentRuntime::sendJSON(const QJsonObject& message)
 
 void AgentRuntime::sendTaskLog(const QString& taskId, QStringView line)
 {
-    if (testSendJSONHook) {
-        testSendJSONHook(Messages::taskLog(taskId, line.toString()));
-        return;
-    }
     if (!isConnected())
         return;
     sendText(Messages::taskLogText(taskId, line));
 }
 
-void AgentRuntime::sendSerialized(const QString& json, const std::function<QJsonObject()>& asObject)
+void AgentRuntime::sendSerialized(const QString& json)
 {
-    if (testSendJSONHook) {
-        testSendJSONHook(asObject());
-        return;
-    }
     if (!isConnected())
         return;
     sendText(json);
@@ -277,36 +259,13 @@ void AgentRuntime::sendRegisterMessage()
     const AgentProfile profile = loadProfile();
     diag(QStringLiteral("register profile=") + profile.profileId + QStringLiteral(" actions=") +
          describeList(profile.actions) + QStringLiteral(" projects=") + describeList(profile.projects));
-    sendJSON(Messages::agentRegister(profile));
+    sendJSON(Messages::agentRegister({profile.profileId, profile.projects, profile.createProjectRoot, profile.actions,
+                                      profile.buildTemplate, profile.repoRoot}));
 }
 
 void AgentRuntime::reloadConfiguration()
 {
     QTimer::singleShot(0, this, &AgentRuntime::sendRegisterMessage);
-}
-
-void AgentRuntime::waitForApproval(const QString& taskId, qint64 timeoutSec, std::function<void(bool)> done)
-{
-    if (testWaitForApprovalHook) {
-        testWaitForApprovalHook(taskId, timeoutSec, std::move(done));
-        return;
-    }
-    m_pendingApprovalTaskId = taskId;
-    m_pendingApprovalContinuation = std::move(done);
-    const qint64 limit = std::numeric_limits<int>::max();
-    m_approvalTimeout.start(timeoutSec <= 0 ? 0 : int(qMin(timeoutSec * 1000, limit)));
-}
-
-void AgentRuntime::resolvePendingApproval(bool approved)
-{
-    if (!m_pendingApprovalContinuation)
-        return;
-    m_approvalTimeout.stop();
-    // Clear the slot before resuming, so the waiter is resumed exactly once.
-    std::function<void(bool)> continuation = std::move(m_pendingApprovalContinuation);
-    m_pendingApprovalContinuation = nullptr;
-    m_pendingApprovalTaskId.reset();
-    continuation(approved);
 }
 
 TerminalSessionManager& AgentRuntime::terminalSessionManager()
@@ -315,10 +274,7 @@ TerminalSessionManager& AgentRuntime::terminalSessionManager()
         m_terminalSessionManager = new TerminalSessionManager([this] { return loadProfile(); },
                                                               [this](const QJsonObject& event) { sendJSON(event); },
                                                               [](const QString& line) { diag(line); }, &m_flow, this);
-        m_terminalSessionManager->sendSerialized = [this](const QString& json,
-                                                          const std::function<QJsonObject()>& asObject) {
-            sendSerialized(json, asObject);
-        };
+        m_terminalSessionManager->sendSerialized = [this](const QString& json) { sendSerialized(json); };
     }
     return *m_terminalSessionManager;
 }
@@ -326,14 +282,6 @@ TerminalSessionManager& AgentRuntime::terminalSessionManager()
 QString AgentRuntime::temporaryFolder() const
 {
     return QDir::tempPath();
-}
-
-void AgentRuntime::cleanupMCPConfig()
-{
-    if (!m_currentMCPConfigPath)
-        return;
-    QFile::remove(*m_currentMCPConfigPath);
-    m_currentMCPConfigPath.reset();
 }
 
 } // namespace brinmoor

@@ -1,12 +1,13 @@
 #pragma once
 
-#include "agent/outgoing_flow.h"
+#include "base/outgoing_flow.h"
+#include "chat/chat_execution.h"
 #include "config/agent_profile.h"
 #include "config/connection_settings.h"
 #include "config/machine.h"
-#include "execution/chat_execution.h"
+#include "execution/approval_slot.h"
 #include "execution/process_runner.h"
-#include "execution/shell_execution_result.h"
+#include "execution/task_host.h"
 
 #include <QJsonObject>
 #include <QObject>
@@ -33,8 +34,9 @@ std::optional<QUrl> agentSocketURL(const QString& serverURL, const QString& agen
 
 // The agent's core: the WebSocket connection to the server (register, heartbeat,
 // receive, reconnect), command dispatch, and the state of the one task that may run.
-// Everything runs on the thread's event loop, which serialises all access.
-class AgentRuntime : public QObject {
+// It is the host of that task (send, status, approvals, settings). Everything runs on
+// the thread's event loop, which serialises all access.
+class AgentRuntime : public QObject, public TaskHost {
     Q_OBJECT
 
 public:
@@ -49,12 +51,11 @@ public:
     void start();
     void stop();
     bool isConnected() const;
-    void sendJSON(const QJsonObject& message);
-    // The same as sending Messages::taskLog, without building the object.
-    void sendTaskLog(const QString& taskId, QStringView line);
-    // Sends a message already serialised; `asObject` builds it for the send hook.
-    void sendSerialized(const QString& json, const std::function<QJsonObject()>& asObject);
-    void sendRegisterMessage();
+    void sendJSON(const QJsonObject& message) override;
+    void sendTaskLog(const QString& taskId, QStringView line) override;
+    // Sends a message already serialised.
+    void sendSerialized(const QString& json);
+    void sendRegisterMessage() override;
     // Re-announces the agent with the freshly loaded profile.
     void reloadConfiguration();
     std::function<void(const QString&)> onStatus;
@@ -73,12 +74,7 @@ public:
     // --- AI tasks and the approval slot ---
     // Runs an "ai_task": a proposal in a workspace copy, or the command directly.
     void runAITask(const TaskAssignment& task, const ResolvedExecution& resolved);
-    // Waits for the phone's "task.approval" of the task, or `timeoutSec`; `done` gets
-    // true only for an approval in time. A wait stored earlier is replaced.
-    void waitForApproval(const QString& taskId, qint64 timeoutSec, std::function<void(bool)> done);
-    void resolvePendingApproval(bool approved);
-    bool hasPendingApproval() const { return static_cast<bool>(m_pendingApprovalContinuation); }
-    const std::optional<QString>& pendingApprovalTaskId() const { return m_pendingApprovalTaskId; }
+    ApprovalSlot& approvals() override { return m_approvals; }
 
     // --- terminal sessions ---
     // Created on first use; sessions outlive reconnections.
@@ -86,31 +82,17 @@ public:
 
     // --- chat bookkeeping ---
     ChatSessions& chatSessions() { return m_chatSessions; }
-    // Deletes the current task's MCP configuration file, if any.
-    void cleanupMCPConfig();
-    // Where temporary files of tasks go (the MCP configuration).
-    QString temporaryFolder() const;
+    // Where temporary files of tasks go (the MCP configuration, proposal copies).
+    QString temporaryFolder() const override;
 
     // --- configuration, read afresh at every use ---
     AgentProfile loadProfile() const;
     ConnectionSettings loadConnectionSettings() const;
-    SettingsStore& defaults() { return m_defaults; }
-    const Environment& environment() const { return m_env; }
-    OutgoingFlow& outgoingFlow() { return m_flow; }
-    void reportStatus(const QString& text);
-
-    // --- test hooks: when set, they replace the named operation ---
-    std::function<void(const QJsonObject&)> testSendJSONHook;
-    std::function<void(const QString& shell, const QString& workingDir, std::function<void(ShellExecutionResult)> done)>
-        testShellCaptureHook;
-    // Returns the copy's path, or throws AgentError.
-    std::function<QString(const QString& projectPath, const QString& taskId)> testProposalWorkspaceHook;
-    // Returns the diff, or throws AgentError.
-    std::function<QString(const QString& original, const QString& proposal)> testWorkspaceDiffHook;
-    // Returns, or throws AgentError.
-    std::function<void(const QString& diff, const QString& workingDir)> testApplyDiffHook;
-    std::function<void(const QString& taskId, qint64 timeoutSec, std::function<void(bool)> done)>
-        testWaitForApprovalHook;
+    QString agentId() const override { return loadConnectionSettings().agentId; }
+    SettingsStore& defaults() override { return m_defaults; }
+    const Environment& environment() const override { return m_env; }
+    OutgoingFlow* outgoingFlow() override { return &m_flow; }
+    void reportStatus(const QString& text) override;
 
 private:
     void attemptConnect();
@@ -138,12 +120,8 @@ private:
     QTimer m_heartbeatTimer;
     OutgoingFlow m_flow;
 
+    ApprovalSlot m_approvals;
     std::unique_ptr<ProcessRunner> m_runner;
-
-    std::optional<QString> m_pendingApprovalTaskId;
-    std::function<void(bool)> m_pendingApprovalContinuation;
-    QTimer m_approvalTimeout;
-    std::optional<QString> m_currentMCPConfigPath;
     ChatSessions m_chatSessions;
     TerminalSessionManager* m_terminalSessionManager = nullptr;
 };

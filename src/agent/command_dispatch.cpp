@@ -1,16 +1,18 @@
 // Command dispatch: decodes each frame and routes it. Frames are handled one at a
 // time; a task runs on in the runner while later frames (cancel, approval, terminal)
 // are handled.
-#include "agent/agent_command.h"
 #include "agent/agent_runtime.h"
-#include "agent/diag.h"
-#include "agent/messages.h"
-#include "agent/task_assignment.h"
+#include "base/agent_error.h"
+#include "base/diag.h"
+#include "chat/chat_output.h"
 #include "config/connection_settings.h"
-#include "execution/agent_error.h"
 #include "execution/execution_resolution.h"
 #include "proposals/ai_task_resolution.h"
 #include "proposals/codex_apply_task.h"
+#include "protocol/agent_command.h"
+#include "protocol/message_types.h"
+#include "protocol/messages.h"
+#include "protocol/task_assignment.h"
 #include "terminal/terminal_session_manager.h"
 
 namespace brinmoor {
@@ -33,8 +35,9 @@ bool AgentRuntime::handleCommandData(const QByteArray& data, QString* error)
         if (command.taskId && command.taskId == currentTaskId())
             stopRunningProcessIfAny(true);
     } else if (command.type == QLatin1String("task.approval")) {
-        if (command.taskId && m_pendingApprovalTaskId && command.taskId == m_pendingApprovalTaskId)
-            resolvePendingApproval(command.stringMember(QStringLiteral("decision")) == QLatin1String("approve"));
+        if (command.taskId && command.taskId == m_approvals.pendingApprovalTaskId())
+            m_approvals.resolvePendingApproval(command.stringMember(QStringLiteral("decision")) ==
+                                               QLatin1String("approve"));
     } else if (command.type.startsWith(QLatin1String("terminal."))) {
         handleTerminalCommand(command);
     }
@@ -45,10 +48,7 @@ bool AgentRuntime::handleCommandData(const QByteArray& data, QString* error)
 void AgentRuntime::handleTerminalCommand(const AgentCommand& command)
 {
     const QString& type = command.type;
-    const bool known = type == QLatin1String("terminal.open") || type == QLatin1String("terminal.attach") ||
-                       type == QLatin1String("terminal.input") || type == QLatin1String("terminal.complete") ||
-                       type == QLatin1String("terminal.resize") || type == QLatin1String("terminal.signal") ||
-                       type == QLatin1String("terminal.close");
+    const bool known = MessageTypes::terminalCommands().contains(type);
     const std::optional<QString> sessionId = command.stringMember(QStringLiteral("sessionId"));
     if (!known || !sessionId)
         return;
@@ -114,7 +114,6 @@ void AgentRuntime::routeTask(const TaskAssignment& task)
         const ChatResolution resolved = ChatExecution::resolveChatExecution(
             profile, connection, m_chatSessions, task.system, task.projectPath, task.prompt, task.taskId,
             task.conversationId, task.approvalMode, temporaryFolder());
-        m_currentMCPConfigPath = resolved.mcpConfigPath;
         sendJSON(Messages::taskLog(task.taskId, QStringLiteral("workspace.resolve action=chat requestedProjectPath=") +
                                                     task.projectPath + QStringLiteral(" resolvedWorkingDir=") +
                                                     resolved.workingDir));
@@ -126,12 +125,12 @@ void AgentRuntime::routeTask(const TaskAssignment& task)
              loggedShell);
         request.shell = resolved.shell;
         request.workingDir = resolved.workingDir;
-        request.chatConversationID = task.conversationId;
-        request.emitChatEvents = true;
-        request.projectPath = task.projectPath;
-        request.chatJSONProvider = ExecutionResolution::normalizeAISystem(task.system) == QLatin1String("claude")
-                                       ? ChatJSONProvider::claude
-                                       : ChatJSONProvider::codex;
+        const ChatJSONProvider provider = ExecutionResolution::normalizeAISystem(task.system) == QLatin1String("claude")
+                                              ? ChatJSONProvider::claude
+                                              : ChatJSONProvider::codex;
+        request.output = std::make_shared<ChatOutput>(
+            *this, m_chatSessions,
+            ChatOutput::Chat{task.taskId, task.conversationId, task.projectPath, provider, resolved.mcpConfigPath});
         m_runner->runTask(request);
         return;
     }
@@ -188,7 +187,8 @@ void AgentRuntime::runAITask(const TaskAssignment& task, const ResolvedExecution
         // The task is busy from here: the copy comes before any child runs.
         m_runner->setCurrentTaskId(task.taskId);
         auto* proposal = new CodexApplyTask(
-            *this, {task.taskId, resolved.shell, resolved.workingDir, task.timeoutSec, strategy.requiresApproval});
+            *this, *m_runner,
+            {task.taskId, resolved.shell, resolved.workingDir, task.timeoutSec, strategy.requiresApproval}, this);
         proposal->start();
         return;
     }

@@ -1,7 +1,7 @@
 #include "app/agent_status_controller.h"
 
-#include "agent/diag.h"
 #include "app/launch_at_login.h"
+#include "base/diag.h"
 #include "config/agent_projects_store.h"
 #include "config/runtime_defaults.h"
 #include "config/settings_store.h"

@@ -1,9 +1,9 @@
 #include "app/headless.h"
 
-#include "agent/diag.h"
 #include "app/agent_status_controller.h"
 #include "app/sleep_watcher.h"
 #include "app/unix_signal_watcher.h"
+#include "base/diag.h"
 #include "config/settings_store.h"
 
 #include <QCoreApplication>

@@ -1,6 +1,6 @@
 #include "app/sleep_watcher.h"
 
-#include "agent/diag.h"
+#include "base/diag.h"
 
 #include <QDBusConnection>
 

@@ -1,7 +1,7 @@
 #include "app/tray.h"
 
-#include "agent/diag.h"
 #include "app/headless.h"
+#include "base/diag.h"
 
 #include <QCoreApplication>
 

@@ -1,12 +1,12 @@
 #include "app/tray.h"
 
-#include "agent/diag.h"
 #include "app/agent_status_controller.h"
 #include "app/headless.h"
 #include "app/pairing_panel.h"
 #include "app/sleep_watcher.h"
 #include "app/status_menu.h"
 #include "app/unix_signal_watcher.h"
+#include "base/diag.h"
 #include "config/settings_store.h"
 
 #include <QApplication>

@@ -1,6 +1,6 @@
 #include "execution/child_process.h"
 
-#include "agent/outgoing_flow.h"
+#include "base/outgoing_flow.h"
 #include "execution/execution_resolution.h"
 
 #include <QCoreApplication>

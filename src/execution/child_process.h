@@ -1,6 +1,6 @@
 #pragma once
 
-#include "execution/utf8_stream_decoder.h"
+#include "base/utf8_stream_decoder.h"
 
 #include <QObject>
 #include <QPointer>

@@ -1,8 +1,8 @@
 #include "execution/execution_resolution.h"
 
-#include "agent/diag.h"
+#include "base/agent_error.h"
+#include "base/diag.h"
 #include "config/agent_profile.h"
-#include "execution/agent_error.h"
 
 #include <QDir>
 #include <QFileInfo>

@@ -1,13 +1,12 @@
 #include "execution/process_runner.h"
 
-#include "agent/agent_runtime.h"
-#include "agent/diag.h"
-#include "agent/messages.h"
+#include "base/diag.h"
 #include "config/agent_projects_store.h"
 #include "config/settings_store.h"
-#include "execution/chat_execution.h"
+#include "execution/approval_slot.h"
 #include "execution/child_process.h"
-#include "proposals/narrative_text.h"
+#include "execution/task_host.h"
+#include "protocol/messages.h"
 
 #include <QDir>
 #include <QTimer>
@@ -86,17 +85,25 @@ int timeLimitMilliseconds(qint64 timeoutSec)
 
 struct ProcessRunner::TaskOutput {
     RunRequest request;
-    QString conversationId;
     // Only what the end of the task needs is kept: the success marker line when the
-    // registration may be refreshed, the sanitized text when it is a chat.
+    // registration may be refreshed.
     std::optional<MarkedLineTracker> markedLines;
-    QString chatBuffer;
-    // Chats: the tool's event stream parser and the final texts it reported.
-    std::unique_ptr<ChatJSONLineParser> parser;
-    QString chatResultBuffer;
 };
 
-ProcessRunner::ProcessRunner(AgentRuntime& runtime) : m_runtime(runtime) {}
+void sendOutput(TaskHost& host, const QString& taskId, const QString& text)
+{
+    qsizetype start = 0;
+    while (true) {
+        const qsizetype newline = text.indexOf(QLatin1Char('\n'), start);
+        const qsizetype end = newline < 0 ? text.size() : newline;
+        host.sendTaskLog(taskId, QStringView(text).mid(start, end - start));
+        if (newline < 0)
+            break;
+        start = newline + 1;
+    }
+}
+
+ProcessRunner::ProcessRunner(TaskHost& host, QObject* parent) : QObject(parent), m_host(host) {}
 
 ProcessRunner::~ProcessRunner() = default;
 
@@ -107,15 +114,12 @@ void ProcessRunner::runTask(const RunRequest& request)
 
     m_output = std::make_unique<TaskOutput>();
     m_output->request = request;
-    m_output->conversationId = request.chatConversationID.value_or(QString());
     if (request.refreshCapabilitiesOnSuccess)
         m_output->markedLines.emplace(QLatin1String(kSuccessMarker));
-    if (request.chatJSONProvider)
-        m_output->parser = std::make_unique<ChatJSONLineParser>(*request.chatJSONProvider);
     m_currentTaskId = request.taskId;
 
     if (request.sendStarted)
-        m_runtime.sendJSON(Messages::taskStarted(request.taskId));
+        m_host.sendJSON(Messages::taskStarted(request.taskId));
 
     const QString taskId = request.taskId;
     launchWhenToolReady(
@@ -156,7 +160,7 @@ void ProcessRunner::launchTask(const QString& shell)
     if (!m_output)
         return;
     const RunRequest& request = m_output->request;
-    auto* child = new ChildProcess(&m_runtime.outgoingFlow(), this);
+    auto* child = new ChildProcess(m_host.outgoingFlow(), this);
     m_child = child;
     connect(child, &ChildProcess::standardOutput, this, &ProcessRunner::onStandardOutput);
     connect(child, &ChildProcess::standardError, this, &ProcessRunner::onStandardError);
@@ -164,8 +168,8 @@ void ProcessRunner::launchTask(const QString& shell)
 
     QString error;
     if (!child->start({shell, request.workingDir, request.requiresTTY, ChildProcess::Channels::Separate}, &error)) {
-        m_runtime.sendJSON(Messages::taskFailed(request.taskId, QStringLiteral("failed to launch process: ") + error,
-                                                QStringLiteral("PROCESS_START_FAILED"), 1));
+        m_host.sendJSON(Messages::taskFailed(request.taskId, QStringLiteral("failed to launch process: ") + error,
+                                             QStringLiteral("PROCESS_START_FAILED"), 1));
         cleanupFinishedTask();
         return;
     }
@@ -193,67 +197,19 @@ void ProcessRunner::onStandardOutput(const QString& text)
     const RunRequest& request = m_output->request;
     if (m_output->markedLines)
         m_output->markedLines->feed(text);
-    if (m_output->parser) {
-        handleParseResult(m_output->parser->process(text));
-        return;
-    }
-    if (request.emitChatEvents) {
-        const QString sanitized = NarrativeText::sanitizeForChat(text);
-        if (!sanitized.isEmpty())
-            m_output->chatBuffer += sanitized;
-    }
-    sendOutput(request.taskId, text, request.emitChatEvents, m_output->conversationId);
-}
-
-void ProcessRunner::handleParseResult(const ParseResult& result)
-{
-    const RunRequest& request = m_output->request;
-    if (result.threadID)
-        m_runtime.chatSessions().recordCodexThreadID(*result.threadID, m_output->conversationId, request.projectPath);
-    if (result.finalText)
-        m_output->chatResultBuffer += *result.finalText;
-    for (const QString& delta : result.deltas) {
-        if (!delta.isEmpty())
-            m_runtime.sendJSON(Messages::taskChatChunk(request.taskId, m_output->conversationId, delta));
-    }
-    for (const QString& diagnostic : result.diagnostics) {
-        if (!diagnostic.isEmpty())
-            m_runtime.sendJSON(Messages::taskLog(request.taskId, diagnostic));
-    }
+    if (request.output)
+        request.output->standardOutput(text);
+    else
+        sendOutput(m_host, request.taskId, text);
 }
 
 void ProcessRunner::onStandardError(const QString& text)
 {
     if (!m_output)
         return;
-    if (m_output->request.emitChatEvents) {
-        const QString sanitized = NarrativeText::sanitizeForChat(text);
-        if (!sanitized.isEmpty())
-            m_output->chatBuffer += sanitized;
-    }
-    // Standard error never produces chat chunks.
-    sendOutput(m_output->request.taskId, text, false, m_output->conversationId);
-}
-
-void ProcessRunner::sendOutput(const QString& taskId, const QString& text, bool emitChatEvents,
-                               const QString& conversationId)
-{
-    // Output goes out in the pieces in which it was read: a line cut by a read
-    // boundary arrives as two lines.
-    qsizetype start = 0;
-    while (true) {
-        const qsizetype newline = text.indexOf(QLatin1Char('\n'), start);
-        const qsizetype end = newline < 0 ? text.size() : newline;
-        m_runtime.sendTaskLog(taskId, QStringView(text).mid(start, end - start));
-        if (newline < 0)
-            break;
-        start = newline + 1;
-    }
-    if (emitChatEvents) {
-        const QString sanitized = NarrativeText::sanitizeForChat(text);
-        if (!sanitized.isEmpty())
-            m_runtime.sendJSON(Messages::taskChatChunk(taskId, conversationId, sanitized));
-    }
+    sendOutput(m_host, m_output->request.taskId, text);
+    if (m_output->request.output)
+        m_output->request.output->standardError(text);
 }
 
 void ProcessRunner::onExited(int status)
@@ -266,32 +222,21 @@ void ProcessRunner::onExited(int status)
         return;
     }
     const RunRequest request = m_output->request;
-    // A last line without its newline still counts.
-    if (m_output->parser)
-        handleParseResult(m_output->parser->finish());
+    if (request.output)
+        request.output->endOfOutput();
     if (m_currentTaskId == request.taskId) {
+        if (request.output)
+            request.output->exited(status);
         if (status == 0) {
-            if (request.emitChatEvents) {
-                if (const std::optional<QString> key =
-                        ChatExecution::scopedConversationKey(request.projectPath, m_output->conversationId))
-                    m_runtime.chatSessions().markChatSessionEstablished(*key);
-                const QString finalText =
-                    (m_output->chatResultBuffer.isEmpty() ? m_output->chatBuffer : m_output->chatResultBuffer).trimmed();
-                if (!finalText.isEmpty())
-                    m_runtime.sendJSON(Messages::taskChatFinal(request.taskId, m_output->conversationId, finalText));
-            }
-            m_runtime.sendJSON(Messages::taskFinished(request.taskId));
+            m_host.sendJSON(Messages::taskFinished(request.taskId));
             if (request.refreshCapabilitiesOnSuccess) {
-                registerManagedProjectIfPresent(m_output->markedLines->text(), m_runtime.defaults(),
-                                                m_runtime.environment());
+                registerManagedProjectIfPresent(m_output->markedLines->text(), m_host.defaults(), m_host.environment());
                 // The new project is listed on the phone at once.
-                QTimer::singleShot(0, &m_runtime, [runtime = &m_runtime] { runtime->sendRegisterMessage(); });
+                QTimer::singleShot(0, this, [this] { m_host.sendRegisterMessage(); });
             }
         } else {
             const QString message = QStringLiteral("command exited with status ") + QString::number(status);
-            if (request.emitChatEvents)
-                m_runtime.sendJSON(Messages::taskChatError(request.taskId, m_output->conversationId, message));
-            m_runtime.sendJSON(
+            m_host.sendJSON(
                 Messages::taskFailed(request.taskId, message, QStringLiteral("COMMAND_EXIT_NONZERO"), status));
         }
     }
@@ -306,12 +251,6 @@ void ProcessRunner::executeShellCapture(const QString& shell, const QString& wor
                                         std::function<void(const QString&)> onOutput,
                                         std::function<void(const QString&)> onStart)
 {
-    if (m_runtime.testShellCaptureHook) {
-        if (onStart)
-            onStart(shell);
-        m_runtime.testShellCaptureHook(shell, workingDir, std::move(done));
-        return;
-    }
     const auto launch = [this, workingDir, requiresTTY, registerAsCurrentProcess, done, onOutput,
                          onStart](const QString& fitted) {
         if (onStart)
@@ -351,14 +290,13 @@ void ProcessRunner::executeShellCapture(const QString& shell, const QString& wor
 void ProcessRunner::stopRunningProcessIfAny(bool cancelled)
 {
     // A cancelled or disconnected proposal counts as rejected.
-    if (m_runtime.hasPendingApproval())
-        m_runtime.resolvePendingApproval(false);
+    m_host.approvals().resolvePendingApproval(false);
     if (!m_currentTaskId)
         return;
     const QString taskId = *m_currentTaskId;
     if (!m_child) {
         if (cancelled) {
-            m_runtime.sendJSON(Messages::taskCancelled(taskId, 130));
+            m_host.sendJSON(Messages::taskCancelled(taskId, 130));
             cleanupFinishedTask();
         }
         // A command still waiting for its tool's options never starts.
@@ -371,7 +309,7 @@ void ProcessRunner::stopRunningProcessIfAny(bool cancelled)
     }
     // The task state stays until the child has exited; its end is reported then.
     if (cancelled)
-        m_runtime.sendJSON(Messages::taskCancelled(taskId, 130));
+        m_host.sendJSON(Messages::taskCancelled(taskId, 130));
 }
 
 void ProcessRunner::cleanupFinishedTask()
@@ -388,8 +326,7 @@ void ProcessRunner::cleanupFinishedTask()
     }
     m_output.reset();
     m_currentTaskId.reset();
-    m_runtime.cleanupMCPConfig();
-    m_runtime.reportStatus(QStringLiteral("Ready: ") + m_runtime.loadConnectionSettings().agentId);
+    m_host.reportStatus(QStringLiteral("Ready: ") + m_host.agentId());
 }
 
 bool registerManagedProjectIfPresent(const QString& taskOutput, SettingsStore& defaults,

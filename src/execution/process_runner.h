@@ -1,24 +1,41 @@
 #pragma once
 
-#include "execution/chat_json_line_parser.h"
 #include "execution/shell_execution_result.h"
 #include "execution/tool_compatibility.h"
 
-#include <QJsonObject>
+#include <QMap>
 #include <QObject>
 #include <QPointer>
 #include <QString>
 
 #include <functional>
+#include <memory>
 #include <optional>
 
 class QTimer;
 
 namespace brinmoor {
 
-class AgentRuntime;
 class ChildProcess;
 class SettingsStore;
+class TaskHost;
+
+// What a task makes of its child's output beyond the task log: a chat turns standard
+// output into chunks and ends with its final text or an error. The runner keeps it
+// from the launch to the task's clean-up, which is when it goes.
+class TaskOutputHandler {
+public:
+    virtual ~TaskOutputHandler() = default;
+    // Each decoded read of standard output, in place of the runner's task log lines.
+    virtual void standardOutput(const QString& text) = 0;
+    // Each decoded read of standard error, after the runner sent it as task log lines.
+    virtual void standardError(const QString& text) = 0;
+    // The child exited and what was left in its pipes was delivered.
+    virtual void endOfOutput() = 0;
+    // The end of a task that is still current, before the runner reports it with
+    // "task.finished" (status 0) or "task.failed".
+    virtual void exited(int status) = 0;
+};
 
 // One task to run, as dispatch hands it to the runner.
 struct RunRequest {
@@ -27,15 +44,15 @@ struct RunRequest {
     QString workingDir;
     qint64 timeoutSec = 1200;
     bool sendStarted = true;
-    std::optional<QString> chatConversationID;
-    bool emitChatEvents = false;
     bool requiresTTY = false;
-    std::optional<ChatJSONProvider> chatJSONProvider;
     bool refreshCapabilitiesOnSuccess = false;
-    // The project path the task asked for: with the conversation id it keys the chat
-    // bookkeeping.
-    QString projectPath;
+    // A chat's output; none for shell and build tasks, whose output is task log lines.
+    std::shared_ptr<TaskOutputHandler> output;
 };
+
+// Sends one decoded piece of output as a "task.log" per line, empty lines too, in the
+// pieces in which it was read: a line cut by a read boundary arrives as two lines.
+void sendOutput(TaskHost& host, const QString& taskId, const QString& text);
 
 // Runs the one task child of the agent, streams its output as messages and reports
 // its end; also runs shell texts to completion for the change proposals. The task
@@ -49,7 +66,7 @@ public:
     // The success marker a build script prints before the path of a project it made.
     static constexpr auto kSuccessMarker = "__QUENDARIX_SUCCESS__";
 
-    explicit ProcessRunner(AgentRuntime& runtime);
+    explicit ProcessRunner(TaskHost& host, QObject* parent = nullptr);
     ~ProcessRunner() override;
 
     const std::optional<QString>& currentTaskId() const { return m_currentTaskId; }
@@ -69,16 +86,12 @@ public:
                              std::function<void(const QString&)> onOutput = {},
                              std::function<void(const QString&)> onStart = {});
 
-    // Sends one decoded piece of output: a "task.log" per line (empty lines too), then
-    // for chats one "task.chat.chunk" with the sanitized text.
-    void sendOutput(const QString& taskId, const QString& text, bool emitChatEvents, const QString& conversationId);
-
     // Ends the current child (SIGTERM to its process group, SIGKILL 5 s later) and,
     // when `cancelled`, reports "task.cancelled" with 130. A pending approval is
     // answered "no" first.
     void stopRunningProcessIfAny(bool cancelled);
 
-    // Forgets the task: child, pipes, time limit, task id, MCP configuration file;
+    // Forgets the task: child, pipes, time limit, task id and what handled its output;
     // reports "Ready: " with the agent id.
     void cleanupFinishedTask();
 
@@ -95,12 +108,11 @@ private:
     void launchTask(const QString& shell);
 
     void onStandardOutput(const QString& text);
-    void handleParseResult(const ParseResult& result);
     void onStandardError(const QString& text);
     void onExited(int status);
     void onTimeLimit(const QString& taskId);
 
-    AgentRuntime& m_runtime;
+    TaskHost& m_host;
     std::optional<QString> m_currentTaskId;
     QPointer<ChildProcess> m_child;
     QTimer* m_timeLimit = nullptr;

@@ -1,6 +1,6 @@
 #include "execution/tool_compatibility.h"
 
-#include "agent/diag.h"
+#include "base/diag.h"
 #include "execution/execution_resolution.h"
 
 #include <QDateTime>

@@ -1,9 +1,9 @@
 #include "proposals/ai_task_resolution.h"
 
-#include "agent/diag.h"
+#include "base/agent_error.h"
+#include "base/diag.h"
+#include "chat/chat_execution.h"
 #include "config/agent_profile.h"
-#include "execution/agent_error.h"
-#include "execution/chat_execution.h"
 
 namespace brinmoor {
 

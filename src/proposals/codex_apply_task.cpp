@@ -1,12 +1,14 @@
 #include "proposals/codex_apply_task.h"
 
-#include "agent/agent_runtime.h"
-#include "agent/messages.h"
-#include "execution/agent_error.h"
-#include "execution/chat_json_line_parser.h"
+#include "base/agent_error.h"
+#include "chat/chat_json_line_parser.h"
+#include "execution/approval_slot.h"
+#include "execution/process_runner.h"
+#include "execution/task_host.h"
 #include "proposals/narrative_text.h"
 #include "proposals/workspace_copy.h"
 #include "proposals/workspace_diff.h"
+#include "protocol/messages.h"
 
 #include <QFutureWatcher>
 #include <QPointer>
@@ -24,8 +26,8 @@ qsizetype utf8Size(const QString& text)
 
 } // namespace
 
-CodexApplyTask::CodexApplyTask(AgentRuntime& runtime, Request request)
-    : QObject(&runtime), m_runtime(runtime), m_request(std::move(request))
+CodexApplyTask::CodexApplyTask(TaskHost& host, ProcessRunner& runner, Request request, QObject* parent)
+    : QObject(parent), m_host(host), m_runner(runner), m_request(std::move(request))
 {
 }
 
@@ -44,17 +46,17 @@ template <typename Work, typename Then> void CodexApplyTask::offLoop(Work work, 
 
 bool CodexApplyTask::isCurrent() const
 {
-    return m_runtime.currentTaskId() == m_request.taskId;
+    return m_runner.currentTaskId() == m_request.taskId;
 }
 
 void CodexApplyTask::log(const QString& line)
 {
-    m_runtime.sendJSON(Messages::taskLog(m_request.taskId, line));
+    m_host.sendJSON(Messages::taskLog(m_request.taskId, line));
 }
 
 void CodexApplyTask::fail(const QString& error, const QString& errorCode)
 {
-    m_runtime.sendJSON(Messages::taskFailed(m_request.taskId, error, errorCode, 1));
+    m_host.sendJSON(Messages::taskFailed(m_request.taskId, error, errorCode, 1));
     finish();
 }
 
@@ -69,26 +71,18 @@ void CodexApplyTask::finish()
         [[maybe_unused]] const auto removal = QtConcurrent::run([copy] { WorkspaceCopy::removeTree(copy); });
     }
     if (isCurrent())
-        m_runtime.cleanupFinishedTask();
+        m_runner.cleanupFinishedTask();
     deleteLater();
 }
 
 void CodexApplyTask::start()
 {
     const QString& taskId = m_request.taskId;
-    m_runtime.sendJSON(Messages::taskStarted(taskId));
-    m_runtime.sendJSON(
+    m_host.sendJSON(Messages::taskStarted(taskId));
+    m_host.sendJSON(
         Messages::taskProgress(taskId, QStringLiteral("prepare"), QStringLiteral("Preparing proposed changes"), 5));
-    if (m_runtime.testProposalWorkspaceHook) {
-        try {
-            onWorkspaceReady(m_runtime.testProposalWorkspaceHook(m_request.workingDir, taskId), QString());
-        } catch (const AgentError& error) {
-            onWorkspaceReady(QString(), error.message);
-        }
-        return;
-    }
     const QString project = m_request.workingDir;
-    const QString temporary = m_runtime.temporaryFolder();
+    const QString temporary = m_host.temporaryFolder();
     offLoop(
         [project, taskId, temporary] {
             QString error;
@@ -133,9 +127,9 @@ void CodexApplyTask::runProposalCommand()
             added = true;
         }
         if (added)
-            self->m_runtime.sendJSON(Messages::taskCommentary(self->m_request.taskId, self->m_narrative));
+            self->m_host.sendJSON(Messages::taskCommentary(self->m_request.taskId, self->m_narrative));
     };
-    m_runtime.runner().executeShellCapture(
+    m_runner.executeShellCapture(
         m_request.shell, m_copy, true, true,
         [self, parser, handle](ShellExecutionResult result) {
             handle(parser->finish());
@@ -159,14 +153,6 @@ void CodexApplyTask::onCommandFinished(const ShellExecutionResult& result)
     if (result.exitCode != 0) {
         return fail(QStringLiteral("proposal command exited with status %1").arg(result.exitCode),
                     QStringLiteral("PROPOSAL_COMMAND_FAILED"));
-    }
-    if (m_runtime.testWorkspaceDiffHook) {
-        try {
-            onDiff(m_runtime.testWorkspaceDiffHook(m_request.workingDir, m_copy), QString());
-        } catch (const AgentError& error) {
-            onDiff(QString(), error.message.isEmpty() ? QStringLiteral("git diff failed") : error.message);
-        }
-        return;
     }
     const QString original = m_request.workingDir;
     const QString copy = m_copy;
@@ -202,8 +188,8 @@ void CodexApplyTask::onDiff(const QString& diff, const QString& error)
                 QStringLiteral("PROPOSAL_REASONING_MISSING"));
         }
         log(QStringLiteral("proposal.empty_diff responseBytes=%1").arg(utf8Size(output.responseText)));
-        m_runtime.sendJSON(Messages::taskCommentary(taskId, *commentary));
-        m_runtime.sendJSON(Messages::taskFinished(taskId));
+        m_host.sendJSON(Messages::taskCommentary(taskId, *commentary));
+        m_host.sendJSON(Messages::taskFinished(taskId));
         return finish();
     }
 
@@ -223,20 +209,20 @@ void CodexApplyTask::onDiff(const QString& diff, const QString& error)
     log(QStringLiteral("proposal.ready files=%1 requiresApproval=%2")
             .arg(m_files.size())
             .arg(m_request.requiresApproval ? QStringLiteral("true") : QStringLiteral("false")));
-    m_runtime.sendJSON(Messages::taskCommentary(taskId, m_commentary));
+    m_host.sendJSON(Messages::taskCommentary(taskId, m_commentary));
     // The artifact's label says diff although it carries the commentary; the phone
     // expects it so.
-    m_runtime.sendJSON(
+    m_host.sendJSON(
         Messages::taskArtifact(taskId, QStringLiteral("proposal"), m_commentary, QStringLiteral("text/x-diff")));
     if (!m_request.requiresApproval) {
-        m_runtime.sendJSON(Messages::taskProposalReady(taskId, proposal));
-        m_runtime.sendJSON(
+        m_host.sendJSON(Messages::taskProposalReady(taskId, proposal));
+        m_host.sendJSON(
             Messages::taskProgress(taskId, QStringLiteral("apply"), QStringLiteral("Applying approved changes"), 75));
         return apply();
     }
-    m_runtime.sendJSON(Messages::taskAwaitingApproval(taskId, proposal));
+    m_host.sendJSON(Messages::taskAwaitingApproval(taskId, proposal));
     QPointer<CodexApplyTask> self(this);
-    m_runtime.waitForApproval(taskId, m_request.timeoutSec, [self](bool approved) {
+    m_host.approvals().waitForApproval(taskId, m_request.timeoutSec, [self](bool approved) {
         // Resumed after whatever resolved the wait has finished its own work.
         QMetaObject::invokeMethod(
             self.data(),
@@ -257,25 +243,16 @@ void CodexApplyTask::onApproval(bool approved)
         return fail(QStringLiteral("changes rejected by client approval"), QStringLiteral("APPROVAL_REJECTED"));
     }
     log(QStringLiteral("proposal.approval approved"));
-    m_runtime.sendJSON(Messages::taskProgress(m_request.taskId, QStringLiteral("apply"),
-                                              QStringLiteral("Applying approved changes"), 75));
+    m_host.sendJSON(Messages::taskProgress(m_request.taskId, QStringLiteral("apply"),
+                                           QStringLiteral("Applying approved changes"), 75));
     apply();
 }
 
 void CodexApplyTask::apply()
 {
-    if (m_runtime.testApplyDiffHook) {
-        try {
-            m_runtime.testApplyDiffHook(m_diff, m_request.workingDir);
-            onApplied(QString());
-        } catch (const AgentError& error) {
-            onApplied(error.message.isEmpty() ? QStringLiteral("git apply failed") : error.message);
-        }
-        return;
-    }
     const QString diff = m_diff;
     const QString workingDir = m_request.workingDir;
-    const QString temporary = m_runtime.temporaryFolder();
+    const QString temporary = m_host.temporaryFolder();
     offLoop(
         [diff, workingDir, temporary] {
             try {
@@ -293,11 +270,11 @@ void CodexApplyTask::onApplied(const QString& error)
     if (!error.isEmpty())
         return fail(QStringLiteral("failed to apply approved diff: ") + error, QStringLiteral("APPLY_DIFF_FAILED"));
     const QString& taskId = m_request.taskId;
-    m_runtime.sendJSON(Messages::taskArtifact(taskId, QStringLiteral("result"),
-                                              NarrativeText::applyCompletionSummary(m_files, m_commentary),
-                                              QStringLiteral("text/plain")));
-    m_runtime.sendJSON(Messages::taskFinished(taskId));
-    registerManagedProjectIfPresent(m_rawOutput, m_runtime.defaults(), m_runtime.environment());
+    m_host.sendJSON(Messages::taskArtifact(taskId, QStringLiteral("result"),
+                                           NarrativeText::applyCompletionSummary(m_files, m_commentary),
+                                           QStringLiteral("text/plain")));
+    m_host.sendJSON(Messages::taskFinished(taskId));
+    registerManagedProjectIfPresent(m_rawOutput, m_host.defaults(), m_host.environment());
     finish();
 }
 

@@ -8,7 +8,8 @@
 
 namespace brinmoor {
 
-class AgentRuntime;
+class ProcessRunner;
+class TaskHost;
 
 // Drives one "ai_task" that proposes changes: copies the project, lets `codex` edit
 // the copy while its narrative streams to the phone, diffs the copy against the
@@ -29,7 +30,8 @@ public:
         bool requiresApproval = true;
     };
 
-    CodexApplyTask(AgentRuntime& runtime, Request request);
+    // Runs its command through the runner, whose current task it is.
+    CodexApplyTask(TaskHost& host, ProcessRunner& runner, Request request, QObject* parent = nullptr);
     ~CodexApplyTask() override;
 
     void start();
@@ -52,7 +54,8 @@ private:
     // Removes the copy and clears the task; the object goes away after.
     void finish();
 
-    AgentRuntime& m_runtime;
+    TaskHost& m_host;
+    ProcessRunner& m_runner;
     const Request m_request;
     QString m_copy;
     QString m_rawOutput;

@@ -1,6 +1,7 @@
 #include "proposals/narrative_text.h"
 
-#include "execution/chat_json_line_parser.h"
+#include "chat/chat_json_line_parser.h"
+#include "chat/chat_text.h"
 
 #include <QTextBoundaryFinder>
 
@@ -20,25 +21,6 @@ bool startsWithAny(const QString& text, const QStringList& prefixes)
 }
 
 } // namespace
-
-QString sanitizeForChat(const QString& text)
-{
-    QString result;
-    result.reserve(text.size());
-    const qsizetype size = text.size();
-    for (qsizetype i = 0; i < size; ++i) {
-        const char16_t c = text.at(i).unicode();
-        if (c == u'\r') {
-            result.append(QLatin1Char('\n'));
-            if (i + 1 < size && text.at(i + 1) == QLatin1Char('\n'))
-                ++i;
-            continue;
-        }
-        if (c == u'\t' || c == u'\n' || (c >= 32 && c != 127))
-            result.append(QChar(c));
-    }
-    return result;
-}
 
 qsizetype graphemeCount(const QString& text)
 {
@@ -64,7 +46,7 @@ QString graphemePrefix(const QString& text, qsizetype count)
 
 QString normalizeNarrativeText(const QString& text, int maxLength)
 {
-    const QStringList lines = sanitizeForChat(text).split(QLatin1Char('\n'));
+    const QStringList lines = ChatText::sanitizeForChat(text).split(QLatin1Char('\n'));
     QStringList kept;
     for (const QString& line : lines) {
         const QString trimmed = line.trimmed();

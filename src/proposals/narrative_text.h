@@ -15,11 +15,7 @@ namespace NarrativeText {
 constexpr int kNarrativeLimit = 1200;
 constexpr int kSummaryLimit = 220;
 
-// CR LF and lone CR become LF; control characters other than tab and LF, and DEL,
-// are removed; everything from U+0080 upwards is kept.
-QString sanitizeForChat(const QString& text);
-
-// Sanitized, machine-output lines dropped, trimmed, cut to `maxLength` characters
+// Sanitized for chat, machine-output lines dropped, trimmed, cut to `maxLength` characters
 // (then trimmed again and given "…").
 QString normalizeNarrativeText(const QString& text, int maxLength);
 

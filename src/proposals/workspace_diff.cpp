@@ -1,6 +1,6 @@
 #include "proposals/workspace_diff.h"
 
-#include "execution/agent_error.h"
+#include "base/agent_error.h"
 #include "execution/child_process.h"
 #include "execution/execution_resolution.h"
 

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "base/utf8_stream_decoder.h"
 #include "config/machine.h"
-#include "execution/utf8_stream_decoder.h"
 
 #include <QObject>
 #include <QPointer>

@@ -1,7 +1,7 @@
 #include "terminal/terminal_session_manager.h"
 
-#include "agent/messages.h"
-#include "agent/outgoing_flow.h"
+#include "base/outgoing_flow.h"
+#include "protocol/messages.h"
 #include "terminal/path_completion.h"
 
 #include <QDir>
@@ -377,12 +377,10 @@ void TerminalSessionManager::onInteractiveEnd(const std::shared_ptr<ManagedSessi
 
 void TerminalSessionManager::sendOutput(const ManagedSession& session, const QString& text, bool snapshot)
 {
-    if (!sendSerialized) {
+    if (sendSerialized)
+        sendSerialized(Messages::terminalOutputText(session.sessionId, session.projectPath, text, snapshot));
+    else
         m_sendEvent(Messages::terminalOutput(session.sessionId, session.projectPath, text, snapshot));
-        return;
-    }
-    sendSerialized(Messages::terminalOutputText(session.sessionId, session.projectPath, text, snapshot),
-                   [&] { return Messages::terminalOutput(session.sessionId, session.projectPath, text, snapshot); });
 }
 
 void TerminalSessionManager::stopReading(ManagedSession& session)

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "base/utf8_stream_decoder.h"
 #include "config/agent_profile.h"
-#include "execution/utf8_stream_decoder.h"
 
 #include <QDateTime>
 #include <QHash>
@@ -49,9 +49,8 @@ public:
     void signal(const QString& sessionId, const QString& signal);
     void close(const QString& sessionId);
 
-    // When set, output goes out through it already serialised (the fast path); the
-    // function builds the same object for whoever needs one.
-    std::function<void(const QString& json, const std::function<QJsonObject()>& asObject)> sendSerialized;
+    // When set, output goes out through it already serialised (the fast path).
+    std::function<void(const QString& json)> sendSerialized;
 
     // The ids of every session, for closing them all when the agent stops.
     QStringList sessionIds() const { return m_sessions.keys(); }

@@ -1,6 +1,6 @@
-#include "agent/outgoing_flow.h"
+#include "base/outgoing_flow.h"
+#include "base/utf8_stream_decoder.h"
 #include "execution/child_process.h"
-#include "execution/utf8_stream_decoder.h"
 #include "support/loopback_server.h"
 
 #include <QSignalSpy>

@@ -1,6 +1,6 @@
-#include "agent/diag.h"
+#include "base/agent_error.h"
+#include "base/diag.h"
 #include "config/agent_profile.h"
-#include "execution/agent_error.h"
 #include "execution/execution_resolution.h"
 #include "support/test_support.h"
 

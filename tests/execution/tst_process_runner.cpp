@@ -1,6 +1,7 @@
-#include "agent/diag.h"
+#include "base/diag.h"
 #include "execution/process_runner.h"
 #include "support/agent_fixture.h"
+#include "support/recording_task_host.h"
 #include "support/test_support.h"
 
 #include <QDir>
@@ -343,37 +344,41 @@ private Q_SLOTS:
 
     void launchFailureIsProcessStartFailed()
     {
-        AgentFixture f;
-        QList<QJsonObject> sent;
-        f.runtime->testSendJSONHook = [&](const QJsonObject& m) { sent.append(m); };
+        QTemporaryDir repo;
+        RecordingTaskHost host;
+        ProcessRunner runner(host);
         RunRequest request;
         request.taskId = QStringLiteral("x");
         request.shell = QStringLiteral("true");
-        request.workingDir = f.repo.path() + QStringLiteral("/missing-folder");
-        f.runtime->runner().runTask(request);
-        QCOMPARE(sent.size(), 2);
-        QCOMPARE(sent.at(0).value(QStringLiteral("type")).toString(), QStringLiteral("task.started"));
-        QCOMPARE(sent.at(1).value(QStringLiteral("errorCode")).toString(), QStringLiteral("PROCESS_START_FAILED"));
-        QCOMPARE(sent.at(1).value(QStringLiteral("error")).toString(),
+        request.workingDir = repo.path() + QStringLiteral("/missing-folder");
+        runner.runTask(request);
+        QCOMPARE(host.sent.size(), 2);
+        QCOMPARE(host.sent.at(0).value(QStringLiteral("type")).toString(), QStringLiteral("task.started"));
+        QCOMPARE(host.sent.at(1).value(QStringLiteral("errorCode")).toString(), QStringLiteral("PROCESS_START_FAILED"));
+        QCOMPARE(host.sent.at(1).value(QStringLiteral("error")).toString(),
                  QStringLiteral("failed to launch process: chdir: No such file or directory"));
-        QVERIFY(!f.runtime->currentTaskId());
-        QCOMPARE(f.statuses.last(), QStringLiteral("Ready: test-agent"));
+        QVERIFY(!runner.currentTaskId());
+        QCOMPARE(host.statuses, QStringList{QStringLiteral("Ready: test-agent")});
     }
 
     void exitAfterTheTaskWasClearedSendsNothing()
     {
-        AgentFixture f;
-        QList<QJsonObject> sent;
-        f.runtime->testSendJSONHook = [&](const QJsonObject& m) { sent.append(m); };
+        QTemporaryDir repo;
+        RecordingTaskHost host;
+        ProcessRunner runner(host);
         RunRequest request;
         request.taskId = QStringLiteral("x");
-        request.shell = QStringLiteral("sleep 0.5");
-        request.workingDir = f.repo.path();
+        request.shell = QStringLiteral("sleep 300");
+        request.workingDir = repo.path();
         request.sendStarted = false;
-        f.runtime->runner().runTask(request);
-        f.runtime->cleanupFinishedTask();
-        QTest::qWait(800);
-        QCOMPARE(sent.size(), 0);
+        runner.runTask(request);
+        QVERIFY(waitUntil([] { return childProcesses().size() == 1; }));
+        // The task is let go while its child runs: the child is killed, and its end,
+        // reaped and handled in one turn of the loop, is not reported.
+        runner.cleanupFinishedTask();
+        QVERIFY(waitUntil([] { return childProcesses().isEmpty(); }));
+        QCOMPARE(host.sent.size(), 0);
+        QCOMPARE(host.statuses, QStringList{QStringLiteral("Ready: test-agent")});
     }
 
     void serverClosingMidTaskStopsTheChildWithoutLeaks()

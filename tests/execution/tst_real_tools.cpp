@@ -2,7 +2,7 @@
 // driven by the agent through the relay server as a phone drives them, against fake
 // model servers on loopback whose scripted replies stand in for the models. Skipped
 // ("skipped: tools not installed") when the tools cannot be installed.
-#include "execution/chat_execution.h"
+#include "chat/chat_execution.h"
 #include "execution/execution_resolution.h"
 #include "proposals/ai_task_resolution.h"
 #include "support/fake_model_server.h"

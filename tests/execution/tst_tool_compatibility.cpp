@@ -1,8 +1,8 @@
 // Fitting command lines to the installed `claude` and `codex`: the option check against
 // help texts the real releases printed (tests/execution/data), and the agent asking a
 // fake tool for its help before running it.
+#include "chat/chat_execution.h"
 #include "config/agent_profile.h"
-#include "execution/chat_execution.h"
 #include "execution/tool_compatibility.h"
 #include "proposals/ai_task_resolution.h"
 #include "support/agent_fixture.h"

@@ -1,8 +1,8 @@
-#include "agent/diag.h"
+#include "base/agent_error.h"
+#include "base/diag.h"
+#include "chat/chat_execution.h"
 #include "config/agent_profile.h"
 #include "config/settings_store.h"
-#include "execution/agent_error.h"
-#include "execution/chat_execution.h"
 #include "proposals/ai_task_resolution.h"
 
 #include <QDir>

@@ -1,9 +1,11 @@
+#include "chat/chat_text.h"
 #include "proposals/narrative_text.h"
 
 #include <QTest>
 
 using namespace brinmoor;
 using namespace brinmoor::NarrativeText;
+using brinmoor::ChatText::sanitizeForChat;
 
 class TstNarrativeText : public QObject {
     Q_OBJECT

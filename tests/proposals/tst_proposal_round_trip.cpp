@@ -1,7 +1,7 @@
 // Change proposals end to end: a loopback server assigns "ai_task" tasks to a real agent
 // runtime; a fake `codex` (first on PATH) edits files in its working folder, which is the
 // proposal copy, and prints agent messages; real git diffs and applies.
-#include "execution/chat_execution.h"
+#include "chat/chat_execution.h"
 #include "proposals/ai_task_resolution.h"
 #include "support/agent_fixture.h"
 #include "support/test_support.h"
@@ -171,7 +171,7 @@ private Q_SLOTS:
         QCOMPARE(awaiting->value(QStringLiteral("proposalId")).toString().size(), 36);
         // Nothing is applied before the phone says so.
         QCOMPARE(test::readFile(project(f) + QStringLiteral("/greeting.txt")), QByteArray("hello\n"));
-        QCOMPARE(f.runtime->pendingApprovalTaskId(), std::optional<QString>(QStringLiteral("p1")));
+        QCOMPARE(f.runtime->approvals().pendingApprovalTaskId(), std::optional<QString>(QStringLiteral("p1")));
         QVERIFY(log.contains(
             QStringLiteral("task.assign ai_task strategy=proposalApproval(requiresApproval: true) workingDir=") +
             project(f)));

@@ -1,4 +1,4 @@
-#include "execution/agent_error.h"
+#include "base/agent_error.h"
 #include "proposals/workspace_copy.h"
 #include "proposals/workspace_diff.h"
 #include "support/test_support.h"

@@ -2,6 +2,7 @@
 #include "support/process_fixtures.h"
 #include "support/relay_client.h"
 #include "support/test_support.h"
+#include "websocket_client.h"
 
 #include <QDir>
 #include <QJsonArray>
@@ -14,6 +15,7 @@
 #include <memory>
 
 using namespace brinmoor::test;
+namespace ws = brinmoor::relay::ws;
 
 namespace {
 
@@ -25,14 +27,6 @@ QJsonObject json(const char* text)
 QString typeOf(const QJsonObject& message)
 {
     return message.value(QStringLiteral("type")).toString();
-}
-
-QByteArray upgradeRequest(const QByteArray& path, const QByteArray& extraHeaders)
-{
-    return "GET " + path +
-           " HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-           "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n" +
-           extraHeaders + "\r\n";
 }
 
 QByteArray postApproval(const QString& token, const QByteArray& body)
@@ -207,14 +201,15 @@ private Q_SLOTS:
         QVERIFY(startRelay());
         const QString unauthorized = QStringLiteral("HTTP/1.1 401 Unauthorized\n{\"error\":\"unauthorized\"}");
         QCOMPARE(statusAndBody(httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\n\r\n")), unauthorized);
-        QCOMPARE(statusAndBody(
-                     httpExchange(m_relay->port, upgradeRequest("/v1/ws/client", "Authorization: Bearer nope\r\n"))),
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port,
+                                            ws::upgradeRequest("/v1/ws/client", "Authorization: Bearer nope\r\n"))),
                  unauthorized);
-        QCOMPARE(statusAndBody(httpExchange(m_relay->port, upgradeRequest("/v1/ws/agent?agentId=a",
-                                                                          "Authorization: Bearer relay-tokenX\r\n"))),
-                 unauthorized);
+        QCOMPARE(
+            statusAndBody(httpExchange(
+                m_relay->port, ws::upgradeRequest("/v1/ws/agent?agentId=a", "Authorization: Bearer relay-tokenX\r\n"))),
+            unauthorized);
         // The token never travels in the URL.
-        QCOMPARE(statusAndBody(httpExchange(m_relay->port, upgradeRequest("/v1/ws/client?token=relay-token", ""))),
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, ws::upgradeRequest("/v1/ws/client?token=relay-token", ""))),
                  unauthorized);
         RelayClient client;
         QVERIFY(!client.open(m_relay->port, QStringLiteral("wrong"), RelayClient::TokenVia::Subprotocol));
@@ -232,18 +227,18 @@ private Q_SLOTS:
     {
         QVERIFY(startRelay());
         const QByteArray bearer = "Authorization: Bearer relay-token\r\n";
-        const QByteArray accepted = httpExchange(m_relay->port, upgradeRequest("/v1/ws/client", bearer), 1500);
+        const QByteArray accepted = httpExchange(m_relay->port, ws::upgradeRequest("/v1/ws/client", bearer), 1500);
         QVERIFY2(accepted.startsWith("HTTP/1.1 101 Switching Protocols\r\n"), accepted.constData());
         QVERIFY(accepted.contains("Sec-WebSocket-Accept: s3pPLMBiTxaQ9kYGzzhZRbK+xOo=\r\n"));
         QCOMPARE(statusAndBody(httpExchange(m_relay->port, "GET /v1/ws/client HTTP/1.1\r\n" + bearer + "\r\n")),
                  QStringLiteral("HTTP/1.1 400 Bad Request\n{\"error\":\"not a WebSocket handshake\"}"));
-        QByteArray oldVersion = upgradeRequest("/v1/ws/client", bearer);
+        QByteArray oldVersion = ws::upgradeRequest("/v1/ws/client", bearer);
         oldVersion.replace("Sec-WebSocket-Version: 13", "Sec-WebSocket-Version: 8");
         const QByteArray refused = httpExchange(m_relay->port, oldVersion);
         QCOMPARE(statusAndBody(refused),
                  QStringLiteral("HTTP/1.1 426 Upgrade Required\n{\"error\":\"unsupported WebSocket version\"}"));
         QVERIFY(refused.contains("Sec-WebSocket-Version: 13\r\n"));
-        QCOMPARE(statusAndBody(httpExchange(m_relay->port, upgradeRequest("/v1/ws/agent", bearer))),
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, ws::upgradeRequest("/v1/ws/agent", bearer))),
                  QStringLiteral("HTTP/1.1 400 Bad Request\n{\"error\":\"agentId is missing\"}"));
         QCOMPARE(statusAndBody(httpExchange(m_relay->port, "POST /v1/ws/client HTTP/1.1\r\nContent-Length: 0\r\n\r\n")),
                  QStringLiteral("HTTP/1.1 405 Method Not Allowed\n{\"error\":\"method not allowed\"}"));
@@ -502,7 +497,7 @@ private Q_SLOTS:
         QTcpSocket slow;
         slow.connectToHost(QStringLiteral("127.0.0.1"), m_relay->port);
         QVERIFY(slow.waitForConnected(5000));
-        slow.write(upgradeRequest("/v1/ws/client", "Authorization: Bearer relay-token\r\n"));
+        slow.write(ws::upgradeRequest("/v1/ws/client", "Authorization: Bearer relay-token\r\n"));
         QVERIFY(waitUntil([&] { return slow.bytesAvailable() > 0; }));
         QVERIFY(slow.peek(12) == "HTTP/1.1 101");
         slow.setReadBufferSize(1);

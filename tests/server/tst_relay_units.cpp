@@ -1,37 +1,13 @@
 #include "auth_guard.h"
+#include "base/utf8_stream_decoder.h"
 #include "http_request.h"
+#include "websocket_client.h"
 #include "websocket_frames.h"
 
 #include <QTest>
 
 using namespace brinmoor::relay;
-
-namespace {
-
-// A client frame: masked, as browsers and phones send them.
-QByteArray clientFrame(int opcode, const QByteArray& payload, bool final = true)
-{
-    QByteArray frame;
-    frame.append(char((final ? 0x80 : 0) | opcode));
-    const char mask[4] = {0x11, 0x22, 0x33, 0x44};
-    if (payload.size() < 126) {
-        frame.append(char(0x80 | payload.size()));
-    } else if (payload.size() <= 0xFFFF) {
-        frame.append(char(0x80 | 126));
-        frame.append(char(payload.size() >> 8));
-        frame.append(char(payload.size() & 0xFF));
-    } else {
-        frame.append(char(0x80 | 127));
-        for (int i = 7; i >= 0; --i)
-            frame.append(char((quint64(payload.size()) >> (8 * i)) & 0xFF));
-    }
-    frame.append(mask, 4);
-    for (qsizetype i = 0; i < payload.size(); ++i)
-        frame.append(char(payload[i] ^ mask[i % 4]));
-    return frame;
-}
-
-} // namespace
+using brinmoor::isValidUtf8;
 
 class TstRelayUnits : public QObject {
     Q_OBJECT
@@ -55,7 +31,7 @@ private Q_SLOTS:
     void readsMaskedMessagesArrivingInPieces()
     {
         ws::FrameReader reader(1024, true);
-        const QByteArray whole = clientFrame(ws::Text, "{\"type\":\"x\"}") + clientFrame(ws::Binary, "bin");
+        const QByteArray whole = ws::maskedFrame(ws::Text, "{\"type\":\"x\"}") + ws::maskedFrame(ws::Binary, "bin");
         QByteArray buffer;
         qsizetype offset = 0;
         ws::Message message;
@@ -78,8 +54,8 @@ private Q_SLOTS:
     void joinsFragmentsAndLetsControlFramesThrough()
     {
         ws::FrameReader reader(1024, true);
-        QByteArray buffer = clientFrame(ws::Text, "hel", false) + clientFrame(ws::Ping, "p") +
-                            clientFrame(ws::Continuation, "lo", true);
+        QByteArray buffer = ws::maskedFrame(ws::Text, "hel", false) + ws::maskedFrame(ws::Ping, "p") +
+                            ws::maskedFrame(ws::Continuation, "lo", true);
         qsizetype offset = 0;
         ws::Message message;
         QCOMPARE(reader.next(buffer, offset, message), ws::FrameReader::Result::Message);
@@ -97,21 +73,23 @@ private Q_SLOTS:
         QByteArray unmasked("\x81\x02hi", 4);
         QTest::newRow("unmasked") << unmasked << 1002 << QByteArray("frames from a client must be masked");
         QTest::newRow("reserved bits") << QByteArray("\xc1\x80", 2) << 1002 << QByteArray("reserved bits set");
-        QTest::newRow("unknown opcode") << clientFrame(0x3, "x") << 1002 << QByteArray("unknown opcode");
-        QTest::newRow("long ping") << clientFrame(ws::Ping, QByteArray(126, 'p')) << 1002
+        QTest::newRow("unknown opcode") << ws::maskedFrame(ws::Opcode(0x3), "x") << 1002
+                                        << QByteArray("unknown opcode");
+        QTest::newRow("long ping") << ws::maskedFrame(ws::Ping, QByteArray(126, 'p')) << 1002
                                    << QByteArray("invalid control frame");
         QTest::newRow("stray continuation")
-            << clientFrame(ws::Continuation, "x") << 1002 << QByteArray("continuation without a message");
-        QTest::newRow("message inside a message") << clientFrame(ws::Text, "a", false) + clientFrame(ws::Text, "b")
-                                                  << 1002 << QByteArray("new message inside a fragmented one");
-        QTest::newRow("bad UTF-8") << clientFrame(ws::Text, "\xc0\xaf") << 1007
+            << ws::maskedFrame(ws::Continuation, "x") << 1002 << QByteArray("continuation without a message");
+        QTest::newRow("message inside a message")
+            << ws::maskedFrame(ws::Text, "a", false) + ws::maskedFrame(ws::Text, "b") << 1002
+            << QByteArray("new message inside a fragmented one");
+        QTest::newRow("bad UTF-8") << ws::maskedFrame(ws::Text, "\xc0\xaf") << 1007
                                    << QByteArray("invalid UTF-8 in a text message");
         // Only the header of a too-big frame has arrived: it is refused without waiting.
-        QTest::newRow("too big") << clientFrame(ws::Binary, QByteArray(2000, 'x')).left(8) << 1009
+        QTest::newRow("too big") << ws::maskedFrame(ws::Binary, QByteArray(2000, 'x')).left(8) << 1009
                                  << QByteArray("message too big");
-        QTest::newRow("too big in pieces")
-            << clientFrame(ws::Text, QByteArray(600, 'x'), false) + clientFrame(ws::Continuation, QByteArray(600, 'x'))
-            << 1009 << QByteArray("message too big");
+        QTest::newRow("too big in pieces") << ws::maskedFrame(ws::Text, QByteArray(600, 'x'), false) +
+                                                  ws::maskedFrame(ws::Continuation, QByteArray(600, 'x'))
+                                           << 1009 << QByteArray("message too big");
     }
 
     void refusesWhatTheProtocolForbids()
@@ -131,13 +109,13 @@ private Q_SLOTS:
 
     void validatesUtf8()
     {
-        QVERIFY(ws::isValidUtf8("plain ascii text that is longer than eight bytes"));
-        QVERIFY(ws::isValidUtf8("gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x98\x80"));
-        QVERIFY(!ws::isValidUtf8("\xe2\x82"));         // cut short
-        QVERIFY(!ws::isValidUtf8("\xed\xa0\x80"));     // a surrogate
-        QVERIFY(!ws::isValidUtf8("\xe0\x80\xaf"));     // overlong
-        QVERIFY(!ws::isValidUtf8("\xf4\x90\x80\x80")); // beyond U+10FFFF
-        QVERIFY(!ws::isValidUtf8("abcdefgh\xff"));
+        QVERIFY(isValidUtf8("plain ascii text that is longer than eight bytes"));
+        QVERIFY(isValidUtf8("gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x98\x80"));
+        QVERIFY(!isValidUtf8("\xe2\x82"));         // cut short
+        QVERIFY(!isValidUtf8("\xed\xa0\x80"));     // a surrogate
+        QVERIFY(!isValidUtf8("\xe0\x80\xaf"));     // overlong
+        QVERIFY(!isValidUtf8("\xf4\x90\x80\x80")); // beyond U+10FFFF
+        QVERIFY(!isValidUtf8("abcdefgh\xff"));
     }
 
     void parsesRequestHeads()

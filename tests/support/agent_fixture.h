@@ -1,7 +1,7 @@
 #pragma once
 
 #include "agent/agent_runtime.h"
-#include "agent/diag.h"
+#include "base/diag.h"
 #include "config/settings_store.h"
 #include "support/loopback_server.h"
 

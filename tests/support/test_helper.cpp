@@ -5,7 +5,7 @@
 //                    act as an assistant tool asking for permission: start the "approver"
 //                    server of an MCP config file as the tool would, call its
 //                    "request_permission" for TOOL with INPUT (JSON), print the answer text
-#include "agent/json_value.h"
+#include "protocol/json_value.h"
 
 #include <QDeadlineTimer>
 #include <QFile>

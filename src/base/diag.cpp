@@ -1,4 +1,4 @@
-#include "agent/diag.h"
+#include "base/diag.h"
 
 #include <QDateTime>
 #include <QMutex>

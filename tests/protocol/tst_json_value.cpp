@@ -1,4 +1,4 @@
-#include "agent/json_value.h"
+#include "protocol/json_value.h"
 #include "support/test_support.h"
 
 #include <QJsonDocument>

@@ -1,9 +1,9 @@
-#include "execution/chat_execution.h"
+#include "chat/chat_execution.h"
 
-#include "agent/diag.h"
+#include "base/agent_error.h"
+#include "base/diag.h"
 #include "config/agent_profile.h"
 #include "config/connection_settings.h"
-#include "execution/agent_error.h"
 
 #include <QFileInfo>
 #include <QJsonArray>

@@ -1,4 +1,4 @@
-#include "execution/json_reader.h"
+#include "chat/json_reader.h"
 
 namespace brinmoor {
 

@@ -1,4 +1,4 @@
-#include "execution/utf8_stream_decoder.h"
+#include "base/utf8_stream_decoder.h"
 
 #include <cstdint>
 #include <cstring>

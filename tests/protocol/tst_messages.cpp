@@ -1,5 +1,4 @@
-#include "agent/messages.h"
-#include "config/agent_profile.h"
+#include "protocol/messages.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -53,12 +52,13 @@ class TstMessages : public QObject {
 private Q_SLOTS:
     void agentRegister()
     {
-        AgentProfile profile;
+        Messages::Registration profile;
         profile.profileId = QStringLiteral("ios-local");
         profile.repoRoot = QStringLiteral("/repo");
         profile.buildTemplate = QStringLiteral("./deploy.sh {{projectArg}}");
         profile.projects = {QStringLiteral("/a/App")};
-        profile.actions = ProfileDefaults::actions();
+        profile.actions = {QStringLiteral("build_ios"), QStringLiteral("ai_task"), QStringLiteral("chat"),
+                           QStringLiteral("shell"), QStringLiteral("terminal_session")};
         QCOMPARE(shape(Messages::agentRegister(profile)),
                  (QStringList{
                      QStringLiteral(R"(actions:array=["build_ios","ai_task","chat","shell","terminal_session"])"),
@@ -75,7 +75,7 @@ private Q_SLOTS:
 
     void createProjectRootIsAStringNeverNull()
     {
-        AgentProfile profile;
+        Messages::Registration profile;
         QCOMPARE(Messages::agentRegister(profile).value(QStringLiteral("createProjectRoot")), QJsonValue(QString()));
         profile.createProjectRoot = QStringLiteral("/new");
         QCOMPARE(Messages::agentRegister(profile).value(QStringLiteral("createProjectRoot")),
@@ -84,7 +84,7 @@ private Q_SLOTS:
 
     void supportsApprovalAndTaskKindsNeverChange()
     {
-        AgentProfile other;
+        Messages::Registration other;
         other.actions = {QStringLiteral("shell")};
         const QJsonObject message = Messages::agentRegister(other);
         QCOMPARE(message.value(QStringLiteral("supportsApproval")), QJsonValue(true));

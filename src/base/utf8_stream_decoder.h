@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QByteArrayView>
 #include <QString>
 
 #include <optional>
@@ -27,5 +28,11 @@ public:
 private:
     QByteArray m_pending;
 };
+
+// Whether the bytes are complete, valid UTF-8 (the one check the agent and the relay use).
+inline bool isValidUtf8(QByteArrayView text)
+{
+    return Utf8StreamDecoder::isValid(text.data(), text.size());
+}
 
 } // namespace brinmoor

@@ -1,6 +1,6 @@
-#include "agent/task_assignment.h"
+#include "protocol/task_assignment.h"
 
-#include "agent/agent_command.h"
+#include "protocol/agent_command.h"
 
 namespace brinmoor {
 

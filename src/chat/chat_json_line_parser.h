@@ -1,6 +1,6 @@
 #pragma once
 
-#include "execution/json_reader.h"
+#include "chat/json_reader.h"
 
 #include <QMutex>
 #include <QSet>

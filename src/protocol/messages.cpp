@@ -1,6 +1,4 @@
-#include "agent/messages.h"
-
-#include "config/agent_profile.h"
+#include "protocol/messages.h"
 
 #include <QJsonArray>
 
@@ -33,7 +31,7 @@ QJsonObject proposalMessage(const char* type, const QString& taskId, const Propo
 
 } // namespace
 
-QJsonObject agentRegister(const AgentProfile& profile)
+QJsonObject agentRegister(const Registration& profile)
 {
     return QJsonObject{
         {QStringLiteral("type"), QStringLiteral("agent.register")},

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "agent/json_value.h"
+#include "protocol/json_value.h"
 
 #include <QByteArray>
 #include <QString>

@@ -1,9 +1,9 @@
-#include "agent/diag.h"
+#include "base/agent_error.h"
+#include "base/diag.h"
+#include "chat/chat_execution.h"
 #include "config/agent_profile.h"
 #include "config/connection_settings.h"
 #include "config/settings_store.h"
-#include "execution/agent_error.h"
-#include "execution/chat_execution.h"
 #include "support/test_support.h"
 
 #include <QDir>

@@ -1,4 +1,4 @@
-#include "agent/agent_command.h"
+#include "protocol/agent_command.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>

@@ -1,4 +1,4 @@
-#include "execution/chat_json_line_parser.h"
+#include "chat/chat_json_line_parser.h"
 
 namespace brinmoor {
 

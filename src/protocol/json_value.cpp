@@ -1,6 +1,6 @@
-#include "agent/json_value.h"
+#include "protocol/json_value.h"
 
-#include "agent/diag.h"
+#include "base/diag.h"
 
 #include <QJsonArray>
 #include <QJsonObject>

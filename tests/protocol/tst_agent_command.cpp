@@ -1,5 +1,5 @@
-#include "agent/agent_command.h"
-#include "agent/task_assignment.h"
+#include "protocol/agent_command.h"
+#include "protocol/task_assignment.h"
 
 #include <QTest>
 

@@ -1,4 +1,4 @@
-#include "agent/outgoing_flow.h"
+#include "base/outgoing_flow.h"
 
 namespace brinmoor {
 

@@ -8,13 +8,21 @@
 
 namespace brinmoor {
 
-struct AgentProfile;
-
 // One builder per outgoing message, so that every member name lives in one place.
 namespace Messages {
 
+// What "agent.register" announces of the agent's profile.
+struct Registration {
+    QString profileId;
+    QStringList projects;
+    std::optional<QString> createProjectRoot;
+    QStringList actions;
+    QString buildTemplate;
+    QString repoRoot;
+};
+
 // Connection level.
-QJsonObject agentRegister(const AgentProfile& profile);
+QJsonObject agentRegister(const Registration& profile);
 QJsonObject taskHeartbeat(const QString& taskId);
 
 // Task results.

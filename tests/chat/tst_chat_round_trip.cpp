@@ -1,7 +1,7 @@
 // Chats end to end: a loopback server assigns "chat" tasks to a real agent runtime,
 // which runs fake `claude` and `codex` executables (first on PATH) that record their
 // arguments and print event streams shaped like the real tools' output.
-#include "execution/chat_execution.h"
+#include "chat/chat_execution.h"
 #include "support/agent_fixture.h"
 #include "support/test_support.h"
 

@@ -1,0 +1,22 @@
+#include "protocol/message_types.h"
+
+namespace brinmoor::MessageTypes {
+
+const QStringList& terminalCommands()
+{
+    static const QStringList types{
+        QStringLiteral("terminal.open"),     QStringLiteral("terminal.attach"), QStringLiteral("terminal.input"),
+        QStringLiteral("terminal.complete"), QStringLiteral("terminal.resize"), QStringLiteral("terminal.signal"),
+        QStringLiteral("terminal.close"),
+    };
+    return types;
+}
+
+const QStringList& agentCommands()
+{
+    static const QStringList types =
+        QStringList{QStringLiteral("task.cancel"), QStringLiteral("task.approval")} + terminalCommands();
+    return types;
+}
+
+} // namespace brinmoor::MessageTypes

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <QStringList>
+
+namespace brinmoor::MessageTypes {
+
+// The terminal commands an agent reads ("terminal.open" … "terminal.close").
+const QStringList& terminalCommands();
+
+// What a client may send an agent through the relay, besides "task.create": the
+// cancellation and approval of a task and the terminal commands.
+const QStringList& agentCommands();
+
+} // namespace brinmoor::MessageTypes
