@@ -2,6 +2,7 @@
 
 #include "base/agent_error.h"
 #include "base/diag.h"
+#include "chat/claude_session_store.h"
 #include "config/agent_profile.h"
 #include "config/connection_settings.h"
 
@@ -20,21 +21,6 @@
 namespace brinmoor {
 
 using ExecutionResolution::shellQuote;
-
-std::optional<QString> ChatSessions::codexThreadID(const QString& key) const
-{
-    const auto it = m_codexThreadIDsByConversation.constFind(key);
-    if (it == m_codexThreadIDsByConversation.cend())
-        return std::nullopt;
-    return it.value();
-}
-
-void ChatSessions::recordCodexThreadID(const QString& threadId, const QString& conversationId,
-                                       const QString& projectPath)
-{
-    if (const std::optional<QString> key = ChatExecution::scopedConversationKey(projectPath, conversationId))
-        m_codexThreadIDsByConversation.insert(*key, threadId);
-}
 
 namespace ChatExecution {
 
@@ -89,6 +75,8 @@ QString fileNameSafe(const QString& text)
 // The namespace of the session ids made from conversation keys; fixed for good, so a
 // conversation keeps its session across agent versions.
 const QUuid sessionNamespace(QStringLiteral("67c547cf-08d0-4f2c-8808-fca36f829ffd"));
+
+const QString kStreamJson = QStringLiteral("--output-format stream-json");
 
 const QString kClaudeWithoutApproval =
     QStringLiteral("claude --dangerously-skip-permissions -p --verbose --output-format stream-json {{prompt}}");
@@ -148,6 +136,9 @@ QString codexMCPConfigOverrides(const QString& taskId, const QString& approverPa
             QLatin1Char('"'),
         QStringLiteral("mcp_servers.approver.env.BRINMOOR_TASK_ID=\"") + tomlEscaped(taskId) + QLatin1Char('"'),
         QStringLiteral("mcp_servers.approver.env.BRINMOOR_TOKEN=\"") + tomlEscaped(connection.token) + QLatin1Char('"'),
+        // `codex exec` runs with the approval policy "never" and refuses every MCP call
+        // that needs approval; the approval tool is the approval.
+        QStringLiteral("mcp_servers.approver.tools.request_permission.approval_mode=\"approve\""),
     };
     QString overrides;
     for (const QString& assignment : assignments)
@@ -205,7 +196,7 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
                                     const ChatSessions& sessions, const std::optional<QString>& requestedSystem,
                                     const QString& projectPath, const QString& prompt, const QString& taskId,
                                     const QString& conversationId, const std::optional<QString>& requestedApprovalMode,
-                                    const QString& temporaryFolder)
+                                    const QString& temporaryFolder, const QString& claudeConfigDirectory)
 {
     if (projectPath.trimmed().isEmpty())
         throw runtimeError(7, QStringLiteral("Missing projectPath"));
@@ -227,7 +218,10 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
                           ? QStringLiteral("codex exec --json --skip-git-repo-check --color never {{prompt}}")
                           : QStringLiteral("codex exec resume --json --skip-git-repo-check ") + shellQuote(threadId) +
                                 QStringLiteral(" {{prompt}}");
-            command += codexMCPConfigOverrides(taskId, profile.mcpApproverPath, connection);
+            // What the phone allows must be able to happen: `codex exec` would otherwise run
+            // in a read-only sandbox.
+            command += codexMCPConfigOverrides(taskId, profile.mcpApproverPath, connection) + QStringLiteral(" -c ") +
+                       shellQuote(QStringLiteral("sandbox_mode=\"workspace-write\""));
             diag(QStringLiteral("resolveChatExecution using Codex MCP approval approverPath=") +
                  profile.mcpApproverPath);
         } else {
@@ -253,21 +247,38 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
             // The user's own template without an approval hook runs as it is.
             command = profile.claudeChatTemplate;
         }
+        // The answer streams as the model writes it (dropped where the installed claude
+        // does not know the option).
+        if (command.contains(kStreamJson) && !command.contains(QLatin1String("--include-partial-messages")))
+            command.replace(kStreamJson, kStreamJson + QStringLiteral(" --include-partial-messages"));
         // The conversation id is the Claude session id: created by the first message,
-        // resumed by the next ones.
+        // resumed by the next ones. claude's own store says whether it exists: a first
+        // message that failed may have created it, and the agent may have restarted.
         if (!conversationId.isEmpty() && !command.contains(QLatin1String("--session-id")) &&
             !command.contains(QLatin1String("--resume")) && command.startsWith(QLatin1String("claude "))) {
-            const bool established = scopedKey && sessions.hasEstablishedChatSession(*scopedKey);
-            command.insert(7, (established ? QStringLiteral("--resume ") : QStringLiteral("--session-id ")) +
-                                  shellQuote(claudeSessionID(conversationId, scopedKey)) + QLatin1Char(' '));
+            const QString session = claudeSessionID(conversationId, scopedKey);
+            const bool exists = claudeConfigDirectory.isEmpty()
+                                    ? scopedKey && sessions.hasEstablishedChatSession(*scopedKey)
+                                    : ClaudeSessionStore::hasSession(claudeConfigDirectory, workingDir, session);
+            const auto withSession = [&](const QString& option) {
+                return QString(command).insert(7, option + shellQuote(session) + QLatin1Char(' '));
+            };
+            if (!exists)
+                resolution.resumeShell = withSession(QStringLiteral("--resume "));
+            command = withSession(exists ? QStringLiteral("--resume ") : QStringLiteral("--session-id "));
         }
     }
 
     QString fullPrompt = workspaceScopedPrompt(projectPath, prompt);
     if (system == QLatin1String("codex") && command.contains(QLatin1String("mcp_servers.approver.command")))
         fullPrompt = systemPolicy + fullPrompt;
-    command = ExecutionResolution::expandProjectPlaceholders(command, projectPath, projectArg);
-    command.replace(QLatin1String("{{prompt}}"), shellQuote(fullPrompt));
+    const auto expand = [&](QString text) {
+        text = ExecutionResolution::expandProjectPlaceholders(text, projectPath, projectArg);
+        return text.replace(QLatin1String("{{prompt}}"), shellQuote(fullPrompt));
+    };
+    command = expand(command);
+    if (resolution.resumeShell)
+        resolution.resumeShell = expand(*resolution.resumeShell);
 
     diag(QStringLiteral("resolveChatExecution projectPath=") + projectPath + QStringLiteral(" workspace=") +
          workingDir + QStringLiteral(" system=") + system + QStringLiteral(" approvalMode=") + approvalMode);

@@ -1,9 +1,8 @@
 #pragma once
 
+#include "chat/chat_sessions.h"
 #include "execution/execution_resolution.h"
 
-#include <QHash>
-#include <QSet>
 #include <QString>
 
 #include <optional>
@@ -13,29 +12,15 @@ namespace brinmoor {
 struct AgentProfile;
 struct ConnectionSettings;
 
-// Per-conversation chat bookkeeping for the life of the agent process: which Claude
-// sessions exist and which Codex thread each conversation continues. Read while a chat
-// is resolved and written when its output or end is handled; the event loop
-// serialises both, so no lock is needed.
-class ChatSessions {
-public:
-    bool hasEstablishedChatSession(const QString& key) const { return m_established.contains(key); }
-    void markChatSessionEstablished(const QString& key) { m_established.insert(key); }
-    std::optional<QString> codexThreadID(const QString& key) const;
-    // Stores the thread id under the conversation's scoped key.
-    void recordCodexThreadID(const QString& threadId, const QString& conversationId, const QString& projectPath);
-
-private:
-    QSet<QString> m_established;
-    QHash<QString, QString> m_codexThreadIDsByConversation;
-};
-
 // What a chat runs, and the MCP configuration file written for it (to be removed when
 // the task ends).
 struct ChatResolution {
     QString shell;
     QString workingDir;
     std::optional<QString> mcpConfigPath;
+    // A Claude chat that creates its session: the same command continuing the session,
+    // for when claude answers that the session exists already.
+    std::optional<QString> resumeShell;
 };
 
 namespace ChatExecution {
@@ -61,8 +46,9 @@ QString workspaceScopedPrompt(const QString& projectPath, const QString& userPro
 
 QString codexExecCommandTemplate(const QString& approvalMode, const QString& resumeThreadID);
 
-// Five -c options pointing Codex's "approver" MCP server at the approval tool; begins
-// with a blank so it can be appended to a command.
+// The -c options pointing Codex's "approver" MCP server at the approval tool, and
+// letting codex call its "request_permission" without asking anyone itself (`codex exec`
+// would refuse the call); begins with a blank so it can be appended to a command.
 QString codexMCPConfigOverrides(const QString& taskId, const QString& approverPath,
                                 const ConnectionSettings& connection);
 
@@ -76,12 +62,15 @@ QString writeMCPConfig(const QString& taskId, const QString& approverPath, const
 bool approvalServerAvailable(const QString& approverPath);
 
 // The shell text and folder of a chat; writes the MCP configuration when Claude's
-// approval goes through the approval tool. Throws AgentError.
+// approval goes through the approval tool. A Claude conversation continues its session
+// (--resume) when claude's store in `claudeConfigDirectory` has it, and creates it
+// (--session-id) otherwise; without a store to look at, the bookkeeping decides. Throws
+// AgentError.
 ChatResolution resolveChatExecution(const AgentProfile& profile, const ConnectionSettings& connection,
                                     const ChatSessions& sessions, const std::optional<QString>& system,
                                     const QString& projectPath, const QString& prompt, const QString& taskId,
                                     const QString& conversationId, const std::optional<QString>& approvalMode,
-                                    const QString& temporaryFolder);
+                                    const QString& temporaryFolder, const QString& claudeConfigDirectory);
 
 } // namespace ChatExecution
 

@@ -49,12 +49,29 @@ void ChatOutput::endOfOutput()
         handleParseResult(m_parser->finish());
 }
 
+std::optional<QString> ChatOutput::retryCommand(int status)
+{
+    Q_UNUSED(status);
+    // claude tells on standard error that the session it was asked to create exists
+    // (a first message that failed, or bookkeeping that was lost): continue it, once.
+    if (m_retried || !m_chat.resumeShell || !m_chatBuffer.contains(QLatin1String("is already in use")))
+        return std::nullopt;
+    m_retried = true;
+    m_host.sendJSON(Messages::taskLog(
+        m_chat.taskId, QStringLiteral("[claude.retry] the session exists already; continuing it with --resume")));
+    m_chatBuffer.clear();
+    m_chatResultBuffer.clear();
+    if (m_chat.provider)
+        m_parser = std::make_unique<ChatJSONLineParser>(*m_chat.provider);
+    return m_chat.resumeShell;
+}
+
 void ChatOutput::exited(int status)
 {
     if (status != 0) {
-        m_host.sendJSON(Messages::taskChatError(m_chat.taskId, m_chat.conversationId,
-                                                QStringLiteral("command exited with status ") +
-                                                    QString::number(status)));
+        m_host.sendJSON(
+            Messages::taskChatError(m_chat.taskId, m_chat.conversationId,
+                                    QStringLiteral("command exited with status ") + QString::number(status)));
         return;
     }
     if (const std::optional<QString> key =

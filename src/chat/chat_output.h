@@ -15,8 +15,10 @@ class TaskHost;
 
 // What a chat task makes of the assistant's output: the event stream parsed into
 // "task.chat.chunk" messages and diagnostics, the Codex thread recorded, and at the end
-// "task.chat.final" (and the session marked established) or "task.chat.error". It owns
-// the chat's MCP configuration file, which goes when the task is cleaned up.
+// "task.chat.final" (and the session marked established) or "task.chat.error". When
+// claude refuses to create a session that exists already, the chat runs once more
+// continuing it. It owns the chat's MCP configuration file, which goes when the task is
+// cleaned up.
 class ChatOutput : public TaskOutputHandler {
 public:
     struct Chat {
@@ -28,6 +30,8 @@ public:
         // The tool's event grammar; without one the output is sent as text.
         std::optional<ChatJSONProvider> provider;
         std::optional<QString> mcpConfigPath;
+        // The command that continues the Claude session the chat meant to create.
+        std::optional<QString> resumeShell;
     };
 
     ChatOutput(TaskHost& host, ChatSessions& sessions, Chat chat);
@@ -36,6 +40,7 @@ public:
     void standardOutput(const QString& text) override;
     void standardError(const QString& text) override;
     void endOfOutput() override;
+    std::optional<QString> retryCommand(int status) override;
     void exited(int status) override;
 
 private:
@@ -49,6 +54,7 @@ private:
     QString m_chatBuffer;
     // The final texts the parser reported.
     QString m_chatResultBuffer;
+    bool m_retried = false;
 };
 
 } // namespace brinmoor

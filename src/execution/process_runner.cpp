@@ -120,10 +120,14 @@ void ProcessRunner::runTask(const RunRequest& request)
 
     if (request.sendStarted)
         m_host.sendJSON(Messages::taskStarted(request.taskId));
+    launchCurrentTask(request.shell);
+}
 
-    const QString taskId = request.taskId;
+void ProcessRunner::launchCurrentTask(const QString& shell)
+{
+    const QString taskId = m_output->request.taskId;
     launchWhenToolReady(
-        request.shell, request.workingDir, [this](const QString& shell) { launchTask(shell); },
+        shell, m_output->request.workingDir, [this](const QString& fitted) { launchTask(fitted); },
         [this, taskId] {
             if (m_currentTaskId != taskId)
                 return;
@@ -224,6 +228,16 @@ void ProcessRunner::onExited(int status)
     const RunRequest request = m_output->request;
     if (request.output)
         request.output->endOfOutput();
+    diag(QStringLiteral("runTask process terminated taskId=") + request.taskId + QStringLiteral(" exitCode=") +
+         QString::number(status));
+    if (m_currentTaskId == request.taskId && status != 0 && request.output) {
+        if (const std::optional<QString> again = request.output->retryCommand(status)) {
+            diag(QStringLiteral("runTask retrying taskId=") + request.taskId);
+            releaseChild();
+            launchCurrentTask(*again);
+            return;
+        }
+    }
     if (m_currentTaskId == request.taskId) {
         if (request.output)
             request.output->exited(status);
@@ -240,8 +254,6 @@ void ProcessRunner::onExited(int status)
                 Messages::taskFailed(request.taskId, message, QStringLiteral("COMMAND_EXIT_NONZERO"), status));
         }
     }
-    diag(QStringLiteral("runTask process terminated taskId=") + request.taskId + QStringLiteral(" exitCode=") +
-         QString::number(status));
     if (m_currentTaskId == request.taskId)
         cleanupFinishedTask();
 }
@@ -312,7 +324,7 @@ void ProcessRunner::stopRunningProcessIfAny(bool cancelled)
         m_host.sendJSON(Messages::taskCancelled(taskId, 130));
 }
 
-void ProcessRunner::cleanupFinishedTask()
+void ProcessRunner::releaseChild()
 {
     if (m_timeLimit) {
         m_timeLimit->stop();
@@ -324,6 +336,11 @@ void ProcessRunner::cleanupFinishedTask()
         m_child->deleteLater();
         m_child = nullptr;
     }
+}
+
+void ProcessRunner::cleanupFinishedTask()
+{
+    releaseChild();
     m_output.reset();
     m_currentTaskId.reset();
     m_host.reportStatus(QStringLiteral("Ready: ") + m_host.agentId());

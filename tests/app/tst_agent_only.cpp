@@ -68,17 +68,26 @@ private Q_SLOTS:
         QVERIFY(server.listen());
         QTemporaryDir fake;
         QTemporaryDir tmp;
-        // What the fake `claude` prints: an init line, the answer growing in two
-        // cumulative assistant events, and the result.
-        test::writeFile(fake.path() + QStringLiteral("/claude.stream"),
-                        R"({"type":"system","subtype":"init","session_id":"s1"})"
-                        "\n"
-                        R"({"type":"assistant","message":{"content":[{"type":"text","text":"Two"}]}})"
-                        "\n"
-                        R"({"type":"assistant","message":{"content":[{"type":"text","text":"Two files."}]}})"
-                        "\n"
-                        R"({"type":"result","subtype":"success","is_error":false,"result":"Two files."})"
-                        "\n");
+        // What the fake `claude` prints: an init line, the answer as the model writes it
+        // (two text deltas), the assembled message, and the result.
+        test::writeFile(
+            fake.path() + QStringLiteral("/claude.stream"),
+            R"({"type":"system","subtype":"init","session_id":"s1"})"
+            "\n"
+            R"({"type":"stream_event","event":{"type":"message_start","message":{"id":"msg_1","content":[]}}})"
+            "\n"
+            R"({"type":"stream_event","event":{"type":"content_block_start","index":0,"content_block":{"type":"text","text":""}}})"
+            "\n"
+            R"({"type":"stream_event","event":{"type":"content_block_delta","index":0,"delta":{"type":"text_delta","text":"Two"}}})"
+            "\n"
+            R"({"type":"stream_event","event":{"type":"content_block_delta","index":0,"delta":{"type":"text_delta","text":" files."}}})"
+            "\n"
+            R"({"type":"assistant","message":{"id":"msg_1","content":[{"type":"text","text":"Two files."}]}})"
+            "\n"
+            R"({"type":"stream_event","event":{"type":"content_block_stop","index":0}})"
+            "\n"
+            R"({"type":"result","subtype":"success","is_error":false,"result":"Two files."})"
+            "\n");
         AgentProcess agent;
         QDir().mkpath(agent.repo.path() + QStringLiteral("/App"));
         QProcessEnvironment extra;
