@@ -102,9 +102,9 @@ void ChatSessions::recordCodexThreadID(const QString& threadId, const QString& c
 ChatSessions::Conversation& ChatSessions::touch(const QString& key)
 {
     if (!m_conversations.contains(key) && m_conversations.size() >= kLimit) {
-        const auto oldest = std::min_element(
-            m_conversations.cbegin(), m_conversations.cend(),
-            [](const Conversation& a, const Conversation& b) { return a.lastUse < b.lastUse; });
+        const auto oldest =
+            std::min_element(m_conversations.cbegin(), m_conversations.cend(),
+                             [](const Conversation& a, const Conversation& b) { return a.lastUse < b.lastUse; });
         m_conversations.erase(oldest);
     }
     Conversation& conversation = m_conversations[key];

@@ -93,7 +93,8 @@ private Q_SLOTS:
     {
         QTest::addColumn<QByteArray>("content");
         QTest::addColumn<QString>("problem");
-        QTest::newRow("not JSON") << QByteArray("{\"conversations\": [") << QStringLiteral("unterminated array at offset 19");
+        QTest::newRow("not JSON") << QByteArray("{\"conversations\": [")
+                                  << QStringLiteral("unterminated array at offset 19");
         QTest::newRow("no list") << QByteArray("[1, 2]") << QStringLiteral("no list of conversations");
         QTest::newRow("empty") << QByteArray() << QStringLiteral("illegal value at offset 0");
     }
@@ -105,9 +106,8 @@ private Q_SLOTS:
         writeFile(path(), content);
         DiagRecorder log;
         ChatSessions sessions(path());
-        QCOMPARE(log.texts(),
-                 QStringList{QStringLiteral("chatSessions replaces the unreadable ") + path() + QStringLiteral(": ") +
-                             problem});
+        QCOMPARE(log.texts(), QStringList{QStringLiteral("chatSessions replaces the unreadable ") + path() +
+                                          QStringLiteral(": ") + problem});
         QVERIFY(!sessions.hasEstablishedChatSession(QStringLiteral("App::c1")));
         const QByteArray empty("{\n    \"conversations\": [\n    ]\n}\n");
         QVERIFY(waitUntil([&] { return readFile(path()) == empty; }));

@@ -143,31 +143,48 @@ QByteArray FakeModelServer::sse(const QList<QJsonObject>& events)
     return stream;
 }
 
+FakeModelServer::Reply FakeModelServer::messagesBlocks(const QJsonArray& blocks)
+{
+    QList<QJsonObject> events{messageStart()};
+    bool usesTool = false;
+    for (qsizetype index = 0; index < blocks.size(); ++index) {
+        const QJsonObject block = blocks.at(index).toObject();
+        if (block.value(QStringLiteral("type")).toString() == QLatin1String("text")) {
+            events.append({{"type", "content_block_start"},
+                           {"index", index},
+                           {"content_block", QJsonObject{{"type", "text"}, {"text", ""}}}});
+            for (const QJsonValue& piece : block.value(QStringLiteral("deltas")).toArray())
+                events.append({{"type", "content_block_delta"},
+                               {"index", index},
+                               {"delta", QJsonObject{{"type", "text_delta"}, {"text", piece}}}});
+        } else {
+            usesTool = true;
+            QJsonObject start = block;
+            start.insert(QStringLiteral("input"), QJsonObject());
+            events.append({{"type", "content_block_start"}, {"index", index}, {"content_block", start}});
+            events.append(
+                {{"type", "content_block_delta"},
+                 {"index", index},
+                 {"delta", QJsonObject{{"type", "input_json_delta"},
+                                       {"partial_json", QString::fromUtf8(compact(
+                                                            block.value(QStringLiteral("input")).toObject()))}}}});
+        }
+        events.append({{"type", "content_block_stop"}, {"index", index}});
+    }
+    events.append(messageEnd(usesTool ? QStringLiteral("tool_use") : QStringLiteral("end_turn")));
+    events.append({{"type", "message_stop"}});
+    return eventStream(events);
+}
+
 FakeModelServer::Reply FakeModelServer::messagesText(const QString& text)
 {
-    return eventStream(
-        {messageStart(),
-         {{"type", "content_block_start"}, {"index", 0}, {"content_block", QJsonObject{{"type", "text"}, {"text", ""}}}},
-         {{"type", "content_block_delta"}, {"index", 0}, {"delta", QJsonObject{{"type", "text_delta"}, {"text", text}}}},
-         {{"type", "content_block_stop"}, {"index", 0}},
-         messageEnd(QStringLiteral("end_turn")),
-         {{"type", "message_stop"}}});
+    return messagesBlocks({QJsonObject{{"type", "text"}, {"deltas", QJsonArray{text}}}});
 }
 
 FakeModelServer::Reply FakeModelServer::messagesToolUse(const QString& id, const QString& name,
                                                         const QJsonObject& input)
 {
-    return eventStream(
-        {messageStart(),
-         {{"type", "content_block_start"},
-          {"index", 0},
-          {"content_block", QJsonObject{{"type", "tool_use"}, {"id", id}, {"name", name}, {"input", QJsonObject()}}}},
-         {{"type", "content_block_delta"},
-          {"index", 0},
-          {"delta", QJsonObject{{"type", "input_json_delta"}, {"partial_json", QString::fromUtf8(compact(input))}}}},
-         {{"type", "content_block_stop"}, {"index", 0}},
-         messageEnd(QStringLiteral("tool_use")),
-         {{"type", "message_stop"}}});
+    return messagesBlocks({QJsonObject{{"type", "tool_use"}, {"id", id}, {"name", name}, {"input", input}}});
 }
 
 FakeModelServer::Reply FakeModelServer::messagesError(int status, const QString& message)
@@ -188,14 +205,18 @@ FakeModelServer::Reply FakeModelServer::responsesMessage(const QString& text)
 }
 
 FakeModelServer::Reply FakeModelServer::responsesFunctionCall(const QString& callId, const QString& name,
-                                                              const QJsonObject& arguments)
+                                                              const QJsonObject& arguments,
+                                                              const QString& toolNamespace)
 {
+    QJsonObject call{{"type", "function_call"},
+                     {"id", "fc_fake"},
+                     {"call_id", callId},
+                     {"name", name},
+                     {"arguments", QString::fromUtf8(compact(arguments))}};
+    if (!toolNamespace.isEmpty())
+        call.insert(QStringLiteral("namespace"), toolNamespace);
     return eventStream({{{"type", "response.created"}, {"response", QJsonObject{{"id", "resp_fake"}}}},
-                        responseItem({{"type", "function_call"},
-                                      {"id", "fc_fake"},
-                                      {"call_id", callId},
-                                      {"name", name},
-                                      {"arguments", QString::fromUtf8(compact(arguments))}}),
+                        responseItem(call),
                         responseCompleted()});
 }
 

@@ -43,13 +43,19 @@ public:
     std::function<Reply(const Request&)> respond;
     const QList<Request>& requests() const { return m_requests; }
 
-    // Anthropic Messages API.
+    // Anthropic Messages API. A message of content blocks: text blocks as
+    // {"type":"text","deltas":[…]} (the text in the pieces the model streams), tool uses
+    // as {"type":"tool_use","id","name","input"}.
+    static Reply messagesBlocks(const QJsonArray& blocks);
     static Reply messagesText(const QString& text);
     static Reply messagesToolUse(const QString& id, const QString& name, const QJsonObject& input);
     static Reply messagesError(int status, const QString& message);
     // Responses API.
     static Reply responsesMessage(const QString& text);
-    static Reply responsesFunctionCall(const QString& callId, const QString& name, const QJsonObject& arguments);
+    // A call of a function; an MCP tool is named by its tool and its namespace
+    // ("mcp__SERVER").
+    static Reply responsesFunctionCall(const QString& callId, const QString& name, const QJsonObject& arguments,
+                                       const QString& toolNamespace = QString());
     static Reply responsesFailed(const QString& message);
 
     static QByteArray sse(const QList<QJsonObject>& events);
