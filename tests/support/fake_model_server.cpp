@@ -5,6 +5,7 @@
 #include <QJsonDocument>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QTimer>
 
 namespace brinmoor::test {
 
@@ -13,6 +14,14 @@ namespace {
 QByteArray compact(const QJsonObject& object)
 {
     return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
+// One chunk of a chunked HTTP body; an empty one ends the body.
+QByteArray httpChunk(const QByteArray& data)
+{
+    if (data.isEmpty())
+        return "0\r\n\r\n";
+    return QByteArray::number(data.size(), 16) + "\r\n" + data + "\r\n";
 }
 
 FakeModelServer::Reply eventStream(const QList<QJsonObject>& events)
@@ -126,12 +135,37 @@ void FakeModelServer::onReadable(QTcpSocket* socket)
                         QJsonDocument::fromJson(body).object()};
         m_requests.append(request);
         Reply reply = respond ? respond(request) : Reply{404, "application/json", "{}"};
-        QByteArray response =
-            "HTTP/1.1 " + QByteArray::number(reply.status) + ' ' + relay::statusReason(reply.status).toByteArray() +
-            "\r\nContent-Type: " + reply.contentType + "\r\nContent-Length: " + QByteArray::number(reply.body.size()) +
-            "\r\nConnection: keep-alive\r\n\r\n" + reply.body;
-        socket->write(response);
+        const QByteArray status = "HTTP/1.1 " + QByteArray::number(reply.status) + ' ' +
+                                  relay::statusReason(reply.status).toByteArray() +
+                                  "\r\nContent-Type: " + reply.contentType + "\r\nConnection: keep-alive\r\n";
+        if (!reply.laterPieces.isEmpty()) {
+            socket->write(status + "Transfer-Encoding: chunked\r\n\r\n" +
+                          (reply.body.isEmpty() ? QByteArray() : httpChunk(reply.body)));
+            sendLater(socket, reply);
+            continue;
+        }
+        socket->write(status + "Content-Length: " + QByteArray::number(reply.body.size()) + "\r\n\r\n" + reply.body);
     }
+}
+
+void FakeModelServer::sendLater(QTcpSocket* socket, const Reply& reply)
+{
+    // Each piece leaves at once, not when the socket would gather more.
+    socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    auto* timer = new QTimer(socket);
+    timer->setInterval(reply.pieceIntervalMs);
+    connect(timer, &QTimer::timeout, socket,
+            [this, socket, timer, pieces = reply.laterPieces, next = qsizetype(0)]() mutable {
+                if (onPieceSent)
+                    onPieceSent(next);
+                socket->write(httpChunk(pieces.at(next)));
+                socket->flush();
+                if (++next < pieces.size())
+                    return;
+                socket->write(httpChunk(QByteArray()));
+                timer->deleteLater();
+            });
+    timer->start();
 }
 
 QByteArray FakeModelServer::sse(const QList<QJsonObject>& events)

@@ -32,6 +32,10 @@ public:
         int status = 200;
         QByteArray contentType;
         QByteArray body;
+        // A stream the model writes over time: after the body, one piece every
+        // `pieceIntervalMs`, as the chunks of a chunked body.
+        QList<QByteArray> laterPieces = {};
+        int pieceIntervalMs = 0;
     };
 
     FakeModelServer();
@@ -41,6 +45,9 @@ public:
     QString baseURL() const;
 
     std::function<Reply(const Request&)> respond;
+    // Told each later piece of a reply (its index) right before it is handed to the
+    // socket.
+    std::function<void(qsizetype piece)> onPieceSent;
     const QList<Request>& requests() const { return m_requests; }
 
     // Anthropic Messages API. A message of content blocks: text blocks as
@@ -63,6 +70,7 @@ public:
 private:
     void onConnection();
     void onReadable(QTcpSocket* socket);
+    void sendLater(QTcpSocket* socket, const Reply& reply);
 
     QTcpServer* m_server;
     QList<Request> m_requests;
