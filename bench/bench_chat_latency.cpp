@@ -44,37 +44,13 @@ QString delta(int run, int index)
     return QStringLiteral("r%1w%2 ").arg(run).arg(index, 3, 10, QLatin1Char('0'));
 }
 
-// The answer of one run: the message and its text block begin at once, then one text
-// delta every interval, then the end.
+// The answer of one run: one text block, a delta every interval.
 FakeModelServer::Reply pacedAnswer(int run, int deltas, int intervalMs)
 {
-    const QJsonObject start{{"type", "message_start"},
-                            {"message", QJsonObject{{"id", QStringLiteral("msg_%1").arg(run)},
-                                                    {"type", "message"},
-                                                    {"role", "assistant"},
-                                                    {"model", "claude-fake"},
-                                                    {"content", QJsonArray()},
-                                                    {"stop_reason", QJsonValue::Null},
-                                                    {"stop_sequence", QJsonValue::Null},
-                                                    {"usage", QJsonObject{{"input_tokens", 10}, {"output_tokens", 1}}}}}};
-    FakeModelServer::Reply reply{200, "text/event-stream",
-                                 FakeModelServer::sse({start,
-                                                       {{"type", "content_block_start"},
-                                                        {"index", 0},
-                                                        {"content_block", QJsonObject{{"type", "text"}, {"text", ""}}}}})};
+    QJsonArray pieces;
     for (int i = 0; i < deltas; ++i)
-        reply.laterPieces.append(FakeModelServer::sse({{{"type", "content_block_delta"},
-                                                        {"index", 0},
-                                                        {"delta", QJsonObject{{"type", "text_delta"},
-                                                                              {"text", delta(run, i)}}}}}));
-    reply.laterPieces.append(FakeModelServer::sse(
-        {{{"type", "content_block_stop"}, {"index", 0}},
-         {{"type", "message_delta"},
-          {"delta", QJsonObject{{"stop_reason", "end_turn"}, {"stop_sequence", QJsonValue::Null}}},
-          {"usage", QJsonObject{{"output_tokens", deltas}}}},
-         {{"type", "message_stop"}}}));
-    reply.pieceIntervalMs = intervalMs;
-    return reply;
+        pieces.append(delta(run, i));
+    return FakeModelServer::messagesOverTime({QJsonObject{{"type", "text"}, {"deltas", pieces}}}, intervalMs);
 }
 
 // The phone: creates chat tasks and notes when each chunk arrives.
@@ -104,9 +80,12 @@ public:
 
     void chat(const QString& conversation)
     {
-        const QJsonObject payload{{"action", "chat"},      {"system", "claude"},
-                                  {"projectPath", "App"},  {"prompt", "Write the words."},
-                                  {"conversationId", conversation}, {"approvalMode", "none"}};
+        const QJsonObject payload{{"action", "chat"},
+                                  {"system", "claude"},
+                                  {"projectPath", "App"},
+                                  {"prompt", "Write the words."},
+                                  {"conversationId", conversation},
+                                  {"approvalMode", "none"}};
         m_socket.sendTextMessage(QString::fromUtf8(
             QJsonDocument(QJsonObject{{"type", "task.create"}, {"agentId", "cli-agent"}, {"payload", payload}})
                 .toJson(QJsonDocument::Compact)));
@@ -127,7 +106,9 @@ Percentiles percentiles(std::vector<double> values)
     if (values.empty())
         return {};
     std::sort(values.begin(), values.end());
-    const auto at = [&](double q) { return values[std::min(values.size() - 1, size_t(q * double(values.size() - 1) + 0.5))]; };
+    const auto at = [&](double q) {
+        return values[std::min(values.size() - 1, size_t(q * double(values.size() - 1) + 0.5))];
+    };
     return {at(0.5), at(0.99)};
 }
 
@@ -174,10 +155,8 @@ int main(int argc, char** argv)
             return FakeModelServer::Reply{404, "application/json", "{}"};
         return pacedAnswer(run, deltas, intervalMs);
     };
-    model.onPieceSent = [&](qsizetype piece) {
-        if (piece < deltas)
-            deltaSent.insert(delta(run, int(piece)), nowMs());
-    };
+    // Piece N of an answer begins with its delta N.
+    model.onPieceSent = [&](qsizetype piece) { deltaSent.insert(delta(run, int(piece)), nowMs()); };
 
     QProcessEnvironment env;
     env.insert(QStringLiteral("PATH"), toolsBin + QLatin1Char(':') + qEnvironmentVariable("PATH"));
@@ -201,7 +180,8 @@ int main(int argc, char** argv)
     QDir().mkpath(project);
     agent.start(relay.url(), env);
     Phone phone;
-    if (!relay.waitForLine(QStringLiteral("agent.register agentId=cli-agent")) || !phone.open(relay.port, relay.token)) {
+    if (!relay.waitForLine(QStringLiteral("agent.register agentId=cli-agent")) ||
+        !phone.open(relay.port, relay.token)) {
         std::fprintf(stderr, "the agent or the phone did not connect\n");
         return 1;
     }
@@ -243,15 +223,16 @@ int main(int argc, char** argv)
                 const QJsonObject line = QJsonDocument::fromJson(pending.left(newline)).object();
                 pending.remove(0, newline + 1);
                 const QJsonObject event = line.value(QStringLiteral("event")).toObject();
-                const QString text = event.value(QStringLiteral("delta")).toObject().value(QStringLiteral("text")).toString();
+                const QString text =
+                    event.value(QStringLiteral("delta")).toObject().value(QStringLiteral("text")).toString();
                 if (event.value(QStringLiteral("type")).toString() == QLatin1String("content_block_delta") &&
                     deltaSent.contains(text))
                     claudeOnly.push_back(at - deltaSent.value(text));
             }
         });
         claude.start(toolsBin + QStringLiteral("/claude"),
-                     {QStringLiteral("--dangerously-skip-permissions"), QStringLiteral("-p"), QStringLiteral("--verbose"),
-                      QStringLiteral("--output-format"), QStringLiteral("stream-json"),
+                     {QStringLiteral("--dangerously-skip-permissions"), QStringLiteral("-p"),
+                      QStringLiteral("--verbose"), QStringLiteral("--output-format"), QStringLiteral("stream-json"),
                       QStringLiteral("--include-partial-messages"), QStringLiteral("Write the words.")});
         if (!waitUntil([&] { return claude.state() == QProcess::NotRunning; }, 120000)) {
             claude.kill();
@@ -264,8 +245,9 @@ int main(int argc, char** argv)
 
     const Percentiles total = percentiles(throughAgent);
     const Percentiles own = percentiles(claudeOnly);
-    std::printf("chat latency, claude text delta to the phone's task.chat.chunk (%d runs of %d deltas, one every %d ms)\n",
-                runs, deltas, intervalMs);
+    std::printf(
+        "chat latency, claude text delta to the phone's task.chat.chunk (%d runs of %d deltas, one every %d ms)\n",
+        runs, deltas, intervalMs);
     std::printf("  through agent and relay  median %6.1f ms  p99 %6.1f ms  (%zu deltas, %d lost)\n", total.median,
                 total.p99, throughAgent.size(), lost);
     std::printf("  claude alone             median %6.1f ms  p99 %6.1f ms  (%zu deltas)\n", own.median, own.p99,

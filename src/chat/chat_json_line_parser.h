@@ -63,8 +63,8 @@ struct ParseResult {
 // Reduces a chat tool's JSON event stream, read in arbitrary pieces, to assistant text
 // deltas, the final text, diagnostics and the Codex thread id. One parser per task.
 //
-// A delta is always the rest of a text after a text sent before it, so it never splits
-// a character.
+// A delta is a piece as the model wrote it, or the rest of a text after the part of it
+// sent before, so it never splits a character.
 //
 // The work is linear in the input: only complete lines are parsed, the scan for the
 // next line end resumes where the last one stopped, and texts grow in place.

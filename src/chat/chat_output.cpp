@@ -49,9 +49,8 @@ void ChatOutput::endOfOutput()
         handleParseResult(m_parser->finish());
 }
 
-std::optional<QString> ChatOutput::retryCommand(int status)
+std::optional<QString> ChatOutput::retryCommand()
 {
-    Q_UNUSED(status);
     // claude tells on standard error that the session it was asked to create exists
     // (a first message that failed, or bookkeeping that was lost): continue it, once.
     if (m_retried || !m_chat.resumeShell || !m_chatBuffer.contains(QLatin1String("is already in use")))

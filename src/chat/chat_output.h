@@ -40,7 +40,7 @@ public:
     void standardOutput(const QString& text) override;
     void standardError(const QString& text) override;
     void endOfOutput() override;
-    std::optional<QString> retryCommand(int status) override;
+    std::optional<QString> retryCommand() override;
     void exited(int status) override;
 
 private:

@@ -231,7 +231,7 @@ void ProcessRunner::onExited(int status)
     diag(QStringLiteral("runTask process terminated taskId=") + request.taskId + QStringLiteral(" exitCode=") +
          QString::number(status));
     if (m_currentTaskId == request.taskId && status != 0 && request.output) {
-        if (const std::optional<QString> again = request.output->retryCommand(status)) {
+        if (const std::optional<QString> again = request.output->retryCommand()) {
             diag(QStringLiteral("runTask retrying taskId=") + request.taskId);
             releaseChild();
             launchCurrentTask(*again);

@@ -35,7 +35,7 @@ public:
     // A child of a task that is still current ended with a non-zero status: a command to
     // run in its place as the same task (the handler tells the task log why), or none to
     // report the end.
-    virtual std::optional<QString> retryCommand(int status) = 0;
+    virtual std::optional<QString> retryCommand() = 0;
     // The end of a task that is still current, before the runner reports it with
     // "task.finished" (status 0) or "task.failed".
     virtual void exited(int status) = 0;

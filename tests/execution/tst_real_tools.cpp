@@ -52,11 +52,45 @@ QString typeOf(const QJsonObject& message)
     return message.value(QStringLiteral("type")).toString();
 }
 
+using Answer = std::function<FakeModelServer::Reply(const FakeModelServer::Request&)>;
+
+// The model's calls of the Messages API go to `answer`; claude's other requests are
+// answered 404.
+Answer messagesAPI(Answer answer)
+{
+    return [answer](const FakeModelServer::Request& request) {
+        if (!request.path.startsWith(QLatin1String("/v1/messages")) ||
+            request.path.contains(QLatin1String("count_tokens")))
+            return FakeModelServer::Reply{404, "application/json", "{}"};
+        return answer(request);
+    };
+}
+
+// The model's calls of the Responses API go to `answer`; others are answered 404.
+Answer responsesAPI(Answer answer)
+{
+    return [answer](const FakeModelServer::Request& request) {
+        if (request.path != QLatin1String("/v1/responses"))
+            return FakeModelServer::Reply{404, "application/json", "{}"};
+        return answer(request);
+    };
+}
+
 // Every text that a Responses request or a Messages request carries, joined: enough
 // to see whether an earlier turn is part of the conversation.
 QString conversationText(const FakeModelServer::Request& request)
 {
     return QString::fromUtf8(request.body);
+}
+
+// A model that says hello, and "Still here." once asked to say it again.
+Answer claudeHelloThenStillHere()
+{
+    return messagesAPI([](const FakeModelServer::Request& request) {
+        return FakeModelServer::messagesText(conversationText(request).contains(QLatin1String("Say it again"))
+                                                 ? QStringLiteral("Still here.")
+                                                 : QStringLiteral("Hello from the fake model."));
+    });
 }
 
 } // namespace
@@ -272,6 +306,22 @@ class TstRealTools : public QObject {
         return json({{"agentId", "cli-agent"}, {"taskId", "<task>"}, {"type", "task.started"}});
     }
 
+    // The end of a chat whose tool exited with status 1.
+    static QStringList chatFailed(const QString& conversation)
+    {
+        return {json({{"agentId", "cli-agent"},
+                      {"conversationId", conversation},
+                      {"message", "command exited with status 1"},
+                      {"taskId", "<task>"},
+                      {"type", "task.chat.error"}}),
+                json({{"agentId", "cli-agent"},
+                      {"error", "command exited with status 1"},
+                      {"errorCode", "COMMAND_EXIT_NONZERO"},
+                      {"exitCode", 1},
+                      {"taskId", "<task>"},
+                      {"type", "task.failed"}})};
+    }
+
     // The end of a chat that answered `text`: its final text and "task.finished".
     static QStringList chatEnded(const QString& conversation, const QString& text)
     {
@@ -343,17 +393,14 @@ private Q_SLOTS:
     void claudeChatResumesItsSessionOnTheSecondMessage()
     {
         QVERIFY(startAll());
-        m_anthropic->respond = [](const FakeModelServer::Request& request) {
-            if (!request.path.startsWith(QLatin1String("/v1/messages")) ||
-                request.path.contains(QLatin1String("count_tokens")))
-                return FakeModelServer::Reply{404, "application/json", "{}"};
+        m_anthropic->respond = messagesAPI([](const FakeModelServer::Request& request) {
             const bool second = lastUserContent(request.json)
                                     .value(QStringLiteral("text"))
                                     .toString()
                                     .contains(QLatin1String("Say it again"));
             return FakeModelServer::messagesText(second ? QStringLiteral("Still here.")
                                                         : QStringLiteral("Hello from the fake model."));
-        };
+        });
         const QString conversation = QStringLiteral("real-claude-chat");
         const QString first = createTask(
             chat(QStringLiteral("claude"), QStringLiteral("Say hello"), conversation, QStringLiteral("none")));
@@ -391,10 +438,7 @@ private Q_SLOTS:
         QVERIFY(startAll());
         const QString notes = project() + QStringLiteral("/notes.txt");
         // The model asks to write notes.txt, then says what came of it.
-        m_anthropic->respond = [notes](const FakeModelServer::Request& request) {
-            if (!request.path.startsWith(QLatin1String("/v1/messages")) ||
-                request.path.contains(QLatin1String("count_tokens")))
-                return FakeModelServer::Reply{404, "application/json", "{}"};
+        m_anthropic->respond = messagesAPI([notes](const FakeModelServer::Request& request) {
             const QJsonObject last = lastUserContent(request.json);
             if (last.value(QStringLiteral("type")).toString() == QLatin1String("tool_result"))
                 return FakeModelServer::messagesText(last.value(QStringLiteral("is_error")).toBool()
@@ -404,7 +448,7 @@ private Q_SLOTS:
             return FakeModelServer::messagesToolUse(
                 second ? QStringLiteral("toolu_real_2") : QStringLiteral("toolu_real_1"), QStringLiteral("Write"),
                 {{"file_path", notes}, {"content", "written by claude\n"}});
-        };
+        });
         const QJsonObject toolInput{{"file_path", "<repo>/App/notes.txt"}, {"content", "written by claude\n"}};
         auto permissionRequest = [&](const QString& toolUseId) {
             return json({{"agentId", "cli-agent"},
@@ -464,13 +508,11 @@ private Q_SLOTS:
     void codexChatResumesItsThread()
     {
         QVERIFY(startAll());
-        m_openai->respond = [](const FakeModelServer::Request& request) {
-            if (request.path != QLatin1String("/v1/responses"))
-                return FakeModelServer::Reply{404, "application/json", "{}"};
+        m_openai->respond = responsesAPI([](const FakeModelServer::Request& request) {
             const bool second = conversationText(request).contains(QLatin1String("Say it again"));
             return FakeModelServer::responsesMessage(second ? QStringLiteral("Still here, says codex.")
                                                             : QStringLiteral("Hello from the fake codex model."));
-        };
+        });
         const QString conversation = QStringLiteral("real-codex-chat");
         // Without approval: the command this codex no longer takes is fitted to it.
         const QString first = createTask(
@@ -515,10 +557,7 @@ private Q_SLOTS:
         writeFile(project() + QStringLiteral("/b.txt"), "b\n");
         // The model says what it does, lists the folder, then answers; it writes each
         // text in two pieces.
-        m_anthropic->respond = [](const FakeModelServer::Request& request) {
-            if (!request.path.startsWith(QLatin1String("/v1/messages")) ||
-                request.path.contains(QLatin1String("count_tokens")))
-                return FakeModelServer::Reply{404, "application/json", "{}"};
+        m_anthropic->respond = messagesAPI([](const FakeModelServer::Request& request) {
             if (lastUserContent(request.json).value(QStringLiteral("type")).toString() == QLatin1String("tool_result"))
                 return FakeModelServer::messagesBlocks({QJsonObject{
                     {"type", "text"}, {"deltas", QJsonArray{"There are two ", "files here: a.txt and b.txt."}}}});
@@ -528,7 +567,7 @@ private Q_SLOTS:
                              {"id", "toolu_ls"},
                              {"name", "Bash"},
                              {"input", QJsonObject{{"command", "ls"}, {"description", "List files"}}}}});
-        };
+        });
         const QString conversation = QStringLiteral("real-claude-tools");
         const QString taskId = createTask(
             chat(QStringLiteral("claude"), QStringLiteral("List the files"), conversation, QStringLiteral("none")));
@@ -555,9 +594,7 @@ private Q_SLOTS:
         const QString touched = project() + QStringLiteral("/allowed.txt");
         // The model asks the approval tool, acts only when allowed, then says what came
         // of it.
-        m_openai->respond = [](const FakeModelServer::Request& request) {
-            if (request.path != QLatin1String("/v1/responses"))
-                return FakeModelServer::Reply{404, "application/json", "{}"};
+        m_openai->respond = responsesAPI([](const FakeModelServer::Request& request) {
             const QJsonArray outputs = inputItems(request.json, QStringLiteral("function_call_output"));
             if (outputs.isEmpty())
                 return FakeModelServer::responsesFunctionCall(
@@ -571,7 +608,7 @@ private Q_SLOTS:
                                                               QStringLiteral("exec_command"),
                                                               {{"cmd", "touch allowed.txt"}, {"login", false}});
             return FakeModelServer::responsesMessage(QStringLiteral("I was not allowed to touch allowed.txt."));
-        };
+        });
         const QString request = json({{"agentId", "cli-agent"},
                                       {"requestId", "<request>"},
                                       {"taskId", "<task>"},
@@ -618,14 +655,11 @@ private Q_SLOTS:
     {
         QVERIFY(startAll());
         // The model fails the first message (HTTP 500) and answers the next one.
-        m_anthropic->respond = [](const FakeModelServer::Request& request) {
-            if (!request.path.startsWith(QLatin1String("/v1/messages")) ||
-                request.path.contains(QLatin1String("count_tokens")))
-                return FakeModelServer::Reply{404, "application/json", "{}"};
+        m_anthropic->respond = messagesAPI([](const FakeModelServer::Request& request) {
             if (!conversationText(request).contains(QLatin1String("Say it again")))
                 return FakeModelServer::messagesError(500, QStringLiteral("Internal server error"));
             return FakeModelServer::messagesText(QStringLiteral("Still here."));
-        };
+        });
         const QString conversation = QStringLiteral("real-claude-failed-first");
         const QString first = createTask(
             chat(QStringLiteral("claude"), QStringLiteral("Say hello"), conversation, QStringLiteral("none")));
@@ -636,18 +670,8 @@ private Q_SLOTS:
             m_anthropic->baseURL().mid(7) + QStringLiteral(").");
         QVERIFY(
             sameTrace(exactTrace(first), QStringList{created(), chatResolved(), started(), chunk(conversation, error),
-                                                     log(QStringLiteral("[claude.error] ") + error),
-                                                     json({{"agentId", "cli-agent"},
-                                                           {"conversationId", conversation},
-                                                           {"message", "command exited with status 1"},
-                                                           {"taskId", "<task>"},
-                                                           {"type", "task.chat.error"}}),
-                                                     json({{"agentId", "cli-agent"},
-                                                           {"error", "command exited with status 1"},
-                                                           {"errorCode", "COMMAND_EXIT_NONZERO"},
-                                                           {"exitCode", 1},
-                                                           {"taskId", "<task>"},
-                                                           {"type", "task.failed"}})}));
+                                                     log(QStringLiteral("[claude.error] ") + error)} +
+                                             chatFailed(conversation)));
 
         const QString second = createTask(
             chat(QStringLiteral("claude"), QStringLiteral("Say it again"), conversation, QStringLiteral("none")));
@@ -670,14 +694,7 @@ private Q_SLOTS:
         // The user's shell gives claude another configuration folder than the agent knows.
         writeFile(m_home->path() + QStringLiteral("/.zshenv"),
                   "export CLAUDE_CONFIG_DIR=" + QFile::encodeName(m_home->path()) + "/claude-elsewhere\n");
-        m_anthropic->respond = [](const FakeModelServer::Request& request) {
-            if (!request.path.startsWith(QLatin1String("/v1/messages")) ||
-                request.path.contains(QLatin1String("count_tokens")))
-                return FakeModelServer::Reply{404, "application/json", "{}"};
-            return FakeModelServer::messagesText(conversationText(request).contains(QLatin1String("Say it again"))
-                                                     ? QStringLiteral("Still here.")
-                                                     : QStringLiteral("Hello from the fake model."));
-        };
+        m_anthropic->respond = claudeHelloThenStillHere();
         const QString conversation = QStringLiteral("real-claude-hidden");
         const QString first = createTask(
             chat(QStringLiteral("claude"), QStringLiteral("Say hello"), conversation, QStringLiteral("none")));
@@ -706,21 +723,12 @@ private Q_SLOTS:
     void conversationsGoOnAfterTheAgentRestarts()
     {
         QVERIFY(startAll());
-        m_anthropic->respond = [](const FakeModelServer::Request& request) {
-            if (!request.path.startsWith(QLatin1String("/v1/messages")) ||
-                request.path.contains(QLatin1String("count_tokens")))
-                return FakeModelServer::Reply{404, "application/json", "{}"};
-            return FakeModelServer::messagesText(conversationText(request).contains(QLatin1String("Say it again"))
-                                                     ? QStringLiteral("Still here.")
-                                                     : QStringLiteral("Hello from the fake model."));
-        };
-        m_openai->respond = [](const FakeModelServer::Request& request) {
-            if (request.path != QLatin1String("/v1/responses"))
-                return FakeModelServer::Reply{404, "application/json", "{}"};
+        m_anthropic->respond = claudeHelloThenStillHere();
+        m_openai->respond = responsesAPI([](const FakeModelServer::Request& request) {
             return FakeModelServer::responsesMessage(conversationText(request).contains(QLatin1String("Say it again"))
                                                          ? QStringLiteral("Still here, says codex.")
                                                          : QStringLiteral("Hello from the fake codex model."));
-        };
+        });
         const QString claude = QStringLiteral("real-claude-restart");
         const QString codex = QStringLiteral("real-codex-restart");
         QVERIFY(waitForTaskEnd(
@@ -772,37 +780,23 @@ private Q_SLOTS:
         const QString codex = createTask(
             chat(QStringLiteral("codex"), QStringLiteral("Hi"), QStringLiteral("real-fail"), QStringLiteral("none")));
         QVERIFY(waitForTaskEnd(codex));
-        const auto failed = [](const QString& conversation) {
-            return QStringList{json({{"agentId", "cli-agent"},
-                                     {"conversationId", conversation},
-                                     {"message", "command exited with status 1"},
-                                     {"taskId", "<task>"},
-                                     {"type", "task.chat.error"}}),
-                               json({{"agentId", "cli-agent"},
-                                     {"error", "command exited with status 1"},
-                                     {"errorCode", "COMMAND_EXIT_NONZERO"},
-                                     {"exitCode", 1},
-                                     {"taskId", "<task>"},
-                                     {"type", "task.failed"}})};
-        };
-        const QString started = json({{"agentId", "cli-agent"}, {"taskId", "<task>"}, {"type", "task.started"}});
         // claude puts the error in its answer and in a failed result.
         QVERIFY(sameTrace(exactTrace(claude),
-                          QStringList{created(), chatResolved(), started,
+                          QStringList{created(), chatResolved(), started(),
                                       json({{"agentId", "cli-agent"},
                                             {"chunk", QString(QStringLiteral("API Error: 400 ") + refusal)},
                                             {"conversationId", "real-fail"},
                                             {"taskId", "<task>"},
                                             {"type", "task.chat.chunk"}}),
                                       log(QString(QStringLiteral("[claude.error] API Error: 400 ") + refusal))} +
-                              failed(QStringLiteral("real-fail"))));
+                              chatFailed(QStringLiteral("real-fail"))));
         // codex reports the failed response as an error and a failed turn.
         QVERIFY(
-            sameTrace(exactTrace(codex), QStringList{created(), chatResolved(), started,
+            sameTrace(exactTrace(codex), QStringList{created(), chatResolved(), started(),
                                                      log(QStringLiteral("Reading additional input from stdin...")),
                                                      log(QString()), log(QStringLiteral("[codex.error] ") + refusal),
                                                      log(QStringLiteral("[codex.turn.failed] ") + refusal)} +
-                                             failed(QStringLiteral("real-fail"))));
+                                             chatFailed(QStringLiteral("real-fail"))));
     }
 
     void codexProposesAChangeThatIsAppliedOnceApproved()
@@ -810,16 +804,14 @@ private Q_SLOTS:
         QVERIFY(startAll());
         writeFile(project() + QStringLiteral("/notes.txt"), "teh notes\n");
         // The model fixes the file with a command, then explains.
-        m_openai->respond = [](const FakeModelServer::Request& request) {
-            if (request.path != QLatin1String("/v1/responses"))
-                return FakeModelServer::Reply{404, "application/json", "{}"};
+        m_openai->respond = responsesAPI([](const FakeModelServer::Request& request) {
             if (inputItems(request.json, QStringLiteral("function_call_output")).isEmpty())
                 return FakeModelServer::responsesFunctionCall(
                     QStringLiteral("call_fix"), QStringLiteral("exec_command"),
                     {{"cmd", "printf 'the notes\\n' > notes.txt"}, {"login", false}});
             return FakeModelServer::responsesMessage(
                 QStringLiteral("notes.txt misspelled \"the\" in its only line, so I fixed that word there."));
-        };
+        });
         const QString taskId = createTask({{QStringLiteral("action"), QStringLiteral("ai_task")},
                                            {QStringLiteral("system"), QStringLiteral("codex")},
                                            {QStringLiteral("mode"), QStringLiteral("apply")},

@@ -179,6 +179,29 @@ QByteArray FakeModelServer::sse(const QList<QJsonObject>& events)
 
 FakeModelServer::Reply FakeModelServer::messagesBlocks(const QJsonArray& blocks)
 {
+    return eventStream(messageEvents(blocks));
+}
+
+FakeModelServer::Reply FakeModelServer::messagesOverTime(const QJsonArray& blocks, int intervalMs)
+{
+    Reply reply{200, "text/event-stream", QByteArray()};
+    reply.pieceIntervalMs = intervalMs;
+    for (const QJsonObject& event : messageEvents(blocks)) {
+        const bool isDelta = event.value(QStringLiteral("type")).toString() == QLatin1String("content_block_delta");
+        if (isDelta || !reply.laterPieces.isEmpty()) {
+            // Each delta starts a piece; what follows it goes with it.
+            if (isDelta)
+                reply.laterPieces.append(QByteArray());
+            reply.laterPieces.last() += sse({event});
+        } else {
+            reply.body += sse({event});
+        }
+    }
+    return reply;
+}
+
+QList<QJsonObject> FakeModelServer::messageEvents(const QJsonArray& blocks)
+{
     QList<QJsonObject> events{messageStart()};
     bool usesTool = false;
     for (qsizetype index = 0; index < blocks.size(); ++index) {
@@ -207,7 +230,7 @@ FakeModelServer::Reply FakeModelServer::messagesBlocks(const QJsonArray& blocks)
     }
     events.append(messageEnd(usesTool ? QStringLiteral("tool_use") : QStringLiteral("end_turn")));
     events.append({{"type", "message_stop"}});
-    return eventStream(events);
+    return events;
 }
 
 FakeModelServer::Reply FakeModelServer::messagesText(const QString& text)

@@ -54,6 +54,9 @@ public:
     // {"type":"text","deltas":[…]} (the text in the pieces the model streams), tool uses
     // as {"type":"tool_use","id","name","input"}.
     static Reply messagesBlocks(const QJsonArray& blocks);
+    // The same message as the model writes it over time: up to its first delta at once,
+    // then one delta every `intervalMs`.
+    static Reply messagesOverTime(const QJsonArray& blocks, int intervalMs);
     static Reply messagesText(const QString& text);
     static Reply messagesToolUse(const QString& id, const QString& name, const QJsonObject& input);
     static Reply messagesError(int status, const QString& message);
@@ -68,6 +71,7 @@ public:
     static QByteArray sse(const QList<QJsonObject>& events);
 
 private:
+    static QList<QJsonObject> messageEvents(const QJsonArray& blocks);
     void onConnection();
     void onReadable(QTcpSocket* socket);
     void sendLater(QTcpSocket* socket, const Reply& reply);
