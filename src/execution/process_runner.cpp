@@ -88,6 +88,8 @@ struct ProcessRunner::TaskOutput {
     // Only what the end of the task needs is kept: the success marker line when the
     // registration may be refreshed.
     std::optional<MarkedLineTracker> markedLines;
+    // The child is being stopped (cancelled, timed out, disconnected): its end is final.
+    bool stopping = false;
 };
 
 void sendOutput(TaskHost& host, const QString& taskId, const QString& text)
@@ -230,7 +232,7 @@ void ProcessRunner::onExited(int status)
         request.output->endOfOutput();
     diag(QStringLiteral("runTask process terminated taskId=") + request.taskId + QStringLiteral(" exitCode=") +
          QString::number(status));
-    if (m_currentTaskId == request.taskId && status != 0 && request.output) {
+    if (m_currentTaskId == request.taskId && status != 0 && request.output && !m_output->stopping) {
         if (const std::optional<QString> again = request.output->retryCommand()) {
             diag(QStringLiteral("runTask retrying taskId=") + request.taskId);
             releaseChild();
@@ -319,6 +321,8 @@ void ProcessRunner::stopRunningProcessIfAny(bool cancelled)
         diag(QStringLiteral("stopRunningProcessIfAny terminating taskId=") + taskId);
         m_child->terminateTree(kKillGraceMilliseconds);
     }
+    if (m_output)
+        m_output->stopping = true;
     // The task state stays until the child has exited; its end is reported then.
     if (cancelled)
         m_host.sendJSON(Messages::taskCancelled(taskId, 130));

@@ -368,6 +368,27 @@ private Q_SLOTS:
         QVERIFY(!QFile::exists(m_fake.path() + QStringLiteral("/claude.6.args")));
     }
 
+    void aCancelledChatIsNotRunAgain()
+    {
+        AgentFixture f(QStringLiteral("secret-token"), claudeSees());
+        setUpAgent(f, false);
+        write(QStringLiteral("claude.script"), "print -u2 -r -- 'Error: Session ID x is already in use.'\n"
+                                               "sleep 30\n"
+                                               "exit 1\n");
+        QVERIFY(f.connect());
+        f.assign(QStringLiteral("k"),
+                 chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("x"), QStringLiteral("conv-k")));
+        QVERIFY(f.server.waitFor([](const QJsonObject& m) {
+            return m.value(QStringLiteral("line")).toString() ==
+                   QLatin1String("Error: Session ID x is already in use.");
+        }));
+        f.server.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("task.cancel")},
+                                  {QStringLiteral("taskId"), QStringLiteral("k")}});
+        QVERIFY(waitUntil([&] { return !f.runtime->currentTaskId(); }));
+        QCOMPARE(chatTrace(f, QStringLiteral("k")).filter(QStringLiteral("[claude.retry]")), QStringList());
+        QVERIFY(!QFile::exists(m_fake.path() + QStringLiteral("/claude.2.args")));
+    }
+
     void chatWithoutPromptIsAConfigError()
     {
         AgentFixture f(QStringLiteral("secret-token"), claudeSees());
