@@ -213,21 +213,31 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
     QString command;
     if (system == QLatin1String("codex")) {
         const QString threadId = scopedKey ? sessions.codexThreadID(*scopedKey).value_or(QString()) : QString();
-        if (approvalMode == QLatin1String("on_request") && approvalAvailable) {
-            command = threadId.isEmpty()
-                          ? QStringLiteral("codex exec --json --skip-git-repo-check --color never {{prompt}}")
-                          : QStringLiteral("codex exec resume --json --skip-git-repo-check ") + shellQuote(threadId) +
-                                QStringLiteral(" {{prompt}}");
-            // What the phone allows must be able to happen: `codex exec` would otherwise run
-            // in a read-only sandbox.
-            command += codexMCPConfigOverrides(taskId, profile.mcpApproverPath, connection) + QStringLiteral(" -c ") +
-                       shellQuote(QStringLiteral("sandbox_mode=\"workspace-write\""));
+        const bool gated = approvalMode == QLatin1String("on_request") && approvalAvailable;
+        // The command of a new thread (empty id) or of one that goes on.
+        const auto codexCommand = [&](const QString& thread) -> QString {
+            if (!gated)
+                return codexExecCommandTemplate(approvalMode, thread);
+            const QString base =
+                thread.isEmpty() ? QStringLiteral("codex exec --json --skip-git-repo-check --color never {{prompt}}")
+                                 : QStringLiteral("codex exec resume --json --skip-git-repo-check ") +
+                                       shellQuote(thread) + QStringLiteral(" {{prompt}}");
+            // What the phone allows must be able to happen: `codex exec` would otherwise
+            // run in a read-only sandbox.
+            return base + codexMCPConfigOverrides(taskId, profile.mcpApproverPath, connection) +
+                   QStringLiteral(" -c ") + shellQuote(QStringLiteral("sandbox_mode=\"workspace-write\""));
+        };
+        command = codexCommand(threadId);
+        // codex may have lost the thread (its sessions removed, another CODEX_HOME): the
+        // conversation then goes on in a new one.
+        if (!threadId.isEmpty())
+            resolution.retry = ChatRetry{codexCommand(QString()), QStringLiteral("no rollout found"),
+                                         QStringLiteral("[codex.retry] the thread is gone; starting a new one")};
+        if (gated)
             diag(QStringLiteral("resolveChatExecution using Codex MCP approval approverPath=") +
                  profile.mcpApproverPath);
-        } else {
-            command = codexExecCommandTemplate(approvalMode, threadId);
+        else
             diag(QStringLiteral("resolveChatExecution using native Codex approvalMode=") + approvalMode);
-        }
     } else {
         if (approvalMode == QLatin1String("none")) {
             diag(QStringLiteral("resolveChatExecution approvalMode=none, running Claude chat without MCP approval"));
@@ -264,7 +274,9 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
                 return QString(command).insert(7, option + shellQuote(session) + QLatin1Char(' '));
             };
             if (!exists)
-                resolution.resumeShell = withSession(QStringLiteral("--resume "));
+                resolution.retry =
+                    ChatRetry{withSession(QStringLiteral("--resume ")), QStringLiteral("is already in use"),
+                              QStringLiteral("[claude.retry] the session exists already; continuing it with --resume")};
             command = withSession(exists ? QStringLiteral("--resume ") : QStringLiteral("--session-id "));
         }
     }
@@ -277,8 +289,8 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
         return text.replace(QLatin1String("{{prompt}}"), shellQuote(fullPrompt));
     };
     command = expand(command);
-    if (resolution.resumeShell)
-        resolution.resumeShell = expand(*resolution.resumeShell);
+    if (resolution.retry)
+        resolution.retry->shell = expand(resolution.retry->shell);
 
     diag(QStringLiteral("resolveChatExecution projectPath=") + projectPath + QStringLiteral(" workspace=") +
          workingDir + QStringLiteral(" system=") + system + QStringLiteral(" approvalMode=") + approvalMode);

@@ -12,15 +12,22 @@ namespace brinmoor {
 struct AgentProfile;
 struct ConnectionSettings;
 
+// A chat's second try, for when the tool cannot go on with the conversation as the
+// command says: claude answers that the session to create exists already, codex that the
+// thread to continue is gone.
+struct ChatRetry {
+    QString shell;        // run once in place of the first command
+    QString whenToolSays; // what the tool's output holds when the retry is due
+    QString note;         // the task log line that says what happened
+};
+
 // What a chat runs, and the MCP configuration file written for it (to be removed when
 // the task ends).
 struct ChatResolution {
     QString shell;
     QString workingDir;
     std::optional<QString> mcpConfigPath;
-    // A Claude chat that creates its session: the same command continuing the session,
-    // for when claude answers that the session exists already.
-    std::optional<QString> resumeShell;
+    std::optional<ChatRetry> retry;
 };
 
 namespace ChatExecution {

@@ -1,6 +1,5 @@
 #include "chat/chat_output.h"
 
-#include "chat/chat_execution.h"
 #include "chat/chat_text.h"
 #include "execution/task_host.h"
 #include "protocol/messages.h"
@@ -51,18 +50,16 @@ void ChatOutput::endOfOutput()
 
 std::optional<QString> ChatOutput::retryCommand()
 {
-    // claude tells on standard error that the session it was asked to create exists
-    // (a first message that failed, or bookkeeping that was lost): continue it, once.
-    if (m_retried || !m_chat.resumeShell || !m_chatBuffer.contains(QLatin1String("is already in use")))
+    // What the tool said on standard error decides; once only.
+    if (m_retried || !m_chat.retry || !m_chatBuffer.contains(m_chat.retry->whenToolSays))
         return std::nullopt;
     m_retried = true;
-    m_host.sendJSON(Messages::taskLog(
-        m_chat.taskId, QStringLiteral("[claude.retry] the session exists already; continuing it with --resume")));
+    m_host.sendJSON(Messages::taskLog(m_chat.taskId, m_chat.retry->note));
     m_chatBuffer.clear();
     m_chatResultBuffer.clear();
     if (m_chat.provider)
         m_parser = std::make_unique<ChatJSONLineParser>(*m_chat.provider);
-    return m_chat.resumeShell;
+    return m_chat.retry->shell;
 }
 
 void ChatOutput::exited(int status)

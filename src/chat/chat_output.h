@@ -1,5 +1,6 @@
 #pragma once
 
+#include "chat/chat_execution.h"
 #include "chat/chat_json_line_parser.h"
 #include "execution/process_runner.h"
 
@@ -16,9 +17,9 @@ class TaskHost;
 // What a chat task makes of the assistant's output: the event stream parsed into
 // "task.chat.chunk" messages and diagnostics, the Codex thread recorded, and at the end
 // "task.chat.final" (and the session marked established) or "task.chat.error". When
-// claude refuses to create a session that exists already, the chat runs once more
-// continuing it. It owns the chat's MCP configuration file, which goes when the task is
-// cleaned up.
+// the tool says it cannot go on with the conversation as asked, the chat runs once more
+// as its resolution planned. It owns the chat's MCP configuration file, which goes when
+// the task is cleaned up.
 class ChatOutput : public TaskOutputHandler {
 public:
     struct Chat {
@@ -30,8 +31,7 @@ public:
         // The tool's event grammar; without one the output is sent as text.
         std::optional<ChatJSONProvider> provider;
         std::optional<QString> mcpConfigPath;
-        // The command that continues the Claude session the chat meant to create.
-        std::optional<QString> resumeShell;
+        std::optional<ChatRetry> retry;
     };
 
     ChatOutput(TaskHost& host, ChatSessions& sessions, Chat chat);

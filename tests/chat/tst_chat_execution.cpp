@@ -193,8 +193,11 @@ private Q_SLOTS:
                      QStringLiteral(" --output-format stream-json --include-partial-messages ") +
                      scoped(QStringLiteral("App"), QStringLiteral("it's")));
         // Should claude say the session exists after all, the same command continues it.
-        QCOMPARE(r.resumeShell, std::optional<QString>(QString(r.shell).replace(QStringLiteral("--session-id"),
-                                                                                QStringLiteral("--resume"))));
+        QVERIFY(r.retry);
+        QCOMPARE(r.retry->shell, QString(r.shell).replace(QStringLiteral("--session-id"), QStringLiteral("--resume")));
+        QCOMPARE(r.retry->whenToolSays, QStringLiteral("is already in use"));
+        QCOMPARE(r.retry->note,
+                 QStringLiteral("[claude.retry] the session exists already; continuing it with --resume"));
         QCOMPARE(
             log.texts(),
             (QStringList{QStringLiteral("resolveChatExecution using Claude MCP approval approverPath=") + m_approver,
@@ -213,7 +216,7 @@ private Q_SLOTS:
         QVERIFY2(same.shell.startsWith(QStringLiteral(
                      "claude --resume 'fe4eaed6-11ff-55fd-9527-298e55a32c58' --dangerously-skip-permissions")),
                  qPrintable(same.shell));
-        QCOMPARE(same.resumeShell, std::nullopt);
+        QVERIFY(!same.retry);
         // The same conversation in another project is another session.
         sessions.markChatSessionEstablished(QStringLiteral("Other::c1"));
         const ChatResolution other = resolve(sessions, QStringLiteral("claude"), QStringLiteral("Other"),
@@ -320,7 +323,7 @@ private Q_SLOTS:
         QCOMPARE(r.shell, QStringLiteral("claude --dangerously-skip-permissions -p --verbose --output-format "
                                          "stream-json --include-partial-messages ") +
                               scoped(QStringLiteral("App"), QStringLiteral("hi")));
-        QCOMPARE(r.resumeShell, std::nullopt);
+        QVERIFY(!r.retry);
         QCOMPARE(log.texts().first(), QStringLiteral("resolveChatExecution MCPApprovalServer not found at ") +
                                           m_profile.mcpApproverPath +
                                           QStringLiteral(", falling back to Claude --dangerously-skip-permissions"));
@@ -377,6 +380,18 @@ private Q_SLOTS:
                                               QStringLiteral("go"), QStringLiteral("c"), QStringLiteral("none"));
         QCOMPARE(native.shell, QStringLiteral("codex exec resume --json --skip-git-repo-check 'th-9' ") +
                                    scoped(QStringLiteral("App"), QStringLiteral("go")));
+        // Should codex have lost the thread, the conversation goes on in a new one.
+        const ChatResolution fresh = resolve(ChatSessions(), QStringLiteral("codex"), QStringLiteral("App"),
+                                             QStringLiteral("go"), QStringLiteral("c"), QStringLiteral("none"));
+        QVERIFY(!fresh.retry);
+        QVERIFY(native.retry);
+        QCOMPARE(native.retry->shell, fresh.shell);
+        QCOMPARE(native.retry->whenToolSays, QStringLiteral("no rollout found"));
+        QCOMPARE(native.retry->note, QStringLiteral("[codex.retry] the thread is gone; starting a new one"));
+        QVERIFY(gated.retry);
+        QCOMPARE(gated.retry->shell, resolve(ChatSessions(), QStringLiteral("codex"), QStringLiteral("App"),
+                                             QStringLiteral("go"), QStringLiteral("c"), QString())
+                                         .shell);
     }
 };
 

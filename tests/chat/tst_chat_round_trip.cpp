@@ -289,6 +289,40 @@ private Q_SLOTS:
                               ChatExecution::workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("again"))}));
     }
 
+    void codexThreadThatIsGoneIsReplacedByANewOne()
+    {
+        AgentFixture f(QStringLiteral("secret-token"), claudeSees());
+        setUpAgent(f);
+        write(QStringLiteral("codex.stream"), codexStream());
+        QVERIFY(f.connect());
+        f.assign(QStringLiteral("t1"), chat(QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("list"),
+                                            QStringLiteral("conv-t"), QStringLiteral("none")));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t1")));
+        // codex no longer knows the thread it reported.
+        write(QStringLiteral("codex.script"),
+              "if [[ $1 == exec && $2 == resume ]]; then\n"
+              "  print -u2 -r -- 'Error: thread/resume: thread/resume failed: no rollout found for thread id th-123 "
+              "(code -32600)'\n"
+              "  exit 1\n"
+              "fi\n");
+        f.assign(QStringLiteral("t2"), chat(QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("again"),
+                                            QStringLiteral("conv-t"), QStringLiteral("none")));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t2")));
+        QCOMPARE(chatTrace(f, QStringLiteral("t2")).mid(1),
+                 (QStringList{QStringLiteral("task.started"),
+                              QStringLiteral("log Error: thread/resume: thread/resume failed: no rollout found for "
+                                             "thread id th-123 (code -32600)"),
+                              QStringLiteral("log "),
+                              QStringLiteral("log [codex.retry] the thread is gone; starting a new one"),
+                              QStringLiteral("chunk First. [conv-t]"), QStringLiteral("log [command] ls"),
+                              QStringLiteral("chunk \nSecond. [conv-t]"),
+                              QStringLiteral("final First.\nSecond. [conv-t]"), QStringLiteral("task.finished")}));
+        QCOMPARE(fakeToolArguments(m_fake.path(), QStringLiteral("codex"), 2).mid(0, 2),
+                 (QStringList{QStringLiteral("exec"), QStringLiteral("resume")}));
+        QCOMPARE(fakeToolArguments(m_fake.path(), QStringLiteral("codex"), 3).mid(0, 2),
+                 (QStringList{QStringLiteral("exec"), QStringLiteral("--full-auto")}));
+    }
+
     void codexWithApproverGetsTheOverridesAndPolicy()
     {
         AgentFixture f(QStringLiteral("secret-token"), claudeSees());

@@ -148,8 +148,9 @@ class TstRealTools : public QObject {
         extra.insert(QStringLiteral("ANTHROPIC_API_KEY"), QStringLiteral("test-key"));
         extra.insert(QStringLiteral("CLAUDE_CODE_DISABLE_NONESSENTIAL_TRAFFIC"), QStringLiteral("1"));
         extra.insert(QStringLiteral("DISABLE_AUTOUPDATER"), QStringLiteral("1"));
-        // A model that fails fails at once.
+        // A model that fails fails at once; codex's errors come without a backtrace.
         extra.insert(QStringLiteral("CLAUDE_CODE_MAX_RETRIES"), QStringLiteral("0"));
+        extra.insert(QStringLiteral("RUST_BACKTRACE"), QStringLiteral("0"));
         // claude refuses to skip its permission checks for root outside a sandbox.
         if (::geteuid() == 0)
             extra.insert(QStringLiteral("IS_SANDBOX"), QStringLiteral("1"));
@@ -761,6 +762,38 @@ private Q_SLOTS:
         const QStringList log = m_agent->logTexts();
         QCOMPARE(log.filter(QStringLiteral("shell=claude --resume '") + session).size(), 1);
         QCOMPARE(log.filter(QStringLiteral("shell=codex exec resume --json --skip-git-repo-check '")).size(), 1);
+    }
+
+    void codexConversationGoesOnWhenItsThreadIsGone()
+    {
+        QVERIFY(startAll());
+        m_openai->respond = responsesAPI([](const FakeModelServer::Request& request) {
+            return FakeModelServer::responsesMessage(conversationText(request).contains(QLatin1String("Say it again"))
+                                                         ? QStringLiteral("Still here, says codex.")
+                                                         : QStringLiteral("Hello from the fake codex model."));
+        });
+        const QString conversation = QStringLiteral("real-codex-lost");
+        QVERIFY(waitForTaskEnd(createTask(
+            chat(QStringLiteral("codex"), QStringLiteral("Say hello"), conversation, QStringLiteral("none")))));
+        // codex's record of the thread goes.
+        QVERIFY(QDir(m_home->path() + QStringLiteral("/.codex/sessions")).removeRecursively());
+        const QString second = createTask(
+            chat(QStringLiteral("codex"), QStringLiteral("Say it again"), conversation, QStringLiteral("none")));
+        QVERIFY(waitForTaskEnd(second));
+        static const QRegularExpression resumed(
+            QStringLiteral("shell=codex exec resume --json --skip-git-repo-check '([0-9a-f-]+)'"));
+        const QRegularExpressionMatch thread = resumed.match(m_agent->logTexts().join(QLatin1Char('\n')));
+        QVERIFY(thread.hasMatch());
+        QVERIFY(sameTrace(exactTrace(second),
+                          QStringList{created(), chatResolved(), started(),
+                                      log(QStringLiteral("Error: thread/resume: thread/resume failed: no rollout found "
+                                                         "for thread id ") +
+                                          thread.captured(1) + QStringLiteral(" (code -32600)")),
+                                      log(QString()),
+                                      log(QStringLiteral("[codex.retry] the thread is gone; starting a new one")),
+                                      log(QStringLiteral("Reading additional input from stdin...")), log(QString()),
+                                      chunk(conversation, QStringLiteral("Still here, says codex."))} +
+                              chatEnded(conversation, QStringLiteral("Still here, says codex."))));
     }
 
     void whatTheToolsSayWhenTheyFailReachesThePhone()
