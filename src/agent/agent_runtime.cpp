@@ -45,20 +45,23 @@ std::optional<QUrl> agentSocketURL(const QString& serverURL, const QString& agen
     return url;
 }
 
-AgentRuntime::AgentRuntime(SettingsStore& defaults, Environment env, Machine machine, QObject* parent)
+AgentRuntime::AgentRuntime(SettingsStore& defaults, Environment env, Machine machine, ConnectionIntervals intervals,
+                           QObject* parent)
     : QObject(parent), m_defaults(defaults), m_env(std::move(env)), m_machine(std::move(machine)),
       m_runner(std::make_unique<ProcessRunner>(static_cast<TaskHost&>(*this))),
       m_chatSessions(ChatSessions::standardFilePath(m_env, m_machine.homeDirectory))
 {
     m_reconnectTimer.setSingleShot(true);
     m_reconnectTimer.setTimerType(Qt::PreciseTimer);
-    m_reconnectTimer.setInterval(kReconnectMilliseconds);
+    m_reconnectTimer.setInterval(intervals.reconnectMilliseconds);
     connect(&m_reconnectTimer, &QTimer::timeout, this, &AgentRuntime::attemptConnect);
     m_connectTimeout.setSingleShot(true);
-    m_connectTimeout.setInterval(kConnectTimeoutMilliseconds);
-    connect(&m_connectTimeout, &QTimer::timeout, this,
-            [this] { onSocketLost(QStringLiteral("the server did not answer within 60 seconds")); });
-    m_heartbeatTimer.setInterval(kHeartbeatMilliseconds);
+    m_connectTimeout.setInterval(intervals.connectTimeoutMilliseconds);
+    connect(&m_connectTimeout, &QTimer::timeout, this, [this, intervals] {
+        onSocketLost(QStringLiteral("the server did not answer within %1 seconds")
+                         .arg(intervals.connectTimeoutMilliseconds / 1000));
+    });
+    m_heartbeatTimer.setInterval(intervals.heartbeatMilliseconds);
     m_heartbeatTimer.setTimerType(Qt::PreciseTimer);
     connect(&m_heartbeatTimer, &QTimer::timeout, this, &AgentRuntime::onHeartbeat);
 }

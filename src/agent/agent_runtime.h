@@ -32,6 +32,14 @@ struct TaskAssignment;
 // path "/v1/ws/agent", query agentId. Absent when the server URL has no host.
 std::optional<QUrl> agentSocketURL(const QString& serverURL, const QString& agentId);
 
+// The connection's clock: a heartbeat every 5 s while a task runs, a new attempt 3 s
+// after a failed connect, and 60 s for the server to answer. Tests run it faster.
+struct ConnectionIntervals {
+    int heartbeatMilliseconds = 5000;
+    int reconnectMilliseconds = 3000;
+    int connectTimeoutMilliseconds = 60000;
+};
+
 // The agent's core: the WebSocket connection to the server (register, heartbeat,
 // receive, reconnect), command dispatch, and the state of the one task that may run.
 // It is the host of that task (send, status, approvals, settings). Everything runs on
@@ -40,11 +48,8 @@ class AgentRuntime : public QObject, public TaskHost {
     Q_OBJECT
 
 public:
-    static constexpr int kHeartbeatMilliseconds = 5000;
-    static constexpr int kReconnectMilliseconds = 3000;
-    static constexpr int kConnectTimeoutMilliseconds = 60000;
-
-    AgentRuntime(SettingsStore& defaults, Environment env, Machine machine, QObject* parent = nullptr);
+    AgentRuntime(SettingsStore& defaults, Environment env, Machine machine, ConnectionIntervals intervals = {},
+                 QObject* parent = nullptr);
     ~AgentRuntime() override;
 
     // --- connection ---

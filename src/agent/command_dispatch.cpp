@@ -31,7 +31,7 @@ bool AgentRuntime::handleCommandData(const QByteArray& data, QString* error)
         handleTaskAssign(command);
     } else if (command.type == QLatin1String("task.cancel")) {
         const QString taskId = command.taskId.value_or(QString());
-        diag(QStringLiteral("task.cancel taskId=") + taskId);
+        diag(QStringLiteral("task.cancel taskId=") + logValue(taskId));
         // The runner clears the task when the child has exited.
         if (command.taskId && command.taskId == currentTaskId())
             stopRunningProcessIfAny(true);
@@ -53,6 +53,14 @@ void AgentRuntime::handleTerminalCommand(const AgentCommand& command)
     const std::optional<QString> sessionId = command.stringMember(QStringLiteral("sessionId"));
     if (!known || !sessionId)
         return;
+    // A number no integer can hold is bad input: refused, never clamped.
+    if (const std::optional<QString> problem =
+            command.outOfRangeMember({QStringLiteral("cols"), QStringLiteral("rows"), QStringLiteral("cursor")})) {
+        diag(QStringLiteral("terminal.error sessionId=") + logValue(*sessionId) +
+             QStringLiteral(" projectPath= message=") + *problem);
+        sendJSON(Messages::terminalError(*sessionId, QString(), *problem));
+        return;
+    }
     const auto text = [&](const char* key) { return command.stringMember(QLatin1String(key)).value_or(QString()); };
     TerminalSessionManager& terminals = terminalSessionManager();
     if (type == QLatin1String("terminal.open")) {
@@ -63,8 +71,7 @@ void AgentRuntime::handleTerminalCommand(const AgentCommand& command)
     } else if (type == QLatin1String("terminal.input")) {
         terminals.sendInput(*sessionId, text("dataBase64"));
     } else if (type == QLatin1String("terminal.complete")) {
-        const QString line = text("line");
-        terminals.complete(*sessionId, line, command.intMember(QStringLiteral("cursor")).value_or(line.size()));
+        terminals.complete(*sessionId, text("line"), command.intMember(QStringLiteral("cursor")));
     } else if (type == QLatin1String("terminal.resize")) {
         // A missing size means the usual 80 by 24.
         terminals.resize(*sessionId, command.intMember(QStringLiteral("cols")).value_or(80),
@@ -85,18 +92,23 @@ void AgentRuntime::handleTaskAssign(const AgentCommand& command)
         sendJSON(Messages::taskFailed(task->taskId, QStringLiteral("agent is busy"), QStringLiteral("AGENT_BUSY"), 1));
         return;
     }
-    diag(QStringLiteral("task.assign taskId=") + task->taskId + QStringLiteral(" action=") + task->action +
-         QStringLiteral(" projectPath=") + task->projectPath + QStringLiteral(" system=") +
-         task->system.value_or(QString()) + QStringLiteral(" mode=") + task->mode.value_or(QString()) +
-         QStringLiteral(" approvalMode=") + task->approvalMode.value_or(QString()) + QStringLiteral(" timeoutSec=") +
-         QString::number(task->timeoutSec));
     try {
+        // A number no integer can hold is bad input: refused, never clamped.
+        if (const std::optional<QString> problem = command.outOfRangeMember({QStringLiteral("timeoutSec")}))
+            throw runtimeError(13, *problem);
+        diag(QStringLiteral("task.assign taskId=") + logValue(task->taskId) + QStringLiteral(" action=") +
+             logValue(task->action) + QStringLiteral(" projectPath=") + logValue(task->projectPath) +
+             QStringLiteral(" system=") + logValue(task->system.value_or(QString())) + QStringLiteral(" mode=") +
+             logValue(task->mode.value_or(QString())) + QStringLiteral(" approvalMode=") +
+             logValue(task->approvalMode.value_or(QString())) + QStringLiteral(" timeoutSec=") +
+             QString::number(task->timeoutSec));
         if (task->timeoutSec < 0)
             throw runtimeError(13,
                                QStringLiteral("timeoutSec must not be negative: ") + QString::number(task->timeoutSec));
         routeTask(*task);
     } catch (const AgentError& error) {
-        diag(QStringLiteral("task.assign failed taskId=") + task->taskId + QStringLiteral(" error=") + error.message);
+        diag(QStringLiteral("task.assign failed taskId=") + logValue(task->taskId) + QStringLiteral(" error=") +
+             logValue(error.message));
         sendJSON(Messages::taskFailed(task->taskId, error.message, QStringLiteral("AGENT_CONFIG_INVALID"), 1));
     }
 }
@@ -123,8 +135,8 @@ void AgentRuntime::routeTask(const TaskAssignment& task)
         QString loggedShell = resolved.shell;
         if (!connection.token.isEmpty())
             loggedShell.replace(connection.token, maskToken(connection.token));
-        diag(QStringLiteral("task.assign resolved chat workingDir=") + resolved.workingDir + QStringLiteral(" shell=") +
-             loggedShell);
+        diag(QStringLiteral("task.assign resolved chat workingDir=") + logValue(resolved.workingDir) +
+             QStringLiteral(" shell=") + logValue(loggedShell));
         request.shell = resolved.shell;
         request.workingDir = resolved.workingDir;
         const ChatJSONProvider provider = ExecutionResolution::normalizeAISystem(task.system) == QLatin1String("claude")
@@ -151,7 +163,7 @@ void AgentRuntime::routeTask(const TaskAssignment& task)
                              ExecutionResolution::normalizeApprovalMode(task.approvalMode) +
                              QStringLiteral(" strategy=") + strategy.description()));
         diag(QStringLiteral("task.assign ai_task strategy=") + strategy.description() + QStringLiteral(" workingDir=") +
-             resolved.workingDir);
+             logValue(resolved.workingDir));
         runAITask(task, resolved);
         return;
     }
@@ -162,8 +174,8 @@ void AgentRuntime::routeTask(const TaskAssignment& task)
         sendJSON(Messages::taskLog(task.taskId, QStringLiteral("workspace.resolve action=shell requestedProjectPath=") +
                                                     task.projectPath + QStringLiteral(" resolvedWorkingDir=") +
                                                     resolved.workingDir));
-        diag(QStringLiteral("task.assign resolved shell workingDir=") + resolved.workingDir +
-             QStringLiteral(" command=") + task.command);
+        diag(QStringLiteral("task.assign resolved shell workingDir=") + logValue(resolved.workingDir) +
+             QStringLiteral(" command=") + logValue(task.command));
         request.shell = resolved.shell;
         request.workingDir = resolved.workingDir;
         request.refreshCapabilitiesOnSuccess =

@@ -72,6 +72,7 @@ void AgentStatusController::startServerAndAgent()
     m_defaults.setValue(QStringLiteral("serverPort"), actualPort);
     m_defaults.setValue(QStringLiteral("serverURL"), QStringLiteral("http://127.0.0.1:%1").arg(actualPort));
     m_defaults.sync();
+    Q_EMIT networkChanged();
     m_runtime->start();
 }
 

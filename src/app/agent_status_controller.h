@@ -86,6 +86,8 @@ public:
 Q_SIGNALS:
     // The project folders or the new-project folder changed.
     void foldersChanged();
+    // The server's port and URL were written again: the "LAN:" item and its tooltip change.
+    void networkChanged();
     void serverStatusChanged(const QString& text);
     void runtimeStatusChanged(const QString& text);
 

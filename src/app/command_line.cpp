@@ -1,5 +1,8 @@
 #include "app/command_line.h"
 
+#include "base/open_file_limit.h"
+#include "base/process_reaper.h"
+
 #include "app/agent_only.h"
 #include "app/headless.h"
 #include "app/tray.h"
@@ -120,12 +123,17 @@ QJsonObject profileReport(const AgentProfile& profile, const ConnectionSettings&
 
 int runCommandLine(int argc, char** argv)
 {
+    raiseOpenFileLimit();
     QCoreApplication::setApplicationName(QStringLiteral("BrinmoorMacAgent"));
     QCoreApplication::setApplicationVersion(QStringLiteral(BRINMOOR_VERSION));
     QStringList arguments;
     for (int i = 1; i < argc; ++i)
         arguments.append(QString::fromLocal8Bit(argv[i]));
     const CommandLineRequest request = parseCommandLine(arguments);
+    // Whatever the agent starts goes when it goes, however it goes.
+    if (request.action == CommandLineRequest::Action::Run || request.action == CommandLineRequest::Action::Headless ||
+        request.action == CommandLineRequest::Action::AgentOnly)
+        ProcessReaper::start();
     // The tray needs a widget application; everything else a plain one.
     if (request.action == CommandLineRequest::Action::Run)
         return Tray::run(argc, argv);

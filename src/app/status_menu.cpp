@@ -2,29 +2,104 @@
 
 #include "app/agent_status_controller.h"
 
+#include <QAbstractItemView>
 #include <QAction>
 #include <QFileDialog>
+#include <QFontMetrics>
+#include <QIcon>
 #include <QKeySequence>
 #include <QMenu>
 #include <QMessageBox>
+#include <QPainter>
+#include <QPixmap>
+
+// The menu-bar image lives in this static library's resources, which the linker keeps
+// only when something asks for them by name.
+static void initAppResources()
+{
+    Q_INIT_RESOURCE(resources);
+}
 
 namespace brinmoor {
+
+namespace {
+
+// The app comes to the front with its panel, as a menu-bar app must for a dialog the
+// user asked for; then the dialog runs modally.
+bool runInFront(QFileDialog& dialog)
+{
+    dialog.show();
+    dialog.raise();
+    dialog.activateWindow();
+    return dialog.exec() == QDialog::Accepted;
+}
+
+} // namespace
+
+std::unique_ptr<QFileDialog> StatusMenu::projectFoldersDialog(const QString& start)
+{
+    auto dialog = std::make_unique<QFileDialog>(
+        nullptr, QStringLiteral("Choose one or more project folders for the Mac-agent."), start);
+    dialog->setFileMode(QFileDialog::Directory);
+    // Our own dialog, so that several folders can be chosen at once and none created.
+    dialog->setOptions(QFileDialog::ShowDirsOnly | QFileDialog::DontUseNativeDialog | QFileDialog::ReadOnly);
+    dialog->setLabelText(QFileDialog::Accept, QStringLiteral("Add"));
+    for (QAbstractItemView* view : dialog->findChildren<QAbstractItemView*>(QStringLiteral("listView")) +
+                                       dialog->findChildren<QAbstractItemView*>(QStringLiteral("treeView")))
+        view->setSelectionMode(QAbstractItemView::ExtendedSelection);
+    return dialog;
+}
+
+std::unique_ptr<QFileDialog> StatusMenu::createProjectRootDialog(const QString& start)
+{
+    auto dialog = std::make_unique<QFileDialog>(
+        nullptr, QStringLiteral("Choose the parent folder where new iOS projects will be created."), start);
+    dialog->setFileMode(QFileDialog::Directory);
+    // One folder; creating a new one here is offered.
+    dialog->setOptions(QFileDialog::ShowDirsOnly | QFileDialog::DontUseNativeDialog);
+    dialog->setLabelText(QFileDialog::Accept, QStringLiteral("Choose"));
+    return dialog;
+}
+
+QIcon StatusMenu::statusItemIcon(const QString& imagePath)
+{
+    initAppResources();
+    QPixmap image(imagePath);
+    if (!image.isNull()) {
+        QIcon icon(image.scaled(22, 22, Qt::KeepAspectRatio, Qt::SmoothTransformation));
+        icon.setIsMask(true);
+        return icon;
+    }
+    // No picture: the item shows the app's name instead of vanishing.
+    const QString text = QStringLiteral("Wexlin");
+    QFont font;
+    font.setPixelSize(28);
+    font.setBold(true);
+    const QFontMetrics metrics(font);
+    QPixmap drawn(metrics.horizontalAdvance(text) + 4, 44);
+    drawn.fill(Qt::transparent);
+    QPainter painter(&drawn);
+    painter.setFont(font);
+    painter.setPen(Qt::black);
+    painter.drawText(drawn.rect(), Qt::AlignCenter, text);
+    painter.end();
+    QIcon icon(drawn);
+    icon.setIsMask(true);
+    return icon;
+}
 
 StatusMenu::StatusMenu(AgentStatusController& controller, QObject* parent)
     : QObject(parent), m_controller(controller), m_menu(new QMenu), m_projectsSubmenu(new QMenu)
 {
     chooseProjectFolders = [this] {
-        QFileDialog dialog(nullptr, QStringLiteral("Choose one or more project folders for the Mac-agent."),
-                           m_controller.currentProjectURL().value_or(QString()));
-        dialog.setFileMode(QFileDialog::Directory);
-        dialog.setOption(QFileDialog::ShowDirsOnly);
-        dialog.setLabelText(QFileDialog::Accept, QStringLiteral("Add"));
-        return dialog.exec() == QDialog::Accepted ? dialog.selectedFiles() : QStringList();
+        const std::unique_ptr<QFileDialog> dialog =
+            projectFoldersDialog(m_controller.currentProjectURL().value_or(QString()));
+        return runInFront(*dialog) ? dialog->selectedFiles() : QStringList();
     };
     chooseCreateProjectRoot = [this] {
-        return QFileDialog::getExistingDirectory(
-            nullptr, QStringLiteral("Choose the parent folder where new iOS projects will be created."),
-            m_controller.currentProjectURL().value_or(QString()));
+        const std::unique_ptr<QFileDialog> dialog =
+            createProjectRootDialog(m_controller.currentProjectURL().value_or(QString()));
+        return runInFront(*dialog) ? dialog->selectedFiles().value(0) : QString();
     };
     showAlert = [](const QString& message, const QString& detail) {
         QMessageBox box(QMessageBox::Warning, message, message);
@@ -89,6 +164,7 @@ StatusMenu::StatusMenu(AgentStatusController& controller, QObject* parent)
          {&AgentStatusController::serverStatusChanged, &AgentStatusController::runtimeStatusChanged})
         connect(&m_controller, signal, this, &StatusMenu::refresh);
     connect(&m_controller, &AgentStatusController::foldersChanged, this, &StatusMenu::refresh);
+    connect(&m_controller, &AgentStatusController::networkChanged, this, &StatusMenu::refresh);
     refresh();
 }
 

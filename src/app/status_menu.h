@@ -4,7 +4,12 @@
 #include <QPointer>
 #include <QStringList>
 
+#include <functional>
+#include <memory>
+
 class QAction;
+class QFileDialog;
+class QIcon;
 class QMenu;
 class QWidget;
 
@@ -28,6 +33,15 @@ public:
     // One line per entry: "---" for a separator, else the title, then " [disabled]",
     // " [checked]" and " (tooltip)" where they apply; submenu entries indented.
     static QStringList describe(const QMenu& menu);
+
+    // The status item's picture: the menu-bar image as a template (tinted for light and
+    // dark bars), or, when it cannot be loaded, the word "Wexlin" drawn as the picture.
+    static QIcon statusItemIcon(const QString& imagePath);
+
+    // The folder choosers as "Add Project Folders..." and "Set New Project Folder..."
+    // open them, starting in `start`.
+    static std::unique_ptr<QFileDialog> projectFoldersDialog(const QString& start);
+    static std::unique_ptr<QFileDialog> createProjectRootDialog(const QString& start);
 
     // What the folder actions ask (a test may answer instead of the dialogs).
     std::function<QStringList()> chooseProjectFolders;

@@ -53,7 +53,7 @@ int run(int argc, char** argv)
     };
     menu.quit = [] { QCoreApplication::quit(); };
 
-    QSystemTrayIcon icon(QIcon(QStringLiteral(":/wexlin-menubar-44.png")));
+    QSystemTrayIcon icon(StatusMenu::statusItemIcon(QStringLiteral(":/wexlin-menubar-44.png")));
     icon.setToolTip(QStringLiteral("Wexlin"));
     icon.setContextMenu(menu.menu());
     icon.show();

@@ -292,8 +292,8 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
     if (resolution.retry)
         resolution.retry->shell = expand(resolution.retry->shell);
 
-    diag(QStringLiteral("resolveChatExecution projectPath=") + projectPath + QStringLiteral(" workspace=") +
-         workingDir + QStringLiteral(" system=") + system + QStringLiteral(" approvalMode=") + approvalMode);
+    diag(QStringLiteral("resolveChatExecution projectPath=") + logValue(projectPath) + QStringLiteral(" workspace=") +
+         logValue(workingDir) + QStringLiteral(" system=") + system + QStringLiteral(" approvalMode=") + approvalMode);
     resolution.shell = command;
     resolution.workingDir = workingDir;
     return resolution;

@@ -27,8 +27,6 @@ struct AgentProfile {
     std::optional<QString> createProjectRoot;
     QStringList actions;
 
-    // From the user's settings store and the real process environment.
-    static AgentProfile load();
     static AgentProfile load(const SettingsStore& defaults, const Environment& env, const Machine& machine);
 };
 

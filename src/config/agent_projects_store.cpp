@@ -78,7 +78,7 @@ bool holdsProject(const QString& path)
 {
     if (!QFileInfo(path).isDir())
         return false;
-    return containsXcodeProject(path) || QFileInfo::exists(path + QStringLiteral("/Package.swift"));
+    return containsXcodeProject(path) || QFileInfo(path + QStringLiteral("/Package.swift")).isFile();
 }
 
 bool containsXcodeProject(const QString& path)

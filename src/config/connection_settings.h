@@ -17,7 +17,6 @@ struct ConnectionSettings {
     QString agentId;
     QString token;
 
-    static ConnectionSettings load();
     static ConnectionSettings load(const SettingsStore& defaults, const Environment& env);
 };
 

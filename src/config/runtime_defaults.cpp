@@ -38,10 +38,8 @@ QString agentIdFromHostName(const QString& hostName)
     if (hostName.isEmpty())
         return QStringLiteral("mac-agent");
     QString id = hostName;
-    for (QChar& c : id) {
-        if (c.isSpace())
-            c = QLatin1Char('-');
-    }
+    // Blanks only: a tab or another kind of space stays as it is.
+    id.replace(QLatin1Char(' '), QLatin1Char('-'));
     return id.toLower();
 }
 

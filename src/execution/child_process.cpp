@@ -1,6 +1,7 @@
 #include "execution/child_process.h"
 
 #include "base/outgoing_flow.h"
+#include "base/process_reaper.h"
 #include "execution/execution_resolution.h"
 
 #include <QCoreApplication>
@@ -45,6 +46,15 @@ void closeFd(int& fd)
 
 } // namespace
 
+QProcessEnvironment ChildProcess::childEnvironment()
+{
+    // The relay token is the agent's alone: no task, assistant or tool it starts sees it.
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    for (const char* name : kSecretVariables)
+        env.remove(QLatin1String(name));
+    return env;
+}
+
 ChildProcess::CommandLine ChildProcess::commandLine(const QString& shell, bool requiresTTY)
 {
     if (!requiresTTY)
@@ -76,6 +86,7 @@ ChildProcess::~ChildProcess()
         if (m_process->state() != QProcess::NotRunning) {
             // Never block the loop: kill the group and let the process object reap it.
             signalGroup(m_pid, SIGKILL);
+            ProcessReaper::forgetGroup(m_pid);
             QProcess* process = m_process;
             process->setParent(nullptr);
             QObject::connect(process, &QProcess::finished, process, &QObject::deleteLater);
@@ -103,6 +114,7 @@ bool ChildProcess::start(const Launch& launch, QString* error)
     m_process->setProgram(command.program);
     m_process->setArguments(command.arguments);
     m_process->setWorkingDirectory(launch.workingDir);
+    m_process->setProcessEnvironment(childEnvironment());
     m_process->setStandardInputFile(QProcess::nullDevice());
     // Our own pipes replace QProcess's, so reading can pause without QProcess
     // buffering behind our back.
@@ -131,6 +143,7 @@ bool ChildProcess::start(const Launch& launch, QString* error)
     }
     m_pid = m_process->processId();
     m_running = true;
+    ProcessReaper::watchGroup(m_pid);
 
     const auto watch = [this](Pipe& pipe, int fd, bool isError) {
         pipe.fd = fd;
@@ -238,6 +251,11 @@ void ChildProcess::onFinished(int exitCode, int exitStatus)
         }
         closePipe(*pipe);
     }
+    // What the child left running in its group (`sleep 100 &`) ends with it.
+    if (signalGroup(m_pid, 0))
+        terminateTree(kGroupGraceMilliseconds);
+    else
+        ProcessReaper::forgetGroup(m_pid);
     Q_EMIT exited(exitCode);
 }
 
@@ -248,9 +266,12 @@ void ChildProcess::terminateTree(int graceMilliseconds)
         return;
     signalGroup(group, SIGTERM);
     // The check outlives this object: what ignores SIGTERM is killed even when the
-    // task has been cleaned up in the meantime.
-    QTimer::singleShot(graceMilliseconds, Qt::PreciseTimer, QCoreApplication::instance(),
-                       [group] { signalGroup(group, SIGKILL); });
+    // task has been cleaned up in the meantime. Until then the reaper knows the group,
+    // should the agent itself go first.
+    QTimer::singleShot(graceMilliseconds, Qt::PreciseTimer, QCoreApplication::instance(), [group] {
+        signalGroup(group, SIGKILL);
+        ProcessReaper::forgetGroup(group);
+    });
 }
 
 bool ChildProcess::signalGroup(qint64 processGroup, int signal)

@@ -4,6 +4,7 @@
 
 #include <QObject>
 #include <QPointer>
+#include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
 
@@ -22,6 +23,9 @@ class ChildProcess : public QObject {
     Q_OBJECT
 
 public:
+    // How long what a finished child left running in its group gets after SIGTERM.
+    static constexpr int kGroupGraceMilliseconds = 5000;
+
     enum class Channels { Separate, Merged };
 
     struct Launch {
@@ -38,6 +42,11 @@ public:
     };
     static CommandLine commandLine(const QString& shell, bool requiresTTY);
 
+    // Variables that carry the relay token; children never inherit them.
+    static constexpr const char* kSecretVariables[] = {"BRINMOOR_SHARED_TOKEN", "BRINMOOR_TOKEN"};
+    // The agent's environment without them.
+    static QProcessEnvironment childEnvironment();
+
     explicit ChildProcess(OutgoingFlow* flow, QObject* parent = nullptr);
     ~ChildProcess() override;
 
@@ -47,7 +56,8 @@ public:
     bool isRunning() const;
 
     // SIGTERM to the child's whole process group, then SIGKILL to what is left of it
-    // after the grace time.
+    // after the grace time. When the child exits by itself, the rest of its group is
+    // ended the same way.
     void terminateTree(int graceMilliseconds);
 
     // Signals every member of a process group; true when the group still existed.

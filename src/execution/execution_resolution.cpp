@@ -22,9 +22,12 @@ QString joinPath(const QString& base, const QString& component)
     QString right = component;
     while (right.startsWith(QLatin1Char('/')))
         right.remove(0, 1);
+    // As a file URL joins them: the result names the folder without a trailing "/".
+    while (right.endsWith(QLatin1Char('/')))
+        right.chop(1);
     if (left == QLatin1String("/"))
         return left + right;
-    return left + QLatin1Char('/') + right;
+    return right.isEmpty() ? left : left + QLatin1Char('/') + right;
 }
 
 // A template that runs a script inside the repository gets the full project path
@@ -85,8 +88,9 @@ QString resolveWorkspacePath(const QString& repoRoot, const QString& projectArg)
         return direct;
     if (QFileInfo::exists(inProj))
         return inProj;
-    diag(QStringLiteral("resolveWorkspacePath failed projectArg=") + projectArg + QStringLiteral(" repoRoot=") +
-         repoRoot + QStringLiteral(" direct=") + direct + QStringLiteral(" inProj=") + inProj);
+    diag(QStringLiteral("resolveWorkspacePath failed projectArg=") + logValue(projectArg) +
+         QStringLiteral(" repoRoot=") + repoRoot + QStringLiteral(" direct=") + logValue(direct) +
+         QStringLiteral(" inProj=") + logValue(inProj));
     throw projectPathMissingError(projectArg);
 }
 
@@ -117,8 +121,8 @@ ResolvedExecution resolveExecution(const AgentProfile& profile, const QString& a
         throw runtimeError(3, QStringLiteral("deploy.sh not found in repoRoot: ") + profile.repoRoot);
     const QString shell = expandProjectPlaceholders(profile.buildTemplate, projectPath, projectArg);
     const QString workingDir = resolveBuildWorkingDir(profile.repoRoot, profile.buildTemplate, projectPath);
-    diag(QStringLiteral("resolveExecution action=") + action + QStringLiteral(" projectPath=") + projectPath +
-         QStringLiteral(" workingDir=") + workingDir);
+    diag(QStringLiteral("resolveExecution action=") + logValue(action) + QStringLiteral(" projectPath=") +
+         logValue(projectPath) + QStringLiteral(" workingDir=") + logValue(workingDir));
     return {shell, workingDir};
 }
 
@@ -128,8 +132,8 @@ ResolvedExecution resolveShellExecution(const AgentProfile& profile, const QStri
         throw runtimeError(9, QStringLiteral("shell action requires non-empty command"));
     const QString projectArg = normalizeProjectArg(projectPath);
     const QString workingDir = resolveWorkspacePath(profile.repoRoot, projectPath);
-    diag(QStringLiteral("resolveShellExecution projectPath=") + projectPath + QStringLiteral(" workingDir=") +
-         workingDir + QStringLiteral(" command=") + command);
+    diag(QStringLiteral("resolveShellExecution projectPath=") + logValue(projectPath) + QStringLiteral(" workingDir=") +
+         logValue(workingDir) + QStringLiteral(" command=") + logValue(command));
     // Without a configured root the variable is still exported, as an empty value.
     const QString shell = QStringLiteral("export PATH=\"/opt/homebrew/bin:/usr/local/bin:$HOME/.local/bin:$HOME/"
                                          "bin:$HOME/.claude/bin:$PATH\"; ") +
@@ -142,9 +146,9 @@ ResolvedExecution resolveShellExecution(const AgentProfile& profile, const QStri
 
 QString normalizeApprovalMode(const std::optional<QString>& mode)
 {
-    // "never" (never ask) means no approval step, as the phone's ai_task settings use it.
+    // Only "none" skips the approval step; anything else, "never" included, asks.
     const QString normalized = mode ? mode->trimmed().toLower() : QString();
-    if (normalized == QLatin1String("none") || normalized == QLatin1String("never"))
+    if (normalized == QLatin1String("none"))
         return QStringLiteral("none");
     return QStringLiteral("on_request");
 }

@@ -11,6 +11,8 @@
 #include <QDir>
 #include <QTimer>
 
+#include <csignal>
+
 #include <limits>
 
 namespace brinmoor {
@@ -111,8 +113,8 @@ ProcessRunner::~ProcessRunner() = default;
 
 void ProcessRunner::runTask(const RunRequest& request)
 {
-    diag(QStringLiteral("Running task ") + request.taskId + QStringLiteral(" workingDir=") + request.workingDir +
-         QStringLiteral(" timeoutSec=") + QString::number(request.timeoutSec));
+    diag(QStringLiteral("Running task ") + logValue(request.taskId) + QStringLiteral(" workingDir=") +
+         logValue(request.workingDir) + QStringLiteral(" timeoutSec=") + QString::number(request.timeoutSec));
 
     m_output = std::make_unique<TaskOutput>();
     m_output->request = request;
@@ -133,7 +135,7 @@ void ProcessRunner::launchCurrentTask(const QString& shell)
         [this, taskId] {
             if (m_currentTaskId != taskId)
                 return;
-            diag(QStringLiteral("runTask stopped before its command started taskId=") + taskId);
+            diag(QStringLiteral("runTask stopped before its command started taskId=") + logValue(taskId));
             cleanupFinishedTask();
         });
 }
@@ -179,7 +181,7 @@ void ProcessRunner::launchTask(const QString& shell)
         cleanupFinishedTask();
         return;
     }
-    diag(QStringLiteral("runTask process started taskId=") + request.taskId + QStringLiteral(" pid=") +
+    diag(QStringLiteral("runTask process started taskId=") + logValue(request.taskId) + QStringLiteral(" pid=") +
          QString::number(child->pid()));
 
     // A time-out is reported exactly like a cancellation.
@@ -222,19 +224,22 @@ void ProcessRunner::onExited(int status)
 {
     ChildProcess* child = qobject_cast<ChildProcess*>(sender());
     if (!m_output || child != m_child) {
-        // A child of a task that is already cleaned up: nothing to report.
-        if (child)
+        // The child of a task already cleaned up: its end is logged, never reported.
+        if (child) {
+            diag(QStringLiteral("runTask process terminated taskId=") + logValue(m_letGo.take(child)) +
+                 QStringLiteral(" exitCode=") + QString::number(status));
             child->deleteLater();
+        }
         return;
     }
     const RunRequest request = m_output->request;
     if (request.output)
         request.output->endOfOutput();
-    diag(QStringLiteral("runTask process terminated taskId=") + request.taskId + QStringLiteral(" exitCode=") +
-         QString::number(status));
+    diag(QStringLiteral("runTask process terminated taskId=") + logValue(request.taskId) +
+         QStringLiteral(" exitCode=") + QString::number(status));
     if (m_currentTaskId == request.taskId && status != 0 && request.output && !m_output->stopping) {
         if (const std::optional<QString> again = request.output->retryCommand()) {
-            diag(QStringLiteral("runTask retrying taskId=") + request.taskId);
+            diag(QStringLiteral("runTask retrying taskId=") + logValue(request.taskId));
             releaseChild();
             launchCurrentTask(*again);
             return;
@@ -318,7 +323,7 @@ void ProcessRunner::stopRunningProcessIfAny(bool cancelled)
         return;
     }
     if (m_child->isRunning()) {
-        diag(QStringLiteral("stopRunningProcessIfAny terminating taskId=") + taskId);
+        diag(QStringLiteral("stopRunningProcessIfAny terminating taskId=") + logValue(taskId));
         m_child->terminateTree(kKillGraceMilliseconds);
     }
     if (m_output)
@@ -336,9 +341,16 @@ void ProcessRunner::releaseChild()
         m_timeLimit = nullptr;
     }
     if (m_child) {
-        m_child->disconnect(this);
-        m_child->deleteLater();
+        ChildProcess* child = m_child;
         m_child = nullptr;
+        if (child->isRunning() && m_output) {
+            // Let go, but not forgotten: the group is killed and its end logged when it comes.
+            m_letGo.insert(child, m_output->request.taskId);
+            ChildProcess::signalGroup(child->pid(), SIGKILL);
+        } else {
+            child->disconnect(this);
+            child->deleteLater();
+        }
     }
 }
 
@@ -364,7 +376,7 @@ bool registerManagedProjectIfPresent(const QString& taskOutput, SettingsStore& d
         return false;
     defaults.setValue(QStringLiteral("projects"), updated.join(QLatin1Char(',')));
     defaults.sync();
-    diag(QStringLiteral("registerManagedProjectIfPresent added project=") + path);
+    diag(QStringLiteral("registerManagedProjectIfPresent added project=") + logValue(path));
     return true;
 }
 

@@ -3,6 +3,7 @@
 #include "execution/shell_execution_result.h"
 #include "execution/tool_compatibility.h"
 
+#include <QHash>
 #include <QMap>
 #include <QObject>
 #include <QPointer>
@@ -128,6 +129,8 @@ private:
     std::unique_ptr<TaskOutput> m_output;
     ToolCompatibility m_tools;
     quint64 m_launchSerial = 0;
+    // Children of tasks cleaned up while they still ran, by the task they belonged to.
+    QHash<ChildProcess*, QString> m_letGo;
     std::function<void()> m_abandonLaunch;
 };
 

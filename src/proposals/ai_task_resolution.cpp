@@ -77,8 +77,8 @@ ResolvedExecution resolveAITaskExecution(const AgentProfile& profile, const std:
     command.replace(QLatin1String("{{prompt}}"), ExecutionResolution::shellQuote(fullPrompt));
 
     const QString workingDir = ExecutionResolution::resolveWorkspacePath(profile.repoRoot, projectPath);
-    diag(QStringLiteral("resolveAITaskExecution projectPath=") + projectPath + QStringLiteral(" workspace=") +
-         workingDir + QStringLiteral(" mode=") + normalizedMode);
+    diag(QStringLiteral("resolveAITaskExecution projectPath=") + logValue(projectPath) + QStringLiteral(" workspace=") +
+         logValue(workingDir) + QStringLiteral(" mode=") + logValue(normalizedMode));
     return {command, workingDir};
 }
 

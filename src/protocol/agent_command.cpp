@@ -71,4 +71,14 @@ std::optional<qint64> AgentCommand::intMember(const QString& key) const
     return value ? value->intValue() : std::nullopt;
 }
 
+std::optional<QString> AgentCommand::outOfRangeMember(const QStringList& keys) const
+{
+    for (const QString& key : keys) {
+        const JSONValue* value = member(key);
+        if (value && value->isOutOfRange())
+            return key + QStringLiteral(" is out of range: ") + value->numberText();
+    }
+    return std::nullopt;
+}
+
 } // namespace brinmoor

@@ -26,6 +26,9 @@ struct AgentCommand {
     std::optional<QString> stringMember(const QString& key) const;
     // A payload member read with `JSONValue::intValue`.
     std::optional<qint64> intMember(const QString& key) const;
+    // "KEY is out of range: VALUE" for the first of the payload members that is a
+    // number no integer can hold; absent when there is none.
+    std::optional<QString> outOfRangeMember(const QStringList& keys) const;
 };
 
 } // namespace brinmoor

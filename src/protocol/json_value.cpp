@@ -1,7 +1,5 @@
 #include "protocol/json_value.h"
 
-#include "base/diag.h"
-
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QJsonValue>
@@ -9,7 +7,6 @@
 #include <QVariant>
 
 #include <cmath>
-#include <cstdlib>
 
 namespace brinmoor {
 
@@ -136,16 +133,23 @@ std::optional<qint64> JSONValue::intValue() const
 {
     if (m_kind == Kind::Int)
         return m_int;
-    if (m_kind != Kind::Double)
+    if (m_kind != Kind::Double || !fitsInt64(m_double))
         return std::nullopt;
-    if (!fitsInt64(m_double)) {
-        // Clamping or wrapping would hand a made-up number to the caller; stop instead.
-        diag(QStringLiteral("JSONValue.intValue fatal value=") +
-             QString::number(m_double, 'g', QLocale::FloatingPointShortest) +
-             QStringLiteral(" error=double is not finite or outside the signed 64-bit range"));
-        std::abort();
-    }
     return static_cast<qint64>(m_double);
+}
+
+bool JSONValue::isOutOfRange() const
+{
+    return m_kind == Kind::Double && !fitsInt64(m_double);
+}
+
+QString JSONValue::numberText() const
+{
+    if (m_kind == Kind::Int)
+        return QString::number(m_int);
+    if (m_kind == Kind::Double)
+        return QString::number(m_double, 'g', QLocale::FloatingPointShortest);
+    return QString();
 }
 
 } // namespace brinmoor

@@ -37,8 +37,14 @@ public:
     std::optional<bool> boolValue() const;
     // An integer yields itself, a double its value truncated toward zero, anything
     // else (strings included) nothing. A double that is not finite or lies outside
-    // the signed 64-bit range is a fatal error: logged, then the process aborts.
+    // the signed 64-bit range yields nothing too: it is bad input, which the reader
+    // refuses (see `isOutOfRange`), never a number clamped or wrapped into range.
     std::optional<qint64> intValue() const;
+    // Whether this is a number that no integer can hold (not finite, or outside the
+    // signed 64-bit range).
+    bool isOutOfRange() const;
+    // The number as a message shows it ("1e+300"); empty for anything but a number.
+    QString numberText() const;
     const Object& objectValue() const { return m_object; }
     const Array& arrayValue() const { return m_array; }
 

@@ -1,5 +1,6 @@
 #include "server_host/local_server_runtime.h"
 
+#include "base/process_reaper.h"
 #include "config/runtime_defaults.h"
 
 #include <QFileInfo>
@@ -73,7 +74,8 @@ int LocalServerRuntime::resolveAvailablePort(int startingAt)
             candidates.append(port);
     }
     for (const int port : candidates) {
-        if (port > 0 && port < 65536 && canBind(port))
+        // A port outside the range cannot be bound; 0 can (any free port).
+        if (port >= 0 && port < 65536 && canBind(port))
             return port;
     }
     return startingAt;
@@ -122,11 +124,14 @@ int LocalServerRuntime::start(int port, const QString& token, Status status)
     process->setProcessEnvironment(env);
     process->setProcessChannelMode(QProcess::MergedChannels);
     process->setStandardInputFile(QProcess::nullDevice());
+    // A group of its own, so that the reaper ends it should the agent die without a word.
+    process->setChildProcessModifier([] { ::setpgid(0, 0); });
     m_decoder.reset();
     connect(process, &QProcess::readyReadStandardOutput, this, &LocalServerRuntime::relay);
     connect(process, &QProcess::finished, this, [this, process, status](int exitCode, QProcess::ExitStatus exitStatus) {
-        const int code = exitStatus == QProcess::CrashExit ? 128 + exitCode : exitCode;
-        status(QStringLiteral("Server stopped (%1)").arg(code));
+        // The termination status: the exit status, or the number of the signal that ended it.
+        Q_UNUSED(exitStatus)
+        status(QStringLiteral("Server stopped (%1)").arg(exitCode));
         if (m_process == process)
             m_process = nullptr;
         process->deleteLater();
@@ -139,6 +144,9 @@ int LocalServerRuntime::start(int port, const QString& token, Status status)
         return chosen;
     }
     m_process = process;
+    const qint64 pid = process->processId();
+    ProcessReaper::watchGroup(pid);
+    connect(process, &QProcess::finished, this, [pid] { ProcessReaper::forgetGroup(pid); });
     status(QStringLiteral("Server on :") + QString::number(chosen));
     return chosen;
 }
@@ -164,14 +172,16 @@ void LocalServerRuntime::stop()
         return;
     QProcess* process = m_process;
     m_process = nullptr;
-    process->disconnect(this);
+    // Only the output handling is let go: the end of the server is still reported
+    // ("Server stopped (15)"), and its handler lets go of the process.
+    disconnect(process, &QProcess::readyReadStandardOutput, this, &LocalServerRuntime::relay);
     if (process->state() == QProcess::NotRunning) {
         process->deleteLater();
         return;
     }
-    // Politely first; whatever is still there 3 s later is killed, and reaped either way.
     process->terminate();
-    connect(process, &QProcess::finished, process, &QObject::deleteLater);
+    // A server that ignores SIGTERM must not hold the port forever: whatever is still
+    // there 3 s later is killed (and reported like any other end).
     QPointer<QProcess> guard(process);
     QTimer::singleShot(3000, process, [guard] {
         if (guard && guard->state() != QProcess::NotRunning)

@@ -2,32 +2,73 @@
 
 #include <QCollator>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QLocale>
 
 #include <algorithm>
+#include <dirent.h>
 
 namespace brinmoor::PathCompletion {
+
+namespace {
+
+// Whether a surrogate pair (one code point in two UTF-16 units) starts at `i`.
+bool pairAt(QStringView text, qsizetype i)
+{
+    return i >= 0 && i + 1 < text.size() && text[i].isHighSurrogate() && text[i + 1].isLowSurrogate();
+}
+
+qsizetype codePointCount(QStringView text)
+{
+    qsizetype count = 0;
+    for (qsizetype i = 0; i < text.size(); i += pairAt(text, i) ? 2 : 1)
+        ++count;
+    return count;
+}
+
+// Where the code point with the given number begins, in UTF-16 units, clamped into
+// the text.
+qsizetype unitIndex(QStringView text, qint64 codePoints)
+{
+    qsizetype i = 0;
+    for (qint64 n = 0; n < codePoints && i < text.size(); ++n)
+        i += pairAt(text, i) ? 2 : 1;
+    return i;
+}
+
+// The names in a folder but "." and ".."; nothing when it cannot be listed.
+std::optional<QStringList> listFolder(const QString& path)
+{
+    DIR* folder = ::opendir(QFile::encodeName(path).constData());
+    if (!folder)
+        return std::nullopt;
+    QStringList names;
+    while (const dirent* entry = ::readdir(folder)) {
+        const QByteArray name(entry->d_name);
+        if (name != "." && name != "..")
+            names.append(QFile::decodeName(name));
+    }
+    ::closedir(folder);
+    return names;
+}
+
+} // namespace
 
 QString firstShellToken(const QString& text)
 {
     QString token;
     bool escaped = false;
-    QChar quote;
+    bool quoted = false;
     for (const QChar c : text) {
         if (escaped) {
             token += c;
             escaped = false;
         } else if (c == QLatin1Char('\\')) {
             escaped = true;
-        } else if (!quote.isNull()) {
-            if (c == quote)
-                quote = QChar();
-            else
-                token += c;
         } else if (c == QLatin1Char('"') || c == QLatin1Char('\'')) {
-            quote = c;
-        } else if (c == QLatin1Char(' ') || c == QLatin1Char('\t')) {
+            quoted = !quoted;
+        } else if (!quoted && (c == QLatin1Char(' ') || c == QLatin1Char('\t'))) {
             break;
         } else {
             token += c;
@@ -69,35 +110,39 @@ QString commonPrefix(const QStringList& items)
     QString prefix = items.first();
     while (!prefix.isEmpty() &&
            !std::all_of(items.begin(), items.end(), [&](const QString& item) { return item.startsWith(prefix); }))
-        prefix.chop(1);
+        prefix.chop(pairAt(prefix, prefix.size() - 2) ? 2 : 1);
     return prefix;
 }
 
-Completion pathCompletion(const QString& line, qsizetype cursor, const QString& currentDirectory, const QString& home)
+Completion pathCompletion(const QString& line, std::optional<qint64> cursor, const QString& currentDirectory,
+                          const QString& home)
 {
-    const qsizetype clamped = std::clamp<qsizetype>(cursor, 0, line.size());
-    const QString before = line.left(clamped);
+    const qsizetype end = cursor ? unitIndex(line, std::max<qint64>(*cursor, 0)) : line.size();
+    const QString before = line.left(end);
+    const qsizetype start = pathTokenStart(before);
     Completion completion;
-    completion.replacementStart = pathTokenStart(before);
-    completion.replacementEnd = clamped;
-    QString token = before.mid(completion.replacementStart);
+    completion.replacementStart = codePointCount(QStringView(before).left(start));
+    completion.replacementEnd = codePointCount(before);
+    // Until something matches, the word stays as typed.
+    completion.replacement = before.mid(start);
+    QString token = completion.replacement;
     token.replace(QLatin1String("\\ "), QLatin1String(" "));
     const qsizetype slash = token.lastIndexOf(QLatin1Char('/'));
     const QString directoryPart = slash < 0 ? QString() : token.left(slash + 1);
     const QString prefix = slash < 0 ? token : token.mid(slash + 1);
-    completion.replacement = token;
 
     const QString directory = resolvePath(directoryPart, currentDirectory, home);
-    QDir dir(directory);
-    if (!dir.exists() || !QFileInfo(directory).isReadable())
+    std::optional<QStringList> listed = listFolder(directory);
+    if (!listed)
         return completion;
-    QDir::Filters filters = QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System;
-    if (prefix.startsWith(QLatin1Char('.')))
-        filters |= QDir::Hidden;
-    QStringList names = dir.entryList(filters, QDir::NoSort);
-    names.erase(
-        std::remove_if(names.begin(), names.end(), [&](const QString& name) { return !name.startsWith(prefix); }),
-        names.end());
+    const bool withHidden = prefix.startsWith(QLatin1Char('.'));
+    QStringList names = std::move(*listed);
+    names.erase(std::remove_if(names.begin(), names.end(),
+                               [&](const QString& name) {
+                                   return !name.startsWith(prefix) ||
+                                          (!withHidden && name.startsWith(QLatin1Char('.')));
+                               }),
+                names.end());
     // As a file browser orders names: case-insensitive, digits as numbers.
     // The C locale of a service has no collation of its own; English orders as a file
     // browser would.

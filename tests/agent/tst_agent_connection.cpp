@@ -128,17 +128,24 @@ private Q_SLOTS:
         QCOMPARE(f.statuses.at(1), QStringLiteral("Disconnected: connection closed by the server (code 1000)"));
     }
 
-    void noHeartbeatWhileIdle()
+    void heartbeatsOnlyWhileATaskRuns()
     {
-        AgentFixture f;
+        AgentFixture f(QStringLiteral("secret-token"), {.heartbeatMilliseconds = 20});
         QVERIFY(f.connect());
-        QTest::qWait(AgentRuntime::kHeartbeatMilliseconds + 600);
+        // The heartbeat timer, started first, has fired at least four times by now.
+        waitForTimerTicks(20, 5);
         QCOMPARE(f.server.messagesOfType(QStringLiteral("task.heartbeat")).size(), 0);
+        // While a task runs, every beat names it.
+        f.shell(QStringLiteral("t"), QStringLiteral("sleep 300"));
+        QVERIFY(f.server.waitFor([](const QJsonObject& m) { return m.value("type") == "task.heartbeat"; }, 5000, 2));
+        for (const QJsonObject& beat : f.server.messagesOfType(QStringLiteral("task.heartbeat")))
+            QCOMPARE(beat, (QJsonObject{{QStringLiteral("type"), QStringLiteral("task.heartbeat")},
+                                        {QStringLiteral("taskId"), QStringLiteral("t")}}));
     }
 
     void stopClosesWithGoingAwayAndReportsStopped()
     {
-        AgentFixture f;
+        AgentFixture f(QStringLiteral("secret-token"), {.reconnectMilliseconds = 20});
         QVERIFY(f.connect());
         DiagRecorder log;
         f.runtime->stop();
@@ -146,8 +153,8 @@ private Q_SLOTS:
         QCOMPARE(*f.server.lastCloseCode(), 1001);
         QCOMPARE(f.statuses.last(), QStringLiteral("Stopped"));
         QCOMPARE(log.texts(), QStringList{QStringLiteral("stop requested")});
-        // Stopped means stopped: no reconnect.
-        QTest::qWait(AgentRuntime::kReconnectMilliseconds + 300);
+        // Stopped means stopped: no reconnect, however often the reconnect timer could have fired.
+        waitForTimerTicks(20, 5);
         QCOMPARE(f.server.connectionCount(), 1);
     }
 

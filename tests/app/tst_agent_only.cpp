@@ -2,6 +2,7 @@
 #include "support/process_fixtures.h"
 #include "support/test_support.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QJsonObject>
 #include <QProcess>
@@ -10,6 +11,7 @@
 #include <QTest>
 
 #include <csignal>
+#include <sys/resource.h>
 
 using namespace brinmoor;
 using namespace brinmoor::test;
@@ -24,12 +26,65 @@ QJsonObject shellTask(const QString& taskId, const QString& command)
              QJsonObject{{QStringLiteral("action"), QStringLiteral("shell")}, {QStringLiteral("command"), command}}}};
 }
 
+// The soft and hard "Max open files" of a running process.
+std::pair<QString, QString> openFileLimits(qint64 pid)
+{
+    const QStringList lines =
+        QString::fromUtf8(readFile(QStringLiteral("/proc/%1/limits").arg(pid))).split(QLatin1Char('\n'));
+    for (const QString& line : lines) {
+        if (line.startsWith(QLatin1String("Max open files"))) {
+            const QStringList fields = line.mid(26).split(QLatin1Char(' '), Qt::SkipEmptyParts);
+            return {fields.value(0), fields.value(1)};
+        }
+    }
+    return {};
+}
+
+// Processes whose command line carries the marker, found anywhere on the machine: after
+// the agent is gone they belong to no process of the test.
+QList<qint64> markedProcesses(const QString& marker)
+{
+    QList<qint64> found;
+    const QStringList entries = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    for (const QString& entry : entries) {
+        bool isPid = false;
+        const qint64 pid = entry.toLongLong(&isPid);
+        if (!isPid)
+            continue;
+        QByteArray cmdline = readFile(QStringLiteral("/proc/") + entry + QStringLiteral("/cmdline"));
+        cmdline.replace('\0', ' ');
+        if (cmdline.contains(marker.toUtf8()))
+            found.append(pid);
+    }
+    return found;
+}
+
 } // namespace
 
 class TstAgentOnly : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
+    void raisesItsOpenFileLimitToTheHardLimit()
+    {
+        LoopbackServer server;
+        QVERIFY(server.listen());
+        AgentProcess agent;
+        // Started with only 64 descriptors allowed, as a stingy system would.
+        agent.process.setChildProcessModifier([] {
+            rlimit limit{};
+            ::getrlimit(RLIMIT_NOFILE, &limit);
+            limit.rlim_cur = 64;
+            ::setrlimit(RLIMIT_NOFILE, &limit);
+        });
+        agent.start(server.serverURL());
+        QVERIFY(server.waitForType(QStringLiteral("agent.register")));
+        const auto [soft, hard] = openFileLimits(agent.process.processId());
+        QVERIFY(!hard.isEmpty());
+        QCOMPARE(soft, hard);
+        QVERIFY(hard != QLatin1String("64"));
+    }
+
     void echoHelloAsAShellTask()
     {
         LoopbackServer server;
@@ -128,6 +183,47 @@ private Q_SLOTS:
         ::kill(static_cast<pid_t>(agent.process.processId()), SIGTERM);
         QVERIFY(agent.process.waitForFinished(10000));
         QCOMPARE(agent.process.exitCode(), 0);
+    }
+
+    void nothingOutlivesAnAgentKilledWithSigkill()
+    {
+        LoopbackServer server;
+        QVERIFY(server.listen());
+        AgentProcess agent;
+        agent.start(server.serverURL());
+        QVERIFY(server.waitForType(QStringLiteral("agent.register")));
+        const QString marker = QStringLiteral("brinmoor-orphan-%1").arg(QCoreApplication::applicationPid());
+        // Background children, one of them deaf to SIGTERM, and the task's own child.
+        server.send(shellTask(QStringLiteral("t"), QStringLiteral("sh -c 'sleep 300; : %1' & "
+                                                                  "sh -c 'trap \"\" TERM; sleep 300; : %1' & "
+                                                                  "echo started; sh -c 'sleep 300; : %1'")
+                                                       .arg(marker)));
+        QVERIFY(server.waitFor([](const QJsonObject& m) { return m.value("line").toString() == "started"; }));
+        QVERIFY(waitUntil([&] { return markedProcesses(marker).size() == 3; }));
+
+        ::kill(static_cast<pid_t>(agent.process.processId()), SIGKILL);
+        QVERIFY(agent.process.waitForFinished(10000));
+        QVERIFY2(waitUntil([&] { return markedProcesses(marker).isEmpty(); }, 6000),
+                 qPrintable(QStringLiteral("left: %1 process(es)").arg(markedProcesses(marker).size())));
+    }
+
+    void backgroundChildrenEndWithTheirTask()
+    {
+        LoopbackServer server;
+        QVERIFY(server.listen());
+        AgentProcess agent;
+        agent.start(server.serverURL());
+        QVERIFY(server.waitForType(QStringLiteral("agent.register")));
+        const QString marker = QStringLiteral("brinmoor-leftover-%1").arg(QCoreApplication::applicationPid());
+        server.send(shellTask(QStringLiteral("t"), QStringLiteral("sh -c 'sleep 300; : %1' & "
+                                                                  "sh -c 'trap \"\" TERM; sleep 300; : %1' & "
+                                                                  "echo done")
+                                                       .arg(marker)));
+        QVERIFY(server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t")));
+        // SIGTERM at once, SIGKILL 5 s later for the one that ignores it.
+        QVERIFY2(waitUntil([&] { return markedProcesses(marker).isEmpty(); }, 8000),
+                 qPrintable(QStringLiteral("left: %1 process(es)").arg(markedProcesses(marker).size())));
+        QVERIFY(agent.stop());
     }
 
     void sigintStopsARunningTaskTree()

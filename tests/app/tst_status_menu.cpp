@@ -6,7 +6,10 @@
 #include "support/loopback_server.h"
 #include "support/test_support.h"
 
+#include <QAbstractItemView>
 #include <QApplication>
+#include <QFileDialog>
+#include <QIcon>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QLabel>
@@ -14,6 +17,7 @@
 #include <QPlainTextEdit>
 #include <QProcess>
 #include <QStandardPaths>
+#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -110,6 +114,79 @@ private Q_SLOTS:
         trigger(QStringLiteral("Open at Login"));
         QVERIFY(StatusMenu::describe(*menu.menu()).contains(QStringLiteral("Open at Login")));
         QVERIFY(!QFile::exists(m_dir.path() + QStringLiteral("/config/autostart/brinmoor-agent.desktop")));
+    }
+
+    void projectFoldersDialogTakesSeveralFoldersAndCreatesNone()
+    {
+        const std::unique_ptr<QFileDialog> dialog = StatusMenu::projectFoldersDialog(m_dir.path());
+        QCOMPARE(dialog->windowTitle(), QStringLiteral("Choose one or more project folders for the Mac-agent."));
+        QCOMPARE(dialog->labelText(QFileDialog::Accept), QStringLiteral("Add"));
+        QCOMPARE(dialog->fileMode(), QFileDialog::Directory);
+        QVERIFY(dialog->testOption(QFileDialog::ShowDirsOnly));
+        QVERIFY(dialog->testOption(QFileDialog::ReadOnly)); // no "create folder"
+        QCOMPARE(dialog->directory().absolutePath(), QDir(m_dir.path()).absolutePath());
+        const QList<QAbstractItemView*> views = dialog->findChildren<QAbstractItemView*>(QStringLiteral("listView")) +
+                                                dialog->findChildren<QAbstractItemView*>(QStringLiteral("treeView"));
+        QCOMPARE(views.size(), 2);
+        for (QAbstractItemView* view : views)
+            QCOMPARE(view->selectionMode(), QAbstractItemView::ExtendedSelection);
+        QList<QWidget*> newFolder;
+        for (QWidget* button : dialog->findChildren<QWidget*>(QStringLiteral("newFolderButton"))) {
+            if (button->isEnabled())
+                newFolder.append(button);
+        }
+        QVERIFY(newFolder.isEmpty());
+    }
+
+    void createProjectRootDialogTakesOneFolderAndMayCreateIt()
+    {
+        const std::unique_ptr<QFileDialog> dialog = StatusMenu::createProjectRootDialog(m_dir.path());
+        QCOMPARE(dialog->windowTitle(),
+                 QStringLiteral("Choose the parent folder where new iOS projects will be created."));
+        QCOMPARE(dialog->labelText(QFileDialog::Accept), QStringLiteral("Choose"));
+        QCOMPARE(dialog->fileMode(), QFileDialog::Directory);
+        QVERIFY(!dialog->testOption(QFileDialog::ReadOnly));
+        for (QAbstractItemView* view : dialog->findChildren<QAbstractItemView*>(QStringLiteral("listView")))
+            QCOMPARE(view->selectionMode(), QAbstractItemView::SingleSelection);
+    }
+
+    void statusItemShowsTheNameWithoutAPicture()
+    {
+        const QIcon missing = StatusMenu::statusItemIcon(QStringLiteral(":/no-such-image.png"));
+        QVERIFY(!missing.isNull());
+        QVERIFY(missing.isMask());
+        const QImage drawn = missing.pixmap(missing.availableSizes().value(0)).toImage();
+        QVERIFY2(drawn.width() > 2 * drawn.height(), "the word, wider than tall");
+        int inked = 0;
+        for (int y = 0; y < drawn.height(); ++y) {
+            for (int x = 0; x < drawn.width(); ++x)
+                inked += qAlpha(drawn.pixel(x, y)) > 0;
+        }
+        QVERIFY(inked > 100);
+        const QIcon picture = StatusMenu::statusItemIcon(QStringLiteral(":/wexlin-menubar-44.png"));
+        QVERIFY(!picture.isNull());
+        QVERIFY(picture.isMask());
+        QCOMPARE(picture.availableSizes().value(0), QSize(22, 22));
+    }
+
+    void startingAgainShowsTheNewPortAtOnce()
+    {
+        const auto setup = make(QStringLiteral("10.1.2.3"));
+        StatusMenu menu(*setup->controller);
+        // The stored port is taken: the server moves to another, and the menu says so.
+        QTcpServer holder;
+        QVERIFY(holder.listen(QHostAddress::LocalHost, 0));
+        setup->settings.setValue(QStringLiteral("serverPort"), int(holder.serverPort()));
+        qputenv("BRINMOOR_SERVER_PATH", "/nonexistent/brinmoor-server");
+        setup->controller->startServerAndAgent();
+        qunsetenv("BRINMOOR_SERVER_PATH");
+        const int port = int(setup->settings.integer(QStringLiteral("serverPort")).value_or(0));
+        QVERIFY(port != holder.serverPort());
+        const QString url = QStringLiteral("http://10.1.2.3:%1").arg(port);
+        QCOMPARE(StatusMenu::describe(*menu.menu()).at(2), QStringLiteral("LAN: ") + url +
+                                                               QStringLiteral(" \u2022 mini [disabled] (Server URL: ") +
+                                                               url + QStringLiteral("\nAgent ID: mini\nToken: tok)"));
+        setup->controller->quit();
     }
 
     void pairingPanelWithAPayload()

@@ -43,6 +43,30 @@ private Q_SLOTS:
         QCOMPARE(written.count(QLatin1Char('\n')), 1);
     }
 
+    void controlCharactersAreEscapedSoNoValueStartsALine()
+    {
+        DiagRecorder recorder;
+        diag(QStringLiteral("agent.register agentId=evil\r\n[BrinmoorMacAgent][2026-01-01T00:00:00Z] forged\tend") +
+             QChar(0x1b) + QChar(0x7f) + QChar(0x85) + QChar(0x2028) + QChar(0x2029) + QStringLiteral("é"));
+        QCOMPARE(recorder.texts(),
+                 QStringList{QStringLiteral("agent.register agentId=evil\\r\\n[BrinmoorMacAgent][2026-01-01T00:00:00Z] "
+                                            "forged\\tend\\u001b\\u007f\\u0085\\u2028\\u2029é")});
+        QCOMPARE(escapeForLog(QStringLiteral("plain text, no escapes")), QStringLiteral("plain text, no escapes"));
+    }
+
+    void longValuesAreCutAtOneKibibyte()
+    {
+        QCOMPARE(logValue(QString(1024, QLatin1Char('a'))), QString(1024, QLatin1Char('a')));
+        QCOMPARE(logValue(QString(1025, QLatin1Char('a'))),
+                 QString(1024, QLatin1Char('a')) + QStringLiteral("\u2026 (1 more bytes)"));
+        QCOMPARE(logValue(QString(15 * 1024 * 1024, QLatin1Char('x'))),
+                 QString(1024, QLatin1Char('x')) + QStringLiteral("\u2026 (15727616 more bytes)"));
+        // Never inside a character: 1023 bytes of "a", then a two-byte "é" that would end at 1025.
+        QCOMPARE(logValue(QString(QString(1023, QLatin1Char('a')) + QStringLiteral("éé"))),
+                 QString(1023, QLatin1Char('a')) + QStringLiteral("\u2026 (4 more bytes)"));
+        QCOMPARE(logValue(QStringLiteral("short")), QStringLiteral("short"));
+    }
+
     void recorderSeesTextsFromAnyThread()
     {
         DiagRecorder recorder;

@@ -341,6 +341,24 @@ private Q_SLOTS:
                  QStringLiteral("resolveChatExecution approvalMode=none, running Claude chat without MCP approval"));
     }
 
+    void approvalNeverStillAsksThroughTheApprover()
+    {
+        ChatSessions sessions;
+        DiagRecorder log;
+        const ChatResolution claude = resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"),
+                                              QStringLiteral("hi"), QString(), QStringLiteral("never"));
+        QVERIFY(claude.mcpConfigPath);
+        QVERIFY(!claude.shell.contains(QStringLiteral("--dangerously-skip-permissions")));
+        QFile::remove(*claude.mcpConfigPath);
+        const ChatResolution codex = resolve(sessions, QStringLiteral("codex"), QStringLiteral("App"),
+                                             QStringLiteral("hi"), QString(), QStringLiteral("never"));
+        QVERIFY(!codex.shell.contains(QStringLiteral("--full-auto")));
+        QCOMPARE(
+            log.texts().filter(QStringLiteral("using")),
+            (QStringList{QStringLiteral("resolveChatExecution using Claude MCP approval approverPath=") + m_approver,
+                         QStringLiteral("resolveChatExecution using Codex MCP approval approverPath=") + m_approver}));
+    }
+
     void codexApprovalNoneRunsFullAuto()
     {
         ChatSessions sessions;

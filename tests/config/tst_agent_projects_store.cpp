@@ -61,6 +61,15 @@ private Q_SLOTS:
         QVERIFY(AgentProjectsStore::containsXcodeProject(workspace));
     }
 
+    void aFolderNamedPackageSwiftIsNoProject()
+    {
+        QTemporaryDir dir;
+        QDir().mkpath(dir.path() + QStringLiteral("/App/Package.swift"));
+        QVERIFY(!AgentProjectsStore::holdsProject(dir.path() + QStringLiteral("/App")));
+        test::writeFile(dir.path() + QStringLiteral("/Lib/Package.swift"), "// swift-tools-version:5.9\n");
+        QVERIFY(AgentProjectsStore::holdsProject(dir.path() + QStringLiteral("/Lib")));
+    }
+
     void folderWithoutMarkerIsDroppedEvenIfConfigured()
     {
         const QString plain = path(QStringLiteral("plain"));

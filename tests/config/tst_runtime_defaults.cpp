@@ -50,6 +50,13 @@ private Q_SLOTS:
                  QStringLiteral("studio-mac-mini"));
     }
 
+    void onlyBlanksBecomeDashes()
+    {
+        QCOMPARE(RuntimeDefaults::agentIdFromHostName(QStringLiteral("Dev\tMac\nMini") + QChar(0x00A0) +
+                                                      QStringLiteral("Pro Max")),
+                 QStringLiteral("dev\tmac\nmini") + QChar(0x00A0) + QStringLiteral("pro-max"));
+    }
+
     void missingHostNameGivesMacAgent()
     {
         QTemporaryDir dir;

@@ -64,6 +64,17 @@ private Q_SLOTS:
         QCOMPARE(resolveWorkspacePath(m_repo.path(), QStringLiteral("app")), m_repo.path() + QStringLiteral("/app"));
     }
 
+    void trailingSlashNamesTheSameFolder()
+    {
+        QDir().mkpath(m_repo.path() + QStringLiteral("/app"));
+        QCOMPARE(resolveWorkspacePath(m_repo.path(), QStringLiteral("app/")), m_repo.path() + QStringLiteral("/app"));
+        QCOMPARE(resolveWorkspacePath(m_repo.path() + QLatin1Char('/'), QStringLiteral("app//")),
+                 m_repo.path() + QStringLiteral("/app"));
+        const ResolvedExecution shell =
+            resolveShellExecution(profileAt(m_repo.path()), QStringLiteral("pwd"), QStringLiteral("app/"));
+        QCOMPARE(shell.workingDir, m_repo.path() + QStringLiteral("/app"));
+    }
+
     void existingAbsolutePathIsUsedAsIs()
     {
         QTemporaryDir elsewhere;
@@ -200,7 +211,8 @@ private Q_SLOTS:
         QCOMPARE(normalizeAISystem(QStringLiteral("gemini")), QStringLiteral("codex"));
         QCOMPARE(normalizeAISystem(std::nullopt), QStringLiteral("codex"));
         QCOMPARE(normalizeApprovalMode(QStringLiteral("NONE")), QStringLiteral("none"));
-        QCOMPARE(normalizeApprovalMode(QStringLiteral(" Never ")), QStringLiteral("none"));
+        // Only "none" skips approval: "never" asks like any other mode.
+        QCOMPARE(normalizeApprovalMode(QStringLiteral(" Never ")), QStringLiteral("on_request"));
         QCOMPARE(normalizeApprovalMode(QStringLiteral("always")), QStringLiteral("on_request"));
         QCOMPARE(normalizeApprovalMode(std::nullopt), QStringLiteral("on_request"));
     }

@@ -16,6 +16,17 @@ using namespace brinmoor::test;
 
 namespace {
 
+// Runs `cat` of the test's named pipe as task "t" and opens the pipe once it reads.
+bool startCat(AgentFixture& f, PieceWriter& pieces)
+{
+    DiagRecorder log;
+    f.shell(QStringLiteral("t"), QStringLiteral("cat ") + pieces.path());
+    const QString prefix = QStringLiteral("runTask process started taskId=t pid=");
+    if (!waitUntil([&] { return !log.texts().filter(prefix).isEmpty(); }))
+        return false;
+    return pieces.start(log.texts().filter(prefix).first().mid(prefix.size()).toLongLong());
+}
+
 QString resolveLine(const AgentFixture& f)
 {
     return QStringLiteral("task.log workspace.resolve action=shell requestedProjectPath=") + f.repo.path() +
@@ -92,22 +103,33 @@ private Q_SLOTS:
     {
         AgentFixture f;
         QVERIFY(f.connect());
-        f.shell(
-            QStringLiteral("t"),
-            QStringLiteral("printf '\\xc3'; sleep 0.3; printf '\\xa9\\xe2\\x9c'; sleep 0.3; printf '\\x93\\xf0\\x9f'; "
-                           "sleep 0.3; printf '\\x98\\x80\\n'"));
+        PieceWriter pieces(f.repo.path() + QStringLiteral("/pieces"));
+        QVERIFY(startCat(f, pieces));
+        // Each read ends inside a character, which waits for the next read.
+        QVERIFY(pieces.write("a\xc3"));
+        QVERIFY(pieces.write("\xa9"
+                             "b\xe2\x9c"));
+        QVERIFY(pieces.write("\x93"
+                             "c\xf0\x9f"));
+        QVERIFY(pieces.write("\x98\x80\n"));
+        pieces.finish();
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t")));
         QCOMPARE(f.taskTrace(QStringLiteral("t")).mid(2),
-                 (QStringList{QStringLiteral("task.log é"), QStringLiteral("task.log ✓"), QStringLiteral("task.log 😀"),
-                              QStringLiteral("task.log "), QStringLiteral("task.finished 0")}));
+                 (QStringList{QStringLiteral("task.log a"), QStringLiteral("task.log éb"),
+                              QStringLiteral("task.log ✓c"), QStringLiteral("task.log 😀"), QStringLiteral("task.log "),
+                              QStringLiteral("task.finished 0")}));
     }
 
     void readWithInvalidBytesIsDropped()
     {
         AgentFixture f;
         QVERIFY(f.connect());
-        f.shell(QStringLiteral("t"),
-                QStringLiteral("printf 'ok\\n'; sleep 0.3; printf 'bad\\xff\\xfe\\n'; sleep 0.3; printf 'after\\n'"));
+        PieceWriter pieces(f.repo.path() + QStringLiteral("/pieces"));
+        QVERIFY(startCat(f, pieces));
+        QVERIFY(pieces.write("ok\n"));
+        QVERIFY(pieces.write("bad\xff\xfe\n"));
+        QVERIFY(pieces.write("after\n"));
+        pieces.finish();
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t")));
         QCOMPARE(
             f.taskTrace(QStringLiteral("t")).mid(2),
@@ -374,9 +396,11 @@ private Q_SLOTS:
         runner.runTask(request);
         QVERIFY(waitUntil([] { return childProcesses().size() == 1; }));
         // The task is let go while its child runs: the child is killed, and its end,
-        // reaped and handled in one turn of the loop, is not reported.
+        // reaped and handled in one turn of the loop, is logged but not reported.
+        DiagRecorder log;
         runner.cleanupFinishedTask();
         QVERIFY(waitUntil([] { return childProcesses().isEmpty(); }));
+        QCOMPARE(log.texts(), QStringList{QStringLiteral("runTask process terminated taskId=x exitCode=9")});
         QCOMPARE(host.sent.size(), 0);
         QCOMPARE(host.statuses, QStringList{QStringLiteral("Ready: test-agent")});
     }

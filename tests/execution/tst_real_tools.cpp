@@ -542,10 +542,8 @@ private Q_SLOTS:
         const QStringList resumed =
             log.filter(QStringLiteral("shell=codex exec resume --json --skip-git-repo-check '"));
         QCOMPARE(resumed.size(), 1);
-        // The prompt spans lines: the approval settings come at the end of the command.
-        QVERIFY(log.join(QLatin1Char('\n'))
-                    .contains(QStringLiteral("' -c 'mcp_servers.approver.command=\"") + binDir() +
-                              QStringLiteral("/MCPApprovalServer\"' -c 'mcp_servers.approver.args=[]'")));
+        QVERIFY(log.contains(QStringLiteral("resolveChatExecution using Codex MCP approval approverPath=") + binDir() +
+                             QStringLiteral("/MCPApprovalServer")));
         const QList<FakeModelServer::Request>& requests = m_openai->requests();
         QVERIFY(!requests.isEmpty());
         QVERIFY(conversationText(requests.last()).contains(QLatin1String("Hello from the fake codex model.")));

@@ -47,14 +47,23 @@ private Q_SLOTS:
         QCOMPARE(strategy.description(), QStringLiteral("proposalApproval(requiresApproval: true)"));
     }
 
-    void codexApplyWithoutOnRequestAppliesWithoutAsking()
+    void codexApplyWithApprovalNoneAppliesWithoutAsking()
     {
-        for (const QString& approval : {QStringLiteral("never"), QStringLiteral("none")}) {
+        const AITaskExecutionStrategy strategy =
+            aiTaskExecutionStrategy(QStringLiteral("codex"), QStringLiteral("apply"), QStringLiteral(" NONE "));
+        QVERIFY(strategy.isProposal());
+        QVERIFY(!strategy.requiresApproval);
+        QCOMPARE(strategy.description(), QStringLiteral("proposalApproval(requiresApproval: false)"));
+    }
+
+    void codexApplyWithAnyOtherApprovalModeAsks()
+    {
+        for (const QString& approval :
+             {QStringLiteral("never"), QStringLiteral("on_request"), QStringLiteral("auto")}) {
             const AITaskExecutionStrategy strategy =
                 aiTaskExecutionStrategy(QStringLiteral("codex"), QStringLiteral("apply"), approval);
             QVERIFY(strategy.isProposal());
-            QVERIFY(!strategy.requiresApproval);
-            QCOMPARE(strategy.description(), QStringLiteral("proposalApproval(requiresApproval: false)"));
+            QVERIFY2(strategy.requiresApproval, qPrintable(approval));
         }
     }
 

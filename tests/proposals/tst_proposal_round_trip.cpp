@@ -271,7 +271,7 @@ private Q_SLOTS:
         AgentFixture f;
         setUp(f);
         QVERIFY(f.connect());
-        assignApply(f, QStringLiteral("p4"), QStringLiteral("never"));
+        assignApply(f, QStringLiteral("p4"), QStringLiteral("none"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("p4")));
         const QStringList lines = trace(f, QStringLiteral("p4"));
         QVERIFY(lines.contains(QStringLiteral("task.log proposal.ready files=1 requiresApproval=false")));

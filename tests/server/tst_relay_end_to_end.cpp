@@ -201,7 +201,7 @@ private Q_SLOTS:
                                         {QStringLiteral("toolInput"),
                                          QJsonObject{{QStringLiteral("file_path"), QStringLiteral("notes.txt")}}},
                                         {QStringLiteral("toolUseId"), QStringLiteral("toolu_1")}}));
-        QTest::qWait(300);
+        // The tool is held in its call until the phone decides.
         QVERIFY(!QFile::exists(notes));
         phone.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("permission.decision")},
                                {QStringLiteral("requestId"), request->value(QStringLiteral("requestId"))},

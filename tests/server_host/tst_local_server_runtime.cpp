@@ -101,8 +101,12 @@ private Q_SLOTS:
 
     void serverGetsPortAndTokenAndItsOutputIsRelayed()
     {
-        fakeServer("print -r -- \"  ready \"; sleep 0.2; print '   '; sleep 0.2; "
-                   "print -r -- \"port=$BRINMOOR_SERVER_PORT token=$BRINMOOR_SHARED_TOKEN\"; sleep 30\n");
+        // The stand-in writes what it was given to a file, then prints what the test feeds
+        // it piece by piece, so that each piece is one read.
+        PieceWriter pieces(m_dir.path() + QStringLiteral("/pieces"));
+        const QString given = m_dir.path() + QStringLiteral("/given");
+        fakeServer("print -r -- \"port=$BRINMOOR_SERVER_PORT token=$BRINMOOR_SHARED_TOKEN\" > " + given.toUtf8() +
+                   "; exec cat " + pieces.path().toUtf8() + "\n");
         LocalServerRuntime runtime;
         QStringList lines;
         runtime.printLine = [&](const QString& line) { lines.append(line); };
@@ -114,14 +118,58 @@ private Q_SLOTS:
         const int port = runtime.start(free, QStringLiteral("tok"), [&](const QString& s) { statuses.append(s); });
         QCOMPARE(port, free);
         QCOMPARE(statuses, QStringList{QStringLiteral("Server on :%1").arg(port)});
-        QVERIFY(waitUntil([&] { return lines.size() >= 2; }));
-        QCOMPARE(lines, (QStringList{QStringLiteral("[BrinmoorServer] ready"),
-                                     QStringLiteral("[BrinmoorServer] port=%1 token=tok").arg(port)}));
+        QVERIFY(waitUntil([&] { return readFile(given).endsWith('\n'); }));
+        QCOMPARE(readFile(given), QStringLiteral("port=%1 token=tok\n").arg(port).toUtf8());
+        QVERIFY(waitUntil([&] { return !childProcesses().isEmpty(); }));
+        QVERIFY(pieces.start(childProcesses().first()));
+        QVERIFY(pieces.write("  ready \n"));
+        QVERIFY(pieces.write("   \n"));         // only blanks: not relayed
+        QVERIFY(pieces.write("listening\n\n")); // trimmed
+        QCOMPARE(lines,
+                 (QStringList{QStringLiteral("[BrinmoorServer] ready"), QStringLiteral("[BrinmoorServer] listening")}));
         QVERIFY(runtime.isRunning());
         runtime.stop();
         QVERIFY(!runtime.isRunning());
         QVERIFY(waitUntil([] { return childProcesses().isEmpty(); }, 5000));
-        QCOMPARE(statuses.size(), 1); // a stopped server is not reported as ended
+        // Stopping lets go of the output, not of the end: SIGTERM is reported as its number.
+        QVERIFY(waitUntil([&] { return statuses.size() == 2; }));
+        QCOMPARE(statuses.last(), QStringLiteral("Server stopped (15)"));
+    }
+
+    void serverKilledBySignalReportsTheSignalsNumber()
+    {
+        fakeServer("kill -KILL $$\n");
+        LocalServerRuntime runtime;
+        QStringList statuses;
+        runtime.start(0, QStringLiteral("t"), [&](const QString& s) { statuses.append(s); });
+        QVERIFY(waitUntil([&] { return statuses.size() >= 2; }));
+        QCOMPARE(statuses.last(), QStringLiteral("Server stopped (9)"));
+    }
+
+    void serverThatIgnoresSigtermIsKilledAfterThreeSecondsAndReported()
+    {
+        const QString deaf = m_dir.path() + QStringLiteral("/deaf");
+        fakeServer("trap '' TERM; : > " + deaf.toUtf8() + "; while true; do sleep 1; done\n");
+        LocalServerRuntime runtime;
+        QStringList statuses;
+        runtime.start(0, QStringLiteral("t"), [&](const QString& s) { statuses.append(s); });
+        QVERIFY(waitUntil([&] { return QFile::exists(deaf); }));
+        runtime.stop();
+        QVERIFY(waitUntil([&] { return statuses.size() == 2; }, 8000));
+        QCOMPARE(statuses.last(), QStringLiteral("Server stopped (9)"));
+    }
+
+    void portZeroAndPortsOutOfRange()
+    {
+        // The given port is tried first, 0 as well: binding it always succeeds.
+        QCOMPARE(LocalServerRuntime::resolveAvailablePort(0), 0);
+        // A port outside the range cannot be bound: the next candidates are tried.
+        const int afterHuge = LocalServerRuntime::resolveAvailablePort(70000);
+        QVERIFY2((afterHuge >= 8080 && afterHuge <= 8090) || afterHuge == 70000,
+                 qPrintable(QString::number(afterHuge)));
+        const int afterNegative = LocalServerRuntime::resolveAvailablePort(-1);
+        QVERIFY2((afterNegative >= 8080 && afterNegative <= 8090) || afterNegative == -1,
+                 qPrintable(QString::number(afterNegative)));
     }
 
     void serverEndingByItselfIsReported()

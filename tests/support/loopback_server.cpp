@@ -6,6 +6,7 @@
 #include <QFile>
 #include <QHostAddress>
 #include <QJsonDocument>
+#include <QTimer>
 #include <QWebSocket>
 #include <QWebSocketServer>
 
@@ -149,6 +150,16 @@ void LoopbackServer::closeClient()
         m_client->close();
 }
 
+void waitForTimerTicks(int intervalMs, int ticks)
+{
+    QTimer timer;
+    timer.setTimerType(Qt::PreciseTimer);
+    int fired = 0;
+    QObject::connect(&timer, &QTimer::timeout, &timer, [&fired] { ++fired; });
+    timer.start(intervalMs);
+    waitUntil([&] { return fired >= ticks; }, 60000);
+}
+
 bool waitUntil(const std::function<bool()>& condition, int timeoutMs)
 {
     QDeadlineTimer deadline(timeoutMs);
@@ -167,10 +178,10 @@ int openDescriptorCount()
         QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size());
 }
 
-QList<qint64> childProcesses()
+QList<qint64> childProcesses(qint64 parent)
 {
     QList<qint64> children;
-    const qint64 self = QCoreApplication::applicationPid();
+    const qint64 self = parent > 0 ? parent : QCoreApplication::applicationPid();
     const QStringList entries = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
     for (const QString& entry : entries) {
         bool isPid = false;

@@ -74,10 +74,16 @@ private:
 // Waits, running the event loop, until the condition holds; false on time-out.
 bool waitUntil(const std::function<bool()>& condition, int timeoutMs = 10000);
 
+// Runs the event loop until a timer of this interval, started now, has fired `ticks`
+// times. Timers of one interval fire in the order they were started, so by then every
+// timer of that interval started earlier has fired at least `ticks - 1` times: the
+// barrier for "nothing happened" when what must not happen is timer-driven.
+void waitForTimerTicks(int intervalMs, int ticks);
+
 // Open file descriptors of this process.
 int openDescriptorCount();
-// Process ids whose parent is this process.
-QList<qint64> childProcesses();
+// Process ids whose parent is this process (or the given one).
+QList<qint64> childProcesses(qint64 parent = 0);
 // Whether a process still exists (a zombie counts as gone).
 bool processAlive(qint64 pid);
 

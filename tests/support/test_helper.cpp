@@ -1,6 +1,5 @@
 // A small program whose behaviour a test picks by its first argument, for tests that
 // need a real process doing one odd thing.
-//   int-value JSON   decode JSON as a payload value and print its intValue (or "none")
 //   mcp-call CONFIG TOOL INPUT
 //                    act as an assistant tool asking for permission: start the "approver"
 //                    server of an MCP config file as the tool would, call its
@@ -20,22 +19,6 @@
 using namespace brinmoor;
 
 namespace {
-
-int intValue(const char* json)
-{
-    const QJsonDocument document = QJsonDocument::fromJson(QByteArray("{\"v\":") + json + QByteArray("}"));
-    const std::optional<JSONValue> value = JSONValue::decode(document.object().value("v"));
-    if (!value) {
-        std::puts("undecodable");
-        return 3;
-    }
-    const std::optional<qint64> number = value->intValue();
-    if (number)
-        std::printf("%lld\n", static_cast<long long>(*number));
-    else
-        std::puts("none");
-    return 0;
-}
 
 QByteArray line(const QJsonObject& message)
 {
@@ -110,8 +93,6 @@ int main(int argc, char** argv)
 {
     if (argc == 5 && std::strcmp(argv[1], "mcp-call") == 0)
         return mcpCall(argv[2], argv[3], argv[4]);
-    if (argc == 3 && std::strcmp(argv[1], "int-value") == 0)
-        return intValue(argv[2]);
     std::fprintf(stderr, "test_helper: unknown mode\n");
     return 64;
 }

@@ -4,7 +4,13 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include "support/loopback_server.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace brinmoor::test {
 
@@ -66,6 +72,65 @@ QStringList fakeToolArguments(const QString& fakeDir, const QString& tool, int c
     if (!arguments.isEmpty() && arguments.last().isEmpty())
         arguments.removeLast(); // after the last terminator
     return arguments;
+}
+
+namespace {
+
+int bytesWaiting(int fd)
+{
+    int pending = 0;
+    return fd >= 0 && ::ioctl(fd, FIONREAD, &pending) == 0 ? pending : -1;
+}
+
+} // namespace
+
+PieceWriter::PieceWriter(const QString& path) : m_path(path)
+{
+    ::mkfifo(QFile::encodeName(path).constData(), 0600);
+}
+
+PieceWriter::~PieceWriter()
+{
+    finish();
+    if (m_output >= 0)
+        ::close(m_output);
+    QFile::remove(m_path);
+}
+
+bool PieceWriter::start(qint64 pid)
+{
+    m_pid = pid;
+    // Without a reader yet, a non-blocking open fails with ENXIO: try again.
+    waitUntil([this] {
+        m_fifo = ::open(QFile::encodeName(m_path).constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        return m_fifo >= 0;
+    });
+    // The child's output pipe, opened again through /proc only to ask how much waits in it.
+    m_output =
+        ::open(QStringLiteral("/proc/%1/fd/1").arg(pid).toLocal8Bit().constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    return m_fifo >= 0 && m_output >= 0;
+}
+
+bool PieceWriter::write(const QByteArray& piece)
+{
+    if (::write(m_fifo, piece.constData(), size_t(piece.size())) != piece.size())
+        return false;
+    // Through when the child waits for its next piece (so it has written this one: the
+    // kernel names that wait "pipe_read", newer ones "anon_pipe_read") and neither pipe
+    // holds anything.
+    return waitUntil([this] {
+        return bytesWaiting(m_fifo) == 0 &&
+               readFile(QStringLiteral("/proc/%1/wchan").arg(m_pid)).endsWith("pipe_read") &&
+               bytesWaiting(m_output) == 0;
+    });
+}
+
+void PieceWriter::finish()
+{
+    if (m_fifo >= 0) {
+        ::close(m_fifo);
+        m_fifo = -1;
+    }
 }
 
 } // namespace brinmoor::test

@@ -22,6 +22,34 @@ QByteArray readFile(const QString& path);
 // A file's permission bits, as in `stat` (e.g. 0600).
 int fileMode(const QString& path);
 
+// A named pipe the test writes in pieces while a child reads it (`cat FIFO`), so that
+// read boundaries are the test's, not the clock's: each piece is written only once the
+// previous one has gone all the way through the child's output pipe to its reader.
+class PieceWriter {
+public:
+    // Makes the FIFO; `start` opens it once the child has it open for reading.
+    explicit PieceWriter(const QString& path);
+    ~PieceWriter();
+    PieceWriter(const PieceWriter&) = delete;
+    PieceWriter& operator=(const PieceWriter&) = delete;
+
+    const QString& path() const { return m_path; }
+    // Opens the FIFO for writing and the output pipe of the child `pid` (its standard
+    // output, `cat` itself) for looking at; false when that does not happen in time.
+    bool start(qint64 pid);
+    // Writes one piece and waits until nothing of it waits in the FIFO or in the child's
+    // output pipe: the reader has taken it in one read.
+    bool write(const QByteArray& piece);
+    // Closes the FIFO: the child sees the end of its input.
+    void finish();
+
+private:
+    QString m_path;
+    qint64 m_pid = 0;
+    int m_fifo = -1;
+    int m_output = -1;
+};
+
 } // namespace brinmoor::test
 
 namespace brinmoor::test {

@@ -24,6 +24,12 @@ private Q_SLOTS:
         test::writeFile(path(QStringLiteral("file10.txt")));
         test::writeFile(path(QStringLiteral("file9.txt")));
         test::writeFile(path(QStringLiteral(".hidden")));
+        // An emoji takes two UTF-16 units; a combining mark is a code point of its own.
+        QDir().mkpath(path(QStringLiteral("\U0001F600 smile/inner")));
+        QDir().mkpath(path(QStringLiteral("pairs/\U0001F600\U0001F4C1")));
+        QDir().mkpath(path(QStringLiteral("pairs/\U0001F600\U0001F4C2")));
+        test::writeFile(path(QStringLiteral("Cafe\u0301/notes.txt")));
+        test::writeFile(path(QStringLiteral("Cafe\u0301/nothing.txt")));
     }
 
     void firstTokenHandlesQuotesAndEscapes()
@@ -32,6 +38,17 @@ private Q_SLOTS:
         QCOMPARE(firstShellToken(QStringLiteral("My\\ Folder rest")), QStringLiteral("My Folder"));
         QCOMPARE(firstShellToken(QStringLiteral("\"a b\"c\td")), QStringLiteral("a bc"));
         QCOMPARE(firstShellToken(QString()), QString());
+    }
+
+    void eitherQuoteSwitchesQuotingOnAndOff()
+    {
+        // The quote that opened need not be the one that closes.
+        QCOMPARE(firstShellToken(QStringLiteral("\"it's here\" x")), QStringLiteral("its"));
+        QCOMPARE(firstShellToken(QStringLiteral("'a\"b c")), QStringLiteral("ab"));
+        QCOMPARE(firstShellToken(QStringLiteral("'My Folder\" x")), QStringLiteral("My Folder"));
+        QCOMPARE(firstShellToken(QStringLiteral("\"a\\\"b c\" d")), QStringLiteral("a\"b c"));
+        QCOMPARE(directoryAfterInput(QStringLiteral("cd 'My Folder\"\n"), m_dir.path(), QStringLiteral("/h")),
+                 path(QStringLiteral("My Folder")));
     }
 
     void resolvePathForms()
@@ -96,10 +113,59 @@ private Q_SLOTS:
                  QStringList{QStringLiteral(".hidden")});
     }
 
-    void unreadableDirectoryGivesNoSuggestions()
+    void aFolderThatCannotBeListedLeavesTheLineAsItWas()
     {
-        const Completion c = pathCompletion(QStringLiteral("ls nowhere/x"), 12, m_dir.path(), QStringLiteral("/h"));
-        QCOMPARE(c.suggestions, QStringList());
+        const Completion missing =
+            pathCompletion(QStringLiteral("ls nowhere/x\\ y"), 15, m_dir.path(), QStringLiteral("/h"));
+        QCOMPARE(missing.suggestions, QStringList());
+        QCOMPARE(missing.replacementStart, qsizetype(3));
+        QCOMPARE(missing.replacementEnd, qsizetype(15));
+        QCOMPARE(missing.replacement, QStringLiteral("nowhere/x\\ y"));
+        // A file is no folder to list.
+        const Completion file =
+            pathCompletion(QStringLiteral("cat Docker.txt/a"), std::nullopt, m_dir.path(), QStringLiteral("/h"));
+        QCOMPARE(file.suggestions, QStringList());
+        QCOMPARE(file.replacement, QStringLiteral("Docker.txt/a"));
+        QCOMPARE(file.replacementEnd, qsizetype(16));
+        // Nothing that matches leaves it too.
+        const Completion none = pathCompletion(QStringLiteral("ls My\\ Z"), 8, m_dir.path(), QStringLiteral("/h"));
+        QCOMPARE(none.suggestions, QStringList());
+        QCOMPARE(none.replacement, QStringLiteral("My\\ Z"));
+    }
+
+    void offsetsCountCodePoints()
+    {
+        // The word starts after seven code points (eight UTF-16 units) and ends after 12.
+        const Completion after = pathCompletion(QStringLiteral("echo \U0001F600 \U0001F600\\ sm"), std::nullopt,
+                                                m_dir.path(), QStringLiteral("/h"));
+        QCOMPARE(after.suggestions, QStringList{QStringLiteral("\U0001F600 smile/")});
+        QCOMPARE(after.replacement, QStringLiteral("\U0001F600\\ smile/"));
+        QCOMPARE(after.replacementStart, qsizetype(7));
+        QCOMPARE(after.replacementEnd, qsizetype(12));
+        // A cursor inside the line, after "cd 😀\ smile/in" (14 code points).
+        const Completion inside =
+            pathCompletion(QStringLiteral("cd \U0001F600\\ smile/in && ls"), 14, m_dir.path(), QStringLiteral("/h"));
+        QCOMPARE(inside.replacement, QStringLiteral("\U0001F600\\ smile/inner/"));
+        QCOMPARE(inside.replacementStart, qsizetype(3));
+        QCOMPARE(inside.replacementEnd, qsizetype(14));
+        // Two names whose second code points share their first UTF-16 unit: the common
+        // prefix keeps code points whole, never half of a pair.
+        const Completion pair =
+            pathCompletion(QStringLiteral("ls pairs/\U0001F600"), 10, m_dir.path(), QStringLiteral("/h"));
+        QCOMPARE(pair.suggestions,
+                 (QStringList{QStringLiteral("\U0001F600\U0001F4C1/"), QStringLiteral("\U0001F600\U0001F4C2/")}));
+        QCOMPARE(pair.replacement, QStringLiteral("pairs/\U0001F600"));
+        QCOMPARE(pair.replacementEnd, qsizetype(10));
+        // A combining mark is a code point of its own, though it draws no character of
+        // its own: "cat Cafe\u0301/no" is 12.
+        const Completion mark =
+            pathCompletion(QStringLiteral("cat Cafe\u0301/no"), 12, m_dir.path(), QStringLiteral("/h"));
+        QCOMPARE(mark.suggestions, (QStringList{QStringLiteral("notes.txt"), QStringLiteral("nothing.txt")}));
+        QCOMPARE(mark.replacement, QStringLiteral("Cafe\u0301/not"));
+        QCOMPARE(mark.replacementStart, qsizetype(4));
+        QCOMPARE(mark.replacementEnd, qsizetype(12));
+        QCOMPARE(commonPrefix({QStringLiteral("\U0001F600\U0001F4C1"), QStringLiteral("\U0001F600\U0001F4C2")}),
+                 QStringLiteral("\U0001F600"));
     }
 
     void cursorIsClampedIntoTheLine()

@@ -1,7 +1,6 @@
 // Terminal sessions on real pseudo-terminals, driven through a loopback server.
-#include "support/agent_fixture.h"
+#include "support/terminal_fixture.h"
 #include "support/test_support.h"
-#include "terminal/terminal_session_manager.h"
 
 #include <QDir>
 #include <QJsonArray>
@@ -12,17 +11,10 @@ using namespace brinmoor::test;
 
 namespace {
 
-QJsonObject terminal(const char* type, const QString& sessionId, const QJsonObject& more = {})
+bool logged(const TerminalFixture& f, const QString& start)
 {
-    QJsonObject payload = more;
-    payload.insert(QStringLiteral("sessionId"), sessionId);
-    return {{QStringLiteral("type"), QLatin1String(type)}, {QStringLiteral("payload"), payload}};
-}
-
-QJsonObject input(const QString& sessionId, const QByteArray& bytes)
-{
-    return terminal("terminal.input", sessionId,
-                    {{QStringLiteral("dataBase64"), QString::fromLatin1(bytes.toBase64())}});
+    const QStringList texts = f.log.texts();
+    return std::any_of(texts.begin(), texts.end(), [&](const QString& text) { return text.startsWith(start); });
 }
 
 } // namespace
@@ -32,68 +24,34 @@ class TstTerminalSessions : public QObject {
 
     int m_descriptorsAtStart = 0;
 
-    // The output of one session joined, without replays.
-    static QString output(AgentFixture& f, const QString& sessionId)
-    {
-        QString text;
-        for (const QJsonObject& m : f.server.messages()) {
-            if (m.value(QStringLiteral("type")) == QLatin1String("terminal.output") &&
-                m.value(QStringLiteral("sessionId")).toString() == sessionId && !m.contains(QStringLiteral("snapshot")))
-                text += m.value(QStringLiteral("data")).toString();
-        }
-        return text;
-    }
-
-    static bool waitForOutput(AgentFixture& f, const QString& sessionId, const QString& needle, int timeoutMs = 10000)
-    {
-        return waitUntil([&] { return output(f, sessionId).contains(needle); }, timeoutMs);
-    }
-
-    static std::optional<QJsonObject> waitForEvent(AgentFixture& f, const QString& type, const QString& sessionId,
-                                                   int skip = 0)
-    {
-        return f.server.waitFor(
-            [&](const QJsonObject& m) {
-                return m.value(QStringLiteral("type")).toString() == type &&
-                       m.value(QStringLiteral("sessionId")).toString() == sessionId;
-            },
-            10000, skip);
-    }
-
-    static void open(AgentFixture& f, const QString& sessionId, const QString& project, const QString& mode = QString(),
-                     const QJsonObject& more = {})
-    {
-        QJsonObject payload = more;
-        payload.insert(QStringLiteral("projectPath"), project);
-        if (!mode.isEmpty())
-            payload.insert(QStringLiteral("mode"), mode);
-        f.server.send(terminal("terminal.open", sessionId, payload));
-    }
-
 private Q_SLOTS:
     void initTestCase() { m_descriptorsAtStart = openDescriptorCount(); }
 
+    // The shells of an earlier test are killed when its agent goes and reaped as the
+    // loop runs on: each test starts without them.
+    void init()
+    {
+        QVERIFY(waitUntil([] { return childProcesses().isEmpty(); }));
+    }
+
     void lineModeRunsCommandsWithoutEcho()
     {
-        AgentFixture f;
-        QDir().mkpath(f.repo.path() + QStringLiteral("/App"));
+        TerminalFixture f;
         QVERIFY(f.connect());
-        DiagRecorder log;
-        open(f, QStringLiteral("s1"), QStringLiteral("App"));
+        f.open(QStringLiteral("s1"), QStringLiteral("App"));
         const std::optional<QJsonObject> opened =
-            waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("s1"));
+            f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("s1"));
         QVERIFY(opened);
         QVERIFY(!opened->contains(QStringLiteral("mode")));
         QCOMPARE(opened->value(QStringLiteral("status")).toString(), QStringLiteral("running"));
         const QString workingDir = f.repo.path() + QStringLiteral("/App");
-        QVERIFY(waitForOutput(f, QStringLiteral("s1"),
-                              QStringLiteral("[terminal started in ") + workingDir +
-                                  QStringLiteral("]\n[try: pwd, ls, codex, claude]\n")));
-        QVERIFY(log.texts().first().startsWith(QStringLiteral("terminal.open sessionId=s1 projectPath=App pid=")));
+        QVERIFY(f.waitForOutput(QStringLiteral("s1"), QStringLiteral("[terminal started in ") + workingDir +
+                                                          QStringLiteral("]\n[try: pwd, ls, codex, claude]\n")));
+        QVERIFY(logged(f, QStringLiteral("terminal.open sessionId=s1 projectPath=App pid=")));
 
-        f.server.send(input(QStringLiteral("s1"), "echo \"$BRINMOOR_PROJECT_PATH:$TERM:$BRINMOOR_REPO_ROOT\"; pwd\n"));
-        QVERIFY(waitForOutput(f, QStringLiteral("s1"), workingDir + QStringLiteral("\r\n")));
-        const QString text = output(f, QStringLiteral("s1"));
+        f.type(QStringLiteral("s1"), "echo \"$BRINMOOR_PROJECT_PATH:$TERM:$BRINMOOR_REPO_ROOT\"; pwd\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("s1"), workingDir + QStringLiteral("\r\n")));
+        const QString text = f.output(QStringLiteral("s1"));
         const QString term = qEnvironmentVariable("TERM", QStringLiteral("xterm-256color"));
         QVERIFY2(text.contains(QStringLiteral("App:") + (term.isEmpty() ? QStringLiteral("xterm-256color") : term) +
                                QLatin1Char(':') + f.repo.path() + QStringLiteral("\r\n")),
@@ -104,101 +62,100 @@ private Q_SLOTS:
 
     void interactiveModeEchoesAndRunsALoginShell()
     {
-        AgentFixture f;
+        TerminalFixture f;
         QVERIFY(f.connect());
-        DiagRecorder log;
-        open(f, QStringLiteral("i1"), QStringLiteral("Nowhere"), QStringLiteral(" Interactive "));
+        f.open(QStringLiteral("i1"), QStringLiteral("Shell"), QStringLiteral(" Interactive "));
         const std::optional<QJsonObject> opened =
-            waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("i1"));
+            f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("i1"));
         QVERIFY(opened);
         QCOMPARE(opened->value(QStringLiteral("mode")).toString(), QStringLiteral("interactive"));
-        QVERIFY(log.texts().first().startsWith(
-            QStringLiteral("terminal.open.interactive sessionId=i1 projectPath=Nowhere pid=")));
-        f.server.send(input(QStringLiteral("i1"), "echo mark-$((6*7))\n"));
+        QVERIFY(logged(f, QStringLiteral("terminal.open.interactive sessionId=i1 projectPath=Shell pid=")));
+        f.type(QStringLiteral("i1"), "echo mark-$((6*7))\n");
         // The typed line comes back (echo), then its result.
-        QVERIFY(waitForOutput(f, QStringLiteral("i1"), QStringLiteral("echo mark-$((6*7))")));
-        QVERIFY(waitForOutput(f, QStringLiteral("i1"), QStringLiteral("mark-42")));
-        // A project that does not exist starts in the repository root.
-        f.server.send(input(QStringLiteral("i1"), "echo \"at:$PWD\"\n"));
-        QVERIFY(waitForOutput(f, QStringLiteral("i1"), QStringLiteral("at:") + f.repo.path()));
-        // Closing an interactive session is silent.
-        f.server.send(terminal("terminal.close", QStringLiteral("i1")));
-        QTest::qWait(600);
-        QVERIFY(f.server.messagesOfType(QStringLiteral("terminal.closed")).isEmpty());
+        QVERIFY(f.waitForOutput(QStringLiteral("i1"), QStringLiteral("echo mark-$((6*7))")));
+        QVERIFY(f.waitForOutput(QStringLiteral("i1"), QStringLiteral("mark-42")));
+        // The shell's first output (its prompt) comes after "terminal.opened".
+        const QList<QJsonObject> events = f.server.messages();
+        const auto first = std::find_if(events.begin(), events.end(), [](const QJsonObject& m) {
+            return m.value(QStringLiteral("sessionId")) == QStringLiteral("i1");
+        });
+        QCOMPARE(first->value(QStringLiteral("type")).toString(), QStringLiteral("terminal.opened"));
+        f.type(QStringLiteral("i1"), "echo \"at:$PWD\"\n");
+        QVERIFY(
+            f.waitForOutput(QStringLiteral("i1"), QStringLiteral("at:") + f.repo.path() + QStringLiteral("/Shell")));
+        // Closing an interactive session is silent, also once its shell has gone.
+        const qint64 pid = f.pidOf(QStringLiteral("i1"));
+        QVERIFY(processExists(pid));
+        f.send("terminal.close", QStringLiteral("i1"));
+        QVERIFY(waitUntil([&] { return !processExists(pid); }));
+        QVERIFY(f.barrier());
+        QVERIFY(f.events(QStringLiteral("terminal.closed"), QStringLiteral("i1")).isEmpty());
     }
 
     void secondOpenWithoutReplaceIsRefused()
     {
-        AgentFixture f;
+        TerminalFixture f;
         QVERIFY(f.connect());
-        open(f, QStringLiteral("a"), QStringLiteral("P"));
-        QVERIFY(waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("a")));
-        DiagRecorder log;
-        open(f, QStringLiteral("b"), QStringLiteral("P"));
-        const std::optional<QJsonObject> error = waitForEvent(f, QStringLiteral("terminal.error"), QStringLiteral("b"));
+        f.open(QStringLiteral("a"), QStringLiteral("P"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("a")));
+        f.open(QStringLiteral("b"), QStringLiteral("P"));
+        const std::optional<QJsonObject> error = f.waitForEvent(QStringLiteral("terminal.error"), QStringLiteral("b"));
         QVERIFY(error);
         QCOMPARE(error->value(QStringLiteral("error")).toString(),
                  QStringLiteral("Active terminal session already exists for this project."));
         QCOMPARE(error->value(QStringLiteral("message")).toString(), error->value(QStringLiteral("error")).toString());
         QCOMPARE(error->value(QStringLiteral("projectPath")).toString(), QStringLiteral("P"));
-        QVERIFY(log.contains(QStringLiteral(
+        QVERIFY(f.log.contains(QStringLiteral(
             "terminal.error sessionId=b projectPath=P message=Active terminal session already exists for this project.")));
         // The first one still runs.
-        f.server.send(input(QStringLiteral("a"), "echo still-here\n"));
-        QVERIFY(waitForOutput(f, QStringLiteral("a"), QStringLiteral("still-here")));
+        f.type(QStringLiteral("a"), "echo still-here\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("a"), QStringLiteral("still-here")));
     }
 
     void replaceByIdClosesThatSessionAndOpensAtOnce()
     {
-        AgentFixture f;
+        TerminalFixture f;
         QVERIFY(f.connect());
-        open(f, QStringLiteral("old"), QStringLiteral("X"));
-        open(f, QStringLiteral("other"), QStringLiteral("Y"));
-        QVERIFY(waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("other")));
-        open(f, QStringLiteral("new"), QStringLiteral("Y"), QString(),
-             {{QStringLiteral("replace"), QStringLiteral("YES")},
-              {QStringLiteral("replaceSessionId"), QStringLiteral("old")}});
-        QVERIFY(waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("new")));
+        f.open(QStringLiteral("old"), QStringLiteral("X"));
+        f.open(QStringLiteral("other"), QStringLiteral("Y"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("other")));
+        f.open(QStringLiteral("new"), QStringLiteral("Y"), QString(),
+               {{QStringLiteral("replace"), QStringLiteral("YES")},
+                {QStringLiteral("replaceSessionId"), QStringLiteral("old")}});
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("new")));
         const std::optional<QJsonObject> closed =
-            waitForEvent(f, QStringLiteral("terminal.closed"), QStringLiteral("old"));
+            f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("old"));
         QVERIFY(closed);
         QCOMPARE(closed->value(QStringLiteral("exitCode")).toInt(), 143);
         // "other" was not the one named, and keeps running.
-        f.server.send(input(QStringLiteral("other"), "echo alive\n"));
-        QVERIFY(waitForOutput(f, QStringLiteral("other"), QStringLiteral("alive")));
+        f.type(QStringLiteral("other"), "echo alive\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("other"), QStringLiteral("alive")));
     }
 
     void replayKeepsTheNewest128ChunksWithoutTheGreeting()
     {
-        AgentFixture f;
+        TerminalFixture f;
         QVERIFY(f.connect());
-        open(f, QStringLiteral("r"), QStringLiteral("R"));
-        QVERIFY(waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("r")));
-        // Lines printed apart mostly arrive as chunks of their own; on a busy machine some
-        // are read together, so the shell prints more until there are over 128 chunks.
-        QStringList chunks;
-        for (int round = 1; round <= 6 && chunks.size() < 129; ++round) {
-            // The quotes keep the echoed command line from matching what the shell prints.
-            const QByteArray end = "round" + QByteArray::number(round) + "-done";
-            f.server.send(
-                input(QStringLiteral("r"), "for i in {1..130}; do echo line$i; sleep 0.01; done; echo \"round\"" +
-                                               QByteArray::number(round) + "\"-done\"\n"));
-            QVERIFY(waitForOutput(f, QStringLiteral("r"), QString::fromLatin1(end + "\r\n")));
-            chunks.clear();
-            for (const QJsonObject& m : f.server.messagesOfType(QStringLiteral("terminal.output")))
-                chunks.append(m.value(QStringLiteral("data")).toString());
-            chunks.removeFirst(); // the greeting
+        f.open(QStringLiteral("r"), QStringLiteral("R"));
+        QVERIFY(f.waitForOutput(QStringLiteral("r"), QStringLiteral("[try: pwd, ls, codex, claude]\n")));
+        // Each line is printed only after the previous one has arrived, so each is read
+        // apart: at least one chunk per line, 130 lines in all.
+        for (int i = 1; i <= 130; ++i) {
+            f.type(QStringLiteral("r"), "echo line" + QByteArray::number(i) + "\n");
+            QVERIFY(f.waitForOutput(QStringLiteral("r"), QStringLiteral("line%1\r\n").arg(i)));
         }
-        QVERIFY2(chunks.size() >= 129, qPrintable(QString::number(chunks.size())));
+        QStringList chunks = f.chunks(QStringLiteral("r"));
+        chunks.removeFirst(); // the greeting
+        QVERIFY2(chunks.size() >= 130, qPrintable(QString::number(chunks.size())));
         f.server.clearMessages();
-        f.server.send(terminal("terminal.attach", QStringLiteral("r")));
-        QVERIFY(waitUntil([&] { return f.server.messagesOfType(QStringLiteral("terminal.output")).size() >= 128; }));
-        QTest::qWait(200);
+        f.send("terminal.attach", QStringLiteral("r"));
+        QVERIFY(f.barrier());
         const QList<QJsonObject> events = f.server.messages();
         QCOMPARE(events.first().value(QStringLiteral("type")).toString(), QStringLiteral("terminal.opened"));
+        QCOMPARE(events.first().value(QStringLiteral("sessionId")).toString(), QStringLiteral("r"));
         QVERIFY(!events.first().contains(QStringLiteral("mode")));
         QStringList replayed;
-        for (const QJsonObject& m : f.server.messagesOfType(QStringLiteral("terminal.output"))) {
+        for (const QJsonObject& m : f.events(QStringLiteral("terminal.output"), QStringLiteral("r"))) {
             QCOMPARE(m.value(QStringLiteral("snapshot")), QJsonValue(true));
             replayed.append(m.value(QStringLiteral("data")).toString());
         }
@@ -208,11 +165,11 @@ private Q_SLOTS:
 
     void attachToAnUnknownSession()
     {
-        AgentFixture f;
+        TerminalFixture f;
         QVERIFY(f.connect());
-        f.server.send(terminal("terminal.attach", QStringLiteral(" ghost ")));
+        f.send("terminal.attach", QStringLiteral(" ghost "));
         const std::optional<QJsonObject> error =
-            waitForEvent(f, QStringLiteral("terminal.error"), QStringLiteral("ghost"));
+            f.waitForEvent(QStringLiteral("terminal.error"), QStringLiteral("ghost"));
         QVERIFY(error);
         QCOMPARE(error->value(QStringLiteral("message")).toString(), QStringLiteral("Terminal session not found."));
         QCOMPARE(error->value(QStringLiteral("projectPath")).toString(), QString());
@@ -220,157 +177,181 @@ private Q_SLOTS:
 
     void resizeReportsTheRequestedSize()
     {
-        AgentFixture f;
+        TerminalFixture f;
         QVERIFY(f.connect());
-        open(f, QStringLiteral("z"), QStringLiteral("Z"));
-        QVERIFY(waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("z")));
-        f.server.send(terminal("terminal.resize", QStringLiteral("z"),
-                               {{QStringLiteral("cols"), 0}, {QStringLiteral("rows"), 0}}));
+        f.open(QStringLiteral("z"), QStringLiteral("Z"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("z")));
+        f.send("terminal.resize", QStringLiteral("z"), {{QStringLiteral("cols"), 0}, {QStringLiteral("rows"), 0}});
         const std::optional<QJsonObject> status =
-            waitForEvent(f, QStringLiteral("terminal.status"), QStringLiteral("z"));
+            f.waitForEvent(QStringLiteral("terminal.status"), QStringLiteral("z"));
         QVERIFY(status);
+        QCOMPARE(status->value(QStringLiteral("status")).toString(), QStringLiteral("running"));
         QCOMPARE(status->value(QStringLiteral("message")).toString(), QStringLiteral("Terminal ready (0x0)"));
-        f.server.send(input(QStringLiteral("z"), "stty size\n"));
-        QVERIFY(waitForOutput(f, QStringLiteral("z"), QStringLiteral("1 1\r\n")));
-        f.server.send(terminal("terminal.resize", QStringLiteral("z"),
-                               {{QStringLiteral("cols"), -5}, {QStringLiteral("rows"), 30.7}}));
+        f.type(QStringLiteral("z"), "stty size\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("z"), QStringLiteral("1 1\r\n")));
+        f.send("terminal.resize", QStringLiteral("z"), {{QStringLiteral("cols"), -5}, {QStringLiteral("rows"), 30.7}});
         const std::optional<QJsonObject> second =
-            waitForEvent(f, QStringLiteral("terminal.status"), QStringLiteral("z"), 1);
+            f.waitForEvent(QStringLiteral("terminal.status"), QStringLiteral("z"), 1);
         QVERIFY(second);
         QCOMPARE(second->value(QStringLiteral("message")).toString(), QStringLiteral("Terminal ready (0x30)"));
-        f.server.send(terminal("terminal.resize", QStringLiteral("z"),
-                               {{QStringLiteral("cols"), 70000}, {QStringLiteral("rows"), 2}}));
-        const std::optional<QJsonObject> error = waitForEvent(f, QStringLiteral("terminal.error"), QStringLiteral("z"));
-        QVERIFY(error);
-        QCOMPARE(error->value(QStringLiteral("message")).toString(),
-                 QStringLiteral("Failed to resize terminal session: columns and rows must be below 65536"));
     }
 
     void ctrlCInterruptsARunningSleep()
     {
-        AgentFixture f;
+        TerminalFixture f;
         QVERIFY(f.connect());
-        open(f, QStringLiteral("c"), QStringLiteral("C"), QStringLiteral("interactive"));
-        QVERIFY(waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("c")));
-        f.server.send(input(QStringLiteral("c"), "sleep 30; echo slept\n"));
-        QVERIFY(waitForOutput(f, QStringLiteral("c"), QStringLiteral("sleep 30; echo slept")));
-        QTest::qWait(300);
-        // An unknown name does nothing.
-        f.server.send(
-            terminal("terminal.signal", QStringLiteral("c"), {{QStringLiteral("signal"), QStringLiteral("stop")}}));
-        QElapsedTimer clock;
-        clock.start();
-        f.server.send(
-            terminal("terminal.signal", QStringLiteral("c"), {{QStringLiteral("signal"), QStringLiteral(" CTRL_C ")}}));
-        f.server.send(input(QStringLiteral("c"), "echo after-$((1+1))\n"));
-        QVERIFY(waitForOutput(f, QStringLiteral("c"), QStringLiteral("after-2"), 5000));
-        QVERIFY(clock.elapsed() < 5000);
-        QVERIFY(!output(f, QStringLiteral("c")).contains(QStringLiteral("\r\nslept")));
+        f.open(QStringLiteral("c"), QStringLiteral("C"), QStringLiteral("interactive"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("c")));
+        f.type(QStringLiteral("c"), "sleep 30; echo slept\n");
+        // The interrupt is for the sleep, so it goes once the sleep runs in the foreground.
+        const qint64 shell = f.pidOf(QStringLiteral("c"));
+        QVERIFY(waitUntil([&] {
+            const QList<qint64> children = childProcesses(shell);
+            return std::any_of(children.begin(), children.end(), [](qint64 pid) {
+                return test::readFile(QStringLiteral("/proc/%1/comm").arg(pid)) == "sleep\n";
+            });
+        }));
+        f.send("terminal.signal", QStringLiteral("c"), {{QStringLiteral("signal"), QStringLiteral(" CTRL_C ")}});
+        f.type(QStringLiteral("c"), "echo after-$((1+1))\n");
+        // Well within the sleep: only the interrupt lets the next command run this soon.
+        QVERIFY2(f.waitForOutput(QStringLiteral("c"), QStringLiteral("after-2\r\n"), 15000),
+                 qPrintable(f.output(QStringLiteral("c"))));
+        QVERIFY(!f.output(QStringLiteral("c")).contains(QStringLiteral("\r\nslept")));
+    }
+
+    void ctrlCIsOneByteAndUnknownNamesDoNothing()
+    {
+        TerminalFixture f;
+        QVERIFY(f.connect());
+        f.open(QStringLiteral("b"), QStringLiteral("B"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("b")));
+        // With signals off the terminal passes the byte on, and the shell prints it.
+        f.type(QStringLiteral("b"), "stty -isig; echo ready; IFS= read -r x; print -rn -- \"$x\" | od -An -tx1\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("b"), QStringLiteral("ready\r\n")));
+        f.send("terminal.signal", QStringLiteral("b"), {{QStringLiteral("signal"), QStringLiteral("stop")}});
+        f.send("terminal.signal", QStringLiteral("b"), {{QStringLiteral("signal"), QStringLiteral("Ctrl_C")}});
+        f.type(QStringLiteral("b"), "\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("b"), QStringLiteral(" 03\r\n")));
+        QCOMPARE(f.output(QStringLiteral("b")).section(QStringLiteral("ready\r\n"), 1), QStringLiteral(" 03\r\n"));
     }
 
     void lineModeInterruptReachesTheForegroundJob()
     {
-        AgentFixture f;
+        TerminalFixture f;
         QVERIFY(f.connect());
-        open(f, QStringLiteral("l"), QStringLiteral("L"));
-        QVERIFY(waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("l")));
-        f.server.send(input(QStringLiteral("l"), "sleep 30\n"));
-        QTest::qWait(300);
-        f.server.send(terminal("terminal.signal", QStringLiteral("l"),
-                               {{QStringLiteral("signal"), QStringLiteral("interrupt")}}));
+        f.open(QStringLiteral("l"), QStringLiteral("L"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("l")));
+        f.type(QStringLiteral("l"), "echo ready-$((1+1)); sleep 30\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("l"), QStringLiteral("ready-2\r\n")));
+        f.send("terminal.signal", QStringLiteral("l"), {{QStringLiteral("signal"), QStringLiteral("interrupt")}});
         // The interrupt ends the job; the line-mode shell, which has no job control,
         // ends with it.
         const std::optional<QJsonObject> closed =
-            waitForEvent(f, QStringLiteral("terminal.closed"), QStringLiteral("l"));
+            f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("l"));
         QVERIFY(closed);
-        QCOMPARE(closed->value(QStringLiteral("exitCode")).toInt(), 130);
+        QCOMPARE(closed->value(QStringLiteral("exitCode")), QJsonValue(130));
     }
 
     void shellExitStatusAndKill()
     {
-        AgentFixture f;
+        TerminalFixture f;
         QVERIFY(f.connect());
-        open(f, QStringLiteral("e"), QStringLiteral("E"));
-        open(f, QStringLiteral("k"), QStringLiteral("K"), QStringLiteral("interactive"));
-        QVERIFY(waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("e")));
-        QVERIFY(waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("k")));
-        f.server.send(input(QStringLiteral("e"), "exit 3\n"));
-        const std::optional<QJsonObject> three =
-            waitForEvent(f, QStringLiteral("terminal.closed"), QStringLiteral("e"));
+        f.open(QStringLiteral("e"), QStringLiteral("E"));
+        f.open(QStringLiteral("k"), QStringLiteral("K"), QStringLiteral("interactive"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("e")));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("k")));
+        f.type(QStringLiteral("e"), "exit 3\n");
+        const std::optional<QJsonObject> three = f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("e"));
         QVERIFY(three);
         QCOMPARE(three->value(QStringLiteral("exitCode")), QJsonValue(3));
-        f.server.send(
-            terminal("terminal.signal", QStringLiteral("k"), {{QStringLiteral("signal"), QStringLiteral("SIGKILL")}}));
+        f.send("terminal.signal", QStringLiteral("k"), {{QStringLiteral("signal"), QStringLiteral("SIGKILL")}});
         const std::optional<QJsonObject> killed =
-            waitForEvent(f, QStringLiteral("terminal.closed"), QStringLiteral("k"));
+            f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("k"));
         QVERIFY(killed);
         QCOMPARE(killed->value(QStringLiteral("exitCode")), QJsonValue(137));
         // The interactive shell exiting by itself reports its status too.
-        open(f, QStringLiteral("x"), QStringLiteral("X"), QStringLiteral("interactive"));
-        QVERIFY(waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("x")));
-        f.server.send(input(QStringLiteral("x"), "exit 3\n"));
-        const std::optional<QJsonObject> own = waitForEvent(f, QStringLiteral("terminal.closed"), QStringLiteral("x"));
+        f.open(QStringLiteral("x"), QStringLiteral("X"), QStringLiteral("interactive"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("x")));
+        f.type(QStringLiteral("x"), "exit 3\n");
+        const std::optional<QJsonObject> own = f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("x"));
         QVERIFY(own);
         QCOMPARE(own->value(QStringLiteral("exitCode")), QJsonValue(3));
     }
 
     void completionFollowsCdWithQuotesAndEscapes()
     {
-        AgentFixture f;
+        TerminalFixture f;
         QDir().mkpath(f.repo.path() + QStringLiteral("/W/My Folder/Documents"));
         test::writeFile(f.repo.path() + QStringLiteral("/W/My Folder/Docker.txt"));
         QVERIFY(f.connect());
-        open(f, QStringLiteral("w"), QStringLiteral("W"));
-        QVERIFY(waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("w")));
-        f.server.send(input(QStringLiteral("w"), "cd My\\ Folder\n"));
-        f.server.send(terminal("terminal.complete", QStringLiteral("w"),
-                               {{QStringLiteral("line"), QStringLiteral("ls Doc")}, {QStringLiteral("cursor"), 6}}));
+        f.open(QStringLiteral("w"), QStringLiteral("W"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("w")));
+        f.type(QStringLiteral("w"), "cd My\\ Folder\n");
+        f.send("terminal.complete", QStringLiteral("w"),
+               {{QStringLiteral("line"), QStringLiteral("ls Doc")}, {QStringLiteral("cursor"), 6}});
         const std::optional<QJsonObject> completion =
-            waitForEvent(f, QStringLiteral("terminal.completion"), QStringLiteral("w"));
+            f.waitForEvent(QStringLiteral("terminal.completion"), QStringLiteral("w"));
         QVERIFY(completion);
+        QCOMPARE(completion->value(QStringLiteral("projectPath")).toString(), QStringLiteral("W"));
         QCOMPARE(completion->value(QStringLiteral("suggestions")).toArray(),
                  (QJsonArray{QStringLiteral("Docker.txt"), QStringLiteral("Documents/")}));
         QCOMPARE(completion->value(QStringLiteral("replacement")).toString(), QStringLiteral("Doc"));
         QCOMPARE(completion->value(QStringLiteral("replacementStart")), QJsonValue(3));
         QCOMPARE(completion->value(QStringLiteral("replacementEnd")), QJsonValue(6));
         // The shell really went there too.
-        f.server.send(input(QStringLiteral("w"), "pwd\n"));
-        QVERIFY(waitForOutput(f, QStringLiteral("w"), QStringLiteral("/W/My Folder\r\n")));
-        // An unknown session gets nothing.
-        f.server.send(
-            terminal("terminal.complete", QStringLiteral("nope"), {{QStringLiteral("line"), QStringLiteral("ls")}}));
-        f.server.send(terminal("terminal.resize", QStringLiteral("nope"), {{QStringLiteral("cols"), 1}}));
-        f.server.send(input(QStringLiteral("nope"), "x"));
-        f.server.send(terminal("terminal.close", QStringLiteral("nope")));
-        f.server.send(
-            terminal("terminal.input", QStringLiteral("w"), {{QStringLiteral("dataBase64"), QStringLiteral("@@@")}}));
-        QTest::qWait(300);
-        QCOMPARE(f.server.messagesOfType(QStringLiteral("terminal.error")).size(), 0);
+        f.type(QStringLiteral("w"), "pwd\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("w"), QStringLiteral("/W/My Folder\r\n")));
+        // Undecodable input is ignored without a word.
+        f.send("terminal.input", QStringLiteral("w"), {{QStringLiteral("dataBase64"), QStringLiteral("@@@")}});
+        QVERIFY(f.barrier());
+        QVERIFY(f.events(QStringLiteral("terminal.error"), QStringLiteral("w")).isEmpty());
+    }
+
+    void completionWithoutACursorCountsCodePoints()
+    {
+        TerminalFixture f;
+        QDir().mkpath(f.repo.path() + QStringLiteral("/U/\U0001F4C1 one"));
+        QDir().mkpath(f.repo.path() + QStringLiteral("/U/\U0001F4C1 two"));
+        QVERIFY(f.connect());
+        f.open(QStringLiteral("u"), QStringLiteral("U"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("u")));
+        // No cursor: the end of the line, seven code points (eight UTF-16 units).
+        f.send("terminal.complete", QStringLiteral("u"),
+               {{QStringLiteral("line"), QStringLiteral("ls \U0001F4C1\\ t")}});
+        const std::optional<QJsonObject> completion =
+            f.waitForEvent(QStringLiteral("terminal.completion"), QStringLiteral("u"));
+        QVERIFY(completion);
+        QCOMPARE(completion->value(QStringLiteral("suggestions")).toArray(),
+                 QJsonArray{QStringLiteral("\U0001F4C1 two/")});
+        QCOMPARE(completion->value(QStringLiteral("replacement")).toString(), QStringLiteral("\U0001F4C1\\ two/"));
+        QCOMPARE(completion->value(QStringLiteral("replacementStart")), QJsonValue(3));
+        QCOMPARE(completion->value(QStringLiteral("replacementEnd")), QJsonValue(7));
     }
 
     void missingIdOrProjectIsAnError()
     {
-        AgentFixture f;
+        TerminalFixture f;
         QVERIFY(f.connect());
-        open(f, QStringLiteral("m"), QStringLiteral("  "));
-        const std::optional<QJsonObject> error = waitForEvent(f, QStringLiteral("terminal.error"), QStringLiteral("m"));
+        f.open(QStringLiteral("m"), QStringLiteral("  "), QString(), {}, false);
+        const std::optional<QJsonObject> error = f.waitForEvent(QStringLiteral("terminal.error"), QStringLiteral("m"));
         QVERIFY(error);
         QCOMPARE(error->value(QStringLiteral("message")).toString(),
                  QStringLiteral("Missing terminal session id or project path."));
+        QCOMPARE(error->value(QStringLiteral("projectPath")).toString(), QString());
     }
 
     void sessionsSurviveAReconnection()
     {
-        AgentFixture f;
+        TerminalFixture f;
         QVERIFY(f.connect());
-        open(f, QStringLiteral("s"), QStringLiteral("S"));
-        QVERIFY(waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("s")));
-        f.server.send(input(QStringLiteral("s"), "echo before\n"));
-        QVERIFY(waitForOutput(f, QStringLiteral("s"), QStringLiteral("before")));
+        f.open(QStringLiteral("s"), QStringLiteral("S"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("s")));
+        f.type(QStringLiteral("s"), "echo before\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("s"), QStringLiteral("before")));
         f.server.closeClient();
         QVERIFY(f.server.waitForConnections(2));
         f.server.clearMessages();
-        f.server.send(terminal("terminal.attach", QStringLiteral("s")));
+        f.send("terminal.attach", QStringLiteral("s"));
         QVERIFY(f.server.waitFor([](const QJsonObject& m) {
             return m.value(QStringLiteral("snapshot")) == QJsonValue(true) &&
                    m.value(QStringLiteral("data")).toString().contains(QStringLiteral("before"));
@@ -379,11 +360,12 @@ private Q_SLOTS:
 
     void stopClosesEverySession()
     {
-        AgentFixture f;
+        TerminalFixture f;
         QVERIFY(f.connect());
-        open(f, QStringLiteral("q1"), QStringLiteral("Q1"));
-        open(f, QStringLiteral("q2"), QStringLiteral("Q2"), QStringLiteral("interactive"));
-        QVERIFY(waitForEvent(f, QStringLiteral("terminal.opened"), QStringLiteral("q2")));
+        f.open(QStringLiteral("q1"), QStringLiteral("Q1"));
+        f.open(QStringLiteral("q2"), QStringLiteral("Q2"), QStringLiteral("interactive"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("q1")));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("q2")));
         QCOMPARE(childProcesses().size(), 2);
         f.runtime->stop();
         QVERIFY(waitUntil([] { return childProcesses().isEmpty(); }, 5000));

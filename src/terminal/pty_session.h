@@ -1,0 +1,139 @@
+#pragma once
+
+#include "base/utf8_stream_decoder.h"
+
+#include <QByteArray>
+#include <QDateTime>
+#include <QObject>
+#include <QPointer>
+#include <QStringList>
+
+#include <functional>
+
+class QProcess;
+class QSocketNotifier;
+
+namespace brinmoor {
+
+class OutgoingFlow;
+
+// One shell on a pseudo-terminal: the master, the shell's process, the reader (paused
+// while the connection is behind), a queue for input the terminal does not take at
+// once, the replay buffer and the folder the shell is believed to be in.
+//
+// Both kinds of terminal start the same way: a QProcess whose child makes the terminal
+// its controlling terminal and standard streams. Nothing here waits: the start, the
+// shell's end (reported by the process object when the kernel says the child exited)
+// and every read and write come through the event loop. A signal goes only to a shell
+// that has not been reaped yet, so it can never reach a process that reused its id.
+class PtySession : public QObject {
+    Q_OBJECT
+
+public:
+    // Line mode: `/bin/zsh -f` evaluating the lines it reads, echo off (the phone edits
+    // the line). Interactive: a login shell with its own line editor and echo.
+    enum class Mode { Line, Interactive };
+
+    struct Launch {
+        Mode mode = Mode::Line;
+        QStringList environment;
+    };
+
+    static constexpr int kMaxBufferedChunks = 128;
+    // Input the terminal has not taken yet. A phone that sends more while the shell
+    // does not read is refused rather than held without bound.
+    static constexpr qsizetype kMaxPendingInput = 1024 * 1024;
+
+    PtySession(const QString& sessionId, const QString& projectPath, const QString& workingDir, OutgoingFlow* flow,
+               std::function<void(const QString&)> diag, QObject* parent = nullptr);
+    ~PtySession() override;
+
+    // Allocates the terminal (80 by 24) and starts the shell in the working folder;
+    // `started` or `failedToStart` follows. False, with the reason, when no terminal
+    // could be allocated.
+    bool start(const Launch& launch, QString* error);
+
+    const QString& sessionId() const { return m_sessionId; }
+    const QString& projectPath() const { return m_projectPath; }
+    const QString& workingDir() const { return m_workingDir; }
+    bool isInteractive() const { return m_mode == Mode::Interactive; }
+    // Started (or starting) and not reaped yet.
+    bool isRunning() const;
+    // `close` was called: the session takes no more commands.
+    bool isClosed() const { return m_closed; }
+
+    // Queues the input and writes what the terminal takes now; the rest goes out as
+    // the terminal drains. False, with the reason, when it cannot be taken.
+    bool write(const QByteArray& data, QString* error);
+    // Ctrl-C through the terminal (after any input still waiting), whose line
+    // discipline interrupts the foreground job.
+    bool interrupt(QString* error);
+    // Sets the window size; false with the reason when the terminal refuses it.
+    bool resize(quint16 cols, quint16 rows, QString* error);
+    // Signals the shell when it is still running; true when a signal was sent.
+    bool sendSignal(int signal);
+    // Stops reading and asks the shell to end: SIGTERM, then SIGKILL when it still runs
+    // after the grace time. An interactive shell's terminal is let go at once (its
+    // hang-up ends the shell's jobs).
+    void close(int graceMilliseconds);
+    // The owner is done with the session: it deletes itself once its shell is reaped.
+    void release();
+
+    // The replay buffer: the newest output chunks, oldest first.
+    const QStringList& buffer() const { return m_buffer; }
+    QString currentDirectory;
+    QDateTime startedAt;
+    QDateTime updatedAt;
+    void touch() { updatedAt = QDateTime::currentDateTimeUtc(); }
+
+Q_SIGNALS:
+    void started(qint64 pid);
+    void failedToStart(const QString& description);
+    // Decoded output, one chunk per wake-up of the reader, already in the buffer.
+    void output(const QString& text);
+    // Queued input could not be written later on.
+    void writeFailed(const QString& description);
+    // The shell was reaped after its remaining output was delivered: its exit status,
+    // or 128 + the signal that ended it.
+    void exited(int exitCode);
+
+private:
+    // The terminal, 80 by 24; false with the reason when none could be allocated.
+    bool openTerminal(int* slave, QString* error);
+    void createShell(const Launch& launch, int slave);
+    void watchMaster();
+    void disableEcho(int fd);
+    bool enqueue(const QByteArray& data, QString* error);
+    bool flushInput(QString* error);
+    void onReadable();
+    // Reads and delivers what the terminal holds now, up to about `limit` bytes;
+    // returns how much was read and tells whether the terminal has ended.
+    qsizetype readAvailable(qsizetype limit, bool* ended);
+    void deliver(const QByteArray& data);
+    void onFinished(int exitCode, bool crashed);
+    void stopReading();
+    void closeMaster();
+    void pause();
+    void resume();
+
+    QString m_sessionId;
+    QString m_projectPath;
+    QString m_workingDir;
+    QPointer<OutgoingFlow> m_flow;
+    std::function<void(const QString&)> m_diag;
+    Mode m_mode = Mode::Line;
+    QProcess* m_process = nullptr;
+    qint64 m_pid = 0;
+    int m_master = -1;
+    QSocketNotifier* m_reader = nullptr;
+    QSocketNotifier* m_writer = nullptr;
+    // Input the terminal has not taken yet.
+    QByteArray m_pendingInput;
+    Utf8StreamDecoder m_decoder;
+    QStringList m_buffer;
+    bool m_paused = false;
+    bool m_closed = false;
+    bool m_released = false;
+};
+
+} // namespace brinmoor
