@@ -63,15 +63,25 @@ void PermissionRequests::withdraw(RelayConnection* waiting)
 
 void PermissionRequests::endTask(const QString& taskId)
 {
+    denyWhere([&](const PermissionRequest& request) { return request.taskId == taskId; },
+              QStringLiteral("the task ended before a decision"), QStringLiteral("task ended"));
+}
+
+void PermissionRequests::endAll(const QString& message, const QString& reason)
+{
+    denyWhere([](const PermissionRequest&) { return true; }, message, reason);
+}
+
+void PermissionRequests::denyWhere(const std::function<bool(const PermissionRequest&)>& match, const QString& message,
+                                   const QString& reason)
+{
     QStringList ended;
     for (const auto& [requestId, entry] : m_entries) {
-        if (entry.request.taskId == taskId)
+        if (match(entry.request))
             ended.append(requestId);
     }
-    for (const QString& requestId : ended) {
-        resolve(requestId, RelayMessages::deny(QStringLiteral("the task ended before a decision")),
-                QStringLiteral("deny"), QStringLiteral("task ended"));
-    }
+    for (const QString& requestId : ended)
+        resolve(requestId, RelayMessages::deny(message), QStringLiteral("deny"), reason);
 }
 
 QList<PermissionRequest> PermissionRequests::pending() const

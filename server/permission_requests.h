@@ -24,7 +24,7 @@ public:
     ~PermissionRequests() override;
 
     // Called for every request that ends, with "allow" or "deny" and why
-    // ("client", "timeout", "task ended", "withdrawn").
+    // ("client", "timeout", "task ended", "withdrawn", or endAll's).
     std::function<void(const PermissionRequest&, const QString& decision, const QString& reason)> onResolved;
 
     // Holds `waiting` until the request is resolved; gives the new request id.
@@ -36,6 +36,8 @@ public:
     void withdraw(RelayConnection* waiting);
     // Every request of this task is denied.
     void endTask(const QString& taskId);
+    // Every request is denied with this message, resolved for this reason.
+    void endAll(const QString& message, const QString& reason);
 
     // Unresolved requests, oldest first.
     QList<PermissionRequest> pending() const;
@@ -48,6 +50,8 @@ private:
         RelayConnection* waiting;
         std::unique_ptr<QTimer> timer;
     };
+    void denyWhere(const std::function<bool(const PermissionRequest&)>& match, const QString& message,
+                   const QString& reason);
     void resolve(const QString& requestId, const QByteArray& answer, const QString& decision, const QString& reason);
 
     int m_timeoutMs;

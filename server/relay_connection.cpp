@@ -11,6 +11,9 @@ namespace {
 // slow peer's backlog can be measured and dropped.
 constexpr qint64 kSocketWindow = 256 * 1024;
 constexpr int kClosingGraceMs = 5'000;
+// A peer that keeps sending after its answer (a refused 16 MiB body) is not read for
+// long: past this much the socket is let go.
+constexpr qint64 kMaxDiscardedWhileClosing = 256 * 1024;
 
 QString addressText(const QHostAddress& address)
 {
@@ -28,6 +31,9 @@ RelayConnection::RelayConnection(QTcpSocket* socket, const RelayLimits& limits, 
 {
     m_socket->setParent(this);
     m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    // Until the token is shown the socket holds no more than one request head; the rest
+    // waits in the kernel, which stops the sender.
+    m_socket->setReadBufferSize(m_limits.maxHeadSize);
     connect(m_socket, &QTcpSocket::readyRead, this, &RelayConnection::onReadyRead);
     connect(m_socket, &QTcpSocket::bytesWritten, this, &RelayConnection::onBytesWritten);
     connect(m_socket, &QTcpSocket::disconnected, this, &RelayConnection::finish);
@@ -39,6 +45,8 @@ RelayConnection::RelayConnection(QTcpSocket* socket, const RelayLimits& limits, 
     connect(&m_deadline, &QTimer::timeout, this, [this] {
         if (m_state == State::Request)
             respond(jsonResponse(408, "{\"error\":\"request head not received in time\"}"));
+        else if (m_state == State::Body)
+            respond(jsonResponse(408, "{\"error\":\"request body not received in time\"}"));
         else
             finish();
     });
@@ -63,7 +71,12 @@ void RelayConnection::onReadyRead()
         return;
     if (m_state == State::Held || m_state == State::Closing) {
         // Nothing more is expected from a held request or a closing peer.
-        m_socket->skip(available);
+        m_discarded += qMax<qint64>(m_socket->skip(available), 0);
+        if (m_state == State::Closing && m_discarded > kMaxDiscardedWhileClosing) {
+            // The answer goes out before the socket does.
+            m_socket->flush();
+            finish();
+        }
         return;
     }
     const qsizetype before = m_buffer.size();
@@ -72,6 +85,8 @@ void RelayConnection::onReadyRead()
     m_buffer.resize(before + qMax<qint64>(n, 0));
     if (m_state == State::Request)
         readRequest();
+    else if (m_state == State::Body)
+        readBodyBytes();
     else if (m_state == State::Open)
         readFrames();
 }
@@ -102,13 +117,33 @@ void RelayConnection::readRequest()
             return;
         }
     }
-    if (m_buffer.size() < request.headSize + bodySize)
+    m_buffer.remove(0, request.headSize);
+    m_bodySize = bodySize;
+    m_state = State::Held;
+    m_handler.requestReceived(*this, request);
+    if (m_state == State::Body) {
+        m_request = request;
+        readBodyBytes();
+    }
+}
+
+void RelayConnection::readBody()
+{
+    if (m_state != State::Held)
         return;
-    const QByteArray body = m_buffer.mid(request.headSize, bodySize);
-    m_buffer.remove(0, request.headSize + bodySize);
+    m_state = State::Body;
+    m_socket->setReadBufferSize(0);
+}
+
+void RelayConnection::readBodyBytes()
+{
+    if (m_buffer.size() < m_bodySize)
+        return;
+    const QByteArray body = m_buffer.first(m_bodySize);
+    m_buffer.clear();
     m_state = State::Held;
     m_deadline.stop();
-    m_handler.requestReceived(*this, request, body);
+    m_handler.bodyReceived(*this, m_request, body);
 }
 
 void RelayConnection::upgrade(Role role, QByteArrayView key, QByteArrayView subprotocol)
@@ -117,6 +152,8 @@ void RelayConnection::upgrade(Role role, QByteArrayView key, QByteArrayView subp
         return;
     m_role = role;
     m_state = State::Open;
+    m_deadline.stop();
+    m_socket->setReadBufferSize(0);
     QByteArray response = "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
                           "Sec-WebSocket-Accept: " +
                           ws::acceptKey(key) + "\r\n";
@@ -144,11 +181,11 @@ void RelayConnection::readFrames()
         case ws::Binary: m_handler.messageReceived(*this, message.payload); break;
         case ws::Ping: sendFrame(ws::frame(ws::Pong, message.payload)); break;
         case ws::Close: {
-            // Answer with the peer's own code, then let the socket go.
+            // Answer with the peer's own code where it may be sent back, then let the socket go.
             const quint16 code = message.payload.size() >= 2
                                      ? quint16((quint8(message.payload[0]) << 8) | quint8(message.payload[1]))
                                      : quint16(ws::NormalClosure);
-            close(code, {});
+            close(ws::isSendableCloseCode(code) ? code : quint16(ws::NormalClosure), {});
             break;
         }
         default: break;
@@ -214,9 +251,14 @@ void RelayConnection::close(quint16 code, QByteArrayView reason)
     m_deadline.start(kClosingGraceMs);
 }
 
+void RelayConnection::abort()
+{
+    finish();
+}
+
 void RelayConnection::respond(const QByteArray& response)
 {
-    if (m_state != State::Request && m_state != State::Held)
+    if (m_state != State::Request && m_state != State::Body && m_state != State::Held)
         return;
     m_state = State::Closing;
     m_socket->write(response);
@@ -241,6 +283,7 @@ void RelayConnection::finish()
     m_deadline.stop();
     notifyClosed();
     m_socket->abort();
+    m_handler.connectionReleased(*this);
     deleteLater();
 }
 

@@ -17,8 +17,11 @@ namespace brinmoor::relay {
 struct RelayLimits {
     qsizetype maxMessageSize = 16 * 1024 * 1024; // one WebSocket message or request body
     qsizetype maxBacklog = 8 * 1024 * 1024;      // unsent bytes to one peer before it is dropped
-    qsizetype maxHeadSize = 16 * 1024;
+    qsizetype maxHeadSize = 16 * 1024;           // also all that is read before the token is shown
     int headTimeoutMs = 10'000;
+    int maxConnections = 8192; // all of them; lowered to fit the open-file limit
+    int maxUnauthenticated = 256;
+    int maxUnauthenticatedPerAddress = 32;
 };
 
 class RelayConnection;
@@ -27,12 +30,17 @@ class RelayConnection;
 class ConnectionHandler {
 public:
     virtual ~ConnectionHandler() = default;
-    // A complete HTTP request (head and body); the handler answers, upgrades or holds it.
-    virtual void requestReceived(RelayConnection& connection, const HttpRequest& request, const QByteArray& body) = 0;
+    // The head of an HTTP request, before any of its body is read: the handler answers
+    // it, upgrades it, or asks for the body with readBody().
+    virtual void requestReceived(RelayConnection& connection, const HttpRequest& request) = 0;
+    // The whole body that readBody() asked for; the handler answers or holds the request.
+    virtual void bodyReceived(RelayConnection& connection, const HttpRequest& request, const QByteArray& body) = 0;
     // One text or binary message on an upgraded connection.
     virtual void messageReceived(RelayConnection& connection, QByteArrayView payload) = 0;
-    // Called once when the connection is closing or gone; nothing is called after it.
+    // Called once when the connection is closing or gone; only connectionReleased follows.
     virtual void connectionClosed(RelayConnection& connection) = 0;
+    // The socket is let go; the connection is deleted soon after.
+    virtual void connectionReleased(RelayConnection& connection) = 0;
 };
 
 // One TCP connection: an HTTP request, and after an upgrade a WebSocket. It bounds what
@@ -50,9 +58,13 @@ public:
     const QString& address() const { return m_address; }
     Role role() const { return m_role; }
     bool isOpen() const { return m_state == State::Open; }
+    // Still reading a request's head or body.
+    bool isReadingRequest() const { return m_state == State::Request || m_state == State::Body; }
 
     // Answers the HTTP request and closes.
     void respond(const QByteArray& response);
+    // Reads the body of a request whose sender has shown the token.
+    void readBody();
     // Completes the WebSocket handshake; later messages go to messageReceived.
     void upgrade(Role role, QByteArrayView key, QByteArrayView subprotocol);
     // Queues a prebuilt frame; a peer that lets too much pile up is dropped.
@@ -60,6 +72,8 @@ public:
     void sendText(QByteArrayView text);
     // Starts the closing handshake; the peer hears the code and reason.
     void close(quint16 code, QByteArrayView reason);
+    // Lets the socket go at once, without a word.
+    void abort();
 
     // Bytes handed over but not yet sent.
     qsizetype backlog() const;
@@ -67,11 +81,12 @@ public:
     const QByteArray& closeReason() const { return m_closeReason; }
 
 private:
-    enum class State { Request, Held, Open, Closing, Closed };
+    enum class State { Request, Body, Held, Open, Closing, Closed };
 
     void onReadyRead();
     void onBytesWritten();
     void readRequest();
+    void readBodyBytes();
     void readFrames();
     void drainQueue();
     void notifyClosed();
@@ -85,6 +100,9 @@ private:
     State m_state = State::Request;
     QByteArray m_buffer;
     qsizetype m_offset = 0;
+    HttpRequest m_request;    // while its body is read
+    qsizetype m_bodySize = 0; // announced by Content-Length
+    qint64 m_discarded = 0;   // read and dropped while closing
     ws::FrameReader m_reader;
     std::deque<QByteArray> m_queue;
     qsizetype m_queued = 0;

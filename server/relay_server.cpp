@@ -7,6 +7,7 @@
 #include <QJsonDocument>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QTimer>
 #include <QUuid>
 
 #include <cstring>
@@ -16,6 +17,9 @@ namespace brinmoor::relay {
 namespace {
 
 constexpr quint16 kReplacedCloseCode = 4000;
+constexpr int kListenBacklog = 512;
+// After the kernel refuses an accept (out of files), accepting resumes a little later.
+constexpr int kAcceptRetryMs = 1'000;
 
 // Messages an agent sends in bulk; relayed without being parsed.
 constexpr QByteArrayView kStreamingTypes[] = {
@@ -62,17 +66,25 @@ QByteArray error(int status, const QString& text, QByteArrayView extraHeaders = 
 
 RelayServer::RelayServer(RelayConfig config, QObject* parent)
     : QObject(parent), m_config(std::move(config)), m_listener(new QTcpServer(this)), m_auth(m_config.token),
-      m_permissions(m_config.approvalTimeoutMs)
+      m_origins(m_config.allowedOrigins), m_permissions(m_config.approvalTimeoutMs)
 {
     m_clock.start();
+    m_listener->setListenBacklogSize(kListenBacklog);
     connect(m_listener, &QTcpServer::newConnection, this, [this] {
         while (QTcpSocket* socket = m_listener->nextPendingConnection())
-            new RelayConnection(socket, m_config.limits, *this, this);
+            admit(socket);
+    });
+    // QTcpServer stops accepting for good when the kernel refuses an accept.
+    connect(m_listener, &QTcpServer::acceptError, this, [this](QAbstractSocket::SocketError) {
+        logEvent("accept.failed", {{"reason", m_listener->errorString()}});
+        QTimer::singleShot(kAcceptRetryMs, m_listener, [this] {
+            if (!m_stopping)
+                m_listener->resumeAccepting();
+        });
     });
     m_permissions.onResolved = [this](const PermissionRequest& request, const QString& decision,
                                       const QString& reason) {
-        diag(QStringLiteral("permission.resolved requestId=") + request.requestId + QStringLiteral(" decision=") +
-             decision + QStringLiteral(" reason=") + reason);
+        logEvent("permission.resolved", {{"requestId", request.requestId}, {"decision", decision}, {"reason", reason}});
         broadcastText(RelayMessages::permissionResolved(request.requestId, decision, reason));
     };
 }
@@ -99,7 +111,76 @@ quint16 RelayServer::port() const
     return m_listener->serverPort();
 }
 
-void RelayServer::requestReceived(RelayConnection& connection, const HttpRequest& request, const QByteArray& body)
+void RelayServer::stop()
+{
+    if (m_stopping)
+        return;
+    m_stopping = true;
+    m_listener->close();
+    m_permissions.endAll(QStringLiteral("the server shut down before a decision"),
+                         QStringLiteral("server shutting down"));
+    const QList<RelayConnection*> agents = m_agentIds.keys();
+    for (RelayConnection* agent : agents)
+        agent->close(ws::GoingAway, "server shutting down");
+    const std::vector<RelayConnection*> clients = m_clients;
+    for (RelayConnection* client : clients) {
+        if (client)
+            client->close(ws::GoingAway, "server shutting down");
+    }
+    // Requests still being read get no answer; answered ones finish sending it.
+    const QSet<RelayConnection*> connections = m_connections;
+    for (RelayConnection* connection : connections) {
+        if (connection->isReadingRequest())
+            connection->abort();
+    }
+    reportStoppedWhenEmpty();
+}
+
+void RelayServer::reportStoppedWhenEmpty()
+{
+    if (m_stopping && !m_stopped && m_connections.isEmpty()) {
+        m_stopped = true;
+        Q_EMIT stopped();
+    }
+}
+
+void RelayServer::admit(QTcpSocket* socket)
+{
+    auto* connection = new RelayConnection(socket, m_config.limits, *this, this);
+    const QString& address = connection->address();
+    m_connections.insert(connection);
+    m_unauthenticated.add(connection, address);
+    const RelayLimits& limits = m_config.limits;
+    if (m_unauthenticated.countFrom(address) > limits.maxUnauthenticatedPerAddress) {
+        dropOldestUnauthenticated(*connection, address,
+                                  QStringLiteral("more than %1 connections without a token from this address")
+                                      .arg(limits.maxUnauthenticatedPerAddress));
+    }
+    if (m_unauthenticated.size() > limits.maxUnauthenticated) {
+        dropOldestUnauthenticated(
+            *connection, {}, QStringLiteral("more than %1 connections without a token").arg(limits.maxUnauthenticated));
+    }
+    if (m_connections.size() > limits.maxConnections) {
+        const QString reason = QStringLiteral("more than %1 connections").arg(limits.maxConnections);
+        if (!dropOldestUnauthenticated(*connection, {}, reason)) {
+            logEvent("connection.refused", {{"address", address}, {"reason", reason}});
+            connection->abort();
+        }
+    }
+}
+
+bool RelayServer::dropOldestUnauthenticated(const RelayConnection& newcomer, const QString& address,
+                                            const QString& reason)
+{
+    RelayConnection* oldest = m_unauthenticated.oldest(&newcomer, address);
+    if (!oldest)
+        return false;
+    logEvent("connection.dropped", {{"address", oldest->address()}, {"reason", reason}});
+    oldest->abort();
+    return true;
+}
+
+void RelayServer::requestReceived(RelayConnection& connection, const HttpRequest& request)
 {
     const QByteArray& path = request.path;
     if (path == "/v1/health") {
@@ -109,16 +190,15 @@ void RelayServer::requestReceived(RelayConnection& connection, const HttpRequest
             connection.respond(error(405, QStringLiteral("method not allowed"), "Allow: GET\r\n"));
         return;
     }
+    // Everything else under /v1 needs the token, and a browser's page must be one the
+    // relay trusts; all of it is decided from the head, before any body is read.
     const bool upgradePath = path == "/v1/ws/agent" || path == "/v1/ws/client";
     if (!upgradePath && path != "/v1/agents" && path != "/v1/approvals") {
         connection.respond(error(404, QStringLiteral("not found")));
         return;
     }
-    if (m_auth.isBlocked(connection.address(), m_clock.elapsed())) {
-        connection.respond(error(429, QStringLiteral("too many failed attempts; try again later"),
-                                 QByteArray("Retry-After: " + QByteArray::number(m_auth.blockMs() / 1000) + "\r\n")));
+    if (!originAllowed(connection, request))
         return;
-    }
     const QByteArray method = path == "/v1/approvals" ? "POST" : "GET";
     if (request.method != method) {
         connection.respond(error(405, QStringLiteral("method not allowed"), QByteArray("Allow: " + method + "\r\n")));
@@ -127,13 +207,14 @@ void RelayServer::requestReceived(RelayConnection& connection, const HttpRequest
     QByteArray subprotocol;
     if (!authorize(connection, request, &subprotocol))
         return;
+    m_unauthenticated.remove(&connection);
 
     if (path == "/v1/agents") {
         connection.respond(jsonResponse(200, RelayMessages::agentList(agentRecords())));
         return;
     }
     if (path == "/v1/approvals") {
-        receiveApproval(connection, body);
+        connection.readBody();
         return;
     }
     const QByteArray key = request.header("sec-websocket-key");
@@ -153,15 +234,35 @@ void RelayServer::requestReceived(RelayConnection& connection, const HttpRequest
         acceptClient(connection, request, subprotocol);
 }
 
+void RelayServer::bodyReceived(RelayConnection& connection, const HttpRequest&, const QByteArray& body)
+{
+    receiveApproval(connection, body);
+}
+
+bool RelayServer::originAllowed(RelayConnection& connection, const HttpRequest& request)
+{
+    // Only browsers send an Origin; the agent, the phone app and the approval tool do not.
+    if (!request.hasHeader("origin") || m_origins.allows(request.header("origin"), request.header("host")))
+        return true;
+    logEvent("origin.refused", {{"address", connection.address()},
+                                {"path", QString::fromUtf8(request.path)},
+                                {"origin", QString::fromUtf8(request.header("origin"))}});
+    connection.respond(error(403, QStringLiteral("origin not allowed")));
+    return false;
+}
+
 bool RelayServer::authorize(RelayConnection& connection, const HttpRequest& request, QByteArray* subprotocol)
 {
-    bool granted = m_auth.tokenMatches(bearerToken(request));
+    const QByteArray bearer = bearerToken(request);
+    bool presented = !bearer.isEmpty();
+    bool granted = m_auth.tokenMatches(bearer);
     // Browsers cannot set headers on a WebSocket, so clients may carry the token as a
     // subprotocol "bearer.TOKEN"; the server answers with a protocol the client offered.
     if (request.path == "/v1/ws/client") {
         QByteArray bearerOffer;
         for (const QByteArray& offer : offeredSubprotocols(request)) {
             if (offer.startsWith("bearer.")) {
+                presented = true;
                 if (m_auth.tokenMatches(QByteArrayView(offer).sliced(7))) {
                     granted = true;
                     bearerOffer = offer;
@@ -173,15 +274,24 @@ bool RelayServer::authorize(RelayConnection& connection, const HttpRequest& requ
         if (subprotocol->isEmpty())
             *subprotocol = bearerOffer;
     }
+    // The right token is always served; only wrong ones are held back.
     if (granted)
         return true;
-    const QString address = connection.address();
-    diag(QStringLiteral("auth.refused address=") + address + QStringLiteral(" path=") +
-         QString::fromUtf8(request.path));
-    if (m_auth.recordFailure(address, m_clock.elapsed())) {
-        diag(QStringLiteral("auth.blocked address=") + address + QStringLiteral(" seconds=") +
-             QString::number(m_auth.blockMs() / 1000));
+    const QString& address = connection.address();
+    const QString path = QString::fromUtf8(request.path);
+    const qint64 now = m_clock.elapsed();
+    if (m_auth.isBlocked(address, now)) {
+        logEvent("auth.refused",
+                 {{"address", address}, {"path", path}, {"reason", QStringLiteral("too many failed attempts")}});
+        connection.respond(error(429, QStringLiteral("too many failed attempts; try again later"),
+                                 QByteArray("Retry-After: " + QByteArray::number(m_auth.blockMs() / 1000) + "\r\n")));
+        return false;
     }
+    logEvent("auth.refused", {{"address", address},
+                              {"path", path},
+                              {"reason", presented ? QStringLiteral("wrong token") : QStringLiteral("no token")}});
+    if (m_auth.recordFailure(address, now))
+        logEvent("auth.blocked", {{"address", address}, {"seconds", QString::number(m_auth.blockMs() / 1000)}});
     connection.respond(error(401, QStringLiteral("unauthorized"), "WWW-Authenticate: Bearer\r\n"));
     return false;
 }
@@ -199,7 +309,7 @@ void RelayServer::acceptAgent(RelayConnection& connection, const HttpRequest& re
         RelayConnection* old = existing->connection;
         m_agentIds.remove(old);
         dropAgent(*existing);
-        diag(QStringLiteral("agent.replaced agentId=") + agentId);
+        logEvent("agent.replaced", {{"agentId", agentId}});
         old->close(kReplacedCloseCode, "replaced by a newer connection");
     }
     Agent agent;
@@ -210,7 +320,7 @@ void RelayServer::acceptAgent(RelayConnection& connection, const HttpRequest& re
     m_agentIds.insert(&connection, agentId);
     connection.upgrade(RelayConnection::Role::Agent, request.header("sec-websocket-key"), {});
     connection.sendText(RelayMessages::agentHello());
-    diag(QStringLiteral("agent.connected agentId=") + agentId + QStringLiteral(" address=") + connection.address());
+    logEvent("agent.connected", {{"agentId", agentId}, {"address", connection.address()}});
     broadcastText(RelayMessages::agentOnline(agentId));
 }
 
@@ -221,7 +331,7 @@ void RelayServer::acceptClient(RelayConnection& connection, const HttpRequest& r
     connection.sendText(RelayMessages::serverHello(agentRecords()));
     for (const PermissionRequest& pending : m_permissions.pending())
         connection.sendText(RelayMessages::permissionRequest(pending));
-    diag(QStringLiteral("client.connected address=") + connection.address());
+    logEvent("client.connected", {{"address", connection.address()}});
 }
 
 void RelayServer::receiveApproval(RelayConnection& connection, const QByteArray& body)
@@ -254,8 +364,8 @@ void RelayServer::receiveApproval(RelayConnection& connection, const QByteArray&
     }
     request.agentId = *task;
     request.requestId = m_permissions.add(request, &connection);
-    diag(QStringLiteral("permission.request requestId=") + request.requestId + QStringLiteral(" taskId=") +
-         request.taskId + QStringLiteral(" toolName=") + request.toolName);
+    logEvent("permission.request",
+             {{"requestId", request.requestId}, {"taskId", request.taskId}, {"toolName", request.toolName}});
     broadcastText(RelayMessages::permissionRequest(request));
 }
 
@@ -277,7 +387,7 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
 {
     const QByteArrayView body = payload.trimmed();
     if (body.size() < 2 || body.front() != '{' || body.back() != '}') {
-        diag(QStringLiteral("agent.message.invalid agentId=") + agent.agentId);
+        logEvent("agent.message.invalid", {{"agentId", agent.agentId}});
         return;
     }
     bool streaming = false;
@@ -292,7 +402,7 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
     if (!streaming || body.indexOf("\"agentId\"") >= 0) {
         const QJsonDocument document = QJsonDocument::fromJson(body.toByteArray());
         if (!document.isObject() || !document.object().value(QStringLiteral("type")).isString()) {
-            diag(QStringLiteral("agent.message.invalid agentId=") + agent.agentId);
+            logEvent("agent.message.invalid", {{"agentId", agent.agentId}});
             return;
         }
         QJsonObject message = document.object();
@@ -331,7 +441,7 @@ void RelayServer::observeAgentMessage(Agent& agent, const QJsonObject& message)
         registration.remove(QStringLiteral("type"));
         registration.remove(QStringLiteral("agentId"));
         agent.registration = registration;
-        diag(QStringLiteral("agent.register agentId=") + agent.agentId);
+        logEvent("agent.register", {{"agentId", agent.agentId}});
     } else if (type == QLatin1String("task.heartbeat") || type == QLatin1String("task.started")) {
         if (agent.currentTaskId.isEmpty())
             agent.currentTaskId = taskId;
@@ -411,7 +521,7 @@ void RelayServer::createTask(RelayConnection& client, const QJsonObject& message
     m_taskAgents.insert(taskId, agentId);
     if (agent->currentTaskId.isEmpty())
         agent->currentTaskId = taskId;
-    diag(QStringLiteral("task.create taskId=") + taskId + QStringLiteral(" agentId=") + agentId);
+    logEvent("task.create", {{"taskId", taskId}, {"agentId", agentId}});
     agent->connection->sendText(RelayMessages::taskAssign(taskId, payload.toObject()));
     client.sendText(RelayMessages::taskCreated(taskId, agentId, requestId));
 }
@@ -474,7 +584,7 @@ void RelayServer::connectionClosed(RelayConnection& connection)
         const auto agent = m_agents.find(agentId);
         if (agent != m_agents.end())
             dropAgent(*agent);
-        diag(QStringLiteral("agent.disconnected agentId=") + agentId);
+        logEvent("agent.disconnected", {{"agentId", agentId}});
         broadcastText(RelayMessages::agentOffline(agentId));
         break;
     }
@@ -485,13 +595,21 @@ void RelayServer::connectionClosed(RelayConnection& connection)
         }
         if (m_broadcasting == 0)
             std::erase(m_clients, nullptr);
-        if (connection.closeReason().isEmpty())
-            diag(QStringLiteral("client.disconnected address=") + connection.address());
-        else
-            diag(QStringLiteral("client.dropped address=") + connection.address() + QStringLiteral(" reason=") +
-                 QString::fromUtf8(connection.closeReason()));
+        if (connection.closeReason().isEmpty()) {
+            logEvent("client.disconnected", {{"address", connection.address()}});
+        } else {
+            logEvent("client.dropped",
+                     {{"address", connection.address()}, {"reason", QString::fromUtf8(connection.closeReason())}});
+        }
         break;
     }
+}
+
+void RelayServer::connectionReleased(RelayConnection& connection)
+{
+    m_unauthenticated.remove(&connection);
+    m_connections.remove(&connection);
+    reportStoppedWhenEmpty();
 }
 
 RelayServer::Agent* RelayServer::connectedAgent(RelayConnection& client, const QString& agentId,

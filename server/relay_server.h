@@ -1,15 +1,18 @@
 #pragma once
 
 #include "auth_guard.h"
+#include "origin_policy.h"
 #include "permission_requests.h"
 #include "relay_connection.h"
 #include "relay_messages.h"
+#include "unauthenticated_connections.h"
 
 #include <QElapsedTimer>
 #include <QHash>
 #include <QHostAddress>
 #include <QMap>
 #include <QObject>
+#include <QSet>
 
 #include <vector>
 
@@ -23,6 +26,7 @@ struct RelayConfig {
     QByteArray token;
     RelayLimits limits;
     int approvalTimeoutMs = 600'000;
+    QStringList allowedOrigins; // besides the relay's own, normalized
 };
 
 // The relay between agents and the phones: one port for the agents' WebSocket, the
@@ -37,6 +41,12 @@ public:
 
     bool listen(QString* error);
     quint16 port() const;
+    // Stops listening, closes every connection ("server shutting down") and emits
+    // stopped once all are gone.
+    void stop();
+
+Q_SIGNALS:
+    void stopped();
 
 private:
     struct Agent {
@@ -47,10 +57,17 @@ private:
         QByteArray prefix;     // {"agentId":"…", the start of every message relayed from it
     };
 
-    void requestReceived(RelayConnection& connection, const HttpRequest& request, const QByteArray& body) override;
+    void requestReceived(RelayConnection& connection, const HttpRequest& request) override;
+    void bodyReceived(RelayConnection& connection, const HttpRequest& request, const QByteArray& body) override;
     void messageReceived(RelayConnection& connection, QByteArrayView payload) override;
     void connectionClosed(RelayConnection& connection) override;
+    void connectionReleased(RelayConnection& connection) override;
 
+    void admit(QTcpSocket* socket);
+    void reportStoppedWhenEmpty();
+    // Lets go of the oldest connection without a token when there are too many.
+    bool dropOldestUnauthenticated(const RelayConnection& newcomer, const QString& address, const QString& reason);
+    bool originAllowed(RelayConnection& connection, const HttpRequest& request);
     bool authorize(RelayConnection& connection, const HttpRequest& request, QByteArray* subprotocol);
     void acceptAgent(RelayConnection& connection, const HttpRequest& request);
     void acceptClient(RelayConnection& connection, const HttpRequest& request, const QByteArray& subprotocol);
@@ -75,6 +92,11 @@ private:
     RelayConfig m_config;
     QTcpServer* m_listener;
     AuthGuard m_auth;
+    OriginPolicy m_origins;
+    QSet<RelayConnection*> m_connections;
+    UnauthenticatedConnections m_unauthenticated;
+    bool m_stopping = false;
+    bool m_stopped = false;
     PermissionRequests m_permissions;
     QElapsedTimer m_clock;
     QMap<QString, Agent> m_agents; // by agent id, so lists come out in a stable order

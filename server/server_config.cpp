@@ -1,5 +1,7 @@
 #include "server_config.h"
 
+#include "origin_policy.h"
+
 namespace brinmoor::relay {
 
 namespace {
@@ -56,6 +58,16 @@ std::variant<RelayConfig, QString> configFromEnvironment(const QProcessEnvironme
         return QStringLiteral("brinmoor-server: BRINMOOR_CLIENT_BACKLOG_BYTES is not a number of bytes: ") +
                env.value(QStringLiteral("BRINMOOR_CLIENT_BACKLOG_BYTES"));
     config.limits.maxBacklog = *backlog;
+
+    const QString origins = env.value(QStringLiteral("BRINMOOR_ALLOWED_ORIGINS"));
+    for (const QString& entry : origins.split(QLatin1Char(','), Qt::SkipEmptyParts)) {
+        const std::optional<QString> origin = normalizedOrigin(entry.trimmed());
+        if (!origin)
+            return QStringLiteral("brinmoor-server: BRINMOOR_ALLOWED_ORIGINS has an entry that is not an origin "
+                                  "(scheme://host[:port]): ") +
+                   entry.trimmed();
+        config.allowedOrigins.append(*origin);
+    }
     return config;
 }
 

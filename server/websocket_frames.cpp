@@ -26,6 +26,11 @@ void unmask(char* data, qsizetype size, const unsigned char mask[4])
         data[i] = static_cast<char>(data[i] ^ mask[i % 4]);
 }
 
+bool isSendableCloseCode(quint16 code)
+{
+    return (code >= 1000 && code <= 1003) || (code >= 1007 && code <= 1014) || (code >= 3000 && code <= 4999);
+}
+
 QByteArray acceptKey(QByteArrayView key)
 {
     QByteArray text = key.toByteArray();

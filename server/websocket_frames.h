@@ -17,6 +17,10 @@ enum CloseCode : quint16 {
     MessageTooBig = 1009,
 };
 
+// A code a close frame may carry on the wire (1005, 1006 and 1015 only stand for
+// "none" inside an endpoint; 1004 and codes below 1000 are not used).
+bool isSendableCloseCode(quint16 code);
+
 // The Sec-WebSocket-Accept value for a client's Sec-WebSocket-Key.
 QByteArray acceptKey(QByteArrayView key);
 

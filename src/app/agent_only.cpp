@@ -1,8 +1,8 @@
 #include "app/agent_only.h"
 
 #include "agent/agent_runtime.h"
-#include "app/unix_signal_watcher.h"
 #include "base/diag.h"
+#include "base/unix_signal_watcher.h"
 #include "config/runtime_defaults.h"
 #include "config/settings_store.h"
 

@@ -2,8 +2,8 @@
 
 #include "app/agent_status_controller.h"
 #include "app/sleep_watcher.h"
-#include "app/unix_signal_watcher.h"
 #include "base/diag.h"
+#include "base/unix_signal_watcher.h"
 #include "config/settings_store.h"
 
 #include <QCoreApplication>

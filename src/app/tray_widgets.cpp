@@ -5,8 +5,8 @@
 #include "app/pairing_panel.h"
 #include "app/sleep_watcher.h"
 #include "app/status_menu.h"
-#include "app/unix_signal_watcher.h"
 #include "base/diag.h"
+#include "base/unix_signal_watcher.h"
 #include "config/settings_store.h"
 
 #include <QApplication>

@@ -45,13 +45,8 @@ std::pair<QString, QString> openFileLimits(qint64 pid)
 QList<qint64> markedProcesses(const QString& marker)
 {
     QList<qint64> found;
-    const QStringList entries = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
-    for (const QString& entry : entries) {
-        bool isPid = false;
-        const qint64 pid = entry.toLongLong(&isPid);
-        if (!isPid)
-            continue;
-        QByteArray cmdline = readFile(QStringLiteral("/proc/") + entry + QStringLiteral("/cmdline"));
+    for (const qint64 pid : allProcesses()) {
+        QByteArray cmdline = readFile(QStringLiteral("/proc/%1/cmdline").arg(pid));
         cmdline.replace('\0', ' ');
         if (cmdline.contains(marker.toUtf8()))
             found.append(pid);

@@ -12,6 +12,7 @@
 #include <QTest>
 #include <QWebSocket>
 
+#include <csignal>
 #include <memory>
 
 using namespace brinmoor::test;
@@ -104,6 +105,11 @@ private Q_SLOTS:
                                                  QStringLiteral("BRINMOOR_SERVER_BIND=localhost")}
                                   << QStringLiteral("brinmoor-server: BRINMOOR_SERVER_BIND is not an IP address: "
                                                     "localhost\n");
+        QTest::newRow("bad origin") << QStringList{QStringLiteral("BRINMOOR_SHARED_TOKEN=t"),
+                                                   QStringLiteral(
+                                                       "BRINMOOR_ALLOWED_ORIGINS=https://a.example,a.example/x")}
+                                    << QStringLiteral("brinmoor-server: BRINMOOR_ALLOWED_ORIGINS has an entry that is "
+                                                      "not an origin (scheme://host[:port]): a.example/x\n");
     }
 
     void refusesToStartWithoutAUsableSetting()
@@ -149,8 +155,14 @@ private Q_SLOTS:
                                             "POST /v1/approvals HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n"
                                             "Content-Length: 16777217\r\n\r\n{")),
                  QStringLiteral("HTTP/1.1 413 Content Too Large\n{\"error\":\"request body too large\"}"));
+        // A body that stops coming, and a head that never ends, at the same time.
+        HeldRequest shortBody;
+        shortBody.start(m_relay->port, "POST /v1/approvals HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n"
+                                       "Content-Length: 10\r\n\r\n{}");
         QCOMPARE(statusAndBody(httpExchange(m_relay->port, "GET /v1/health HTTP/1.1\r\n", 15000)),
                  QStringLiteral("HTTP/1.1 408 Request Timeout\n{\"error\":\"request head not received in time\"}"));
+        QCOMPARE(shortBody.result(),
+                 QStringLiteral("HTTP/1.1 408 Request Timeout\n{\"error\":\"request body not received in time\"}"));
     }
 
     void answersHealthWithoutAToken()
@@ -214,13 +226,15 @@ private Q_SLOTS:
         RelayClient client;
         QVERIFY(!client.open(m_relay->port, QStringLiteral("wrong"), RelayClient::TokenVia::Subprotocol));
         QVERIFY(!client.isConnected());
-        QVERIFY(m_relay->waitForLine(QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client")));
-        QCOMPARE(m_relay->lines(), (QStringList{QStringLiteral("listening port=") + QString::number(m_relay->port),
-                                                QStringLiteral("auth.refused address=127.0.0.1 path=/v1/agents"),
-                                                QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client"),
-                                                QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/agent"),
-                                                QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client"),
-                                                QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client")}));
+        QVERIFY(m_relay->waitForLine(
+            QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client reason=wrong token")));
+        QCOMPARE(m_relay->lines(),
+                 (QStringList{QStringLiteral("listening port=") + QString::number(m_relay->port),
+                              QStringLiteral("auth.refused address=127.0.0.1 path=/v1/agents reason=no token"),
+                              QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client reason=wrong token"),
+                              QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/agent reason=wrong token"),
+                              QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client reason=no token"),
+                              QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client reason=wrong token")}));
     }
 
     void checksTheHandshake()
@@ -257,24 +271,213 @@ private Q_SLOTS:
         QCOMPARE(browser.messages().first(), json("{\"type\":\"server.hello\",\"agents\":[]}"));
     }
 
-    void blocksAnAddressThatFailsTenTimesInAMinute()
+    void throttlesWrongTokensButAlwaysServesTheRightOne()
     {
         QVERIFY(startRelay());
+        // Ten wrong tokens in a minute, as any web page could send them.
         for (int i = 0; i < 10; ++i) {
-            QCOMPARE(statusAndBody(
-                         httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer x\r\n\r\n")),
-                     QStringLiteral("HTTP/1.1 401 Unauthorized\n{\"error\":\"unauthorized\"}"));
+            QCOMPARE(
+                statusAndBody(httpExchange(
+                    m_relay->port, ws::upgradeRequest("/v1/ws/client", "Sec-WebSocket-Protocol: bearer.wrong\r\n"))),
+                QStringLiteral("HTTP/1.1 401 Unauthorized\n{\"error\":\"unauthorized\"}"));
         }
+        QVERIFY(m_relay->waitForLine(QStringLiteral("auth.blocked address=127.0.0.1 seconds=60")));
+        // The agent, the phone and the approval tool bring the right one and are served.
+        RelayClient agent;
+        QVERIFY(agent.openAgent(m_relay->port, QStringLiteral("mac-1"), m_relay->token));
+        RelayClient phone;
+        QVERIFY(phone.open(m_relay->port, m_relay->token, RelayClient::TokenVia::Subprotocol));
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, postApproval(m_relay->token, "{\"taskId\":\"t\","
+                                                                                        "\"toolName\":\"Bash\"}"))),
+                 QStringLiteral("HTTP/1.1 404 Not Found\n{\"error\":\"unknown task: t\"}"));
+        // Wrong ones from that address wait.
         const QByteArray blocked =
-            httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n\r\n");
+            httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer x\r\n\r\n");
         QCOMPARE(statusAndBody(blocked), QStringLiteral("HTTP/1.1 429 Too Many Requests\n"
                                                         "{\"error\":\"too many failed attempts; try again later\"}"));
         QVERIFY(blocked.contains("Retry-After: 60\r\n"));
-        QCOMPARE(m_relay->lines().mid(10),
-                 (QStringList{QStringLiteral("auth.refused address=127.0.0.1 path=/v1/agents"),
-                              QStringLiteral("auth.blocked address=127.0.0.1 seconds=60")}));
+        // Another address is not held to the first one's failures.
+        QTcpSocket other;
+        QVERIFY(other.bind(QHostAddress(QStringLiteral("127.0.0.2"))));
+        other.connectToHost(QStringLiteral("127.0.0.1"), m_relay->port);
+        other.write("GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer x\r\n\r\n");
+        QCOMPARE(statusAndBody(readUntilClosed(other)),
+                 QStringLiteral("HTTP/1.1 401 Unauthorized\n{\"error\":\"unauthorized\"}"));
         QCOMPARE(statusAndBody(httpExchange(m_relay->port, "GET /v1/health HTTP/1.1\r\n\r\n")),
                  QStringLiteral("HTTP/1.1 200 OK\n{\"ok\":true}"));
+        QStringList expected(10,
+                             QStringLiteral("auth.refused address=127.0.0.1 path=/v1/ws/client reason=wrong token"));
+        expected.insert(10, QStringLiteral("auth.blocked address=127.0.0.1 seconds=60"));
+        expected += {QStringLiteral("agent.connected agentId=mac-1 address=127.0.0.1"),
+                     QStringLiteral("client.connected address=127.0.0.1"),
+                     QStringLiteral("auth.refused address=127.0.0.1 path=/v1/agents reason=too many failed attempts"),
+                     QStringLiteral("auth.refused address=127.0.0.2 path=/v1/agents reason=wrong token")};
+        QVERIFY(m_relay->waitForLine(expected.last()));
+        QCOMPARE(m_relay->lines().mid(1), expected);
+    }
+
+    void acceptsBrowsersOnlyFromItsOwnOriginOrTheListedOnes()
+    {
+        QVERIFY(startRelay({QStringLiteral("BRINMOOR_ALLOWED_ORIGINS=https://phone.example, http://localhost:5173")}));
+        const QByteArray host = "127.0.0.1:" + QByteArray::number(m_relay->port);
+        // The answer's head, once an upgrade is answered, or all of it once refused.
+        const auto handshake = [&](const QByteArray& origin) {
+            QByteArray request =
+                ws::upgradeRequest("/v1/ws/client", QByteArray("Origin: " + origin +
+                                                               "\r\nSec-WebSocket-Protocol: bearer.relay-token\r\n"));
+            request.replace("Host: 127.0.0.1\r\n", QByteArray("Host: " + host + "\r\n"));
+            QTcpSocket socket;
+            socket.connectToHost(QStringLiteral("127.0.0.1"), m_relay->port);
+            socket.write(request);
+            QByteArray received;
+            waitUntil([&] {
+                received += socket.readAll();
+                return socket.state() == QAbstractSocket::UnconnectedState ||
+                       (received.startsWith("HTTP/1.1 101") && received.contains("\r\n\r\n"));
+            });
+            return received;
+        };
+        const QString forbidden = QStringLiteral("HTTP/1.1 403 Forbidden\n{\"error\":\"origin not allowed\"}");
+        for (const QByteArray& origin : {QByteArray("http://" + host), QByteArray("https://phone.example"),
+                                         QByteArray("HTTPS://Phone.Example:443"), QByteArray("http://localhost:5173")})
+            QVERIFY2(handshake(origin).startsWith("HTTP/1.1 101 Switching Protocols\r\n"), origin.constData());
+        for (const QByteArray& origin :
+             {QByteArray("http://evil.example"), QByteArray("http://127.0.0.1:1"), QByteArray("https://" + host),
+              QByteArray("null"), QByteArray("http://phone.example"), QByteArray("http://localhost:5174")})
+            QCOMPARE(statusAndBody(handshake(origin)), forbidden);
+        // Every endpoint but health, whatever the token.
+        QCOMPARE(statusAndBody(httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nOrigin: http://evil.example\r\n"
+                                                           "Authorization: Bearer relay-token\r\n\r\n")),
+                 forbidden);
+        QCOMPARE(statusAndBody(
+                     httpExchange(m_relay->port, "GET /v1/health HTTP/1.1\r\nOrigin: http://evil.example\r\n\r\n")),
+                 QStringLiteral("HTTP/1.1 200 OK\n{\"ok\":true}"));
+        // Refused origins are not failed attempts: the address is not throttled.
+        for (int i = 0; i < 10; ++i)
+            QCOMPARE(statusAndBody(handshake("http://evil.example")), forbidden);
+        QCOMPARE(
+            statusAndBody(httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer x\r\n\r\n")),
+            QStringLiteral("HTTP/1.1 401 Unauthorized\n{\"error\":\"unauthorized\"}"));
+        QVERIFY(
+            m_relay->waitForLine(QStringLiteral("auth.refused address=127.0.0.1 path=/v1/agents reason=wrong token")));
+        const QStringList refused = m_relay->lines().filter(QStringLiteral("refused"));
+        QCOMPARE(refused.mid(0, 7),
+                 (QStringList{
+                     QStringLiteral("origin.refused address=127.0.0.1 path=/v1/ws/client origin=http://evil.example"),
+                     QStringLiteral("origin.refused address=127.0.0.1 path=/v1/ws/client origin=http://127.0.0.1:1"),
+                     QStringLiteral("origin.refused address=127.0.0.1 path=/v1/ws/client origin=https://") +
+                         QString::fromUtf8(host),
+                     QStringLiteral("origin.refused address=127.0.0.1 path=/v1/ws/client origin=null"),
+                     QStringLiteral("origin.refused address=127.0.0.1 path=/v1/ws/client origin=http://phone.example"),
+                     QStringLiteral("origin.refused address=127.0.0.1 path=/v1/ws/client origin=http://localhost:5174"),
+                     QStringLiteral("origin.refused address=127.0.0.1 path=/v1/agents origin=http://evil.example"),
+                 }));
+        QCOMPARE(refused.last(), QStringLiteral("auth.refused address=127.0.0.1 path=/v1/agents reason=wrong token"));
+        QCOMPARE(refused.size(), 18);
+    }
+
+    void logsValuesEscapedAndCut_data()
+    {
+        QTest::addColumn<QByteArray>("agentId"); // percent-encoded, as it travels in the URL
+        QTest::addColumn<QString>("logged");
+        QTest::newRow("line breaks") << QByteArray("evil%0D%0Aagent.connected%20agentId%3Dforged")
+                                     << QStringLiteral("evil\\r\\nagent.connected agentId=forged");
+        QTest::newRow("other controls") << QByteArray("a%09b%01c%7Fd%5Ce%C2%85f%E2%80%A8g")
+                                        << QStringLiteral("a\\tb\\u0001c\\u007fd\\e\\u0085f\\u2028g");
+        QTest::newRow("long") << QByteArray(3000, 'a')
+                              << QString(1024, QLatin1Char('a')) + QStringLiteral("\u2026 (1976 more bytes)");
+        QTest::newRow("long, cut between characters")
+            << "x" + QByteArray("%C3%A9").repeated(600)
+            << QStringLiteral("x") + QString(511, QChar(0xE9)) + QStringLiteral("\u2026 (178 more bytes)");
+    }
+
+    void logsValuesEscapedAndCut()
+    {
+        QFETCH(QByteArray, agentId);
+        QFETCH(QString, logged);
+        QVERIFY(startRelay());
+        const QByteArray upgraded = httpExchange(
+            m_relay->port,
+            ws::upgradeRequest(QByteArray("/v1/ws/agent?agentId=" + agentId), "Authorization: Bearer relay-token\r\n") +
+                ws::maskedFrame(ws::Close, ""),
+            5000);
+        QVERIFY2(upgraded.startsWith("HTTP/1.1 101 Switching Protocols\r\n"), upgraded.constData());
+        QVERIFY(m_relay->waitForLine(QStringLiteral("agent.disconnected agentId=") + logged));
+        QCOMPARE(m_relay->lines().mid(1), (QStringList{QStringLiteral("agent.connected agentId=") + logged +
+                                                           QStringLiteral(" address=127.0.0.1"),
+                                                       QStringLiteral("agent.disconnected agentId=") + logged}));
+    }
+
+    void answersACloseWithTheCodeItMayCarry_data()
+    {
+        QTest::addColumn<QByteArray>("payload");
+        QTest::addColumn<QByteArray>("answer");
+        QTest::newRow("no code") << QByteArray() << QByteArray("\x03\xe8", 2);
+        QTest::newRow("1005") << QByteArray("\x03\xed", 2) << QByteArray("\x03\xe8", 2);
+        QTest::newRow("0") << QByteArray("\x00\x00", 2) << QByteArray("\x03\xe8", 2);
+        QTest::newRow("1006") << QByteArray("\x03\xee", 2) << QByteArray("\x03\xe8", 2);
+        QTest::newRow("1001") << QByteArray("\x03\xe9"
+                                            "bye",
+                                            5)
+                              << QByteArray("\x03\xe9", 2);
+        QTest::newRow("4001") << QByteArray("\x0f\xa1", 2) << QByteArray("\x0f\xa1", 2);
+    }
+
+    void answersACloseWithTheCodeItMayCarry()
+    {
+        QFETCH(QByteArray, payload);
+        QFETCH(QByteArray, answer);
+        QVERIFY(startRelay());
+        const QByteArray request = ws::upgradeRequest("/v1/ws/client", "Authorization: Bearer relay-token\r\n");
+        const QByteArray received = httpExchange(m_relay->port, request + ws::maskedFrame(ws::Close, payload), 5000);
+        QVERIFY2(received.startsWith("HTTP/1.1 101"), received.constData());
+        QVERIFY(received.endsWith(QByteArray(QByteArray("\x88") + char(answer.size()) + answer)));
+    }
+
+    void closesEveryConnectionWhenToldToStop_data()
+    {
+        QTest::addColumn<int>("signal");
+        QTest::addColumn<QString>("name");
+        QTest::newRow("SIGTERM") << int(SIGTERM) << QStringLiteral("SIGTERM");
+        QTest::newRow("SIGINT") << int(SIGINT) << QStringLiteral("SIGINT");
+    }
+
+    void closesEveryConnectionWhenToldToStop()
+    {
+        QFETCH(int, signal);
+        QFETCH(QString, name);
+        QVERIFY(startRelay());
+        RelayClient client;
+        RelayClient agent;
+        connectAgentAndClient(agent, client);
+        const QString taskId = createTask(client, agent, json("{\"action\":\"chat\"}"));
+        HeldRequest held;
+        held.start(m_relay->port,
+                   postApproval(m_relay->token,
+                                QStringLiteral("{\"taskId\":\"%1\",\"toolName\":\"Bash\"}").arg(taskId).toUtf8()));
+        const auto request = client.waitForType(QStringLiteral("permission.request"));
+        QVERIFY(request);
+
+        ::kill(pid_t(m_relay->process.processId()), signal);
+        QVERIFY(m_relay->process.waitForFinished(10000));
+        QCOMPARE(m_relay->process.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(m_relay->process.exitCode(), 0);
+        for (RelayClient* peer : {&client, &agent}) {
+            QVERIFY(waitUntil([&] { return !peer->isConnected(); }));
+            QCOMPARE(int(peer->socket().closeCode()), 1001);
+            QCOMPARE(peer->socket().closeReason(), QStringLiteral("server shutting down"));
+        }
+        QCOMPARE(held.result(), QStringLiteral("HTTP/1.1 200 OK\n{\"behavior\":\"deny\",\"message\":\"the server shut "
+                                               "down before a decision\"}"));
+        const QStringList lines = m_relay->lines();
+        QCOMPARE(lines.mid(lines.indexOf(QStringLiteral("server.stopping signal=") + name)),
+                 (QStringList{QStringLiteral("server.stopping signal=") + name,
+                              QStringLiteral("permission.resolved requestId=") +
+                                  request->value(QStringLiteral("requestId")).toString() +
+                                  QStringLiteral(" decision=deny reason=server shutting down"),
+                              QStringLiteral("agent.disconnected agentId=mac-1"),
+                              QStringLiteral("client.dropped address=127.0.0.1 reason=server shutting down"),
+                              QStringLiteral("server.stopped")}));
     }
 
     void relaysBetweenAnAgentAndItsClients()
@@ -576,7 +779,9 @@ private Q_SLOTS:
         QVERIFY(late.waitForType(QStringLiteral("permission.request")));
         QCOMPARE(late.messages().value(1).value(QStringLiteral("requestId")).toString(), requestId);
 
-        QTest::qWait(200);
+        // A round trip through the server: an answer to the held request would be here by now.
+        QVERIFY(httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer relay-token\r\n\r\n")
+                    .startsWith("HTTP/1.1 200 OK"));
         QCOMPARE(allowed.socket.bytesAvailable(), 0);
         client.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("permission.decision")},
                                 {QStringLiteral("requestId"), requestId},

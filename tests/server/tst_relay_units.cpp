@@ -1,6 +1,7 @@
 #include "auth_guard.h"
 #include "base/utf8_stream_decoder.h"
 #include "http_request.h"
+#include "origin_policy.h"
 #include "websocket_client.h"
 #include "websocket_frames.h"
 
@@ -181,6 +182,59 @@ private Q_SLOTS:
         // The first nine are more than a minute old by now.
         QVERIFY(!guard.recordFailure(address, 60'500));
         QVERIFY(!guard.isBlocked(address, 60'500));
+    }
+
+    void originsAreComparedInOneSpelling_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("normalized"); // empty: not an origin
+        QTest::newRow("default http port")
+            << QStringLiteral("http://Example.COM") << QStringLiteral("http://example.com:80");
+        QTest::newRow("default https port")
+            << QStringLiteral("HTTPS://a.example:443") << QStringLiteral("https://a.example:443");
+        QTest::newRow("port") << QStringLiteral("http://127.0.0.1:8080") << QStringLiteral("http://127.0.0.1:8080");
+        QTest::newRow("IPv6") << QStringLiteral("http://[::1]:8080") << QStringLiteral("http://[::1]:8080");
+        QTest::newRow("trailing slash") << QStringLiteral("https://a.example/")
+                                        << QStringLiteral("https://a.example:443");
+        QTest::newRow("path") << QStringLiteral("https://a.example/x") << QString();
+        QTest::newRow("user") << QStringLiteral("https://me@a.example") << QString();
+        QTest::newRow("query") << QStringLiteral("https://a.example?x") << QString();
+        QTest::newRow("other scheme") << QStringLiteral("ftp://a.example") << QString();
+        QTest::newRow("null") << QStringLiteral("null") << QString();
+        QTest::newRow("no host") << QStringLiteral("http://") << QString();
+    }
+
+    void originsAreComparedInOneSpelling()
+    {
+        QFETCH(QString, text);
+        QFETCH(QString, normalized);
+        QCOMPARE(normalizedOrigin(text).value_or(QString()), normalized);
+    }
+
+    void theOwnOriginIsPlainHttpOnTheHostAsked()
+    {
+        const OriginPolicy policy({QStringLiteral("https://phone.example:443")});
+        QVERIFY(policy.allows("http://127.0.0.1:8080", "127.0.0.1:8080"));
+        QVERIFY(policy.allows("http://localhost", "LOCALHOST:80"));
+        QVERIFY(policy.allows("https://phone.example", "127.0.0.1:8080"));
+        QVERIFY(!policy.allows("https://127.0.0.1:8080", "127.0.0.1:8080"));
+        QVERIFY(!policy.allows("http://127.0.0.1:8081", "127.0.0.1:8080"));
+        QVERIFY(!policy.allows("http://127.0.0.1:8080", ""));
+        QVERIFY(!policy.allows("http://127.0.0.1:8080", "127.0.0.1:8080/x"));
+    }
+
+    void onlyCodesThatMayTravelAreSentBack()
+    {
+        // The first and last code of each range that may be sent.
+        QList<int> bounds;
+        bool inside = false;
+        for (int code = 0; code <= 0xFFFF; ++code) {
+            const bool sendable = ws::isSendableCloseCode(quint16(code));
+            if (sendable != inside)
+                bounds << (sendable ? code : code - 1);
+            inside = sendable;
+        }
+        QCOMPARE(bounds, (QList<int>{1000, 1003, 1007, 1014, 3000, 4999}));
     }
 };
 

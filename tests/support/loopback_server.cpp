@@ -178,16 +178,24 @@ int openDescriptorCount()
         QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size());
 }
 
-QList<qint64> childProcesses(qint64 parent)
+QList<qint64> allProcesses()
 {
-    QList<qint64> children;
-    const qint64 self = parent > 0 ? parent : QCoreApplication::applicationPid();
+    QList<qint64> pids;
     const QStringList entries = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
     for (const QString& entry : entries) {
         bool isPid = false;
         const qint64 pid = entry.toLongLong(&isPid);
-        if (!isPid)
-            continue;
+        if (isPid)
+            pids.append(pid);
+    }
+    return pids;
+}
+
+QList<qint64> childProcesses(qint64 parent)
+{
+    QList<qint64> children;
+    const qint64 self = parent > 0 ? parent : QCoreApplication::applicationPid();
+    for (const qint64 pid : allProcesses()) {
         QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
         if (!stat.open(QIODevice::ReadOnly))
             continue;

@@ -82,6 +82,8 @@ void waitForTimerTicks(int intervalMs, int ticks);
 
 // Open file descriptors of this process.
 int openDescriptorCount();
+// Every process id on the machine.
+QList<qint64> allProcesses();
 // Process ids whose parent is this process (or the given one).
 QList<qint64> childProcesses(qint64 parent = 0);
 // Whether a process still exists (a zombie counts as gone).

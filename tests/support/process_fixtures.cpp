@@ -3,6 +3,7 @@
 #include "support/loopback_server.h"
 #include "support/test_support.h"
 
+#include <QFile>
 #include <QRegularExpression>
 
 namespace brinmoor::test {
@@ -114,6 +115,18 @@ QStringList RelayProcess::lines()
 bool RelayProcess::waitForLine(const QString& line, int timeoutMs)
 {
     return waitUntil([&] { return lines().contains(line); }, timeoutMs);
+}
+
+qint64 RelayProcess::statusKB(QByteArrayView field) const
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(process.processId()));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray& line : status.readAll().split('\n')) {
+        if (line.startsWith(field) && line.size() > field.size() && line[field.size()] == ':')
+            return line.mid(field.size() + 1).trimmed().split(' ').first().toLongLong();
+    }
+    return -1;
 }
 
 void RelayProcess::kill()

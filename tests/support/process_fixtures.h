@@ -42,6 +42,8 @@ struct RelayProcess {
     // Its output lines so far.
     QStringList lines();
     bool waitForLine(const QString& line, int timeoutMs = 10000);
+    // A figure of /proc/PID/status in kB ("VmRSS", "VmHWM"), -1 when unreadable.
+    qint64 statusKB(QByteArrayView field) const;
     void kill();
 
 private:

@@ -1,4 +1,4 @@
-#include "app/unix_signal_watcher.h"
+#include "base/unix_signal_watcher.h"
 
 #include <QSocketNotifier>
 
