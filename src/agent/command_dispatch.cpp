@@ -145,7 +145,7 @@ void AgentRuntime::routeTask(const TaskAssignment& task)
         request.output =
             std::make_shared<ChatOutput>(*this, m_chatSessions,
                                          ChatOutput::Chat{task.taskId, task.conversationId, task.projectPath, provider,
-                                                          resolved.mcpConfigPath, resolved.retry});
+                                                          resolved.tokenFiles(), resolved.retry});
         m_runner->runTask(request);
         return;
     }

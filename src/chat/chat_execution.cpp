@@ -127,7 +127,7 @@ QString codexExecCommandTemplate(const QString& approvalMode, const QString& res
 }
 
 QString codexMCPConfigOverrides(const QString& taskId, const QString& approverPath,
-                                const ConnectionSettings& connection)
+                                const ConnectionSettings& connection, const QString& tokenFilePath)
 {
     const QStringList assignments = {
         QStringLiteral("mcp_servers.approver.command=\"") + tomlEscaped(approverPath) + QLatin1Char('"'),
@@ -135,7 +135,8 @@ QString codexMCPConfigOverrides(const QString& taskId, const QString& approverPa
         QStringLiteral("mcp_servers.approver.env.BRINMOOR_SERVER_URL=\"") + tomlEscaped(connection.serverURL) +
             QLatin1Char('"'),
         QStringLiteral("mcp_servers.approver.env.BRINMOOR_TASK_ID=\"") + tomlEscaped(taskId) + QLatin1Char('"'),
-        QStringLiteral("mcp_servers.approver.env.BRINMOOR_TOKEN=\"") + tomlEscaped(connection.token) + QLatin1Char('"'),
+        QStringLiteral("mcp_servers.approver.env.BRINMOOR_TOKEN_FILE=\"") + tomlEscaped(tokenFilePath) +
+            QLatin1Char('"'),
         // `codex exec` runs with the approval policy "never" and refuses every MCP call
         // that needs approval; the approval tool is the approval.
         QStringLiteral("mcp_servers.approver.tools.request_permission.approval_mode=\"approve\""),
@@ -145,6 +146,38 @@ QString codexMCPConfigOverrides(const QString& taskId, const QString& approverPa
         overrides += QStringLiteral(" -c ") + shellQuote(assignment);
     return overrides;
 }
+
+namespace {
+
+// Writes a file that holds the token: owner-only from its first byte, never through a
+// link someone else left in a shared folder. Throws AgentError with `what` in its text.
+QString writeOwnerOnlyFile(const QString& path, const QByteArray& content, const QString& what)
+{
+    const QByteArray native = QFile::encodeName(path);
+    ::unlink(native.constData());
+    const int fd = ::open(native.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0)
+        throw runtimeError(14, QStringLiteral("failed to write ") + what + QLatin1Char(' ') + path +
+                                   QStringLiteral(": ") + QString::fromLocal8Bit(std::strerror(errno)));
+    qsizetype written = 0;
+    while (written < content.size()) {
+        const ssize_t n = ::write(fd, content.constData() + written, size_t(content.size() - written));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            const int error = errno;
+            ::close(fd);
+            ::unlink(native.constData());
+            throw runtimeError(14, QStringLiteral("failed to write ") + what + QLatin1Char(' ') + path +
+                                       QStringLiteral(": ") + QString::fromLocal8Bit(std::strerror(error)));
+        }
+        written += n;
+    }
+    ::close(fd);
+    return path;
+}
+
+} // namespace
 
 QString writeMCPConfig(const QString& taskId, const QString& approverPath, const ConnectionSettings& connection,
                        const QString& folder)
@@ -158,32 +191,15 @@ QString writeMCPConfig(const QString& taskId, const QString& approverPath, const
                                    QJsonObject{{QStringLiteral("BRINMOOR_SERVER_URL"), connection.serverURL},
                                                {QStringLiteral("BRINMOOR_TASK_ID"), taskId},
                                                {QStringLiteral("BRINMOOR_TOKEN"), connection.token}}}}}}}};
-    const QByteArray content = QJsonDocument(config).toJson(QJsonDocument::Indented);
-    const QString path = folder + QStringLiteral("/brinmoor-mcp-") + fileNameSafe(taskId) + QStringLiteral(".json");
-    const QByteArray native = QFile::encodeName(path);
-    // The file holds the token: owner-only from its first byte, never through a link
-    // someone else left in a shared folder.
-    ::unlink(native.constData());
-    const int fd = ::open(native.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0)
-        throw runtimeError(14, QStringLiteral("failed to write MCP configuration ") + path + QStringLiteral(": ") +
-                                   QString::fromLocal8Bit(std::strerror(errno)));
-    qsizetype written = 0;
-    while (written < content.size()) {
-        const ssize_t n = ::write(fd, content.constData() + written, size_t(content.size() - written));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0) {
-            const int error = errno;
-            ::close(fd);
-            ::unlink(native.constData());
-            throw runtimeError(14, QStringLiteral("failed to write MCP configuration ") + path + QStringLiteral(": ") +
-                                       QString::fromLocal8Bit(std::strerror(error)));
-        }
-        written += n;
-    }
-    ::close(fd);
-    return path;
+    return writeOwnerOnlyFile(
+        folder + QStringLiteral("/brinmoor-mcp-") + fileNameSafe(taskId) + QStringLiteral(".json"),
+        QJsonDocument(config).toJson(QJsonDocument::Indented), QStringLiteral("MCP configuration"));
+}
+
+QString writeTokenFile(const QString& taskId, const ConnectionSettings& connection, const QString& folder)
+{
+    return writeOwnerOnlyFile(folder + QStringLiteral("/brinmoor-token-") + fileNameSafe(taskId),
+                              connection.token.toUtf8() + '\n', QStringLiteral("the token file"));
 }
 
 bool approvalServerAvailable(const QString& approverPath)
@@ -214,6 +230,8 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
     if (system == QLatin1String("codex")) {
         const QString threadId = scopedKey ? sessions.codexThreadID(*scopedKey).value_or(QString()) : QString();
         const bool gated = approvalMode == QLatin1String("on_request") && approvalAvailable;
+        if (gated)
+            resolution.tokenFilePath = writeTokenFile(taskId, connection, temporaryFolder);
         // The command of a new thread (empty id) or of one that goes on.
         const auto codexCommand = [&](const QString& thread) -> QString {
             if (!gated)
@@ -224,7 +242,8 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
                                        shellQuote(thread) + QStringLiteral(" {{prompt}}");
             // What the phone allows must be able to happen: `codex exec` would otherwise
             // run in a read-only sandbox.
-            return base + codexMCPConfigOverrides(taskId, profile.mcpApproverPath, connection) +
+            return base +
+                   codexMCPConfigOverrides(taskId, profile.mcpApproverPath, connection, *resolution.tokenFilePath) +
                    QStringLiteral(" -c ") + shellQuote(QStringLiteral("sandbox_mode=\"workspace-write\""));
         };
         command = codexCommand(threadId);

@@ -4,6 +4,7 @@
 #include "execution/execution_resolution.h"
 
 #include <QString>
+#include <QStringList>
 
 #include <optional>
 
@@ -21,13 +22,25 @@ struct ChatRetry {
     QString note;         // the task log line that says what happened
 };
 
-// What a chat runs, and the MCP configuration file written for it (to be removed when
-// the task ends).
+// What a chat runs, and the files written for it that hold the agent token (Claude's
+// MCP configuration, the token file of Codex's approval tool), to be removed when the
+// task ends.
 struct ChatResolution {
     QString shell;
     QString workingDir;
     std::optional<QString> mcpConfigPath;
+    std::optional<QString> tokenFilePath;
     std::optional<ChatRetry> retry;
+
+    QStringList tokenFiles() const
+    {
+        QStringList files;
+        for (const std::optional<QString>& file : {mcpConfigPath, tokenFilePath}) {
+            if (file)
+                files.append(*file);
+        }
+        return files;
+    }
 };
 
 namespace ChatExecution {
@@ -55,9 +68,15 @@ QString codexExecCommandTemplate(const QString& approvalMode, const QString& res
 
 // The -c options pointing Codex's "approver" MCP server at the approval tool, and
 // letting codex call its "request_permission" without asking anyone itself (`codex exec`
-// would refuse the call); begins with a blank so it can be appended to a command.
+// would refuse the call); begins with a blank so it can be appended to a command. The
+// token is not among them (a command line is visible to every local user): the tool
+// reads it from the owner-only file at `tokenFilePath`.
 QString codexMCPConfigOverrides(const QString& taskId, const QString& approverPath,
-                                const ConnectionSettings& connection);
+                                const ConnectionSettings& connection, const QString& tokenFilePath);
+
+// Writes the agent token, readable by the user only, as "brinmoor-token-<task id>" in the
+// folder; returns its path. Throws AgentError when it cannot be written.
+QString writeTokenFile(const QString& taskId, const ConnectionSettings& connection, const QString& folder);
 
 // Writes Claude's MCP configuration (it holds the agent token) readable by the user
 // only, as "brinmoor-mcp-<task id>.json" in the folder; returns its path. Throws

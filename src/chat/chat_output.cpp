@@ -17,9 +17,9 @@ ChatOutput::ChatOutput(TaskHost& host, ChatSessions& sessions, Chat chat)
 
 ChatOutput::~ChatOutput()
 {
-    // The configuration holds the agent token: it lives only as long as the task.
-    if (m_chat.mcpConfigPath)
-        QFile::remove(*m_chat.mcpConfigPath);
+    // These hold the agent token: they live only as long as the task.
+    for (const QString& file : m_chat.tokenFiles)
+        QFile::remove(file);
 }
 
 void ChatOutput::standardOutput(const QString& text)

@@ -5,6 +5,7 @@
 #include "execution/process_runner.h"
 
 #include <QString>
+#include <QStringList>
 
 #include <memory>
 #include <optional>
@@ -18,7 +19,7 @@ class TaskHost;
 // "task.chat.chunk" messages and diagnostics, the Codex thread recorded, and at the end
 // "task.chat.final" (and the session marked established) or "task.chat.error". When
 // the tool says it cannot go on with the conversation as asked, the chat runs once more
-// as its resolution planned. It owns the chat's MCP configuration file, which goes when
+// as its resolution planned. It owns the chat's files that hold the token, which go when
 // the task is cleaned up.
 class ChatOutput : public TaskOutputHandler {
 public:
@@ -30,7 +31,8 @@ public:
         QString projectPath;
         // The tool's event grammar; without one the output is sent as text.
         std::optional<ChatJSONProvider> provider;
-        std::optional<QString> mcpConfigPath;
+        // Files that hold the agent token (MCP configuration, token file).
+        QStringList tokenFiles;
         std::optional<ChatRetry> retry;
     };
 

@@ -101,13 +101,26 @@ private Q_SLOTS:
 
     void codexOverridesEscapeValues()
     {
-        QCOMPARE(codexMCPConfigOverrides(QStringLiteral("t1"), QStringLiteral("/a b/it's"), m_connection),
+        QCOMPARE(codexMCPConfigOverrides(QStringLiteral("t1"), QStringLiteral("/a b/it's"), m_connection,
+                                         QStringLiteral("/tmp/brinmoor-token-\"t1\\")),
                  QStringLiteral(" -c 'mcp_servers.approver.command=\"/a b/it'\"'\"'s\"'"
                                 " -c 'mcp_servers.approver.args=[]'"
                                 " -c 'mcp_servers.approver.env.BRINMOOR_SERVER_URL=\"http://127.0.0.1:8080\"'"
                                 " -c 'mcp_servers.approver.env.BRINMOOR_TASK_ID=\"t1\"'"
-                                " -c 'mcp_servers.approver.env.BRINMOOR_TOKEN=\"tok\\\"en\\\\\"'"
+                                " -c 'mcp_servers.approver.env.BRINMOOR_TOKEN_FILE=\"/tmp/brinmoor-token-\\\"t1\\\\\"'"
                                 " -c 'mcp_servers.approver.tools.request_permission.approval_mode=\"approve\"'"));
+        // The token itself never stands on the command line.
+        QVERIFY(!codexMCPConfigOverrides(QStringLiteral("t1"), m_approver, m_connection, QStringLiteral("/f"))
+                     .contains(m_connection.token));
+    }
+
+    void tokenFileIsOwnerOnly()
+    {
+        const QString path = writeTokenFile(QStringLiteral("t/9"), m_connection, m_tmp.path());
+        QCOMPARE(path, m_tmp.path() + QStringLiteral("/brinmoor-token-t_9"));
+        QCOMPARE(test::fileMode(path), 0600);
+        QCOMPARE(test::readFile(path), m_connection.token.toUtf8() + '\n');
+        QFile::remove(path);
     }
 
     void mcpConfigIsOwnerOnlyJson()
@@ -353,6 +366,8 @@ private Q_SLOTS:
         const ChatResolution codex = resolve(sessions, QStringLiteral("codex"), QStringLiteral("App"),
                                              QStringLiteral("hi"), QString(), QStringLiteral("never"));
         QVERIFY(!codex.shell.contains(QStringLiteral("--full-auto")));
+        QVERIFY(codex.tokenFilePath);
+        QFile::remove(*codex.tokenFilePath);
         QCOMPARE(
             log.texts().filter(QStringLiteral("using")),
             (QStringList{QStringLiteral("resolveChatExecution using Claude MCP approval approverPath=") + m_approver,
@@ -379,11 +394,16 @@ private Q_SLOTS:
         QCOMPARE(r.shell,
                  QStringLiteral("codex exec --json --skip-git-repo-check --color never ") +
                      shellQuote(systemPolicy + workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("go"))) +
-                     codexMCPConfigOverrides(QStringLiteral("task-1"), m_approver, m_connection) +
+                     codexMCPConfigOverrides(QStringLiteral("task-1"), m_approver, m_connection,
+                                             m_tmp.path() + QStringLiteral("/brinmoor-token-task-1")) +
                      QStringLiteral(" -c 'sandbox_mode=\"workspace-write\"'"));
         QCOMPARE(log.texts().first(),
                  QStringLiteral("resolveChatExecution using Codex MCP approval approverPath=") + m_approver);
         QVERIFY(!r.mcpConfigPath);
+        QCOMPARE(r.tokenFilePath, std::optional<QString>(m_tmp.path() + QStringLiteral("/brinmoor-token-task-1")));
+        QCOMPARE(test::fileMode(*r.tokenFilePath), 0600);
+        QVERIFY(!r.shell.contains(m_connection.token));
+        QFile::remove(*r.tokenFilePath);
     }
 
     void codexResumesTheRecordedThread()

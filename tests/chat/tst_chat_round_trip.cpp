@@ -327,11 +327,16 @@ private Q_SLOTS:
     {
         AgentFixture f(QStringLiteral("secret-token"), {}, claudeSees());
         setUpAgent(f);
+        // While codex runs, the approval tool's token file is there, owner-only.
+        write(QStringLiteral("codex.script"),
+              "for a in $args; do if [[ $a == mcp_servers.approver.env.BRINMOOR_TOKEN_FILE=* ]]; then "
+              "t=${${a#*=\\\"}%\\\"}; stat -c %a -- $t > $dir/token.mode; cat -- $t > $dir/token.text; fi; done\n");
         QVERIFY(f.connect());
         DiagRecorder log;
         f.assign(QStringLiteral("g"),
                  chat(QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("edit"), QStringLiteral("c")));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("g")));
+        const QString tokenFile = QDir::tempPath() + QStringLiteral("/brinmoor-token-g");
         const QStringList args = fakeToolArguments(m_fake.path(), QStringLiteral("codex"), 1);
         QCOMPARE(args.mid(0, 6),
                  (QStringList{QStringLiteral("exec"), QStringLiteral("--json"), QStringLiteral("--skip-git-repo-check"),
@@ -346,10 +351,14 @@ private Q_SLOTS:
                 QStringLiteral("mcp_servers.approver.env.BRINMOOR_SERVER_URL=\"") + f.server.serverURL() +
                     QLatin1Char('"'),
                 QStringLiteral("-c"), QStringLiteral("mcp_servers.approver.env.BRINMOOR_TASK_ID=\"g\""),
-                QStringLiteral("-c"), QStringLiteral("mcp_servers.approver.env.BRINMOOR_TOKEN=\"secret-token\""),
+                QStringLiteral("-c"),
+                QStringLiteral("mcp_servers.approver.env.BRINMOOR_TOKEN_FILE=\"") + tokenFile + QLatin1Char('"'),
                 QStringLiteral("-c"),
                 QStringLiteral("mcp_servers.approver.tools.request_permission.approval_mode=\"approve\""),
                 QStringLiteral("-c"), QStringLiteral("sandbox_mode=\"workspace-write\"")}));
+        QCOMPARE(readFile(m_fake.path() + QStringLiteral("/token.mode")), QByteArray("600\n"));
+        QCOMPARE(readFile(m_fake.path() + QStringLiteral("/token.text")), QByteArray("secret-token\n"));
+        QVERIFY(waitUntil([&] { return !QFile::exists(tokenFile); }));
         // The log shows the command cut at 1 KiB, never the token.
         const QStringList lines = log.texts().filter(QStringLiteral("task.assign resolved chat"));
         QCOMPARE(lines.size(), 1);

@@ -182,8 +182,9 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("shell");
         QTest::addColumn<bool>("isClaude");
-        const QString overrides = ChatExecution::codexMCPConfigOverrides(
-            QStringLiteral("t-1"), QStringLiteral("/Apps/MCPApprovalServer"), ConnectionSettings{});
+        const QString overrides =
+            ChatExecution::codexMCPConfigOverrides(QStringLiteral("t-1"), QStringLiteral("/Apps/MCPApprovalServer"),
+                                                   ConnectionSettings{}, QStringLiteral("/tmp/brinmoor-token-t-1"));
         const auto filled = [](const char* profileTemplate) {
             return QString::fromLatin1(profileTemplate)
                 .replace(QStringLiteral("{{mcpConfigPath}}"), QStringLiteral("'/tmp/brinmoor-mcp-t-1.json'"))
