@@ -1,0 +1,3 @@
+import { render } from 'preact';
+
+render(<main>Brinmoor</main>, document.getElementById('app')!);
