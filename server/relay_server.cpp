@@ -1,6 +1,7 @@
 #include "relay_server.h"
 
 #include "relay_log.h"
+#include "static_files.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -111,6 +112,10 @@ quint16 RelayServer::port() const
 void RelayServer::requestReceived(RelayConnection& connection, const HttpRequest& request, const QByteArray& body)
 {
     const QByteArray& path = request.path;
+    if (path != "/v1" && !path.startsWith("/v1/")) {
+        connection.respond(StaticFiles::response(request));
+        return;
+    }
     if (path == "/v1/health") {
         if (request.method == "GET" || request.method == "HEAD")
             connection.respond(jsonResponse(200, "{\"ok\":true}"));

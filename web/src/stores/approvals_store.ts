@@ -38,6 +38,7 @@ export function describeToolInput(toolInput: unknown): ToolInputView {
 // "permission.resolved" (this page's decision, another client's, or a time-out) ends one.
 export class ApprovalsStore extends Observable {
   private readonly requests = new Map<string, PermissionRequest>();
+  private open = false;
 
   constructor(private readonly sender: PermissionSender) {
     super();
@@ -51,6 +52,22 @@ export class ApprovalsStore extends Observable {
     return this.requests.size;
   }
 
+  // Whether the sheet is up: a new request brings it up wherever the user is; "Later"
+  // puts it away until the user asks for it or another request comes.
+  get sheetOpen(): boolean {
+    return this.open;
+  }
+
+  reveal(): void {
+    this.open = true;
+    this.changed();
+  }
+
+  dismiss(): void {
+    this.open = false;
+    this.changed();
+  }
+
   decide(requestId: string, allow: boolean, message?: string): boolean {
     return this.requests.has(requestId) && this.sender.decidePermission(requestId, allow, message?.trim() || undefined);
   }
@@ -58,6 +75,7 @@ export class ApprovalsStore extends Observable {
   handle(message: ServerMessage): void {
     if (message.type === 'permission.request') {
       const { type: _type, ...request } = message;
+      if (!this.requests.has(request.requestId)) this.open = true;
       this.requests.set(request.requestId, request);
     } else if (message.type === 'permission.resolved') {
       if (!this.requests.delete(message.requestId)) return;
