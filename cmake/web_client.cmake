@@ -2,6 +2,7 @@
 # brinmoor-server serves it from its own binary. npm ci runs when the lock file changes,
 # the Vite build when anything under web/ does.
 find_program(BRINMOOR_NPM npm REQUIRED)
+find_program(BRINMOOR_NODE node REQUIRED)
 
 set(web_source ${PROJECT_SOURCE_DIR}/web)
 set(web_build ${CMAKE_BINARY_DIR}/web)

@@ -144,9 +144,13 @@ export class World {
     page.on('console', (message) => {
       if (message.type() === 'error') page.problems.push('console error: ' + message.text());
     });
+    // Reported to this process, so that what happened before a reload is kept too.
+    await page.exposeFunction('brinmoorPolicyViolation', (text) => page.problems.push('policy: ' + text));
     await page.evaluateOnNewDocument(() => {
       document.addEventListener('securitypolicyviolation', (event) => {
-        (window.__violations ??= []).push(`${event.violatedDirective} ${event.blockedURI} ${event.sourceFile}:${event.lineNumber}:${event.columnNumber} ${event.sample}`);
+        window.brinmoorPolicyViolation(
+          `${event.violatedDirective} ${event.blockedURI} ${event.sourceFile}:${event.lineNumber}:${event.columnNumber} ${event.sample}`,
+        );
       });
     });
     return page;

@@ -4,7 +4,7 @@
 import assert from 'node:assert/strict';
 import { existsSync, mkdirSync, readFileSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
-import { after, before, test } from 'node:test';
+import { after, before, test as nodeTest } from 'node:test';
 import { claudeStream, codexStream, kAgentId, kToken, World } from './harness.mjs';
 
 const world = new World();
@@ -14,6 +14,22 @@ let page;
 const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
 const kDesktop = { width: 1440, height: 900, deviceScaleFactor: 1, isMobile: false, hasTouch: false };
 const kScript = '<img src=x onerror=window.__pwned=1>';
+
+// A test that leaves a picture of the page behind when it fails and logs are asked for.
+function test(name, body) {
+  nodeTest(name, async () => {
+    try {
+      await body();
+    } catch (error) {
+      const logs = process.env.BRINMOOR_WEB_E2E_LOGS;
+      if (logs && page) {
+        mkdirSync(logs, { recursive: true });
+        await page.screenshot({ path: join(logs, name.replace(/\W+/g, '-').slice(0, 60) + '.png') }).catch(() => undefined);
+      }
+      throw error;
+    }
+  });
+}
 
 before(async () => {
   await world.start();
@@ -64,6 +80,18 @@ function waitIncludes(selector, wanted, timeout) {
 async function type(selector, text) {
   await page.waitForSelector(selector, { visible: true });
   await page.type(selector, text);
+}
+
+// The sanitiser parses hostile markup in an inert document, and Chrome reports the
+// handler attributes it meets there to the page's policy; the image it keeps asks the
+// server for "x". Both are expected of the markup tests, and nothing else is.
+function forgetExpectedProblems() {
+  page.problems = page.problems.filter(
+    (problem) =>
+      !/^policy: script-src-attr inline |^console error: Executing inline event handler|^console error: Failed to load resource: the server responded with a status of 404/.test(
+        problem,
+      ),
+  );
 }
 
 async function textOf(selector) {
@@ -186,9 +214,9 @@ fi
 
 test('a tool approval appears wherever the user is, and Allow lets the assistant write', async () => {
   world.fakeFile('claude.script', kAskingClaude);
+  // Back in the first conversation, below its streamed answer.
   await click('.back-to-list', '');
-  await click('.segmented button', 'Claude');
-  await click('.new-chat-button', 'New chat');
+  await click('.conversation-item .conversation-title', 'Say hello');
   await sendChat('Take a note');
   await page.waitForSelector('.sheet .request');
   assert.equal(await textOf('.sheet .tool-name'), 'Write');
@@ -215,13 +243,18 @@ test('Deny with a message tells the assistant no', async () => {
 
 test('an answer with markup runs no script', async () => {
   world.fakeFile('claude.script', '');
-  world.fakeFile('claude.stream', claudeStream([`Look: ${kScript} and <script>window.__pwned=2</script> done`]));
+  const quoted = '<img src="x" onerror="window.__pwned=3">';
+  world.fakeFile('claude.stream', claudeStream([`Look: ${kScript} and ${quoted} and <script>window.__pwned=2</script> done`]));
   await sendChat('Show me markup');
-  await page.waitForFunction(() => document.querySelectorAll('.message.assistant.done').length === 3);
+  await page.waitForFunction(() => document.querySelectorAll('.message.assistant.done').length === 5);
+  // Markdown sees the unquoted one as text and the quoted one as an image, which the
+  // sanitiser keeps without its handler.
+  assert.equal(await textOf(lastAnswer() + ' .markdown').then((t) => t.trim()), `Look: ${kScript} and  and  done`);
+  assert.equal(await page.$eval(lastAnswer() + ' .markdown img', (img) => img.getAttributeNames().join(' ')), 'src');
   assert.equal(await page.evaluate(() => document.querySelector('[onerror]')), null);
   assert.equal(await page.evaluate(() => document.querySelector('.messages script')), null);
   assert.equal(await page.evaluate(() => window.__pwned), undefined);
-  assert.match(await textOf(lastAnswer() + ' .markdown'), /^Look: {2}and {2}done$/);
+  forgetExpectedProblems();
 });
 
 const kExplanation = 'The greeting said hello; I changed it to bye in greeting.txt.';
@@ -270,6 +303,7 @@ test('a file name with markup in a diff runs no script', async () => {
   await click('.change-detail .actions button', 'Reject');
   await waitIncludes('.change-detail .error', 'changes rejected by client approval');
   assert.equal(existsSync(join(world.project, kScript + '.txt')), false);
+  forgetExpectedProblems();
 });
 
 async function terminalText() {
@@ -322,6 +356,5 @@ test('Forget this server clears the token and asks again', async () => {
 });
 
 test('nothing was refused by the page policy and no error reached the console', async () => {
-  assert.deepEqual(await page.evaluate(() => window.__violations ?? []), []);
   assert.deepEqual(page.problems, []);
 });

@@ -192,3 +192,21 @@ describe('TerminalsStore', () => {
     expect([session.status, session.message]).toEqual(['closed', 'Terminal session not found.']);
   });
 });
+
+describe('ApprovalsStore sheet', () => {
+  it('comes up for a new request and goes away with the last one', () => {
+    const store = new ApprovalsStore({ decidePermission: () => true });
+    const request = { type: 'permission.request', requestId: 'R1', taskId: 'T', agentId: 'a', toolName: 'Bash', toolInput: {} };
+    store.handle(m(request));
+    store.handle(m({ ...request, requestId: 'R2' }));
+    expect(store.sheetOpen).toBe(true);
+    store.dismiss();
+    store.handle(m({ ...request, requestId: 'R2' }));
+    expect(store.sheetOpen).toBe(false);
+    store.reveal();
+    store.handle(m({ type: 'permission.resolved', requestId: 'R1', decision: 'allow', reason: 'client' }));
+    expect(store.sheetOpen).toBe(true);
+    store.handle(m({ type: 'permission.resolved', requestId: 'R2', decision: 'deny', reason: 'timeout' }));
+    expect(store.sheetOpen).toBe(false);
+  });
+});

@@ -79,6 +79,7 @@ export class ApprovalsStore extends Observable {
       this.requests.set(request.requestId, request);
     } else if (message.type === 'permission.resolved') {
       if (!this.requests.delete(message.requestId)) return;
+      if (this.requests.size === 0) this.open = false;
     } else if (message.type === 'server.hello') {
       // The relay repeats every request still waiting after its hello.
       if (this.requests.size === 0) return;

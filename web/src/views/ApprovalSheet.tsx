@@ -2,7 +2,7 @@ import { useState } from 'preact/hooks';
 import type { AppState } from '../app_state';
 import { useStores } from '../lib/use_store';
 import { describeToolInput, type PermissionRequest } from '../stores/approvals_store';
-import { projectName } from './names';
+import { fileCount, projectName } from './names';
 
 // The assistants' requests to use a tool, over whatever the user is looking at, with the
 // proposals that wait for a review below them.
@@ -34,7 +34,7 @@ export function ApprovalSheet({ state }: { state: AppState }) {
           >
             <span>Review proposed changes</span>
             <span class="muted">
-              {task.proposal!.proposalFiles.length} files · {projectName(task.projectPath) || task.agentId}
+              {fileCount(task.proposal!.proposalFiles.length)} · {projectName(task.projectPath) || task.agentId}
             </span>
           </button>
         ))}

@@ -94,7 +94,9 @@ function ChangeDetail({ state, task }: { state: ProjectProps['state']; task: Tas
       {proposal && (
         <section class="proposal">
           {proposal.proposalCommentary && <p class="commentary">{proposal.proposalCommentary}</p>}
-          <p class="muted proposal-summary">{proposal.proposalSummary}</p>
+          {proposal.proposalSummary !== proposal.proposalCommentary && (
+            <p class="muted proposal-summary">{proposal.proposalSummary}</p>
+          )}
           {deciding && (
             <div class="actions sticky-actions">
               <button class="danger" onClick={() => state.tasks.decide(task, false)}>

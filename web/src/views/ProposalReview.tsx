@@ -2,6 +2,7 @@ import 'diff2html/bundles/css/diff2html.min.css';
 import { html, parse } from 'diff2html';
 import { useEffect, useMemo, useState } from 'preact/hooks';
 import { sanitize } from '../lib/markdown';
+import { fileCount } from './names';
 
 const kWide = '(min-width: 900px)';
 
@@ -32,9 +33,10 @@ export default function ProposalReview({ diff }: { diff: string }) {
   if (files.length === 0) return <p class="muted">The proposal changes no file.</p>;
   return (
     <div class="proposal-review">
-      <p class="file-count">{files.length === 1 ? '1 file changed' : `${files.length} files changed`}</p>
+      <p class="file-count">{fileCount(files.length)} changed</p>
       {files.map((file, index) => {
-        const name = file.isDeleted ? file.oldName : file.newName;
+        // git ends a name that holds a space with a tab.
+        const name = (file.isDeleted ? file.oldName : file.newName).replace(/\t$/, '');
         return (
           <details class="diff-file" open key={index}>
             <summary>

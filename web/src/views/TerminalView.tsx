@@ -2,6 +2,7 @@ import '@xterm/xterm/css/xterm.css';
 import { FitAddon } from '@xterm/addon-fit';
 import { Terminal } from '@xterm/xterm';
 import { useEffect, useRef, useState } from 'preact/hooks';
+import { withAdoptedStyles } from '../lib/adopted_styles';
 import { useStores } from '../lib/use_store';
 import type { Completion, TerminalSession } from '../stores/terminals_store';
 import type { ProjectProps } from './ProjectView';
@@ -81,7 +82,7 @@ function TerminalScreen({ state, session }: { state: State; session: TerminalSes
   };
 
   useEffect(() => {
-    const term = new Terminal({
+    const term = withAdoptedStyles(document, () => new Terminal({
       fontFamily: 'ui-monospace, "SF Mono", Menlo, "DejaVu Sans Mono", monospace',
       fontSize: matchMedia('(max-width: 600px)').matches ? 12 : 13,
       cursorBlink: interactive,
@@ -89,10 +90,10 @@ function TerminalScreen({ state, session }: { state: State; session: TerminalSes
       scrollback: 5000,
       theme: theme(),
       allowProposedApi: false,
-    });
+    }));
     const fit = new FitAddon();
     term.loadAddon(fit);
-    term.open(host.current!);
+    withAdoptedStyles(document, () => term.open(host.current!));
     terminal.current = term;
     const refit = () => {
       try {

@@ -10,3 +10,7 @@ export function duration(ms: number): string {
   const minutes = Math.floor(ms / 60_000);
   return `${minutes} min ${Math.round((ms % 60_000) / 1000)} s`;
 }
+
+export function fileCount(count: number): string {
+  return count === 1 ? '1 file' : `${count} files`;
+}
