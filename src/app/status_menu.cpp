@@ -3,10 +3,12 @@
 #include "app/agent_status_controller.h"
 
 #include <QAction>
+#include <QDesktopServices>
 #include <QFileDialog>
 #include <QKeySequence>
 #include <QMenu>
 #include <QMessageBox>
+#include <QUrl>
 
 namespace brinmoor {
 
@@ -26,6 +28,7 @@ StatusMenu::StatusMenu(AgentStatusController& controller, QObject* parent)
             nullptr, QStringLiteral("Choose the parent folder where new iOS projects will be created."),
             m_controller.currentProjectURL().value_or(QString()));
     };
+    openURL = [](const QUrl& url) { return QDesktopServices::openUrl(url); };
     showAlert = [](const QString& message, const QString& detail) {
         QMessageBox box(QMessageBox::Warning, message, message);
         box.setInformativeText(detail);
@@ -64,6 +67,8 @@ StatusMenu::StatusMenu(AgentStatusController& controller, QObject* parent)
         if (showPairingCode)
             showPairingCode();
     });
+    connect(addItem(QStringLiteral("Open Web Client")), &QAction::triggered, this,
+            [this] { openURL(QUrl(m_controller.loopbackWebClientURL())); });
     connect(addItem(QStringLiteral("Refresh Connection")), &QAction::triggered, &m_controller,
             &AgentStatusController::refreshConnection);
     m_launchAtLogin = addItem(QStringLiteral("Open at Login"));

@@ -56,8 +56,7 @@ private:
     Response get(const QByteArray& path, const QByteArray& extraHeaders = {}, const QByteArray& method = "GET")
     {
         return parse(httpExchange(m_relay.port, method + ' ' + path + " HTTP/1.1\r\nHost: 127.0.0.1:" +
-                                                    QByteArray::number(m_relay.port) + "\r\n" + extraHeaders +
-                                                    "\r\n"));
+                                                    QByteArray::number(m_relay.port) + "\r\n" + extraHeaders + "\r\n"));
     }
 
     QString asset(const QString& extension)
@@ -76,12 +75,11 @@ private Q_SLOTS:
         QCOMPARE(index.statusLine, QByteArray("HTTP/1.1 200 OK"));
         const QByteArray html = distFile(QStringLiteral("index.html"));
         QVERIFY(html.contains("<title>Brinmoor</title>"));
-        QCOMPARE(index.headers,
-                 (QList<QByteArray>{"Content-Type: text/html; charset=utf-8",
-                                    "Content-Length: " + QByteArray::number(html.size()), "Cache-Control: no-cache",
-                                    "Vary: Accept-Encoding", csp(m_relay.port).toUtf8(),
-                                    "X-Content-Type-Options: nosniff", "Referrer-Policy: no-referrer",
-                                    "Connection: close"}));
+        QCOMPARE(index.headers, (QList<QByteArray>{"Content-Type: text/html; charset=utf-8",
+                                                   "Content-Length: " + QByteArray::number(html.size()),
+                                                   "Cache-Control: no-cache", "Vary: Accept-Encoding",
+                                                   csp(m_relay.port).toUtf8(), "X-Content-Type-Options: nosniff",
+                                                   "Referrer-Policy: no-referrer", "Connection: close"}));
         QCOMPARE(index.body, html);
     }
 
@@ -115,10 +113,10 @@ private Q_SLOTS:
         QVERIFY(!style.isEmpty());
         QCOMPARE(get('/' + style.toUtf8()).headers.first(), QByteArray("Content-Type: text/css; charset=utf-8"));
         const Response icon = get("/favicon.svg");
-        QCOMPARE(icon.headers.mid(0, 3), (QList<QByteArray>{"Content-Type: image/svg+xml",
-                                                            "Content-Length: " + QByteArray::number(
-                                                                                     distFile("favicon.svg").size()),
-                                                            "Cache-Control: no-cache"}));
+        QCOMPARE(icon.headers.mid(0, 3),
+                 (QList<QByteArray>{"Content-Type: image/svg+xml",
+                                    "Content-Length: " + QByteArray::number(distFile("favicon.svg").size()),
+                                    "Cache-Control: no-cache"}));
     }
 
     void answersHeadWithoutABody()
@@ -134,9 +132,8 @@ private Q_SLOTS:
     {
         const Response post = get("/", "Content-Length: 0\r\n", "POST");
         QCOMPARE(post.statusLine, QByteArray("HTTP/1.1 405 Method Not Allowed"));
-        QCOMPARE(post.headers.mid(0, 4),
-                 (QList<QByteArray>{"Content-Type: application/json", "Content-Length: 30", "Allow: GET, HEAD",
-                                    "Cache-Control: no-store"}));
+        QCOMPARE(post.headers.mid(0, 4), (QList<QByteArray>{"Content-Type: application/json", "Content-Length: 30",
+                                                            "Allow: GET, HEAD", "Cache-Control: no-store"}));
         QCOMPARE(post.body, QByteArray("{\"error\":\"method not allowed\"}"));
         for (const QByteArray path : {"/nope", "/index.html", "/assets/../index.html", "/assets/", "/v1x"}) {
             const Response missing = get(path);
@@ -149,8 +146,8 @@ private Q_SLOTS:
 
     void keepsAStrangeHostOutOfThePolicy()
     {
-        const Response index = parse(
-            httpExchange(m_relay.port, "GET / HTTP/1.1\r\nHost: evil.test; script-src *\r\n\r\n"));
+        const Response index =
+            parse(httpExchange(m_relay.port, "GET / HTTP/1.1\r\nHost: evil.test; script-src *\r\n\r\n"));
         QVERIFY(index.headers.contains("Content-Security-Policy: default-src 'none'; script-src 'self'; "
                                        "style-src 'self'; img-src 'self'; font-src 'self'; connect-src 'self'; "
                                        "manifest-src 'self'; base-uri 'none'; form-action 'none'; "
