@@ -71,6 +71,11 @@ export class World {
   }
 
   async start() {
+    // Whatever ends this process ends the relay and the agent with it.
+    process.once('exit', () => {
+      for (const child of [this.agent, this.relay]) if (child && child.exitCode === null) child.kill('SIGKILL');
+    });
+    for (const signal of ['SIGINT', 'SIGTERM']) process.once(signal, () => process.exit(1));
     this.relay = spawn(join(this.bin, 'brinmoor-server'), [], {
       env: { ...process.env, BRINMOOR_SHARED_TOKEN: kToken, BRINMOOR_SERVER_PORT: '0', BRINMOOR_SERVER_BIND: '127.0.0.1' },
       stdio: ['ignore', 'pipe', 'inherit'],

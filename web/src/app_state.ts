@@ -78,7 +78,7 @@ export class AppState {
   constructor(
     private readonly origin: string,
     private readonly storage: KeyValueStorage,
-    db: ConversationDB | null,
+    db: ConversationDB | null | Promise<ConversationDB | null>,
   ) {
     const relay = () => {
       const client = this.connection.client;

@@ -4,8 +4,8 @@ import { AppState } from './app_state';
 import { ConversationDB } from './stores/conversation_db';
 import { App } from './views/App';
 
-async function start(): Promise<void> {
-  const db = await ConversationDB.open(indexedDB).catch(() => null);
+function start(): void {
+  const db = ConversationDB.open(indexedDB).catch(() => null);
   const state = new AppState(location.origin, localStorage, db);
   // The token comes in the fragment; it leaves the address bar before anything else.
   const adoptToken = () => {
@@ -26,4 +26,4 @@ async function start(): Promise<void> {
   render(<App state={state} />, document.getElementById('app')!);
 }
 
-void start();
+start();

@@ -4,7 +4,7 @@ import { FakeSocket } from './fake_socket';
 
 interface Harness {
   client: RelayClient;
-  timers: { callback: () => void; ms: number }[];
+  timers: { callback: () => void; ms: number; cleared: boolean }[];
   states: ConnectionState[];
   probeStatus: number;
   probes: string[];
@@ -20,8 +20,12 @@ function harness(): Harness {
       h.probes.push(origin + ' ' + token);
       return h.probeStatus;
     },
-    setTimer: (callback, ms) => h.timers.push({ callback, ms }),
-    clearTimer: () => undefined,
+    setTimer: (callback, ms) => {
+      const timer = { callback, ms, cleared: false };
+      h.timers.push(timer);
+      return timer;
+    },
+    clearTimer: (timer) => ((timer as { cleared: boolean }).cleared = true),
     random: () => 0.5,
   });
   h.client.onState((state) => h.states.push(state));
@@ -29,6 +33,11 @@ function harness(): Harness {
 }
 
 const hello = { type: 'server.hello', agents: [] };
+
+// The timers of reconnecting, without the hello time-outs every socket has.
+function retries(h: Harness) {
+  return h.timers.filter((timer) => timer.ms !== 10000);
+}
 
 describe('RelayClient', () => {
   beforeEach(() => {
@@ -82,17 +91,17 @@ describe('RelayClient', () => {
     FakeSocket.last().drop();
     expect(h.client.state).toBe('waiting');
     for (let i = 0; i < 6; i++) {
-      h.timers[h.timers.length - 1].callback();
+      retries(h)[retries(h).length - 1].callback();
       FakeSocket.last().drop(); // never opens: the relay is away
       await Promise.resolve();
       await Promise.resolve();
     }
-    expect(h.timers.map((t) => t.ms)).toEqual([500, 1000, 2000, 4000, 8000, 15000, 15000]);
-    h.timers[h.timers.length - 1].callback();
+    expect(retries(h).map((t) => t.ms)).toEqual([500, 1000, 2000, 4000, 8000, 15000, 15000]);
+    retries(h)[retries(h).length - 1].callback();
     FakeSocket.last().open();
     FakeSocket.last().receive(hello);
     FakeSocket.last().drop();
-    expect(h.timers[h.timers.length - 1].ms).toBe(500);
+    expect(retries(h)[retries(h).length - 1].ms).toBe(500);
   });
 
   it('says so and stops trying when the relay refuses the token', async () => {
@@ -104,7 +113,7 @@ describe('RelayClient', () => {
     await Promise.resolve();
     expect(h.probes).toEqual(['http://relay.test:8080 secret']);
     expect(h.client.state).toBe('unauthorized');
-    expect(h.timers).toEqual([]);
+    expect(retries(h)).toEqual([]);
     h.client.reconnectNow();
     expect(FakeSocket.created.length).toBe(1);
   });
@@ -117,7 +126,24 @@ describe('RelayClient', () => {
     await Promise.resolve();
     await Promise.resolve();
     expect(h.client.state).toBe('blocked');
-    expect(h.timers.map((t) => t.ms)).toEqual([60000]);
+    expect(retries(h).map((t) => t.ms)).toEqual([60000]);
+  });
+
+  it('gives up a socket that has not said hello within 10 s and tries again', () => {
+    const h = harness();
+    h.client.start();
+    const silent = FakeSocket.last();
+    silent.open();
+    const helloTimer = h.timers.find((t) => t.ms === 10000)!;
+    helloTimer.callback();
+    expect(silent.closed).toBe(true);
+    expect(h.client.state).toBe('waiting');
+    expect(retries(h).map((t) => t.ms)).toEqual([500]);
+    retries(h)[0].callback();
+    FakeSocket.last().open();
+    FakeSocket.last().receive(hello);
+    expect(h.client.state).toBe('open');
+    expect(h.timers.filter((t) => t.ms === 10000).map((t) => t.cleared)).toEqual([false, true]);
   });
 
   it('keeps the last seq of each agent and ignores what it cannot read', () => {

@@ -210,3 +210,14 @@ describe('ApprovalsStore sheet', () => {
     expect(store.sheetOpen).toBe(false);
   });
 });
+
+describe('TerminalsStore processed output', () => {
+  it('counts what the terminal confirmed', () => {
+    const store = new TerminalsStore({ terminal: () => true }, new MemoryStorage());
+    const session = store.open('mac', 'App', 'interactive');
+    store.processed(session.sessionId, 10);
+    store.processed(session.sessionId, 5);
+    store.processed('unknown', 3);
+    expect(store.get(session.sessionId)!.processed).toBe(15);
+  });
+});

@@ -58,6 +58,7 @@ const kOpen = 1;
 const kBackoffStartMs = 500;
 const kBackoffMaxMs = 15_000;
 const kBlockedRetryMs = 60_000;
+const kHelloTimeoutMs = 10_000; // a socket without the relay's hello by then is given up
 
 async function probeWithFetch(origin: string, token: string): Promise<number> {
   try {
@@ -95,6 +96,7 @@ export class RelayClient {
   private readonly options: Required<RelayClientOptions>;
   private socket: SocketLike | null = null;
   private timer: unknown = null;
+  private helloTimer: unknown = null;
   private attempt = 0;
   private current: ConnectionState = 'stopped';
   private readonly messageListeners = new Set<MessageListener>();
@@ -210,6 +212,12 @@ export class RelayClient {
       return;
     }
     this.socket = socket;
+    this.helloTimer = this.options.setTimer(() => {
+      this.helloTimer = null;
+      if (this.socket !== socket) return;
+      this.dropSocket();
+      this.scheduleReconnect();
+    }, kHelloTimeoutMs);
     let opened = false;
     socket.onopen = () => {
       opened = true;
@@ -219,6 +227,7 @@ export class RelayClient {
       const message = decodeServerMessage(event.data);
       if (!message) return;
       if (message.type === 'server.hello') {
+        this.cancelHelloTimer();
         this.attempt = 0;
         this.setState('open');
       }
@@ -227,6 +236,7 @@ export class RelayClient {
     socket.onerror = () => undefined;
     socket.onclose = () => {
       if (this.socket !== socket) return;
+      this.cancelHelloTimer();
       this.socket = null;
       this.failPending();
       if (opened) this.scheduleReconnect();
@@ -287,7 +297,13 @@ export class RelayClient {
     this.timer = null;
   }
 
+  private cancelHelloTimer(): void {
+    if (this.helloTimer !== null) this.options.clearTimer(this.helloTimer);
+    this.helloTimer = null;
+  }
+
   private dropSocket(): void {
+    this.cancelHelloTimer();
     const socket = this.socket;
     this.socket = null;
     if (!socket) return;

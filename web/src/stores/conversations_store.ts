@@ -44,12 +44,16 @@ export class ConversationsStore extends Observable {
   private readonly byTask = new Map<string, ChatMessage>();
   private readonly loadedScopes = new Set<string>();
 
+  private readonly db: Promise<ConversationDB | null>;
+
+  // The database may still be opening: the page does not wait for it to show itself.
   constructor(
-    private readonly db: ConversationDB | null,
+    db: ConversationDB | null | Promise<ConversationDB | null>,
     private readonly sender: ChatSender,
     private readonly now: () => number = Date.now,
   ) {
     super();
+    this.db = Promise.resolve(db);
   }
 
   get(conversationId: string): Conversation | undefined {
@@ -72,7 +76,8 @@ export class ConversationsStore extends Observable {
   async open(conversationId: string): Promise<Conversation | undefined> {
     const conversation = this.conversations.get(conversationId);
     if (!conversation || conversation.messages) return conversation;
-    const records = this.db ? await this.db.messages(conversationId) : [];
+    const db = await this.db;
+    const records = db ? await db.messages(conversationId) : [];
     conversation.messages ??= records.map(fromRecord);
     this.changed();
     return conversation;
@@ -168,7 +173,7 @@ export class ConversationsStore extends Observable {
     this.conversations.clear();
     this.byTask.clear();
     this.loadedScopes.clear();
-    await this.db?.clear();
+    await (await this.db)?.clear();
     this.changed();
   }
 
@@ -187,12 +192,13 @@ export class ConversationsStore extends Observable {
 
   private async persist(conversation: Conversation, messages: ChatMessage[]): Promise<void> {
     const { messages: _all, ...record } = conversation;
-    await this.db?.save(record, messages.map(toRecord));
+    await (await this.db)?.save(record, messages.map(toRecord));
   }
 
   private async loadScope(agentId: string, projectPath: string): Promise<void> {
-    if (!this.db) return;
-    const records = await this.db.conversations(agentId, projectPath);
+    const db = await this.db;
+    if (!db) return;
+    const records = await db.conversations(agentId, projectPath);
     for (const record of records) {
       if (!this.conversations.has(record.id)) this.conversations.set(record.id, { ...record, messages: null });
     }

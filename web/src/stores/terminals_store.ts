@@ -12,6 +12,9 @@ export interface TerminalSession {
   status: 'opening' | 'running' | 'closed';
   exitCode?: number;
   message: string; // the agent's latest status or error text
+  // Output characters the terminal has processed (its write callbacks), the measure a
+  // flow-controlled relay acknowledges against.
+  processed?: number;
 }
 
 export type Completion = Omit<MessageOf<'terminal.completion'>, 'type' | 'agentId' | 'seq'>;
@@ -103,6 +106,12 @@ export class TerminalsStore extends Observable {
     return () => {
       if (this.sinks.get(sessionId) === sink) this.sinks.delete(sessionId);
     };
+  }
+
+  // The view's terminal has processed this much more output.
+  processed(sessionId: string, characters: number): void {
+    const session = this.sessions.get(sessionId);
+    if (session) session.processed = (session.processed ?? 0) + characters;
   }
 
   input(session: TerminalSession, data: string): boolean {

@@ -112,7 +112,7 @@ function TerminalScreen({ state, session }: { state: State; session: TerminalSes
     const disconnect = state.terminals.connect(session.sessionId, {
       output: (data, reset) => {
         if (reset) term.reset();
-        term.write(data);
+        term.write(data, () => state.terminals.processed(session.sessionId, data.length));
       },
       completion: (answer) => setCompletion(answer),
     });
