@@ -348,6 +348,20 @@ test('the key bar sends control keys', async () => {
   await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('after-5'));
 });
 
+test('a line-mode terminal completes a path, runs the line and keeps a history', async () => {
+  await click('.terminal-head button', 'Close');
+  await click('.terminal-start button', 'Line mode');
+  await page.waitForSelector('.terminal-head .status-dot.online');
+  await type('input[name=line]', 'ls Pack');
+  await page.keyboard.press('Tab');
+  await page.waitForFunction(() => document.querySelector('input[name=line]').value === 'ls Package.swift');
+  await page.keyboard.press('Enter');
+  await page.waitForFunction(() => /› ls Package\.swift\s+Package\.swift/.test(document.querySelector('.xterm-rows').innerText));
+  assert.equal(await page.$eval('input[name=line]', (input) => input.value), '');
+  await page.keyboard.press('ArrowUp');
+  assert.equal(await page.$eval('input[name=line]', (input) => input.value), 'ls Package.swift');
+});
+
 test('Forget this server clears the token and asks again', async () => {
   await click('.topbar .icon', '⋯');
   await click('.menu button', 'Forget this server');

@@ -185,6 +185,15 @@ describe('TerminalsStore', () => {
     expect(encodeBase64('x'.repeat(100000)).length).toBe(133336);
   });
 
+  it('marks a session closed when the user closes it', () => {
+    const { store, sent, storage } = terminals();
+    const session = store.open('mac', 'App', 'interactive');
+    expect(store.close(session)).toBe(true);
+    expect(sent[1]).toEqual({ type: 'terminal.close', agentId: 'mac', payload: { sessionId: session.sessionId } });
+    expect(store.forProject('mac', 'App')).toBeUndefined();
+    expect(terminals(storage).store.forProject('mac', 'App')).toBeUndefined();
+  });
+
   it('marks a session the agent no longer has as closed', () => {
     const { store } = terminals();
     const session = store.open('mac', 'App', 'interactive');

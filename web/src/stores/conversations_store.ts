@@ -190,15 +190,17 @@ export class ConversationsStore extends Observable {
     }
   }
 
+  // A browser that refuses storage (private mode, full disk, closed database) costs the
+  // chats their history, never the chat itself.
   private async persist(conversation: Conversation, messages: ChatMessage[]): Promise<void> {
     const { messages: _all, ...record } = conversation;
-    await (await this.db)?.save(record, messages.map(toRecord));
+    await (await this.db)?.save(record, messages.map(toRecord)).catch(() => undefined);
   }
 
   private async loadScope(agentId: string, projectPath: string): Promise<void> {
     const db = await this.db;
     if (!db) return;
-    const records = await db.conversations(agentId, projectPath);
+    const records = await db.conversations(agentId, projectPath).catch(() => []);
     for (const record of records) {
       if (!this.conversations.has(record.id)) this.conversations.set(record.id, { ...record, messages: null });
     }

@@ -130,8 +130,14 @@ export class TerminalsStore extends Observable {
     return this.command(session, 'terminal.complete', { line, cursor });
   }
 
+  // The agent ends an interactive session without a word, so the page marks it closed
+  // itself; a line-mode session's "terminal.closed" adds its exit status later.
   close(session: TerminalSession): boolean {
-    return this.command(session, 'terminal.close', {});
+    if (!this.command(session, 'terminal.close', {})) return false;
+    session.status = 'closed';
+    this.save();
+    this.changed();
+    return true;
   }
 
   handle(message: ServerMessage): void {

@@ -87,6 +87,8 @@ function TerminalScreen({ state, session }: { state: State; session: TerminalSes
       fontSize: matchMedia('(max-width: 600px)').matches ? 12 : 13,
       cursorBlink: interactive,
       disableStdin: !interactive,
+      // A line-mode shell has no terminal to turn its line ends into CR LF.
+      convertEol: !interactive,
       scrollback: 5000,
       theme: theme(),
       allowProposedApi: false,
