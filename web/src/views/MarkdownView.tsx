@@ -1,5 +1,6 @@
 import { useLayoutEffect, useRef } from 'preact/hooks';
-import { highlightCode, MarkdownBlocks, markdownToHTML } from '../lib/markdown';
+import { highlightCode, markdownToHTML } from '../lib/markdown';
+import { MarkdownBlocks } from '../lib/markdown_blocks';
 
 // A tail this long is shown as text until it ends: rendering it as Markdown on every
 // chunk would make each chunk cost as much as the tail.
@@ -11,6 +12,7 @@ function timings(): { chunks: number; ms: number }[] | undefined {
 
 interface Rendered {
   chunks: string[] | null;
+  streaming: boolean;
   consumed: number;
   blocks: MarkdownBlocks;
   tail: HTMLElement | null;
@@ -20,7 +22,7 @@ interface Rendered {
 // the unfinished tail is rendered again when a chunk arrives.
 export function MarkdownView({ chunks, streaming }: { chunks: string[]; streaming: boolean }) {
   const root = useRef<HTMLDivElement>(null);
-  const rendered = useRef<Rendered>({ chunks: null, consumed: 0, blocks: new MarkdownBlocks(), tail: null });
+  const rendered = useRef<Rendered>({ chunks: null, streaming: true, consumed: 0, blocks: new MarkdownBlocks(), tail: null });
   useLayoutEffect(() => {
     const element = root.current!;
     const r = rendered.current;
@@ -34,7 +36,9 @@ export function MarkdownView({ chunks, streaming }: { chunks: string[]; streamin
       element.append(r.tail);
     }
     const length = chunks.length;
-    if (r.consumed === length && streaming) return;
+    // Nothing new: a finished answer, or no chunk since the last render, costs nothing.
+    if (r.consumed === length && r.streaming === streaming) return;
+    r.streaming = streaming;
     const started = performance.now();
     const before = r.consumed;
     while (r.consumed < length) {
