@@ -119,10 +119,6 @@ export class RelayClient {
     return this.current;
   }
 
-  get token(): string {
-    return this.options.token;
-  }
-
   // The last "seq" seen from each agent, for resuming where this page left off.
   lastSeq(): Record<string, number> {
     return Object.fromEntries(this.seqs);
