@@ -103,8 +103,8 @@ bool isPlainHost(QByteArrayView host)
     if (host.isEmpty() || host.size() > 255)
         return false;
     for (char c : host) {
-        const bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                             c == '.' || c == '-' || c == ':' || c == '[' || c == ']';
+        const bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
+                             c == '-' || c == ':' || c == '[' || c == ']';
         if (!allowed)
             return false;
     }
@@ -141,7 +141,8 @@ QByteArray response(const HttpRequest& request)
     const QByteArray security = securityHeaders(request);
     if (request.method != "GET" && request.method != "HEAD") {
         const QByteArray body = RelayMessages::httpError(QStringLiteral("method not allowed"));
-        return head(405, "application/json", body.size(), "Allow: GET, HEAD\r\nCache-Control: no-store\r\n" + security) +
+        return head(405, "application/json", body.size(),
+                    "Allow: GET, HEAD\r\nCache-Control: no-store\r\n" + security) +
                body;
     }
     const auto found = files().constFind(request.path);
@@ -152,8 +153,8 @@ QByteArray response(const HttpRequest& request)
     const File& file = *found;
     const bool gzip = !file.gzipped.isEmpty() && acceptsGzip(request);
     const QByteArray& body = gzip ? file.gzipped : file.content;
-    QByteArray headers = file.immutable ? "Cache-Control: public, max-age=31536000, immutable\r\n"
-                                        : "Cache-Control: no-cache\r\n";
+    QByteArray headers =
+        file.immutable ? "Cache-Control: public, max-age=31536000, immutable\r\n" : "Cache-Control: no-cache\r\n";
     if (gzip)
         headers += "Content-Encoding: gzip\r\n";
     if (!file.gzipped.isEmpty())
