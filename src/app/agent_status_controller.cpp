@@ -243,6 +243,16 @@ QString AgentStatusController::pairingTooltip() const
     return Pairing::pairingTooltip(m_defaults, m_machine.hostName, lanAddress());
 }
 
+QString AgentStatusController::webClientURL() const
+{
+    return Pairing::webClientURL(m_defaults, lanAddress());
+}
+
+QString AgentStatusController::loopbackWebClientURL() const
+{
+    return Pairing::webClientURL(m_defaults, std::nullopt);
+}
+
 QString AgentStatusController::networkTitle() const
 {
     if (const std::optional<PairingPayload> payload = currentPairingPayload())

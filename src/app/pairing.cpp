@@ -5,6 +5,7 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QUrl>
 
 #include <ifaddrs.h>
 #include <net/if.h>
@@ -96,6 +97,13 @@ std::optional<PairingPayload> currentPairingPayload(const SettingsStore& default
     return PairingPayload{hostName.isEmpty() ? QStringLiteral("My Mac") : hostName,
                           QStringLiteral("http://") + *lanAddress + QLatin1Char(':') + portText(defaults),
                           agentIdFor(defaults, hostName), token};
+}
+
+QString webClientURL(const SettingsStore& defaults, const std::optional<QString>& lanAddress)
+{
+    const QString token = defaults.string(QStringLiteral("token")).value_or(QString());
+    return QStringLiteral("http://") + lanAddress.value_or(QStringLiteral("127.0.0.1")) + QLatin1Char(':') +
+           portText(defaults) + QStringLiteral("/#token=") + QString::fromLatin1(QUrl::toPercentEncoding(token));
 }
 
 QString pairingTooltip(const SettingsStore& defaults, const QString& hostName, const std::optional<QString>& lanAddress)

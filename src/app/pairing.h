@@ -44,6 +44,10 @@ std::optional<QString> currentLANIPv4Address(const std::vector<InterfaceAddress>
 // without a token.
 std::optional<PairingPayload> currentPairingPayload(const SettingsStore& defaults, const QString& hostName,
                                                     const std::optional<QString>& lanAddress);
+// Brinmoor Web on this computer's server, "http://HOST:PORT/#token=TOKEN": the token
+// rides in the fragment, which a browser never sends to the server. The LAN address when
+// there is one (a phone opens it), else the loopback address.
+QString webClientURL(const SettingsStore& defaults, const std::optional<QString>& lanAddress);
 // "Server URL: …", "Agent ID: …" and "Token: …" on three lines.
 QString pairingTooltip(const SettingsStore& defaults, const QString& hostName,
                        const std::optional<QString>& lanAddress);
