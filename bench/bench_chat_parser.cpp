@@ -5,8 +5,11 @@
 // Also compares the input rate for an answer that grows to 1 MB in 1,000 events with
 // one that grows to 100 KB in 100, both as cumulative assistant events and as partial
 // messages (text deltas, then the assembled block): a parser that rescans or re-joins
-// its text would fall far behind on the larger.
+// its text would fall far behind on the larger. Last, the reading of the event lines
+// alone, with the parser's JsonReader and with QJsonDocument (what it replaced), each
+// line parsed and its "type" read.
 #include "chat/chat_json_line_parser.h"
+#include "chat/json_reader.h"
 #include "process_stats.h"
 
 #include <QElapsedTimer>
@@ -246,6 +249,43 @@ int main(int argc, char** argv)
         std::printf("  ratio (large / small)                  %.2f (at least 0.67 means linear)\n",
                     bigRate / smallRate);
     }
+    // JSON reading alone: the recorded lines, each parsed whole and its "type" read, as
+    // the parser needs it; best of three.
+    QStringList lines;
+    for (const Recording& recording : recordings)
+        lines += recorded(recording.file).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    qint64 lineBytes = 0;
+    for (const QString& line : lines)
+        lineBytes += line.toUtf8().size();
+    const int rounds = int(50'000'000 / lineBytes) + 1;
+    const auto timeBest = [&](auto&& readOne) {
+        double best = 0;
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            QElapsedTimer clock;
+            clock.start();
+            qint64 types = 0;
+            for (int round = 0; round < rounds; ++round) {
+                for (const QString& line : lines)
+                    types += readOne(line);
+            }
+            const double seconds = double(clock.nsecsElapsed()) / 1e9;
+            if (types == 0)
+                std::printf("  (no line had a type)\n");
+            if (attempt == 0 || seconds < best)
+                best = seconds;
+        }
+        return double(lineBytes) * rounds / 1e6 / best;
+    };
+    JsonReader reader;
+    const double readerRate = timeBest([&](const QString& line) {
+        return reader.parse(line) && reader.isString(reader.member(reader.root(), u"type")) ? 1 : 0;
+    });
+    const double documentRate = timeBest([](const QString& line) {
+        const QJsonDocument document = QJsonDocument::fromJson(line.toUtf8());
+        return document.object().value(QStringLiteral("type")).isString() ? 1 : 0;
+    });
+    std::printf("  JSON of the event lines: JsonReader %.1f MB/s, QJsonDocument %.1f MB/s (%.1fx)\n", readerRate,
+                documentRate, readerRate / documentRate);
     std::printf("  peak RSS                               %.1f MB\n", peakRssMB());
     return 0;
 }
