@@ -489,7 +489,7 @@ private Q_SLOTS:
                                                 QStringLiteral("real-claude-allow"), QStringLiteral("on_request")));
         const auto request = waitForTask(allowed, {QStringLiteral("permission.request")});
         QVERIFY(request);
-        QTest::qWait(300);
+        // claude is held in its call to the approval tool until the phone decides.
         QVERIFY(!QFile::exists(notes));
         m_phone->send(QJsonObject{{QStringLiteral("type"), QStringLiteral("permission.decision")},
                                   {QStringLiteral("requestId"), request->value(QStringLiteral("requestId"))},
