@@ -3,6 +3,7 @@
 #include "protocol/message_types.h"
 #include "relay_listener.h"
 #include "relay_log.h"
+#include "static_files.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -212,6 +213,10 @@ void RelayServer::requestReceived(RelayConnection& connection, const HttpRequest
 {
     takeForwardedAddress(connection, request);
     const QByteArray& path = request.path;
+    if (path != "/v1" && !path.startsWith("/v1/")) {
+        connection.respond(StaticFiles::response(request));
+        return;
+    }
     if (path == "/v1/health") {
         if (request.method == "GET" || request.method == "HEAD")
             connection.respond(jsonResponse(200, "{\"ok\":true}"));

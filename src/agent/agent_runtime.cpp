@@ -50,7 +50,8 @@ std::optional<QUrl> agentSocketURL(const QString& serverURL, const QString& agen
 AgentRuntime::AgentRuntime(SettingsStore& defaults, Environment env, Machine machine, ConnectionIntervals intervals,
                            QObject* parent)
     : QObject(parent), m_defaults(defaults), m_env(std::move(env)), m_machine(std::move(machine)),
-      m_runner(std::make_unique<ProcessRunner>(static_cast<TaskHost&>(*this)))
+      m_runner(std::make_unique<ProcessRunner>(static_cast<TaskHost&>(*this))),
+      m_chatSessions(ChatSessions::standardFilePath(m_env, m_machine.homeDirectory))
 {
     m_reconnectTimer.setSingleShot(true);
     m_reconnectTimer.setTimerType(Qt::PreciseTimer);
@@ -128,6 +129,8 @@ void AgentRuntime::stop()
         m_socket = nullptr;
     }
     m_connected = false;
+    // The conversations are on disk, whatever comes next.
+    m_chatSessions.flush();
     reportStatus(QStringLiteral("Stopped"));
 }
 

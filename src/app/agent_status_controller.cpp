@@ -253,6 +253,16 @@ QString AgentStatusController::pairingTooltip() const
                                    LocalServerSettings::load(m_defaults, m_env));
 }
 
+QString AgentStatusController::webClientURL() const
+{
+    return Pairing::webClientURL(m_defaults, lanAddress(), LocalServerSettings::load(m_defaults, m_env));
+}
+
+QString AgentStatusController::loopbackWebClientURL() const
+{
+    return Pairing::webClientURL(m_defaults, std::nullopt, LocalServerSettings::load(m_defaults, m_env));
+}
+
 QString AgentStatusController::networkTitle() const
 {
     if (const std::optional<PairingPayload> payload = currentPairingPayload())

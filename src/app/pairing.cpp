@@ -5,6 +5,7 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QUrl>
 
 #include <ifaddrs.h>
 #include <net/if.h>
@@ -111,6 +112,14 @@ std::optional<PairingPayload> currentPairingPayload(const SettingsStore& default
         return std::nullopt;
     return PairingPayload{hostName.isEmpty() ? QStringLiteral("My Mac") : hostName, *serverURL,
                           agentIdFor(defaults, hostName), token};
+}
+
+QString webClientURL(const SettingsStore& defaults, const std::optional<QString>& lanAddress,
+                     const LocalServerSettings& server)
+{
+    const QString token = defaults.string(QStringLiteral("token")).value_or(QString());
+    return serverURLForPhones(defaults, server, lanAddress.value_or(QStringLiteral("127.0.0.1"))).value_or(QString()) +
+           QStringLiteral("/#token=") + QString::fromLatin1(QUrl::toPercentEncoding(token));
 }
 
 QString pairingTooltip(const SettingsStore& defaults, const QString& hostName, const std::optional<QString>& lanAddress,

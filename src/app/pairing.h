@@ -53,6 +53,12 @@ std::optional<QString> serverURLForPhones(const SettingsStore& defaults, const L
 std::optional<PairingPayload> currentPairingPayload(const SettingsStore& defaults, const QString& hostName,
                                                     const std::optional<QString>& lanAddress,
                                                     const LocalServerSettings& server = {});
+// Brinmoor Web on this computer's server, "SERVER-URL/#token=TOKEN": the token rides in
+// the fragment, which a browser never sends to the server. SERVER-URL is the one phones
+// are given (the public URL when there is one), on the LAN address when there is one (a
+// phone opens it), else on the loopback address.
+QString webClientURL(const SettingsStore& defaults, const std::optional<QString>& lanAddress,
+                     const LocalServerSettings& server = {});
 // "Server URL: …", "Agent ID: …" and "Token: …" on three lines.
 QString pairingTooltip(const SettingsStore& defaults, const QString& hostName, const std::optional<QString>& lanAddress,
                        const LocalServerSettings& server = {});

@@ -130,6 +130,28 @@ private Q_SLOTS:
                  QStringLiteral("Server URL: https://mymac.tailnet.ts.net:8443\nAgent ID: box\nToken: "));
     }
 
+    void webClientLinkCarriesTheTokenInItsFragment()
+    {
+        MemorySettingsStore settings;
+        settings.setValue(QStringLiteral("serverPort"), 8080);
+        settings.setValue(QStringLiteral("token"), QStringLiteral("tok"));
+        QCOMPARE(Pairing::webClientURL(settings, QStringLiteral("10.0.0.2")),
+                 QStringLiteral("http://10.0.0.2:8080/#token=tok"));
+        QCOMPARE(Pairing::webClientURL(settings, std::nullopt), QStringLiteral("http://127.0.0.1:8080/#token=tok"));
+        settings.setValue(QStringLiteral("token"), QStringLiteral("a b&c#d"));
+        QCOMPARE(Pairing::webClientURL(settings, std::nullopt),
+                 QStringLiteral("http://127.0.0.1:8080/#token=a%20b%26c%23d"));
+        // The link starts as the server URL phones are given.
+        LocalServerSettings server;
+        server.publicURL = QStringLiteral("https://mymac.tailnet.ts.net:8443");
+        QCOMPARE(Pairing::webClientURL(settings, std::nullopt, server),
+                 QStringLiteral("https://mymac.tailnet.ts.net:8443/#token=a%20b%26c%23d"));
+        server = LocalServerSettings{};
+        server.tlsCertificate = QStringLiteral("/etc/brinmoor/cert.pem");
+        QCOMPARE(Pairing::webClientURL(settings, QStringLiteral("10.0.0.2"), server),
+                 QStringLiteral("https://10.0.0.2:8080/#token=a%20b%26c%23d"));
+    }
+
     void qrCodeDrawnWithHalfBlocks()
     {
         const std::vector<std::vector<bool>> modules = Pairing::qrModules("{\"name\":\"x\"}");

@@ -40,6 +40,9 @@ void AgentProcess::start(const QString& serverURL, const QProcessEnvironment& ex
 {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("XDG_CONFIG_HOME"), configHome.path());
+    // The chat bookkeeping and claude's sessions stay in the test's folders too.
+    env.insert(QStringLiteral("XDG_STATE_HOME"), configHome.path() + QStringLiteral("/state"));
+    env.insert(QStringLiteral("CLAUDE_CONFIG_DIR"), configHome.path() + QStringLiteral("/claude"));
     env.insert(QStringLiteral("BRINMOOR_SERVER_URL"), serverURL);
     env.insert(QStringLiteral("BRINMOOR_AGENT_ID"), agentId);
     env.insert(QStringLiteral("BRINMOOR_SHARED_TOKEN"), token);

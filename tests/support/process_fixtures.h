@@ -9,8 +9,8 @@
 
 namespace brinmoor::test {
 
-// The agent as a user runs it (`--agent-only`), with its own config home and repository
-// root, pointed at a server.
+// The agent as a user runs it (`--agent-only`), with its own config home (which also
+// holds its state and claude's sessions) and repository root, pointed at a server.
 struct AgentProcess {
     QTemporaryDir configHome;
     QTemporaryDir repo;
