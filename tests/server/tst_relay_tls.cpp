@@ -95,6 +95,10 @@ private Q_SLOTS:
         const QByteArray refused = httpsExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\n\r\n", tls);
         QCOMPARE(statusAndBody(refused), QStringLiteral("HTTP/1.1 401 Unauthorized\n{\"error\":\"unauthorized\"}"));
         QCOMPARE(statusAndTransportSecurity(refused), QStringLiteral("HTTP/1.1 401 Unauthorized\nmax-age=31536000"));
+        // Brinmoor Web too, from the same port.
+        const QByteArray index = httpsExchange(m_relay->port, "GET / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n", tls);
+        QCOMPARE(statusAndTransportSecurity(index), QStringLiteral("HTTP/1.1 200 OK\nmax-age=31536000"));
+        QVERIFY(index.contains("<!doctype html>") || index.contains("<!DOCTYPE html>"));
 
         RelayClient phone;
         phone.useTls(tls);
@@ -121,10 +125,14 @@ private Q_SLOTS:
         page.useTls(tls);
         page.setOrigin("https://127.0.0.1:" + QByteArray::number(m_relay->port));
         QVERIFY(page.open(m_relay->port, m_relay->token, RelayClient::TokenVia::Subprotocol));
-        RelayClient plainPage;
-        plainPage.useTls(tls);
-        plainPage.setOrigin("http://127.0.0.1:" + QByteArray::number(m_relay->port));
-        QVERIFY(!plainPage.open(m_relay->port, m_relay->token, RelayClient::TokenVia::Subprotocol));
+        const QByteArray plainOrigin = httpsExchange(
+            m_relay->port,
+            ws::upgradeRequest("/v1/ws/client",
+                               QByteArray("Authorization: Bearer relay-token\r\nOrigin: http://127.0.0.1:" +
+                                          QByteArray::number(m_relay->port) + "\r\n")),
+            tls);
+        QCOMPARE(statusAndBody(plainOrigin),
+                 QStringLiteral("HTTP/1.1 403 Forbidden\n{\"error\":\"origin not allowed\"}"));
         QVERIFY(m_relay->waitForLine(
             QStringLiteral("origin.refused address=127.0.0.1 path=/v1/ws/client origin=http://127.0.0.1:%1")
                 .arg(m_relay->port)));
@@ -194,8 +202,6 @@ private Q_SLOTS:
             statusAndBody(answer),
             QStringLiteral("HTTP/1.1 400 Bad Request\n{\"error\":\"this port speaks TLS: use https:// or wss://\"}"));
         QCOMPARE(responseHeader(answer, "strict-transport-security"), std::nullopt);
-        RelayClient plain;
-        QVERIFY(!plain.open(m_relay->port, m_relay->token));
         QVERIFY(m_relay->waitForLine(QStringLiteral("tls.failed address=127.0.0.1 reason=not a TLS handshake")));
     }
 
