@@ -63,7 +63,8 @@ private Q_SLOTS:
         m_profile = AgentProfile::load(empty, {}, Machine{});
         m_profile.repoRoot = m_repo.path();
         m_profile.mcpApproverPath = m_approver;
-        m_connection = {QStringLiteral("http://127.0.0.1:8080"), QStringLiteral("agent"), QStringLiteral("tok\"en\\")};
+        m_connection = {QStringLiteral("http://127.0.0.1:8080"), QStringLiteral("agent"), QStringLiteral("tok\"en\\"),
+                        QString()};
     }
 
     void workspaceScopedPromptText()
