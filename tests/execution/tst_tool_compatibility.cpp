@@ -360,7 +360,10 @@ private Q_SLOTS:
     void aTaskCancelledWhileTheToolIsAskedNeverStarts()
     {
         QTemporaryDir fake;
-        installCodexWhoseHelp(QStringLiteral("slow"), fake.path(), "sleep 1.5");
+        // The help answers only once the test opens the gate.
+        const QString gate = fake.path() + QStringLiteral("/gate");
+        installCodexWhoseHelp(QStringLiteral("slow"), fake.path(),
+                              "until [[ -e " + QFile::encodeName(gate) + " ]]; do sleep 0.02; done");
         AgentFixture f;
         QDir().mkpath(f.repo.path() + QStringLiteral("/App"));
         QVERIFY(f.connect());
@@ -378,12 +381,18 @@ private Q_SLOTS:
         // comes back to the cancelled task first: had that started its command, codex
         // would have been run twice.
         f.assign(QStringLiteral("c2"), plan(QStringLiteral("App")));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.artifact"), QStringLiteral("c2")));
+        test::writeFile(gate);
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("c2"), 10000));
         QVERIFY(QFile::exists(fake.path() + QStringLiteral("/codex.1.args")));
         QVERIFY(!QFile::exists(fake.path() + QStringLiteral("/codex.2.args")));
 
         // Stopped (the agent quits or loses its server) while the tool is asked: the
-        // task is let go and its command never runs.
+        // task is let go and its command never runs. The tool is installed anew, so it
+        // is asked again, and its help waits for the gate again.
+        QFile::remove(gate);
+        installCodexWhoseHelp(QStringLiteral("slow"), fake.path(),
+                              "until [[ -e " + QFile::encodeName(gate) + " ]]; do sleep 0.02; done");
         f.assign(QStringLiteral("c3"), plan(QStringLiteral("App")));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.artifact"), QStringLiteral("c3")));
         DiagRecorder log;
@@ -392,6 +401,8 @@ private Q_SLOTS:
         QVERIFY(log.contains(QStringLiteral("runTask stopped before its command started taskId=c3")));
         // Another task, after it in every queue: codex runs for it, and only for it.
         f.assign(QStringLiteral("c4"), plan(QStringLiteral("App")));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.artifact"), QStringLiteral("c4")));
+        test::writeFile(gate);
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("c4"), 10000));
         QVERIFY(QFile::exists(fake.path() + QStringLiteral("/codex.2.args")));
         QVERIFY(!QFile::exists(fake.path() + QStringLiteral("/codex.3.args")));
