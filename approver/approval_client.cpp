@@ -1,5 +1,6 @@
 #include "approval_client.h"
 
+#include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QNetworkProxy>
@@ -41,6 +42,17 @@ ApprovalSettings settingsFromEnvironment()
     ApprovalSettings settings;
     settings.serverURL = env.value(QStringLiteral("BRINMOOR_SERVER_URL")).trimmed();
     settings.token = env.value(QStringLiteral("BRINMOOR_TOKEN"));
+    // The token may come in an owner-only file instead, so that it never stands on a
+    // command line (codex passes its MCP servers' settings as arguments).
+    const QString tokenFile = env.value(QStringLiteral("BRINMOOR_TOKEN_FILE"));
+    if (settings.token.isEmpty() && !tokenFile.isEmpty()) {
+        QFile file(tokenFile);
+        if (file.open(QIODevice::ReadOnly))
+            settings.token = QString::fromUtf8(file.read(4096)).trimmed();
+        else
+            settings.unavailable = QStringLiteral("cannot read BRINMOOR_TOKEN_FILE ") + tokenFile +
+                                   QStringLiteral(": ") + file.errorString();
+    }
     settings.taskId = env.value(QStringLiteral("BRINMOOR_TASK_ID"));
     bool ok = false;
     const int seconds = env.value(QStringLiteral("BRINMOOR_APPROVAL_WAIT_SEC")).toInt(&ok);
@@ -70,6 +82,10 @@ ApprovalClient::~ApprovalClient()
 void ApprovalClient::request(qint64 key, const QString& toolName, const QJsonValue& toolInput, const QString& toolUseId,
                              Answer answer)
 {
+    if (!m_settings.unavailable.isEmpty()) {
+        answer(denyDecision(QStringLiteral("approval unavailable: ") + m_settings.unavailable));
+        return;
+    }
     QString missing;
     if (m_settings.serverURL.isEmpty())
         missing = QStringLiteral("BRINMOOR_SERVER_URL");

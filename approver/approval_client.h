@@ -18,6 +18,8 @@ struct ApprovalSettings {
     QString token;
     QString taskId;
     int waitMs = 630'000; // a little longer than the server holds a request
+    // Why no request can be made (an unreadable token file); empty when one can.
+    QString unavailable;
 };
 
 ApprovalSettings settingsFromEnvironment();

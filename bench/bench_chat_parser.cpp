@@ -1,14 +1,20 @@
-// Chat stream parser throughput: recorded-shape Claude and Codex event lines fed to
-// ChatJSONLineParser in 4 KiB chunks.
-//   bench_chat_parser [--mb N]
-// Also compares the input rate for an answer that grows to 1 MB in 1,000 cumulative
-// Claude events with one that grows to 100 KB in 100: a parser that rescans or re-joins
-// its text would fall far behind on the first.
+// Chat stream parser throughput: the event lines claude 2.1.330 and codex 0.169.0
+// printed (tests/execution/data), fed to ChatJSONLineParser in 4 KiB chunks, one
+// parser per run as the agent has one per chat.
+//   bench_chat_parser [--mb N] [--only claude|partial|codex|growth]
+// Also compares the input rate for an answer that grows to 1 MB in 1,000 events with
+// one that grows to 100 KB in 100, both as cumulative assistant events and as partial
+// messages (text deltas, then the assembled block): a parser that rescans or re-joins
+// its text would fall far behind on the larger. Last, the reading of the event lines
+// alone, with the parser's JsonReader and with QJsonDocument (what it replaced), each
+// line parsed and its "type" read.
 #include "chat/chat_json_line_parser.h"
+#include "chat/json_reader.h"
 #include "process_stats.h"
 
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -26,6 +32,8 @@ QString jsonLine(const QJsonObject& object)
     return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)) + QLatin1Char('\n');
 }
 
+const QString kSession = QStringLiteral("5f1c2a9e-7b3d-4e8a-9c01-2d4e6f8a0b1c");
+
 QString claudeAssistant(const QString& text)
 {
     return jsonLine({{QStringLiteral("type"), QStringLiteral("assistant")},
@@ -34,7 +42,23 @@ QString claudeAssistant(const QString& text)
                                   {QStringLiteral("content"),
                                    QJsonArray{QJsonObject{{QStringLiteral("type"), QStringLiteral("text")},
                                                           {QStringLiteral("text"), text}}}}}},
-                     {QStringLiteral("session_id"), QStringLiteral("5f1c2a9e-0000-4000-8000-000000000000")}});
+                     {QStringLiteral("session_id"), kSession}});
+}
+
+// A text delta as claude passes it on with --include-partial-messages.
+QString claudeDelta(const QString& text)
+{
+    return jsonLine(
+        {{QStringLiteral("type"), QStringLiteral("stream_event")},
+         {QStringLiteral("event"),
+          QJsonObject{{QStringLiteral("type"), QStringLiteral("content_block_delta")},
+                      {QStringLiteral("index"), 0},
+                      {QStringLiteral("delta"), QJsonObject{{QStringLiteral("type"), QStringLiteral("text_delta")},
+                                                            {QStringLiteral("text"), text}}}}},
+         {QStringLiteral("session_id"), kSession},
+         {QStringLiteral("parent_tool_use_id"), QJsonValue::Null},
+         {QStringLiteral("uuid"), QStringLiteral("ea3a0544-f6b3-459a-8b72-4bc26fe69f3f")},
+         {QStringLiteral("api_message_id"), QStringLiteral("msg_01")}});
 }
 
 // Hands input to a parser in 4 KiB pieces, timing only the parser.
@@ -94,18 +118,21 @@ private:
     qint64 m_deltaChars = 0;
 };
 
-// A Claude answer of `events` cumulative assistant events, each `step` characters
-// longer, made one event at a time so the benchmark holds no more than one event.
 struct Figures {
     qint64 bytes = 0;
     qint64 deltaChars = 0;
     double seconds = 0;
 };
 
-Figures growingClaudeAnswer(int events, int step)
+// A Claude answer of `events` pieces, each `step` characters, made one event at a time
+// so the benchmark holds no more than one event: cumulative assistant events, or (with
+// `partial`) one text delta per piece and the assembled block at the end, as claude
+// prints them with --include-partial-messages.
+Figures growingClaudeAnswer(int events, int step, bool partial)
 {
     Feeder feeder(ChatJSONProvider::claude);
-    const QString sample = claudeAssistant(QStringLiteral("@@TEXT@@"));
+    const QString sample =
+        partial ? claudeDelta(QStringLiteral("@@TEXT@@")) : claudeAssistant(QStringLiteral("@@TEXT@@"));
     const qsizetype split = sample.indexOf(QStringLiteral("@@TEXT@@"));
     const QString before = sample.left(split);
     const QString after = sample.mid(split + 8);
@@ -113,56 +140,34 @@ Figures growingClaudeAnswer(int events, int step)
     const QString piece = QStringLiteral("The quick brown fox jumps over the lazy dog. ");
     while (text.size() < qsizetype(events) * step)
         text += piece;
-    for (int i = 1; i <= events; ++i)
-        feeder.add(before + QStringView(text).left(qsizetype(i) * step) + after);
-    feeder.add(jsonLine({{QStringLiteral("type"), QStringLiteral("result")},
-                         {QStringLiteral("result"), text.left(qsizetype(events) * step)}}));
+    text.truncate(qsizetype(events) * step);
+    if (partial)
+        feeder.add(jsonLine(
+            {{QStringLiteral("type"), QStringLiteral("stream_event")},
+             {QStringLiteral("event"), QJsonObject{{QStringLiteral("type"), QStringLiteral("message_start")},
+                                                   {QStringLiteral("message"),
+                                                    QJsonObject{{QStringLiteral("id"), QStringLiteral("msg_01")}}}}}}));
+    for (int i = 1; i <= events; ++i) {
+        if (partial)
+            feeder.add(before + QStringView(text).mid(qsizetype(i - 1) * step, step) + after);
+        else
+            feeder.add(before + QStringView(text).left(qsizetype(i) * step) + after);
+    }
+    if (partial)
+        feeder.add(claudeAssistant(text));
+    feeder.add(jsonLine({{QStringLiteral("type"), QStringLiteral("result")}, {QStringLiteral("result"), text}}));
     const double seconds = feeder.finish();
     return {feeder.bytes(), feeder.deltaChars(), seconds};
 }
 
-// One run's recorded-shape event lines: a Claude answer streamed in cumulative
-// assistant events and its result, or a Codex thread with commands and messages.
-QString recordedRun(ChatJSONProvider provider)
+QString recorded(const char* name)
 {
-    QString run;
-    if (provider == ChatJSONProvider::claude) {
-        run += jsonLine({{QStringLiteral("type"), QStringLiteral("system")},
-                         {QStringLiteral("subtype"), QStringLiteral("init")},
-                         {QStringLiteral("session_id"), QStringLiteral("5f1c2a9e-0000-4000-8000-000000000000")}});
-        QString text;
-        for (int i = 0; i < 20; ++i) {
-            text += QStringLiteral("Sentence %1 of the answer, with some words in it. ").arg(i);
-            run += claudeAssistant(text);
-        }
-        run += jsonLine({{QStringLiteral("type"), QStringLiteral("result")},
-                         {QStringLiteral("subtype"), QStringLiteral("success")},
-                         {QStringLiteral("is_error"), false},
-                         {QStringLiteral("result"), text}});
-    } else {
-        run += jsonLine({{QStringLiteral("type"), QStringLiteral("thread.started")},
-                         {QStringLiteral("thread_id"), QStringLiteral("0199a1b2")}});
-        run += jsonLine({{QStringLiteral("type"), QStringLiteral("turn.started")}});
-        for (int i = 0; i < 40; ++i) {
-            run +=
-                jsonLine({{QStringLiteral("type"), QStringLiteral("item.started")},
-                          {QStringLiteral("item"),
-                           QJsonObject{{QStringLiteral("type"), QStringLiteral("command_execution")},
-                                       {QStringLiteral("command"), QStringLiteral("bash -lc 'ls src/%1'").arg(i)}}}});
-            run += jsonLine({{QStringLiteral("type"), QStringLiteral("item.completed")},
-                             {QStringLiteral("item"),
-                              QJsonObject{{QStringLiteral("type"), QStringLiteral("command_execution")},
-                                          {QStringLiteral("aggregated_output"), QStringLiteral("a.c\nb.c\nc.h\n")}}}});
-            run += jsonLine(
-                {{QStringLiteral("type"), QStringLiteral("item.completed")},
-                 {QStringLiteral("item"),
-                  QJsonObject{{QStringLiteral("type"), QStringLiteral("agent_message")},
-                              {QStringLiteral("text"),
-                               QStringLiteral("Looked at part %1 of the tree and found what it needs.").arg(i)}}}});
-        }
-        run += jsonLine({{QStringLiteral("type"), QStringLiteral("turn.completed")}});
+    QFile file(QStringLiteral(BRINMOOR_TEST_DATA_DIR "/") + QLatin1String(name));
+    if (!file.open(QIODevice::ReadOnly)) {
+        std::fprintf(stderr, "cannot read %s\n", qPrintable(QFileInfo(file).absoluteFilePath()));
+        std::exit(1);
     }
-    return run;
+    return QString::fromUtf8(file.readAll());
 }
 
 } // namespace
@@ -170,7 +175,7 @@ QString recordedRun(ChatJSONProvider provider)
 int main(int argc, char** argv)
 {
     qint64 megabytes = 100;
-    QByteArray only; // "claude", "codex" or "growth": run one part alone (for profiling)
+    QByteArray only; // run one part alone (for profiling)
     for (int i = 1; i + 1 < argc; ++i) {
         if (QByteArray(argv[i]) == "--mb")
             megabytes = QByteArray(argv[i + 1]).toLongLong();
@@ -179,52 +184,108 @@ int main(int argc, char** argv)
     }
 
     std::printf("chat stream parser, 4 KiB chunks\n");
+    struct Recording {
+        ChatJSONProvider provider;
+        const char* name;
+        const char* file;
+    };
+    const Recording recordings[] = {
+        {ChatJSONProvider::claude, "claude", "claude-2.1.330-tools.jsonl"},
+        {ChatJSONProvider::claude, "partial", "claude-2.1.330-tools-partial.jsonl"},
+        {ChatJSONProvider::codex, "codex", "codex-0.169.0-tools.jsonl"},
+    };
     double totalMB = 0;
     double totalSeconds = 0;
-    for (const auto& [provider, name] :
-         {std::pair{ChatJSONProvider::claude, "claude"}, std::pair{ChatJSONProvider::codex, "codex"}}) {
-        if (!only.isEmpty() && only != name)
+    for (const Recording& recording : recordings) {
+        if (!only.isEmpty() && only != recording.name)
             continue;
-        // Runs of one recorded stream each, a fresh parser per run, as the agent has
-        // one parser per chat task.
-        const QString run = recordedRun(provider);
+        const QString run = recorded(recording.file);
         const double runMB = double(run.toUtf8().size()) / 1e6;
-        const int runs = int(double(megabytes) / 2 / runMB) + 1;
+        const int runs = int(double(megabytes) / 3 / runMB) + 1;
         double seconds = 0;
         for (int i = 0; i < runs; ++i) {
-            Feeder feeder(provider);
+            Feeder feeder(recording.provider);
             feeder.add(run);
             seconds += feeder.finish();
         }
-        std::printf("  %-6s %6.1f MB (%d runs) in %.2f s: %6.1f MB/s\n", name, runMB * runs, runs, seconds,
-                    runMB * runs / seconds);
+        std::printf("  %-8s %6.1f MB (%5d runs of %s) in %.2f s: %6.1f MB/s\n", recording.name, runMB * runs, runs,
+                    recording.file, seconds, runMB * runs / seconds);
         totalMB += runMB * runs;
         totalSeconds += seconds;
     }
     if (totalSeconds > 0)
-        std::printf("  both   %6.1f MB at %6.1f MB/s\n", totalMB, totalMB / totalSeconds);
+        std::printf("  all      %6.1f MB at %6.1f MB/s\n", totalMB, totalMB / totalSeconds);
     if (!only.isEmpty() && only != "growth")
         return 0;
 
-    // The best of three runs each, so that a busy moment of the machine does not decide.
-    const auto best = [](int events) {
-        Figures figures = growingClaudeAnswer(events, 1000);
-        for (int i = 0; i < 2; ++i) {
-            const Figures again = growingClaudeAnswer(events, 1000);
-            if (again.seconds < figures.seconds)
-                figures = again;
+    // Each figure covers at least 100 MB of input (small answers run many times over),
+    // and is the best of three, so that a busy moment of the machine does not decide.
+    const auto best = [](int events, bool partial) {
+        Figures bestFigures;
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            Figures figures;
+            while (figures.bytes < 100'000'000) {
+                const Figures run = growingClaudeAnswer(events, 1000, partial);
+                figures.bytes += run.bytes;
+                figures.seconds += run.seconds;
+                figures.deltaChars = run.deltaChars;
+            }
+            if (attempt == 0 ||
+                figures.seconds / double(figures.bytes) < bestFigures.seconds / double(bestFigures.bytes))
+                bestFigures = figures;
         }
-        return figures;
+        return bestFigures;
     };
-    const Figures big = best(1000);
-    const Figures small = best(100);
-    const double bigRate = double(big.bytes) / 1e6 / big.seconds;
-    const double smallRate = double(small.bytes) / 1e6 / small.seconds;
-    std::printf("  1 MB answer in 1,000 events:  %6.1f MB of input at %6.1f MB/s (%lld characters of deltas)\n",
-                double(big.bytes) / 1e6, bigRate, static_cast<long long>(big.deltaChars));
-    std::printf("  100 KB answer in 100 events:  %6.1f MB of input at %6.1f MB/s (%lld characters of deltas)\n",
-                double(small.bytes) / 1e6, smallRate, static_cast<long long>(small.deltaChars));
-    std::printf("  ratio (large / small)         %.2f (at least 0.67 means linear)\n", bigRate / smallRate);
-    std::printf("  peak RSS                      %.1f MB\n", peakRssMB());
+    for (const bool partial : {false, true}) {
+        const Figures big = best(1000, partial);
+        const Figures small = best(100, partial);
+        const double bigRate = double(big.bytes) / 1e6 / big.seconds;
+        const double smallRate = double(small.bytes) / 1e6 / small.seconds;
+        const char* shape = partial ? "text deltas" : "cumulative events";
+        std::printf("  1 MB answer in 1,000 %-17s %7.1f MB of input at %6.1f MB/s (%lld characters of deltas)\n", shape,
+                    double(big.bytes) / 1e6, bigRate, static_cast<long long>(big.deltaChars));
+        std::printf("  100 KB answer in 100 %-17s %7.1f MB of input at %6.1f MB/s (%lld characters of deltas)\n", shape,
+                    double(small.bytes) / 1e6, smallRate, static_cast<long long>(small.deltaChars));
+        std::printf("  ratio (large / small)                  %.2f (at least 0.67 means linear)\n",
+                    bigRate / smallRate);
+    }
+    // JSON reading alone: the recorded lines, each parsed whole and its "type" read, as
+    // the parser needs it; best of three.
+    QStringList lines;
+    for (const Recording& recording : recordings)
+        lines += recorded(recording.file).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    qint64 lineBytes = 0;
+    for (const QString& line : lines)
+        lineBytes += line.toUtf8().size();
+    const int rounds = int(50'000'000 / lineBytes) + 1;
+    const auto timeBest = [&](auto&& readOne) {
+        double best = 0;
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            QElapsedTimer clock;
+            clock.start();
+            qint64 types = 0;
+            for (int round = 0; round < rounds; ++round) {
+                for (const QString& line : lines)
+                    types += readOne(line);
+            }
+            const double seconds = double(clock.nsecsElapsed()) / 1e9;
+            if (types == 0)
+                std::printf("  (no line had a type)\n");
+            if (attempt == 0 || seconds < best)
+                best = seconds;
+        }
+        return double(lineBytes) * rounds / 1e6 / best;
+    };
+    JsonReader reader;
+    const double readerRate = timeBest([&](const QString& line) {
+        return reader.parse(line) && reader.isString(reader.member(reader.root(), u"type")) ? 1 : 0;
+    });
+    const double documentRate = timeBest([](const QString& line) {
+        const QJsonDocument document = QJsonDocument::fromJson(line.toUtf8());
+        return document.object().value(QStringLiteral("type")).isString() ? 1 : 0;
+    });
+    std::printf("  JSON of the event lines: JsonReader %.1f MB/s, QJsonDocument %.1f MB/s (%.1fx)\n", readerRate,
+                documentRate, readerRate / documentRate);
+    std::printf("  peak RSS                               %.1f MB\n", peakRssMB());
     return 0;
 }

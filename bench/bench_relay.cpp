@@ -1,9 +1,11 @@
 // Relay throughput and added latency: an agent streams "task.log" lines through a real
 // brinmoor-server to one client, every one of them kept in the agent's event log. Both
 // ends are raw WebSocket peers in this process, far cheaper than the server, so the
-// server is what is measured.
-//   bench_relay [--messages N] [--flood-connections N] [--resume-lines N] [--yes-seconds N]
-//               [--bin DIR]
+// server is what is measured. Every figure is taken over plain TCP and over TLS (a
+// certificate made for the run), the two back to back in each of several rounds, since
+// the machine is shared and its load changes.
+//   bench_relay [--messages N] [--rounds N] [--flood-connections N] [--resume-lines N]
+//               [--yes-seconds N] [--bin DIR]
 // The same paced streams also run over one direct loopback connection, without the
 // server; the difference is the latency the server adds. Then a fresh server takes a
 // flood of connections without a token, each sending a 16 MiB request, while a client
@@ -15,14 +17,17 @@
 #include "base/open_file_limit.h"
 #include "paced_terminal_reader.h"
 #include "process_stats.h"
+#include "test_certificate_authority.h"
 #include "websocket_client.h"
 #include "websocket_frames.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QSslSocket>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
@@ -37,12 +42,19 @@
 
 using namespace brinmoor;
 using namespace brinmoor::bench;
+using relay::TestCertificateAuthority;
 
 namespace {
 
 QElapsedTimer g_clock;
 // Where brinmoor-server and BrinmoorMacAgent are.
 QString g_bin;
+
+// The certificate the TLS runs use, and what the peers trust; none for plain runs.
+struct Tls {
+    TestCertificateAuthority::Issued files;
+    QSslConfiguration client;
+};
 
 // One end of a WebSocket: writes masked frames (as an agent does) and reads frames.
 class Peer : public QObject {
@@ -205,17 +217,22 @@ void paced(Peer& sender, Received& received, int rate, double seconds)
     received.recordLatency = false;
 }
 
-// A brinmoor-server on 127.0.0.1 and a free port; its further output is drained.
+// A brinmoor-server on 127.0.0.1 and a free port, over TLS when given one; its further
+// output is drained.
 struct Server {
     QProcess process;
     quint16 port = 0;
 
-    bool start(const QStringList& settings = {})
+    bool start(const Tls* tls = nullptr, const QStringList& settings = {})
     {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert(QStringLiteral("BRINMOOR_SHARED_TOKEN"), QStringLiteral("bench"));
         env.insert(QStringLiteral("BRINMOOR_SERVER_PORT"), QStringLiteral("0"));
         env.insert(QStringLiteral("BRINMOOR_SERVER_BIND"), QStringLiteral("127.0.0.1"));
+        if (tls) {
+            env.insert(QStringLiteral("BRINMOOR_TLS_CERT"), tls->files.certificate);
+            env.insert(QStringLiteral("BRINMOOR_TLS_KEY"), tls->files.key);
+        }
         for (const QString& setting : settings)
             env.insert(setting.section(QLatin1Char('='), 0, 0), setting.section(QLatin1Char('='), 1));
         process.setProcessEnvironment(env);
@@ -337,12 +354,96 @@ void flood(int connections)
     std::printf("target: peak RSS < 64 MB %s\n", peak < 64 ? "met" : "MISSED");
 }
 
+// An agent and a client of one server, both upgraded.
+struct RelayPeers {
+    Server server;
+    std::unique_ptr<Peer> agent;
+    std::unique_ptr<Peer> client;
+    Received received;
+
+    bool start(const Tls* tls)
+    {
+        if (!server.start(tls))
+            return false;
+        agent = std::make_unique<Peer>(connectTo(server.port, tls));
+        client = std::make_unique<Peer>(connectTo(server.port, tls));
+        agent->handshake("/v1/ws/agent?agentId=bench", "bench");
+        client->handshake("/v1/ws/client", "bench");
+        client->onText = [this](QByteArrayView text) { received.take(text); };
+        runUntil([&] { return agent->upgraded() && client->upgraded(); });
+        return true;
+    }
+
+    // A socket to the server; over TLS its handshake is under way and what is written
+    // waits for it.
+    static QTcpSocket* connectTo(quint16 port, const Tls* tls)
+    {
+        if (!tls) {
+            auto* socket = new QTcpSocket;
+            socket->connectToHost(QHostAddress::LocalHost, port);
+            return socket;
+        }
+        auto* socket = new QSslSocket;
+        socket->setSslConfiguration(tls->client);
+        socket->connectToHostEncrypted(QStringLiteral("127.0.0.1"), port);
+        return socket;
+    }
+};
+
+struct Throughput {
+    double rate = 0;
+};
+
+Throughput throughput(const Tls* tls, qint64 messages)
+{
+    RelayPeers peers;
+    if (!peers.start(tls))
+        return {};
+    const qint64 pid = peers.server.process.processId();
+    const double cpuBefore = cpuSeconds(pid);
+    const double seconds = stream(*peers.agent, peers.received, messages, 20'000);
+    const double serverCpu = cpuSeconds(pid) - cpuBefore;
+    const double rate = double(messages) / seconds;
+    std::printf("  %-5s %lld task.log messages in %.2f s = %.0f messages/s; server CPU %.2f s (%.0f%% of one core), "
+                "peak RSS %.1f MB\n",
+                tls ? "TLS" : "plain", static_cast<long long>(messages), seconds, rate, serverCpu,
+                100.0 * serverCpu / seconds, peakRssMB(pid));
+    return {rate};
+}
+
+// The added p99 latency, the worst of the paced rates.
+double latency(const Tls* tls, const std::vector<std::pair<double, double>>& direct, const int (&rates)[2])
+{
+    RelayPeers peers;
+    if (!peers.start(tls))
+        return 1e9;
+    double worstAddedP99 = 0;
+    for (size_t i = 0; i < std::size(rates); ++i) {
+        paced(*peers.agent, peers.received, rates[i], 2.0);
+        const double median = percentile(peers.received.latenciesMs, 0.5);
+        const double p99 = percentile(peers.received.latenciesMs, 0.99);
+        const double addedMedian = median - direct[i].first;
+        const double addedP99 = p99 - direct[i].second;
+        worstAddedP99 = std::max(worstAddedP99, addedP99);
+        std::printf("latency over %s at %d messages/s: through the server median %.3f ms, p99 %.3f ms; direct median "
+                    "%.3f ms, p99 %.3f ms; added by the server median %.3f ms, p99 %.3f ms\n",
+                    tls ? "TLS" : "plain TCP", rates[i], median, p99, direct[i].first, direct[i].second, addedMedian,
+                    addedP99);
+    }
+    return worstAddedP99;
+}
+
+double median(std::vector<double> values)
+{
+    return percentile(std::move(values), 0.5);
+}
+
 // An agent that has said `lines` log lines; then a client comes back asking for all of
 // them: how fast they arrive.
 void resume(qint64 lines)
 {
     Server server;
-    if (!server.start({QStringLiteral("BRINMOOR_EVENT_LOG_BYTES=2147483648")}))
+    if (!server.start(nullptr, {QStringLiteral("BRINMOOR_EVENT_LOG_BYTES=2147483648")}))
         return;
     Peer agent(new QTcpSocket);
     agent.socket->connectToHost(QHostAddress::LocalHost, server.port);
@@ -444,10 +545,19 @@ void followYes(int seconds)
     agent.waitForFinished(10000);
 }
 
-// Throughput with every message logged, and the latency the server adds.
-void throughput(qint64 messages)
+// Throughput with every message logged, plain and over TLS, and the latency the server
+// adds.
+void throughputAndLatency(qint64 messages, int rounds)
 {
     const int rates[] = {10'000, 100'000};
+
+    TestCertificateAuthority authority;
+    Tls tls{authority.issue(QStringLiteral("localhost"), {QStringLiteral("IP:127.0.0.1")}),
+            authority.clientConfiguration()};
+    if (!authority.error().isEmpty() || tls.files.certificate.isEmpty()) {
+        std::fprintf(stderr, "no certificate for the TLS runs: %s\n", qPrintable(authority.error()));
+        return;
+    }
 
     // The direct path: one loopback connection, no server.
     std::vector<std::pair<double, double>> direct;
@@ -468,43 +578,28 @@ void throughput(qint64 messages)
         }
     }
 
-    Server server;
-    if (!server.start())
-        return;
-    const quint16 port = server.port;
-
-    Peer agent(new QTcpSocket);
-    Peer client(new QTcpSocket);
-    agent.socket->connectToHost(QHostAddress::LocalHost, port);
-    client.socket->connectToHost(QHostAddress::LocalHost, port);
-    agent.handshake("/v1/ws/agent?agentId=bench", "bench");
-    client.handshake("/v1/ws/client", "bench");
-    Received received;
-    client.onText = [&](QByteArrayView text) { received.take(text); };
-    runUntil([&] { return agent.upgraded() && client.upgraded(); });
-
-    const double cpuBefore = cpuSeconds(server.process.processId());
-    const double seconds = stream(agent, received, messages, 20'000);
-    const double serverCpu = cpuSeconds(server.process.processId()) - cpuBefore;
-    const double rate = double(messages) / seconds;
-    std::printf("relay throughput: %lld task.log messages in %.2f s = %.0f messages/s; server CPU %.2f s (%.0f%% of "
-                "one core), peak RSS %.1f MB\n",
-                static_cast<long long>(messages), seconds, rate, serverCpu, 100.0 * serverCpu / seconds,
-                peakRssMB(server.process.processId()));
-    bool latencyMet = true;
-    for (size_t i = 0; i < std::size(rates); ++i) {
-        paced(agent, received, rates[i], 2.0);
-        const double median = percentile(received.latenciesMs, 0.5);
-        const double p99 = percentile(received.latenciesMs, 0.99);
-        const double addedMedian = median - direct[i].first;
-        const double addedP99 = p99 - direct[i].second;
-        latencyMet = latencyMet && addedP99 < 2.0;
-        std::printf("latency at %d messages/s: through the server median %.3f ms, p99 %.3f ms; direct median %.3f ms, "
-                    "p99 %.3f ms; added by the server median %.3f ms, p99 %.3f ms\n",
-                    rates[i], median, p99, direct[i].first, direct[i].second, addedMedian, addedP99);
+    std::vector<double> plainRates;
+    std::vector<double> tlsRates;
+    std::vector<double> ratios;
+    for (int round = 1; round <= rounds; ++round) {
+        std::printf("relay throughput, round %d of %d:\n", round, rounds);
+        plainRates.push_back(throughput(nullptr, messages).rate);
+        tlsRates.push_back(throughput(&tls, messages).rate);
+        ratios.push_back(plainRates.back() > 0 ? tlsRates.back() / plainRates.back() : 0);
+        std::printf("  TLS at %.0f%% of plain\n", 100.0 * ratios.back());
     }
-    std::printf("targets: >= 300000 messages/s %s; added p99 < 2 ms %s\n", rate >= 300'000 ? "met" : "MISSED",
-                latencyMet ? "met" : "MISSED");
+    const double plainRate = median(plainRates);
+    const double tlsRate = median(tlsRates);
+    const double ratio = median(ratios);
+    std::printf("relay throughput, median of %d rounds: plain %.0f messages/s, TLS %.0f messages/s (%.0f%% of plain)\n",
+                rounds, plainRate, tlsRate, 100.0 * ratio);
+
+    const double plainP99 = latency(nullptr, direct, rates);
+    const double tlsP99 = latency(&tls, direct, rates);
+    std::printf("targets: plain >= 300000 messages/s %s; TLS >= 300000 messages/s %s; TLS >= 60%% of plain %s; added "
+                "p99 < 2 ms over plain TCP %s, over TLS %s\n",
+                plainRate >= 300'000 ? "met" : "MISSED", tlsRate >= 300'000 ? "met" : "MISSED",
+                ratio >= 0.6 ? "met" : "MISSED", plainP99 < 2.0 ? "met" : "MISSED", tlsP99 < 2.0 ? "met" : "MISSED");
 }
 
 } // namespace
@@ -514,6 +609,7 @@ int main(int argc, char** argv)
     QCoreApplication app(argc, argv);
     g_clock.start();
     qint64 messages = 3'000'000;
+    int rounds = 3;
     int floodConnections = 500;
     qint64 resumeLines = 1'000'000;
     int yesSeconds = 30;
@@ -522,6 +618,8 @@ int main(int argc, char** argv)
     for (int i = 1; i + 1 < args.size(); ++i) {
         if (args[i] == QLatin1String("--messages"))
             messages = args[i + 1].toLongLong();
+        else if (args[i] == QLatin1String("--rounds"))
+            rounds = std::max(1, args[i + 1].toInt());
         else if (args[i] == QLatin1String("--flood-connections"))
             floodConnections = args[i + 1].toInt();
         else if (args[i] == QLatin1String("--resume-lines"))
@@ -534,7 +632,7 @@ int main(int argc, char** argv)
     // The flood's sockets are many more than a default soft limit allows.
     raiseOpenFileLimit();
     if (messages > 0)
-        throughput(messages);
+        throughputAndLatency(messages, rounds);
     if (floodConnections > 0)
         flood(floodConnections);
     if (resumeLines > 0)

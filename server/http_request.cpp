@@ -22,6 +22,16 @@ QByteArray HttpRequest::header(QByteArrayView name) const
     return {};
 }
 
+QList<QByteArray> HttpRequest::headerValues(QByteArrayView name) const
+{
+    QList<QByteArray> values;
+    for (const auto& [key, value] : headers) {
+        if (key == name)
+            values.append(value);
+    }
+    return values;
+}
+
 bool HttpRequest::hasHeader(QByteArrayView name) const
 {
     for (const auto& entry : headers) {

@@ -17,6 +17,8 @@ struct HttpRequest {
 
     // The first header of that (lower-case) name, or an empty array.
     QByteArray header(QByteArrayView name) const;
+    // Every header of that name, in order.
+    QList<QByteArray> headerValues(QByteArrayView name) const;
     bool hasHeader(QByteArrayView name) const;
     // A comma-separated header holds this token, compared without regard to case.
     bool headerHasToken(QByteArrayView name, QByteArrayView token) const;

@@ -43,8 +43,12 @@ int main(int argc, char** argv)
                      qPrintable(settings.bindAddress.toString()), unsigned(settings.port), qPrintable(error));
         return 1;
     }
-    UnixSignalWatcher signals({SIGINT, SIGTERM});
+    UnixSignalWatcher signals({SIGINT, SIGTERM, SIGHUP});
     QObject::connect(&signals, &UnixSignalWatcher::received, &server, [&server](int signal) {
+        if (signal == SIGHUP) {
+            server.reloadTls();
+            return;
+        }
         logEvent("server.stopping",
                  {{"signal", signal == SIGINT ? QStringLiteral("SIGINT") : QStringLiteral("SIGTERM")}});
         server.stop();
@@ -54,5 +58,7 @@ int main(int argc, char** argv)
         QCoreApplication::exit(0);
     });
     diag(QStringLiteral("listening port=") + QString::number(server.port()));
+    if (settings.tls)
+        logEvent("tls.on", {{"expires", expiryText(*settings.tls)}});
     return QCoreApplication::exec();
 }

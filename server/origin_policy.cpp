@@ -20,14 +20,16 @@ std::optional<QString> normalizedOrigin(QStringView text)
 
 OriginPolicy::OriginPolicy(QStringList allowed) : m_allowed(std::move(allowed)) {}
 
-bool OriginPolicy::allows(QByteArrayView origin, QByteArrayView host) const
+bool OriginPolicy::allows(QByteArrayView origin, QByteArrayView host, bool encrypted) const
 {
     const std::optional<QString> presented = normalizedOrigin(QString::fromUtf8(origin));
     if (!presented)
         return false;
     if (m_allowed.contains(*presented))
         return true;
-    const std::optional<QString> own = normalizedOrigin(QString(QStringLiteral("http://") + QString::fromUtf8(host)));
+    const QString ownText =
+        (encrypted ? QStringLiteral("https://") : QStringLiteral("http://")) + QString::fromUtf8(host);
+    const std::optional<QString> own = normalizedOrigin(ownText);
     return own && *own == *presented;
 }
 

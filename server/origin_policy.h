@@ -13,13 +13,14 @@ namespace brinmoor::relay {
 std::optional<QString> normalizedOrigin(QStringView text);
 
 // Which browser pages may use the relay: a request that carries an Origin header is let
-// in only from the relay's own origin (plain http on the host and port the request was
-// sent to) or from one of the configured origins.
+// in only from the relay's own origin (the host and port the request was sent to, over
+// https when the connection is encrypted and http otherwise) or from one of the
+// configured origins.
 class OriginPolicy {
 public:
     explicit OriginPolicy(QStringList allowed = {});
 
-    bool allows(QByteArrayView origin, QByteArrayView host) const;
+    bool allows(QByteArrayView origin, QByteArrayView host, bool encrypted) const;
 
 private:
     QStringList m_allowed; // normalized

@@ -1,7 +1,10 @@
 #include "relay_connection.h"
 
+#include "relay_log.h"
+#include "trusted_proxies.h"
+
 #include <QHostAddress>
-#include <QTcpSocket>
+#include <QSslSocket>
 
 namespace brinmoor::relay {
 
@@ -14,13 +17,11 @@ constexpr int kClosingGraceMs = 5'000;
 // A peer that keeps sending after its answer (a refused 16 MiB body) is not read for
 // long: past this much the socket is let go.
 constexpr qint64 kMaxDiscardedWhileClosing = 256 * 1024;
-
-QString addressText(const QHostAddress& address)
-{
-    bool isV4 = false;
-    const quint32 v4 = address.toIPv4Address(&isV4);
-    return isV4 ? QHostAddress(v4).toString() : address.toString();
-}
+// Every TLS connection starts with a handshake record; a plain request starts with a
+// letter.
+constexpr char kTlsHandshakeRecord = 0x16;
+// Browsers that reached the relay over TLS keep to TLS for it for a year.
+constexpr QByteArrayView kTransportSecurity = "Strict-Transport-Security: max-age=31536000\r\n";
 
 } // namespace
 
@@ -38,18 +39,24 @@ RelayConnection::RelayConnection(QTcpSocket* socket, const RelayLimits& limits, 
     connect(m_socket, &QTcpSocket::bytesWritten, this, &RelayConnection::onBytesWritten);
     connect(m_socket, &QTcpSocket::disconnected, this, &RelayConnection::finish);
     connect(m_socket, &QTcpSocket::errorOccurred, this, [this](QAbstractSocket::SocketError error) {
+        // A handshake that fails is worth a line: it is how a phone that does not trust
+        // the certificate shows itself.
+        if (m_tls && m_tls->mode() != QSslSocket::UnencryptedMode && !m_tls->isEncrypted() && m_state != State::Closed)
+            logEvent("tls.failed", {{"address", m_address},
+                                    {"reason", error == QAbstractSocket::RemoteHostClosedError
+                                                   ? QStringLiteral("the client left during the handshake")
+                                                   : m_socket->errorString()}});
         if (error != QAbstractSocket::RemoteHostClosedError || m_socket->state() == QAbstractSocket::UnconnectedState)
             finish();
     });
+    m_tls = qobject_cast<QSslSocket*>(socket);
+    if (m_tls) {
+        // What QSslSocket has encrypted waits in its plain socket: that is what goes out
+        // slowly to a slow peer.
+        connect(m_tls, &QSslSocket::encryptedBytesWritten, this, &RelayConnection::onBytesWritten);
+    }
     m_deadline.setSingleShot(true);
-    connect(&m_deadline, &QTimer::timeout, this, [this] {
-        if (m_state == State::Request)
-            respond(jsonResponse(408, "{\"error\":\"request head not received in time\"}"));
-        else if (m_state == State::Body)
-            respond(jsonResponse(408, "{\"error\":\"request body not received in time\"}"));
-        else
-            finish();
-    });
+    connect(&m_deadline, &QTimer::timeout, this, &RelayConnection::onDeadline);
     m_deadline.start(m_limits.headTimeoutMs);
     if (m_socket->bytesAvailable() > 0)
         QMetaObject::invokeMethod(this, &RelayConnection::onReadyRead, Qt::QueuedConnection);
@@ -57,15 +64,72 @@ RelayConnection::RelayConnection(QTcpSocket* socket, const RelayLimits& limits, 
 
 RelayConnection::~RelayConnection() = default;
 
+void RelayConnection::onDeadline()
+{
+    if (m_state == State::Request && m_tls && !m_tls->isEncrypted()) {
+        logEvent("tls.failed",
+                 {{"address", m_address},
+                  {"reason", QStringLiteral("no TLS handshake within %1 s").arg(m_limits.headTimeoutMs / 1000)}});
+        finish();
+    } else if (m_state == State::Request) {
+        respond(jsonResponse(408, "{\"error\":\"request head not received in time\"}"));
+    } else if (m_state == State::Body) {
+        respond(jsonResponse(408, "{\"error\":\"request body not received in time\"}"));
+    } else {
+        finish();
+    }
+}
+
+QHostAddress RelayConnection::peerAddress() const
+{
+    return m_socket->peerAddress();
+}
+
+bool RelayConnection::isEncrypted() const
+{
+    return m_tls && m_tls->isEncrypted();
+}
+
+qint64 RelayConnection::unsentBytes() const
+{
+    return m_socket->bytesToWrite() + (m_tls ? m_tls->encryptedBytesToWrite() : 0);
+}
+
 qsizetype RelayConnection::backlog() const
 {
-    return m_queued + m_socket->bytesToWrite();
+    return m_queued + unsentBytes();
+}
+
+void RelayConnection::startTls()
+{
+    char first = 0;
+    if (m_tls->peek(&first, 1) != 1)
+        return;
+    if (first == kTlsHandshakeRecord) {
+        m_tls->startServerEncryption();
+        return;
+    }
+    // A plain request on the TLS port is answered in plain text, so that whoever sent it
+    // reads why.
+    logEvent("tls.failed", {{"address", m_address}, {"reason", QStringLiteral("not a TLS handshake")}});
+    respond(jsonResponse(400, "{\"error\":\"this port speaks TLS: use https:// or wss://\"}"));
+}
+
+QByteArray RelayConnection::withTransportSecurity(QByteArray head) const
+{
+    if (isEncrypted())
+        head.insert(head.indexOf("\r\n") + 2, kTransportSecurity.data(), kTransportSecurity.size());
+    return head;
 }
 
 void RelayConnection::onReadyRead()
 {
     if (m_state == State::Closed)
         return;
+    if (m_tls && m_tls->mode() == QSslSocket::UnencryptedMode && m_state == State::Request) {
+        startTls();
+        return;
+    }
     const qint64 available = m_socket->bytesAvailable();
     if (available <= 0)
         return;
@@ -160,7 +224,7 @@ void RelayConnection::upgrade(Role role, QByteArrayView key, QByteArrayView subp
     if (!subprotocol.isEmpty())
         response += "Sec-WebSocket-Protocol: " + subprotocol.toByteArray() + "\r\n";
     response += "\r\n";
-    m_socket->write(response);
+    m_socket->write(withTransportSecurity(response));
     if (!m_buffer.isEmpty())
         QMetaObject::invokeMethod(this, &RelayConnection::readFrames, Qt::QueuedConnection);
 }
@@ -209,7 +273,7 @@ void RelayConnection::sendFrame(const QByteArray& frame)
 {
     if (m_state != State::Open)
         return;
-    if (m_queue.empty() && m_socket->bytesToWrite() < kSocketWindow) {
+    if (m_queue.empty() && unsentBytes() < kSocketWindow) {
         m_socket->write(frame);
         return;
     }
@@ -230,7 +294,7 @@ void RelayConnection::onBytesWritten()
 
 void RelayConnection::drainQueue()
 {
-    while (!m_queue.empty() && m_socket->bytesToWrite() < kSocketWindow) {
+    while (!m_queue.empty() && unsentBytes() < kSocketWindow) {
         m_queued -= m_queue.front().size();
         m_socket->write(m_queue.front());
         m_queue.pop_front();
@@ -270,7 +334,7 @@ void RelayConnection::respond(const QByteArray& response)
     if (m_state != State::Request && m_state != State::Body && m_state != State::Held)
         return;
     m_state = State::Closing;
-    m_socket->write(response);
+    m_socket->write(withTransportSecurity(response));
     notifyClosed();
     m_socket->disconnectFromHost();
     m_deadline.start(kClosingGraceMs);

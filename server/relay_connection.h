@@ -4,12 +4,14 @@
 #include "websocket_frames.h"
 
 #include <QByteArray>
+#include <QHostAddress>
 #include <QObject>
 #include <QString>
 #include <QTimer>
 
 #include <deque>
 
+class QSslSocket;
 class QTcpSocket;
 
 namespace brinmoor::relay {
@@ -46,7 +48,8 @@ public:
 };
 
 // One TCP connection: an HTTP request, and after an upgrade a WebSocket. It bounds what
-// it buffers both ways and deletes itself when the peer is gone.
+// it buffers both ways and deletes itself when the peer is gone. Given a QSslSocket it
+// first takes the peer's TLS handshake, within the time a request head has.
 class RelayConnection : public QObject {
     Q_OBJECT
 
@@ -57,11 +60,18 @@ public:
                     QObject* parent = nullptr);
     ~RelayConnection() override;
 
+    // The client's address as the relay counts and logs it: the peer's, or the one a
+    // trusted proxy names.
     const QString& address() const { return m_address; }
+    void setAddress(const QString& address) { m_address = address; }
+    // The other end of the socket: the client, or a proxy in front of it.
+    QHostAddress peerAddress() const;
     Role role() const { return m_role; }
     bool isOpen() const { return m_state == State::Open; }
     // Still reading a request's head or body.
     bool isReadingRequest() const { return m_state == State::Request || m_state == State::Body; }
+    // The peer finished a TLS handshake: what it sends and receives is encrypted.
+    bool isEncrypted() const;
 
     // Answers the HTTP request and closes.
     void respond(const QByteArray& response);
@@ -88,6 +98,14 @@ private:
     enum class State { Request, Body, Held, Open, Closing, Closed };
 
     void onReadyRead();
+    // With TLS, the first byte tells a handshake from a plain request.
+    void startTls();
+    // The deadline of the request head passed, or of the closing handshake.
+    void onDeadline();
+    // Bytes handed to the socket that are not on the wire yet.
+    qint64 unsentBytes() const;
+    // A response head with Strict-Transport-Security added when the connection is encrypted.
+    QByteArray withTransportSecurity(QByteArray head) const;
     void onBytesWritten();
     void readRequest();
     void readBodyBytes();
@@ -97,6 +115,7 @@ private:
     void finish();
 
     QTcpSocket* m_socket;
+    QSslSocket* m_tls = nullptr; // m_socket when it speaks TLS
     RelayLimits m_limits;
     ConnectionHandler& m_handler;
     QString m_address;

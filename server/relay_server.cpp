@@ -1,12 +1,13 @@
 #include "relay_server.h"
 
 #include "protocol/message_types.h"
+#include "relay_listener.h"
 #include "relay_log.h"
+#include "static_files.h"
 
 #include <QDateTime>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QTcpServer>
 #include <QTcpSocket>
 #include <QUuid>
 
@@ -118,10 +119,11 @@ QByteArray error(int status, const QString& text, QByteArrayView extraHeaders = 
 } // namespace
 
 RelayServer::RelayServer(RelayConfig config, QObject* parent)
-    : QObject(parent), m_config(std::move(config)), m_listener(new QTcpServer(this)), m_auth(m_config.token),
+    : QObject(parent), m_config(std::move(config)), m_listener(new RelayListener(this)), m_auth(m_config.token),
       m_origins(m_config.allowedOrigins), m_permissions(m_config.approvalTimeoutMs)
 {
     m_clock.start();
+    m_listener->setTlsConfiguration(m_config.tls);
     m_listener->setListenBacklogSize(kListenBacklog);
     connect(m_listener, &QTcpServer::newConnection, this, [this] {
         while (QTcpSocket* socket = m_listener->nextPendingConnection())
@@ -193,6 +195,22 @@ void RelayServer::stop()
     reportStoppedWhenEmpty();
 }
 
+void RelayServer::reloadTls()
+{
+    if (!m_listener->isTls()) {
+        logEvent("tls.reload.skipped", {{"reason", QStringLiteral("TLS is off")}});
+        return;
+    }
+    auto loaded = loadTlsConfiguration(m_config.tlsFiles);
+    if (const QString* problem = std::get_if<QString>(&loaded)) {
+        logEvent("tls.reload.failed", {{"reason", *problem}});
+        return;
+    }
+    const QSslConfiguration& configuration = std::get<QSslConfiguration>(loaded);
+    m_listener->setTlsConfiguration(configuration);
+    logEvent("tls.reloaded", {{"expires", expiryText(configuration)}});
+}
+
 void RelayServer::reportStoppedWhenEmpty()
 {
     if (m_stopping && !m_stopped && m_connections.isEmpty()) {
@@ -208,7 +226,10 @@ void RelayServer::admit(QTcpSocket* socket)
     m_connections.insert(connection);
     m_unauthenticated.add(connection, address);
     const RelayLimits& limits = m_config.limits;
-    if (m_unauthenticated.countFrom(address) > limits.maxUnauthenticatedPerAddress) {
+    // A trusted proxy carries many clients: the cap per address is not for it (it reads
+    // whole request heads before it passes them on); the cap on all still is.
+    if (m_unauthenticated.countFrom(address) > limits.maxUnauthenticatedPerAddress &&
+        !m_config.trustedProxies.contains(connection->peerAddress())) {
         dropOldestUnauthenticated(*connection, address,
                                   QStringLiteral("more than %1 connections without a token from this address")
                                       .arg(limits.maxUnauthenticatedPerAddress));
@@ -226,6 +247,14 @@ void RelayServer::admit(QTcpSocket* socket)
     }
 }
 
+void RelayServer::takeForwardedAddress(RelayConnection& connection, const HttpRequest& request)
+{
+    if (!m_config.trustedProxies.contains(connection.peerAddress()))
+        return;
+    connection.setAddress(
+        m_config.trustedProxies.clientAddress(connection.peerAddress(), request.headerValues("x-forwarded-for")));
+}
+
 bool RelayServer::dropOldestUnauthenticated(const RelayConnection& newcomer, const QString& address,
                                             const QString& reason)
 {
@@ -239,7 +268,12 @@ bool RelayServer::dropOldestUnauthenticated(const RelayConnection& newcomer, con
 
 void RelayServer::requestReceived(RelayConnection& connection, const HttpRequest& request)
 {
+    takeForwardedAddress(connection, request);
     const QByteArray& path = request.path;
+    if (path != "/v1" && !path.startsWith("/v1/")) {
+        connection.respond(StaticFiles::response(request));
+        return;
+    }
     if (path == "/v1/health") {
         if (request.method == "GET" || request.method == "HEAD")
             connection.respond(jsonResponse(200, "{\"ok\":true}"));
@@ -299,7 +333,8 @@ void RelayServer::bodyReceived(RelayConnection& connection, const HttpRequest&, 
 bool RelayServer::originAllowed(RelayConnection& connection, const HttpRequest& request)
 {
     // Only browsers send an Origin; the agent, the phone app and the approval tool do not.
-    if (!request.hasHeader("origin") || m_origins.allows(request.header("origin"), request.header("host")))
+    if (!request.hasHeader("origin") ||
+        m_origins.allows(request.header("origin"), request.header("host"), connection.isEncrypted()))
         return true;
     logEvent("origin.refused", {{"address", connection.address()},
                                 {"path", QString::fromUtf8(request.path)},

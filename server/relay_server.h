@@ -8,6 +8,8 @@
 #include "relay_connection.h"
 #include "relay_messages.h"
 #include "terminal_flow.h"
+#include "tls_context.h"
+#include "trusted_proxies.h"
 #include "unauthenticated_connections.h"
 
 #include <QElapsedTimer>
@@ -21,9 +23,11 @@
 #include <map>
 #include <vector>
 
-class QTcpServer;
+class QTcpSocket;
 
 namespace brinmoor::relay {
+
+class RelayListener;
 
 struct RelayConfig {
     QHostAddress bindAddress = QHostAddress::Any;
@@ -31,8 +35,11 @@ struct RelayConfig {
     QByteArray token;
     RelayLimits limits;
     int approvalTimeoutMs = 600'000;
-    QStringList allowedOrigins; // besides the relay's own, normalized
+    QStringList allowedOrigins; // besides the relay's own, normalized (the public URL's is one)
     EventLogLimits eventLog;
+    TrustedProxies trustedProxies;
+    TlsFiles tlsFiles;                    // read again on reload
+    std::optional<QSslConfiguration> tls; // what the files held at start; none for plain HTTP
 };
 
 // The relay between agents and the phones: one port for the agents' WebSocket, the
@@ -51,6 +58,10 @@ public:
     // Stops listening, closes every connection ("server shutting down") and emits
     // stopped once all are gone.
     void stop();
+    // Reads the certificate and the key again (they are renewed often); connections that
+    // are open keep going, the next ones get the new certificate. When the files do not
+    // load, the old certificate stays in use.
+    void reloadTls();
 
 Q_SIGNALS:
     void stopped();
@@ -91,6 +102,8 @@ private:
     void connectionReleased(RelayConnection& connection) override;
 
     void admit(QTcpSocket* socket);
+    // Behind a trusted proxy, the client it names is the one counted and logged.
+    void takeForwardedAddress(RelayConnection& connection, const HttpRequest& request);
     void reportStoppedWhenEmpty();
     // Lets go of the oldest connection without a token when there are too many.
     bool dropOldestUnauthenticated(const RelayConnection& newcomer, const QString& address, const QString& reason);
@@ -136,7 +149,7 @@ private:
     QList<AgentRecord> helloRecords() const;
 
     RelayConfig m_config;
-    QTcpServer* m_listener;
+    RelayListener* m_listener;
     AuthGuard m_auth;
     OriginPolicy m_origins;
     QSet<RelayConnection*> m_connections;

@@ -82,6 +82,35 @@ std::variant<RelayConfig, QString> configFromEnvironment(const QProcessEnvironme
                    entry.trimmed();
         config.allowedOrigins.append(*origin);
     }
+
+    const QString publicURL = env.value(QStringLiteral("BRINMOOR_PUBLIC_URL")).trimmed();
+    if (!publicURL.isEmpty()) {
+        // Pages served under the public URL (through a proxy, or a name the relay does not
+        // see in Host) are the relay's own.
+        const std::optional<QString> origin = normalizedOrigin(publicURL);
+        if (!origin)
+            return QStringLiteral("brinmoor-server: BRINMOOR_PUBLIC_URL is not an http or https URL without a path: ") +
+                   publicURL;
+        config.allowedOrigins.append(*origin);
+    }
+
+    QString badProxy;
+    const std::optional<TrustedProxies> proxies =
+        TrustedProxies::parse(env.value(QStringLiteral("BRINMOOR_TRUSTED_PROXIES")), &badProxy);
+    if (!proxies)
+        return QStringLiteral("brinmoor-server: BRINMOOR_TRUSTED_PROXIES has an entry that is not an IP address or "
+                              "subnet: ") +
+               badProxy;
+    config.trustedProxies = *proxies;
+
+    config.tlsFiles = TlsFiles{env.value(QStringLiteral("BRINMOOR_TLS_CERT")).trimmed(),
+                               env.value(QStringLiteral("BRINMOOR_TLS_KEY")).trimmed()};
+    if (config.tlsFiles.isSet()) {
+        auto loaded = loadTlsConfiguration(config.tlsFiles);
+        if (const QString* problem = std::get_if<QString>(&loaded))
+            return QStringLiteral("brinmoor-server: ") + *problem;
+        config.tls = std::get<QSslConfiguration>(loaded);
+    }
     return config;
 }
 

@@ -1,5 +1,6 @@
 #include "agent/agent_runtime.h"
 
+#include "agent/server_certificate.h"
 #include "base/diag.h"
 #include "config/settings_store.h"
 #include "protocol/messages.h"
@@ -10,6 +11,7 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QNetworkRequest>
+#include <QSslError>
 #include <QUrlQuery>
 #include <QWebSocket>
 
@@ -50,7 +52,8 @@ AgentRuntime::AgentRuntime(SettingsStore& defaults, Environment env, Machine mac
                            QObject* parent)
     : QObject(parent), m_defaults(defaults), m_env(std::move(env)), m_machine(std::move(machine)),
       m_outbox(QDateTime::currentMSecsSinceEpoch() * 1000),
-      m_runner(std::make_unique<ProcessRunner>(static_cast<TaskHost&>(*this)))
+      m_runner(std::make_unique<ProcessRunner>(static_cast<TaskHost&>(*this))),
+      m_chatSessions(ChatSessions::standardFilePath(m_env, m_machine.homeDirectory))
 {
     m_reconnectTimer.setSingleShot(true);
     m_reconnectTimer.setTimerType(Qt::PreciseTimer);
@@ -98,6 +101,11 @@ bool AgentRuntime::isConnected() const
     return m_socket && m_connected;
 }
 
+void AgentRuntime::pinServerCertificate(std::optional<QString> certificateFile)
+{
+    m_pinnedFile = std::move(certificateFile);
+}
+
 void AgentRuntime::start()
 {
     diag(QStringLiteral("start requested"));
@@ -128,6 +136,8 @@ void AgentRuntime::stop()
     m_awaitingHello = false;
     m_outbox.close();
     startDisconnectGrace();
+    // The conversations are on disk, whatever comes next.
+    m_chatSessions.flush();
     reportStatus(QStringLiteral("Stopped"));
 }
 
@@ -159,12 +169,22 @@ void AgentRuntime::attemptConnect()
         return;
     }
     m_socketURL = *url;
+    m_certificateRefusal.clear();
+    const auto tls = tlsConfiguration(settings);
+    if (const QString* problem = std::get_if<QString>(&tls)) {
+        refuseCertificate(*problem);
+        reportStatus(QStringLiteral("Reconnect in 3s: ") + *problem);
+        m_reconnectTimer.start();
+        return;
+    }
     QNetworkRequest request(*url);
     if (!settings.token.isEmpty())
         request.setRawHeader("Authorization", "Bearer " + settings.token.toUtf8());
 
     auto* socket = new QWebSocket(QString(), QWebSocketProtocol::VersionLatest, this);
     m_socket = socket;
+    socket->setSslConfiguration(std::get<QSslConfiguration>(tls));
+    connect(socket, &QWebSocket::sslErrors, this, &AgentRuntime::onSslErrors);
     // Frames from the server may be large (terminal input, approvals), never unbounded.
     socket->setMaxAllowedIncomingMessageSize(64 * 1024 * 1024);
     connect(socket, &QWebSocket::connected, this, &AgentRuntime::onConnected);
@@ -181,8 +201,55 @@ void AgentRuntime::attemptConnect()
     socket->open(request);
 }
 
+std::variant<QSslConfiguration, QString> AgentRuntime::tlsConfiguration(const ConnectionSettings& settings)
+{
+    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+    m_pinned.clear();
+    if (m_pinnedFile) {
+        const auto pinned = ServerCertificate::load(*m_pinnedFile);
+        if (const QString* problem = std::get_if<QString>(&pinned))
+            return *problem;
+        m_pinned = std::get<QList<QSslCertificate>>(pinned).first();
+        // No authority vouches for a pinned server, so every certificate comes to
+        // onSslErrors, where the pin decides before anything (the token) is sent.
+        configuration.setCaCertificates({});
+        return configuration;
+    }
+    if (!settings.tlsCA.isEmpty()) {
+        const auto authorities = ServerCertificate::load(settings.tlsCA);
+        if (const QString* problem = std::get_if<QString>(&authorities))
+            return *problem;
+        configuration.addCaCertificates(std::get<QList<QSslCertificate>>(authorities));
+    }
+    return configuration;
+}
+
+bool AgentRuntime::presentsPinnedCertificate() const
+{
+    return m_socket && !m_pinned.isNull() && m_socket->sslConfiguration().peerCertificate() == m_pinned;
+}
+
+void AgentRuntime::onSslErrors(const QList<QSslError>& errors)
+{
+    // The pinned certificate is the server's own: that it names another host (the phones'
+    // address) or comes from an authority this machine does not know does not matter.
+    if (presentsPinnedCertificate()) {
+        m_socket->ignoreSslErrors();
+        return;
+    }
+    refuseCertificate(m_pinnedFile ? ServerCertificate::notPinned(*m_pinnedFile) : ServerCertificate::refused(errors));
+}
+
+void AgentRuntime::refuseCertificate(const QString& reason)
+{
+    m_certificateRefusal = reason;
+    diag(QStringLiteral("tls.refused serverURL=") + m_socketURL.toString() + QStringLiteral(" reason=") + reason);
+}
+
 QString AgentRuntime::socketErrorText() const
 {
+    if (!m_certificateRefusal.isEmpty())
+        return m_certificateRefusal;
     if (!m_socket)
         return QStringLiteral("connection closed");
     // A close handshake from the server is not a socket error: say what it sent.

@@ -14,13 +14,17 @@
 #include <QJsonObject>
 #include <QObject>
 #include <QPointer>
+#include <QSslCertificate>
+#include <QSslConfiguration>
 #include <QTimer>
 #include <QUrl>
 
 #include <functional>
 #include <memory>
 #include <optional>
+#include <variant>
 
+class QSslError;
 class QWebSocket;
 
 namespace brinmoor {
@@ -60,6 +64,12 @@ public:
     void start();
     void stop();
     bool isConnected() const;
+    // The server started beside the agent serves this certificate file: the connection
+    // takes that certificate, read afresh at every connect, and no other, whatever name
+    // it is for and whoever issued it (no authority counts then, not even "tlsCA"). None
+    // (the default): the server's certificate is verified like any other, against the
+    // system's authorities and "tlsCA".
+    void pinServerCertificate(std::optional<QString> certificateFile);
     void sendJSON(const QJsonObject& message) override;
     void sendTaskLog(const QString& taskId, QStringView line) override;
     // Sends a "terminal.output" already serialised.
@@ -111,6 +121,11 @@ private:
     void onSocketLost(const QString& error);
     void discardSocket();
     QString socketErrorText() const;
+    // What the next connection trusts, or why it cannot be made.
+    std::variant<QSslConfiguration, QString> tlsConfiguration(const ConnectionSettings& settings);
+    void onSslErrors(const QList<QSslError>& errors);
+    bool presentsPinnedCertificate() const;
+    void refuseCertificate(const QString& reason);
     void onFrame(const QByteArray& data);
     // The server said hello: the outbox opens, the agent registers and restates itself.
     void onHello(qint64 serverHas);
@@ -133,6 +148,9 @@ private:
     QPointer<QWebSocket> m_socket;
     bool m_connected = false;
     QUrl m_socketURL;
+    std::optional<QString> m_pinnedFile;
+    QSslCertificate m_pinned;     // the server's own in the pinned file, read at the last connect
+    QString m_certificateRefusal; // why this connection's certificate was refused
     QTimer m_reconnectTimer;
     QTimer m_connectTimeout;
     QTimer m_heartbeatTimer;

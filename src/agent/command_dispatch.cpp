@@ -5,6 +5,7 @@
 #include "base/agent_error.h"
 #include "base/diag.h"
 #include "chat/chat_output.h"
+#include "chat/claude_session_store.h"
 #include "config/connection_settings.h"
 #include "execution/execution_resolution.h"
 #include "proposals/ai_task_resolution.h"
@@ -144,7 +145,8 @@ void AgentRuntime::routeTask(const TaskAssignment& task)
         const ConnectionSettings connection = loadConnectionSettings();
         const ChatResolution resolved = ChatExecution::resolveChatExecution(
             profile, connection, m_chatSessions, task.system, task.projectPath, task.prompt, task.taskId,
-            task.conversationId, task.approvalMode, temporaryFolder());
+            task.conversationId, task.approvalMode, temporaryFolder(),
+            ClaudeSessionStore::configDirectory(m_env, m_machine.homeDirectory));
         sendJSON(Messages::taskLog(task.taskId, QStringLiteral("workspace.resolve action=chat requestedProjectPath=") +
                                                     task.projectPath + QStringLiteral(" resolvedWorkingDir=") +
                                                     resolved.workingDir));
@@ -159,9 +161,10 @@ void AgentRuntime::routeTask(const TaskAssignment& task)
         const ChatJSONProvider provider = ExecutionResolution::normalizeAISystem(task.system) == QLatin1String("claude")
                                               ? ChatJSONProvider::claude
                                               : ChatJSONProvider::codex;
-        request.output = std::make_shared<ChatOutput>(
-            *this, m_chatSessions,
-            ChatOutput::Chat{task.taskId, task.conversationId, task.projectPath, provider, resolved.mcpConfigPath});
+        request.output =
+            std::make_shared<ChatOutput>(*this, m_chatSessions,
+                                         ChatOutput::Chat{task.taskId, task.conversationId, task.projectPath, provider,
+                                                          resolved.tokenFiles(), resolved.retry});
         m_runner->runTask(request);
         return;
     }

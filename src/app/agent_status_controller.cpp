@@ -3,6 +3,7 @@
 #include "app/launch_at_login.h"
 #include "base/diag.h"
 #include "config/agent_projects_store.h"
+#include "config/local_server_settings.h"
 #include "config/runtime_defaults.h"
 #include "config/settings_store.h"
 
@@ -57,21 +58,28 @@ void AgentStatusController::startServerAndAgent()
     m_runtime->stop();
     const QString token = m_defaults.string(QStringLiteral("token")).value_or(QString());
     const int port = int(m_defaults.integer(QStringLiteral("serverPort")).value_or(0));
+    const LocalServerSettings server = LocalServerSettings::load(m_defaults, m_env);
     QPointer<AgentStatusController> self(this);
-    const int actualPort = m_serverRuntime->start(port, token, [self](const QString& text) {
-        if (self)
-            QMetaObject::invokeMethod(
-                self.data(),
-                [self, text] {
-                    if (self)
-                        self->setServerStatus(text);
-                },
-                Qt::AutoConnection);
-    });
-    // The agent always connects to the server that was just started.
+    const int actualPort = m_serverRuntime->start(
+        port, token,
+        [self](const QString& text) {
+            if (self)
+                QMetaObject::invokeMethod(
+                    self.data(),
+                    [self, text] {
+                        if (self)
+                            self->setServerStatus(text);
+                    },
+                    Qt::AutoConnection);
+        },
+        server);
+    // The agent always connects to the server that was just started, over loopback; with
+    // TLS it takes the certificate the server was given, which names the phones' address.
     m_defaults.setValue(QStringLiteral("serverPort"), actualPort);
-    m_defaults.setValue(QStringLiteral("serverURL"), QStringLiteral("http://127.0.0.1:%1").arg(actualPort));
+    m_defaults.setValue(QStringLiteral("serverURL"),
+                        QString(server.scheme() + QStringLiteral("://127.0.0.1:%1").arg(actualPort)));
     m_defaults.sync();
+    m_runtime->pinServerCertificate(server.tls() ? std::optional<QString>(server.tlsCertificate) : std::nullopt);
     Q_EMIT networkChanged();
     m_runtime->start();
 }
@@ -235,12 +243,24 @@ std::optional<QString> AgentStatusController::toggleLaunchAtLogin()
 
 std::optional<PairingPayload> AgentStatusController::currentPairingPayload() const
 {
-    return Pairing::currentPairingPayload(m_defaults, m_machine.hostName, lanAddress());
+    return Pairing::currentPairingPayload(m_defaults, m_machine.hostName, lanAddress(),
+                                          LocalServerSettings::load(m_defaults, m_env));
 }
 
 QString AgentStatusController::pairingTooltip() const
 {
-    return Pairing::pairingTooltip(m_defaults, m_machine.hostName, lanAddress());
+    return Pairing::pairingTooltip(m_defaults, m_machine.hostName, lanAddress(),
+                                   LocalServerSettings::load(m_defaults, m_env));
+}
+
+QString AgentStatusController::webClientURL() const
+{
+    return Pairing::webClientURL(m_defaults, lanAddress(), LocalServerSettings::load(m_defaults, m_env));
+}
+
+QString AgentStatusController::loopbackWebClientURL() const
+{
+    return Pairing::webClientURL(m_defaults, std::nullopt, LocalServerSettings::load(m_defaults, m_env));
 }
 
 QString AgentStatusController::networkTitle() const

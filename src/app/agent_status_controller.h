@@ -76,6 +76,10 @@ public:
 
     std::optional<PairingPayload> currentPairingPayload() const;
     QString pairingTooltip() const;
+    // Brinmoor Web with the token: on the LAN address for a phone, on loopback for this
+    // computer's own browser; at the public URL for both when there is one.
+    QString webClientURL() const;
+    QString loopbackWebClientURL() const;
 
     // Where the LAN address comes from (the system's interfaces unless a test says otherwise).
     std::function<std::optional<QString>()> lanAddress;

@@ -29,12 +29,16 @@ int runHeadless()
     QObject::connect(&signals, &UnixSignalWatcher::received, &controller, &AgentStatusController::shutdown);
 
     controller.startServerAndAgent();
-    // The pairing details, once: what the phone needs, as text and as a QR code.
+    // The pairing details, once: what the phone needs, as text and as a QR code; then the
+    // link to Brinmoor Web and its code, for the phone's browser.
     QString details = controller.pairingTooltip() + QLatin1Char('\n');
     if (const std::optional<PairingPayload> payload = controller.currentPairingPayload())
         details += Pairing::terminalQRCode(Pairing::qrModules(payload->encoded()));
     else
         details += QStringLiteral("QR unavailable\n");
+    const QString web = controller.webClientURL();
+    details +=
+        QStringLiteral("Web: ") + web + QLatin1Char('\n') + Pairing::terminalQRCode(Pairing::qrModules(web.toUtf8()));
     const QByteArray bytes = details.toUtf8();
     std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stdout);
     std::fflush(stdout);

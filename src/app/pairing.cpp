@@ -5,6 +5,7 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QUrl>
 
 #include <ifaddrs.h>
 #include <net/if.h>
@@ -85,28 +86,53 @@ std::optional<QString> currentLANIPv4Address(const std::vector<InterfaceAddress>
     return std::nullopt;
 }
 
-std::optional<PairingPayload> currentPairingPayload(const SettingsStore& defaults, const QString& hostName,
-                                                    const std::optional<QString>& lanAddress)
+std::optional<QString> serverURLForPhones(const SettingsStore& defaults, const LocalServerSettings& server,
+                                          const std::optional<QString>& lanAddress)
 {
+    if (!server.publicURL.isEmpty()) {
+        QString url = server.publicURL;
+        while (url.endsWith(QLatin1Char('/')))
+            url.chop(1);
+        return url;
+    }
     if (!lanAddress)
+        return std::nullopt;
+    return server.scheme() + QStringLiteral("://") + *lanAddress + QLatin1Char(':') + portText(defaults);
+}
+
+std::optional<PairingPayload> currentPairingPayload(const SettingsStore& defaults, const QString& hostName,
+                                                    const std::optional<QString>& lanAddress,
+                                                    const LocalServerSettings& server)
+{
+    const std::optional<QString> serverURL = serverURLForPhones(defaults, server, lanAddress);
+    if (!serverURL)
         return std::nullopt;
     const QString token = defaults.string(QStringLiteral("token")).value_or(QString());
     if (token.isEmpty())
         return std::nullopt;
-    return PairingPayload{hostName.isEmpty() ? QStringLiteral("My Mac") : hostName,
-                          QStringLiteral("http://") + *lanAddress + QLatin1Char(':') + portText(defaults),
+    return PairingPayload{hostName.isEmpty() ? QStringLiteral("My Mac") : hostName, *serverURL,
                           agentIdFor(defaults, hostName), token};
 }
 
-QString pairingTooltip(const SettingsStore& defaults, const QString& hostName, const std::optional<QString>& lanAddress)
+QString webClientURL(const SettingsStore& defaults, const std::optional<QString>& lanAddress,
+                     const LocalServerSettings& server)
 {
-    if (const std::optional<PairingPayload> payload = currentPairingPayload(defaults, hostName, lanAddress)) {
+    const QString token = defaults.string(QStringLiteral("token")).value_or(QString());
+    return serverURLForPhones(defaults, server, lanAddress.value_or(QStringLiteral("127.0.0.1"))).value_or(QString()) +
+           QStringLiteral("/#token=") + QString::fromLatin1(QUrl::toPercentEncoding(token));
+}
+
+QString pairingTooltip(const SettingsStore& defaults, const QString& hostName, const std::optional<QString>& lanAddress,
+                       const LocalServerSettings& server)
+{
+    if (const std::optional<PairingPayload> payload = currentPairingPayload(defaults, hostName, lanAddress, server)) {
         return QStringLiteral("Server URL: ") + payload->serverURL + QStringLiteral("\nAgent ID: ") + payload->agentId +
                QStringLiteral("\nToken: ") + payload->token;
     }
     // Without a LAN address the details still let the user connect by hand.
-    return QStringLiteral("Server URL: http://127.0.0.1:") + portText(defaults) + QStringLiteral("\nAgent ID: ") +
-           agentIdFor(defaults, hostName) + QStringLiteral("\nToken: ") +
+    return QStringLiteral("Server URL: ") +
+           serverURLForPhones(defaults, server, QStringLiteral("127.0.0.1")).value_or(QString()) +
+           QStringLiteral("\nAgent ID: ") + agentIdFor(defaults, hostName) + QStringLiteral("\nToken: ") +
            defaults.string(QStringLiteral("token")).value_or(QString());
 }
 

@@ -22,7 +22,12 @@ QRect frame(int x, int y, int width, int height)
 
 QImage qrImage(const PairingPayload& payload)
 {
-    const std::vector<std::vector<bool>> modules = Pairing::qrModules(payload.encoded());
+    return qrImage(payload.encoded());
+}
+
+QImage qrImage(const QByteArray& data)
+{
+    const std::vector<std::vector<bool>> modules = Pairing::qrModules(data);
     if (modules.empty())
         return QImage();
     constexpr int kQuiet = 1;
@@ -41,11 +46,12 @@ QImage qrImage(const PairingPayload& payload)
     return image.scaled(200, 200, Qt::IgnoreAspectRatio, Qt::FastTransformation);
 }
 
-PairingPanel::PairingPanel(const std::optional<PairingPayload>& payload, const QString& tooltip, QWidget* parent)
+PairingPanel::PairingPanel(const std::optional<PairingPayload>& payload, const QString& tooltip, const QString& webURL,
+                           QWidget* parent)
     : QWidget(parent, Qt::Window)
 {
     setWindowTitle(QStringLiteral("Wexlin Pairing"));
-    setFixedSize(420, kPanelHeight);
+    setFixedSize(660, kPanelHeight);
     setAttribute(Qt::WA_DeleteOnClose);
 
     m_heading = new QLabel(QStringLiteral("Pair Wexlin"), this);
@@ -87,6 +93,27 @@ PairingPanel::PairingPanel(const std::optional<PairingPayload>& payload, const Q
     details->setFont(mono);
     details->setGeometry(frame(24, 24, 372, 140));
     m_details = details;
+
+    // Beside the Wexlin code: the link to Brinmoor Web, which any phone's camera opens.
+    m_webHeading = new QLabel(QStringLiteral("Brinmoor Web"), this);
+    QFont webFont = font();
+    webFont.setPointSize(15);
+    webFont.setWeight(QFont::DemiBold);
+    m_webHeading->setFont(webFont);
+    m_webHeading->setAlignment(Qt::AlignCenter);
+    m_webHeading->setGeometry(frame(436, 388, 200, 24));
+    const QImage webImage = qrImage(webURL.toUtf8());
+    if (!webImage.isNull()) {
+        m_webCode = new QLabel(this);
+        m_webCode->setPixmap(QPixmap::fromImage(webImage));
+        m_webCode->setGeometry(frame(436, 180, 200, 200));
+    }
+    m_webCaption =
+        new QLabel(QStringLiteral("Or scan this with any phone's camera to use Brinmoor in its browser."), this);
+    m_webCaption->setWordWrap(true);
+    m_webCaption->setAlignment(Qt::AlignHCenter | Qt::AlignTop);
+    m_webCaption->setForegroundRole(QPalette::PlaceholderText);
+    m_webCaption->setGeometry(frame(436, 124, 200, 48));
 }
 
 PairingPanelHost::~PairingPanelHost()
@@ -94,11 +121,12 @@ PairingPanelHost::~PairingPanelHost()
     delete m_panel.data();
 }
 
-PairingPanel* PairingPanelHost::show(const std::optional<PairingPayload>& payload, const QString& tooltip)
+PairingPanel* PairingPanelHost::show(const std::optional<PairingPayload>& payload, const QString& tooltip,
+                                     const QString& webURL)
 {
     if (m_panel)
         m_panel->close(); // deletes itself
-    m_panel = new PairingPanel(payload, tooltip);
+    m_panel = new PairingPanel(payload, tooltip, webURL);
     m_panel->show();
     m_panel->raise();
     m_panel->activateWindow();

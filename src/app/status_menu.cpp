@@ -4,6 +4,7 @@
 
 #include <QAbstractItemView>
 #include <QAction>
+#include <QDesktopServices>
 #include <QFileDialog>
 #include <QFontMetrics>
 #include <QIcon>
@@ -12,6 +13,7 @@
 #include <QMessageBox>
 #include <QPainter>
 #include <QPixmap>
+#include <QUrl>
 
 // The menu-bar image lives in this static library's resources, which the linker keeps
 // only when something asks for them by name.
@@ -101,6 +103,7 @@ StatusMenu::StatusMenu(AgentStatusController& controller, QObject* parent)
             createProjectRootDialog(m_controller.currentProjectURL().value_or(QString()));
         return runInFront(*dialog) ? dialog->selectedFiles().value(0) : QString();
     };
+    openURL = [](const QUrl& url) { return QDesktopServices::openUrl(url); };
     showAlert = [](const QString& message, const QString& detail) {
         QMessageBox box(QMessageBox::Warning, message, message);
         box.setInformativeText(detail);
@@ -139,6 +142,8 @@ StatusMenu::StatusMenu(AgentStatusController& controller, QObject* parent)
         if (showPairingCode)
             showPairingCode();
     });
+    connect(addItem(QStringLiteral("Open Web Client")), &QAction::triggered, this,
+            [this] { openURL(QUrl(m_controller.loopbackWebClientURL())); });
     connect(addItem(QStringLiteral("Refresh Connection")), &QAction::triggered, &m_controller,
             &AgentStatusController::refreshConnection);
     m_launchAtLogin = addItem(QStringLiteral("Open at Login"));

@@ -3,6 +3,7 @@
 #include <QObject>
 #include <QPointer>
 #include <QStringList>
+#include <QUrl>
 
 #include <functional>
 #include <memory>
@@ -48,6 +49,8 @@ public:
     std::function<QString()> chooseCreateProjectRoot;
     std::function<void(const QString& message, const QString& detail)> showAlert;
     std::function<void()> showPairingCode;
+    // Opens a link in the desktop's browser (QDesktopServices unless a test says otherwise).
+    std::function<bool(const QUrl&)> openURL;
     std::function<void()> quit;
 
 private:

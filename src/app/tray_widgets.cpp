@@ -49,7 +49,7 @@ int run(int argc, char** argv)
     PairingPanelHost panels;
     menu.showPairingCode = [&] {
         menu.refresh();
-        panels.show(controller.currentPairingPayload(), controller.pairingTooltip());
+        panels.show(controller.currentPairingPayload(), controller.pairingTooltip(), controller.webClientURL());
     };
     menu.quit = [] { QCoreApplication::quit(); };
 

@@ -8,8 +8,8 @@ class QSocketNotifier;
 
 namespace brinmoor {
 
-// Turns SIGINT and SIGTERM into a Qt signal on the event loop (through a self-pipe,
-// the one thing a signal handler may safely do).
+// Turns Unix signals (SIGINT, SIGTERM, SIGHUP) into a Qt signal on the event loop
+// (through a self-pipe, the one thing a signal handler may safely do).
 class UnixSignalWatcher : public QObject {
     Q_OBJECT
 

@@ -2,6 +2,7 @@
 
 #include "base/agent_error.h"
 #include "base/diag.h"
+#include "chat/claude_session_store.h"
 #include "config/agent_profile.h"
 #include "config/connection_settings.h"
 
@@ -20,21 +21,6 @@
 namespace brinmoor {
 
 using ExecutionResolution::shellQuote;
-
-std::optional<QString> ChatSessions::codexThreadID(const QString& key) const
-{
-    const auto it = m_codexThreadIDsByConversation.constFind(key);
-    if (it == m_codexThreadIDsByConversation.cend())
-        return std::nullopt;
-    return it.value();
-}
-
-void ChatSessions::recordCodexThreadID(const QString& threadId, const QString& conversationId,
-                                       const QString& projectPath)
-{
-    if (const std::optional<QString> key = ChatExecution::scopedConversationKey(projectPath, conversationId))
-        m_codexThreadIDsByConversation.insert(*key, threadId);
-}
 
 namespace ChatExecution {
 
@@ -90,6 +76,8 @@ QString fileNameSafe(const QString& text)
 // conversation keeps its session across agent versions.
 const QUuid sessionNamespace(QStringLiteral("67c547cf-08d0-4f2c-8808-fca36f829ffd"));
 
+const QString kStreamJson = QStringLiteral("--output-format stream-json");
+
 const QString kClaudeWithoutApproval =
     QStringLiteral("claude --dangerously-skip-permissions -p --verbose --output-format stream-json {{prompt}}");
 
@@ -139,7 +127,7 @@ QString codexExecCommandTemplate(const QString& approvalMode, const QString& res
 }
 
 QString codexMCPConfigOverrides(const QString& taskId, const QString& approverPath,
-                                const ConnectionSettings& connection)
+                                const ConnectionSettings& connection, const QString& tokenFilePath)
 {
     const QStringList assignments = {
         QStringLiteral("mcp_servers.approver.command=\"") + tomlEscaped(approverPath) + QLatin1Char('"'),
@@ -147,13 +135,49 @@ QString codexMCPConfigOverrides(const QString& taskId, const QString& approverPa
         QStringLiteral("mcp_servers.approver.env.BRINMOOR_SERVER_URL=\"") + tomlEscaped(connection.serverURL) +
             QLatin1Char('"'),
         QStringLiteral("mcp_servers.approver.env.BRINMOOR_TASK_ID=\"") + tomlEscaped(taskId) + QLatin1Char('"'),
-        QStringLiteral("mcp_servers.approver.env.BRINMOOR_TOKEN=\"") + tomlEscaped(connection.token) + QLatin1Char('"'),
+        QStringLiteral("mcp_servers.approver.env.BRINMOOR_TOKEN_FILE=\"") + tomlEscaped(tokenFilePath) +
+            QLatin1Char('"'),
+        // `codex exec` runs with the approval policy "never" and refuses every MCP call
+        // that needs approval; the approval tool is the approval.
+        QStringLiteral("mcp_servers.approver.tools.request_permission.approval_mode=\"approve\""),
     };
     QString overrides;
     for (const QString& assignment : assignments)
         overrides += QStringLiteral(" -c ") + shellQuote(assignment);
     return overrides;
 }
+
+namespace {
+
+// Writes a file that holds the token: owner-only from its first byte, never through a
+// link someone else left in a shared folder. Throws AgentError with `what` in its text.
+QString writeOwnerOnlyFile(const QString& path, const QByteArray& content, const QString& what)
+{
+    const QByteArray native = QFile::encodeName(path);
+    ::unlink(native.constData());
+    const int fd = ::open(native.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0)
+        throw runtimeError(14, QStringLiteral("failed to write ") + what + QLatin1Char(' ') + path +
+                                   QStringLiteral(": ") + QString::fromLocal8Bit(std::strerror(errno)));
+    qsizetype written = 0;
+    while (written < content.size()) {
+        const ssize_t n = ::write(fd, content.constData() + written, size_t(content.size() - written));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            const int error = errno;
+            ::close(fd);
+            ::unlink(native.constData());
+            throw runtimeError(14, QStringLiteral("failed to write ") + what + QLatin1Char(' ') + path +
+                                       QStringLiteral(": ") + QString::fromLocal8Bit(std::strerror(error)));
+        }
+        written += n;
+    }
+    ::close(fd);
+    return path;
+}
+
+} // namespace
 
 QString writeMCPConfig(const QString& taskId, const QString& approverPath, const ConnectionSettings& connection,
                        const QString& folder)
@@ -167,32 +191,15 @@ QString writeMCPConfig(const QString& taskId, const QString& approverPath, const
                                    QJsonObject{{QStringLiteral("BRINMOOR_SERVER_URL"), connection.serverURL},
                                                {QStringLiteral("BRINMOOR_TASK_ID"), taskId},
                                                {QStringLiteral("BRINMOOR_TOKEN"), connection.token}}}}}}}};
-    const QByteArray content = QJsonDocument(config).toJson(QJsonDocument::Indented);
-    const QString path = folder + QStringLiteral("/brinmoor-mcp-") + fileNameSafe(taskId) + QStringLiteral(".json");
-    const QByteArray native = QFile::encodeName(path);
-    // The file holds the token: owner-only from its first byte, never through a link
-    // someone else left in a shared folder.
-    ::unlink(native.constData());
-    const int fd = ::open(native.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0)
-        throw runtimeError(14, QStringLiteral("failed to write MCP configuration ") + path + QStringLiteral(": ") +
-                                   QString::fromLocal8Bit(std::strerror(errno)));
-    qsizetype written = 0;
-    while (written < content.size()) {
-        const ssize_t n = ::write(fd, content.constData() + written, size_t(content.size() - written));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0) {
-            const int error = errno;
-            ::close(fd);
-            ::unlink(native.constData());
-            throw runtimeError(14, QStringLiteral("failed to write MCP configuration ") + path + QStringLiteral(": ") +
-                                       QString::fromLocal8Bit(std::strerror(error)));
-        }
-        written += n;
-    }
-    ::close(fd);
-    return path;
+    return writeOwnerOnlyFile(
+        folder + QStringLiteral("/brinmoor-mcp-") + fileNameSafe(taskId) + QStringLiteral(".json"),
+        QJsonDocument(config).toJson(QJsonDocument::Indented), QStringLiteral("MCP configuration"));
+}
+
+QString writeTokenFile(const QString& taskId, const ConnectionSettings& connection, const QString& folder)
+{
+    return writeOwnerOnlyFile(folder + QStringLiteral("/brinmoor-token-") + fileNameSafe(taskId),
+                              connection.token.toUtf8() + '\n', QStringLiteral("the token file"));
 }
 
 bool approvalServerAvailable(const QString& approverPath)
@@ -205,7 +212,7 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
                                     const ChatSessions& sessions, const std::optional<QString>& requestedSystem,
                                     const QString& projectPath, const QString& prompt, const QString& taskId,
                                     const QString& conversationId, const std::optional<QString>& requestedApprovalMode,
-                                    const QString& temporaryFolder)
+                                    const QString& temporaryFolder, const QString& claudeConfigDirectory)
 {
     if (projectPath.trimmed().isEmpty())
         throw runtimeError(7, QStringLiteral("Missing projectPath"));
@@ -222,18 +229,34 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
     QString command;
     if (system == QLatin1String("codex")) {
         const QString threadId = scopedKey ? sessions.codexThreadID(*scopedKey).value_or(QString()) : QString();
-        if (approvalMode == QLatin1String("on_request") && approvalAvailable) {
-            command = threadId.isEmpty()
-                          ? QStringLiteral("codex exec --json --skip-git-repo-check --color never {{prompt}}")
-                          : QStringLiteral("codex exec resume --json --skip-git-repo-check ") + shellQuote(threadId) +
-                                QStringLiteral(" {{prompt}}");
-            command += codexMCPConfigOverrides(taskId, profile.mcpApproverPath, connection);
+        const bool gated = approvalMode == QLatin1String("on_request") && approvalAvailable;
+        if (gated)
+            resolution.tokenFilePath = writeTokenFile(taskId, connection, temporaryFolder);
+        // The command of a new thread (empty id) or of one that goes on.
+        const auto codexCommand = [&](const QString& thread) -> QString {
+            if (!gated)
+                return codexExecCommandTemplate(approvalMode, thread);
+            const QString base =
+                thread.isEmpty() ? QStringLiteral("codex exec --json --skip-git-repo-check --color never {{prompt}}")
+                                 : QStringLiteral("codex exec resume --json --skip-git-repo-check ") +
+                                       shellQuote(thread) + QStringLiteral(" {{prompt}}");
+            // What the phone allows must be able to happen: `codex exec` would otherwise
+            // run in a read-only sandbox.
+            return base +
+                   codexMCPConfigOverrides(taskId, profile.mcpApproverPath, connection, *resolution.tokenFilePath) +
+                   QStringLiteral(" -c ") + shellQuote(QStringLiteral("sandbox_mode=\"workspace-write\""));
+        };
+        command = codexCommand(threadId);
+        // codex may have lost the thread (its sessions removed, another CODEX_HOME): the
+        // conversation then goes on in a new one.
+        if (!threadId.isEmpty())
+            resolution.retry = ChatRetry{codexCommand(QString()), QStringLiteral("no rollout found"),
+                                         QStringLiteral("[codex.retry] the thread is gone; starting a new one")};
+        if (gated)
             diag(QStringLiteral("resolveChatExecution using Codex MCP approval approverPath=") +
                  profile.mcpApproverPath);
-        } else {
-            command = codexExecCommandTemplate(approvalMode, threadId);
+        else
             diag(QStringLiteral("resolveChatExecution using native Codex approvalMode=") + approvalMode);
-        }
     } else {
         if (approvalMode == QLatin1String("none")) {
             diag(QStringLiteral("resolveChatExecution approvalMode=none, running Claude chat without MCP approval"));
@@ -253,21 +276,40 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
             // The user's own template without an approval hook runs as it is.
             command = profile.claudeChatTemplate;
         }
+        // The answer streams as the model writes it (dropped where the installed claude
+        // does not know the option).
+        if (command.contains(kStreamJson) && !command.contains(QLatin1String("--include-partial-messages")))
+            command.replace(kStreamJson, kStreamJson + QStringLiteral(" --include-partial-messages"));
         // The conversation id is the Claude session id: created by the first message,
-        // resumed by the next ones.
+        // resumed by the next ones. claude's own store says whether it exists: a first
+        // message that failed may have created it, and the agent may have restarted.
         if (!conversationId.isEmpty() && !command.contains(QLatin1String("--session-id")) &&
             !command.contains(QLatin1String("--resume")) && command.startsWith(QLatin1String("claude "))) {
-            const bool established = scopedKey && sessions.hasEstablishedChatSession(*scopedKey);
-            command.insert(7, (established ? QStringLiteral("--resume ") : QStringLiteral("--session-id ")) +
-                                  shellQuote(claudeSessionID(conversationId, scopedKey)) + QLatin1Char(' '));
+            const QString session = claudeSessionID(conversationId, scopedKey);
+            const bool exists = claudeConfigDirectory.isEmpty()
+                                    ? scopedKey && sessions.hasEstablishedChatSession(*scopedKey)
+                                    : ClaudeSessionStore::hasSession(claudeConfigDirectory, workingDir, session);
+            const auto withSession = [&](const QString& option) {
+                return QString(command).insert(7, option + shellQuote(session) + QLatin1Char(' '));
+            };
+            if (!exists)
+                resolution.retry =
+                    ChatRetry{withSession(QStringLiteral("--resume ")), QStringLiteral("is already in use"),
+                              QStringLiteral("[claude.retry] the session exists already; continuing it with --resume")};
+            command = withSession(exists ? QStringLiteral("--resume ") : QStringLiteral("--session-id "));
         }
     }
 
     QString fullPrompt = workspaceScopedPrompt(projectPath, prompt);
     if (system == QLatin1String("codex") && command.contains(QLatin1String("mcp_servers.approver.command")))
         fullPrompt = systemPolicy + fullPrompt;
-    command = ExecutionResolution::expandProjectPlaceholders(command, projectPath, projectArg);
-    command.replace(QLatin1String("{{prompt}}"), shellQuote(fullPrompt));
+    const auto expand = [&](QString text) {
+        text = ExecutionResolution::expandProjectPlaceholders(text, projectPath, projectArg);
+        return text.replace(QLatin1String("{{prompt}}"), shellQuote(fullPrompt));
+    };
+    command = expand(command);
+    if (resolution.retry)
+        resolution.retry->shell = expand(resolution.retry->shell);
 
     diag(QStringLiteral("resolveChatExecution projectPath=") + logValue(projectPath) + QStringLiteral(" workspace=") +
          logValue(workingDir) + QStringLiteral(" system=") + system + QStringLiteral(" approvalMode=") + approvalMode);

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "chat/chat_sessions.h"
 #include "execution/execution_resolution.h"
 
-#include <QHash>
-#include <QSet>
 #include <QString>
+#include <QStringList>
 
 #include <optional>
 
@@ -13,29 +13,34 @@ namespace brinmoor {
 struct AgentProfile;
 struct ConnectionSettings;
 
-// Per-conversation chat bookkeeping for the life of the agent process: which Claude
-// sessions exist and which Codex thread each conversation continues. Read while a chat
-// is resolved and written when its output or end is handled; the event loop
-// serialises both, so no lock is needed.
-class ChatSessions {
-public:
-    bool hasEstablishedChatSession(const QString& key) const { return m_established.contains(key); }
-    void markChatSessionEstablished(const QString& key) { m_established.insert(key); }
-    std::optional<QString> codexThreadID(const QString& key) const;
-    // Stores the thread id under the conversation's scoped key.
-    void recordCodexThreadID(const QString& threadId, const QString& conversationId, const QString& projectPath);
-
-private:
-    QSet<QString> m_established;
-    QHash<QString, QString> m_codexThreadIDsByConversation;
+// A chat's second try, for when the tool cannot go on with the conversation as the
+// command says: claude answers that the session to create exists already, codex that the
+// thread to continue is gone.
+struct ChatRetry {
+    QString shell;        // run once in place of the first command
+    QString whenToolSays; // what the tool's output holds when the retry is due
+    QString note;         // the task log line that says what happened
 };
 
-// What a chat runs, and the MCP configuration file written for it (to be removed when
-// the task ends).
+// What a chat runs, and the files written for it that hold the agent token (Claude's
+// MCP configuration, the token file of Codex's approval tool), to be removed when the
+// task ends.
 struct ChatResolution {
     QString shell;
     QString workingDir;
     std::optional<QString> mcpConfigPath;
+    std::optional<QString> tokenFilePath;
+    std::optional<ChatRetry> retry;
+
+    QStringList tokenFiles() const
+    {
+        QStringList files;
+        for (const std::optional<QString>& file : {mcpConfigPath, tokenFilePath}) {
+            if (file)
+                files.append(*file);
+        }
+        return files;
+    }
 };
 
 namespace ChatExecution {
@@ -61,10 +66,17 @@ QString workspaceScopedPrompt(const QString& projectPath, const QString& userPro
 
 QString codexExecCommandTemplate(const QString& approvalMode, const QString& resumeThreadID);
 
-// Five -c options pointing Codex's "approver" MCP server at the approval tool; begins
-// with a blank so it can be appended to a command.
+// The -c options pointing Codex's "approver" MCP server at the approval tool, and
+// letting codex call its "request_permission" without asking anyone itself (`codex exec`
+// would refuse the call); begins with a blank so it can be appended to a command. The
+// token is not among them (a command line is visible to every local user): the tool
+// reads it from the owner-only file at `tokenFilePath`.
 QString codexMCPConfigOverrides(const QString& taskId, const QString& approverPath,
-                                const ConnectionSettings& connection);
+                                const ConnectionSettings& connection, const QString& tokenFilePath);
+
+// Writes the agent token, readable by the user only, as "brinmoor-token-<task id>" in the
+// folder; returns its path. Throws AgentError when it cannot be written.
+QString writeTokenFile(const QString& taskId, const ConnectionSettings& connection, const QString& folder);
 
 // Writes Claude's MCP configuration (it holds the agent token) readable by the user
 // only, as "brinmoor-mcp-<task id>.json" in the folder; returns its path. Throws
@@ -76,12 +88,15 @@ QString writeMCPConfig(const QString& taskId, const QString& approverPath, const
 bool approvalServerAvailable(const QString& approverPath);
 
 // The shell text and folder of a chat; writes the MCP configuration when Claude's
-// approval goes through the approval tool. Throws AgentError.
+// approval goes through the approval tool. A Claude conversation continues its session
+// (--resume) when claude's store in `claudeConfigDirectory` has it, and creates it
+// (--session-id) otherwise; without a store to look at, the bookkeeping decides. Throws
+// AgentError.
 ChatResolution resolveChatExecution(const AgentProfile& profile, const ConnectionSettings& connection,
                                     const ChatSessions& sessions, const std::optional<QString>& system,
                                     const QString& projectPath, const QString& prompt, const QString& taskId,
                                     const QString& conversationId, const std::optional<QString>& approvalMode,
-                                    const QString& temporaryFolder);
+                                    const QString& temporaryFolder, const QString& claudeConfigDirectory);
 
 } // namespace ChatExecution
 

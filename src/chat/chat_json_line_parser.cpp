@@ -2,31 +2,91 @@
 
 namespace brinmoor {
 
-qint64 codePointLength(QStringView text)
+void ClaudeAnswerText::beginMessage(const QString& messageId)
 {
-    qint64 count = 0;
-    const qsizetype size = text.size();
-    for (qsizetype i = 0; i < size; ++i) {
-        // A low surrogate after a high one completes a character already counted.
-        if (text[i].isLowSurrogate() && i > 0 && text[i - 1].isHighSurrogate())
-            continue;
-        ++count;
-    }
-    return count;
+    if (messageId.isEmpty() || messageId == m_messageId)
+        return;
+    endBlock();
+    m_streamedInMessage.clear();
+    m_messageId = messageId;
 }
 
-QStringView dropCodePoints(QStringView text, qint64 count)
+void ClaudeAnswerText::endBlock()
 {
-    qsizetype i = 0;
-    const qsizetype size = text.size();
-    while (count > 0 && i < size) {
-        if (text[i].isHighSurrogate() && i + 1 < size && text[i + 1].isLowSurrogate())
-            i += 2;
-        else
-            i += 1;
-        --count;
+    if (!m_open)
+        return;
+    if (m_streamed)
+        m_streamedInMessage.append(m_block);
+    m_open = false;
+}
+
+QString ClaudeAnswerText::blockText(const QString& text)
+{
+    if (text.isEmpty())
+        return {};
+    if (m_open) {
+        if (text.startsWith(m_block)) {
+            const QString more = text.mid(m_block.size());
+            m_block = text;
+            return more;
+        }
+        if (m_block.startsWith(text))
+            return {};
     }
-    return text.mid(i);
+    // The assembled event of a block streamed in pieces may come after the block's end.
+    if (streamedInThisMessage(text))
+        return {};
+    return startBlock(text);
+}
+
+QString ClaudeAnswerText::delta(const QString& piece)
+{
+    if (piece.isEmpty())
+        return {};
+    if (!m_open) {
+        const QString sent = startBlock(piece);
+        m_streamed = true;
+        return sent;
+    }
+    m_block += piece;
+    return piece;
+}
+
+QString ClaudeAnswerText::resultText(const QString& text)
+{
+    if (text.isEmpty() || !m_sentAny)
+        return startBlock(text);
+    // The result repeats the last block, possibly longer or with its blanks trimmed.
+    if (text.startsWith(m_block)) {
+        const QString more = text.mid(m_block.size());
+        m_block = text;
+        return more;
+    }
+    if (m_block.startsWith(text) || streamedInThisMessage(text))
+        return {};
+    return startBlock(text);
+}
+
+QString ClaudeAnswerText::startBlock(const QString& text)
+{
+    if (text.isEmpty())
+        return {};
+    endBlock();
+    m_block = text;
+    m_open = true;
+    m_streamed = false;
+    const bool first = !m_sentAny;
+    m_sentAny = true;
+    return first ? text : QStringLiteral("\n\n") + text;
+}
+
+bool ClaudeAnswerText::streamedInThisMessage(const QString& text) const
+{
+    for (const QString& block : m_streamedInMessage) {
+        if (block.startsWith(text))
+            return true;
+    }
+    return false;
 }
 
 QString ChatJSONLineParser::trimmedString(JsonReader::Node object, QStringView key) const
@@ -136,23 +196,14 @@ void ChatJSONLineParser::processClaudeEvent(JsonReader::Node event, ParseResult&
 {
     const JsonReader::Node type = m_reader.member(event, u"type");
     if (m_reader.stringEquals(type, u"assistant")) {
-        const JsonReader::Node content = m_reader.member(m_reader.member(event, u"message"), u"content");
-        QString text;
-        m_reader.forEachElement(content, [&](JsonReader::Node part) {
-            if (m_reader.stringEquals(m_reader.member(part, u"type"), u"text"))
-                text += m_reader.string(m_reader.member(part, u"text"));
-        });
-        appendAssistantText(text, result);
-        m_reader.forEachElement(content, [&](JsonReader::Node part) {
-            if (!m_reader.stringEquals(m_reader.member(part, u"type"), u"tool_result") ||
-                !m_reader.isTrue(m_reader.member(part, u"is_error")))
-                return;
-            const JsonReader::Node name = m_reader.member(part, u"tool_name");
-            reportOnce(QStringLiteral("[tool.error] ") +
-                           (m_reader.isString(name) ? m_reader.string(name) : QStringLiteral("tool")) +
-                           QStringLiteral(": ") + extractToolContent(m_reader, m_reader.member(part, u"content")),
-                       result);
-        });
+        const JsonReader::Node message = m_reader.member(event, u"message");
+        m_claudeText.beginMessage(m_reader.string(m_reader.member(message, u"id")));
+        processClaudeContent(m_reader.member(message, u"content"), result);
+    } else if (m_reader.stringEquals(type, u"user")) {
+        // Tool results come back to the model as the user's turn.
+        processClaudeContent(m_reader.member(m_reader.member(event, u"message"), u"content"), result);
+    } else if (m_reader.stringEquals(type, u"stream_event")) {
+        processClaudeStreamEvent(m_reader.member(event, u"event"), result);
     } else if (m_reader.stringEquals(type, u"result")) {
         const QString text = trimmedString(event, u"result");
         // A failed run still ends with a result; what the tool says about the failure
@@ -166,13 +217,7 @@ void ChatJSONLineParser::processClaudeEvent(JsonReader::Node event, ParseResult&
         }
         if (text.isEmpty())
             return;
-        m_finalizedText = text;
-        const qint64 length = codePointLength(text);
-        m_finalizedLength = length;
-        if (length > m_accumulatedLength) {
-            result.deltas.append(dropCodePoints(text, m_accumulatedLength).toString());
-            m_accumulatedLength = length;
-        }
+        appendDelta(m_claudeText.resultText(text), result);
         result.finalText = text;
     } else if (m_reader.stringEquals(type, u"error")) {
         const JsonReader::Node message = m_reader.member(event, u"message");
@@ -182,16 +227,68 @@ void ChatJSONLineParser::processClaudeEvent(JsonReader::Node event, ParseResult&
     }
 }
 
-void ChatJSONLineParser::appendAssistantText(const QString& text, ParseResult& result)
+void ChatJSONLineParser::processClaudeContent(JsonReader::Node content, ParseResult& result)
 {
-    if (text.isEmpty())
-        return;
-    // Claude's assistant events carry the whole text so far: send only what is new.
-    const qint64 length = codePointLength(text);
-    if (length > m_accumulatedLength) {
-        result.deltas.append(dropCodePoints(text, m_accumulatedLength).toString());
-        m_accumulatedLength = length;
+    m_reader.forEachElement(content, [&](JsonReader::Node block) {
+        const JsonReader::Node type = m_reader.member(block, u"type");
+        if (m_reader.stringEquals(type, u"text")) {
+            appendDelta(m_claudeText.blockText(m_reader.string(m_reader.member(block, u"text"))), result);
+            return;
+        }
+        // Any other block ends the text block before it.
+        m_claudeText.endBlock();
+        if (m_reader.stringEquals(type, u"tool_use"))
+            m_toolNames.insert(m_reader.string(m_reader.member(block, u"id")),
+                               m_reader.string(m_reader.member(block, u"name")));
+        else if (m_reader.stringEquals(type, u"tool_result"))
+            reportToolResult(block, result);
+    });
+}
+
+void ChatJSONLineParser::processClaudeStreamEvent(JsonReader::Node event, ParseResult& result)
+{
+    // The model's own stream events, passed on as they arrive.
+    const JsonReader::Node type = m_reader.member(event, u"type");
+    if (m_reader.stringEquals(type, u"message_start")) {
+        m_claudeText.beginMessage(m_reader.string(m_reader.member(m_reader.member(event, u"message"), u"id")));
+    } else if (m_reader.stringEquals(type, u"content_block_start")) {
+        m_claudeText.endBlock();
+        const JsonReader::Node block = m_reader.member(event, u"content_block");
+        const JsonReader::Node blockType = m_reader.member(block, u"type");
+        if (m_reader.stringEquals(blockType, u"text"))
+            appendDelta(m_claudeText.delta(m_reader.string(m_reader.member(block, u"text"))), result);
+        else if (m_reader.stringEquals(blockType, u"tool_use"))
+            m_toolNames.insert(m_reader.string(m_reader.member(block, u"id")),
+                               m_reader.string(m_reader.member(block, u"name")));
+    } else if (m_reader.stringEquals(type, u"content_block_delta")) {
+        const JsonReader::Node delta = m_reader.member(event, u"delta");
+        if (m_reader.stringEquals(m_reader.member(delta, u"type"), u"text_delta"))
+            appendDelta(m_claudeText.delta(m_reader.string(m_reader.member(delta, u"text"))), result);
+    } else if (m_reader.stringEquals(type, u"content_block_stop")) {
+        m_claudeText.endBlock();
     }
+}
+
+void ChatJSONLineParser::reportToolResult(JsonReader::Node block, ParseResult& result)
+{
+    if (!m_reader.isTrue(m_reader.member(block, u"is_error")))
+        return;
+    // The result names its tool use; the tool's name is on that tool use.
+    const JsonReader::Node toolName = m_reader.member(block, u"tool_name");
+    QString name = m_reader.isString(toolName)
+                       ? m_reader.string(toolName)
+                       : m_toolNames.value(m_reader.string(m_reader.member(block, u"tool_use_id")));
+    if (name.isEmpty())
+        name = QStringLiteral("tool");
+    reportOnce(QStringLiteral("[tool.error] ") + name + QStringLiteral(": ") +
+                   extractToolContent(m_reader, m_reader.member(block, u"content")),
+               result);
+}
+
+void ChatJSONLineParser::appendDelta(const QString& delta, ParseResult& result)
+{
+    if (!delta.isEmpty())
+        result.deltas.append(delta);
 }
 
 void ChatJSONLineParser::processCodexEvent(JsonReader::Node event, ParseResult& result)
@@ -203,9 +300,15 @@ void ChatJSONLineParser::processCodexEvent(JsonReader::Node event, ParseResult& 
             m_codexThreadID = threadId;
             result.threadID = threadId;
         }
-    } else if (m_reader.stringEquals(type, u"item.started")) {
+    } else if (m_reader.stringEquals(type, u"item.started") || m_reader.stringEquals(type, u"item.updated")) {
         const JsonReader::Node item = m_reader.member(event, u"item");
-        if (!m_reader.stringEquals(m_reader.member(item, u"type"), u"command_execution"))
+        const JsonReader::Node itemType = m_reader.member(item, u"type");
+        // An agent message may be reported while it is written: its text goes out at once.
+        if (m_reader.stringEquals(itemType, u"agent_message")) {
+            appendCodexMessage(m_reader.string(m_reader.member(item, u"id")), trimmedString(item, u"text"), result);
+            return;
+        }
+        if (!m_reader.stringEquals(itemType, u"command_execution"))
             return;
         const QString command = trimmedString(item, u"command");
         if (!command.isEmpty())
@@ -214,9 +317,7 @@ void ChatJSONLineParser::processCodexEvent(JsonReader::Node event, ParseResult& 
         const JsonReader::Node item = m_reader.member(event, u"item");
         const JsonReader::Node itemType = m_reader.member(item, u"type");
         if (m_reader.stringEquals(itemType, u"agent_message")) {
-            const QString text = trimmedString(item, u"text");
-            if (!text.isEmpty())
-                appendCodexMessage(text, result);
+            appendCodexMessage(m_reader.string(m_reader.member(item, u"id")), trimmedString(item, u"text"), result);
         } else if (m_reader.stringEquals(itemType, u"command_execution")) {
             const QString output = trimmedString(item, u"aggregated_output");
             if (!output.isEmpty())
@@ -241,27 +342,27 @@ QString ChatJSONLineParser::messageOf(JsonReader::Node node) const
     return message.isEmpty() ? QStringLiteral("unknown error") : message;
 }
 
-void ChatJSONLineParser::appendCodexMessage(const QString& text, ParseResult& result)
+void ChatJSONLineParser::appendCodexMessage(const QString& itemId, const QString& text, ParseResult& result)
 {
+    if (text.isEmpty())
+        return;
+    // More of the message being reported: only the rest goes out.
+    if (!itemId.isEmpty() && itemId == m_codexItemId) {
+        if (text.size() > m_codexItemText.size() && text.startsWith(m_codexItemText)) {
+            const QString more = text.mid(m_codexItemText.size());
+            m_finalizedText += more;
+            m_codexItemText = text;
+            result.deltas.append(more);
+        }
+        return;
+    }
     // Each agent message is a separate piece, joined to the others by a newline that
     // is part of the delta. The text grows in place; it is never joined anew.
-    const qsizetype oldSize = m_finalizedText.size();
-    const qint64 oldLength = m_finalizedLength;
-    if (!m_finalizedText.isEmpty()) {
-        m_finalizedText += QLatin1Char('\n');
-        m_finalizedLength += 1;
-    }
-    m_finalizedText += text;
-    m_finalizedLength += codePointLength(text);
-    if (m_finalizedLength > m_accumulatedLength) {
-        // What was sent already is usually exactly the text before this message.
-        const QStringView delta =
-            m_accumulatedLength >= oldLength
-                ? dropCodePoints(QStringView(m_finalizedText).mid(oldSize), m_accumulatedLength - oldLength)
-                : dropCodePoints(m_finalizedText, m_accumulatedLength);
-        result.deltas.append(delta.toString());
-        m_accumulatedLength = m_finalizedLength;
-    }
+    m_codexItemId = itemId;
+    m_codexItemText = text;
+    const QString piece = m_finalizedText.isEmpty() ? text : QLatin1Char('\n') + text;
+    m_finalizedText += piece;
+    result.deltas.append(piece);
 }
 
 void ChatJSONLineParser::reportOnce(const QString& diagnostic, ParseResult& result)

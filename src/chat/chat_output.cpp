@@ -1,6 +1,5 @@
 #include "chat/chat_output.h"
 
-#include "chat/chat_execution.h"
 #include "chat/chat_text.h"
 #include "execution/task_host.h"
 #include "protocol/messages.h"
@@ -18,9 +17,9 @@ ChatOutput::ChatOutput(TaskHost& host, ChatSessions& sessions, Chat chat)
 
 ChatOutput::~ChatOutput()
 {
-    // The configuration holds the agent token: it lives only as long as the task.
-    if (m_chat.mcpConfigPath)
-        QFile::remove(*m_chat.mcpConfigPath);
+    // These hold the agent token: they live only as long as the task.
+    for (const QString& file : m_chat.tokenFiles)
+        QFile::remove(file);
 }
 
 void ChatOutput::standardOutput(const QString& text)
@@ -47,6 +46,20 @@ void ChatOutput::endOfOutput()
     // A last line without its newline still counts.
     if (m_parser)
         handleParseResult(m_parser->finish());
+}
+
+std::optional<QString> ChatOutput::retryCommand()
+{
+    // What the tool said on standard error decides; once only.
+    if (m_retried || !m_chat.retry || !m_chatBuffer.contains(m_chat.retry->whenToolSays))
+        return std::nullopt;
+    m_retried = true;
+    m_host.sendJSON(Messages::taskLog(m_chat.taskId, m_chat.retry->note));
+    m_chatBuffer.clear();
+    m_chatResultBuffer.clear();
+    if (m_chat.provider)
+        m_parser = std::make_unique<ChatJSONLineParser>(*m_chat.provider);
+    return m_chat.retry->shell;
 }
 
 void ChatOutput::exited(int status)

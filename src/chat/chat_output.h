@@ -1,9 +1,11 @@
 #pragma once
 
+#include "chat/chat_execution.h"
 #include "chat/chat_json_line_parser.h"
 #include "execution/process_runner.h"
 
 #include <QString>
+#include <QStringList>
 
 #include <memory>
 #include <optional>
@@ -15,8 +17,10 @@ class TaskHost;
 
 // What a chat task makes of the assistant's output: the event stream parsed into
 // "task.chat.chunk" messages and diagnostics, the Codex thread recorded, and at the end
-// "task.chat.final" (and the session marked established) or "task.chat.error". It owns
-// the chat's MCP configuration file, which goes when the task is cleaned up.
+// "task.chat.final" (and the session marked established) or "task.chat.error". When
+// the tool says it cannot go on with the conversation as asked, the chat runs once more
+// as its resolution planned. It owns the chat's files that hold the token, which go when
+// the task is cleaned up.
 class ChatOutput : public TaskOutputHandler {
 public:
     struct Chat {
@@ -27,7 +31,9 @@ public:
         QString projectPath;
         // The tool's event grammar; without one the output is sent as text.
         std::optional<ChatJSONProvider> provider;
-        std::optional<QString> mcpConfigPath;
+        // Files that hold the agent token (MCP configuration, token file).
+        QStringList tokenFiles;
+        std::optional<ChatRetry> retry;
     };
 
     ChatOutput(TaskHost& host, ChatSessions& sessions, Chat chat);
@@ -36,6 +42,7 @@ public:
     void standardOutput(const QString& text) override;
     void standardError(const QString& text) override;
     void endOfOutput() override;
+    std::optional<QString> retryCommand() override;
     void exited(int status) override;
 
 private:
@@ -49,6 +56,7 @@ private:
     QString m_chatBuffer;
     // The final texts the parser reported.
     QString m_chatResultBuffer;
+    bool m_retried = false;
 };
 
 } // namespace brinmoor

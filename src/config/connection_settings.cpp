@@ -43,6 +43,8 @@ ConnectionSettings ConnectionSettings::load(const SettingsStore& defaults, const
                              .toLongLong(&valid);
     if (valid && grace >= 0 && grace <= 30LL * 24 * 3600)
         settings.taskDisconnectGraceSec = grace;
+    settings.tlsCA = settingOrEnvironment(defaults, QStringLiteral("tlsCA"), env, QStringLiteral("BRINMOOR_TLS_CA"))
+                         .value_or(QString());
     return settings;
 }
 

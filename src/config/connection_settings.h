@@ -18,6 +18,10 @@ struct ConnectionSettings {
     QString token;
     // How long a task runs on while the agent has no connection, before it is stopped.
     qint64 taskDisconnectGraceSec = 600;
+    // A PEM file of certificate authorities to trust besides the system's ("tlsCA",
+    // BRINMOOR_TLS_CA): a server whose certificate comes from a private authority
+    // verifies like any other.
+    QString tlsCA;
 
     static ConnectionSettings load(const SettingsStore& defaults, const Environment& env);
 };

@@ -90,6 +90,8 @@ struct ProcessRunner::TaskOutput {
     // Only what the end of the task needs is kept: the success marker line when the
     // registration may be refreshed.
     std::optional<MarkedLineTracker> markedLines;
+    // The child is being stopped (cancelled, timed out, disconnected): its end is final.
+    bool stopping = false;
 };
 
 void sendOutput(TaskHost& host, const QString& taskId, const QString& text)
@@ -122,10 +124,14 @@ void ProcessRunner::runTask(const RunRequest& request)
 
     if (request.sendStarted)
         m_host.sendJSON(Messages::taskStarted(request.taskId));
+    launchCurrentTask(request.shell);
+}
 
-    const QString taskId = request.taskId;
+void ProcessRunner::launchCurrentTask(const QString& shell)
+{
+    const QString taskId = m_output->request.taskId;
     launchWhenToolReady(
-        request.shell, request.workingDir, [this](const QString& shell) { launchTask(shell); },
+        shell, m_output->request.workingDir, [this](const QString& fitted) { launchTask(fitted); },
         [this, taskId] {
             if (m_currentTaskId != taskId)
                 return;
@@ -229,6 +235,16 @@ void ProcessRunner::onExited(int status)
     const RunRequest request = m_output->request;
     if (request.output)
         request.output->endOfOutput();
+    diag(QStringLiteral("runTask process terminated taskId=") + logValue(request.taskId) +
+         QStringLiteral(" exitCode=") + QString::number(status));
+    if (m_currentTaskId == request.taskId && status != 0 && request.output && !m_output->stopping) {
+        if (const std::optional<QString> again = request.output->retryCommand()) {
+            diag(QStringLiteral("runTask retrying taskId=") + logValue(request.taskId));
+            releaseChild();
+            launchCurrentTask(*again);
+            return;
+        }
+    }
     if (m_currentTaskId == request.taskId) {
         if (request.output)
             request.output->exited(status);
@@ -245,8 +261,6 @@ void ProcessRunner::onExited(int status)
                 Messages::taskFailed(request.taskId, message, QStringLiteral("COMMAND_EXIT_NONZERO"), status));
         }
     }
-    diag(QStringLiteral("runTask process terminated taskId=") + logValue(request.taskId) +
-         QStringLiteral(" exitCode=") + QString::number(status));
     if (m_currentTaskId == request.taskId)
         cleanupFinishedTask();
 }
@@ -312,12 +326,14 @@ void ProcessRunner::stopRunningProcessIfAny(bool cancelled)
         diag(QStringLiteral("stopRunningProcessIfAny terminating taskId=") + logValue(taskId));
         m_child->terminateTree(kKillGraceMilliseconds);
     }
+    if (m_output)
+        m_output->stopping = true;
     // The task state stays until the child has exited; its end is reported then.
     if (cancelled)
         m_host.sendJSON(Messages::taskCancelled(taskId, 130));
 }
 
-void ProcessRunner::cleanupFinishedTask()
+void ProcessRunner::releaseChild()
 {
     if (m_timeLimit) {
         m_timeLimit->stop();
@@ -336,6 +352,11 @@ void ProcessRunner::cleanupFinishedTask()
             child->deleteLater();
         }
     }
+}
+
+void ProcessRunner::cleanupFinishedTask()
+{
+    releaseChild();
     m_output.reset();
     m_currentTaskId.reset();
     m_host.reportStatus(QStringLiteral("Ready: ") + m_host.agentId());

@@ -33,6 +33,10 @@ public:
     virtual void standardError(const QString& text) = 0;
     // The child exited and what was left in its pipes was delivered.
     virtual void endOfOutput() = 0;
+    // A child of a task that is still current ended with a non-zero status: a command to
+    // run in its place as the same task (the handler tells the task log why), or none to
+    // report the end.
+    virtual std::optional<QString> retryCommand() = 0;
     // The end of a task that is still current, before the runner reports it with
     // "task.finished" (status 0) or "task.failed".
     virtual void exited(int status) = 0;
@@ -106,7 +110,12 @@ private:
                              std::function<void(const QString&)> launch, std::function<void()> abandon);
     // Drops a pending launch, if any, and runs its `abandon`.
     void abandonPendingLaunch();
+    // Launches the current task's command once the installed tool is known; a stop
+    // before that ends the task.
+    void launchCurrentTask(const QString& shell);
     void launchTask(const QString& shell);
+    // Lets go of the task's child and time limit.
+    void releaseChild();
 
     void onStandardOutput(const QString& text);
     void onStandardError(const QString& text);

@@ -220,6 +220,15 @@ ToolAdaptation adaptCommand(const QString& shell, const ToolHelp& help)
                                     QStringLiteral(" does not accept --full-auto; using --sandbox workspace-write"));
             continue;
         }
+        if (help.tool == QLatin1String("claude") && word.text == QLatin1String("--include-partial-messages")) {
+            // Without it the answer comes a whole block at a time; with it such a claude
+            // would not start at all.
+            replacements.append({word.start, word.end + (word.end < shell.size() ? 1 : 0), QString()});
+            adaptation.notes.append(QStringLiteral("toolCompatibility ") + where +
+                                    QStringLiteral(" does not accept --include-partial-messages; the answer comes "
+                                                   "a block at a time"));
+            continue;
+        }
         adaptation.notes.append(QStringLiteral("toolCompatibility ") + where + QStringLiteral(" does not list ") +
                                 option + QStringLiteral("; the command keeps it"));
     }

@@ -67,8 +67,9 @@ bool mentions(const QString& helpText, const QString& option);
 
 // Checks every option of the command against the help of the scope it is given in.
 // "--full-auto", where codex no longer accepts it, becomes its successor
-// "--sandbox workspace-write"; any other option that the help does not name is left
-// as it is and noted.
+// "--sandbox workspace-write"; "--include-partial-messages", where claude does not
+// know it yet, is dropped; any other option that the help does not name is left as it
+// is and noted.
 ToolAdaptation adaptCommand(const QString& shell, const ToolHelp& help);
 
 // The executable a command's program word runs, links resolved: a path as it is

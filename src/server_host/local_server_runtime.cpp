@@ -107,7 +107,7 @@ bool LocalServerRuntime::isRunning() const
     return m_process && m_process->state() != QProcess::NotRunning;
 }
 
-int LocalServerRuntime::start(int port, const QString& token, Status status)
+int LocalServerRuntime::start(int port, const QString& token, Status status, const LocalServerSettings& server)
 {
     stop();
     const int chosen = resolveAvailablePort(port);
@@ -121,12 +121,19 @@ int LocalServerRuntime::start(int port, const QString& token, Status status)
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("BRINMOOR_SERVER_PORT"), QString::number(chosen));
     env.insert(QStringLiteral("BRINMOOR_SHARED_TOKEN"), token);
+    for (const auto& [name, value] : server.serverEnvironment()) {
+        if (value.isEmpty())
+            env.remove(name);
+        else
+            env.insert(name, value);
+    }
     process->setProcessEnvironment(env);
     process->setProcessChannelMode(QProcess::MergedChannels);
     process->setStandardInputFile(QProcess::nullDevice());
     // A group of its own, so that the reaper ends it should the agent die without a word.
     process->setChildProcessModifier([] { ::setpgid(0, 0); });
     m_decoder.reset();
+    m_partialLine.clear();
     connect(process, &QProcess::readyReadStandardOutput, this, &LocalServerRuntime::relay);
     connect(process, &QProcess::finished, this, [this, process, status](int exitCode, QProcess::ExitStatus exitStatus) {
         // The termination status: the exit status, or the number of the signal that ended it.
@@ -161,9 +168,15 @@ void LocalServerRuntime::relay()
     const std::optional<QString> text = m_decoder.decode(data.constData(), data.size());
     if (!text)
         return;
-    const QString trimmed = text->trimmed();
-    if (!trimmed.isEmpty())
-        printLine(QStringLiteral("[BrinmoorServer] ") + trimmed);
+    // One line for each of the server's, however its output was cut into reads.
+    m_partialLine += *text;
+    qsizetype end = 0;
+    while ((end = m_partialLine.indexOf(QLatin1Char('\n'))) >= 0) {
+        const QString line = m_partialLine.left(end).trimmed();
+        m_partialLine.remove(0, end + 1);
+        if (!line.isEmpty())
+            printLine(QStringLiteral("[BrinmoorServer] ") + line);
+    }
 }
 
 void LocalServerRuntime::stop()

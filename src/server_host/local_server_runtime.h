@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/utf8_stream_decoder.h"
+#include "config/local_server_settings.h"
 #include "config/machine.h"
 
 #include <QObject>
@@ -27,8 +28,9 @@ public:
     ~LocalServerRuntime() override;
 
     // Starts the server (after stopping an earlier one) and returns the port it was given,
-    // or the one asked for when nothing could be started.
-    int start(int port, const QString& token, Status status);
+    // or the one asked for when nothing could be started. `server` says what it is told
+    // besides port and token (TLS, public URL, trusted proxies).
+    int start(int port, const QString& token, Status status, const LocalServerSettings& server = {});
     // Ends the server.
     void stop();
     bool isRunning() const;
@@ -49,6 +51,7 @@ private:
 
     QPointer<QProcess> m_process;
     Utf8StreamDecoder m_decoder;
+    QString m_partialLine; // the server's output after its last line feed
 };
 
 } // namespace brinmoor

@@ -4,6 +4,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFileInfo>
 #include <QJsonObject>
 #include <QProcess>
 #include <QRegularExpression>
@@ -50,6 +51,38 @@ QList<qint64> markedProcesses(const QString& marker)
         cmdline.replace('\0', ' ');
         if (cmdline.contains(marker.toUtf8()))
             found.append(pid);
+    }
+    return found;
+}
+
+// The processes below `root`: its children, their children, and so on.
+QList<qint64> descendants(qint64 root)
+{
+    QList<qint64> found;
+    QList<qint64> parents{root};
+    while (!parents.isEmpty()) {
+        const QList<qint64> children = childProcesses(parents.takeFirst());
+        found += children;
+        parents += children;
+    }
+    return found;
+}
+
+// The processes under the agent whose command line or environment holds the text, but
+// for the agent's own reaper (a fork of the agent) and the approval tool, which is handed
+// the token on purpose.
+QStringList holders(qint64 agent, const QByteArray& text)
+{
+    QStringList found;
+    const QString agentExe = QFileInfo(QStringLiteral("/proc/%1/exe").arg(agent)).symLinkTarget();
+    for (const qint64 pid : descendants(agent)) {
+        const QString exe = QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget();
+        if (exe == agentExe || exe.endsWith(QLatin1String("/MCPApprovalServer")))
+            continue;
+        QByteArray cmdline = readFile(QStringLiteral("/proc/%1/cmdline").arg(pid));
+        const QByteArray environ = readFile(QStringLiteral("/proc/%1/environ").arg(pid));
+        if (cmdline.contains(text) || environ.contains(text))
+            found.append(QString::fromUtf8(cmdline.replace('\0', ' ')));
     }
     return found;
 }
@@ -119,17 +152,26 @@ private Q_SLOTS:
         QVERIFY(server.listen());
         QTemporaryDir fake;
         QTemporaryDir tmp;
-        // What the fake `claude` prints: an init line, the answer growing in two
-        // cumulative assistant events, and the result.
-        test::writeFile(fake.path() + QStringLiteral("/claude.stream"),
-                        R"({"type":"system","subtype":"init","session_id":"s1"})"
-                        "\n"
-                        R"({"type":"assistant","message":{"content":[{"type":"text","text":"Two"}]}})"
-                        "\n"
-                        R"({"type":"assistant","message":{"content":[{"type":"text","text":"Two files."}]}})"
-                        "\n"
-                        R"({"type":"result","subtype":"success","is_error":false,"result":"Two files."})"
-                        "\n");
+        // What the fake `claude` prints: an init line, the answer as the model writes it
+        // (two text deltas), the assembled message, and the result.
+        test::writeFile(
+            fake.path() + QStringLiteral("/claude.stream"),
+            R"({"type":"system","subtype":"init","session_id":"s1"})"
+            "\n"
+            R"({"type":"stream_event","event":{"type":"message_start","message":{"id":"msg_1","content":[]}}})"
+            "\n"
+            R"({"type":"stream_event","event":{"type":"content_block_start","index":0,"content_block":{"type":"text","text":""}}})"
+            "\n"
+            R"({"type":"stream_event","event":{"type":"content_block_delta","index":0,"delta":{"type":"text_delta","text":"Two"}}})"
+            "\n"
+            R"({"type":"stream_event","event":{"type":"content_block_delta","index":0,"delta":{"type":"text_delta","text":" files."}}})"
+            "\n"
+            R"({"type":"assistant","message":{"id":"msg_1","content":[{"type":"text","text":"Two files."}]}})"
+            "\n"
+            R"({"type":"stream_event","event":{"type":"content_block_stop","index":0}})"
+            "\n"
+            R"({"type":"result","subtype":"success","is_error":false,"result":"Two files."})"
+            "\n");
         AgentProcess agent;
         QDir().mkpath(agent.repo.path() + QStringLiteral("/App"));
         QProcessEnvironment extra;
@@ -171,6 +213,69 @@ private Q_SLOTS:
         ::kill(static_cast<pid_t>(agent.process.processId()), SIGTERM);
         QVERIFY(agent.process.waitForFinished(10000));
         QCOMPARE(agent.process.exitCode(), 0);
+    }
+
+    void noChildOfTheAgentSeesTheToken()
+    {
+        LoopbackServer server;
+        QVERIFY(server.listen());
+        QTemporaryDir fake;
+        QTemporaryDir tmp;
+        AgentProcess agent;
+        agent.token = QStringLiteral("relay-secret-5f0c1d2e");
+        const QByteArray token = agent.token.toUtf8();
+        QDir().mkpath(agent.repo.path() + QStringLiteral("/App"));
+        const QString gate = fake.path() + QStringLiteral("/go");
+        // Both assistants wait until the test has looked at them.
+        for (const QString& tool : {QStringLiteral("claude"), QStringLiteral("codex")}) {
+            test::writeFile(fake.path() + QLatin1Char('/') + tool + QStringLiteral(".script"),
+                            "until [[ -e " + gate.toUtf8() + " ]]; do sleep 0.05; done\n");
+        }
+        QProcessEnvironment extra;
+        extra.insert(QStringLiteral("PATH"), fakeToolsDir() + QLatin1Char(':') + qEnvironmentVariable("PATH"));
+        extra.insert(QStringLiteral("BRINMOOR_FAKE_DIR"), fake.path());
+        extra.insert(QStringLiteral("TMPDIR"), tmp.path());
+        agent.start(server.serverURL(), extra);
+        QVERIFY(server.waitForType(QStringLiteral("agent.register")));
+        const qint64 pid = agent.process.processId();
+        // The agent itself holds the token; its reaper, a fork of it, too.
+        QVERIFY(readFile(QStringLiteral("/proc/%1/environ").arg(pid)).contains(token));
+
+        // A shell task.
+        server.send(shellTask(QStringLiteral("t"), QStringLiteral("echo started; sleep 300")));
+        QVERIFY(server.waitFor([](const QJsonObject& m) { return m.value("line").toString() == "started"; }));
+        QCOMPARE(holders(pid, token), QStringList());
+        server.send({{QStringLiteral("type"), QStringLiteral("task.cancel")}, {QStringLiteral("taskId"), "t"}});
+        QVERIFY(server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("t")));
+
+        // A terminal.
+        server.send(
+            {{QStringLiteral("type"), QStringLiteral("terminal.open")},
+             {QStringLiteral("payload"), QJsonObject{{QStringLiteral("sessionId"), QStringLiteral("s")},
+                                                     {QStringLiteral("projectPath"), QStringLiteral("App")},
+                                                     {QStringLiteral("mode"), QStringLiteral("interactive")}}}});
+        QVERIFY(server.waitForType(QStringLiteral("terminal.opened")));
+        QVERIFY(waitUntil([&] { return descendants(pid).size() >= 2; }));
+        QCOMPARE(holders(pid, token), QStringList());
+
+        // Chats with both assistants, asking the phone through the approval tool.
+        for (const QString& system : {QStringLiteral("claude"), QStringLiteral("codex")}) {
+            const QString taskId = QStringLiteral("chat-") + system;
+            server.send({{QStringLiteral("type"), QStringLiteral("task.assign")},
+                         {QStringLiteral("taskId"), taskId},
+                         {QStringLiteral("payload"),
+                          QJsonObject{{QStringLiteral("action"), QStringLiteral("chat")},
+                                      {QStringLiteral("system"), system},
+                                      {QStringLiteral("projectPath"), QStringLiteral("App")},
+                                      {QStringLiteral("prompt"), QStringLiteral("Hi")},
+                                      {QStringLiteral("approvalMode"), QStringLiteral("on_request")}}}});
+            QVERIFY(waitUntil([&] { return QFile::exists(fake.path() + QLatin1Char('/') + system + ".1.args"); }));
+            QCOMPARE(holders(pid, token), QStringList());
+            test::writeFile(gate);
+            QVERIFY(server.waitForTask(QStringLiteral("task.finished"), taskId));
+            QFile::remove(gate);
+        }
+        QVERIFY(agent.stop());
     }
 
     void nothingOutlivesAnAgentKilledWithSigkill()

@@ -101,6 +101,57 @@ private Q_SLOTS:
                  QStringLiteral("Server URL: http://127.0.0.1:8080\nAgent ID: box\nToken: "));
     }
 
+    void phonesAreGivenThePublicURLOrHttpsWithACertificate()
+    {
+        MemorySettingsStore settings;
+        settings.setValue(QStringLiteral("serverPort"), 8080);
+        settings.setValue(QStringLiteral("token"), QStringLiteral("tok"));
+        LocalServerSettings server;
+        server.publicURL = QStringLiteral("https://mymac.tailnet.ts.net:8443/");
+        // The public URL needs no LAN address.
+        const std::optional<PairingPayload> payload =
+            Pairing::currentPairingPayload(settings, QStringLiteral("Box"), std::nullopt, server);
+        QVERIFY(payload);
+        QCOMPARE(payload->serverURL, QStringLiteral("https://mymac.tailnet.ts.net:8443"));
+        QCOMPARE(Pairing::pairingTooltip(settings, QStringLiteral("Box"), QStringLiteral("10.0.0.2"), server),
+                 QStringLiteral("Server URL: https://mymac.tailnet.ts.net:8443\nAgent ID: box\nToken: tok"));
+
+        LocalServerSettings tls;
+        tls.tlsCertificate = QStringLiteral("/etc/brinmoor/cert.pem");
+        tls.tlsKey = QStringLiteral("/etc/brinmoor/key.pem");
+        QCOMPARE(Pairing::serverURLForPhones(settings, tls, QStringLiteral("10.0.0.2")),
+                 std::optional<QString>(QStringLiteral("https://10.0.0.2:8080")));
+        QCOMPARE(Pairing::serverURLForPhones(settings, tls, std::nullopt), std::nullopt);
+        QCOMPARE(Pairing::pairingTooltip(settings, QStringLiteral("Box"), std::nullopt, tls),
+                 QStringLiteral("Server URL: https://127.0.0.1:8080\nAgent ID: box\nToken: tok"));
+        settings.setValue(QStringLiteral("token"), QString());
+        QCOMPARE(Pairing::currentPairingPayload(settings, QStringLiteral("Box"), std::nullopt, server), std::nullopt);
+        QCOMPARE(Pairing::pairingTooltip(settings, QStringLiteral("Box"), std::nullopt, server),
+                 QStringLiteral("Server URL: https://mymac.tailnet.ts.net:8443\nAgent ID: box\nToken: "));
+    }
+
+    void webClientLinkCarriesTheTokenInItsFragment()
+    {
+        MemorySettingsStore settings;
+        settings.setValue(QStringLiteral("serverPort"), 8080);
+        settings.setValue(QStringLiteral("token"), QStringLiteral("tok"));
+        QCOMPARE(Pairing::webClientURL(settings, QStringLiteral("10.0.0.2")),
+                 QStringLiteral("http://10.0.0.2:8080/#token=tok"));
+        QCOMPARE(Pairing::webClientURL(settings, std::nullopt), QStringLiteral("http://127.0.0.1:8080/#token=tok"));
+        settings.setValue(QStringLiteral("token"), QStringLiteral("a b&c#d"));
+        QCOMPARE(Pairing::webClientURL(settings, std::nullopt),
+                 QStringLiteral("http://127.0.0.1:8080/#token=a%20b%26c%23d"));
+        // The link starts as the server URL phones are given.
+        LocalServerSettings server;
+        server.publicURL = QStringLiteral("https://mymac.tailnet.ts.net:8443");
+        QCOMPARE(Pairing::webClientURL(settings, std::nullopt, server),
+                 QStringLiteral("https://mymac.tailnet.ts.net:8443/#token=a%20b%26c%23d"));
+        server = LocalServerSettings{};
+        server.tlsCertificate = QStringLiteral("/etc/brinmoor/cert.pem");
+        QCOMPARE(Pairing::webClientURL(settings, QStringLiteral("10.0.0.2"), server),
+                 QStringLiteral("https://10.0.0.2:8080/#token=a%20b%26c%23d"));
+    }
+
     void qrCodeDrawnWithHalfBlocks()
     {
         const std::vector<std::vector<bool>> modules = Pairing::qrModules("{\"name\":\"x\"}");
@@ -129,6 +180,13 @@ private Q_SLOTS:
         QCOMPARE(controller.networkTitle(), QStringLiteral("LAN: Unavailable"));
         controller.lanAddress = [] { return std::optional<QString>(QStringLiteral("10.1.2.3")); };
         QCOMPARE(controller.networkTitle(), QStringLiteral("LAN: http://10.1.2.3:8080 \u2022 mini"));
+        // A public URL is what phones use, with or without a LAN address.
+        settings.setValue(QStringLiteral("publicURL"), QStringLiteral("https://mini.tailnet.ts.net"));
+        QCOMPARE(controller.networkTitle(), QStringLiteral("LAN: https://mini.tailnet.ts.net \u2022 mini"));
+        controller.lanAddress = [] { return std::optional<QString>(); };
+        QCOMPARE(controller.networkTitle(), QStringLiteral("LAN: https://mini.tailnet.ts.net \u2022 mini"));
+        QCOMPARE(controller.pairingTooltip(),
+                 QStringLiteral("Server URL: https://mini.tailnet.ts.net\nAgent ID: mini\nToken: tok"));
         QCOMPARE(controller.statusTitle(), QStringLiteral("Server: Starting"));
         QCOMPARE(controller.detailsTitle(), QStringLiteral("Agent: Starting"));
     }

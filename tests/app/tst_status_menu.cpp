@@ -71,6 +71,7 @@ private Q_SLOTS:
                               QStringLiteral("Clear New Project Folder [disabled]"),
                               QStringLiteral("---"),
                               QStringLiteral("Show Pairing Code…"),
+                              QStringLiteral("Open Web Client"),
                               QStringLiteral("Refresh Connection"),
                               QStringLiteral("Open at Login"),
                               QStringLiteral("---"),
@@ -107,6 +108,15 @@ private Q_SLOTS:
         // Choosing the project in the submenu removes it.
         menu.menu()->actions().at(4)->menu()->actions().first()->trigger();
         QCOMPARE(setup->controller->configuredProjects(), QStringList());
+
+        // The desktop's browser gets the loopback link with the token, even with a LAN address.
+        QList<QUrl> opened;
+        menu.openURL = [&](const QUrl& url) {
+            opened.append(url);
+            return true;
+        };
+        trigger(QStringLiteral("Open Web Client"));
+        QCOMPARE(opened, (QList<QUrl>{QUrl(QStringLiteral("http://127.0.0.1:8080/#token=tok"))}));
 
         trigger(QStringLiteral("Open at Login"));
         QVERIFY(StatusMenu::describe(*menu.menu()).contains(QStringLiteral("Open at Login [checked]")));
@@ -193,9 +203,9 @@ private Q_SLOTS:
     {
         const PairingPayload payload{QStringLiteral("Mini"), QStringLiteral("http://10.1.2.3:8080"),
                                      QStringLiteral("mini"), QStringLiteral("0123456789abcdef0123456789abcdef")};
-        PairingPanel panel(payload, QStringLiteral("Server URL: x"));
+        PairingPanel panel(payload, QStringLiteral("Server URL: x"), QStringLiteral("http://10.1.2.3:8080/#token=t"));
         QCOMPARE(panel.windowTitle(), QStringLiteral("Wexlin Pairing"));
-        QCOMPARE(panel.size(), QSize(420, 520));
+        QCOMPARE(panel.size(), QSize(660, 520));
         QCOMPARE(panel.heading()->text(), QStringLiteral("Pair Wexlin"));
         QCOMPARE(panel.heading()->geometry(), QRect(24, 22, 360, 28));
         QCOMPARE(panel.instructions()->text(),
@@ -205,6 +215,27 @@ private Q_SLOTS:
         QCOMPARE(panel.code()->geometry(), QRect(110, 140, 200, 200));
         QCOMPARE(panel.details()->geometry(), QRect(24, 356, 372, 140));
         QCOMPARE(static_cast<QPlainTextEdit*>(panel.details())->toPlainText(), QStringLiteral("Server URL: x"));
+        QCOMPARE(panel.webHeading()->text(), QStringLiteral("Brinmoor Web"));
+        QCOMPARE(panel.webHeading()->geometry(), QRect(436, 108, 200, 24));
+        QVERIFY(panel.webCode());
+        QCOMPARE(panel.webCode()->geometry(), QRect(436, 140, 200, 200));
+        QCOMPARE(panel.webCaption()->text(),
+                 QStringLiteral("Or scan this with any phone's camera to use Brinmoor in its browser."));
+        QCOMPARE(panel.webCaption()->geometry(), QRect(436, 348, 200, 48));
+    }
+
+    void webCodeDecodesToTheLink()
+    {
+        const QString zbarimg = QStandardPaths::findExecutable(QStringLiteral("zbarimg"));
+        if (zbarimg.isEmpty())
+            QSKIP("zbarimg is not installed (scripts/setup installs zbar-tools)");
+        PairingPanel panel(std::nullopt, QString(), QStringLiteral("http://10.1.2.3:8080/#token=abc"));
+        const QString file = m_dir.path() + QStringLiteral("/web.png");
+        QVERIFY(panel.webCode()->pixmap().save(file));
+        QProcess zbar;
+        zbar.start(zbarimg, {QStringLiteral("--raw"), QStringLiteral("-q"), file});
+        QVERIFY(zbar.waitForFinished(10000));
+        QCOMPARE(zbar.readAllStandardOutput().trimmed(), QByteArray("http://10.1.2.3:8080/#token=abc"));
     }
 
     void qrImageDecodesToThePayload()
@@ -230,7 +261,7 @@ private Q_SLOTS:
 
     void pairingPanelWithoutAPayload()
     {
-        PairingPanel panel(std::nullopt, QStringLiteral("Token: "));
+        PairingPanel panel(std::nullopt, QStringLiteral("Token: "), QStringLiteral("http://127.0.0.1:8080/#token="));
         QCOMPARE(panel.instructions()->text(),
                  QStringLiteral(
                      "LAN IP was not detected. Use the connection details below and enter them manually on iPhone."));
@@ -243,8 +274,8 @@ private Q_SLOTS:
     void openingThePairingCodeTwiceLeavesOnePanel()
     {
         PairingPanelHost host;
-        host.show(std::nullopt, QStringLiteral("first"));
-        host.show(std::nullopt, QStringLiteral("second"));
+        host.show(std::nullopt, QStringLiteral("first"), QString());
+        host.show(std::nullopt, QStringLiteral("second"), QString());
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         int open = 0;
         for (QWidget* widget : QApplication::topLevelWidgets()) {

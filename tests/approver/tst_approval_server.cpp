@@ -8,6 +8,7 @@
 #include <QProcess>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include <memory>
@@ -31,7 +32,7 @@ struct Approver {
     {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         for (const QString& name : {QStringLiteral("BRINMOOR_SERVER_URL"), QStringLiteral("BRINMOOR_TOKEN"),
-                                    QStringLiteral("BRINMOOR_TASK_ID")})
+                                    QStringLiteral("BRINMOOR_TOKEN_FILE"), QStringLiteral("BRINMOOR_TASK_ID")})
             environment.remove(name);
         const QProcessEnvironment extra = brinmoor::test::environment(env);
         for (const QString& key : extra.keys())
@@ -182,6 +183,11 @@ private Q_SLOTS:
             << QStringList{url, QStringLiteral("BRINMOOR_TASK_ID=x")}
             << QStringLiteral(
                    "{\"behavior\":\"deny\",\"message\":\"approval unavailable: BRINMOOR_TOKEN is not set\"}");
+        QTest::newRow("unreadable token file")
+            << QStringList{url, QStringLiteral("BRINMOOR_TOKEN_FILE=/nonexistent/token"),
+                           QStringLiteral("BRINMOOR_TASK_ID=x")}
+            << QStringLiteral("{\"behavior\":\"deny\",\"message\":\"approval unavailable: cannot read "
+                              "BRINMOOR_TOKEN_FILE /nonexistent/token: No such file or directory\"}");
         QTest::newRow("no task")
             << QStringList{url, QStringLiteral("BRINMOOR_TOKEN=t")}
             << QStringLiteral(
@@ -232,8 +238,11 @@ private Q_SLOTS:
         const auto created = phone.waitForType(QStringLiteral("task.created"));
         QVERIFY(created);
         const QString taskId = created->value(QStringLiteral("taskId")).toString();
+        // The token comes in an owner-only file, as the agent hands it to codex's tool.
+        QTemporaryDir folder;
+        const QString tokenFile = writeFile(folder.path() + QStringLiteral("/token"), relay.token.toUtf8() + '\n');
         const QStringList env{QStringLiteral("BRINMOOR_SERVER_URL=") + relay.url() + QLatin1Char('/'),
-                              QStringLiteral("BRINMOOR_TOKEN=") + relay.token,
+                              QStringLiteral("BRINMOOR_TOKEN_FILE=") + tokenFile,
                               QStringLiteral("BRINMOOR_TASK_ID=") + taskId};
         Approver approver(env);
 

@@ -1,6 +1,7 @@
 #include "base/agent_error.h"
 #include "base/diag.h"
 #include "chat/chat_execution.h"
+#include "chat/claude_session_store.h"
 #include "config/agent_profile.h"
 #include "config/connection_settings.h"
 #include "config/settings_store.h"
@@ -24,15 +25,26 @@ class TstChatExecution : public QObject {
 
     QTemporaryDir m_repo;
     QTemporaryDir m_tmp;
+    QTemporaryDir m_claude; // claude's configuration folder, with its sessions
     AgentProfile m_profile;
     ConnectionSettings m_connection;
     QString m_approver;
 
     ChatResolution resolve(const ChatSessions& sessions, const QString& system, const QString& project,
-                           const QString& prompt, const QString& conversation, const QString& approval)
+                           const QString& prompt, const QString& conversation, const QString& approval,
+                           const QString& claudeConfig = QStringLiteral("<m_claude>"))
     {
         return resolveChatExecution(m_profile, m_connection, sessions, system, project, prompt,
-                                    QStringLiteral("task-1"), conversation, approval, m_tmp.path());
+                                    QStringLiteral("task-1"), conversation, approval, m_tmp.path(),
+                                    claudeConfig == QLatin1String("<m_claude>") ? m_claude.path() : claudeConfig);
+    }
+
+    // A session as claude leaves it in its store for a project folder.
+    void claudeHasSession(const QString& project, const QString& session)
+    {
+        test::writeFile(m_claude.path() + QStringLiteral("/projects/") +
+                        ClaudeSessionStore::projectFolderName(m_repo.path() + QLatin1Char('/') + project) +
+                        QLatin1Char('/') + session + QStringLiteral(".jsonl"));
     }
 
     QString scoped(const QString& project, const QString& prompt) const
@@ -51,7 +63,9 @@ private Q_SLOTS:
         m_profile = AgentProfile::load(empty, {}, Machine{});
         m_profile.repoRoot = m_repo.path();
         m_profile.mcpApproverPath = m_approver;
-        m_connection = {QStringLiteral("http://127.0.0.1:8080"), QStringLiteral("agent"), QStringLiteral("tok\"en\\")};
+        m_connection.serverURL = QStringLiteral("http://127.0.0.1:8080");
+        m_connection.agentId = QStringLiteral("agent");
+        m_connection.token = QStringLiteral("tok\"en\\");
     }
 
     void workspaceScopedPromptText()
@@ -89,12 +103,26 @@ private Q_SLOTS:
 
     void codexOverridesEscapeValues()
     {
-        QCOMPARE(codexMCPConfigOverrides(QStringLiteral("t1"), QStringLiteral("/a b/it's"), m_connection),
+        QCOMPARE(codexMCPConfigOverrides(QStringLiteral("t1"), QStringLiteral("/a b/it's"), m_connection,
+                                         QStringLiteral("/tmp/brinmoor-token-\"t1\\")),
                  QStringLiteral(" -c 'mcp_servers.approver.command=\"/a b/it'\"'\"'s\"'"
                                 " -c 'mcp_servers.approver.args=[]'"
                                 " -c 'mcp_servers.approver.env.BRINMOOR_SERVER_URL=\"http://127.0.0.1:8080\"'"
                                 " -c 'mcp_servers.approver.env.BRINMOOR_TASK_ID=\"t1\"'"
-                                " -c 'mcp_servers.approver.env.BRINMOOR_TOKEN=\"tok\\\"en\\\\\"'"));
+                                " -c 'mcp_servers.approver.env.BRINMOOR_TOKEN_FILE=\"/tmp/brinmoor-token-\\\"t1\\\\\"'"
+                                " -c 'mcp_servers.approver.tools.request_permission.approval_mode=\"approve\"'"));
+        // The token itself never stands on the command line.
+        QVERIFY(!codexMCPConfigOverrides(QStringLiteral("t1"), m_approver, m_connection, QStringLiteral("/f"))
+                     .contains(m_connection.token));
+    }
+
+    void tokenFileIsOwnerOnly()
+    {
+        const QString path = writeTokenFile(QStringLiteral("t/9"), m_connection, m_tmp.path());
+        QCOMPARE(path, m_tmp.path() + QStringLiteral("/brinmoor-token-t_9"));
+        QCOMPARE(test::fileMode(path), 0600);
+        QCOMPARE(test::readFile(path), m_connection.token.toUtf8() + '\n');
+        QFile::remove(path);
     }
 
     void mcpConfigIsOwnerOnlyJson()
@@ -176,8 +204,15 @@ private Q_SLOTS:
                  QStringLiteral(
                      "claude --session-id 'fe4eaed6-11ff-55fd-9527-298e55a32c58' -p --verbose --permission-prompt-tool "
                      "mcp__approver__request_permission --mcp-config ") +
-                     shellQuote(*r.mcpConfigPath) + QStringLiteral(" --output-format stream-json ") +
+                     shellQuote(*r.mcpConfigPath) +
+                     QStringLiteral(" --output-format stream-json --include-partial-messages ") +
                      scoped(QStringLiteral("App"), QStringLiteral("it's")));
+        // Should claude say the session exists after all, the same command continues it.
+        QVERIFY(r.retry);
+        QCOMPARE(r.retry->shell, QString(r.shell).replace(QStringLiteral("--session-id"), QStringLiteral("--resume")));
+        QCOMPARE(r.retry->whenToolSays, QStringLiteral("is already in use"));
+        QCOMPARE(r.retry->note,
+                 QStringLiteral("[claude.retry] the session exists already; continuing it with --resume"));
         QCOMPARE(
             log.texts(),
             (QStringList{QStringLiteral("resolveChatExecution using Claude MCP approval approverPath=") + m_approver,
@@ -188,19 +223,29 @@ private Q_SLOTS:
 
     void secondClaudeMessageResumesOnlyInTheSameProject()
     {
+        // claude's store has the session: whatever the bookkeeping says, it goes on.
         ChatSessions sessions;
-        sessions.markChatSessionEstablished(QStringLiteral("App::c1"));
+        claudeHasSession(QStringLiteral("App"), QStringLiteral("fe4eaed6-11ff-55fd-9527-298e55a32c58"));
         const ChatResolution same = resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"),
                                             QStringLiteral("again"), QStringLiteral("c1"), QStringLiteral("none"));
         QVERIFY2(same.shell.startsWith(QStringLiteral(
                      "claude --resume 'fe4eaed6-11ff-55fd-9527-298e55a32c58' --dangerously-skip-permissions")),
                  qPrintable(same.shell));
+        QVERIFY(!same.retry);
+        // The same conversation in another project is another session.
+        sessions.markChatSessionEstablished(QStringLiteral("Other::c1"));
         const ChatResolution other = resolve(sessions, QStringLiteral("claude"), QStringLiteral("Other"),
                                              QStringLiteral("again"), QStringLiteral("c1"), QStringLiteral("none"));
         QVERIFY2(other.shell.startsWith(QStringLiteral(
                      "claude --session-id '59d0ca79-3fd8-548b-87a8-32ccea5d1fca' --dangerously-skip-permissions")),
                  qPrintable(other.shell));
         QVERIFY(!other.mcpConfigPath);
+        // Without a store to look at, the bookkeeping decides.
+        const ChatResolution remembered =
+            resolve(sessions, QStringLiteral("claude"), QStringLiteral("Other"), QStringLiteral("again"),
+                    QStringLiteral("c1"), QStringLiteral("none"), QString());
+        QVERIFY2(remembered.shell.startsWith(QStringLiteral("claude --resume '59d0ca79-3fd8-548b-87a8-32ccea5d1fca' ")),
+                 qPrintable(remembered.shell));
     }
 
     void aConversationIdThatIsAUUIDIsTheSessionIdItself()
@@ -211,11 +256,50 @@ private Q_SLOTS:
                                              QStringLiteral("hi"), upper, QStringLiteral("none"));
         QVERIFY2(first.shell.startsWith(QStringLiteral("claude --session-id '6F9619FF-8B86-D011-B42D-00C04FC964FF' ")),
                  qPrintable(first.shell));
-        sessions.markChatSessionEstablished(QStringLiteral("App::") + upper);
+        claudeHasSession(QStringLiteral("App"), upper);
         const ChatResolution second = resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"),
                                               QStringLiteral("hi"), upper, QStringLiteral("none"));
         QVERIFY2(second.shell.startsWith(QStringLiteral("claude --resume '6F9619FF-8B86-D011-B42D-00C04FC964FF' ")),
                  qPrintable(second.shell));
+    }
+
+    void claudeStoreFolderNames_data()
+    {
+        QTest::addColumn<QString>("workingDir");
+        QTest::addColumn<QString>("folder");
+        QTest::newRow("plain") << QStringLiteral("/tmp/brinmoor-rec/claude-500/App")
+                               << QStringLiteral("-tmp-brinmoor-rec-claude-500-App");
+        QTest::newRow("dots, blanks and more") << QStringLiteral("/tmp/a.b_c d+é") << QStringLiteral("-tmp-a-b-c-d--");
+        // As claude 2.1.330 named the folder of this 250-character path.
+        const QString longPath = QStringLiteral("/tmp/research/run-claude-text/") + QString(220, QLatin1Char('x'));
+        QTest::newRow("long") << longPath
+                              << QStringLiteral("-tmp-research-run-claude-text-") + QString(170, QLatin1Char('x')) +
+                                     QStringLiteral("-f4rxeq");
+    }
+
+    void claudeStoreFolderNames()
+    {
+        QFETCH(QString, workingDir);
+        QFETCH(QString, folder);
+        QCOMPARE(ClaudeSessionStore::projectFolderName(workingDir), folder);
+    }
+
+    void claudeStoreFolderFollowsTheEnvironment()
+    {
+        QCOMPARE(ClaudeSessionStore::configDirectory({{QStringLiteral("CLAUDE_CONFIG_DIR"), QStringLiteral("/c")}},
+                                                     QStringLiteral("/home/u")),
+                 QStringLiteral("/c"));
+        QCOMPARE(ClaudeSessionStore::configDirectory({}, QStringLiteral("/home/u")), QStringLiteral("/home/u/.claude"));
+        QCOMPARE(ClaudeSessionStore::configDirectory({}, QString()), QString());
+        // A working folder reached through a link is found where claude sees it.
+        const QString link = m_tmp.path() + QStringLiteral("/linked-repo");
+        QVERIFY(QFile::link(m_repo.path(), link));
+        QVERIFY(!ClaudeSessionStore::hasSession(m_claude.path(), link + QStringLiteral("/App"), QStringLiteral("s1")));
+        claudeHasSession(QStringLiteral("App"), QStringLiteral("s1"));
+        QVERIFY(ClaudeSessionStore::hasSession(m_claude.path(), link + QStringLiteral("/App"), QStringLiteral("s1")));
+        QVERIFY(
+            !ClaudeSessionStore::hasSession(m_claude.path(), link + QStringLiteral("/Other"), QStringLiteral("s1")));
+        QFile::remove(link);
     }
 
     void onlyTheCanonicalUUIDFormIsASessionId_data()
@@ -251,9 +335,10 @@ private Q_SLOTS:
         DiagRecorder log;
         const ChatResolution r = resolve(sessions, QStringLiteral("claude"), QStringLiteral("App"),
                                          QStringLiteral("hi"), QString(), QStringLiteral("on_request"));
-        QCOMPARE(r.shell,
-                 QStringLiteral("claude --dangerously-skip-permissions -p --verbose --output-format stream-json ") +
-                     scoped(QStringLiteral("App"), QStringLiteral("hi")));
+        QCOMPARE(r.shell, QStringLiteral("claude --dangerously-skip-permissions -p --verbose --output-format "
+                                         "stream-json --include-partial-messages ") +
+                              scoped(QStringLiteral("App"), QStringLiteral("hi")));
+        QVERIFY(!r.retry);
         QCOMPARE(log.texts().first(), QStringLiteral("resolveChatExecution MCPApprovalServer not found at ") +
                                           m_profile.mcpApproverPath +
                                           QStringLiteral(", falling back to Claude --dangerously-skip-permissions"));
@@ -283,6 +368,8 @@ private Q_SLOTS:
         const ChatResolution codex = resolve(sessions, QStringLiteral("codex"), QStringLiteral("App"),
                                              QStringLiteral("hi"), QString(), QStringLiteral("never"));
         QVERIFY(!codex.shell.contains(QStringLiteral("--full-auto")));
+        QVERIFY(codex.tokenFilePath);
+        QFile::remove(*codex.tokenFilePath);
         QCOMPARE(
             log.texts().filter(QStringLiteral("using")),
             (QStringList{QStringLiteral("resolveChatExecution using Claude MCP approval approverPath=") + m_approver,
@@ -309,10 +396,16 @@ private Q_SLOTS:
         QCOMPARE(r.shell,
                  QStringLiteral("codex exec --json --skip-git-repo-check --color never ") +
                      shellQuote(systemPolicy + workspaceScopedPrompt(QStringLiteral("App"), QStringLiteral("go"))) +
-                     codexMCPConfigOverrides(QStringLiteral("task-1"), m_approver, m_connection));
+                     codexMCPConfigOverrides(QStringLiteral("task-1"), m_approver, m_connection,
+                                             m_tmp.path() + QStringLiteral("/brinmoor-token-task-1")) +
+                     QStringLiteral(" -c 'sandbox_mode=\"workspace-write\"'"));
         QCOMPARE(log.texts().first(),
                  QStringLiteral("resolveChatExecution using Codex MCP approval approverPath=") + m_approver);
         QVERIFY(!r.mcpConfigPath);
+        QCOMPARE(r.tokenFilePath, std::optional<QString>(m_tmp.path() + QStringLiteral("/brinmoor-token-task-1")));
+        QCOMPARE(test::fileMode(*r.tokenFilePath), 0600);
+        QVERIFY(!r.shell.contains(m_connection.token));
+        QFile::remove(*r.tokenFilePath);
     }
 
     void codexResumesTheRecordedThread()
@@ -327,6 +420,18 @@ private Q_SLOTS:
                                               QStringLiteral("go"), QStringLiteral("c"), QStringLiteral("none"));
         QCOMPARE(native.shell, QStringLiteral("codex exec resume --json --skip-git-repo-check 'th-9' ") +
                                    scoped(QStringLiteral("App"), QStringLiteral("go")));
+        // Should codex have lost the thread, the conversation goes on in a new one.
+        const ChatResolution fresh = resolve(ChatSessions(), QStringLiteral("codex"), QStringLiteral("App"),
+                                             QStringLiteral("go"), QStringLiteral("c"), QStringLiteral("none"));
+        QVERIFY(!fresh.retry);
+        QVERIFY(native.retry);
+        QCOMPARE(native.retry->shell, fresh.shell);
+        QCOMPARE(native.retry->whenToolSays, QStringLiteral("no rollout found"));
+        QCOMPARE(native.retry->note, QStringLiteral("[codex.retry] the thread is gone; starting a new one"));
+        QVERIFY(gated.retry);
+        QCOMPARE(gated.retry->shell, resolve(ChatSessions(), QStringLiteral("codex"), QStringLiteral("App"),
+                                             QStringLiteral("go"), QStringLiteral("c"), QString())
+                                         .shell);
     }
 };
 

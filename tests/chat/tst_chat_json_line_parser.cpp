@@ -1,4 +1,7 @@
+// The chat stream parser, on hand-made lines for each rule and on lines the released
+// tools printed (tests/execution/data).
 #include "chat/chat_json_line_parser.h"
+#include "support/test_support.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -19,6 +22,60 @@ QString agentMessage(const QString& text)
 {
     return QStringLiteral(R"({"type":"item.completed","item":{"type":"agent_message","text":"%1"}})").arg(text);
 }
+
+QString jsonLine(const QJsonObject& object)
+{
+    return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)) + QLatin1Char('\n');
+}
+
+// An "assistant" event of one message carrying the given content blocks.
+QString assistantBlocks(const QString& messageId, const QJsonArray& content)
+{
+    return jsonLine({{"type", "assistant"}, {"message", QJsonObject{{"id", messageId}, {"content", content}}}});
+}
+
+QJsonObject textBlock(const QString& text)
+{
+    return {{"type", "text"}, {"text", text}};
+}
+
+QJsonObject toolUse(const QString& id, const QString& name)
+{
+    return {{"type", "tool_use"}, {"id", id}, {"name", name}, {"input", QJsonObject()}};
+}
+
+QString streamEvent(const QJsonObject& event)
+{
+    return jsonLine({{"type", "stream_event"}, {"event", event}});
+}
+
+QString recorded(const QString& name)
+{
+    return QString::fromUtf8(test::readFile(QStringLiteral(BRINMOOR_TEST_DATA_DIR "/") + name));
+}
+
+// Everything a parser makes of a text handed to it in pieces of `piece` characters
+// (0: all at once), the end of the stream included.
+ParseResult parseAll(ChatJSONProvider provider, const QString& text, qsizetype piece = 0)
+{
+    ChatJSONLineParser parser(provider);
+    ParseResult all;
+    const auto add = [&all](const ParseResult& part) {
+        all.deltas += part.deltas;
+        all.diagnostics += part.diagnostics;
+        if (part.finalText)
+            all.finalText = part.finalText;
+        if (part.threadID)
+            all.threadID = part.threadID;
+    };
+    const qsizetype step = piece > 0 ? piece : text.size();
+    for (qsizetype at = 0; at < text.size(); at += step)
+        add(parser.process(text.mid(at, step)));
+    add(parser.finish());
+    return all;
+}
+
+const QString kAnswerAfterTools = QStringLiteral("There are two files here: a.txt and b.txt.");
 
 } // namespace
 
@@ -97,7 +154,140 @@ private Q_SLOTS:
                  QStringList{QStringLiteral("😀a")});
         QCOMPARE(parser.process(assistant(QStringLiteral("😀ab😀")) + QLatin1Char('\n')).deltas,
                  QStringList{QStringLiteral("b😀")});
-        QCOMPARE(codePointLength(u"😀ab😀"), qint64(4));
+    }
+
+    void claudeBlocksOfTheRealReleaseJoinWithABlankLine()
+    {
+        // One "assistant" event per content block, each with only that block's text.
+        const ParseResult result = parseAll(ChatJSONProvider::claude, recorded("claude-2.1.330-tools.jsonl"));
+        QCOMPARE(result.deltas, (QStringList{QStringLiteral("Let me look."), QStringLiteral("\n\nNow the missing one."),
+                                             QStringLiteral("\n\n") + kAnswerAfterTools}));
+        QCOMPARE(result.diagnostics,
+                 QStringList{QStringLiteral("[tool.error] Read: File does not exist. Note: your current working "
+                                            "directory is /tmp/brinmoor-rec/claude-tools/App.")});
+        QCOMPARE(result.finalText, std::optional<QString>(kAnswerAfterTools));
+        QCOMPARE(result.threadID, std::nullopt);
+    }
+
+    void claudePartialMessagesStreamTheSameAnswerAsItIsWritten()
+    {
+        const ParseResult whole = parseAll(ChatJSONProvider::claude, recorded("claude-2.1.330-tools.jsonl"));
+        const QString partial = recorded("claude-2.1.330-tools-partial.jsonl");
+        const ParseResult streamed = parseAll(ChatJSONProvider::claude, partial);
+        // The model's text deltas as they came; the assembled events add nothing.
+        QCOMPARE(
+            streamed.deltas,
+            (QStringList{QStringLiteral("Let me "), QStringLiteral("look."), QStringLiteral("\n\nNow the missing one."),
+                         QStringLiteral("\n\nThere are two "), QStringLiteral("files here: a.txt and b.txt.")}));
+        QCOMPARE(streamed.deltas.join(QString()), whole.deltas.join(QString()));
+        QCOMPARE(streamed.diagnostics, whole.diagnostics);
+        QCOMPARE(streamed.finalText, whole.finalText);
+        // However the pipe cuts the output.
+        for (const qsizetype piece : {1, 7, 4096}) {
+            const ParseResult cut = parseAll(ChatJSONProvider::claude, partial, piece);
+            QCOMPARE(cut.deltas.join(QString()), whole.deltas.join(QString()));
+            QCOMPARE(cut.diagnostics, whole.diagnostics);
+        }
+    }
+
+    void claudeDeniedToolIsReportedWithTheNameOfItsToolUse()
+    {
+        const ParseResult result = parseAll(ChatJSONProvider::claude, recorded("claude-2.1.330-denied.jsonl"));
+        QCOMPARE(result.deltas, (QStringList{QStringLiteral("I will write the notes."),
+                                             QStringLiteral("\n\nI was not allowed to write notes.txt.")}));
+        QCOMPARE(result.diagnostics,
+                 QStringList{QStringLiteral("[tool.error] Write: Claude requested permissions to write to "
+                                            "/tmp/brinmoor-rec/claude-denied/App/notes.txt, but you haven't granted "
+                                            "it yet.")});
+        QCOMPARE(result.finalText, std::optional<QString>(QStringLiteral("I was not allowed to write notes.txt.")));
+    }
+
+    void claudeApiErrorIsSentOnceAndReported()
+    {
+        const QString error = QStringLiteral(
+            "API Error: 500 Internal server error. This is a server-side issue, usually temporary — try again in a "
+            "moment. If it persists, check your inference gateway (127.0.0.1:43745).");
+        const ParseResult result = parseAll(ChatJSONProvider::claude, recorded("claude-2.1.330-api-error.jsonl"));
+        QCOMPARE(result.deltas, QStringList{error});
+        QCOMPARE(result.diagnostics, QStringList{QStringLiteral("[claude.error] ") + error});
+        QCOMPARE(result.finalText, std::optional<QString>(error));
+    }
+
+    void claudeTextIsNeverComparedWithAnotherBlock()
+    {
+        // A text block after a tool use in the same message, and a new message whose
+        // text begins like the block before it: both are sent whole.
+        const QString lines =
+            assistantBlocks(QStringLiteral("msg_1"), {textBlock(QStringLiteral("Let me look."))}) +
+            assistantBlocks(QStringLiteral("msg_1"), {toolUse(QStringLiteral("t1"), "Bash")}) +
+            assistantBlocks(QStringLiteral("msg_1"), {textBlock(QStringLiteral("Let me look."))}) +
+            assistantBlocks(QStringLiteral("msg_2"), {textBlock(QStringLiteral("Let me look again."))}) +
+            assistantBlocks(QStringLiteral("msg_2"), {textBlock(QStringLiteral("Let me look again!"))}) +
+            jsonLine({{"type", "result"}, {"result", "Let me look again!"}});
+        const ParseResult result = parseAll(ChatJSONProvider::claude, lines);
+        QCOMPARE(result.deltas,
+                 (QStringList{QStringLiteral("Let me look."), QStringLiteral("\n\nLet me look."),
+                              QStringLiteral("\n\nLet me look again."), QStringLiteral("\n\nLet me look again!")}));
+        QCOMPARE(result.finalText, std::optional<QString>(QStringLiteral("Let me look again!")));
+    }
+
+    void claudeAssembledEventAfterItsStreamedBlockAddsNothing()
+    {
+        const QString lines =
+            streamEvent({{"type", "message_start"}, {"message", QJsonObject{{"id", "msg_1"}}}}) +
+            streamEvent({{"type", "content_block_start"}, {"index", 0}, {"content_block", textBlock(QString())}}) +
+            streamEvent({{"type", "content_block_delta"},
+                         {"index", 0},
+                         {"delta", QJsonObject{{"type", "text_delta"}, {"text", "Hel"}}}}) +
+            streamEvent({{"type", "content_block_delta"},
+                         {"index", 0},
+                         {"delta", QJsonObject{{"type", "text_delta"}, {"text", "lo."}}}}) +
+            streamEvent({{"type", "content_block_stop"}, {"index", 0}}) +
+            streamEvent({{"type", "content_block_start"},
+                         {"index", 1},
+                         {"content_block", QJsonObject{{"type", "text"}, {"text", "Bye"}}}}) +
+            streamEvent({{"type", "content_block_delta"},
+                         {"index", 1},
+                         {"delta", QJsonObject{{"type", "input_json_delta"}, {"partial_json", "{}"}}}}) +
+            // The assembled events, late: both blocks were sent already.
+            assistantBlocks(QStringLiteral("msg_1"), {textBlock(QStringLiteral("Hello."))}) +
+            assistantBlocks(QStringLiteral("msg_1"), {textBlock(QStringLiteral("Bye"))}) +
+            streamEvent({{"type", "content_block_delta"},
+                         {"index", 1},
+                         {"delta", QJsonObject{{"type", "text_delta"}, {"text", "!"}}}}) +
+            jsonLine({{"type", "result"}, {"result", "Bye!"}});
+        const ParseResult result = parseAll(ChatJSONProvider::claude, lines);
+        QCOMPARE(result.deltas, (QStringList{QStringLiteral("Hel"), QStringLiteral("lo."), QStringLiteral("\n\nBye"),
+                                             QStringLiteral("!")}));
+        QCOMPARE(result.finalText, std::optional<QString>(QStringLiteral("Bye!")));
+    }
+
+    void claudeToolResultErrorsNameTheirToolUse()
+    {
+        const QString lines =
+            assistantBlocks(QStringLiteral("msg_1"), {toolUse(QStringLiteral("toolu_1"), QStringLiteral("Edit"))}) +
+            jsonLine(
+                {{"type", "user"},
+                 {"message",
+                  QJsonObject{{"role", "user"},
+                              {"content", QJsonArray{QJsonObject{{"type", "tool_result"},
+                                                                 {"tool_use_id", "toolu_1"},
+                                                                 {"is_error", true},
+                                                                 {"content", " not found "}},
+                                                     QJsonObject{{"type", "tool_result"},
+                                                                 {"tool_use_id", "toolu_2"},
+                                                                 {"is_error", true},
+                                                                 {"content", QJsonArray{QJsonObject{
+                                                                                 {"type", "text"}, {"text", "gone"}}}}},
+                                                     QJsonObject{{"type", "tool_result"},
+                                                                 {"tool_use_id", "toolu_1"},
+                                                                 {"is_error", false},
+                                                                 {"content", "fine"}}}}}}}) +
+            jsonLine({{"type", "user"}, {"message", QJsonObject{{"role", "user"}, {"content", "a prompt"}}}});
+        const ParseResult result = parseAll(ChatJSONProvider::claude, lines);
+        QCOMPARE(result.diagnostics, (QStringList{QStringLiteral("[tool.error] Edit: not found"),
+                                                  QStringLiteral("[tool.error] tool: gone")}));
+        QCOMPARE(result.deltas, QStringList{});
     }
 
     void claudeToolErrorsAndStreamErrorsAreDiagnostics()
@@ -195,6 +385,37 @@ private Q_SLOTS:
                  QStringList{QStringLiteral("\nB")});
         const ParseResult done = parser.process(QStringLiteral("{\"type\":\"turn.completed\"}\n"));
         QCOMPARE(done.finalText, std::optional<QString>(QStringLiteral("A\nB")));
+    }
+
+    void codexLinesOfTheRealRelease()
+    {
+        const ParseResult result = parseAll(ChatJSONProvider::codex, recorded("codex-0.169.0-tools.jsonl"));
+        QCOMPARE(result.deltas,
+                 (QStringList{QStringLiteral("Let me look."), QStringLiteral("\nThere are two files here.")}));
+        QCOMPARE(result.diagnostics, (QStringList{QStringLiteral("[command] /bin/bash -c ls"),
+                                                  QStringLiteral("[command.output] a.txt\nb.txt")}));
+        QCOMPARE(result.finalText, std::optional<QString>(QStringLiteral("Let me look.\nThere are two files here.")));
+        QCOMPARE(result.threadID, std::optional<QString>(QStringLiteral("01a20953-cbc4-79e0-a7e4-aec08172f9d4")));
+
+        const ParseResult allowed = parseAll(ChatJSONProvider::codex, recorded("codex-0.169.0-approval-allowed.jsonl"));
+        QCOMPARE(allowed.deltas, QStringList{QStringLiteral("Touched allowed.txt.")});
+        QCOMPARE(allowed.diagnostics, QStringList{QStringLiteral("[command] /bin/bash -c 'touch allowed.txt'")});
+    }
+
+    void codexMessageReportedWhileWrittenIsStreamed()
+    {
+        const auto item = [](const char* event, const char* id, const char* text) {
+            return jsonLine(
+                {{"type", event}, {"item", QJsonObject{{"id", id}, {"type", "agent_message"}, {"text", text}}}});
+        };
+        const QString lines = item("item.started", "item_1", "") + item("item.updated", "item_1", "He") +
+                              item("item.updated", "item_1", "Hello") + item("item.updated", "item_1", "Hel") +
+                              item("item.completed", "item_1", "Hello.") + item("item.completed", "item_1", "Hello.") +
+                              item("item.completed", "item_2", "Next.") + jsonLine({{"type", "turn.completed"}});
+        const ParseResult result = parseAll(ChatJSONProvider::codex, lines);
+        QCOMPARE(result.deltas, (QStringList{QStringLiteral("He"), QStringLiteral("llo"), QStringLiteral("."),
+                                             QStringLiteral("\nNext.")}));
+        QCOMPARE(result.finalText, std::optional<QString>(QStringLiteral("Hello.\nNext.")));
     }
 
     void turnCompletedWithoutMessagesHasNoFinalText()

@@ -1,5 +1,6 @@
 #include "config/agent_profile.h"
 #include "config/connection_settings.h"
+#include "config/local_server_settings.h"
 #include "config/runtime_defaults.h"
 #include "config/settings_store.h"
 #include "support/test_support.h"
@@ -114,6 +115,31 @@ private Q_SLOTS:
         QCOMPARE(connection.serverURL, QStringLiteral("http://127.0.0.1:8080"));
         QCOMPARE(connection.agentId, QStringLiteral("mac-agent"));
         QCOMPARE(connection.token, QString());
+        QCOMPARE(connection.tlsCA, QString());
+    }
+
+    void localServerSettingsComeFromTheStoreThenTheEnvironment()
+    {
+        MemorySettingsStore store;
+        const Environment env{{QStringLiteral("BRINMOOR_TLS_CERT"), QStringLiteral("/env/cert.pem")},
+                              {QStringLiteral("BRINMOOR_TLS_KEY"), QStringLiteral("/env/key.pem")},
+                              {QStringLiteral("BRINMOOR_PUBLIC_URL"), QStringLiteral("https://env.example")},
+                              {QStringLiteral("BRINMOOR_TRUSTED_PROXIES"), QStringLiteral("10.0.0.1")},
+                              {QStringLiteral("BRINMOOR_TLS_CA"), QStringLiteral("/env/ca.pem")}};
+        QVERIFY(!LocalServerSettings::load(store, {}).tls());
+        QCOMPARE(LocalServerSettings::load(store, {}).scheme(), QStringLiteral("http"));
+        store.setValue(QStringLiteral("tlsCert"), QStringLiteral("/store/cert.pem"));
+        store.setValue(QStringLiteral("publicURL"), QString()); // empty counts as absent
+        const LocalServerSettings server = LocalServerSettings::load(store, env);
+        QVERIFY(server.tls());
+        QCOMPARE(server.scheme(), QStringLiteral("https"));
+        QCOMPARE(server.serverEnvironment(),
+                 (QList<QPair<QString, QString>>{
+                     {QStringLiteral("BRINMOOR_TLS_CERT"), QStringLiteral("/store/cert.pem")},
+                     {QStringLiteral("BRINMOOR_TLS_KEY"), QStringLiteral("/env/key.pem")},
+                     {QStringLiteral("BRINMOOR_PUBLIC_URL"), QStringLiteral("https://env.example")},
+                     {QStringLiteral("BRINMOOR_TRUSTED_PROXIES"), QStringLiteral("10.0.0.1")}}));
+        QCOMPARE(ConnectionSettings::load(store, env).tlsCA, QStringLiteral("/env/ca.pem"));
     }
 };
 

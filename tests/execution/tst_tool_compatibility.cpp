@@ -182,8 +182,9 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("shell");
         QTest::addColumn<bool>("isClaude");
-        const QString overrides = ChatExecution::codexMCPConfigOverrides(
-            QStringLiteral("t-1"), QStringLiteral("/Apps/MCPApprovalServer"), ConnectionSettings{});
+        const QString overrides =
+            ChatExecution::codexMCPConfigOverrides(QStringLiteral("t-1"), QStringLiteral("/Apps/MCPApprovalServer"),
+                                                   ConnectionSettings{}, QStringLiteral("/tmp/brinmoor-token-t-1"));
         const auto filled = [](const char* profileTemplate) {
             return QString::fromLatin1(profileTemplate)
                 .replace(QStringLiteral("{{mcpConfigPath}}"), QStringLiteral("'/tmp/brinmoor-mcp-t-1.json'"))
@@ -207,14 +208,14 @@ private Q_SLOTS:
         QTest::newRow("claude approval")
             << QStringLiteral("claude --session-id 'fe4eaed6-11ff-55fd-9527-298e55a32c58' -p --verbose "
                               "--permission-prompt-tool mcp__approver__request_permission "
-                              "--mcp-config '/tmp/m.json' --output-format stream-json ") +
+                              "--mcp-config '/tmp/m.json' --output-format stream-json --include-partial-messages ") +
                    kPrompt
             << true;
-        QTest::newRow("claude resume")
-            << QStringLiteral(
-                   "claude --resume 'x' --dangerously-skip-permissions -p --verbose --output-format stream-json ") +
-                   kPrompt
-            << true;
+        QTest::newRow("claude resume") << QStringLiteral("claude --resume 'x' --dangerously-skip-permissions -p "
+                                                         "--verbose --output-format stream-json "
+                                                         "--include-partial-messages ") +
+                                              kPrompt
+                                       << true;
         QTest::newRow("claude ai_task") << AITaskResolution::claudeTemplate << true;
     }
 
@@ -234,6 +235,26 @@ private Q_SLOTS:
         const ToolAdaptation adaptation = adaptCommand(shell, codexWithFullAuto());
         QCOMPARE(adaptation.shell, shell);
         QCOMPARE(adaptation.notes, QStringList());
+    }
+
+    void aClaudeWithoutPartialMessagesStreamsWholeBlocks()
+    {
+        // The help of a release before the option: the same text without its line.
+        ToolHelp older = claude2130();
+        QString& text = older.textByScope[QString()];
+        const qsizetype at = text.indexOf(QStringLiteral("  --include-partial-messages"));
+        QVERIFY(at >= 0);
+        text.remove(at, text.indexOf(QLatin1Char('\n'), at) + 1 - at);
+        const QString tail = QStringLiteral("--output-format stream-json ") + kPrompt;
+        const ToolAdaptation adaptation =
+            adaptCommand(QStringLiteral("claude --resume 'x' -p --verbose --include-partial-messages ") + tail, older);
+        QCOMPARE(adaptation.shell, QStringLiteral("claude --resume 'x' -p --verbose ") + tail);
+        QCOMPARE(adaptation.notes,
+                 QStringList{QStringLiteral("toolCompatibility claude at /opt/claude does not accept "
+                                            "--include-partial-messages; the answer comes a block at a time")});
+        // At the end of the command too.
+        QCOMPARE(adaptCommand(QStringLiteral("claude -p --include-partial-messages"), older).shell,
+                 QStringLiteral("claude -p "));
     }
 
     void otherUnlistedOptionsAreNotedAndKept()
@@ -339,7 +360,10 @@ private Q_SLOTS:
     void aTaskCancelledWhileTheToolIsAskedNeverStarts()
     {
         QTemporaryDir fake;
-        installCodexWhoseHelp(QStringLiteral("slow"), fake.path(), "sleep 1.5");
+        // The help answers only once the test opens the gate.
+        const QString gate = fake.path() + QStringLiteral("/gate");
+        installCodexWhoseHelp(QStringLiteral("slow"), fake.path(),
+                              "until [[ -e " + QFile::encodeName(gate) + " ]]; do sleep 0.02; done");
         AgentFixture f;
         QDir().mkpath(f.repo.path() + QStringLiteral("/App"));
         QVERIFY(f.connect());
@@ -357,12 +381,18 @@ private Q_SLOTS:
         // comes back to the cancelled task first: had that started its command, codex
         // would have been run twice.
         f.assign(QStringLiteral("c2"), plan(QStringLiteral("App")));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.artifact"), QStringLiteral("c2")));
+        test::writeFile(gate);
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("c2"), 10000));
         QVERIFY(QFile::exists(fake.path() + QStringLiteral("/codex.1.args")));
         QVERIFY(!QFile::exists(fake.path() + QStringLiteral("/codex.2.args")));
 
         // Stopped (the agent quits or loses its server) while the tool is asked: the
-        // task is let go and its command never runs.
+        // task is let go and its command never runs. The tool is installed anew, so it
+        // is asked again, and its help waits for the gate again.
+        QFile::remove(gate);
+        installCodexWhoseHelp(QStringLiteral("slow"), fake.path(),
+                              "until [[ -e " + QFile::encodeName(gate) + " ]]; do sleep 0.02; done");
         f.assign(QStringLiteral("c3"), plan(QStringLiteral("App")));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.artifact"), QStringLiteral("c3")));
         DiagRecorder log;
@@ -371,6 +401,8 @@ private Q_SLOTS:
         QVERIFY(log.contains(QStringLiteral("runTask stopped before its command started taskId=c3")));
         // Another task, after it in every queue: codex runs for it, and only for it.
         f.assign(QStringLiteral("c4"), plan(QStringLiteral("App")));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.artifact"), QStringLiteral("c4")));
+        test::writeFile(gate);
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("c4"), 10000));
         QVERIFY(QFile::exists(fake.path() + QStringLiteral("/codex.2.args")));
         QVERIFY(!QFile::exists(fake.path() + QStringLiteral("/codex.3.args")));

@@ -1,5 +1,6 @@
 // The programs together, as a user runs them: the relay server, the agent, the approval
 // tool started by a (fake) `claude`, and a phone played by the test.
+#include "app/pairing.h"
 #include "paced_terminal_reader.h"
 #include "support/loopback_server.h"
 #include "support/process_fixtures.h"
@@ -436,6 +437,15 @@ private Q_SLOTS:
         }));
         QCOMPARE(match.captured(2), QStringLiteral("headless-mac"));
         const QUrl serverURL(match.captured(1));
+        // After the Wexlin code: the link to Brinmoor Web with the token, and its code.
+        const QString web = match.captured(1) + QStringLiteral("/#token=") + match.captured(3);
+        const QString webLines = QStringLiteral("Web: ") + web + QLatin1Char('\n') +
+                                 brinmoor::Pairing::terminalQRCode(brinmoor::Pairing::qrModules(web.toUtf8()));
+        QVERIFY(waitUntil([&] {
+            out += app.readAllStandardOutput();
+            return QString::fromUtf8(out).contains(webLines);
+        }));
+        QVERIFY(QString::fromUtf8(out).indexOf(webLines) > match.capturedEnd());
         QVERIFY(waitUntil([&] {
             out += app.readAllStandardOutput();
             return out.contains("[BrinmoorServer] agent.register agentId=headless-mac");

@@ -117,22 +117,24 @@ private Q_SLOTS:
                                                        "BRINMOOR_ALLOWED_ORIGINS=https://a.example,a.example/x")}
                                     << QStringLiteral("brinmoor-server: BRINMOOR_ALLOWED_ORIGINS has an entry that is "
                                                       "not an origin (scheme://host[:port]): a.example/x\n");
+        QTest::newRow("bad public URL")
+            << QStringList{QStringLiteral("BRINMOOR_SHARED_TOKEN=t"),
+                           QStringLiteral("BRINMOOR_PUBLIC_URL=https://mymac.example/brinmoor")}
+            << QStringLiteral("brinmoor-server: BRINMOOR_PUBLIC_URL is not an http or https "
+                              "URL without a path: https://mymac.example/brinmoor\n");
+        QTest::newRow("bad proxy") << QStringList{QStringLiteral("BRINMOOR_SHARED_TOKEN=t"),
+                                                  QStringLiteral("BRINMOOR_TRUSTED_PROXIES=127.0.0.1, proxy.lan")}
+                                   << QStringLiteral("brinmoor-server: BRINMOOR_TRUSTED_PROXIES has an entry that is "
+                                                     "not an IP address or subnet: proxy.lan\n");
     }
 
     void refusesToStartWithoutAUsableSetting()
     {
         QFETCH(QStringList, env);
-        QProcess server;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.remove(QStringLiteral("BRINMOOR_SHARED_TOKEN"));
-        for (const QString& entry : env)
-            environment.insert(entry.section(QLatin1Char('='), 0, 0), entry.section(QLatin1Char('='), 1));
-        server.setProcessEnvironment(environment);
-        server.start(binDir() + QStringLiteral("/brinmoor-server"), QStringList());
-        QVERIFY(server.waitForFinished(10000));
-        QCOMPARE(server.exitCode(), 2);
-        QTEST(QString::fromUtf8(server.readAllStandardError()), "line");
-        QCOMPARE(server.readAllStandardOutput(), QByteArray());
+        const RelayRefusal refusal = runRefusedRelay(environment(env));
+        QCOMPARE(refusal.exitCode, 2);
+        QTEST(refusal.error, "line");
+        QCOMPARE(refusal.output, QByteArray());
     }
 
     void saysWhenItCannotListen()

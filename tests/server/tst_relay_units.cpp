@@ -2,6 +2,7 @@
 #include "base/utf8_stream_decoder.h"
 #include "http_request.h"
 #include "origin_policy.h"
+#include "trusted_proxies.h"
 #include "websocket_client.h"
 #include "websocket_frames.h"
 
@@ -211,16 +212,51 @@ private Q_SLOTS:
         QCOMPARE(normalizedOrigin(text).value_or(QString()), normalized);
     }
 
-    void theOwnOriginIsPlainHttpOnTheHostAsked()
+    void theOwnOriginIsTheHostAskedOverTheConnectionsScheme()
     {
         const OriginPolicy policy({QStringLiteral("https://phone.example:443")});
-        QVERIFY(policy.allows("http://127.0.0.1:8080", "127.0.0.1:8080"));
-        QVERIFY(policy.allows("http://localhost", "LOCALHOST:80"));
-        QVERIFY(policy.allows("https://phone.example", "127.0.0.1:8080"));
-        QVERIFY(!policy.allows("https://127.0.0.1:8080", "127.0.0.1:8080"));
-        QVERIFY(!policy.allows("http://127.0.0.1:8081", "127.0.0.1:8080"));
-        QVERIFY(!policy.allows("http://127.0.0.1:8080", ""));
-        QVERIFY(!policy.allows("http://127.0.0.1:8080", "127.0.0.1:8080/x"));
+        QVERIFY(policy.allows("http://127.0.0.1:8080", "127.0.0.1:8080", false));
+        QVERIFY(policy.allows("http://localhost", "LOCALHOST:80", false));
+        QVERIFY(policy.allows("https://phone.example", "127.0.0.1:8080", false));
+        QVERIFY(!policy.allows("https://127.0.0.1:8080", "127.0.0.1:8080", false));
+        QVERIFY(!policy.allows("http://127.0.0.1:8081", "127.0.0.1:8080", false));
+        QVERIFY(!policy.allows("http://127.0.0.1:8080", "", false));
+        QVERIFY(!policy.allows("http://127.0.0.1:8080", "127.0.0.1:8080/x", false));
+        // Over TLS the relay's own origin is https.
+        QVERIFY(policy.allows("https://mymac.example.net:8443", "mymac.example.net:8443", true));
+        QVERIFY(policy.allows("https://mymac.example.net", "mymac.example.net", true));
+        QVERIFY(!policy.allows("http://mymac.example.net:8443", "mymac.example.net:8443", true));
+    }
+
+    void trustedProxiesNameTheClient()
+    {
+        const std::optional<TrustedProxies> proxies =
+            TrustedProxies::parse(QStringLiteral("10.0.0.1, 192.168.0.0/16,::1,fd00::/8"));
+        QVERIFY(proxies);
+        const auto client = [&](const char* peer, const QList<QByteArray>& forwardedFor) {
+            return proxies->clientAddress(QHostAddress(QString::fromLatin1(peer)), forwardedFor);
+        };
+        // Only a trusted peer is believed, and only from the end of the header on.
+        QCOMPARE(client("203.0.113.5", {"198.51.100.1"}), QStringLiteral("203.0.113.5"));
+        QCOMPARE(client("10.0.0.1", {}), QStringLiteral("10.0.0.1"));
+        QCOMPARE(client("10.0.0.1", {"198.51.100.1"}), QStringLiteral("198.51.100.1"));
+        QCOMPARE(client("10.0.0.1", {"6.6.6.6, 198.51.100.1"}), QStringLiteral("198.51.100.1"));
+        // Through two proxies, in one header or two.
+        QCOMPARE(client("10.0.0.1", {"198.51.100.1, 192.168.4.4"}), QStringLiteral("198.51.100.1"));
+        QCOMPARE(client("10.0.0.1", {"198.51.100.1", " 192.168.4.4 "}), QStringLiteral("198.51.100.1"));
+        // What is no address ends the walk at the proxy that wrote it.
+        QCOMPARE(client("10.0.0.1", {"unknown, 192.168.4.4"}), QStringLiteral("192.168.4.4"));
+        QCOMPARE(client("10.0.0.1", {"198.51.100.1:4711"}), QStringLiteral("10.0.0.1"));
+        QCOMPARE(client("::1", {"[2001:db8::7]"}), QStringLiteral("2001:db8::7"));
+        QCOMPARE(client("::ffff:10.0.0.1", {"::ffff:198.51.100.1"}), QStringLiteral("198.51.100.1"));
+        QCOMPARE(client("fd00::9", {"198.51.100.1"}), QStringLiteral("198.51.100.1"));
+
+        QString bad;
+        QCOMPARE(TrustedProxies::parse(QStringLiteral("10.0.0.1,proxy.lan"), &bad), std::nullopt);
+        QCOMPARE(bad, QStringLiteral("proxy.lan"));
+        QCOMPARE(TrustedProxies::parse(QStringLiteral("10.0.0.0/33"), &bad), std::nullopt);
+        QCOMPARE(bad, QStringLiteral("10.0.0.0/33"));
+        QVERIFY(TrustedProxies::parse(QString())->isEmpty());
     }
 
     void onlyCodesThatMayTravelAreSentBack()

@@ -125,8 +125,13 @@ private Q_SLOTS:
         QVERIFY(pieces.write("  ready \n"));
         QVERIFY(pieces.write("   \n"));         // only blanks: not relayed
         QVERIFY(pieces.write("listening\n\n")); // trimmed
-        QCOMPARE(lines,
-                 (QStringList{QStringLiteral("[BrinmoorServer] ready"), QStringLiteral("[BrinmoorServer] listening")}));
+        QVERIFY(pieces.write("two\nlines in one read\nand half"));
+        QVERIFY(pieces.write(" a line\n"));
+        QCOMPARE(
+            lines,
+            (QStringList{QStringLiteral("[BrinmoorServer] ready"), QStringLiteral("[BrinmoorServer] listening"),
+                         QStringLiteral("[BrinmoorServer] two"), QStringLiteral("[BrinmoorServer] lines in one read"),
+                         QStringLiteral("[BrinmoorServer] and half a line")}));
         QVERIFY(runtime.isRunning());
         runtime.stop();
         QVERIFY(!runtime.isRunning());
@@ -134,6 +139,30 @@ private Q_SLOTS:
         // Stopping lets go of the output, not of the end: SIGTERM is reported as its number.
         QVERIFY(waitUntil([&] { return statuses.size() == 2; }));
         QCOMPARE(statuses.last(), QStringLiteral("Server stopped (15)"));
+    }
+
+    void serverIsToldItsCertificatePublicURLAndProxies()
+    {
+        const QString given = m_dir.path() + QStringLiteral("/given-tls");
+        fakeServer("print -r -- \"cert=$BRINMOOR_TLS_CERT key=$BRINMOOR_TLS_KEY url=$BRINMOOR_PUBLIC_URL "
+                   "proxies=${BRINMOOR_TRUSTED_PROXIES-unset}\" > " +
+                   given.toUtf8() + "; exec sleep 30\n");
+        // What the settings leave empty is not passed on from the agent's own environment.
+        qputenv("BRINMOOR_TRUSTED_PROXIES", "10.9.9.9");
+        LocalServerSettings server;
+        server.tlsCertificate = QStringLiteral("/etc/brinmoor/cert.pem");
+        server.tlsKey = QStringLiteral("/etc/brinmoor/key.pem");
+        server.publicURL = QStringLiteral("https://mymac.example.net:8443");
+        LocalServerRuntime runtime;
+        runtime.printLine = [](const QString&) {};
+        runtime.start(
+            0, QStringLiteral("tok"), [](const QString&) {}, server);
+        qunsetenv("BRINMOOR_TRUSTED_PROXIES");
+        QVERIFY(waitUntil([&] { return readFile(given).endsWith('\n'); }));
+        QCOMPARE(readFile(given), QByteArray("cert=/etc/brinmoor/cert.pem key=/etc/brinmoor/key.pem "
+                                             "url=https://mymac.example.net:8443 proxies=unset\n"));
+        runtime.stop();
+        QVERIFY(waitUntil([] { return childProcesses().isEmpty(); }, 5000));
     }
 
     void serverKilledBySignalReportsTheSignalsNumber()

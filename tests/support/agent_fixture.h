@@ -21,7 +21,9 @@ struct AgentFixture {
     std::unique_ptr<AgentRuntime> runtime;
     QStringList statuses;
 
-    explicit AgentFixture(const QString& token = QStringLiteral("secret-token"), ConnectionIntervals intervals = {})
+    // `env` is the environment the runtime reads (its children get the test's own).
+    explicit AgentFixture(const QString& token = QStringLiteral("secret-token"), ConnectionIntervals intervals = {},
+                          Environment env = {})
     {
         server.listen();
         settings.setValue(QStringLiteral("serverURL"), server.serverURL());
@@ -33,7 +35,7 @@ struct AgentFixture {
         machine.currentDirectory = repo.path();
         machine.homeDirectory = repo.path();
         machine.hostName = QStringLiteral("test host");
-        runtime = std::make_unique<AgentRuntime>(settings, Environment{}, machine, intervals);
+        runtime = std::make_unique<AgentRuntime>(settings, std::move(env), machine, intervals);
         runtime->onStatus = [this](const QString& text) { statuses.append(text); };
     }
 

@@ -5,6 +5,7 @@
 #include <QJsonDocument>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QTimer>
 
 namespace brinmoor::test {
 
@@ -13,6 +14,14 @@ namespace {
 QByteArray compact(const QJsonObject& object)
 {
     return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
+// One chunk of a chunked HTTP body; an empty one ends the body.
+QByteArray httpChunk(const QByteArray& data)
+{
+    if (data.isEmpty())
+        return "0\r\n\r\n";
+    return QByteArray::number(data.size(), 16) + "\r\n" + data + "\r\n";
 }
 
 FakeModelServer::Reply eventStream(const QList<QJsonObject>& events)
@@ -126,12 +135,37 @@ void FakeModelServer::onReadable(QTcpSocket* socket)
                         QJsonDocument::fromJson(body).object()};
         m_requests.append(request);
         Reply reply = respond ? respond(request) : Reply{404, "application/json", "{}"};
-        QByteArray response =
-            "HTTP/1.1 " + QByteArray::number(reply.status) + ' ' + relay::statusReason(reply.status).toByteArray() +
-            "\r\nContent-Type: " + reply.contentType + "\r\nContent-Length: " + QByteArray::number(reply.body.size()) +
-            "\r\nConnection: keep-alive\r\n\r\n" + reply.body;
-        socket->write(response);
+        const QByteArray status = "HTTP/1.1 " + QByteArray::number(reply.status) + ' ' +
+                                  relay::statusReason(reply.status).toByteArray() +
+                                  "\r\nContent-Type: " + reply.contentType + "\r\nConnection: keep-alive\r\n";
+        if (!reply.laterPieces.isEmpty()) {
+            socket->write(status + "Transfer-Encoding: chunked\r\n\r\n" +
+                          (reply.body.isEmpty() ? QByteArray() : httpChunk(reply.body)));
+            sendLater(socket, reply);
+            continue;
+        }
+        socket->write(status + "Content-Length: " + QByteArray::number(reply.body.size()) + "\r\n\r\n" + reply.body);
     }
+}
+
+void FakeModelServer::sendLater(QTcpSocket* socket, const Reply& reply)
+{
+    // Each piece leaves at once, not when the socket would gather more.
+    socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    auto* timer = new QTimer(socket);
+    timer->setInterval(reply.pieceIntervalMs);
+    connect(timer, &QTimer::timeout, socket,
+            [this, socket, timer, pieces = reply.laterPieces, next = qsizetype(0)]() mutable {
+                if (onPieceSent)
+                    onPieceSent(next);
+                socket->write(httpChunk(pieces.at(next)));
+                socket->flush();
+                if (++next < pieces.size())
+                    return;
+                socket->write(httpChunk(QByteArray()));
+                timer->deleteLater();
+            });
+    timer->start();
 }
 
 QByteArray FakeModelServer::sse(const QList<QJsonObject>& events)
@@ -143,31 +177,71 @@ QByteArray FakeModelServer::sse(const QList<QJsonObject>& events)
     return stream;
 }
 
+FakeModelServer::Reply FakeModelServer::messagesBlocks(const QJsonArray& blocks)
+{
+    return eventStream(messageEvents(blocks));
+}
+
+FakeModelServer::Reply FakeModelServer::messagesOverTime(const QJsonArray& blocks, int intervalMs)
+{
+    Reply reply{200, "text/event-stream", QByteArray()};
+    reply.pieceIntervalMs = intervalMs;
+    for (const QJsonObject& event : messageEvents(blocks)) {
+        const bool isDelta = event.value(QStringLiteral("type")).toString() == QLatin1String("content_block_delta");
+        if (isDelta || !reply.laterPieces.isEmpty()) {
+            // Each delta starts a piece; what follows it goes with it.
+            if (isDelta)
+                reply.laterPieces.append(QByteArray());
+            reply.laterPieces.last() += sse({event});
+        } else {
+            reply.body += sse({event});
+        }
+    }
+    return reply;
+}
+
+QList<QJsonObject> FakeModelServer::messageEvents(const QJsonArray& blocks)
+{
+    QList<QJsonObject> events{messageStart()};
+    bool usesTool = false;
+    for (qsizetype index = 0; index < blocks.size(); ++index) {
+        const QJsonObject block = blocks.at(index).toObject();
+        if (block.value(QStringLiteral("type")).toString() == QLatin1String("text")) {
+            events.append({{"type", "content_block_start"},
+                           {"index", index},
+                           {"content_block", QJsonObject{{"type", "text"}, {"text", ""}}}});
+            for (const QJsonValue& piece : block.value(QStringLiteral("deltas")).toArray())
+                events.append({{"type", "content_block_delta"},
+                               {"index", index},
+                               {"delta", QJsonObject{{"type", "text_delta"}, {"text", piece}}}});
+        } else {
+            usesTool = true;
+            QJsonObject start = block;
+            start.insert(QStringLiteral("input"), QJsonObject());
+            events.append({{"type", "content_block_start"}, {"index", index}, {"content_block", start}});
+            events.append(
+                {{"type", "content_block_delta"},
+                 {"index", index},
+                 {"delta", QJsonObject{{"type", "input_json_delta"},
+                                       {"partial_json", QString::fromUtf8(compact(
+                                                            block.value(QStringLiteral("input")).toObject()))}}}});
+        }
+        events.append({{"type", "content_block_stop"}, {"index", index}});
+    }
+    events.append(messageEnd(usesTool ? QStringLiteral("tool_use") : QStringLiteral("end_turn")));
+    events.append({{"type", "message_stop"}});
+    return events;
+}
+
 FakeModelServer::Reply FakeModelServer::messagesText(const QString& text)
 {
-    return eventStream(
-        {messageStart(),
-         {{"type", "content_block_start"}, {"index", 0}, {"content_block", QJsonObject{{"type", "text"}, {"text", ""}}}},
-         {{"type", "content_block_delta"}, {"index", 0}, {"delta", QJsonObject{{"type", "text_delta"}, {"text", text}}}},
-         {{"type", "content_block_stop"}, {"index", 0}},
-         messageEnd(QStringLiteral("end_turn")),
-         {{"type", "message_stop"}}});
+    return messagesBlocks({QJsonObject{{"type", "text"}, {"deltas", QJsonArray{text}}}});
 }
 
 FakeModelServer::Reply FakeModelServer::messagesToolUse(const QString& id, const QString& name,
                                                         const QJsonObject& input)
 {
-    return eventStream(
-        {messageStart(),
-         {{"type", "content_block_start"},
-          {"index", 0},
-          {"content_block", QJsonObject{{"type", "tool_use"}, {"id", id}, {"name", name}, {"input", QJsonObject()}}}},
-         {{"type", "content_block_delta"},
-          {"index", 0},
-          {"delta", QJsonObject{{"type", "input_json_delta"}, {"partial_json", QString::fromUtf8(compact(input))}}}},
-         {{"type", "content_block_stop"}, {"index", 0}},
-         messageEnd(QStringLiteral("tool_use")),
-         {{"type", "message_stop"}}});
+    return messagesBlocks({QJsonObject{{"type", "tool_use"}, {"id", id}, {"name", name}, {"input", input}}});
 }
 
 FakeModelServer::Reply FakeModelServer::messagesError(int status, const QString& message)
@@ -188,14 +262,18 @@ FakeModelServer::Reply FakeModelServer::responsesMessage(const QString& text)
 }
 
 FakeModelServer::Reply FakeModelServer::responsesFunctionCall(const QString& callId, const QString& name,
-                                                              const QJsonObject& arguments)
+                                                              const QJsonObject& arguments,
+                                                              const QString& toolNamespace)
 {
+    QJsonObject call{{"type", "function_call"},
+                     {"id", "fc_fake"},
+                     {"call_id", callId},
+                     {"name", name},
+                     {"arguments", QString::fromUtf8(compact(arguments))}};
+    if (!toolNamespace.isEmpty())
+        call.insert(QStringLiteral("namespace"), toolNamespace);
     return eventStream({{{"type", "response.created"}, {"response", QJsonObject{{"id", "resp_fake"}}}},
-                        responseItem({{"type", "function_call"},
-                                      {"id", "fc_fake"},
-                                      {"call_id", callId},
-                                      {"name", name},
-                                      {"arguments", QString::fromUtf8(compact(arguments))}}),
+                        responseItem(call),
                         responseCompleted()});
 }
 

@@ -32,6 +32,10 @@ public:
         int status = 200;
         QByteArray contentType;
         QByteArray body;
+        // A stream the model writes over time: after the body, one piece every
+        // `pieceIntervalMs`, as the chunks of a chunked body.
+        QList<QByteArray> laterPieces = {};
+        int pieceIntervalMs = 0;
     };
 
     FakeModelServer();
@@ -41,22 +45,36 @@ public:
     QString baseURL() const;
 
     std::function<Reply(const Request&)> respond;
+    // Told each later piece of a reply (its index) right before it is handed to the
+    // socket.
+    std::function<void(qsizetype piece)> onPieceSent;
     const QList<Request>& requests() const { return m_requests; }
 
-    // Anthropic Messages API.
+    // Anthropic Messages API. A message of content blocks: text blocks as
+    // {"type":"text","deltas":[…]} (the text in the pieces the model streams), tool uses
+    // as {"type":"tool_use","id","name","input"}.
+    static Reply messagesBlocks(const QJsonArray& blocks);
+    // The same message as the model writes it over time: up to its first delta at once,
+    // then one delta every `intervalMs`.
+    static Reply messagesOverTime(const QJsonArray& blocks, int intervalMs);
     static Reply messagesText(const QString& text);
     static Reply messagesToolUse(const QString& id, const QString& name, const QJsonObject& input);
     static Reply messagesError(int status, const QString& message);
     // Responses API.
     static Reply responsesMessage(const QString& text);
-    static Reply responsesFunctionCall(const QString& callId, const QString& name, const QJsonObject& arguments);
+    // A call of a function; an MCP tool is named by its tool and its namespace
+    // ("mcp__SERVER").
+    static Reply responsesFunctionCall(const QString& callId, const QString& name, const QJsonObject& arguments,
+                                       const QString& toolNamespace = QString());
     static Reply responsesFailed(const QString& message);
 
     static QByteArray sse(const QList<QJsonObject>& events);
 
 private:
+    static QList<QJsonObject> messageEvents(const QJsonArray& blocks);
     void onConnection();
     void onReadable(QTcpSocket* socket);
+    void sendLater(QTcpSocket* socket, const Reply& reply);
 
     QTcpServer* m_server;
     QList<Request> m_requests;

@@ -40,6 +40,9 @@ void AgentProcess::start(const QString& serverURL, const QProcessEnvironment& ex
 {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("XDG_CONFIG_HOME"), configHome.path());
+    // The chat bookkeeping and claude's sessions stay in the test's folders too.
+    env.insert(QStringLiteral("XDG_STATE_HOME"), configHome.path() + QStringLiteral("/state"));
+    env.insert(QStringLiteral("CLAUDE_CONFIG_DIR"), configHome.path() + QStringLiteral("/claude"));
     env.insert(QStringLiteral("BRINMOOR_SERVER_URL"), serverURL);
     env.insert(QStringLiteral("BRINMOOR_AGENT_ID"), agentId);
     env.insert(QStringLiteral("BRINMOOR_SHARED_TOKEN"), token);
@@ -67,6 +70,68 @@ bool AgentProcess::stop(int timeoutMs)
     return process.waitForFinished(timeoutMs);
 }
 
+HeadlessProcess::~HeadlessProcess()
+{
+    if (process.state() != QProcess::NotRunning) {
+        process.kill();
+        process.waitForFinished(5000);
+    }
+}
+
+void HeadlessProcess::start(quint16 port, const QProcessEnvironment& extra)
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    for (const QString& name :
+         {QStringLiteral("DISPLAY"), QStringLiteral("WAYLAND_DISPLAY"), QStringLiteral("BRINMOOR_SHARED_TOKEN"),
+          QStringLiteral("BRINMOOR_SERVER_URL"), QStringLiteral("BRINMOOR_SERVER_PATH")})
+        env.remove(name);
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), configHome.path());
+    env.insert(QStringLiteral("BRINMOOR_REPO_ROOT"), repo.path());
+    env.insert(QStringLiteral("BRINMOOR_AGENT_ID"), QStringLiteral("headless-mac"));
+    env.insert(QStringLiteral("BRINMOOR_SERVER_PORT"), QString::number(port));
+    merge(env, extra);
+    process.setProcessEnvironment(env);
+    process.start(binDir() + QStringLiteral("/BrinmoorMacAgent"), {QStringLiteral("--headless")});
+}
+
+const QByteArray& HeadlessProcess::output()
+{
+    m_out += process.readAllStandardOutput();
+    return m_out;
+}
+
+bool HeadlessProcess::waitForOutput(QByteArrayView text, int timeoutMs)
+{
+    const bool seen = waitUntil([&] { return output().contains(text); }, timeoutMs);
+    if (!seen)
+        qWarning("not in the output: %s\n%s", text.toByteArray().constData(), m_out.constData());
+    return seen;
+}
+
+bool HeadlessProcess::stop(int timeoutMs)
+{
+    if (process.state() == QProcess::NotRunning)
+        return true;
+    process.terminate();
+    return process.waitForFinished(timeoutMs);
+}
+
+RelayRefusal runRefusedRelay(const QProcessEnvironment& settings)
+{
+    QProcess server;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.remove(QStringLiteral("BRINMOOR_SHARED_TOKEN"));
+    merge(env, settings);
+    server.setProcessEnvironment(env);
+    server.start(binDir() + QStringLiteral("/brinmoor-server"), QStringList());
+    if (!server.waitForFinished(10000)) {
+        server.kill();
+        server.waitForFinished();
+        return {};
+    }
+    return {server.exitCode(), QString::fromUtf8(server.readAllStandardError()), server.readAllStandardOutput()};
+}
+
 RelayProcess::~RelayProcess()
 {
     kill();
@@ -80,6 +145,7 @@ bool RelayProcess::start(const QProcessEnvironment& extra, quint16 wantedPort)
     env.insert(QStringLiteral("BRINMOOR_SERVER_PORT"), QString::number(wantedPort));
     env.insert(QStringLiteral("BRINMOOR_SERVER_BIND"), QStringLiteral("127.0.0.1"));
     merge(env, extra);
+    m_tls = !env.value(QStringLiteral("BRINMOOR_TLS_CERT")).isEmpty();
     process.setProcessEnvironment(env);
     process.setProcessChannelMode(QProcess::SeparateChannels);
     process.start(binDir() + QStringLiteral("/brinmoor-server"), QStringList());
@@ -100,7 +166,7 @@ bool RelayProcess::start(const QProcessEnvironment& extra, quint16 wantedPort)
 
 QString RelayProcess::url() const
 {
-    return QStringLiteral("http://127.0.0.1:") + QString::number(port);
+    return (m_tls ? QStringLiteral("https://127.0.0.1:") : QStringLiteral("http://127.0.0.1:")) + QString::number(port);
 }
 
 QStringList RelayProcess::lines()

@@ -9,8 +9,8 @@
 
 namespace brinmoor::test {
 
-// The agent as a user runs it (`--agent-only`), with its own config home and repository
-// root, pointed at a server.
+// The agent as a user runs it (`--agent-only`), with its own config home (which also
+// holds its state and claude's sessions) and repository root, pointed at a server.
 struct AgentProcess {
     QTemporaryDir configHome;
     QTemporaryDir repo;
@@ -29,6 +29,26 @@ private:
     QByteArray m_out;
 };
 
+// The app as a new user runs it (`--headless`): its own config home and repository
+// root, no display, and the local server it starts on the port given; agent id
+// "headless-mac".
+struct HeadlessProcess {
+    QTemporaryDir configHome;
+    QTemporaryDir repo;
+    QProcess process;
+
+    ~HeadlessProcess();
+    void start(quint16 port, const QProcessEnvironment& extra = {});
+    // Everything it printed so far (its own lines and the server's).
+    const QByteArray& output();
+    bool waitForOutput(QByteArrayView text, int timeoutMs = 10000);
+    // Sends SIGTERM and waits for the end; false when it did not end in time.
+    bool stop(int timeoutMs = 10000);
+
+private:
+    QByteArray m_out;
+};
+
 // A `brinmoor-server` on 127.0.0.1 and a port of its own choosing (or a given one).
 struct RelayProcess {
     QProcess process;
@@ -38,6 +58,7 @@ struct RelayProcess {
     ~RelayProcess();
     // Starts it and waits for its "listening port=" line.
     bool start(const QProcessEnvironment& extra = {}, quint16 wantedPort = 0);
+    // "http://127.0.0.1:PORT", or https when it was given a certificate.
     QString url() const;
     // Its output lines so far.
     QStringList lines();
@@ -48,7 +69,18 @@ struct RelayProcess {
 
 private:
     QByteArray m_out;
+    bool m_tls = false;
 };
+
+// What brinmoor-server said when it would not start.
+struct RelayRefusal {
+    int exitCode = -1;
+    QString error;     // standard error
+    QByteArray output; // standard output
+};
+// Starts brinmoor-server with the system environment less BRINMOOR_SHARED_TOKEN, plus
+// `settings`, and waits for it to end.
+RelayRefusal runRefusedRelay(const QProcessEnvironment& settings);
 
 // Environment entries for tests, from "NAME=value" texts.
 QProcessEnvironment environment(const QStringList& entries);

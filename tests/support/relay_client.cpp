@@ -4,6 +4,7 @@
 
 #include <QJsonDocument>
 #include <QNetworkRequest>
+#include <QSslSocket>
 #include <QTcpSocket>
 #include <QWebSocket>
 #include <QWebSocketHandshakeOptions>
@@ -20,22 +21,36 @@ RelayClient::RelayClient(QObject* parent)
 
 RelayClient::~RelayClient() = default;
 
+void RelayClient::useTls(const QSslConfiguration& tls)
+{
+    m_tls = true;
+    m_socket->setSslConfiguration(tls);
+}
+
+QUrl RelayClient::url(quint16 port, const QString& pathAndQuery) const
+{
+    return QUrl((m_tls ? QStringLiteral("wss") : QStringLiteral("ws")) + QStringLiteral("://127.0.0.1:") +
+                QString::number(port) + pathAndQuery);
+}
+
 bool RelayClient::open(quint16 port, const QString& token, TokenVia via, const QStringList& otherSubprotocols)
 {
-    return open(QUrl(QStringLiteral("ws://127.0.0.1:%1/v1/ws/client").arg(port)), token, via, otherSubprotocols);
+    return open(url(port, QStringLiteral("/v1/ws/client")), token, via, otherSubprotocols);
 }
 
 bool RelayClient::openResuming(quint16 port, const QString& token, const QJsonObject& since)
 {
-    QUrl url(QStringLiteral("ws://127.0.0.1:%1/v1/ws/client").arg(port));
-    url.setQuery(QStringLiteral("since=") + QString::fromLatin1(QUrl::toPercentEncoding(QString::fromUtf8(
-                                                QJsonDocument(since).toJson(QJsonDocument::Compact)))));
-    return open(url, token, TokenVia::Header, {});
+    QUrl resuming = url(port, QStringLiteral("/v1/ws/client"));
+    resuming.setQuery(QStringLiteral("since=") + QString::fromLatin1(QUrl::toPercentEncoding(QString::fromUtf8(
+                                                     QJsonDocument(since).toJson(QJsonDocument::Compact)))));
+    return open(resuming, token, TokenVia::Header, {});
 }
 
 bool RelayClient::open(const QUrl& url, const QString& token, TokenVia via, const QStringList& otherSubprotocols)
 {
     QNetworkRequest request(url);
+    if (!m_origin.isEmpty())
+        request.setRawHeader("Origin", m_origin);
     QWebSocketHandshakeOptions options;
     QStringList protocols = otherSubprotocols;
     if (via == TokenVia::Header)
@@ -51,7 +66,7 @@ bool RelayClient::open(const QUrl& url, const QString& token, TokenVia via, cons
 
 bool RelayClient::openAgent(quint16 port, const QString& agentId, const QString& token, bool announce)
 {
-    QNetworkRequest request(QUrl(QStringLiteral("ws://127.0.0.1:%1/v1/ws/agent?agentId=%2").arg(port).arg(agentId)));
+    QNetworkRequest request(url(port, QStringLiteral("/v1/ws/agent?agentId=") + agentId));
     request.setRawHeader("Authorization", "Bearer " + token.toUtf8());
     m_socket->open(request);
     const std::optional<QJsonObject> hello = waitForType(QStringLiteral("agent.hello"));
@@ -123,10 +138,37 @@ QString RelayClient::trace() const
 
 QByteArray httpExchange(quint16 port, const QByteArray& request, int timeoutMs)
 {
+    return httpExchangeFrom(QStringLiteral("127.0.0.1"), port, request, timeoutMs);
+}
+
+QByteArray httpExchangeFrom(const QString& from, quint16 port, const QByteArray& request, int timeoutMs)
+{
     QTcpSocket socket;
+    socket.bind(QHostAddress(from));
     socket.connectToHost(QStringLiteral("127.0.0.1"), port);
     if (!socket.waitForConnected(timeoutMs))
         return {};
+    socket.write(request);
+    return readUntilClosed(socket, timeoutMs);
+}
+
+QByteArray httpsExchange(quint16 port, const QByteArray& request, const QSslConfiguration& tls, const QString& peerName,
+                         int timeoutMs)
+{
+    QSslSocket socket;
+    socket.setSslConfiguration(tls);
+    QList<QSslError> refused;
+    QObject::connect(&socket, &QSslSocket::sslErrors, &socket,
+                     [&refused](const QList<QSslError>& errors) { refused = errors; });
+    socket.connectToHostEncrypted(QStringLiteral("127.0.0.1"), port,
+                                  peerName.isEmpty() ? QStringLiteral("127.0.0.1") : peerName);
+    if (!waitUntil([&] { return socket.isEncrypted() || socket.state() == QAbstractSocket::UnconnectedState; },
+                   timeoutMs) ||
+        !socket.isEncrypted()) {
+        for (const QSslError& error : refused)
+            qWarning("certificate refused: %s", qPrintable(error.errorString()));
+        return {};
+    }
     socket.write(request);
     return readUntilClosed(socket, timeoutMs);
 }
@@ -151,6 +193,18 @@ QString statusAndBody(const QByteArray& response)
     if (headEnd < 0 || lineEnd < 0)
         return QString::fromUtf8(response);
     return QString::fromUtf8(response.left(lineEnd)) + QLatin1Char('\n') + QString::fromUtf8(response.mid(headEnd + 4));
+}
+
+std::optional<QByteArray> responseHeader(const QByteArray& response, QByteArrayView name)
+{
+    const qsizetype headEnd = response.indexOf("\r\n\r\n");
+    const QList<QByteArray> lines = response.left(headEnd < 0 ? response.size() : headEnd).split('\n');
+    for (qsizetype i = 1; i < lines.size(); ++i) {
+        const qsizetype colon = lines[i].indexOf(':');
+        if (colon > 0 && QByteArrayView(lines[i]).first(colon).trimmed().compare(name, Qt::CaseInsensitive) == 0)
+            return lines[i].mid(colon + 1).trimmed();
+    }
+    return std::nullopt;
 }
 
 } // namespace brinmoor::test

@@ -3,12 +3,14 @@
 #include <QJsonObject>
 #include <QList>
 #include <QObject>
+#include <QSslConfiguration>
 #include <QString>
 
 #include <functional>
 #include <optional>
 
 class QTcpSocket;
+class QUrl;
 class QWebSocket;
 
 namespace brinmoor::test {
@@ -23,6 +25,11 @@ public:
 
     explicit RelayClient(QObject* parent = nullptr);
     ~RelayClient() override;
+
+    // Connects over TLS (wss://127.0.0.1) from now on, trusting what `tls` trusts.
+    void useTls(const QSslConfiguration& tls);
+    // Sends this Origin header with the handshake, as a browser's page does.
+    void setOrigin(const QByteArray& origin) { m_origin = origin; }
 
     // Connects and waits for "server.hello"; false when that does not happen.
     bool open(quint16 port, const QString& token, TokenVia via = TokenVia::Header,
@@ -47,9 +54,12 @@ public:
 
 private:
     bool open(const QUrl& url, const QString& token, TokenVia via, const QStringList& otherSubprotocols);
+    QUrl url(quint16 port, const QString& pathAndQuery) const;
 
     QWebSocket* m_socket;
     QList<QJsonObject> m_messages;
+    bool m_tls = false;
+    QByteArray m_origin;
 };
 
 // Reads until the peer closes the connection (or the time runs out).
@@ -57,7 +67,16 @@ QByteArray readUntilClosed(QTcpSocket& socket, int timeoutMs = 10000);
 // Sends raw bytes to 127.0.0.1:port and returns everything read until the server
 // closes the connection (or the time runs out).
 QByteArray httpExchange(quint16 port, const QByteArray& request, int timeoutMs = 10000);
+// The same from another loopback address (127.0.0.2, …), as from another machine.
+QByteArray httpExchangeFrom(const QString& from, quint16 port, const QByteArray& request, int timeoutMs = 10000);
+// The same over TLS, trusting what `tls` trusts and checking the certificate for
+// `peerName` (127.0.0.1 when empty); empty when the handshake fails.
+QByteArray httpsExchange(quint16 port, const QByteArray& request, const QSslConfiguration& tls,
+                         const QString& peerName = {}, int timeoutMs = 10000);
 // The status line and body of a response, "HTTP/1.1 200 OK\n{…}"; headers dropped.
 QString statusAndBody(const QByteArray& response);
+// The value of one header of a response (name compared without regard to case), or
+// none.
+std::optional<QByteArray> responseHeader(const QByteArray& response, QByteArrayView name);
 
 } // namespace brinmoor::test

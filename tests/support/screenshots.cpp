@@ -35,7 +35,7 @@ int main(int argc, char** argv)
     menu.menu()->ensurePolished();
     if (!menu.menu()->grab().save(out + QStringLiteral("/menu.png")))
         return 1;
-    PairingPanel panel(controller.currentPairingPayload(), controller.pairingTooltip());
+    PairingPanel panel(controller.currentPairingPayload(), controller.pairingTooltip(), controller.webClientURL());
     panel.ensurePolished();
     if (!panel.grab().save(out + QStringLiteral("/pairing-panel.png")))
         return 1;

@@ -1,0 +1,48 @@
+# Builds Brinmoor Web (web/) with npm and compiles the result into a Qt resource, so that
+# brinmoor-server serves it from its own binary. npm ci runs when the lock file changes,
+# the Vite build when anything under web/ does.
+find_program(BRINMOOR_NPM npm REQUIRED)
+find_program(BRINMOOR_NODE node REQUIRED)
+
+set(web_source ${PROJECT_SOURCE_DIR}/web)
+set(web_build ${CMAKE_BINARY_DIR}/web)
+set(web_dist ${web_build}/dist)
+
+file(GLOB_RECURSE web_inputs CONFIGURE_DEPENDS
+  ${web_source}/src/*
+  ${web_source}/public/*)
+list(APPEND web_inputs
+  ${web_source}/index.html
+  ${web_source}/vite.config.ts
+  ${web_source}/tsconfig.json)
+
+add_custom_command(
+  OUTPUT ${web_build}/npm-ci.stamp
+  COMMAND ${BRINMOOR_NPM} ci --no-audit --no-fund --loglevel=error
+  COMMAND ${CMAKE_COMMAND} -E touch ${web_build}/npm-ci.stamp
+  DEPENDS ${web_source}/package.json ${web_source}/package-lock.json
+  WORKING_DIRECTORY ${web_source}
+  COMMENT "Installing the web client's packages (npm ci)"
+  VERBATIM)
+
+add_custom_command(
+  OUTPUT ${web_build}/dist.stamp
+  COMMAND ${BRINMOOR_NPM} run --silent build -- --outDir ${web_dist} --emptyOutDir --logLevel warn
+  COMMAND ${CMAKE_COMMAND} -E touch ${web_build}/dist.stamp
+  DEPENDS ${web_build}/npm-ci.stamp ${web_inputs}
+  WORKING_DIRECTORY ${web_source}
+  COMMENT "Building the web client (vite build)"
+  VERBATIM)
+
+# The file names change with every build (they carry content hashes), so the .qrc is
+# written after the build, listing what is there.
+add_custom_command(
+  OUTPUT ${web_build}/brinmoor_web.cpp
+  COMMAND ${CMAKE_COMMAND} -DDIST=${web_dist} -DQRC=${web_build}/brinmoor_web.qrc
+          -P ${PROJECT_SOURCE_DIR}/cmake/web_qrc.cmake
+  COMMAND Qt6::rcc --name brinmoor_web --no-compress -o ${web_build}/brinmoor_web.cpp ${web_build}/brinmoor_web.qrc
+  DEPENDS ${web_build}/dist.stamp ${PROJECT_SOURCE_DIR}/cmake/web_qrc.cmake
+  COMMENT "Embedding the web client"
+  VERBATIM)
+
+set(BRINMOOR_WEB_RESOURCE ${web_build}/brinmoor_web.cpp)

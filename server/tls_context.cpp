@@ -1,0 +1,119 @@
+#include "tls_context.h"
+
+#include <QFile>
+#include <QSslCertificate>
+#include <QSslKey>
+#include <QSslSocket>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace brinmoor::relay {
+
+namespace {
+
+constexpr int kMinimumRsaBits = 2048;
+
+std::variant<QByteArray, QString> readFile(const char* variable, const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QLatin1String(variable) + QStringLiteral(" cannot be read: ") + path + QStringLiteral(": ") +
+               file.errorString();
+    const QByteArray text = file.readAll();
+    if (file.error() != QFileDevice::NoError)
+        return QLatin1String(variable) + QStringLiteral(" cannot be read: ") + path + QStringLiteral(": ") +
+               file.errorString();
+    return text;
+}
+
+QSslKey privateKey(const QByteArray& pem)
+{
+    for (const QSsl::KeyAlgorithm algorithm : {QSsl::Rsa, QSsl::Ec}) {
+        QSslKey key(pem, algorithm, QSsl::Pem, QSsl::PrivateKey);
+        if (!key.isNull())
+            return key;
+    }
+    return {};
+}
+
+// OpenSSL checks that the key belongs to the certificate when it sets up a server's
+// context, which a server socket does as it starts encrypting: on one end of a socket
+// pair that nobody writes to, that happens at once and goes no further.
+bool opensslTakesThePair(const QSslConfiguration& configuration)
+{
+    int ends[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
+        return false;
+    bool failed = false;
+    {
+        QSslSocket probe;
+        if (probe.setSocketDescriptor(ends[0])) {
+            probe.setSslConfiguration(configuration);
+            QObject::connect(&probe, &QSslSocket::errorOccurred, &probe, [&failed] { failed = true; });
+            probe.startServerEncryption();
+            probe.abort();
+        } else {
+            ::close(ends[0]);
+            failed = true;
+        }
+    }
+    ::close(ends[1]);
+    return !failed;
+}
+
+} // namespace
+
+std::variant<QSslConfiguration, QString> loadTlsConfiguration(const TlsFiles& files)
+{
+    if (files.key.isEmpty())
+        return QStringLiteral("BRINMOOR_TLS_CERT is set but BRINMOOR_TLS_KEY is not");
+    if (files.certificate.isEmpty())
+        return QStringLiteral("BRINMOOR_TLS_KEY is set but BRINMOOR_TLS_CERT is not");
+
+    const auto certificateText = readFile("BRINMOOR_TLS_CERT", files.certificate);
+    if (const QString* problem = std::get_if<QString>(&certificateText))
+        return *problem;
+    const QList<QSslCertificate> chain = QSslCertificate::fromData(std::get<QByteArray>(certificateText), QSsl::Pem);
+    if (chain.isEmpty() || chain.first().isNull())
+        return QStringLiteral("BRINMOOR_TLS_CERT holds no PEM certificate: ") + files.certificate;
+
+    const auto keyText = readFile("BRINMOOR_TLS_KEY", files.key);
+    if (const QString* problem = std::get_if<QString>(&keyText))
+        return *problem;
+    const QSslKey key = privateKey(std::get<QByteArray>(keyText));
+    if (key.isNull())
+        return QStringLiteral("BRINMOOR_TLS_KEY holds no PEM private key that can be used (RSA or EC, not "
+                              "encrypted): ") +
+               files.key;
+
+    const QSslKey publicKey = chain.first().publicKey();
+    if (publicKey.algorithm() == QSsl::Rsa && key.algorithm() == QSsl::Rsa && publicKey.length() == key.length() &&
+        key.length() < kMinimumRsaBits)
+        return QStringLiteral("BRINMOOR_TLS_CERT holds an RSA key of %1 bits; TLS here needs at least %2: %3")
+            .arg(key.length())
+            .arg(kMinimumRsaBits)
+            .arg(files.certificate);
+
+    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+    configuration.setProtocol(QSsl::TlsV1_2OrLater);
+    configuration.setPeerVerifyMode(QSslSocket::VerifyNone);
+    configuration.setLocalCertificateChain(chain);
+    configuration.setPrivateKey(key);
+    configuration.setAllowedNextProtocols({QByteArray(QSslConfiguration::NextProtocolHttp1_1)});
+    if (publicKey.algorithm() != key.algorithm() || publicKey.length() != key.length() ||
+        !opensslTakesThePair(configuration))
+        return QStringLiteral("BRINMOOR_TLS_KEY is not the key of the certificate in BRINMOOR_TLS_CERT: ") + files.key +
+               QStringLiteral(", ") + files.certificate;
+    return configuration;
+}
+
+QString expiryText(const QSslConfiguration& configuration)
+{
+    const QList<QSslCertificate> chain = configuration.localCertificateChain();
+    if (chain.isEmpty())
+        return {};
+    return chain.first().expiryDate().toUTC().toString(Qt::ISODate);
+}
+
+} // namespace brinmoor::relay

@@ -1,0 +1,192 @@
+// Brinmoor Web's figures, in headless Chromium against a real relay and agent on
+// loopback: what the first load fetches, the time to the agent list, terminal throughput
+// and responsiveness, keystroke echo, and the cost of a streamed answer's chunks.
+import { writeFileSync } from 'node:fs';
+import { join } from 'node:path';
+import { codexStream, kAgentId, kToken, World } from './harness.mjs';
+
+const kDesktop = { width: 1280, height: 800, deviceScaleFactor: 1, isMobile: false, hasTouch: false };
+const world = new World();
+
+function median(values) {
+  const sorted = [...values].sort((a, b) => a - b);
+  return sorted[Math.floor(sorted.length / 2)];
+}
+
+function percentile(values, p) {
+  const sorted = [...values].sort((a, b) => a - b);
+  return sorted[Math.min(sorted.length - 1, Math.floor((sorted.length * p) / 100))];
+}
+
+function print(name, value, unit, target) {
+  console.log(`${name}: ${value}${unit ? ' ' + unit : ''}${target ? `  (target ${target})` : ''}`);
+}
+
+// The bytes of a file as the server sends it to a browser that takes gzip.
+async function servedSize(path) {
+  const response = await fetch(world.origin + path, { headers: { 'Accept-Encoding': 'gzip' } });
+  await response.arrayBuffer();
+  return Number(response.headers.get('content-length'));
+}
+
+async function firstLoad() {
+  // The page, and what it names: its script, its style sheet, the preloaded modules and
+  // the icon. The terminal, the diff view and the highlighter come later, when used.
+  const index = await (await fetch(world.origin + '/')).text();
+  const named = [...index.matchAll(/(?:src|href)="(\/[^"]+)"/g)].map((match) => match[1]);
+  let bytes = await servedSize('/');
+  for (const path of new Set(named)) bytes += await servedSize(path);
+  print(`first load, gzip bytes of the page and the ${named.length} files it names`, (bytes / 1024).toFixed(1), 'KB', '<= 250 KB');
+
+  // Each load in a fresh browser context, as a phone opening the link for the first time.
+  const times = [];
+  for (let i = 0; i < 5; i++) {
+    const fresh = await world.browser.createBrowserContext();
+    const again = await world.page(kDesktop, fresh);
+    await again.goto(`${world.origin}/#token=${kToken}`, { waitUntil: 'domcontentloaded' });
+    await again.waitForSelector(`[data-agent="${kAgentId}"]`);
+    // From the start of the navigation; a little late by the round trip of this question.
+    times.push(await again.evaluate(() => performance.now()));
+    await fresh.close();
+  }
+  print('time to the first rendered agent list (median of 5 loads)', median(times).toFixed(0), 'ms', '< 500 ms');
+}
+
+async function openTerminal(page) {
+  await page.goto(`${world.origin}/#token=${kToken}`);
+  await page.waitForSelector('.project');
+  await page.click('.project');
+  await page.waitForSelector('button[role=tab]');
+  await page.evaluate(() => window.brinmoor.navigation.go({ tab: 'terminal' }));
+  await page.waitForSelector('.terminal-start .primary');
+  await page.click('.terminal-start .primary');
+  await page.waitForSelector('.terminal-head .status-dot.online');
+  await page.focus('.xterm-helper-textarea');
+  return page.evaluate(() => {
+    const { agentId, projectPath } = window.brinmoor.navigation.place;
+    return window.brinmoor.terminals.forProject(agentId, projectPath).sessionId;
+  });
+}
+
+async function terminal() {
+  const page = await world.page(kDesktop);
+  await page.bringToFront();
+  const sessionId = await openTerminal(page);
+  const processed = () => page.evaluate((id) => window.brinmoor.terminals.get(id).processed ?? 0, sessionId);
+
+  // Keystroke to echo: a key goes to the shell through the relay and the agent's pty, and
+  // the echo comes back; measured from the key event to the terminal having processed
+  // the echo, and to the row being drawn.
+  await page.keyboard.type('echo ');
+  await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('echo'));
+  // Each key is timed in the page from just before it is sent to the moment the rows show
+  // its echo (the wait looks at every change of the page).
+  const drawn = [];
+  let typed = 'echo ';
+  for (let i = 0; i < 40; i++) {
+    const key = 'abcdefghij'[i % 10];
+    typed += key;
+    const sent = await page.evaluate(() => performance.now());
+    await page.keyboard.press(key);
+    const shown = await page.waitForFunction(
+      (text) => document.querySelector('.xterm-rows').innerText.includes(text) && performance.now(),
+      { polling: 'mutation' },
+      typed,
+    );
+    drawn.push((await shown.jsonValue()) - sent);
+  }
+  print('keystroke to rendered echo through the relay (median of 40)', median(drawn).toFixed(1), 'ms', 'median < 10 ms');
+  print('keystroke to rendered echo, 95th percentile', percentile(drawn, 95).toFixed(1), 'ms');
+  await page.keyboard.down('Control');
+  await page.keyboard.press('u');
+  await page.keyboard.up('Control');
+
+  // Throughput: cat of a 50 MB file to the last byte processed by xterm.js, while the page
+  // is asked something every 50 ms.
+  const file = join(world.root, 'big.txt');
+  const line = 'x'.repeat(79) + '\n';
+  writeFileSync(file, line.repeat((50 * 1024 * 1024) / line.length));
+  const start = await processed();
+  const began = Date.now();
+  await page.keyboard.type(`cat ${file}; echo cat-done-$((40+2))`);
+  await page.keyboard.press('Enter');
+  const answers = [];
+  let done = false;
+  const probe = (async () => {
+    while (!done) {
+      const sent = Date.now();
+      await page.evaluate(() => 0);
+      answers.push(Date.now() - sent);
+      await new Promise((resolve) => setTimeout(resolve, 50));
+    }
+  })();
+  await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('cat-done-42'), { timeout: 240000 });
+  const seconds = (Date.now() - began) / 1000;
+  done = true;
+  await probe;
+  const characters = (await processed()) - start;
+  print('terminal: cat of 50 MB to the last byte processed by xterm.js', (50 / seconds).toFixed(1), 'MB/s', '>= 20 MB/s');
+  print('terminal: characters processed during the cat', (characters / 1e6).toFixed(1), 'M');
+  print('terminal: page answer time during the cat, max', Math.max(...answers), 'ms', '< 100 ms');
+  print('terminal: page answer time during the cat, 95th percentile', percentile(answers, 95), 'ms');
+  // Without flow control the relay drops a reader that falls 8 MiB behind; the page then
+  // reconnects and the terminal is attached again with its replay.
+  const dropped = world.relayLog.match(/client\.dropped [^\n]*/g) ?? [];
+  print('terminal: times the relay dropped the page for being slow', dropped.length);
+  await page.close();
+}
+
+async function chat() {
+  // 1 MB of answer in 1,000 pieces of Codex messages with paragraphs.
+  const paragraph = (i) => `Paragraph ${i}: ` + 'lorem ipsum dolor sit amet '.repeat(18) + '\n';
+  const messages = Array.from({ length: 1000 }, (_, i) => paragraph(2 * i) + '\n' + paragraph(2 * i + 1));
+  world.fakeFile('codex.stream', codexStream(messages).replace(/\x01/g, ''));
+  const page = await world.page(kDesktop);
+  await page.bringToFront();
+  await page.goto(`${world.origin}/#token=${kToken}`);
+  await page.waitForSelector('.project');
+  await page.click('.project');
+  await page.evaluate(() => window.brinmoor.navigation.go({ tab: 'chat' }));
+  await page.waitForSelector('.new-chat-button');
+  await page.evaluate(() => (window.brinmoorMarkdownTimings = []));
+  await page.click('.segmented button:nth-child(2)');
+  await page.click('.new-chat-button');
+  await page.waitForSelector('textarea[name=prompt]');
+  await page.type('textarea[name=prompt]', 'Write a lot');
+  await page.click('.composer .primary');
+  await page.waitForFunction(() => document.querySelector('.message.assistant.done'), { timeout: 120000 });
+  const timings = await page.evaluate(() => window.brinmoorMarkdownTimings);
+  // Renders while streaming, in order; each covers the chunks that arrived since the last.
+  const streamed = timings.slice(0, -1).filter((t) => t.chunks > 0);
+  const total = streamed.reduce((sum, t) => sum + t.chunks, 0);
+  const perChunk = (part) => {
+    const chunks = part.reduce((sum, t) => sum + t.chunks, 0);
+    const ms = part.reduce((sum, t) => sum + t.ms, 0);
+    return `${(ms / Math.max(1, chunks)).toFixed(3)} ms a chunk (${(ms / Math.max(1, part.length)).toFixed(2)} ms a render of ${(chunks / Math.max(1, part.length)).toFixed(1)} chunks)`;
+  };
+  // A render belongs to the start when it began in the first tenth of the chunks, to the
+  // end when it finished in the last tenth.
+  let seen = 0;
+  const first = [];
+  const last = [];
+  for (const t of streamed) {
+    if (seen < total * 0.1) first.push(t);
+    if (seen + t.chunks > total * 0.9) last.push(t);
+    seen += t.chunks;
+  }
+  const text = await page.$eval('.message.assistant.done .markdown', (e) => e.textContent.length);
+  print('chat: chunks of the 1 MB answer rendered while streaming', total);
+  print('chat: render time, first 10% of the answer', perChunk(first));
+  print('chat: render time, last 10% of the answer', perChunk(last), '', 'no growth');
+  print('chat: characters of the answer shown', text);
+  await page.close();
+}
+
+try {
+  await world.start();
+  await firstLoad();
+  await terminal();
+  await chat();
+} finally {
+  await world.stop();
+}

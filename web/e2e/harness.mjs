@@ -1,0 +1,211 @@
+// What the browser tests and the benchmark run against: a real brinmoor-server, a real
+// BrinmoorMacAgent --agent-only with the fake claude and codex first on its PATH, and
+// Debian's Chromium driven by puppeteer-core.
+import { spawn } from 'node:child_process';
+import { mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
+import puppeteer from 'puppeteer-core';
+
+export const kToken = 'e2e-token-5f1c';
+export const kAgentId = 'studio-mac';
+
+function required(name) {
+  const value = process.env[name];
+  if (!value) throw new Error(`${name} is not set (run through ctest, or set it to the build's folder)`);
+  return value;
+}
+
+// Resolves with the first line of `stream` that `match` accepts; rejects at the deadline.
+function waitForLine(child, stream, match, what, timeoutMs = 20000) {
+  return new Promise((resolve, reject) => {
+    let buffer = '';
+    const timer = setTimeout(() => {
+      stream.off('data', onData);
+      reject(new Error(`no ${what} within ${timeoutMs} ms; output so far:\n${buffer}`));
+    }, timeoutMs);
+    const onData = (data) => {
+      buffer += data;
+      for (const line of buffer.split('\n')) {
+        const found = match(line);
+        if (found) {
+          clearTimeout(timer);
+          stream.off('data', onData);
+          resolve(found);
+          return;
+        }
+      }
+    };
+    stream.setEncoding('utf8');
+    stream.on('data', onData);
+    child.once('exit', (code) => reject(new Error(`${what}: the process ended (${code}) first; output:\n${buffer}`)));
+  });
+}
+
+function stopProcess(child, signal = 'SIGTERM') {
+  if (!child || child.exitCode !== null || child.signalCode !== null) return Promise.resolve();
+  return new Promise((resolve) => {
+    const kill = setTimeout(() => child.kill('SIGKILL'), 10000);
+    child.once('exit', () => {
+      clearTimeout(kill);
+      resolve();
+    });
+    child.kill(signal);
+  });
+}
+
+export class World {
+  constructor() {
+    this.bin = required('BRINMOOR_BIN_DIR');
+    this.fakeTools = required('BRINMOOR_FAKE_TOOLS_DIR');
+    this.helper = join(this.bin, 'brinmoor_test_helper');
+    this.root = mkdtempSync(join(tmpdir(), 'brinmoor-web-e2e-'));
+    this.repo = join(this.root, 'repo');
+    this.project = join(this.repo, 'App');
+    this.fake = join(this.root, 'fake');
+    for (const dir of [this.project, this.fake, join(this.root, 'config'), join(this.root, 'tmp'), join(this.root, 'chromium')]) {
+      mkdirSync(dir, { recursive: true });
+    }
+    writeFileSync(join(this.project, 'Package.swift'), '// swift-tools-version:5.9\n');
+    this.relayLog = '';
+  }
+
+  async start() {
+    // Whatever ends this process ends the relay and the agent with it.
+    process.once('exit', () => {
+      for (const child of [this.agent, this.relay]) if (child && child.exitCode === null) child.kill('SIGKILL');
+    });
+    for (const signal of ['SIGINT', 'SIGTERM']) process.once(signal, () => process.exit(1));
+    this.relay = spawn(join(this.bin, 'brinmoor-server'), [], {
+      env: { ...process.env, BRINMOOR_SHARED_TOKEN: kToken, BRINMOOR_SERVER_PORT: '0', BRINMOOR_SERVER_BIND: '127.0.0.1' },
+      stdio: ['ignore', 'pipe', 'inherit'],
+    });
+    this.relay.stdout.setEncoding('utf8');
+    this.relay.stdout.on('data', (data) => (this.relayLog += data));
+    const port = await waitForLine(this.relay, this.relay.stdout, (line) => /^listening port=(\d+)$/.exec(line)?.[1], 'listening line');
+    this.port = Number(port);
+    this.origin = `http://127.0.0.1:${this.port}`;
+    await this.startAgent();
+    this.browser = await puppeteer.launch({
+      executablePath: process.env.BRINMOOR_CHROMIUM ?? '/usr/bin/chromium',
+      headless: true,
+      userDataDir: join(this.root, 'chromium'),
+      args: [
+        '--headless',
+        '--no-sandbox',
+        '--disable-gpu',
+        '--disable-quic',
+        '--no-first-run',
+        '--disable-background-networking',
+        '--disable-component-update',
+        '--disable-sync',
+        '--disable-dev-shm-usage',
+      ],
+    });
+  }
+
+  async startAgent() {
+    this.agent = spawn(join(this.bin, 'BrinmoorMacAgent'), ['--agent-only'], {
+      env: {
+        ...process.env,
+        PATH: `${this.fakeTools}:${process.env.PATH}`,
+        XDG_CONFIG_HOME: join(this.root, 'config'),
+        BRINMOOR_SERVER_URL: this.origin,
+        BRINMOOR_AGENT_ID: kAgentId,
+        BRINMOOR_SHARED_TOKEN: kToken,
+        BRINMOOR_REPO_ROOT: this.repo,
+        BRINMOOR_PROJECTS: this.project,
+        BRINMOOR_FAKE_DIR: this.fake,
+        BRINMOOR_TEST_HELPER: this.helper,
+        TMPDIR: join(this.root, 'tmp'),
+      },
+      stdio: ['ignore', 'pipe', 'pipe'],
+    });
+    this.agentLog = '';
+    this.agent.stdout.setEncoding('utf8');
+    this.agent.stderr.setEncoding('utf8');
+    this.agent.stdout.on('data', (data) => (this.agentLog += data));
+    this.agent.stderr.on('data', (data) => (this.agentLog += data));
+    await this.waitFor(() => this.relayLog.includes(`agent.register agentId=${kAgentId}\n`), 'the agent to register');
+  }
+
+  // Waits for a condition outside the page (a file, a log line) with a deadline, looking
+  // again every 20 ms.
+  async waitFor(condition, what, timeoutMs = 20000) {
+    const deadline = Date.now() + timeoutMs;
+    while (!condition()) {
+      if (Date.now() > deadline) throw new Error(`timed out waiting for ${what}`);
+      await new Promise((resolve) => setTimeout(resolve, 20));
+    }
+  }
+
+  // A fresh page at phone size (or the given viewport), recording what the page's
+  // policy refused and every uncaught error.
+  async page(viewport = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: true, hasTouch: true }, context = this.browser.defaultBrowserContext()) {
+    const page = await context.newPage();
+    await page.setViewport(viewport);
+    page.problems = [];
+    page.on('pageerror', (error) => page.problems.push('page error: ' + error.message));
+    page.on('console', (message) => {
+      if (message.type() === 'error') page.problems.push('console error: ' + message.text());
+    });
+    // Reported to this process, so that what happened before a reload is kept too.
+    await page.exposeFunction('brinmoorPolicyViolation', (text) => page.problems.push('policy: ' + text));
+    await page.evaluateOnNewDocument(() => {
+      document.addEventListener('securitypolicyviolation', (event) => {
+        window.brinmoorPolicyViolation(
+          `${event.violatedDirective} ${event.blockedURI} ${event.sourceFile}:${event.lineNumber}:${event.columnNumber} ${event.sample}`,
+        );
+      });
+    });
+    return page;
+  }
+
+  fakeFile(name, content) {
+    writeFileSync(join(this.fake, name), content);
+  }
+
+  readFake(name) {
+    return readFileSync(join(this.fake, name), 'utf8');
+  }
+
+  // The arguments of the N-th call of a fake tool.
+  fakeArgs(tool, call) {
+    return readFileSync(join(this.fake, `${tool}.${call}.args`), 'utf8').split('\0').slice(0, -1);
+  }
+
+  async stop() {
+    // Kept for a look after a failure when asked for.
+    const logs = process.env.BRINMOOR_WEB_E2E_LOGS;
+    if (logs) {
+      mkdirSync(logs, { recursive: true });
+      writeFileSync(join(logs, 'relay.log'), this.relayLog);
+      writeFileSync(join(logs, 'agent.log'), this.agentLog ?? '');
+    }
+    await this.browser?.close().catch(() => undefined);
+    await stopProcess(this.agent);
+    await stopProcess(this.relay);
+    rmSync(this.root, { recursive: true, force: true });
+  }
+}
+
+// Lines of an event stream of the fake `claude`: an answer streamed in pieces (a \x01 in
+// the stream makes the fake tool pause), then the result.
+export function claudeStream(pieces) {
+  let text = '';
+  let stream = '{"type":"system","subtype":"init","session_id":"s"}\n';
+  for (const piece of pieces) {
+    text += piece;
+    // Each assistant event carries the whole text so far.
+    stream += JSON.stringify({ type: 'assistant', message: { content: [{ type: 'text', text }] } }) + '\n\x01\x01';
+  }
+  return stream + JSON.stringify({ type: 'result', subtype: 'success', is_error: false, result: text, session_id: 's' }) + '\n';
+}
+
+export function codexStream(messages, threadId = 'th-e2e') {
+  let stream = JSON.stringify({ type: 'thread.started', thread_id: threadId }) + '\n';
+  stream += '{"type":"turn.started"}\n';
+  stream += '{"type":"item.started","item":{"type":"command_execution","command":"ls"}}\n';
+  for (const text of messages) stream += JSON.stringify({ type: 'item.completed', item: { type: 'agent_message', text } }) + '\n\x01\x01';
+  return stream + '{"type":"turn.completed"}\n';
+}

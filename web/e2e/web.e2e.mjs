@@ -1,0 +1,374 @@
+// Brinmoor Web in a real browser against a real relay and agent: pairing, tasks, chats,
+// tool approvals, proposals and terminals, as a user does them. Screenshots go to
+// $BRINMOOR_WEB_SCREENSHOTS when it is set.
+import assert from 'node:assert/strict';
+import { existsSync, mkdirSync, readFileSync, writeFileSync } from 'node:fs';
+import { join } from 'node:path';
+import { after, before, test as nodeTest } from 'node:test';
+import { claudeStream, codexStream, kAgentId, kToken, World } from './harness.mjs';
+
+const world = new World();
+let page;
+// Switching isMobile or hasTouch reloads a page in puppeteer, so both sizes keep them off;
+// the phone layout follows the width.
+const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
+const kDesktop = { width: 1440, height: 900, deviceScaleFactor: 1, isMobile: false, hasTouch: false };
+const kScript = '<img src=x onerror=window.__pwned=1>';
+
+// A test that leaves a picture of the page behind when it fails and logs are asked for.
+function test(name, body) {
+  nodeTest(name, async () => {
+    try {
+      await body();
+    } catch (error) {
+      const logs = process.env.BRINMOOR_WEB_E2E_LOGS;
+      if (logs && page) {
+        mkdirSync(logs, { recursive: true });
+        await page.screenshot({ path: join(logs, name.replace(/\W+/g, '-').slice(0, 60) + '.png') }).catch(() => undefined);
+      }
+      throw error;
+    }
+  });
+}
+
+before(async () => {
+  await world.start();
+  page = await world.page(kPhone);
+});
+
+after(async () => {
+  await world.stop();
+});
+
+// The element matching `selector` whose text is `text` (trimmed), waited for.
+async function byText(selector, text, timeout = 20000) {
+  const handle = await page.waitForFunction(
+    (sel, wanted) => [...document.querySelectorAll(sel)].find((e) => e.textContent.trim() === wanted && e.getClientRects().length > 0),
+    { timeout },
+    selector,
+    text,
+  );
+  return handle.asElement();
+}
+
+async function click(selector, text) {
+  const element = await byText(selector, text);
+  await element.click();
+}
+
+// Waits until the trimmed text of `selector` is `wanted`.
+async function waitText(selector, wanted, timeout = 20000) {
+  try {
+    await page.waitForFunction((sel, text) => document.querySelector(sel)?.textContent.trim() === text, { timeout }, selector, wanted);
+  } catch (error) {
+    const seen = await page.evaluate((sel) => document.querySelector(sel)?.outerHTML ?? 'nothing', selector);
+    throw new Error(`${selector} did not become ${JSON.stringify(wanted)}; it is ${seen}`, { cause: error });
+  }
+}
+
+// Waits until the text of `selector` includes `wanted`.
+function waitIncludes(selector, wanted, timeout) {
+  return page.waitForFunction(
+    (sel, text) => [...document.querySelectorAll(sel)].some((e) => e.textContent.includes(text)),
+    { timeout: timeout ?? 20000 },
+    selector,
+    wanted,
+  );
+}
+
+// Types into a field once it is on the page (views render on the next frame).
+async function type(selector, text) {
+  await page.waitForSelector(selector, { visible: true });
+  await page.type(selector, text);
+}
+
+// The sanitiser parses hostile markup in an inert document, and Chrome reports the
+// handler attributes it meets there to the page's policy; the image it keeps asks the
+// server for "x". Both are expected of the markup tests, and nothing else is.
+function forgetExpectedProblems() {
+  page.problems = page.problems.filter(
+    (problem) =>
+      !/^policy: script-src-attr inline |^console error: Executing inline event handler|^console error: Failed to load resource: the server responded with a status of 404/.test(
+        problem,
+      ),
+  );
+}
+
+async function textOf(selector) {
+  return page.$eval(selector, (e) => e.textContent);
+}
+
+async function shoot(name) {
+  const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;
+  if (!folder) return;
+  mkdirSync(folder, { recursive: true });
+  for (const [size, viewport] of [['phone', kPhone], ['desktop', kDesktop]]) {
+    await page.setViewport(viewport);
+    await page.waitForFunction(() => new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(() => resolve(true)))));
+    await page.screenshot({ path: join(folder, `web-${name}-${size}.png`) });
+  }
+  await page.setViewport(kPhone);
+}
+
+async function sendChat(prompt) {
+  await type('textarea[name=prompt]', prompt);
+  await click('.composer button', 'Send');
+}
+
+function lastAnswer() {
+  return '.message.assistant:last-of-type';
+}
+
+test('a page without a token asks for one, and a wrong token is said plainly', async () => {
+  const context = await world.browser.createBrowserContext();
+  const stranger = await world.page(kPhone, context);
+  await stranger.goto(world.origin + '/');
+  await stranger.waitForSelector('input[name=token]');
+  await stranger.goto(world.origin + '/#token=wrong-token');
+  const alert = await stranger.waitForSelector('.token-card .error');
+  assert.equal(await alert.evaluate((e) => e.textContent), 'This server did not accept the token. Check it and enter it again.');
+  assert.equal(await stranger.evaluate(() => location.hash), '');
+  await context.close();
+});
+
+test('pairs through the fragment and shows the agent and its project', async () => {
+  await page.goto(`${world.origin}/#token=${kToken}`);
+  await page.waitForSelector(`[data-agent="${kAgentId}"] .project`);
+  assert.equal(await page.evaluate(() => location.href), world.origin + '/');
+  assert.equal(await page.evaluate(() => localStorage.getItem('brinmoor.token')), kToken);
+  assert.equal(await textOf(`[data-agent="${kAgentId}"] .agent-name`), kAgentId);
+  assert.equal(await textOf(`[data-agent="${kAgentId}"] .pill`), 'online');
+  assert.equal(await textOf('.project .project-name'), 'App');
+  assert.equal(await textOf('.project .project-path'), world.project);
+  assert.equal(await textOf('.connection-text'), 'Connected');
+});
+
+test('runs a shell task and shows its output, exit status and history', async () => {
+  await click('.project .project-name', 'App');
+  await click('button[role=tab]', 'Tasks');
+  await type('input[name=command]', "printf 'first line\\nsecond line\\n'; exit 3");
+  await click('.run-form button', 'Run');
+  await waitIncludes('.task-detail .task-status', 'Failed · exit 3');
+  const lines = await page.$$eval('.task-log .log-line', (rows) => rows.map((r) => r.textContent));
+  // The agent sends what follows the last line break as a line of its own.
+  assert.deepEqual(lines.slice(1), ['first line', 'second line', '']);
+  assert.match(lines[0], /^workspace\.resolve action=shell /);
+  assert.equal(await textOf('.task-detail .error'), 'command exited with status 3');
+  await click('.task-detail button', 'Run again');
+  await page.waitForFunction(() => document.querySelectorAll('.task-history .task-item').length === 2);
+  await waitIncludes('.task-detail .task-status', 'Failed · exit 3');
+});
+
+test('chats with claude: the answer streams in, and the next message continues the conversation', async () => {
+  world.fakeFile('claude.stream', claudeStream(['Hello', ' from **Claude**.', '\n\n```js\nconst x = 1;\n```\n']));
+  await click('button[role=tab]', 'Chat');
+  await click('.segmented button', 'Claude');
+  await click('.new-chat-button', 'New chat');
+  await sendChat('Say hello');
+  // The first piece is there while the tool still pauses before the rest.
+  await waitText(lastAnswer() + ' .markdown', 'Hello');
+  await waitIncludes(lastAnswer() + ' .markdown strong', 'Claude');
+  await page.waitForSelector(lastAnswer() + ' .markdown pre code.hljs');
+  await page.waitForFunction(() => !document.querySelector('.message.assistant.streaming'));
+  assert.equal(await textOf(lastAnswer() + ' .markdown p'), 'Hello from Claude.');
+  await sendChat('And again');
+  await page.waitForFunction(() => document.querySelectorAll('.message.assistant.done').length === 2);
+  const first = world.fakeArgs('claude', 1);
+  const second = world.fakeArgs('claude', 2);
+  const session = first[first.indexOf('--session-id') + 1];
+  assert.ok(session, 'the first message starts a session');
+  assert.equal(second[second.indexOf('--resume') + 1], session);
+});
+
+test('chats with codex, continued on its thread', async () => {
+  world.fakeFile('codex.stream', codexStream(['First part.', 'Second part.']));
+  await click('.back-to-list', '');
+  await click('.segmented button', 'Codex');
+  await click('.new-chat-button', 'New chat');
+  await sendChat('List the files');
+  await waitText(lastAnswer() + ' .markdown', 'First part.');
+  await page.waitForFunction(() => document.querySelector('.message.assistant.done'));
+  // Each message of codex is a line of the answer.
+  assert.equal(await textOf(lastAnswer() + ' .markdown p'), 'First part.\nSecond part.');
+  assert.equal(await textOf(lastAnswer() + ' .activity-count'), '2 steps');
+  await sendChat('Go on');
+  await page.waitForFunction(() => document.querySelectorAll('.message.assistant.done').length === 2);
+  const args = world.fakeArgs('codex', 2);
+  assert.ok(args.includes('resume') && args.includes('th-e2e'), 'the second message resumes the thread: ' + args.join(' '));
+});
+
+// The fake `claude` asks for permission to write notes.txt through the approval tool its
+// --mcp-config names, and writes the file only when allowed.
+const kAskingClaude = `decision=$("$BRINMOOR_TEST_HELPER" mcp-call "$config" Write '{"file_path":"notes.txt","content":"remember the milk"}')
+print -r -- "$decision" > $dir/decision.$n
+if [[ $decision == *'"behavior":"allow"'* ]]; then
+  print -r -- written > notes.txt
+  answer='Wrote notes.txt.'
+else
+  answer='I was not allowed to write notes.txt.'
+fi
+{ print -r -- '{"type":"assistant","message":{"content":[{"type":"text","text":"'$answer'"}]}}'
+  print -r -- '{"type":"result","subtype":"success","is_error":false,"result":"'$answer'"}'
+} > $dir/$name.$n.stream
+`;
+
+test('a tool approval appears wherever the user is, and Allow lets the assistant write', async () => {
+  world.fakeFile('claude.script', kAskingClaude);
+  // Back in the first conversation, below its streamed answer.
+  await click('.back-to-list', '');
+  await click('.conversation-item .conversation-title', 'Say hello');
+  await sendChat('Take a note');
+  await page.waitForSelector('.sheet .request');
+  assert.equal(await textOf('.sheet .tool-name'), 'Write');
+  assert.equal(await textOf('.sheet .file-path'), 'notes.txt');
+  assert.equal(await textOf('.sheet .file-content'), 'remember the milk');
+  assert.equal(await textOf('.topbar .badge'), '1');
+  await shoot('chat-approval');
+  await click('.sheet button', 'Allow');
+  await page.waitForFunction(() => !document.querySelector('.sheet'));
+  await waitText(lastAnswer() + ' .markdown', 'Wrote notes.txt.');
+  assert.equal(readFileSync(join(world.project, 'notes.txt'), 'utf8'), 'written\n');
+});
+
+test('Deny with a message tells the assistant no', async () => {
+  await sendChat('Take another note');
+  await page.waitForSelector('.sheet .request');
+  await click('.sheet button', 'Deny…');
+  await type('input[name=deny-message]', 'not today');
+  await click('.sheet button', 'Deny');
+  await waitText(lastAnswer() + ' .markdown', 'I was not allowed to write notes.txt.');
+  // The fourth call of claude: two chats, the allowed write, this one.
+  assert.match(world.readFake('decision.4'), /"behavior":"deny","message":"not today"/);
+});
+
+test('an answer with markup runs no script', async () => {
+  world.fakeFile('claude.script', '');
+  const quoted = '<img src="x" onerror="window.__pwned=3">';
+  world.fakeFile('claude.stream', claudeStream([`Look: ${kScript} and ${quoted} and <script>window.__pwned=2</script> done`]));
+  await sendChat('Show me markup');
+  await page.waitForFunction(() => document.querySelectorAll('.message.assistant.done').length === 5);
+  // Markdown sees the unquoted one as text and the quoted one as an image, which the
+  // sanitiser keeps without its handler.
+  assert.equal(await textOf(lastAnswer() + ' .markdown').then((t) => t.trim()), `Look: ${kScript} and  and  done`);
+  assert.equal(await page.$eval(lastAnswer() + ' .markdown img', (img) => img.getAttributeNames().join(' ')), 'src');
+  assert.equal(await page.evaluate(() => document.querySelector('[onerror]')), null);
+  assert.equal(await page.evaluate(() => document.querySelector('.messages script')), null);
+  assert.equal(await page.evaluate(() => window.__pwned), undefined);
+  forgetExpectedProblems();
+});
+
+const kExplanation = 'The greeting said hello; I changed it to bye in greeting.txt.';
+
+async function propose(prompt) {
+  await click('button[role=tab]', 'Changes');
+  await type('textarea[name=change-prompt]', prompt);
+  await click('.change-form button[type=submit]', 'Start');
+}
+
+test('a proposal is reviewed as a diff, and Approve applies it', async () => {
+  writeFileSync(join(world.project, 'greeting.txt'), 'hello\n');
+  world.fakeFile('codex.script', 'print bye > greeting.txt\n');
+  world.fakeFile('codex.stream', codexStream([kExplanation], 'th-p'));
+  await propose('Say bye');
+  await byText('.change-detail .actions button', 'Approve');
+  await page.waitForSelector('.change-detail .diff-file-name');
+  assert.equal(await textOf('.change-detail .diff-file-name'), 'greeting.txt');
+  assert.equal(await textOf('.change-detail .commentary'), kExplanation);
+  assert.equal(await textOf('.change-detail .file-count'), '1 file changed');
+  await page.waitForSelector('.diff-body .d2h-del');
+  await shoot('diff-review');
+  await click('.change-detail .actions button', 'Approve');
+  await waitIncludes('.change-detail .task-status', 'Finished');
+  assert.equal(readFileSync(join(world.project, 'greeting.txt'), 'utf8'), 'bye\n');
+});
+
+test('Reject leaves the project as it was', async () => {
+  world.fakeFile('codex.script', 'print ciao > greeting.txt\n');
+  world.fakeFile('codex.stream', codexStream(['I changed the greeting to ciao in greeting.txt.'], 'th-q'));
+  await propose('Say ciao');
+  await click('.change-detail .actions button', 'Reject');
+  await waitIncludes('.change-detail .error', 'changes rejected by client approval');
+  assert.equal(readFileSync(join(world.project, 'greeting.txt'), 'utf8'), 'bye\n');
+});
+
+test('a file name with markup in a diff runs no script', async () => {
+  world.fakeFile('codex.script', `print x > '${kScript}.txt'\n`);
+  world.fakeFile('codex.stream', codexStream(['I added a file with an odd name.'], 'th-r'));
+  await propose('Add an odd file');
+  await byText('.change-detail .actions button', 'Reject');
+  await page.waitForSelector('.change-detail .diff-file-name');
+  assert.equal(await textOf('.change-detail .diff-file-name'), kScript + '.txt');
+  assert.equal(await page.evaluate(() => document.querySelector('[onerror]')), null);
+  assert.equal(await page.evaluate(() => window.__pwned), undefined);
+  await click('.change-detail .actions button', 'Reject');
+  await waitIncludes('.change-detail .error', 'changes rejected by client approval');
+  assert.equal(existsSync(join(world.project, kScript + '.txt')), false);
+  forgetExpectedProblems();
+});
+
+async function terminalText() {
+  return page.$eval('.xterm-rows', (rows) => rows.innerText);
+}
+
+async function typeInTerminal(text) {
+  await page.focus('.xterm-helper-textarea');
+  await page.keyboard.type(text);
+  await page.keyboard.press('Enter');
+}
+
+test('an interactive terminal echoes what is typed, and its title is text', async () => {
+  await click('button[role=tab]', 'Terminal');
+  await click('.terminal-start button', 'Open terminal');
+  await page.waitForSelector('.terminal-head .status-dot.online');
+  await page.waitForSelector('.key-bar button[aria-label=Control]');
+  await typeInTerminal('echo brinmoor-$((6*7))');
+  await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('brinmoor-42'));
+  await typeInTerminal(`printf '\\033]0;${kScript}\\007'`);
+  await waitText('.terminal-title', kScript);
+  assert.equal(await page.evaluate(() => document.querySelector('[onerror]')), null);
+  await shoot('terminal');
+});
+
+test('after a reload the terminal is attached again with its output', async () => {
+  await page.reload();
+  await page.waitForSelector('.terminal-head .status-dot.online');
+  await page.waitForFunction(() => document.querySelector('.xterm-rows')?.innerText.includes('brinmoor-42'));
+  await typeInTerminal('echo back-$((1+1))');
+  await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('back-2'));
+  assert.match(await terminalText(), /back-2/);
+});
+
+test('the key bar sends control keys', async () => {
+  await page.focus('.xterm-helper-textarea');
+  await page.keyboard.type('sleep 30');
+  await page.keyboard.press('Enter');
+  await (await page.$('.key-bar button[aria-label=Control]')).click();
+  await page.keyboard.type('c');
+  await typeInTerminal('echo after-$((2+3))');
+  await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('after-5'));
+});
+
+test('a line-mode terminal completes a path, runs the line and keeps a history', async () => {
+  await click('.terminal-head button', 'Close');
+  await click('.terminal-start button', 'Line mode');
+  await page.waitForSelector('.terminal-head .status-dot.online');
+  await type('input[name=line]', 'ls Pack');
+  await page.keyboard.press('Tab');
+  await page.waitForFunction(() => document.querySelector('input[name=line]').value === 'ls Package.swift');
+  await page.keyboard.press('Enter');
+  await page.waitForFunction(() => /› ls Package\.swift\s+Package\.swift/.test(document.querySelector('.xterm-rows').innerText));
+  assert.equal(await page.$eval('input[name=line]', (input) => input.value), '');
+  await page.keyboard.press('ArrowUp');
+  assert.equal(await page.$eval('input[name=line]', (input) => input.value), 'ls Package.swift');
+});
+
+test('Forget this server clears the token and asks again', async () => {
+  await click('.topbar .icon', '⋯');
+  await click('.menu button', 'Forget this server');
+  await page.waitForSelector('input[name=token]');
+  assert.equal(await page.evaluate(() => localStorage.getItem('brinmoor.token')), null);
+});
+
+test('nothing was refused by the page policy and no error reached the console', async () => {
+  assert.deepEqual(page.problems, []);
+});

@@ -1,0 +1,143 @@
+// The page's state: the relay connection and one store per concern, wired together. The
+// views get this object and read the stores; they act through the stores' operations.
+import { RelayClient, type ConnectionState } from './protocol/relay_client';
+import { AgentsStore } from './stores/agents_store';
+import { ApprovalsStore } from './stores/approvals_store';
+import { ConversationDB } from './stores/conversation_db';
+import { ConversationsStore } from './stores/conversations_store';
+import { Credentials } from './stores/credentials';
+import { Observable, readJSON, type KeyValueStorage } from './stores/observable';
+import { TasksStore } from './stores/tasks_store';
+import { TerminalsStore } from './stores/terminals_store';
+
+export type Tab = 'chat' | 'tasks' | 'changes' | 'terminal';
+
+export interface Place {
+  agentId: string | null;
+  projectPath: string | null;
+  tab: Tab;
+  conversationId: string | null;
+  taskId: string | null;
+}
+
+const kPlaceKey = 'brinmoor.place';
+const kHome: Place = { agentId: null, projectPath: null, tab: 'chat', conversationId: null, taskId: null };
+
+// Where the user is, kept so that a reload or a phone waking up comes back to it.
+export class Navigation extends Observable {
+  private current: Place;
+
+  constructor(private readonly storage: KeyValueStorage) {
+    super();
+    this.current = { ...kHome, ...readJSON<Partial<Place>>(storage, kPlaceKey, {}) };
+  }
+
+  get place(): Place {
+    return this.current;
+  }
+
+  go(change: Partial<Place>): void {
+    this.current = { ...this.current, ...change };
+    this.storage.setItem(kPlaceKey, JSON.stringify(this.current));
+    this.changed();
+  }
+
+  home(): void {
+    this.go({ agentId: null, projectPath: null, conversationId: null, taskId: null });
+  }
+}
+
+// The connection as the views see it: its state, and a new client for a new token.
+export class Connection extends Observable {
+  client: RelayClient | null = null;
+  private unsubscribe: (() => void)[] = [];
+
+  get state(): ConnectionState {
+    return this.client?.state ?? 'stopped';
+  }
+
+  replace(client: RelayClient | null): void {
+    this.unsubscribe.forEach((stop) => stop());
+    this.client?.stop();
+    this.client = client;
+    this.unsubscribe = client ? [client.onState(() => this.changed())] : [];
+    this.changed();
+  }
+}
+
+export class AppState {
+  readonly connection = new Connection();
+  readonly credentials: Credentials;
+  readonly navigation: Navigation;
+  readonly agents: AgentsStore;
+  readonly tasks: TasksStore;
+  readonly approvals: ApprovalsStore;
+  readonly conversations: ConversationsStore;
+  readonly terminals: TerminalsStore;
+
+  constructor(
+    private readonly origin: string,
+    private readonly storage: KeyValueStorage,
+    db: ConversationDB | null | Promise<ConversationDB | null>,
+  ) {
+    const relay = () => {
+      const client = this.connection.client;
+      if (!client) throw new Error('not connected to the relay');
+      return client;
+    };
+    this.credentials = new Credentials(storage);
+    this.navigation = new Navigation(storage);
+    this.agents = new AgentsStore(storage);
+    this.tasks = new TasksStore({
+      createTask: (agentId, payload) => relay().createTask(agentId, payload),
+      cancelTask: (agentId, taskId) => relay().cancelTask(agentId, taskId),
+      decideProposal: (agentId, taskId, approve) => relay().decideProposal(agentId, taskId, approve),
+    });
+    this.approvals = new ApprovalsStore({
+      decidePermission: (requestId, allow, message) => relay().decidePermission(requestId, allow, message),
+    });
+    this.conversations = new ConversationsStore(db, {
+      run: (agentId, payload) => this.tasks.run(agentId, payload),
+      cancel: (agentId, taskId) => relay().cancelTask(agentId, taskId),
+    });
+    this.terminals = new TerminalsStore(
+      { terminal: (type, agentId, payload) => this.connection.client?.terminal(type, agentId, payload) ?? false },
+      storage,
+    );
+  }
+
+  // Connects with the stored token, if there is one.
+  connect(): void {
+    const token = this.credentials.token;
+    if (!token) {
+      this.connection.replace(null);
+      return;
+    }
+    const client = new RelayClient({ origin: this.origin, token });
+    client.onMessage((message) => {
+      this.agents.handle(message);
+      this.tasks.handle(message);
+      this.approvals.handle(message);
+      this.conversations.handle(message);
+      this.terminals.handle(message);
+      if (message.type === 'server.hello') this.terminals.attachAll();
+    });
+    this.connection.replace(client);
+    client.start();
+  }
+
+  useToken(token: string): void {
+    this.credentials.set(token);
+    this.connect();
+  }
+
+  // "Forget this server": the token and everything this page kept about the server.
+  async forget(): Promise<void> {
+    this.connection.replace(null);
+    this.credentials.forget();
+    this.terminals.forget();
+    for (const key of ['brinmoor.folders', 'brinmoor.place']) this.storage.removeItem(key);
+    this.navigation.home();
+    await this.conversations.clear();
+  }
+}

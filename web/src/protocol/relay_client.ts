@@ -1,0 +1,316 @@
+// The one owner of the relay socket. It connects with the token as the "bearer.TOKEN"
+// subprotocol (browsers cannot set headers on a WebSocket), reconnects with back-off,
+// matches answers to requests by "requestId", remembers the last "seq" per agent, and
+// hands every decoded message to its listeners. Views never build messages: they call
+// the operations below.
+import {
+  decodeServerMessage,
+  type ClientMessage,
+  type MessageOf,
+  type ServerMessage,
+  type TaskPayload,
+  type TerminalCommandType,
+} from './messages';
+
+export type ConnectionState =
+  | 'connecting' // the first attempt, or a reconnect in progress
+  | 'open' // the relay said hello
+  | 'waiting' // lost; the next attempt is scheduled
+  | 'unauthorized' // the relay refused the token: no retry until a new one is given
+  | 'blocked' // too many failed attempts from this address; retried after a minute
+  | 'stopped';
+
+export class RelayError extends Error {
+  constructor(
+    readonly code: string,
+    message: string,
+  ) {
+    super(message);
+    this.name = 'RelayError';
+  }
+}
+
+export interface SocketLike {
+  readonly readyState: number;
+  onopen: ((event: unknown) => void) | null;
+  onmessage: ((event: { data: unknown }) => void) | null;
+  onclose: ((event: { code: number; reason: string }) => void) | null;
+  onerror: ((event: unknown) => void) | null;
+  send(data: string): void;
+  close(code?: number, reason?: string): void;
+}
+
+export interface RelayClientOptions {
+  // The relay's origin, e.g. "http://192.168.1.5:8080".
+  origin: string;
+  token: string;
+  createSocket?: (url: string, protocols: string[]) => SocketLike;
+  // Asks the relay whether the token is good, for a socket that never opened: the status
+  // of GET /v1/agents with the token in the Authorization header.
+  probe?: (origin: string, token: string) => Promise<number>;
+  setTimer?: (callback: () => void, ms: number) => unknown;
+  clearTimer?: (handle: unknown) => void;
+  random?: () => number;
+}
+
+export const kSubprotocol = 'brinmoor.v1';
+const kOpen = 1;
+const kBackoffStartMs = 500;
+const kBackoffMaxMs = 15_000;
+const kBlockedRetryMs = 60_000;
+const kHelloTimeoutMs = 10_000; // a socket without the relay's hello by then is given up
+
+async function probeWithFetch(origin: string, token: string): Promise<number> {
+  try {
+    const response = await fetch(origin + '/v1/agents', { headers: { Authorization: 'Bearer ' + token } });
+    return response.status;
+  } catch {
+    return 0;
+  }
+}
+
+// A request id without crypto.randomUUID, which plain-HTTP pages on a LAN do not have.
+export function randomId(random: () => number = Math.random): string {
+  const bytes = new Uint8Array(16);
+  if (typeof crypto !== 'undefined' && crypto.getRandomValues) crypto.getRandomValues(bytes);
+  else for (let i = 0; i < bytes.length; i++) bytes[i] = Math.floor(random() * 256);
+  bytes[6] = (bytes[6] & 0x0f) | 0x40;
+  bytes[8] = (bytes[8] & 0x3f) | 0x80;
+  const hex = Array.from(bytes, (b) => b.toString(16).padStart(2, '0')).join('');
+  return `${hex.slice(0, 8)}-${hex.slice(8, 12)}-${hex.slice(12, 16)}-${hex.slice(16, 20)}-${hex.slice(20)}`;
+}
+
+export function socketURL(origin: string): string {
+  return origin.replace(/^http/, 'ws') + '/v1/ws/client';
+}
+
+type MessageListener = (message: ServerMessage) => void;
+type StateListener = (state: ConnectionState) => void;
+
+interface Pending {
+  resolve: (message: ServerMessage) => void;
+  reject: (error: Error) => void;
+}
+
+export class RelayClient {
+  private readonly options: Required<RelayClientOptions>;
+  private socket: SocketLike | null = null;
+  private timer: unknown = null;
+  private helloTimer: unknown = null;
+  private attempt = 0;
+  private current: ConnectionState = 'stopped';
+  private readonly messageListeners = new Set<MessageListener>();
+  private readonly stateListeners = new Set<StateListener>();
+  private readonly pending = new Map<string, Pending>();
+  private readonly seqs = new Map<string, number>();
+
+  constructor(options: RelayClientOptions) {
+    this.options = {
+      createSocket: (url, protocols) => new WebSocket(url, protocols) as unknown as SocketLike,
+      probe: probeWithFetch,
+      setTimer: (callback, ms) => setTimeout(callback, ms),
+      clearTimer: (handle) => clearTimeout(handle as ReturnType<typeof setTimeout>),
+      random: Math.random,
+      ...options,
+    };
+  }
+
+  get state(): ConnectionState {
+    return this.current;
+  }
+
+  // The last "seq" seen from each agent, for resuming where this page left off.
+  lastSeq(): Record<string, number> {
+    return Object.fromEntries(this.seqs);
+  }
+
+  onMessage(listener: MessageListener): () => void {
+    this.messageListeners.add(listener);
+    return () => this.messageListeners.delete(listener);
+  }
+
+  onState(listener: StateListener): () => void {
+    this.stateListeners.add(listener);
+    return () => this.stateListeners.delete(listener);
+  }
+
+  start(): void {
+    if (this.current !== 'stopped') return;
+    this.connect();
+  }
+
+  stop(): void {
+    this.cancelTimer();
+    this.dropSocket();
+    this.setState('stopped');
+  }
+
+  // Tries at once (the page became visible, the network came back), unless the token
+  // was refused.
+  reconnectNow(): void {
+    if (this.current !== 'waiting' && this.current !== 'connecting') return;
+    if (this.socket && this.socket.readyState <= kOpen) return;
+    this.cancelTimer();
+    this.connect();
+  }
+
+  send(message: ClientMessage): boolean {
+    if (!this.socket || this.current !== 'open') return false;
+    this.socket.send(JSON.stringify(message));
+    return true;
+  }
+
+  // Sends a message with a fresh "requestId" and waits for the answer that carries it
+  // back ("task.created", or an "error" that becomes a RelayError).
+  request(message: ClientMessage): Promise<ServerMessage> {
+    const requestId = randomId(this.options.random);
+    return new Promise((resolve, reject) => {
+      if (!this.send({ ...message, requestId } as ClientMessage)) {
+        reject(new RelayError('NOT_CONNECTED', 'not connected to the relay'));
+        return;
+      }
+      this.pending.set(requestId, { resolve, reject });
+    });
+  }
+
+  async createTask(agentId: string, payload: TaskPayload): Promise<string> {
+    const answer = await this.request({ type: 'task.create', agentId, payload });
+    return (answer as MessageOf<'task.created'>).taskId;
+  }
+
+  cancelTask(agentId: string, taskId: string): boolean {
+    return this.send({ type: 'task.cancel', agentId, taskId });
+  }
+
+  decideProposal(agentId: string, taskId: string, approve: boolean): boolean {
+    return this.send({ type: 'task.approval', agentId, taskId, payload: { decision: approve ? 'approve' : 'reject' } });
+  }
+
+  decidePermission(requestId: string, allow: boolean, message?: string): boolean {
+    const decision: ClientMessage = { type: 'permission.decision', requestId, decision: allow ? 'allow' : 'deny' };
+    if (!allow && message) decision.message = message;
+    return this.send(decision);
+  }
+
+  terminal(type: TerminalCommandType, agentId: string, payload: Record<string, unknown>): boolean {
+    return this.send({ type, agentId, payload });
+  }
+
+  private connect(): void {
+    this.dropSocket();
+    this.setState('connecting');
+    let socket: SocketLike;
+    try {
+      socket = this.options.createSocket(socketURL(this.options.origin), [kSubprotocol, 'bearer.' + this.options.token]);
+    } catch {
+      // A token that is not a valid subprotocol name can never be accepted.
+      this.setState('unauthorized');
+      return;
+    }
+    this.socket = socket;
+    this.helloTimer = this.options.setTimer(() => {
+      this.helloTimer = null;
+      if (this.socket !== socket) return;
+      this.dropSocket();
+      this.scheduleReconnect();
+    }, kHelloTimeoutMs);
+    let opened = false;
+    socket.onopen = () => {
+      opened = true;
+    };
+    socket.onmessage = (event) => {
+      if (typeof event.data !== 'string') return;
+      const message = decodeServerMessage(event.data);
+      if (!message) return;
+      if (message.type === 'server.hello') {
+        this.cancelHelloTimer();
+        this.attempt = 0;
+        this.setState('open');
+      }
+      this.dispatch(message);
+    };
+    socket.onerror = () => undefined;
+    socket.onclose = () => {
+      if (this.socket !== socket) return;
+      this.cancelHelloTimer();
+      this.socket = null;
+      this.failPending();
+      if (opened) this.scheduleReconnect();
+      else void this.checkToken();
+    };
+  }
+
+  private dispatch(message: ServerMessage): void {
+    if ('seq' in message && typeof message.seq === 'number' && 'agentId' in message) {
+      this.seqs.set(message.agentId, message.seq);
+    }
+    const requestId = 'requestId' in message && message.type !== 'permission.request' ? message.requestId : undefined;
+    if (requestId !== undefined && (message.type === 'task.created' || message.type === 'error')) {
+      const waiter = this.pending.get(requestId);
+      if (waiter) {
+        this.pending.delete(requestId);
+        if (message.type === 'error') waiter.reject(new RelayError(message.code, message.message));
+        else waiter.resolve(message);
+      }
+    }
+    for (const listener of [...this.messageListeners]) listener(message);
+  }
+
+  // A socket that never opened: a refused token, a blocked address, or just no relay.
+  private async checkToken(): Promise<void> {
+    const status = await this.options.probe(this.options.origin, this.options.token);
+    if (this.current === 'stopped') return;
+    if (status === 401) {
+      this.setState('unauthorized');
+    } else if (status === 429) {
+      this.setState('blocked');
+      this.timer = this.options.setTimer(() => this.connect(), kBlockedRetryMs);
+    } else {
+      this.scheduleReconnect();
+    }
+  }
+
+  private scheduleReconnect(): void {
+    if (this.current === 'stopped') return;
+    const base = Math.min(kBackoffMaxMs, kBackoffStartMs * 2 ** this.attempt);
+    this.attempt++;
+    const delay = Math.round(base * (0.75 + this.options.random() * 0.5));
+    this.setState('waiting');
+    this.timer = this.options.setTimer(() => {
+      this.timer = null;
+      this.connect();
+    }, delay);
+  }
+
+  private failPending(): void {
+    const waiting = [...this.pending.values()];
+    this.pending.clear();
+    for (const waiter of waiting) waiter.reject(new RelayError('NOT_CONNECTED', 'the connection to the relay was lost'));
+  }
+
+  private cancelTimer(): void {
+    if (this.timer !== null) this.options.clearTimer(this.timer);
+    this.timer = null;
+  }
+
+  private cancelHelloTimer(): void {
+    if (this.helloTimer !== null) this.options.clearTimer(this.helloTimer);
+    this.helloTimer = null;
+  }
+
+  private dropSocket(): void {
+    this.cancelHelloTimer();
+    const socket = this.socket;
+    this.socket = null;
+    if (!socket) return;
+    socket.onopen = socket.onmessage = socket.onerror = socket.onclose = null;
+    socket.close();
+    this.failPending();
+  }
+
+  private setState(state: ConnectionState): void {
+    if (this.current === state) return;
+    this.current = state;
+    for (const listener of [...this.stateListeners]) listener(state);
+  }
+}

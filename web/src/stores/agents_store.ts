@@ -1,0 +1,100 @@
+import type { Registration, ServerMessage } from '../protocol/messages';
+import { Observable, readJSON, type KeyValueStorage } from './observable';
+
+export interface Agent {
+  agentId: string;
+  online: boolean;
+  busy: boolean;
+  registration: Registration | null;
+}
+
+const kFoldersKey = 'brinmoor.folders';
+
+// Every agent of the relay, online or not, with its project folders: those its
+// registration lists and those the user typed in this browser (an agent that finds no
+// project folder still resolves a folder under its repository root).
+export class AgentsStore extends Observable {
+  private readonly agents = new Map<string, Agent>();
+  private folders: Record<string, string[]>;
+
+  constructor(private readonly storage: KeyValueStorage) {
+    super();
+    this.folders = readJSON(storage, kFoldersKey, {});
+  }
+
+  list(): Agent[] {
+    return [...this.agents.values()].sort((a, b) => a.agentId.localeCompare(b.agentId));
+  }
+
+  get(agentId: string): Agent | undefined {
+    return this.agents.get(agentId);
+  }
+
+  // The registration's folders, then the ones remembered here.
+  projects(agentId: string): string[] {
+    const listed = this.agents.get(agentId)?.registration?.projects ?? [];
+    const typed = (this.folders[agentId] ?? []).filter((folder) => !listed.includes(folder));
+    return [...listed, ...typed];
+  }
+
+  rememberFolder(agentId: string, folder: string): string {
+    const trimmed = folder.trim();
+    if (trimmed === '') return trimmed;
+    const known = this.folders[agentId] ?? [];
+    if (!known.includes(trimmed) && !this.projects(agentId).includes(trimmed)) {
+      this.folders = { ...this.folders, [agentId]: [...known, trimmed] };
+      this.storage.setItem(kFoldersKey, JSON.stringify(this.folders));
+      this.changed();
+    }
+    return trimmed;
+  }
+
+  forgetFolder(agentId: string, folder: string): void {
+    const known = this.folders[agentId] ?? [];
+    if (!known.includes(folder)) return;
+    this.folders = { ...this.folders, [agentId]: known.filter((item) => item !== folder) };
+    this.storage.setItem(kFoldersKey, JSON.stringify(this.folders));
+    this.changed();
+  }
+
+  handle(message: ServerMessage): void {
+    switch (message.type) {
+      case 'server.hello': {
+        // The hello lists the agents connected now; the others this page knew are offline.
+        for (const agent of this.agents.values()) agent.online = false;
+        for (const record of message.agents) this.agents.set(record.agentId, { ...record, online: true });
+        break;
+      }
+      case 'agent.online':
+        this.upsert(message.agentId, { online: true, busy: false });
+        break;
+      case 'agent.offline':
+        this.upsert(message.agentId, { online: false, busy: false });
+        break;
+      case 'agent.register': {
+        const { type: _type, agentId, seq: _seq, ...registration } = message;
+        this.upsert(agentId, { online: true, registration });
+        break;
+      }
+      case 'task.started':
+        this.upsert(message.agentId, { busy: true });
+        break;
+      case 'task.finished':
+      case 'task.cancelled':
+        this.upsert(message.agentId, { busy: false });
+        break;
+      case 'task.failed':
+        // A refusal because the agent is busy leaves it busy with its own task.
+        if (message.errorCode !== 'AGENT_BUSY') this.upsert(message.agentId, { busy: false });
+        break;
+      default:
+        return;
+    }
+    this.changed();
+  }
+
+  private upsert(agentId: string, change: Partial<Agent>): void {
+    const agent = this.agents.get(agentId) ?? { agentId, online: true, busy: false, registration: null };
+    this.agents.set(agentId, { ...agent, ...change });
+  }
+}

@@ -1,0 +1,209 @@
+import type { ServerMessage, TaskPayload } from '../protocol/messages';
+import { randomId } from '../protocol/relay_client';
+import type { ConversationDB, ConversationRecord, MessageRecord, MessageStatus } from './conversation_db';
+import { Observable } from './observable';
+
+// A message as the chat shows it. An answer that is still streaming keeps its pieces in
+// `chunks`, so a view can render what is new without touching what it rendered before.
+export interface ChatMessage extends MessageRecord {
+  chunks: string[];
+}
+
+export interface Conversation extends ConversationRecord {
+  messages: ChatMessage[] | null; // null until loaded
+}
+
+export interface ChatSender {
+  run(agentId: string, payload: TaskPayload): Promise<{ taskId: string }>;
+  cancel(agentId: string, taskId: string): boolean;
+}
+
+export const kSystems = ['claude', 'codex'] as const;
+
+function titleOf(prompt: string): string {
+  const line = prompt.trim().split('\n')[0];
+  return line.length > 80 ? line.slice(0, 79) + '…' : line;
+}
+
+function fromRecord(record: MessageRecord): ChatMessage {
+  // An answer that was still streaming when the page went away will not continue here.
+  const status: MessageStatus = record.status === 'streaming' ? 'interrupted' : record.status;
+  return { ...record, status, chunks: record.text === '' ? [] : [record.text] };
+}
+
+function toRecord(message: ChatMessage): MessageRecord {
+  const { chunks: _chunks, ...record } = message;
+  return record;
+}
+
+// Conversations with `claude` and `codex`, per agent and project folder, kept in
+// IndexedDB. A new message continues its conversation (the same conversation id); the
+// answer grows as "task.chat.chunk" arrives, and the task's log lines are its activity.
+export class ConversationsStore extends Observable {
+  private readonly conversations = new Map<string, Conversation>();
+  private readonly byTask = new Map<string, ChatMessage>();
+  private readonly loadedScopes = new Set<string>();
+
+  private readonly db: Promise<ConversationDB | null>;
+
+  // The database may still be opening: the page does not wait for it to show itself.
+  constructor(
+    db: ConversationDB | null | Promise<ConversationDB | null>,
+    private readonly sender: ChatSender,
+    private readonly now: () => number = Date.now,
+  ) {
+    super();
+    this.db = Promise.resolve(db);
+  }
+
+  get(conversationId: string): Conversation | undefined {
+    return this.conversations.get(conversationId);
+  }
+
+  // The conversations of one project, most recent first (loads them on first use).
+  list(agentId: string, projectPath: string): Conversation[] {
+    const scope = JSON.stringify([agentId, projectPath]);
+    if (!this.loadedScopes.has(scope)) {
+      this.loadedScopes.add(scope);
+      void this.loadScope(agentId, projectPath);
+    }
+    return [...this.conversations.values()]
+      .filter((c) => c.agentId === agentId && c.projectPath === projectPath)
+      .sort((a, b) => b.updatedAt - a.updatedAt);
+  }
+
+  // Loads a conversation's messages when they are not in memory yet.
+  async open(conversationId: string): Promise<Conversation | undefined> {
+    const conversation = this.conversations.get(conversationId);
+    if (!conversation || conversation.messages) return conversation;
+    const db = await this.db;
+    const records = db ? await db.messages(conversationId) : [];
+    conversation.messages ??= records.map(fromRecord);
+    this.changed();
+    return conversation;
+  }
+
+  start(agentId: string, projectPath: string, system: string): Conversation {
+    const at = this.now();
+    const conversation: Conversation = {
+      id: randomId(),
+      agentId,
+      projectPath,
+      system,
+      title: 'New conversation',
+      createdAt: at,
+      updatedAt: at,
+      messages: [],
+    };
+    this.conversations.set(conversation.id, conversation);
+    this.changed();
+    return conversation;
+  }
+
+  // Sends the user's message and opens the answer that the chat task will fill.
+  async send(conversationId: string, prompt: string): Promise<ChatMessage> {
+    const conversation = (await this.open(conversationId))!;
+    const messages = conversation.messages!;
+    if (messages.length === 0) conversation.title = titleOf(prompt);
+    const at = this.now();
+    const base = { conversationId, taskId: '', activity: [], error: '', at, chunks: [] };
+    const question: ChatMessage = { ...base, index: messages.length, role: 'user', text: prompt, status: 'done' };
+    const answer: ChatMessage = { ...base, index: messages.length + 1, role: 'assistant', text: '', status: 'streaming' };
+    messages.push(question, answer);
+    conversation.updatedAt = at;
+    this.changed();
+    try {
+      const { taskId } = await this.sender.run(conversation.agentId, {
+        action: 'chat',
+        system: conversation.system,
+        projectPath: conversation.projectPath,
+        prompt,
+        conversationId,
+        approvalMode: 'on_request',
+      });
+      answer.taskId = taskId;
+      this.byTask.set(taskId, answer);
+    } catch (error) {
+      this.finish(answer, 'error', error instanceof Error ? error.message : String(error));
+    }
+    this.changed();
+    void this.persist(conversation, [question, answer]);
+    return answer;
+  }
+
+  cancel(message: ChatMessage): boolean {
+    const conversation = this.conversations.get(message.conversationId);
+    return !!conversation && message.status === 'streaming' && this.sender.cancel(conversation.agentId, message.taskId);
+  }
+
+  handle(message: ServerMessage): void {
+    if (!('taskId' in message) || message.type === 'permission.request') return;
+    const answer = this.byTask.get(message.taskId);
+    if (!answer) return;
+    switch (message.type) {
+      case 'task.chat.chunk':
+        answer.chunks.push(message.chunk);
+        break;
+      case 'task.chat.final':
+        // The final text is the whole answer; it wins when the stream said something else.
+        if (answer.chunks.join('').trim() !== message.text) answer.chunks = [message.text];
+        break;
+      case 'task.log':
+        answer.activity.push(message.line);
+        break;
+      case 'task.chat.error':
+        answer.error = message.message;
+        break;
+      case 'task.finished':
+        this.finish(answer, 'done');
+        break;
+      case 'task.cancelled':
+        this.finish(answer, 'cancelled');
+        break;
+      case 'task.failed':
+        this.finish(answer, 'error', answer.error || message.error);
+        break;
+      default:
+        return;
+    }
+    this.changed();
+  }
+
+  async clear(): Promise<void> {
+    this.conversations.clear();
+    this.byTask.clear();
+    this.loadedScopes.clear();
+    await (await this.db)?.clear();
+    this.changed();
+  }
+
+  private finish(answer: ChatMessage, status: MessageStatus, error = ''): void {
+    answer.status = status;
+    answer.error = error;
+    answer.text = answer.chunks.join('');
+    answer.chunks = answer.text === '' ? [] : [answer.text];
+    this.byTask.delete(answer.taskId);
+    const conversation = this.conversations.get(answer.conversationId);
+    if (conversation) {
+      conversation.updatedAt = this.now();
+      void this.persist(conversation, [answer]);
+    }
+  }
+
+  // A browser that refuses storage (private mode, full disk, closed database) costs the
+  // chats their history, never the chat itself.
+  private async persist(conversation: Conversation, messages: ChatMessage[]): Promise<void> {
+    const { messages: _all, ...record } = conversation;
+    await (await this.db)?.save(record, messages.map(toRecord)).catch(() => undefined);
+  }
+
+  private async loadScope(agentId: string, projectPath: string): Promise<void> {
+    const db = await this.db;
+    if (!db) return;
+    const records = await db.conversations(agentId, projectPath).catch(() => []);
+    for (const record of records) {
+      if (!this.conversations.has(record.id)) this.conversations.set(record.id, { ...record, messages: null });
+    }
+    if (records.length > 0) this.changed();
+  }
+}

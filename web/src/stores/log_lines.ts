@@ -1,0 +1,44 @@
+// The lines of one task's output. A task can print millions of lines; the page keeps the
+// newest `capacity` of them and counts the ones it dropped, so memory stays bounded and
+// the log view can say "N earlier lines dropped".
+export class LogLines {
+  private lines: string[] = [];
+  private start = 0; // index in `lines` of the oldest kept line
+  private droppedCount = 0;
+
+  constructor(readonly capacity = 200_000) {}
+
+  get length(): number {
+    return this.lines.length - this.start;
+  }
+
+  get dropped(): number {
+    return this.droppedCount;
+  }
+
+  at(index: number): string {
+    return this.lines[this.start + index];
+  }
+
+  // The kept lines from `from` (inclusive) to `to` (exclusive).
+  slice(from: number, to: number): string[] {
+    return this.lines.slice(this.start + from, this.start + to);
+  }
+
+  push(line: string): void {
+    this.lines.push(line);
+    if (this.length > this.capacity) {
+      this.start++;
+      this.droppedCount++;
+      // Compact now and then, not per line, so pushing stays cheap.
+      if (this.start >= this.capacity / 4) {
+        this.lines = this.lines.slice(this.start);
+        this.start = 0;
+      }
+    }
+  }
+
+  text(): string {
+    return this.slice(0, this.length).join('\n');
+  }
+}

@@ -1,0 +1,39 @@
+import type { AppState } from '../app_state';
+import { useStores } from '../lib/use_store';
+import { AgentList } from './AgentList';
+import { ApprovalSheet } from './ApprovalSheet';
+import { Notifier } from './Notifier';
+import { ProjectView } from './ProjectView';
+import { TokenPrompt } from './TokenPrompt';
+import { TopBar } from './TopBar';
+
+// The page: the agents and their projects beside (on a phone: before) the project the
+// user works in; the approval sheet over whatever is shown.
+export function App({ state }: { state: AppState }) {
+  useStores(state.credentials, state.connection, state.navigation);
+  const connection = state.connection.state;
+  if (!state.credentials.token || connection === 'unauthorized') {
+    return <TokenPrompt state={state} refused={connection === 'unauthorized'} />;
+  }
+  const place = state.navigation.place;
+  const inProject = place.agentId !== null && place.projectPath !== null;
+  return (
+    <div class={'shell' + (inProject ? ' in-project' : '')}>
+      <TopBar state={state} />
+      <div class="body">
+        <aside class="sidebar">
+          <AgentList state={state} />
+        </aside>
+        <main class="main">
+          {inProject ? (
+            <ProjectView state={state} agentId={place.agentId!} projectPath={place.projectPath!} />
+          ) : (
+            <div class="empty">Choose a project to chat, run tasks, review changes or open a terminal.</div>
+          )}
+        </main>
+      </div>
+      <ApprovalSheet state={state} />
+      <Notifier state={state} />
+    </div>
+  );
+}

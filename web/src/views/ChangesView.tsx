@@ -1,0 +1,133 @@
+import { lazy, Suspense } from 'preact/compat';
+import { useState } from 'preact/hooks';
+import { useStores } from '../lib/use_store';
+import { kSystems } from '../stores/conversations_store';
+import type { Task } from '../stores/tasks_store';
+import type { ProjectProps } from './ProjectView';
+import { taskStatusText, useElapsed } from './TasksView';
+import { TaskLog } from './TaskLog';
+
+const ProposalReview = lazy(() => import('./ProposalReview'));
+
+// Changes made by an assistant: a plan, or an edit that comes back as a proposal to
+// review before it touches the project.
+export function ChangesView({ state, agentId, projectPath }: ProjectProps) {
+  useStores(state.tasks, state.navigation);
+  const [system, setSystem] = useState('codex');
+  const [mode, setMode] = useState<'apply' | 'plan'>('apply');
+  const [prompt, setPrompt] = useState('');
+  const [problem, setProblem] = useState('');
+  const tasks = state.tasks.list((t) => t.agentId === agentId && t.projectPath === projectPath && t.kind === 'ai_task');
+  const chosen = tasks.find((t) => t.taskId === state.navigation.place.taskId) ?? tasks[0];
+  const submit = async (event: Event) => {
+    event.preventDefault();
+    setProblem('');
+    try {
+      const task = await state.tasks.run(agentId, { action: 'ai_task', system, mode, prompt: prompt.trim(), projectPath, approvalMode: 'on_request' });
+      setPrompt('');
+      state.navigation.go({ taskId: task.taskId });
+    } catch (error) {
+      setProblem(error instanceof Error ? error.message : String(error));
+    }
+  };
+  return (
+    <div class="changes-view">
+      <form class="change-form card" onSubmit={submit}>
+        <div class="form-row">
+          <div class="segmented" role="radiogroup" aria-label="Assistant">
+            {kSystems.map((name) => (
+              <button type="button" key={name} role="radio" aria-checked={system === name} class={system === name ? 'current' : ''} onClick={() => setSystem(name)}>
+                {name === 'claude' ? 'Claude' : 'Codex'}
+              </button>
+            ))}
+          </div>
+          <div class="segmented" role="radiogroup" aria-label="Mode">
+            {(['apply', 'plan'] as const).map((name) => (
+              <button type="button" key={name} role="radio" aria-checked={mode === name} class={mode === name ? 'current' : ''} onClick={() => setMode(name)}>
+                {name === 'apply' ? 'Propose changes' : 'Plan only'}
+              </button>
+            ))}
+          </div>
+        </div>
+        <textarea name="change-prompt" rows={3} placeholder="What should change?" value={prompt} onInput={(event) => setPrompt(event.currentTarget.value)} />
+        <button type="submit" class="primary" disabled={prompt.trim() === ''}>
+          Start
+        </button>
+        {problem && (
+          <p class="error" role="alert">
+            {problem}
+          </p>
+        )}
+      </form>
+      <div class="tasks-split">
+        <ul class="task-history" aria-label="Change requests">
+          {tasks.map((task) => (
+            <li key={task.taskId}>
+              <button class={'task-item ' + task.status + (task === chosen ? ' current' : '')} onClick={() => state.navigation.go({ taskId: task.taskId })}>
+                <span class="task-title">{task.title}</span>
+                <span class="task-state">{taskStatusText(task)}</span>
+              </button>
+            </li>
+          ))}
+          {tasks.length === 0 && <li class="muted empty-note">Ask an assistant for a change; you review it before it is applied.</li>}
+        </ul>
+        {chosen && <ChangeDetail state={state} task={chosen} />}
+      </div>
+    </div>
+  );
+}
+
+function ChangeDetail({ state, task }: { state: ProjectProps['state']; task: Task }) {
+  const elapsed = useElapsed(task);
+  const proposal = task.proposal;
+  const result = task.artifacts.filter((a) => a.kind === 'result').pop();
+  const deciding = proposal?.needsApproval && proposal.decision === undefined && task.status === 'awaiting_approval';
+  return (
+    <div class="task-detail change-detail" data-task={task.taskId}>
+      <header class="task-head">
+        <span class="task-title">{task.title}</span>
+        <span class={'task-status ' + task.status}>{taskStatusText(task)}</span>
+        <span class="muted">{elapsed}</span>
+      </header>
+      {task.progress && !proposal && <p class="progress-text">{task.progress.message}</p>}
+      {task.commentary && !proposal && <p class="commentary">{task.commentary}</p>}
+      {proposal && (
+        <section class="proposal">
+          {proposal.proposalCommentary && <p class="commentary">{proposal.proposalCommentary}</p>}
+          {proposal.proposalSummary !== proposal.proposalCommentary && (
+            <p class="muted proposal-summary">{proposal.proposalSummary}</p>
+          )}
+          {deciding && (
+            <div class="actions sticky-actions">
+              <button class="danger" onClick={() => state.tasks.decide(task, false)}>
+                Reject
+              </button>
+              <button class="primary" onClick={() => state.tasks.decide(task, true)}>
+                Approve
+              </button>
+            </div>
+          )}
+          {!proposal.needsApproval && <p class="note">Proposed only: this proposal is not applied from here.</p>}
+          {proposal.decision && (
+            <p class="note decision">{proposal.decision === 'approve' ? 'Approved' : 'Rejected'}</p>
+          )}
+          <Suspense fallback={<div class="loading">Loading the diff…</div>}>
+            <ProposalReview diff={proposal.proposalDiff} />
+          </Suspense>
+        </section>
+      )}
+      {result && <p class="result">{result.summary}</p>}
+      {task.error && (
+        <p class="error" role="alert">
+          {task.error}
+        </p>
+      )}
+      {(!proposal || task.log.length > 0) && (
+        <details class="change-log" open={!proposal}>
+          <summary>Output · {task.log.length} lines</summary>
+          <TaskLog log={task.log} version={state.tasks.version} />
+        </details>
+      )}
+    </div>
+  );
+}

@@ -1,0 +1,143 @@
+import { useEffect, useState } from 'preact/hooks';
+import { useStores } from '../lib/use_store';
+import { isEnded, type Task } from '../stores/tasks_store';
+import { duration } from './names';
+import type { ProjectProps } from './ProjectView';
+import { TaskLog } from './TaskLog';
+
+// The words a task's state is shown with.
+export function taskStatusText(task: Task): string {
+  switch (task.status) {
+    case 'starting':
+      return 'Starting…';
+    case 'running':
+      return 'Running…';
+    case 'awaiting_approval':
+      return 'Waiting for your review';
+    case 'finished':
+      return 'Finished · exit ' + (task.exitCode ?? 0);
+    case 'cancelled':
+      return 'Cancelled · exit ' + (task.exitCode ?? '');
+    case 'failed':
+      return 'Failed · exit ' + (task.exitCode ?? '');
+  }
+}
+
+// The time a task took, or has taken so far.
+export function useElapsed(task: Task | undefined): string {
+  const [, setNow] = useState(0);
+  const running = task !== undefined && !isEnded(task.status);
+  useEffect(() => {
+    if (!running) return;
+    const timer = setInterval(() => setNow(Date.now()), 1000);
+    return () => clearInterval(timer);
+  }, [running]);
+  if (!task) return '';
+  const start = task.startedAt ?? task.createdAt;
+  return duration(Math.max(0, (task.endedAt ?? Date.now()) - start));
+}
+
+// Shell commands and builds in the project: a form to run one, their history in this
+// session, and the output of the one chosen.
+export function TasksView({ state, agentId, projectPath }: ProjectProps) {
+  useStores(state.tasks, state.navigation, state.agents);
+  const [command, setCommand] = useState('');
+  const [problem, setProblem] = useState('');
+  const tasks = state.tasks.list(
+    (t) => t.agentId === agentId && t.projectPath === projectPath && (t.kind === 'shell' || t.kind === 'build'),
+  );
+  const chosenId = state.navigation.place.taskId;
+  const chosen = tasks.find((t) => t.taskId === chosenId) ?? tasks[0];
+  const actions = state.agents.get(agentId)?.registration?.actions ?? [];
+  const run = async (payload: { action: string; command?: string }) => {
+    setProblem('');
+    try {
+      const task = await state.tasks.run(agentId, { ...payload, projectPath });
+      state.navigation.go({ taskId: task.taskId });
+    } catch (error) {
+      setProblem(error instanceof Error ? error.message : String(error));
+    }
+  };
+  return (
+    <div class="tasks-view">
+      <form
+        class="run-form"
+        onSubmit={(event) => {
+          event.preventDefault();
+          if (command.trim() !== '') void run({ action: 'shell', command: command.trim() });
+        }}
+      >
+        <input
+          name="command"
+          class="mono"
+          placeholder="Shell command, e.g. make test"
+          autocapitalize="off"
+          spellcheck={false}
+          value={command}
+          onInput={(event) => setCommand(event.currentTarget.value)}
+        />
+        <button type="submit" class="primary" disabled={command.trim() === ''}>
+          Run
+        </button>
+        {actions.length > 0 && (
+          <button type="button" class="secondary" onClick={() => void run({ action: actions[0] })}>
+            Build
+          </button>
+        )}
+      </form>
+      {problem && (
+        <p class="error" role="alert">
+          {problem}
+        </p>
+      )}
+      <div class="tasks-split">
+        <ul class="task-history" aria-label="Tasks">
+          {tasks.map((task) => (
+            <li key={task.taskId}>
+              <button
+                class={'task-item ' + task.status + (task === chosen ? ' current' : '')}
+                onClick={() => state.navigation.go({ taskId: task.taskId })}
+              >
+                <span class="task-title mono">{task.title}</span>
+                <span class="task-state">{taskStatusText(task)}</span>
+              </button>
+            </li>
+          ))}
+          {tasks.length === 0 && <li class="muted empty-note">Tasks you run here are listed for this session.</li>}
+        </ul>
+        {chosen && <TaskDetail state={state} task={chosen} rerun={() => void run({ action: chosen.payload?.action ?? 'shell', command: chosen.payload?.command })} />}
+      </div>
+    </div>
+  );
+}
+
+function TaskDetail({ state, task, rerun }: { state: ProjectProps['state']; task: Task; rerun: () => void }) {
+  const elapsed = useElapsed(task);
+  const ended = isEnded(task.status);
+  return (
+    <div class="task-detail" data-task={task.taskId}>
+      <header class="task-head">
+        <span class="task-title mono">{task.title}</span>
+        <span class={'task-status ' + task.status}>{taskStatusText(task)}</span>
+        <span class="muted">{elapsed}</span>
+        {ended ? (
+          task.payload && (
+            <button class="secondary" onClick={rerun}>
+              Run again
+            </button>
+          )
+        ) : (
+          <button class="danger" onClick={() => state.tasks.cancel(task)}>
+            Cancel
+          </button>
+        )}
+      </header>
+      {task.error && (
+        <p class="error" role="alert">
+          {task.error}
+        </p>
+      )}
+      <TaskLog log={task.log} version={state.tasks.version} />
+    </div>
+  );
+}

@@ -1,0 +1,58 @@
+import { useState } from 'preact/hooks';
+import type { AppState } from '../app_state';
+import type { ConnectionState } from '../protocol/relay_client';
+import { useStores } from '../lib/use_store';
+import { Icon } from './icons';
+import { projectName } from './names';
+
+export const kConnectionTexts: Record<ConnectionState, string> = {
+  connecting: 'Connecting…',
+  open: 'Connected',
+  waiting: 'Reconnecting…',
+  unauthorized: 'Token refused',
+  blocked: 'Blocked for a minute',
+  stopped: 'Offline',
+};
+
+export function TopBar({ state }: { state: AppState }) {
+  useStores(state.connection, state.navigation, state.approvals, state.tasks);
+  const [menu, setMenu] = useState(false);
+  const place = state.navigation.place;
+  const connection = state.connection.state;
+  const waiting = state.approvals.count + state.tasks.awaitingApproval().length;
+  return (
+    <header class="topbar">
+      <div class="brand-mark small" aria-hidden="true" />
+      {place.projectPath !== null && (
+        <button class="icon back" aria-label="Projects" onClick={() => state.navigation.home()}>
+          <Icon name="back" />
+        </button>
+      )}
+      <div class="title">
+        <strong>{place.projectPath !== null ? projectName(place.projectPath) : 'Brinmoor'}</strong>
+        {place.agentId !== null && place.projectPath !== null && <span class="subtitle">{place.agentId}</span>}
+      </div>
+      <span class={'connection ' + connection} role="status" title={kConnectionTexts[connection]}>
+        <span class="dot" />
+        <span class="connection-text">{kConnectionTexts[connection]}</span>
+      </span>
+      {waiting > 0 && (
+        <button class="badge-button" aria-label={`${waiting} waiting for you`} onClick={() => state.approvals.reveal()}>
+          <span class="badge">{waiting}</span>
+        </button>
+      )}
+      <div class="menu-anchor">
+        <button class="icon" aria-label="Menu" aria-expanded={menu} onClick={() => setMenu(!menu)}>
+          ⋯
+        </button>
+        {menu && (
+          <div class="menu" role="menu">
+            <button role="menuitem" onClick={() => (setMenu(false), void state.forget())}>
+              Forget this server
+            </button>
+          </div>
+        )}
+      </div>
+    </header>
+  );
+}

@@ -1,0 +1,21 @@
+// Line icons drawn inline, so they need no font or image request.
+const paths = {
+  chat: 'M4 5h16v11H8l-4 4z',
+  tasks: 'M7 4l12 8-12 8z',
+  changes: 'M12 4v16M4 12h16M5 20h6',
+  terminal: 'M4 5h16v14H4zM7 9l3 3-3 3M12 15h5',
+  plus: 'M12 5v14M5 12h14',
+  stop: 'M6 6h12v12H6z',
+  send: 'M4 12l16-8-6 16-2-6z',
+  back: 'M15 5l-7 7 7 7',
+};
+
+export type IconName = keyof typeof paths;
+
+export function Icon({ name }: { name: IconName }) {
+  return (
+    <svg class="icon-svg" viewBox="0 0 24 24" width="20" height="20" aria-hidden="true">
+      <path d={paths[name]} fill="none" stroke="currentColor" stroke-width="2" stroke-linejoin="round" stroke-linecap="round" />
+    </svg>
+  );
+}

@@ -1,0 +1,88 @@
+import 'fake-indexeddb/auto';
+import { describe, expect, it } from 'vitest';
+import type { ServerMessage, TaskPayload } from '../src/protocol/messages';
+import { ConversationDB } from '../src/stores/conversation_db';
+import { ConversationsStore } from '../src/stores/conversations_store';
+
+const m = (message: Record<string, unknown>) => message as unknown as ServerMessage;
+
+function until(condition: () => boolean): Promise<void> {
+  return new Promise((resolve) => {
+    const check = () => (condition() ? resolve() : setImmediate(check));
+    check();
+  });
+}
+
+describe('ConversationsStore', () => {
+  it('streams an answer, continues the conversation and finds it again after a reload', async () => {
+    const db = await ConversationDB.open(indexedDB, 'chat-test-1');
+    const payloads: TaskPayload[] = [];
+    let next = 0;
+    const sender = {
+      run: async (_agentId: string, payload: TaskPayload) => {
+        payloads.push(payload);
+        return { taskId: 'T' + ++next };
+      },
+      cancel: () => true,
+    };
+    const store = new ConversationsStore(db, sender, () => 42);
+    const conversation = store.start('mac', 'App', 'codex');
+    const answer = await store.send(conversation.id, 'What is in here?\nDetails follow');
+    expect(conversation.title).toBe('What is in here?');
+    store.handle(m({ type: 'task.log', agentId: 'mac', taskId: 'T1', line: '[command] ls' }));
+    store.handle(m({ type: 'task.chat.chunk', agentId: 'mac', taskId: 'T1', conversationId: conversation.id, chunk: 'Two ' }));
+    store.handle(m({ type: 'task.chat.chunk', agentId: 'mac', taskId: 'T1', conversationId: conversation.id, chunk: 'files.' }));
+    expect(answer.chunks).toEqual(['Two ', 'files.']);
+    store.handle(m({ type: 'task.chat.final', agentId: 'mac', taskId: 'T1', conversationId: conversation.id, text: 'Two files.' }));
+    store.handle(m({ type: 'task.finished', agentId: 'mac', taskId: 'T1', exitCode: 0 }));
+    expect([answer.status, answer.text, answer.activity]).toEqual(['done', 'Two files.', ['[command] ls']]);
+
+    const second = await store.send(conversation.id, 'And now?');
+    store.handle(m({ type: 'task.chat.error', agentId: 'mac', taskId: 'T2', conversationId: conversation.id, message: 'command exited with status 1' }));
+    store.handle(m({ type: 'task.failed', agentId: 'mac', taskId: 'T2', error: 'command exited with status 1', errorCode: 'COMMAND_EXIT_NONZERO', exitCode: 1 }));
+    expect([second.status, second.error]).toEqual(['error', 'command exited with status 1']);
+    expect(payloads).toEqual([
+      { action: 'chat', system: 'codex', projectPath: 'App', prompt: 'What is in here?\nDetails follow', conversationId: conversation.id, approvalMode: 'on_request' },
+      { action: 'chat', system: 'codex', projectPath: 'App', prompt: 'And now?', conversationId: conversation.id, approvalMode: 'on_request' },
+    ]);
+
+    const reloaded = new ConversationsStore(db, sender);
+    expect(reloaded.list('mac', 'App')).toEqual([]);
+    await until(() => reloaded.list('mac', 'App').length === 1);
+    const again = await reloaded.open(conversation.id);
+    expect(again!.messages!.map((x) => [x.role, x.text, x.status, x.error])).toEqual([
+      ['user', 'What is in here?\nDetails follow', 'done', ''],
+      ['assistant', 'Two files.', 'done', ''],
+      ['user', 'And now?', 'done', ''],
+      ['assistant', '', 'error', 'command exited with status 1'],
+    ]);
+    expect(reloaded.list('mac', 'Other')).toEqual([]);
+    db.close();
+  });
+
+  it('shows a refused chat as an error and an unfinished one as interrupted after a reload', async () => {
+    const db = await ConversationDB.open(indexedDB, 'chat-test-2');
+    let refuse = true;
+    const sender = {
+      run: async () => {
+        if (refuse) throw new Error('agent is not connected: mac');
+        return { taskId: 'T9' };
+      },
+      cancel: () => true,
+    };
+    const store = new ConversationsStore(db, sender);
+    const conversation = store.start('mac', 'App', 'claude');
+    const refused = await store.send(conversation.id, 'hello');
+    expect([refused.status, refused.error]).toEqual(['error', 'agent is not connected: mac']);
+    refuse = false;
+    await store.send(conversation.id, 'hello again');
+    store.handle(m({ type: 'task.chat.chunk', agentId: 'mac', taskId: 'T9', conversationId: conversation.id, chunk: 'Hal' }));
+    const reloaded = new ConversationsStore(db, sender);
+    reloaded.list('mac', 'App');
+    await until(() => reloaded.get(conversation.id) !== undefined);
+    const again = await reloaded.open(conversation.id);
+    await until(() => again!.messages!.length === 4);
+    expect(again!.messages!.map((x) => x.status)).toEqual(['done', 'error', 'done', 'interrupted']);
+    db.close();
+  });
+});
