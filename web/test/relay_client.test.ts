@@ -213,6 +213,26 @@ describe('RelayClient', () => {
     expect(since(FakeSocket.last())).toEqual({ mac: 102, linux: 7 });
   });
 
+  it('gives up its socket when the network goes, and resumes when it is back', () => {
+    const h = harness();
+    h.client.start();
+    const first = FakeSocket.last();
+    first.open();
+    first.receive({ type: 'server.hello', agents: [agent('mac', 5)] });
+    const waiting = h.client.createTask('mac', { action: 'shell' });
+    h.client.networkLost();
+    expect(first.closed).toBe(true);
+    expect(h.client.state).toBe('waiting');
+    h.client.reconnectNow();
+    expect(since(FakeSocket.last())).toEqual({ mac: 5 });
+    expect(FakeSocket.created.length).toBe(2);
+    // A socket still opening is given up too, and the next attempt waits its turn.
+    h.client.networkLost();
+    expect(FakeSocket.last().closed).toBe(true);
+    expect(FakeSocket.created.length).toBe(2);
+    return expect(waiting).rejects.toThrow('the connection to the relay was lost');
+  });
+
   it('keeps no seq for a reload above what the stores need again', () => {
     const h = harness();
     h.keepFrom = { mac: 40, other: 3 };

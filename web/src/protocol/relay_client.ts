@@ -212,6 +212,16 @@ export class RelayClient {
     this.connect();
   }
 
+  // The browser says the network went away. A socket may not notice for minutes (nothing
+  // arrives, nothing closes), so it is given up now; the next one resumes where this one
+  // stopped, at once when the network is back (`reconnectNow`).
+  networkLost(): void {
+    if (this.current !== 'open' && this.current !== 'connecting') return;
+    this.cancelTimer();
+    this.dropSocket();
+    this.scheduleReconnect();
+  }
+
   send(message: ClientMessage): boolean {
     if (!this.socket || this.current !== 'open') return false;
     this.socket.send(JSON.stringify(message));
