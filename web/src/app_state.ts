@@ -92,7 +92,7 @@ export class AppState {
       createTask: (agentId, payload) => relay().createTask(agentId, payload),
       cancelTask: (agentId, taskId) => relay().cancelTask(agentId, taskId),
       decideProposal: (agentId, taskId, approve) => relay().decideProposal(agentId, taskId, approve),
-    });
+    }, storage);
     this.approvals = new ApprovalsStore({
       decidePermission: (requestId, allow, message) => relay().decidePermission(requestId, allow, message),
     });
@@ -139,7 +139,7 @@ export class AppState {
     this.connection.replace(null);
     this.credentials.forget();
     this.terminals.forget();
-    for (const key of ['brinmoor.folders', 'brinmoor.place', kSeqsKey]) this.storage.removeItem(key);
+    for (const key of ['brinmoor.folders', 'brinmoor.place', 'brinmoor.taskPayloads', kSeqsKey]) this.storage.removeItem(key);
     this.navigation.home();
     await this.conversations.clear();
   }

@@ -69,19 +69,31 @@ describe('LogLines', () => {
 });
 
 describe('TasksStore', () => {
-  function tasks() {
+  function tasks(storage = new MemoryStorage()) {
     const sent: string[] = [];
     let clock = 1000;
+    let next = 0;
     const store = new TasksStore(
       {
-        createTask: async () => 'T1',
+        createTask: async () => 'T' + ++next,
         cancelTask: (agentId, taskId) => sent.push('cancel ' + agentId + ' ' + taskId) > 0,
         decideProposal: (agentId, taskId, approve) => sent.push(`${approve ? 'approve' : 'reject'} ${agentId} ${taskId}`) > 0,
       },
+      storage,
       () => (clock += 500),
     );
     return { store, sent };
   }
+
+  it('keeps what it asked of its newest 50 tasks for the next page', async () => {
+    const storage = new MemoryStorage();
+    const { store } = tasks(storage);
+    for (let i = 1; i <= 51; i++) await store.run('mac', { action: 'shell', command: 'echo ' + i, projectPath: 'App' });
+    const next = tasks(storage).store;
+    for (const id of ['T1', 'T2', 'T51']) next.handle(m({ type: 'task.started', agentId: 'mac', taskId: id, seq: 1 }));
+    expect(['T1', 'T2', 'T51'].map((id) => next.get(id)!.title)).toEqual(['Task', 'echo 2', 'echo 51']);
+    expect(next.get('T51')!.payload).toEqual({ action: 'shell', command: 'echo 51', projectPath: 'App' });
+  });
 
   it('follows a shell task from creation to its end', async () => {
     const { store, sent } = tasks();
@@ -346,7 +358,7 @@ describe('TasksStore snapshots', () => {
   };
   const hello = (agents: unknown[]) => m({ type: 'server.hello', agents });
   const record = (seq: number, snap: unknown) => ({ agentId: 'a', busy: true, registration: null, online: true, seq, snapshot: snap });
-  const store = () => new TasksStore({ createTask: async () => 'T', cancelTask: () => true, decideProposal: () => true }, () => 1000);
+  const store = () => new TasksStore({ createTask: async () => 'T', cancelTask: () => true, decideProposal: () => true }, new MemoryStorage(), () => 1000);
 
   it('shows what a page that never saw the agent finds in the hello', () => {
     const tasks = store();

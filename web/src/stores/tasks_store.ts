@@ -1,7 +1,7 @@
 import type { AgentSnapshot, Proposal, ServerMessage, TaskPayload } from '../protocol/messages';
 import type { Seqs } from '../protocol/relay_client';
 import { LogLines } from './log_lines';
-import { Observable } from './observable';
+import { Observable, readJSON, type KeyValueStorage } from './observable';
 
 export type TaskKind = 'shell' | 'build' | 'chat' | 'ai_task' | 'task';
 // "lost": the agent no longer knew the task when the relay last heard of it.
@@ -13,6 +13,10 @@ export const kMissedOutputNotice = 'Some output was missed here: the relay no lo
 // How many ended tasks of each agent a reload brings back with their output (as many
 // as the relay's snapshot names).
 const kEndedKeptPerAgent = 20;
+// What this page asked of its newest tasks, kept for the next page (their titles, "Run
+// again"): the relay gives back a task's messages, not its request.
+const kPayloadsKey = 'brinmoor.taskPayloads';
+const kPayloadsKept = 50;
 
 export interface TaskProposal extends Proposal {
   needsApproval: boolean;
@@ -88,13 +92,16 @@ export class TasksStore extends Observable {
   private readonly tasks = new Map<string, Task>();
   // Tasks whose end this page received; any other may have said more than the page has.
   private readonly endSeen = new Set<string>();
+  private payloads: Record<string, TaskPayload>;
 
   constructor(
     private readonly sender: TaskSender,
+    private readonly storage: KeyValueStorage,
     private readonly now: () => number = Date.now,
     private readonly logCapacity?: number,
   ) {
     super();
+    this.payloads = readJSON(storage, kPayloadsKey, {});
   }
 
   get(taskId: string): Task | undefined {
@@ -113,6 +120,7 @@ export class TasksStore extends Observable {
 
   async run(agentId: string, payload: TaskPayload): Promise<Task> {
     const taskId = await this.sender.createTask(agentId, payload);
+    this.remember(taskId, payload);
     const task = this.ensure(taskId, agentId, payload);
     this.changed();
     return task;
@@ -252,7 +260,18 @@ export class TasksStore extends Observable {
     this.endSeen.add(task.taskId);
   }
 
-  private ensure(taskId: string, agentId: string, payload: TaskPayload | null): Task {
+  private remember(taskId: string, payload: TaskPayload): void {
+    const kept = Object.entries(this.payloads).slice(1 - kPayloadsKept);
+    this.payloads = Object.fromEntries([...kept, [taskId, payload]]);
+    try {
+      this.storage.setItem(kPayloadsKey, JSON.stringify(this.payloads));
+    } catch {
+      // a full storage costs the next page these titles only
+    }
+  }
+
+  private ensure(taskId: string, agentId: string, given: TaskPayload | null): Task {
+    const payload = given ?? this.payloads[taskId] ?? null;
     let task = this.tasks.get(taskId);
     if (!task) {
       task = {
