@@ -12,8 +12,8 @@ export interface TerminalSession {
   status: 'opening' | 'running' | 'closed';
   exitCode?: number;
   message: string; // the agent's latest status or error text
-  // Output characters the terminal has processed (its write callbacks), the measure a
-  // flow-controlled relay acknowledges against.
+  // Output characters the terminal has processed (its write callbacks), what the
+  // benchmark measures; the relay is paced by the offsets of the output instead.
   processed?: number;
 }
 
