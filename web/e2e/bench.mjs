@@ -129,8 +129,8 @@ async function terminal() {
   print('terminal: characters processed during the cat', (characters / 1e6).toFixed(1), 'M');
   print('terminal: page answer time during the cat, max', Math.max(...answers), 'ms', '< 100 ms');
   print('terminal: page answer time during the cat, 95th percentile', percentile(answers, 95), 'ms');
-  // Without flow control the relay drops a reader that falls 8 MiB behind; the page then
-  // reconnects and the terminal is attached again with its replay.
+  // The page paces the terminal by what xterm.js rendered, so it never falls the 8 MiB
+  // behind for which the relay drops a reader.
   const dropped = world.relayLog.match(/client\.dropped [^\n]*/g) ?? [];
   print('terminal: times the relay dropped the page for being slow', dropped.length);
   await page.close();

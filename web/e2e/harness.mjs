@@ -55,7 +55,9 @@ function stopProcess(child, signal = 'SIGTERM') {
 }
 
 export class World {
-  constructor() {
+  // `relayEnv`: settings of the relay beyond port, address and token.
+  constructor({ relayEnv = {} } = {}) {
+    this.relayEnv = relayEnv;
     this.bin = required('BRINMOOR_BIN_DIR');
     this.fakeTools = required('BRINMOOR_FAKE_TOOLS_DIR');
     this.helper = join(this.bin, 'brinmoor_test_helper');
@@ -77,7 +79,7 @@ export class World {
     });
     for (const signal of ['SIGINT', 'SIGTERM']) process.once(signal, () => process.exit(1));
     this.relay = spawn(join(this.bin, 'brinmoor-server'), [], {
-      env: { ...process.env, BRINMOOR_SHARED_TOKEN: kToken, BRINMOOR_SERVER_PORT: '0', BRINMOOR_SERVER_BIND: '127.0.0.1' },
+      env: { ...process.env, ...this.relayEnv, BRINMOOR_SHARED_TOKEN: kToken, BRINMOOR_SERVER_PORT: '0', BRINMOOR_SERVER_BIND: '127.0.0.1' },
       stdio: ['ignore', 'pipe', 'inherit'],
     });
     this.relay.stdout.setEncoding('utf8');

@@ -1,6 +1,6 @@
 // The page's state: the relay connection and one store per concern, wired together. The
 // views get this object and read the stores; they act through the stores' operations.
-import { RelayClient, type ConnectionState } from './protocol/relay_client';
+import { RelayClient, kSeqsKey, type ConnectionState } from './protocol/relay_client';
 import { AgentsStore } from './stores/agents_store';
 import { ApprovalsStore } from './stores/approvals_store';
 import { ConversationDB } from './stores/conversation_db';
@@ -92,7 +92,7 @@ export class AppState {
       createTask: (agentId, payload) => relay().createTask(agentId, payload),
       cancelTask: (agentId, taskId) => relay().cancelTask(agentId, taskId),
       decideProposal: (agentId, taskId, approve) => relay().decideProposal(agentId, taskId, approve),
-    });
+    }, storage);
     this.approvals = new ApprovalsStore({
       decidePermission: (requestId, allow, message) => relay().decidePermission(requestId, allow, message),
     });
@@ -101,7 +101,10 @@ export class AppState {
       cancel: (agentId, taskId) => relay().cancelTask(agentId, taskId),
     });
     this.terminals = new TerminalsStore(
-      { terminal: (type, agentId, payload) => this.connection.client?.terminal(type, agentId, payload) ?? false },
+      {
+        terminal: (type, agentId, payload) => this.connection.client?.terminal(type, agentId, payload) ?? false,
+        ackTerminal: (agentId, sessionId, offset) => this.connection.client?.ackTerminal(agentId, sessionId, offset) ?? false,
+      },
       storage,
     );
   }
@@ -113,7 +116,7 @@ export class AppState {
       this.connection.replace(null);
       return;
     }
-    const client = new RelayClient({ origin: this.origin, token });
+    const client = new RelayClient({ origin: this.origin, token, storage: this.storage, keepFrom: () => this.tasks.keepFrom() });
     client.onMessage((message) => {
       this.agents.handle(message);
       this.tasks.handle(message);
@@ -136,7 +139,7 @@ export class AppState {
     this.connection.replace(null);
     this.credentials.forget();
     this.terminals.forget();
-    for (const key of ['brinmoor.folders', 'brinmoor.place']) this.storage.removeItem(key);
+    for (const key of ['brinmoor.folders', 'brinmoor.place', 'brinmoor.taskPayloads', kSeqsKey]) this.storage.removeItem(key);
     this.navigation.home();
     await this.conversations.clear();
   }

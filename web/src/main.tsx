@@ -21,7 +21,10 @@ function start(): void {
   const wake = () => state.connection.client?.reconnectNow();
   document.addEventListener('visibilitychange', () => document.visibilityState === 'visible' && wake());
   window.addEventListener('online', wake);
+  window.addEventListener('offline', () => state.connection.client?.networkLost());
   window.addEventListener('pageshow', wake);
+  // What a reload resumes from is written when the page goes, not only now and then.
+  window.addEventListener('pagehide', () => state.connection.client?.saveSeqs());
   (window as unknown as { brinmoor: AppState }).brinmoor = state;
   render(<App state={state} />, document.getElementById('app')!);
 }

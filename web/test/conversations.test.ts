@@ -3,6 +3,7 @@ import { describe, expect, it } from 'vitest';
 import type { ServerMessage, TaskPayload } from '../src/protocol/messages';
 import { ConversationDB } from '../src/stores/conversation_db';
 import { ConversationsStore } from '../src/stores/conversations_store';
+import { kMissedOutputNotice } from '../src/stores/tasks_store';
 
 const m = (message: Record<string, unknown>) => message as unknown as ServerMessage;
 
@@ -84,5 +85,27 @@ describe('ConversationsStore', () => {
     await until(() => again!.messages!.length === 4);
     expect(again!.messages!.map((x) => x.status)).toEqual(['done', 'error', 'done', 'interrupted']);
     db.close();
+  });
+
+  it('says an answer lost some of its stream after a gap, and ends it when its task ended', async () => {
+    let next = 0;
+    const store = new ConversationsStore(null, { run: async () => ({ taskId: 'T' + ++next }), cancel: () => true });
+    const conversation = store.start('mac', 'App', 'claude');
+    const ended = await store.send(conversation.id, 'one');
+    const going = await store.send(conversation.id, 'two');
+    const other = store.start('linux', 'App', 'claude');
+    const elsewhere = await store.send(other.id, 'three');
+    store.handle(m({ type: 'task.chat.chunk', agentId: 'mac', taskId: 'T1', conversationId: conversation.id, chunk: 'Hal' }));
+    const tasks = [
+      { taskId: 'T1', kind: 'chat', projectPath: 'App', status: 'finished', exitCode: 0 },
+      { taskId: 'T2', kind: 'chat', projectPath: 'App', status: 'running' },
+    ];
+    store.handle(m({ type: 'resume.gap', agentId: 'mac', since: 3, seq: 80, snapshot: { tasks, proposal: null, terminals: [] } }));
+    expect([ended.status, ended.text, ended.missed]).toEqual(['done', 'Hal', true]);
+    expect([going.status, going.missed]).toEqual(['streaming', true]);
+    expect([elsewhere.status, elsewhere.missed]).toEqual(['streaming', undefined]);
+    store.handle(m({ type: 'task.chat.chunk', agentId: 'mac', taskId: 'T2', conversationId: conversation.id, chunk: 'rest' }));
+    expect(going.chunks).toEqual(['rest']);
+    expect(kMissedOutputNotice).toBe('Some output was missed here: the relay no longer had it when this page came back.');
   });
 });

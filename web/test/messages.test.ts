@@ -1,6 +1,8 @@
 import { describe, expect, it } from 'vitest';
 import { decodeServerMessage } from '../src/protocol/messages';
 
+const kEmpty = { tasks: [], proposal: null, terminals: [] };
+
 describe('decodeServerMessage', () => {
   it('reads the hello with each agent and its registration', () => {
     const message = decodeServerMessage(
@@ -19,6 +21,9 @@ describe('decodeServerMessage', () => {
         {
           agentId: 'mac',
           busy: true,
+          online: true,
+          seq: 0,
+          snapshot: kEmpty,
           registration: {
             profiles: [],
             projects: ['/r/App'],
@@ -30,9 +35,79 @@ describe('decodeServerMessage', () => {
             supportsApproval: true,
           },
         },
-        { agentId: 'linux', busy: false, registration: null },
+        { agentId: 'linux', busy: false, registration: null, online: true, seq: 0, snapshot: kEmpty },
       ],
     });
+  });
+
+  it('reads each agent\'s seq and snapshot in the hello, leaving out what is malformed', () => {
+    const proposal = { taskId: 'P', proposalId: 'p1', proposalSummary: 's', proposalCommentary: 'c', proposalDiff: 'd', proposalFiles: ['x'] };
+    const message = decodeServerMessage(
+      JSON.stringify({
+        type: 'server.hello',
+        agents: [
+          {
+            agentId: 'mac',
+            busy: false,
+            registration: null,
+            online: false,
+            seq: 1700000000000123,
+            snapshot: {
+              tasks: [
+                { taskId: 'T', kind: 'shell', projectPath: '/r/App', status: 'failed', exitCode: 2 },
+                { taskId: 'C', kind: 'chat', projectPath: '/r/App', status: 'running', conversationId: 'conv', exitCode: 'x' },
+                { taskId: 'U', kind: '', projectPath: '/r/App', status: 'exploded' },
+                { kind: 'shell', status: 'running' },
+                'junk',
+              ],
+              proposal,
+              terminals: [{ sessionId: 'S', projectPath: '/r/App', mode: 'line' }, { sessionId: 'Q', projectPath: '/r/App' }, { sessionId: 3 }],
+            },
+          },
+          { agentId: 'odd', busy: false, registration: null, seq: 'x', snapshot: { tasks: 'no', proposal: { taskId: 'P' } } },
+        ],
+      }),
+    );
+    expect(message).toEqual({
+      type: 'server.hello',
+      agents: [
+        {
+          agentId: 'mac',
+          busy: false,
+          registration: null,
+          online: false,
+          seq: 1700000000000123,
+          snapshot: {
+            tasks: [
+              { taskId: 'T', kind: 'shell', projectPath: '/r/App', status: 'failed', exitCode: 2 },
+              { taskId: 'C', kind: 'chat', projectPath: '/r/App', status: 'running', conversationId: 'conv' },
+            ],
+            proposal,
+            terminals: [
+              { sessionId: 'S', projectPath: '/r/App', mode: 'line' },
+              { sessionId: 'Q', projectPath: '/r/App', mode: 'interactive' },
+            ],
+          },
+        },
+        { agentId: 'odd', busy: false, registration: null, online: true, seq: 0, snapshot: kEmpty },
+      ],
+    });
+  });
+
+  it('reads resume.ok and resume.gap, and the offset of live terminal output', () => {
+    expect(decodeServerMessage('{"type":"resume.ok","agentId":"mac","since":41}')).toEqual({ type: 'resume.ok', agentId: 'mac', since: 41 });
+    expect(decodeServerMessage('{"type":"resume.ok","agentId":"mac"}')).toBeNull();
+    expect(decodeServerMessage('{"type":"resume.gap","agentId":"mac","since":1,"seq":90,"snapshot":{"tasks":[],"proposal":null}}')).toEqual({
+      type: 'resume.gap',
+      agentId: 'mac',
+      since: 1,
+      seq: 90,
+      snapshot: kEmpty,
+    });
+    expect(decodeServerMessage('{"type":"resume.gap","agentId":"mac","since":1,"seq":90}')).toBeNull();
+    const output = '{"type":"terminal.output","agentId":"a","sessionId":"S","projectPath":"","data":"x","offset":';
+    expect(decodeServerMessage(output + '12}')).toMatchObject({ offset: 12 });
+    expect(decodeServerMessage(output + '"12"}')).not.toHaveProperty('offset');
   });
 
   it('keeps members it does not know and the seq', () => {

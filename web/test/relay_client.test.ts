@@ -1,20 +1,25 @@
 import { beforeEach, describe, expect, it } from 'vitest';
-import { RelayClient, RelayError, randomId, type ConnectionState } from '../src/protocol/relay_client';
+import { RelayClient, RelayError, randomId, type ConnectionState, type Seqs } from '../src/protocol/relay_client';
+import { MemoryStorage } from '../src/stores/observable';
 import { FakeSocket } from './fake_socket';
 
 interface Harness {
   client: RelayClient;
+  storage: MemoryStorage;
+  keepFrom: Seqs;
   timers: { callback: () => void; ms: number; cleared: boolean }[];
   states: ConnectionState[];
   probeStatus: number;
   probes: string[];
 }
 
-function harness(): Harness {
-  const h = { timers: [], states: [], probeStatus: 0, probes: [] } as unknown as Harness;
+function harness(storage = new MemoryStorage()): Harness {
+  const h = { timers: [], states: [], probeStatus: 0, probes: [], storage, keepFrom: {} } as unknown as Harness;
   h.client = new RelayClient({
     origin: 'http://relay.test:8080',
     token: 'secret',
+    storage,
+    keepFrom: () => h.keepFrom,
     createSocket: (url, protocols) => new FakeSocket(url, protocols),
     probe: async (origin, token) => {
       h.probes.push(origin + ' ' + token);
@@ -34,10 +39,23 @@ function harness(): Harness {
 
 const hello = { type: 'server.hello', agents: [] };
 
-// The timers of reconnecting, without the hello time-outs every socket has.
+// The timers of reconnecting, without the hello time-outs every socket has and the
+// writing of the seqs.
 function retries(h: Harness) {
-  return h.timers.filter((timer) => timer.ms !== 10000);
+  return h.timers.filter((timer) => timer.ms !== 10000 && timer.ms !== 1500);
 }
+
+function saves(h: Harness) {
+  return h.timers.filter((timer) => timer.ms === 1500 && !timer.cleared);
+}
+
+const empty = { tasks: [], proposal: null, terminals: [] };
+const agent = (agentId: string, seq: number) => ({ agentId, busy: false, registration: null, online: true, seq, snapshot: empty });
+const log = (agentId: string, seq: number, line = 'x') => ({ type: 'task.log', agentId, taskId: 'T', line, seq });
+const since = (socket: FakeSocket) => {
+  const query = new URL(socket.url.replace(/^ws/, 'http')).searchParams.get('since');
+  return query === null ? null : JSON.parse(query);
+};
 
 describe('RelayClient', () => {
   beforeEach(() => {
@@ -163,6 +181,98 @@ describe('RelayClient', () => {
     expect(seen).toEqual(['server.hello', 'task.log', 'task.log', 'task.log']);
   });
 
+  it('resumes every agent it has seen on every new socket, and keeps the seqs for a reload', () => {
+    const h = harness();
+    h.client.start();
+    expect(FakeSocket.last().url).toBe('ws://relay.test:8080/v1/ws/client');
+    FakeSocket.last().open();
+    // Agents shown by the hello are resumed from its seq; one without messages is not named.
+    FakeSocket.last().receive({ type: 'server.hello', agents: [agent('mac', 100), agent('idle', 0)] });
+    expect(h.client.lastSeq()).toEqual({ mac: 100 });
+    FakeSocket.last().receive(log('mac', 101));
+    FakeSocket.last().receive(log('linux', 7));
+    FakeSocket.last().drop();
+    retries(h)[0].callback();
+    expect(FakeSocket.last().url).toBe('ws://relay.test:8080/v1/ws/client?since=' + encodeURIComponent('{"mac":101,"linux":7}'));
+    // Written once, 1.5 s after the first change, and at once when asked.
+    expect(saves(h).length).toBe(1);
+    expect(h.storage.getItem('brinmoor.seqs')).toBeNull();
+    saves(h)[0].callback();
+    expect(JSON.parse(h.storage.getItem('brinmoor.seqs')!)).toEqual({ mac: 101, linux: 7 });
+    FakeSocket.last().open();
+    FakeSocket.last().receive({ type: 'server.hello', agents: [agent('mac', 300)] });
+    FakeSocket.last().receive({ type: 'resume.ok', agentId: 'mac', since: 101 });
+    // A resumed agent keeps its own seq: the replay of what came after it follows.
+    expect(h.client.lastSeq()).toEqual({ mac: 101, linux: 7 });
+    FakeSocket.last().receive(log('mac', 102));
+    h.client.saveSeqs();
+    expect(JSON.parse(h.storage.getItem('brinmoor.seqs')!)).toEqual({ mac: 102, linux: 7 });
+    // The next page starts from there.
+    const reloaded = harness(h.storage);
+    reloaded.client.start();
+    expect(since(FakeSocket.last())).toEqual({ mac: 102, linux: 7 });
+  });
+
+  it('gives up its socket when the network goes, and resumes when it is back', () => {
+    const h = harness();
+    h.client.start();
+    const first = FakeSocket.last();
+    first.open();
+    first.receive({ type: 'server.hello', agents: [agent('mac', 5)] });
+    const waiting = h.client.createTask('mac', { action: 'shell' });
+    h.client.networkLost();
+    expect(first.closed).toBe(true);
+    expect(h.client.state).toBe('waiting');
+    h.client.reconnectNow();
+    expect(since(FakeSocket.last())).toEqual({ mac: 5 });
+    expect(FakeSocket.created.length).toBe(2);
+    // A socket still opening is given up too, and the next attempt waits its turn.
+    h.client.networkLost();
+    expect(FakeSocket.last().closed).toBe(true);
+    expect(FakeSocket.created.length).toBe(2);
+    return expect(waiting).rejects.toThrow('the connection to the relay was lost');
+  });
+
+  it('keeps no seq for a reload above what the stores need again', () => {
+    const h = harness();
+    h.keepFrom = { mac: 40, other: 3 };
+    h.client.start();
+    FakeSocket.last().open();
+    FakeSocket.last().receive(hello);
+    FakeSocket.last().receive(log('mac', 90));
+    FakeSocket.last().receive(log('linux', 5));
+    h.client.stop(); // a pending write is done on the way out
+    expect(JSON.parse(h.storage.getItem('brinmoor.seqs')!)).toEqual({ mac: 40, linux: 5 });
+    expect(h.client.lastSeq()).toEqual({ mac: 90, linux: 5 });
+  });
+
+  it('drops a message it already has, and goes on after a gap from the snapshot\'s seq', () => {
+    const h = harness();
+    const seen: unknown[] = [];
+    h.client.onMessage((m) => seen.push(m.type === 'task.log' ? m.seq : m.type));
+    h.client.start();
+    FakeSocket.last().open();
+    FakeSocket.last().receive(hello);
+    FakeSocket.last().receive(log('mac', 10));
+    FakeSocket.last().receive(log('mac', 10));
+    FakeSocket.last().receive(log('mac', 9));
+    FakeSocket.last().receive(log('mac', 12)); // seqs can skip
+    FakeSocket.last().receive({ type: 'resume.gap', agentId: 'mac', since: 12, seq: 50, snapshot: empty });
+    FakeSocket.last().receive(log('mac', 50));
+    FakeSocket.last().receive(log('mac', 51));
+    expect(seen).toEqual(['server.hello', 10, 12, 'resume.gap', 51]);
+    expect(h.client.lastSeq()).toEqual({ mac: 51 });
+  });
+
+  it('ignores kept seqs it cannot read', () => {
+    const storage = new MemoryStorage();
+    storage.setItem('brinmoor.seqs', '{"mac":12,"neg":-1,"text":"4","big":1e300}');
+    const h = harness(storage);
+    expect(h.client.lastSeq()).toEqual({ mac: 12 });
+    storage.setItem('brinmoor.seqs', '[1,2');
+    expect(harness(storage).client.lastSeq()).toEqual({});
+  });
+
   it('sends decisions in the relay\'s words', () => {
     const h = harness();
     h.client.start();
@@ -176,6 +286,8 @@ describe('RelayClient', () => {
     h.client.decideProposal('mac', 'T', false);
     h.client.cancelTask('mac', 'T');
     h.client.terminal('terminal.input', 'mac', { sessionId: 'S', dataBase64: 'aGk=' });
+    h.client.ackTerminal('mac', 'S', 131072);
+    h.client.ackTerminal('mac', 'S');
     expect(socket.sent).toEqual([
       { type: 'permission.decision', requestId: 'R1', decision: 'allow' },
       { type: 'permission.decision', requestId: 'R2', decision: 'deny', message: 'not that file' },
@@ -184,6 +296,8 @@ describe('RelayClient', () => {
       { type: 'task.approval', agentId: 'mac', taskId: 'T', payload: { decision: 'reject' } },
       { type: 'task.cancel', agentId: 'mac', taskId: 'T' },
       { type: 'terminal.input', agentId: 'mac', payload: { sessionId: 'S', dataBase64: 'aGk=' } },
+      { type: 'terminal.ack', agentId: 'mac', payload: { sessionId: 'S', offset: 131072 } },
+      { type: 'terminal.ack', agentId: 'mac', payload: { sessionId: 'S' } },
     ]);
   });
 

@@ -5,7 +5,8 @@ import { ApprovalsStore, describeToolInput } from '../src/stores/approvals_store
 import { Credentials } from '../src/stores/credentials';
 import { LogLines } from '../src/stores/log_lines';
 import { MemoryStorage } from '../src/stores/observable';
-import { TasksStore } from '../src/stores/tasks_store';
+import { TasksStore, kMissedOutputNotice } from '../src/stores/tasks_store';
+import { taskStatusText } from '../src/views/TasksView';
 import { TerminalsStore, encodeBase64 } from '../src/stores/terminals_store';
 
 const m = (message: Record<string, unknown>) => message as unknown as ServerMessage;
@@ -27,29 +28,29 @@ describe('Credentials', () => {
 describe('AgentsStore', () => {
   it('follows hello, online, offline, registration and busy', () => {
     const store = new AgentsStore(new MemoryStorage());
-    store.handle(m({ type: 'server.hello', agents: [{ agentId: 'b', busy: true, registration: null }, { agentId: 'a', busy: false, registration }] }));
-    expect(store.list().map((a) => [a.agentId, a.online, a.busy])).toEqual([['a', true, false], ['b', true, true]]);
+    store.handle(m({ type: 'server.hello', agents: [{ agentId: 'b', busy: true, registration: null, online: true }, { agentId: 'a', busy: false, registration, online: true }, { agentId: 'gone', busy: false, registration: null, online: false }] }));
+    expect(store.list().map((a) => [a.agentId, a.online, a.busy])).toEqual([['a', true, false], ['b', true, true], ['gone', false, false]]);
     store.handle(m({ type: 'task.finished', agentId: 'b', taskId: 'T', exitCode: 0 }));
     store.handle(m({ type: 'agent.offline', agentId: 'a' }));
     store.handle(m({ type: 'agent.online', agentId: 'c' }));
     store.handle(m({ type: 'agent.register', agentId: 'c', seq: 3, ...registration, projects: ['/r/Other'] }));
     store.handle(m({ type: 'task.started', agentId: 'c', taskId: 'U' }));
     store.handle(m({ type: 'task.failed', agentId: 'c', taskId: 'V', error: 'agent is busy', errorCode: 'AGENT_BUSY', exitCode: 1 }));
-    expect(store.list().map((a) => [a.agentId, a.online, a.busy])).toEqual([['a', false, false], ['b', true, false], ['c', true, true]]);
+    expect(store.list().map((a) => [a.agentId, a.online, a.busy])).toEqual([['a', false, false], ['b', true, false], ['c', true, true], ['gone', false, false]]);
     expect(store.get('c')!.registration).toEqual({ ...registration, projects: ['/r/Other'] });
-    store.handle(m({ type: 'server.hello', agents: [{ agentId: 'c', busy: false, registration }] }));
-    expect(store.list().map((a) => [a.agentId, a.online])).toEqual([['a', false], ['b', false], ['c', true]]);
+    store.handle(m({ type: 'server.hello', agents: [{ agentId: 'c', busy: false, registration, online: true }] }));
+    expect(store.list().map((a) => [a.agentId, a.online])).toEqual([['a', false], ['b', false], ['c', true], ['gone', false]]);
   });
 
   it('remembers the folders typed for an agent', () => {
     const storage = new MemoryStorage();
     const store = new AgentsStore(storage);
-    store.handle(m({ type: 'server.hello', agents: [{ agentId: 'a', busy: false, registration }] }));
+    store.handle(m({ type: 'server.hello', agents: [{ agentId: 'a', busy: false, registration, online: true }] }));
     expect(store.rememberFolder('a', '  web  ')).toBe('web');
     store.rememberFolder('a', '/r/App');
     store.rememberFolder('a', 'web');
     const again = new AgentsStore(storage);
-    again.handle(m({ type: 'server.hello', agents: [{ agentId: 'a', busy: false, registration }] }));
+    again.handle(m({ type: 'server.hello', agents: [{ agentId: 'a', busy: false, registration, online: true }] }));
     expect(again.projects('a')).toEqual(['/r/App', 'web']);
     again.forgetFolder('a', 'web');
     expect(new AgentsStore(storage).projects('a')).toEqual([]);
@@ -68,19 +69,31 @@ describe('LogLines', () => {
 });
 
 describe('TasksStore', () => {
-  function tasks() {
+  function tasks(storage = new MemoryStorage()) {
     const sent: string[] = [];
     let clock = 1000;
+    let next = 0;
     const store = new TasksStore(
       {
-        createTask: async () => 'T1',
+        createTask: async () => 'T' + ++next,
         cancelTask: (agentId, taskId) => sent.push('cancel ' + agentId + ' ' + taskId) > 0,
         decideProposal: (agentId, taskId, approve) => sent.push(`${approve ? 'approve' : 'reject'} ${agentId} ${taskId}`) > 0,
       },
+      storage,
       () => (clock += 500),
     );
     return { store, sent };
   }
+
+  it('keeps what it asked of its newest 50 tasks for the next page', async () => {
+    const storage = new MemoryStorage();
+    const { store } = tasks(storage);
+    for (let i = 1; i <= 51; i++) await store.run('mac', { action: 'shell', command: 'echo ' + i, projectPath: 'App' });
+    const next = tasks(storage).store;
+    for (const id of ['T1', 'T2', 'T51']) next.handle(m({ type: 'task.started', agentId: 'mac', taskId: id, seq: 1 }));
+    expect(['T1', 'T2', 'T51'].map((id) => next.get(id)!.title)).toEqual(['Task', 'echo 2', 'echo 51']);
+    expect(next.get('T51')!.payload).toEqual({ action: 'shell', command: 'echo 51', projectPath: 'App' });
+  });
 
   it('follows a shell task from creation to its end', async () => {
     const { store, sent } = tasks();
@@ -136,13 +149,23 @@ describe('ApprovalsStore', () => {
   });
 });
 
-describe('TerminalsStore', () => {
-  function terminals(storage = new MemoryStorage()) {
-    const sent: unknown[] = [];
-    const store = new TerminalsStore({ terminal: (type, agentId, payload) => sent.push({ type, agentId, payload }) > 0 }, storage);
-    return { store, sent, storage };
-  }
+function terminals(storage = new MemoryStorage()) {
+  const sent: unknown[] = [];
+  const flushes: (() => void)[] = [];
+  const store = new TerminalsStore(
+    {
+      terminal: (type, agentId, payload) => sent.push({ type, agentId, payload }) > 0,
+      ackTerminal: (agentId, sessionId, offset) =>
+        sent.push({ type: 'terminal.ack', agentId, payload: offset === undefined ? { sessionId } : { sessionId, offset } }) > 0,
+    },
+    storage,
+    (flush) => flushes.push(flush),
+  );
+  const flush = () => flushes.splice(0).forEach((f) => f());
+  return { store, sent, storage, flush, flushes };
+}
 
+describe('TerminalsStore', () => {
   it('opens, replaces and closes sessions and keeps the open ones for the next page', () => {
     const { store, sent, storage } = terminals();
     const first = store.open('mac', 'App', 'interactive');
@@ -172,7 +195,7 @@ describe('TerminalsStore', () => {
     out('play', true);
     out(' live');
     const seen: string[] = [];
-    store.connect(session.sessionId, { output: (data, reset) => seen.push(`${reset ? 'RESET:' : ''}${data}`) });
+    store.connect(session.sessionId, { output: (data, reset) => void seen.push(`${reset ? 'RESET:' : ''}${data}`) });
     out('!');
     expect(seen).toEqual(['RESET:replay live', '!']);
   });
@@ -192,6 +215,27 @@ describe('TerminalsStore', () => {
     expect(sent[1]).toEqual({ type: 'terminal.close', agentId: 'mac', payload: { sessionId: session.sessionId } });
     expect(store.forProject('mac', 'App')).toBeUndefined();
     expect(terminals(storage).store.forProject('mac', 'App')).toBeUndefined();
+  });
+
+  it('lists the sessions a snapshot names and attaches them; one per project', () => {
+    const { store, sent, storage } = terminals();
+    const mine = store.open('mac', 'App', 'interactive');
+    sent.length = 0;
+    const snapshot = (terminals: unknown[]) => ({ tasks: [], proposal: null, terminals });
+    store.handle(m({ type: 'server.hello', agents: [{ agentId: 'mac', busy: false, registration: null, online: true, seq: 9, snapshot: snapshot([{ sessionId: mine.sessionId, projectPath: 'App', mode: 'interactive' }, { sessionId: 'S2', projectPath: 'Lib', mode: 'line' }]) }] }));
+    expect(store.forProject('mac', 'Lib')).toEqual({ sessionId: 'S2', agentId: 'mac', projectPath: 'Lib', mode: 'line', status: 'running', message: '' });
+    expect(store.forProject('mac', 'App')).toBe(mine);
+    store.attachAll();
+    expect(sent).toEqual([
+      { type: 'terminal.attach', agentId: 'mac', payload: { sessionId: mine.sessionId } },
+      { type: 'terminal.attach', agentId: 'mac', payload: { sessionId: 'S2' } },
+    ]);
+    // After a gap, a session another client opened for the project replaced this one.
+    store.handle(m({ type: 'resume.gap', agentId: 'mac', since: 9, seq: 40, snapshot: snapshot([{ sessionId: 'S3', projectPath: 'App', mode: 'interactive' }]) }));
+    expect(mine.status).toBe('closed');
+    expect(store.forProject('mac', 'App')!.sessionId).toBe('S3');
+    expect(sent[2]).toEqual({ type: 'terminal.attach', agentId: 'mac', payload: { sessionId: 'S3' } });
+    expect(terminals(storage).store.forProject('mac', 'App')!.sessionId).toBe('S3');
   });
 
   it('marks a session the agent no longer has as closed', () => {
@@ -220,13 +264,170 @@ describe('ApprovalsStore sheet', () => {
   });
 });
 
-describe('TerminalsStore processed output', () => {
-  it('counts what the terminal confirmed', () => {
-    const store = new TerminalsStore({ terminal: () => true }, new MemoryStorage());
-    const session = store.open('mac', 'App', 'interactive');
-    store.processed(session.sessionId, 10);
-    store.processed(session.sessionId, 5);
-    store.processed('unknown', 3);
-    expect(store.get(session.sessionId)!.processed).toBe(15);
+describe('TerminalsStore pacing', () => {
+  function paced() {
+    const h = terminals();
+    const session = h.store.open('mac', 'App', 'interactive');
+    h.sent.length = 0;
+    const out = (data: string, offset?: number, snapshot?: boolean) =>
+      h.store.handle(m({ type: 'terminal.output', agentId: 'mac', sessionId: session.sessionId, projectPath: 'App', data, offset, snapshot }));
+    const rendered: (() => void)[] = [];
+    const connect = () => h.store.connect(session.sessionId, { output: (_data, _reset, done) => void rendered.push(done) });
+    const ack = (offset?: number) => ({
+      type: 'terminal.ack',
+      agentId: 'mac',
+      payload: offset === undefined ? { sessionId: session.sessionId } : { sessionId: session.sessionId, offset },
+    });
+    return { ...h, session, out, rendered, connect, ack };
+  }
+
+  it('acknowledges what the view rendered, once for a burst, and counts it', () => {
+    const h = paced();
+    h.connect();
+    h.out('abc', 3);
+    h.out('defg', 7);
+    h.out('hi', 9);
+    expect(h.sent).toEqual([]); // nothing rendered yet
+    h.rendered[0]();
+    h.rendered[1]();
+    expect(h.flushes.length).toBe(1);
+    h.flush();
+    expect(h.sent).toEqual([h.ack(7)]);
+    h.rendered[2]();
+    h.flush();
+    expect(h.sent).toEqual([h.ack(7), h.ack(9)]);
+    expect(h.store.get(h.session.sessionId)!.processed).toBe(9);
+  });
+
+  it('never acknowledges a replay, nor the same offset twice on one connection', () => {
+    const h = paced();
+    h.connect();
+    h.out('screen', undefined, true);
+    h.rendered[0]();
+    expect(h.flushes).toEqual([]);
+    h.out('x', 10);
+    h.rendered[1]();
+    h.flush();
+    h.rendered[1]();
+    h.flush();
+    expect(h.sent).toEqual([h.ack(10)]);
+    // A new connection paces nothing until told again.
+    h.store.handle(m({ type: 'server.hello', agents: [] }));
+    h.out('y', 11);
+    h.rendered[2]();
+    h.flush();
+    expect(h.sent).toEqual([h.ack(10), h.ack(11)]);
+  });
+
+  it('stops pacing when the view goes, and paces held output once a view shows it', () => {
+    const h = paced();
+    const disconnect = h.connect();
+    h.out('a', 1);
+    h.rendered[0]();
+    h.flush();
+    disconnect();
+    expect(h.sent).toEqual([h.ack(1), h.ack()]);
+    h.out('bb', 3);
+    h.out('ccc', 6);
+    expect(h.flushes).toEqual([]);
+    h.connect();
+    expect(h.rendered.length).toBe(2);
+    h.rendered[1]();
+    h.flush();
+    expect(h.sent.slice(2)).toEqual([h.ack(6)]);
+  });
+
+  it('says nothing when a view that never paced goes', () => {
+    const h = paced();
+    h.connect()();
+    expect(h.sent).toEqual([]);
+  });
+});
+
+describe('TasksStore snapshots', () => {
+  const proposal = { taskId: 'P', proposalId: 'p1', proposalSummary: '1 file changed', proposalCommentary: 'Renames it.', proposalDiff: '--- a/x\n+++ b/x\n', proposalFiles: ['x'] };
+  const snapshot = {
+    tasks: [
+      { taskId: 'S', kind: 'shell', projectPath: '/r/App', status: 'running' },
+      { taskId: 'E', kind: 'build_ios', projectPath: '/r/App', status: 'failed', exitCode: 65 },
+      { taskId: 'P', kind: 'ai_task', projectPath: '/r/App', status: 'awaiting_approval' },
+      { taskId: 'C', kind: 'chat', projectPath: '/r/App', status: 'finished', exitCode: 0, conversationId: 'conv' },
+    ],
+    proposal,
+    terminals: [],
+  };
+  const hello = (agents: unknown[]) => m({ type: 'server.hello', agents });
+  const record = (seq: number, snap: unknown) => ({ agentId: 'a', busy: true, registration: null, online: true, seq, snapshot: snap });
+  const store = () => new TasksStore({ createTask: async () => 'T', cancelTask: () => true, decideProposal: () => true }, new MemoryStorage(), () => 1000);
+
+  it('shows what a page that never saw the agent finds in the hello', () => {
+    const tasks = store();
+    tasks.handle(hello([record(50, snapshot)]));
+    expect(tasks.list().map((t) => [t.taskId, t.kind, t.title, t.projectPath, t.status, t.exitCode])).toEqual([
+      ['C', 'chat', 'Chat', '/r/App', 'finished', 0],
+      ['P', 'ai_task', 'Proposed change', '/r/App', 'awaiting_approval', undefined],
+      ['E', 'build', 'Build: build_ios', '/r/App', 'failed', 65],
+      ['S', 'shell', 'Shell command', '/r/App', 'running', undefined],
+    ]);
+    const { taskId: _taskId, ...waiting } = proposal;
+    expect(tasks.get('P')!.proposal).toEqual({ ...waiting, needsApproval: true });
+    expect(tasks.awaitingApproval().map((t) => t.taskId)).toEqual(['P']);
+    expect(tasks.get('C')!.conversationId).toBe('conv');
+    expect(tasks.keepFrom()).toEqual({ a: 50 });
+    // Its messages after the hello's seq go on from there.
+    tasks.handle(m({ type: 'task.log', agentId: 'a', taskId: 'S', line: 'more', seq: 51 }));
+    expect(tasks.get('S')!.log.text()).toBe('more');
+    expect(tasks.keepFrom()).toEqual({ a: 50 });
+  });
+
+  it('leaves the tasks it knows to the replay after a hello, and learns how far back a reload must go', () => {
+    const tasks = store();
+    tasks.handle(m({ type: 'task.started', agentId: 'a', taskId: 'S', seq: 20 }));
+    tasks.handle(m({ type: 'task.log', agentId: 'a', taskId: 'S', line: 'one', seq: 21 }));
+    tasks.handle(hello([record(50, snapshot)]));
+    expect(tasks.get('S')!.status).toBe('running');
+    expect(tasks.get('S')!.log.text()).toBe('one');
+    expect(tasks.keepFrom()).toEqual({ a: 19 });
+    // A reloaded page is given the snapshot, then the messages from before it.
+    const reloaded = store();
+    reloaded.handle(hello([record(50, snapshot)]));
+    reloaded.handle(m({ type: 'task.started', agentId: 'a', taskId: 'E', seq: 30 }));
+    reloaded.handle(m({ type: 'task.failed', agentId: 'a', taskId: 'E', error: 'no', errorCode: 'X', exitCode: 65, seq: 31 }));
+    expect(reloaded.get('E')!.status).toBe('failed');
+    expect(reloaded.keepFrom()).toEqual({ a: 29 });
+  });
+
+  it('keeps for a reload the running tasks and the newest 20 ended ones of each agent', () => {
+    const tasks = store();
+    for (let i = 1; i <= 22; i++) {
+      tasks.handle(m({ type: 'task.started', agentId: 'a', taskId: 'T' + i, seq: 100 * i }));
+      if (i !== 1) tasks.handle(m({ type: 'task.finished', agentId: 'a', taskId: 'T' + i, exitCode: 0, seq: 100 * i + 1 }));
+    }
+    tasks.handle(m({ type: 'task.started', agentId: 'b', taskId: 'B', seq: 7 }));
+    expect(tasks.keepFrom()).toEqual({ a: 99, b: 6 });
+    tasks.handle(m({ type: 'task.finished', agentId: 'a', taskId: 'T1', exitCode: 0, seq: 3000 }));
+    // T1 is the oldest ended now: the 20 newest begin with T3.
+    expect(tasks.keepFrom()).toEqual({ a: 299, b: 6 });
+  });
+
+  it('after a gap takes the snapshot as the truth and says where output was missed', () => {
+    const tasks = store();
+    tasks.handle(m({ type: 'task.started', agentId: 'a', taskId: 'S', seq: 1 }));
+    tasks.handle(m({ type: 'task.log', agentId: 'a', taskId: 'S', line: 'one', seq: 2 }));
+    tasks.handle(m({ type: 'task.started', agentId: 'a', taskId: 'Gone', seq: 3 }));
+    tasks.handle(m({ type: 'task.started', agentId: 'a', taskId: 'Done', seq: 4 }));
+    tasks.handle(m({ type: 'task.finished', agentId: 'a', taskId: 'Done', exitCode: 0, seq: 5 }));
+    tasks.handle(m({ type: 'task.started', agentId: 'b', taskId: 'Other', seq: 6 }));
+    const later = { ...snapshot, tasks: [{ taskId: 'S', kind: 'shell', projectPath: '/r/App', status: 'finished', exitCode: 2 }, snapshot.tasks[1]] };
+    tasks.handle(m({ type: 'resume.gap', agentId: 'a', since: 5, seq: 90, snapshot: later }));
+    const s = tasks.get('S')!;
+    expect([s.status, s.exitCode]).toEqual(['finished', 2]);
+    expect([s.log.length, s.log.at(0), s.log.at(1), s.log.isNotice(0), s.log.isNotice(1)]).toEqual([2, 'one', kMissedOutputNotice, false, true]);
+    expect(tasks.get('Gone')!.status).toBe('lost');
+    expect(tasks.get('Gone')!.log.text()).toBe(kMissedOutputNotice);
+    expect(tasks.get('E')!.log.text()).toBe(kMissedOutputNotice);
+    expect(tasks.get('Done')!.log.length).toBe(0);
+    expect(tasks.get('Other')!.status).toBe('running');
+    expect(taskStatusText(tasks.get('Gone')!)).toBe('Ended unseen: the agent no longer knew it');
   });
 });

@@ -14,10 +14,38 @@ export interface Registration {
   supportsApproval: boolean;
 }
 
+// An agent's present as the relay knows it: the tasks running and recently ended, the
+// proposal waiting for a decision, and the open terminal sessions.
+export type SnapshotTaskStatus = 'running' | 'awaiting_approval' | 'finished' | 'failed' | 'cancelled' | 'lost';
+
+export interface SnapshotTask {
+  taskId: string;
+  kind: string; // the task's action; "" when the relay learnt of it from the agent alone
+  projectPath: string;
+  status: SnapshotTaskStatus;
+  exitCode?: number;
+  conversationId?: string;
+}
+
+export interface SnapshotTerminal {
+  sessionId: string;
+  projectPath: string;
+  mode: 'interactive' | 'line';
+}
+
+export interface AgentSnapshot {
+  tasks: SnapshotTask[];
+  proposal: (Proposal & { taskId: string }) | null;
+  terminals: SnapshotTerminal[];
+}
+
 export interface AgentRecord {
   agentId: string;
   busy: boolean;
   registration: Registration | null;
+  online: boolean;
+  seq: number; // of the agent's newest message the relay has; 0 when none
+  snapshot: AgentSnapshot; // as of that message
 }
 
 export interface Proposal {
@@ -28,8 +56,8 @@ export interface Proposal {
   proposalFiles: string[];
 }
 
-// Present on every message the relay passes on from an agent. "seq" is the relay's
-// per-agent sequence number where the relay numbers messages.
+// Present on every message the relay passes on from an agent. "seq" is the agent's own
+// number of the message, rising by one per message (it can skip, never go back).
 interface FromAgent {
   agentId: string;
   seq?: number;
@@ -48,6 +76,8 @@ export type ServerMessage =
   | { type: 'server.hello'; agents: AgentRecord[] }
   | { type: 'agent.online'; agentId: string }
   | { type: 'agent.offline'; agentId: string }
+  | { type: 'resume.ok'; agentId: string; since: number }
+  | { type: 'resume.gap'; agentId: string; since: number; seq: number; snapshot: AgentSnapshot }
   | ({ type: 'agent.register' } & FromAgent & Registration)
   | { type: 'task.created'; taskId: string; agentId: string; requestId?: string }
   | { type: 'error'; code: string; message: string; requestId?: string }
@@ -66,7 +96,9 @@ export type ServerMessage =
   | ({ type: 'task.proposal_ready' } & TaskMessage & Proposal)
   | ({ type: 'task.awaiting_approval' } & TaskMessage & Proposal)
   | ({ type: 'terminal.opened'; status: string; mode?: string } & TerminalMessage)
-  | ({ type: 'terminal.output'; data: string; snapshot?: boolean } & TerminalMessage)
+  // "offset": the session's output so far, this piece included, in UTF-16 code units; only
+  // live output has it.
+  | ({ type: 'terminal.output'; data: string; snapshot?: boolean; offset?: number } & TerminalMessage)
   | ({ type: 'terminal.status'; status: string; message: string } & TerminalMessage)
   | ({
       type: 'terminal.completion';
@@ -124,7 +156,8 @@ export type ClientMessage =
       decision: 'allow' | 'deny';
       message?: string;
       updatedInput?: Record<string, unknown>;
-    };
+    }
+  | { type: 'terminal.ack'; agentId: string; payload: { sessionId: string; offset?: number } };
 
 type Shape = Record<string, 'string' | 'number' | 'boolean' | 'strings' | 'object' | 'any'>;
 
@@ -145,6 +178,8 @@ const shapes: Record<ServerMessageType, Shape> = {
   'server.hello': {},
   'agent.online': agentShape,
   'agent.offline': agentShape,
+  'resume.ok': { ...agentShape, since: 'number' },
+  'resume.gap': { ...agentShape, since: 'number', seq: 'number', snapshot: 'object' },
   'agent.register': agentShape,
   'task.created': taskShape,
   error: { code: 'string', message: 'string' },
@@ -213,14 +248,74 @@ export function decodeRegistration(value: unknown): Registration | null {
   };
 }
 
+function isObject(value: unknown): value is Record<string, unknown> {
+  return typeof value === 'object' && value !== null && !Array.isArray(value);
+}
+
+function objects(value: unknown): Record<string, unknown>[] {
+  return Array.isArray(value) ? value.filter(isObject) : [];
+}
+
+const kSnapshotStatuses: readonly string[] = ['running', 'awaiting_approval', 'finished', 'failed', 'cancelled', 'lost'];
+
+function decodeSnapshotTask(raw: Record<string, unknown>): SnapshotTask | null {
+  const { taskId, kind, projectPath, status, exitCode, conversationId } = raw;
+  if (typeof taskId !== 'string' || typeof status !== 'string' || !kSnapshotStatuses.includes(status)) return null;
+  const task: SnapshotTask = {
+    taskId,
+    kind: typeof kind === 'string' ? kind : '',
+    projectPath: typeof projectPath === 'string' ? projectPath : '',
+    status: status as SnapshotTaskStatus,
+  };
+  if (typeof exitCode === 'number') task.exitCode = exitCode;
+  if (typeof conversationId === 'string') task.conversationId = conversationId;
+  return task;
+}
+
+function decodeSnapshotProposal(raw: unknown): AgentSnapshot['proposal'] {
+  if (!isObject(raw) || !hasShape(raw, proposalShape, ['agentId'])) return null;
+  const { taskId, proposalId, proposalSummary, proposalCommentary, proposalDiff, proposalFiles } = raw as unknown as Proposal & {
+    taskId: string;
+  };
+  return { taskId, proposalId, proposalSummary, proposalCommentary, proposalDiff, proposalFiles };
+}
+
+// A snapshot with what is malformed in it left out: an empty present rather than no message.
+export function decodeSnapshot(value: unknown): AgentSnapshot {
+  const raw = isObject(value) ? value : {};
+  const tasks = objects(raw.tasks)
+    .map(decodeSnapshotTask)
+    .filter((task): task is SnapshotTask => task !== null);
+  const terminals = objects(raw.terminals)
+    .filter((t) => typeof t.sessionId === 'string' && typeof t.projectPath === 'string')
+    .map((t) => ({
+      sessionId: t.sessionId as string,
+      projectPath: t.projectPath as string,
+      mode: t.mode === 'line' ? ('line' as const) : ('interactive' as const),
+    }));
+  return { tasks, proposal: decodeSnapshotProposal(raw.proposal), terminals };
+}
+
 function decodeAgents(value: unknown): AgentRecord[] | null {
   if (!Array.isArray(value)) return null;
   const agents: AgentRecord[] = [];
   for (const item of value) {
-    if (typeof item !== 'object' || item === null || typeof item.agentId !== 'string') continue;
-    agents.push({ agentId: item.agentId, busy: item.busy === true, registration: decodeRegistration(item.registration) });
+    if (!isObject(item) || typeof item.agentId !== 'string') continue;
+    agents.push({
+      agentId: item.agentId,
+      busy: item.busy === true,
+      registration: decodeRegistration(item.registration),
+      // An older relay lists connected agents only.
+      online: item.online !== false,
+      seq: typeof item.seq === 'number' ? item.seq : 0,
+      snapshot: decodeSnapshot(item.snapshot),
+    });
   }
   return agents;
+}
+
+function hasShape(message: Record<string, unknown>, shape: Shape, except: string[] = []): boolean {
+  return Object.entries(shape).every(([name, kind]) => except.includes(name) || hasKind(message[name], kind));
 }
 
 // One text frame of the relay, or null when it is not a message this client understands.
@@ -235,11 +330,12 @@ export function decodeServerMessage(text: string): ServerMessage | null {
   const message = value as Record<string, unknown>;
   if (typeof message.type !== 'string' || !Object.prototype.hasOwnProperty.call(shapes, message.type)) return null;
   const type = message.type as ServerMessageType;
-  for (const [name, kind] of Object.entries(shapes[type])) {
-    if (!hasKind(message[name], kind)) return null;
-  }
+  if (!hasShape(message, shapes[type])) return null;
   if (message.seq !== undefined && typeof message.seq !== 'number') delete message.seq;
-  if (type === 'server.hello') {
+  if (message.offset !== undefined && typeof message.offset !== 'number') delete message.offset;
+  if (type === 'resume.gap') {
+    message.snapshot = decodeSnapshot(message.snapshot);
+  } else if (type === 'server.hello') {
     const agents = decodeAgents(message.agents);
     if (!agents) return null;
     message.agents = agents;

@@ -1,8 +1,12 @@
 // The one owner of the relay socket. It connects with the token as the "bearer.TOKEN"
 // subprotocol (browsers cannot set headers on a WebSocket), reconnects with back-off,
-// matches answers to requests by "requestId", remembers the last "seq" per agent, and
-// hands every decoded message to its listeners. Views never build messages: they call
-// the operations below.
+// matches answers to requests by "requestId", and hands every decoded message to its
+// listeners. Views never build messages: they call the operations below.
+//
+// It resumes: it remembers the "seq" of the newest message of each agent and names them
+// in the address of every new socket ("?since="), so the relay replays what the page
+// missed, nothing twice. The seqs are kept in the browser too, so a reload resumes; what
+// is kept there is never newer than what the stores can rebuild (`keepFrom`).
 import {
   decodeServerMessage,
   type ClientMessage,
@@ -40,10 +44,22 @@ export interface SocketLike {
   close(code?: number, reason?: string): void;
 }
 
+// Where the seqs are kept across reloads: the browser's localStorage.
+export interface SeqStorage {
+  getItem(key: string): string | null;
+  setItem(key: string, value: string): void;
+}
+
+export type Seqs = Record<string, number>;
+
 export interface RelayClientOptions {
   // The relay's origin, e.g. "http://192.168.1.5:8080".
   origin: string;
   token: string;
+  storage?: SeqStorage;
+  // Per agent, the seq after which the stores need the messages again when the page is
+  // loaded afresh (what they show but do not keep); the kept seq is never above it.
+  keepFrom?: () => Seqs;
   createSocket?: (url: string, protocols: string[]) => SocketLike;
   // Asks the relay whether the token is good, for a socket that never opened: the status
   // of GET /v1/agents with the token in the Authorization header.
@@ -59,6 +75,22 @@ const kBackoffStartMs = 500;
 const kBackoffMaxMs = 15_000;
 const kBlockedRetryMs = 60_000;
 const kHelloTimeoutMs = 10_000; // a socket without the relay's hello by then is given up
+const kSaveDelayMs = 1_500; // seqs are written at most this often (and when the page goes)
+export const kSeqsKey = 'brinmoor.seqs';
+
+function readSeqs(storage: SeqStorage | undefined): Map<string, number> {
+  const seqs = new Map<string, number>();
+  try {
+    const value: unknown = JSON.parse(storage?.getItem(kSeqsKey) ?? '{}');
+    if (typeof value !== 'object' || value === null || Array.isArray(value)) return seqs;
+    for (const [agentId, seq] of Object.entries(value)) {
+      if (Number.isSafeInteger(seq) && seq >= 0) seqs.set(agentId, seq);
+    }
+  } catch {
+    // unreadable: start without
+  }
+  return seqs;
+}
 
 async function probeWithFetch(origin: string, token: string): Promise<number> {
   try {
@@ -80,8 +112,10 @@ export function randomId(random: () => number = Math.random): string {
   return `${hex.slice(0, 8)}-${hex.slice(8, 12)}-${hex.slice(12, 16)}-${hex.slice(16, 20)}-${hex.slice(20)}`;
 }
 
-export function socketURL(origin: string): string {
-  return origin.replace(/^http/, 'ws') + '/v1/ws/client';
+// The client socket's address; with seqs, the relay resumes each agent named after them.
+export function socketURL(origin: string, since: Seqs = {}): string {
+  const url = origin.replace(/^http/, 'ws') + '/v1/ws/client';
+  return Object.keys(since).length === 0 ? url : url + '?since=' + encodeURIComponent(JSON.stringify(since));
 }
 
 type MessageListener = (message: ServerMessage) => void;
@@ -93,16 +127,19 @@ interface Pending {
 }
 
 export class RelayClient {
-  private readonly options: Required<RelayClientOptions>;
+  private readonly options: Required<Omit<RelayClientOptions, 'storage'>> & Pick<RelayClientOptions, 'storage'>;
   private socket: SocketLike | null = null;
   private timer: unknown = null;
+  private saveTimer: unknown = null;
   private helloTimer: unknown = null;
   private attempt = 0;
   private current: ConnectionState = 'stopped';
   private readonly messageListeners = new Set<MessageListener>();
   private readonly stateListeners = new Set<StateListener>();
   private readonly pending = new Map<string, Pending>();
-  private readonly seqs = new Map<string, number>();
+  private readonly seqs: Map<string, number>;
+  // The agents the current socket resumes.
+  private resuming = new Set<string>();
 
   constructor(options: RelayClientOptions) {
     this.options = {
@@ -111,8 +148,10 @@ export class RelayClient {
       setTimer: (callback, ms) => setTimeout(callback, ms),
       clearTimer: (handle) => clearTimeout(handle as ReturnType<typeof setTimeout>),
       random: Math.random,
+      keepFrom: () => ({}),
       ...options,
     };
+    this.seqs = readSeqs(options.storage);
   }
 
   get state(): ConnectionState {
@@ -120,8 +159,26 @@ export class RelayClient {
   }
 
   // The last "seq" seen from each agent, for resuming where this page left off.
-  lastSeq(): Record<string, number> {
+  lastSeq(): Seqs {
     return Object.fromEntries(this.seqs);
+  }
+
+  // Writes the seqs a reload resumes from: the last seen, lowered to what the stores need
+  // again. Called after messages (at most every 1.5 s) and when the page goes away.
+  saveSeqs(): void {
+    if (this.saveTimer !== null) this.options.clearTimer(this.saveTimer);
+    this.saveTimer = null;
+    const storage = this.options.storage;
+    if (!storage) return;
+    const kept = this.lastSeq();
+    for (const [agentId, seq] of Object.entries(this.options.keepFrom())) {
+      if (agentId in kept && seq < kept[agentId]) kept[agentId] = seq;
+    }
+    try {
+      storage.setItem(kSeqsKey, JSON.stringify(kept));
+    } catch {
+      // a full or refused storage costs a reload its resume, nothing else
+    }
   }
 
   onMessage(listener: MessageListener): () => void {
@@ -142,6 +199,7 @@ export class RelayClient {
   stop(): void {
     this.cancelTimer();
     this.dropSocket();
+    if (this.saveTimer !== null) this.saveSeqs();
     this.setState('stopped');
   }
 
@@ -152,6 +210,16 @@ export class RelayClient {
     if (this.socket && this.socket.readyState <= kOpen) return;
     this.cancelTimer();
     this.connect();
+  }
+
+  // The browser says the network went away. A socket may not notice for minutes (nothing
+  // arrives, nothing closes), so it is given up now; the next one resumes where this one
+  // stopped, at once when the network is back (`reconnectNow`).
+  networkLost(): void {
+    if (this.current !== 'open' && this.current !== 'connecting') return;
+    this.cancelTimer();
+    this.dropSocket();
+    this.scheduleReconnect();
   }
 
   send(message: ClientMessage): boolean {
@@ -196,12 +264,20 @@ export class RelayClient {
     return this.send({ type, agentId, payload });
   }
 
+  // Paces a terminal session: this page has rendered its live output up to `offset`.
+  // Without an offset, the page stops pacing it.
+  ackTerminal(agentId: string, sessionId: string, offset?: number): boolean {
+    return this.send({ type: 'terminal.ack', agentId, payload: offset === undefined ? { sessionId } : { sessionId, offset } });
+  }
+
   private connect(): void {
     this.dropSocket();
     this.setState('connecting');
+    const since = this.lastSeq();
+    this.resuming = new Set(Object.keys(since));
     let socket: SocketLike;
     try {
-      socket = this.options.createSocket(socketURL(this.options.origin), [kSubprotocol, 'bearer.' + this.options.token]);
+      socket = this.options.createSocket(socketURL(this.options.origin, since), [kSubprotocol, 'bearer.' + this.options.token]);
     } catch {
       // A token that is not a valid subprotocol name can never be accepted.
       this.setState('unauthorized');
@@ -241,8 +317,19 @@ export class RelayClient {
   }
 
   private dispatch(message: ServerMessage): void {
-    if ('seq' in message && typeof message.seq === 'number' && 'agentId' in message) {
-      this.seqs.set(message.agentId, message.seq);
+    if (message.type === 'server.hello') {
+      // An agent this socket does not resume is shown as of the hello's seq: its messages
+      // after that one follow, and the next socket resumes from there.
+      for (const agent of message.agents) {
+        if (!this.resuming.has(agent.agentId) && agent.seq > 0) this.noteSeq(agent.agentId, agent.seq);
+      }
+    } else if (message.type === 'resume.gap') {
+      // What came between is lost; the snapshot is the present as of "seq".
+      this.noteSeq(message.agentId, message.seq);
+    } else if ('seq' in message && typeof message.seq === 'number' && 'agentId' in message) {
+      // Seqs only rise: one the page has seen is a message it has.
+      if (message.seq <= (this.seqs.get(message.agentId) ?? -1)) return;
+      this.noteSeq(message.agentId, message.seq);
     }
     const requestId = 'requestId' in message && message.type !== 'permission.request' ? message.requestId : undefined;
     if (requestId !== undefined && (message.type === 'task.created' || message.type === 'error')) {
@@ -254,6 +341,13 @@ export class RelayClient {
       }
     }
     for (const listener of [...this.messageListeners]) listener(message);
+  }
+
+  private noteSeq(agentId: string, seq: number): void {
+    this.seqs.set(agentId, seq);
+    if (this.saveTimer === null && this.options.storage) {
+      this.saveTimer = this.options.setTimer(() => this.saveSeqs(), kSaveDelayMs);
+    }
   }
 
   // A socket that never opened: a refused token, a blocked address, or just no relay.

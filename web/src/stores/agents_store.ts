@@ -60,9 +60,12 @@ export class AgentsStore extends Observable {
   handle(message: ServerMessage): void {
     switch (message.type) {
       case 'server.hello': {
-        // The hello lists the agents connected now; the others this page knew are offline.
+        // The hello lists the agents connected now and those gone whose messages the relay
+        // still keeps; the others this page knew are offline.
         for (const agent of this.agents.values()) agent.online = false;
-        for (const record of message.agents) this.agents.set(record.agentId, { ...record, online: true });
+        for (const { agentId, busy, registration, online } of message.agents) {
+          this.agents.set(agentId, { agentId, busy, registration, online });
+        }
         break;
       }
       case 'agent.online':

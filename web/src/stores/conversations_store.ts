@@ -1,4 +1,4 @@
-import type { ServerMessage, TaskPayload } from '../protocol/messages';
+import type { ServerMessage, SnapshotTaskStatus, TaskPayload } from '../protocol/messages';
 import { randomId } from '../protocol/relay_client';
 import type { ConversationDB, ConversationRecord, MessageRecord, MessageStatus } from './conversation_db';
 import { Observable } from './observable';
@@ -7,6 +7,7 @@ import { Observable } from './observable';
 // `chunks`, so a view can render what is new without touching what it rendered before.
 export interface ChatMessage extends MessageRecord {
   chunks: string[];
+  missed?: boolean; // some of it came while the page was away and the relay no longer had it
 }
 
 export interface Conversation extends ConversationRecord {
@@ -137,6 +138,10 @@ export class ConversationsStore extends Observable {
   }
 
   handle(message: ServerMessage): void {
+    if (message.type === 'resume.gap') {
+      this.missed(message.agentId, new Map(message.snapshot.tasks.map((task) => [task.taskId, task.status])));
+      return;
+    }
     if (!('taskId' in message) || message.type === 'permission.request') return;
     const answer = this.byTask.get(message.taskId);
     if (!answer) return;
@@ -174,6 +179,19 @@ export class ConversationsStore extends Observable {
     this.byTask.clear();
     this.loadedScopes.clear();
     await (await this.db)?.clear();
+    this.changed();
+  }
+
+  // The answers of an agent's chats that the relay could not give whole: each says so, and
+  // one whose task has ended (or is not named any more) ends here too.
+  private missed(agentId: string, statuses: Map<string, SnapshotTaskStatus>): void {
+    const ends: Partial<Record<SnapshotTaskStatus, MessageStatus>> = { finished: 'done', cancelled: 'cancelled', failed: 'error' };
+    for (const answer of [...this.byTask.values()]) {
+      if (this.conversations.get(answer.conversationId)?.agentId !== agentId) continue;
+      answer.missed = true;
+      const status = statuses.get(answer.taskId);
+      if (status !== 'running' && status !== 'awaiting_approval') this.finish(answer, (status && ends[status]) ?? 'interrupted');
+    }
     this.changed();
   }
 

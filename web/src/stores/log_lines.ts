@@ -5,6 +5,7 @@ export class LogLines {
   private lines: string[] = [];
   private start = 0; // index in `lines` of the oldest kept line
   private droppedCount = 0;
+  private readonly notices = new Set<number>(); // lines the page wrote, counted from the first ever
 
   constructor(readonly capacity = 200_000) {}
 
@@ -23,6 +24,16 @@ export class LogLines {
   // The kept lines from `from` (inclusive) to `to` (exclusive).
   slice(from: number, to: number): string[] {
     return this.lines.slice(this.start + from, this.start + to);
+  }
+
+  // Whether the line at `index` is the page's own word (a notice), not the task's output.
+  isNotice(index: number): boolean {
+    return this.notices.has(this.droppedCount + index);
+  }
+
+  notice(text: string): void {
+    this.notices.add(this.droppedCount + this.length);
+    this.push(text);
   }
 
   push(line: string): void {

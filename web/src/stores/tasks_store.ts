@@ -1,9 +1,22 @@
-import type { Proposal, ServerMessage, TaskPayload } from '../protocol/messages';
+import type { AgentSnapshot, Proposal, ServerMessage, TaskPayload } from '../protocol/messages';
+import type { Seqs } from '../protocol/relay_client';
 import { LogLines } from './log_lines';
-import { Observable } from './observable';
+import { Observable, readJSON, type KeyValueStorage } from './observable';
 
 export type TaskKind = 'shell' | 'build' | 'chat' | 'ai_task' | 'task';
-export type TaskStatus = 'starting' | 'running' | 'awaiting_approval' | 'finished' | 'failed' | 'cancelled';
+// "lost": the agent no longer knew the task when the relay last heard of it.
+export type TaskStatus = 'starting' | 'running' | 'awaiting_approval' | 'finished' | 'failed' | 'cancelled' | 'lost';
+
+// The line a task's log shows where the relay no longer had what the page missed.
+export const kMissedOutputNotice = 'Some output was missed here: the relay no longer had it when this page came back.';
+
+// How many ended tasks of each agent a reload brings back with their output (as many
+// as the relay's snapshot names).
+const kEndedKeptPerAgent = 20;
+// What this page asked of its newest tasks, kept for the next page (their titles, "Run
+// again"): the relay gives back a task's messages, not its request.
+const kPayloadsKey = 'brinmoor.taskPayloads';
+const kPayloadsKept = 50;
 
 export interface TaskProposal extends Proposal {
   needsApproval: boolean;
@@ -29,6 +42,10 @@ export interface Task {
   progress?: { phase: string; message: string; percent: number };
   proposal?: TaskProposal;
   artifacts: { kind: string; summary: string; mimeType: string }[];
+  conversationId?: string;
+  // The seq after which the relay has all of this task's messages this page has: its
+  // first message's less one, or the seq of the snapshot it was learnt from.
+  since?: number;
 }
 
 // What the tasks store asks of the relay.
@@ -53,31 +70,38 @@ export function taskKind(payload: TaskPayload | null): TaskKind {
 
 export function taskTitle(payload: TaskPayload | null): string {
   if (!payload) return 'Task';
+  if (payload.action === 'shell' && payload.command === undefined) return 'Shell command';
   switch (payload.action) {
     case 'shell':
       return payload.command ?? '';
     case 'chat':
+      return payload.prompt ?? 'Chat';
     case 'ai_task':
-      return payload.prompt ?? '';
+      return payload.prompt ?? 'Proposed change';
     default:
       return 'Build: ' + payload.action;
   }
 }
 
 export function isEnded(status: TaskStatus): boolean {
-  return status === 'finished' || status === 'failed' || status === 'cancelled';
+  return status === 'finished' || status === 'failed' || status === 'cancelled' || status === 'lost';
 }
 
 // The tasks of this session: those this page started, and those it saw others start.
 export class TasksStore extends Observable {
   private readonly tasks = new Map<string, Task>();
+  // Tasks whose end this page received; any other may have said more than the page has.
+  private readonly endSeen = new Set<string>();
+  private payloads: Record<string, TaskPayload>;
 
   constructor(
     private readonly sender: TaskSender,
+    private readonly storage: KeyValueStorage,
     private readonly now: () => number = Date.now,
     private readonly logCapacity?: number,
   ) {
     super();
+    this.payloads = readJSON(storage, kPayloadsKey, {});
   }
 
   get(taskId: string): Task | undefined {
@@ -96,6 +120,7 @@ export class TasksStore extends Observable {
 
   async run(agentId: string, payload: TaskPayload): Promise<Task> {
     const taskId = await this.sender.createTask(agentId, payload);
+    this.remember(taskId, payload);
     const task = this.ensure(taskId, agentId, payload);
     this.changed();
     return task;
@@ -112,10 +137,39 @@ export class TasksStore extends Observable {
     return true;
   }
 
+  // Per agent, the seq after which a page loaded afresh needs the messages again to show
+  // these tasks as they are: those running and the newest ended ones.
+  keepFrom(): Seqs {
+    const floor: Seqs = {};
+    const ended = new Map<string, number>();
+    for (const task of this.list()) {
+      if (task.since === undefined) continue;
+      if (isEnded(task.status)) {
+        const count = (ended.get(task.agentId) ?? 0) + 1;
+        ended.set(task.agentId, count);
+        if (count > kEndedKeptPerAgent) continue;
+      }
+      floor[task.agentId] = Math.min(floor[task.agentId] ?? Infinity, task.since);
+    }
+    return floor;
+  }
+
   handle(message: ServerMessage): void {
+    if (message.type === 'server.hello') {
+      for (const agent of message.agents) this.applySnapshot(agent.agentId, agent.snapshot, agent.seq, false);
+      this.changed();
+      return;
+    }
+    if (message.type === 'resume.gap') {
+      this.applySnapshot(message.agentId, message.snapshot, message.seq, true);
+      this.changed();
+      return;
+    }
     if (!message.type.startsWith('task.') || message.type === 'task.created' || !('taskId' in message)) return;
     if (message.type === 'task.heartbeat') return;
     const task = this.ensure(message.taskId, message.agentId, null);
+    const seq = 'seq' in message ? message.seq : undefined;
+    if (seq !== undefined && seq - 1 < (task.since ?? Infinity)) task.since = seq - 1;
     switch (message.type) {
       case 'task.started':
         task.status = task.status === 'starting' ? 'running' : task.status;
@@ -159,13 +213,65 @@ export class TasksStore extends Observable {
     this.changed();
   }
 
+  // The agent's present as the relay knows it. Tasks the page does not know are added as
+  // they are; a hello leaves the ones it knows to the messages that follow (the relay
+  // replays what the page missed). After a gap the snapshot is the truth: a task the page
+  // thought running that it does not name has ended unseen, and each task that may have
+  // said something the page missed shows so in its log.
+  private applySnapshot(agentId: string, snapshot: AgentSnapshot, seq: number, gap: boolean): void {
+    const named = new Set<string>();
+    for (const entry of snapshot.tasks) {
+      named.add(entry.taskId);
+      const known = this.tasks.has(entry.taskId);
+      const task = this.ensure(entry.taskId, agentId, null);
+      if (!task.payload) {
+        const payload: TaskPayload | null = entry.kind === '' ? null : { action: entry.kind };
+        Object.assign(task, { kind: taskKind(payload), title: taskTitle(payload), projectPath: entry.projectPath });
+      }
+      if (entry.conversationId !== undefined) task.conversationId = entry.conversationId;
+      task.since ??= seq;
+      if (gap && !this.endSeen.has(task.taskId)) task.log.notice(kMissedOutputNotice);
+      if (known && !gap) continue;
+      task.status = entry.status;
+      if (entry.exitCode !== undefined) task.exitCode = entry.exitCode;
+      if (isEnded(entry.status)) task.endedAt ??= this.now();
+      else task.startedAt ??= this.now();
+    }
+    if (gap) {
+      for (const task of this.tasks.values()) {
+        if (task.agentId !== agentId || named.has(task.taskId) || isEnded(task.status)) continue;
+        task.status = 'lost';
+        task.endedAt = this.now();
+        task.log.notice(kMissedOutputNotice);
+      }
+    }
+    const proposal = snapshot.proposal;
+    const waiting = proposal && this.tasks.get(proposal.taskId);
+    if (proposal && waiting && (gap || !waiting.proposal)) {
+      const { taskId: _taskId, ...rest } = proposal;
+      waiting.proposal = { ...rest, needsApproval: true };
+    }
+  }
+
   private end(task: Task, status: TaskStatus, exitCode: number): void {
     task.status = status;
     task.exitCode = exitCode;
     task.endedAt = this.now();
+    this.endSeen.add(task.taskId);
   }
 
-  private ensure(taskId: string, agentId: string, payload: TaskPayload | null): Task {
+  private remember(taskId: string, payload: TaskPayload): void {
+    const kept = Object.entries(this.payloads).slice(1 - kPayloadsKept);
+    this.payloads = Object.fromEntries([...kept, [taskId, payload]]);
+    try {
+      this.storage.setItem(kPayloadsKey, JSON.stringify(this.payloads));
+    } catch {
+      // a full storage costs the next page these titles only
+    }
+  }
+
+  private ensure(taskId: string, agentId: string, given: TaskPayload | null): Task {
+    const payload = given ?? this.payloads[taskId] ?? null;
     let task = this.tasks.get(taskId);
     if (!task) {
       task = {

@@ -1,4 +1,4 @@
-import type { MessageOf, ServerMessage, TerminalCommandType } from '../protocol/messages';
+import type { AgentSnapshot, MessageOf, ServerMessage, TerminalCommandType } from '../protocol/messages';
 import { randomId } from '../protocol/relay_client';
 import { Observable, readJSON, type KeyValueStorage } from './observable';
 
@@ -12,8 +12,8 @@ export interface TerminalSession {
   status: 'opening' | 'running' | 'closed';
   exitCode?: number;
   message: string; // the agent's latest status or error text
-  // Output characters the terminal has processed (its write callbacks), the measure a
-  // flow-controlled relay acknowledges against.
+  // Output characters the terminal has processed (its write callbacks), what the
+  // benchmark measures; the relay is paced by the offsets of the output instead.
   processed?: number;
 }
 
@@ -21,12 +21,24 @@ export type Completion = Omit<MessageOf<'terminal.completion'>, 'type' | 'agentI
 
 export interface TerminalSink {
   // `reset` is true for the first piece of a replay: what the view showed is replaced.
-  output(data: string, reset: boolean): void;
+  // The view calls `rendered` once its terminal has processed the piece.
+  output(data: string, reset: boolean, rendered: () => void): void;
   completion?(completion: Completion): void;
 }
 
 export interface TerminalSender {
   terminal(type: TerminalCommandType, agentId: string, payload: Record<string, unknown>): boolean;
+  // "terminal.ack": rendered up to `offset`; without one, no longer pacing.
+  ackTerminal(agentId: string, sessionId: string, offset?: number): boolean;
+}
+
+// When acknowledgements go out: a burst of rendered pieces is acknowledged once, after it.
+export type AckScheduler = (flush: () => void) => void;
+
+// What the page has rendered of a session's live output, and what it told the relay.
+interface Pace {
+  rendered?: number; // the "offset" of the newest live piece the view has rendered
+  acked?: number; // the offset last acknowledged on this connection
 }
 
 const kSessionsKey = 'brinmoor.terminals';
@@ -43,15 +55,22 @@ export function encodeBase64(text: string): string {
 // localStorage, and every time the relay says hello each open one is attached again, so
 // the agent replays its recent output. Output goes straight to the view's sink; what
 // arrives before a view is there is held (bounded) until one is.
+//
+// A session shown in a view paces its output: the relay is told how far the view has
+// rendered ("terminal.ack"), so the agent never gets more than a little ahead of it, and
+// is told when no view shows it any more.
 export class TerminalsStore extends Observable {
   private readonly sessions = new Map<string, TerminalSession>();
   private readonly sinks = new Map<string, TerminalSink>();
-  private readonly held = new Map<string, { data: string[]; bytes: number; reset: boolean }>();
+  private readonly held = new Map<string, { data: string[]; bytes: number; reset: boolean; offset?: number }>();
   private readonly replaying = new Set<string>();
+  private readonly paces = new Map<string, Pace>();
+  private flushScheduled = false;
 
   constructor(
     private readonly sender: TerminalSender,
     private readonly storage: KeyValueStorage,
+    private readonly schedule: AckScheduler = (flush) => setTimeout(flush, 0),
   ) {
     super();
     for (const saved of readJSON<TerminalSession[]>(storage, kSessionsKey, [])) {
@@ -90,9 +109,7 @@ export class TerminalsStore extends Observable {
   // Called when the relay says hello: every session this page still has comes back.
   attachAll(): void {
     for (const session of this.sessions.values()) {
-      if (session.status === 'closed') continue;
-      this.replaying.add(session.sessionId);
-      this.sender.terminal('terminal.attach', session.agentId, { sessionId: session.sessionId });
+      if (session.status !== 'closed') this.attach(session);
     }
   }
 
@@ -101,17 +118,18 @@ export class TerminalsStore extends Observable {
     const held = this.held.get(sessionId);
     if (held) {
       this.held.delete(sessionId);
-      sink.output(held.data.join(''), held.reset);
+      const data = held.data.join('');
+      sink.output(data, held.reset, this.renderedCallback(sessionId, data.length, held.offset));
     }
     return () => {
-      if (this.sinks.get(sessionId) === sink) this.sinks.delete(sessionId);
+      if (this.sinks.get(sessionId) !== sink) return;
+      this.sinks.delete(sessionId);
+      // Output nobody looks at is not paced: the program runs at full speed.
+      const pace = this.paces.get(sessionId);
+      this.paces.delete(sessionId);
+      const session = this.sessions.get(sessionId);
+      if (pace?.acked !== undefined && session) this.sender.ackTerminal(session.agentId, sessionId);
     };
-  }
-
-  // The view's terminal has processed this much more output.
-  processed(sessionId: string, characters: number): void {
-    const session = this.sessions.get(sessionId);
-    if (session) session.processed = (session.processed ?? 0) + characters;
   }
 
   input(session: TerminalSession, data: string): boolean {
@@ -141,12 +159,22 @@ export class TerminalsStore extends Observable {
   }
 
   handle(message: ServerMessage): void {
+    if (message.type === 'server.hello') {
+      // A new connection: the relay paces nothing for it until told again.
+      for (const pace of this.paces.values()) pace.acked = undefined;
+      for (const agent of message.agents) this.applySnapshot(agent.agentId, agent.snapshot);
+      return;
+    }
+    if (message.type === 'resume.gap') {
+      for (const session of this.applySnapshot(message.agentId, message.snapshot)) this.attach(session);
+      return;
+    }
     if (!message.type.startsWith('terminal.') || !('sessionId' in message)) return;
     const session = this.sessions.get(message.sessionId);
     if (!session) return;
     switch (message.type) {
       case 'terminal.output':
-        this.deliver(session.sessionId, message.data, message.snapshot === true);
+        this.deliver(session.sessionId, message.data, message.snapshot === true, message.offset);
         return; // output does not change what the store shows
       case 'terminal.opened':
         session.status = 'running';
@@ -182,12 +210,61 @@ export class TerminalsStore extends Observable {
     this.changed();
   }
 
-  private deliver(sessionId: string, data: string, snapshot: boolean): void {
+  private attach(session: TerminalSession): void {
+    this.replaying.add(session.sessionId);
+    this.sender.terminal('terminal.attach', session.agentId, { sessionId: session.sessionId });
+  }
+
+  // The sessions open on the agent, as the relay knows them: one per project. Those this
+  // page did not have are listed (and returned, to be attached); one the page had for the
+  // same project has been replaced.
+  private applySnapshot(agentId: string, snapshot: AgentSnapshot): TerminalSession[] {
+    const added: TerminalSession[] = [];
+    for (const { sessionId, projectPath, mode } of snapshot.terminals) {
+      if (this.sessions.has(sessionId)) continue;
+      const previous = this.forProject(agentId, projectPath);
+      if (previous) previous.status = 'closed';
+      const session: TerminalSession = { sessionId, agentId, projectPath, mode, status: 'running', message: '' };
+      this.sessions.set(sessionId, session);
+      added.push(session);
+    }
+    if (added.length > 0) {
+      this.save();
+      this.changed();
+    }
+    return added;
+  }
+
+  private renderedCallback(sessionId: string, characters: number, offset: number | undefined): () => void {
+    return () => {
+      const session = this.sessions.get(sessionId);
+      if (session) session.processed = (session.processed ?? 0) + characters;
+      if (offset === undefined) return;
+      const pace = this.paces.get(sessionId) ?? {};
+      this.paces.set(sessionId, pace);
+      if (offset <= (pace.rendered ?? -1)) return;
+      pace.rendered = offset;
+      if (this.flushScheduled) return;
+      this.flushScheduled = true;
+      this.schedule(() => this.flushAcks());
+    };
+  }
+
+  private flushAcks(): void {
+    this.flushScheduled = false;
+    for (const [sessionId, pace] of this.paces) {
+      const session = this.sessions.get(sessionId);
+      if (!session || !this.sinks.has(sessionId) || pace.rendered === undefined || pace.rendered === pace.acked) continue;
+      if (this.sender.ackTerminal(session.agentId, sessionId, pace.rendered)) pace.acked = pace.rendered;
+    }
+  }
+
+  private deliver(sessionId: string, data: string, snapshot: boolean, offset: number | undefined): void {
     const reset = snapshot && this.replaying.delete(sessionId);
     if (!snapshot) this.replaying.delete(sessionId);
     const sink = this.sinks.get(sessionId);
     if (sink) {
-      sink.output(data, reset);
+      sink.output(data, reset, this.renderedCallback(sessionId, data.length, offset));
       return;
     }
     let held = this.held.get(sessionId);
@@ -197,6 +274,7 @@ export class TerminalsStore extends Observable {
     }
     held.data.push(data);
     held.bytes += data.length;
+    if (offset !== undefined) held.offset = offset;
     while (held.bytes > kHeldOutputLimit && held.data.length > 1) held.bytes -= held.data.shift()!.length;
   }
 

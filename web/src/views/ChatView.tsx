@@ -2,6 +2,7 @@ import { useEffect, useLayoutEffect, useRef, useState } from 'preact/hooks';
 import { useStores } from '../lib/use_store';
 import type { ChatMessage, Conversation } from '../stores/conversations_store';
 import { kSystems } from '../stores/conversations_store';
+import { kMissedOutputNotice } from '../stores/tasks_store';
 import { Icon } from './icons';
 import { MarkdownView } from './MarkdownView';
 import type { ProjectProps } from './ProjectView';
@@ -165,6 +166,7 @@ function MessageView({ message, onCancel }: { message: ChatMessage; onCancel: ()
           {message.error}
         </div>
       )}
+      {message.missed && <div class="note missed">{kMissedOutputNotice}</div>}
       {kStatusTexts[message.status] && <div class="note">{kStatusTexts[message.status]}</div>}
       {streaming && message.chunks.length > 0 && (
         <button class="link" onClick={onCancel}>

@@ -31,7 +31,7 @@ export function TaskLog({ log, version }: { log: LogLines; version: number }) {
       );
     } else {
       lines.push(
-        <div key={row} class="log-line" style={{ top: row * kRowHeight }}>
+        <div key={row} class={log.isNotice(row - marker) ? 'log-line notice' : 'log-line'} style={{ top: row * kRowHeight }}>
           {log.at(row - marker)}
         </div>,
       );

@@ -20,6 +20,8 @@ export function taskStatusText(task: Task): string {
       return 'Cancelled · exit ' + (task.exitCode ?? '');
     case 'failed':
       return 'Failed · exit ' + (task.exitCode ?? '');
+    case 'lost':
+      return 'Ended unseen: the agent no longer knew it';
   }
 }
 

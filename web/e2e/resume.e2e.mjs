@@ -1,0 +1,353 @@
+// Brinmoor Web comes back without losing anything: a page whose network goes away and
+// comes back, a reload, a page that never saw the agent, a gap the relay could not fill,
+// and a terminal pouring out 50 MB through a slow network. Screenshots go to
+// $BRINMOOR_WEB_SCREENSHOTS when it is set.
+//
+// What this Chromium does with a WebSocket when DevTools takes the network offline: the
+// socket stays open and nothing arrives (no close, no error) until the network is back,
+// when the held messages arrive on it. The browser does fire "offline" and "online", and
+// the page gives its socket up on "offline"; these tests prove that it did (the page
+// says "Reconnecting…", the relay logs the disconnection) and that the next socket
+// resumed ("?since=" in its address, "resume.ok" among its first frames).
+import assert from 'node:assert/strict';
+import { createHash, randomBytes } from 'node:crypto';
+import { mkdirSync, writeFileSync } from 'node:fs';
+import { join } from 'node:path';
+import { after, before, test as nodeTest } from 'node:test';
+import { claudeStream, codexStream, kAgentId, kToken, World } from './harness.mjs';
+
+// A small event log, so that a page away long enough finds a gap.
+const world = new World({ relayEnv: { BRINMOOR_EVENT_LOG_BYTES: String(1024 * 1024) } });
+const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
+let page;
+let other; // a second page of the test running, if any
+let cdp;
+let sockets; // what the page's sockets did, as DevTools saw it
+
+function test(name, body) {
+  nodeTest(name, async () => {
+    try {
+      await body();
+    } catch (error) {
+      const logs = process.env.BRINMOOR_WEB_E2E_LOGS;
+      if (logs && page) {
+        mkdirSync(logs, { recursive: true });
+        const file = 'resume-' + name.replace(/\W+/g, '-').slice(0, 60);
+        await page.screenshot({ path: join(logs, file + '.png') }).catch(() => undefined);
+        await other?.screenshot({ path: join(logs, file + '-other.png') }).catch(() => undefined);
+      }
+      throw error;
+    }
+  });
+}
+
+// Watches the page's sockets through DevTools: their addresses, and the resume frames.
+async function watchSockets(target) {
+  const session = await target.createCDPSession();
+  const seen = { urls: [], resumes: [] };
+  session.on('Network.webSocketCreated', (event) => seen.urls.push(event.url));
+  session.on('Network.webSocketFrameReceived', (event) => {
+    const payload = event.response.payloadData;
+    if (payload.length > 65536 || !payload.includes('"resume.')) return;
+    const type = JSON.parse(payload).type;
+    if (type.startsWith('resume.')) seen.resumes.push(type);
+  });
+  await session.send('Network.enable');
+  return { session, seen };
+}
+
+async function offline(on) {
+  await cdp.send('Network.emulateNetworkConditions', { offline: on, latency: 0, downloadThroughput: -1, uploadThroughput: -1 });
+}
+
+before(async () => {
+  await world.start();
+  page = await world.page(kPhone);
+  ({ session: cdp, seen: sockets } = await watchSockets(page));
+  await page.goto(`${world.origin}/#token=${kToken}`);
+  await page.waitForSelector(`[data-agent="${kAgentId}"] .project`);
+});
+
+after(async () => {
+  await world.stop();
+});
+
+async function click(target, selector, text) {
+  const handle = await target.waitForFunction(
+    (sel, wanted) => [...document.querySelectorAll(sel)].find((e) => e.textContent.trim() === wanted && e.getClientRects().length > 0),
+    { timeout: 20000 },
+    selector,
+    text,
+  );
+  await handle.asElement().click();
+}
+
+async function waitText(target, selector, wanted, timeout = 20000) {
+  try {
+    await target.waitForFunction((sel, text) => document.querySelector(sel)?.textContent.trim() === text, { timeout }, selector, wanted);
+  } catch (error) {
+    const seen = await target.evaluate((sel) => document.querySelector(sel)?.outerHTML ?? 'nothing', selector);
+    throw new Error(`${selector} did not become ${JSON.stringify(wanted)}; it is ${seen}`, { cause: error });
+  }
+}
+
+async function shoot(name) {
+  const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;
+  if (!folder) return;
+  mkdirSync(folder, { recursive: true });
+  await page.waitForFunction(() => new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(() => resolve(true)))));
+  await page.screenshot({ path: join(folder, `web-${name}.png`) });
+}
+
+// Runs a shell command from the Tasks tab; the new task's id.
+async function runTask(command) {
+  await click(page, 'button[role=tab] .tab-label', 'Tasks');
+  await page.waitForSelector('input[name=command]', { visible: true });
+  // The field keeps the last command; it is emptied as a user does it.
+  await page.click('input[name=command]', { clickCount: 3 });
+  await page.keyboard.press('Backspace');
+  await page.type('input[name=command]', command);
+  const before = await page.evaluate(() => window.brinmoor.tasks.list().length);
+  await click(page, '.run-form button', 'Run');
+  await page.waitForFunction((n) => window.brinmoor.tasks.list().length > n, {}, before);
+  return page.evaluate(() => window.brinmoor.navigation.place.taskId);
+}
+
+// The lines of a task's log as the page keeps them, without the agent's first line and
+// the empty ones (the agent sends what follows the last line break of each read it
+// makes as a line of its own).
+function logOf(taskId) {
+  return page.evaluate((id) => {
+    const log = window.brinmoor.tasks.get(id).log;
+    return log.slice(1, log.length).filter((line) => line !== '');
+  }, taskId);
+}
+
+function waitForLine(taskId, line) {
+  return page.waitForFunction((id, wanted) => window.brinmoor.tasks.get(id)?.log.slice(0, 1e9).includes(wanted), { timeout: 20000 }, taskId, line);
+}
+
+// The agent says so when a task's process has ended.
+function waitForTaskEnd(taskId) {
+  return world.waitFor(() => world.agentLog.includes(`runTask process terminated taskId=${taskId}`), `the end of task ${taskId}`);
+}
+
+function count(text, pattern) {
+  return (text.match(pattern) ?? []).length;
+}
+
+const numbered = (tag, n) => Array.from({ length: n }, (_, i) => `${tag}-${i + 1}`);
+
+// Takes the page offline, proves its socket is gone, runs `whileAway`, and brings it back.
+async function away(whileAway) {
+  const disconnected = count(world.relayLog, /^client\.disconnected /gm);
+  const opened = sockets.urls.length;
+  await offline(true);
+  await waitText(page, '.connection-text', 'Reconnecting…');
+  await whileAway();
+  await offline(false);
+  await waitText(page, '.connection-text', 'Connected');
+  await world.waitFor(() => count(world.relayLog, /^client\.disconnected /gm) > disconnected, 'the relay to see the socket go');
+  assert.ok(sockets.urls.length > opened, 'a new socket was opened');
+  const url = new URL(sockets.urls[sockets.urls.length - 1]);
+  assert.deepEqual(Object.keys(JSON.parse(url.searchParams.get('since'))), [kAgentId]);
+}
+
+test('a page offline during a running task and a streaming chat finds every line, the end and the whole answer', async () => {
+  await click(page, '.project .project-name', 'App');
+  const taskId = await runTask('for i in {1..60}; do print T-$i; sleep 0.05; done');
+  await waitForLine(taskId, 'T-5');
+  const resumes = sockets.resumes.length;
+  await away(() => waitForTaskEnd(taskId));
+  await waitText(page, '.task-detail .task-status', 'Finished · exit 0');
+  assert.deepEqual(await logOf(taskId), numbered('T', 60));
+  assert.deepEqual(sockets.resumes.slice(resumes), ['resume.ok']);
+  await shoot('resumed');
+
+  const pieces = Array.from({ length: 12 }, (_, i) => `Piece ${i + 1} of the answer. `);
+  world.fakeFile('claude.stream', claudeStream(pieces));
+  await click(page, 'button[role=tab] .tab-label', 'Chat');
+  await click(page, '.segmented button', 'Claude');
+  await click(page, '.new-chat-button', 'New chat');
+  await page.waitForSelector('textarea[name=prompt]', { visible: true });
+  await page.type('textarea[name=prompt]', 'Tell me in pieces');
+  await click(page, '.composer button', 'Send');
+  await page.waitForFunction(() => document.querySelector('.message.assistant .markdown')?.textContent.includes('Piece 1 '));
+  const chatTask = await page.$eval('.message.assistant', (e) => e.dataset.task);
+  await away(() => waitForTaskEnd(chatTask));
+  await page.waitForSelector('.message.assistant.done');
+  assert.equal(await page.$eval('.message.assistant .markdown', (e) => e.textContent.trim()), pieces.join('').trim());
+});
+
+test('a reload while a task runs loses nothing', async () => {
+  const taskId = await runTask('for i in {1..80}; do print R-$i; sleep 0.05; done');
+  await waitForLine(taskId, 'R-10');
+  const opened = sockets.urls.length;
+  await page.reload();
+  await page.waitForFunction((id) => window.brinmoor?.tasks.get(id), {}, taskId);
+  const url = new URL(sockets.urls[opened]);
+  assert.ok(url.searchParams.get('since'), 'the reloaded page resumes: ' + url);
+  await waitText(page, '.task-detail .task-status', 'Finished · exit 0');
+  assert.deepEqual(await logOf(taskId), numbered('R', 80));
+  // The tasks before it came back with their output too.
+  await click(page, '.task-history .task-title', 'for i in {1..60}; do print T-$i; sleep 0.05; done');
+  await waitText(page, '.task-detail .task-status', 'Finished · exit 0');
+  const earlier = await page.evaluate(() => window.brinmoor.navigation.place.taskId);
+  assert.deepEqual(await logOf(earlier), numbered('T', 60));
+});
+
+test('a page away longer than the relay keeps messages says what it missed', async () => {
+  const go = join(world.root, 'go');
+  // About 3 MB of output while the page is away: more than the relay's log holds.
+  const taskId = await runTask(`print G-start; while [[ ! -e ${go} ]]; do sleep 0.05; done; for i in {1..12000}; do print G-$i-${'x'.repeat(240)}; done; print G-end`);
+  await waitForLine(taskId, 'G-start');
+  const resumes = sockets.resumes.length;
+  await away(async () => {
+    writeFileSync(go, '');
+    await waitForTaskEnd(taskId);
+  });
+  await waitText(page, '.task-detail .task-status', 'Finished · exit 0');
+  assert.deepEqual(sockets.resumes.slice(resumes), ['resume.gap']);
+  const notice = 'Some output was missed here: the relay no longer had it when this page came back.';
+  assert.deepEqual(await logOf(taskId), ['G-start', notice]);
+  await waitText(page, '.task-log .log-line.notice', notice);
+  await shoot('resume-gap');
+});
+
+// A page in a browser that has never seen this relay, paired from scratch.
+async function freshPage() {
+  const context = await world.browser.createBrowserContext();
+  const fresh = await world.page(kPhone, context);
+  other = fresh;
+  await fresh.goto(`${world.origin}/#token=${kToken}`);
+  await click(fresh, '.project .project-name', 'App');
+  return { fresh, context };
+}
+
+test('a page that never saw the agent shows its running task, the waiting proposal with its diff, and the open terminal', async () => {
+  const stop = join(world.root, 'stop');
+  const running = await runTask(`print F-start; while [[ ! -e ${stop} ]]; do sleep 0.05; done`);
+  await waitForLine(running, 'F-start');
+  const first = await freshPage();
+  await click(first.fresh, 'button[role=tab] .tab-label', 'Tasks');
+  await waitText(first.fresh, `.task-item .task-state`, 'Running…');
+  await waitText(first.fresh, '.task-detail .task-title', 'Shell command');
+  writeFileSync(stop, '');
+  await waitText(first.fresh, '.task-detail .task-status', 'Finished · exit 0');
+  await first.context.close();
+
+  await click(page, 'button[role=tab] .tab-label', 'Terminal');
+  await click(page, '.terminal-start button', 'Open terminal');
+  await page.waitForSelector('.terminal-head .status-dot.online');
+  await page.focus('.xterm-helper-textarea');
+  await page.keyboard.type('echo seen-$((6*7))');
+  await page.keyboard.press('Enter');
+  await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('seen-42'));
+  writeFileSync(join(world.project, 'greeting.txt'), 'hello\n');
+  world.fakeFile('codex.script', 'print bye > greeting.txt\n');
+  world.fakeFile('codex.stream', codexStream(['I changed the greeting to bye.'], 'th-resume'));
+  await click(page, 'button[role=tab] .tab-label', 'Changes');
+  await page.waitForSelector('textarea[name=change-prompt]', { visible: true });
+  await page.type('textarea[name=change-prompt]', 'Say bye');
+  await click(page, '.change-form button[type=submit]', 'Start');
+  await page.waitForSelector('.change-detail .diff-file-name');
+
+  const second = await freshPage();
+  await click(second.fresh, 'button[role=tab] .tab-label', 'Changes');
+  await waitText(second.fresh, '.change-detail .diff-file-name', 'greeting.txt');
+  await waitText(second.fresh, '.change-detail .task-status', 'Waiting for your review');
+  await second.fresh.waitForSelector('.diff-body .d2h-del');
+  await click(second.fresh, 'button[role=tab] .tab-label', 'Terminal');
+  await second.fresh.waitForFunction(() => document.querySelector('.xterm-rows')?.innerText.includes('seen-42'));
+  await click(second.fresh, 'button[role=tab] .tab-label', 'Changes');
+  await click(second.fresh, '.change-detail .actions button', 'Approve');
+  await page.waitForFunction(() => document.querySelector('.change-detail .task-status')?.textContent.startsWith('Finished'));
+  await second.context.close();
+});
+
+// What xterm.js is given, kept in the page by the terminal's test hook, and the marks
+// asked for that it has seen (looked for as the pieces come, so the page never searches
+// all of it).
+function tapTerminal(marks) {
+  return page.evaluateOnNewDocument((watched) => {
+    window.brinmoorTapped = [];
+    window.brinmoorTappedLength = 0;
+    window.brinmoorSeen = new Set();
+    let tail = '';
+    window.brinmoorTerminalTap = (_sessionId, data) => {
+      window.brinmoorTapped.push(data);
+      window.brinmoorTappedLength += data.length;
+      const look = tail + data;
+      for (const mark of watched) if (look.includes(mark)) window.brinmoorSeen.add(mark);
+      tail = look.slice(-64);
+    };
+  }, marks);
+}
+
+// Chromium's emulation lets through a good deal less than the figure it is given when the
+// page answers every burst (about 2.5 MB/s here for 16 MiB/s, 0.8 MB/s for 4 MiB/s), far
+// below what the agent reads from the pty (about 10 MB/s unthrottled): without pacing the
+// relay would drop the page once 8 MiB waited for it.
+const kThrottledBytesPerSecond = 16 * 1024 * 1024;
+
+test('50 MB through a slow network in a paced terminal: every byte, no disconnect, and Ctrl-C at once', async () => {
+  // Random printable lines, made here.
+  const file = join(world.root, 'random.txt');
+  const bytes = randomBytes(50 * 1024 * 1024);
+  for (let i = 0; i < bytes.length; i++) bytes[i] = (i + 1) % 81 === 0 ? 0x0a : 0x20 + (bytes[i] % 95);
+  bytes[bytes.length - 1] = 0x0a;
+  writeFileSync(file, bytes);
+  const expected = createHash('sha256').update(bytes).digest('hex');
+
+  // A page of its own, without DevTools following every frame.
+  await page.close();
+  page = await world.page(kPhone);
+  await tapTerminal(['CAT-END-42', 'after-9']);
+  cdp = await page.createCDPSession();
+  await page.goto(world.origin + '/');
+  await click(page, 'button[role=tab] .tab-label', 'Terminal');
+  await page.waitForSelector('.terminal-head .status-dot.online');
+  await page.evaluate(() => {
+    window.brinmoorStates = [];
+    window.brinmoor.connection.client.onState((state) => window.brinmoorStates.push(state));
+  });
+  const connected = count(world.relayLog, /^client\.connected /gm);
+  await cdp.send('Network.emulateNetworkConditions', { offline: false, latency: 0, downloadThroughput: kThrottledBytesPerSecond, uploadThroughput: -1 });
+  const began = Date.now();
+  await page.focus('.xterm-helper-textarea');
+  await page.keyboard.type(`echo CAT-BEGIN-$((6*7)); cat ${file}; echo CAT-END-$((6*7))`);
+  await page.keyboard.press('Enter');
+  await page.waitForFunction(() => window.brinmoorSeen.has('CAT-END-42'), { timeout: 60000, polling: 200 });
+  const seconds = (Date.now() - began) / 1000;
+  const received = await page.evaluate(async () => {
+    const all = window.brinmoorTapped.join('');
+    window.brinmoorTapped = [];
+    const begin = all.indexOf('CAT-BEGIN-42\r\n') + 'CAT-BEGIN-42\r\n'.length;
+    const end = all.indexOf('CAT-END-42');
+    // The pty turned each line end into CR LF.
+    const text = all.slice(begin, end).replaceAll('\r\n', '\n');
+    const digest = await crypto.subtle.digest('SHA-256', new TextEncoder().encode(text));
+    return { length: text.length, sha256: [...new Uint8Array(digest)].map((b) => b.toString(16).padStart(2, '0')).join('') };
+  });
+  assert.deepEqual(received, { length: bytes.length, sha256: expected });
+  console.log(`# cat of 50 MB through a network throttled to 16 MiB/s: ${seconds.toFixed(1)} s`);
+
+  // Ctrl-C stops a program that is still pouring out, and the prompt is back at once.
+  await page.keyboard.type(`cat ${file} ${file}`);
+  await page.keyboard.press('Enter');
+  await page.waitForFunction(() => window.brinmoorTappedLength > 4 * 1024 * 1024, { polling: 200, timeout: 30000 });
+  await click(page, '.terminal-head button', 'Ctrl-C');
+  await page.focus('.xterm-helper-textarea');
+  await page.keyboard.type('echo after-$((3*3))');
+  await page.keyboard.press('Enter');
+  await page.waitForFunction(() => window.brinmoorSeen.has('after-9'), { polling: 200, timeout: 20000 });
+  await cdp.send('Network.emulateNetworkConditions', { offline: false, latency: 0, downloadThroughput: -1, uploadThroughput: -1 });
+
+  assert.deepEqual(await page.evaluate(() => window.brinmoorStates), []);
+  assert.equal(count(world.relayLog, /^client\.connected /gm), connected);
+  assert.equal(count(world.relayLog, /^client\.dropped /gm), 0);
+});
+
+test('nothing was refused by the page policy and no error reached the console', async () => {
+  assert.deepEqual(page.problems, []);
+});
