@@ -47,7 +47,7 @@ public:
     static constexpr qsizetype kMaxPendingInput = 1024 * 1024;
     // Output read ahead of what the slowest pacing client has rendered, in UTF-16 code
     // units; past it the terminal is not read, and its program waits.
-    static constexpr qint64 kOutputWindow = 128 * 1024;
+    static constexpr qint64 kOutputWindow = 256 * 1024;
 
     PtySession(const QString& sessionId, const QString& projectPath, const QString& workingDir, OutgoingFlow* flow,
                std::function<void(const QString&)> diag, QObject* parent = nullptr);

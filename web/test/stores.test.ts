@@ -7,7 +7,7 @@ import { LogLines } from '../src/stores/log_lines';
 import { MemoryStorage } from '../src/stores/observable';
 import { TasksStore, kMissedOutputNotice } from '../src/stores/tasks_store';
 import { taskStatusText } from '../src/views/TasksView';
-import { TerminalsStore, encodeBase64 } from '../src/stores/terminals_store';
+import { TerminalsStore, encodeBase64, kRenderAhead } from '../src/stores/terminals_store';
 
 const m = (message: Record<string, unknown>) => message as unknown as ServerMessage;
 const registration = { profiles: ['p'], projects: ['/r/App'], createProjectRoot: '', actions: ['build_ios'], taskKinds: [], buildTemplate: '', repoRoot: '/r', supportsApproval: true };
@@ -65,6 +65,20 @@ describe('LogLines', () => {
     expect(log.dropped).toBe(992);
     expect(log.at(0)).toBe('line 992');
     expect(log.slice(6, 8)).toEqual(['line 998', 'line 999']);
+  });
+
+  it('shows output read a line at a time without a blank line after each', () => {
+    const log = new LogLines();
+    // "one\n", "two\n" read apart; then "three\n\n\nfour\n" in one read.
+    for (const line of ['one', '', 'two', '', 'three', '', '', 'four', '']) log.output(line);
+    expect(log.text()).toBe('one\ntwo\nthree\n\n\nfour');
+    // Empty lines at the start, and after a notice, are shown as they come.
+    const other = new LogLines();
+    other.output('');
+    other.output('x');
+    other.notice('Some output was missed here');
+    other.output('');
+    expect(other.text()).toBe('\nx\nSome output was missed here\n');
   });
 });
 
@@ -281,22 +295,37 @@ describe('TerminalsStore pacing', () => {
     return { ...h, session, out, rendered, connect, ack };
   }
 
-  it('acknowledges what the view rendered, once for a burst, and counts it', () => {
+  it('acknowledges what the view holds once it rendered, once for a burst, and counts it', () => {
     const h = paced();
     h.connect();
     h.out('abc', 3);
     h.out('defg', 7);
     h.out('hi', 9);
-    expect(h.sent).toEqual([]); // nothing rendered yet
+    expect(h.flushes).toEqual([]); // nothing rendered yet
     h.rendered[0]();
     h.rendered[1]();
     expect(h.flushes.length).toBe(1);
     h.flush();
-    expect(h.sent).toEqual([h.ack(7)]);
+    // Rendered to 7, given to 9: the view holds the rest, far within what it may.
+    expect(h.sent).toEqual([h.ack(9)]);
     h.rendered[2]();
     h.flush();
-    expect(h.sent).toEqual([h.ack(7), h.ack(9)]);
+    expect(h.sent).toEqual([h.ack(9)]);
     expect(h.store.get(h.session.sessionId)!.processed).toBe(9);
+  });
+
+  it('acknowledges no more than kRenderAhead beyond what the view rendered', () => {
+    const h = paced();
+    h.connect();
+    h.out('a', 1);
+    h.rendered[0]();
+    h.flush();
+    h.out('b'.repeat(10), 1 + kRenderAhead + 10);
+    h.flush();
+    expect(h.sent).toEqual([h.ack(1), h.ack(1 + kRenderAhead)]);
+    h.rendered[1]();
+    h.flush();
+    expect(h.sent).toEqual([h.ack(1), h.ack(1 + kRenderAhead), h.ack(1 + kRenderAhead + 10)]);
   });
 
   it('never acknowledges a replay, nor the same offset twice on one connection', () => {

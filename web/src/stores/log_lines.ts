@@ -1,6 +1,12 @@
 // The lines of one task's output. A task can print millions of lines; the page keeps the
 // newest `capacity` of them and counts the ones it dropped, so memory stays bounded and
 // the log view can say "N earlier lines dropped".
+//
+// The agent sends what it reads split at every newline, so a read that ends in one gives
+// a last, empty line: a program that prints a line at a time would show every line
+// followed by a blank one. An empty line right after a line of output is therefore held
+// back, and shown only when another empty line follows it (a blank line the program
+// printed); a single blank line between two lines of one read is not shown.
 export class LogLines {
   private lines: string[] = [];
   private start = 0; // index in `lines` of the oldest kept line
@@ -31,7 +37,22 @@ export class LogLines {
     return this.notices.has(this.droppedCount + index);
   }
 
+  private heldBlank = false;
+
+  // A line of the task's output, as the agent sent it.
+  output(line: string): void {
+    const last = this.length - 1;
+    if (line === '' && !this.heldBlank && last >= 0 && this.at(last) !== '' && !this.isNotice(last)) {
+      this.heldBlank = true;
+      return;
+    }
+    if (line === '' && this.heldBlank) this.push('');
+    this.heldBlank = false;
+    this.push(line);
+  }
+
   notice(text: string): void {
+    this.heldBlank = false;
     this.notices.add(this.droppedCount + this.length);
     this.push(text);
   }

@@ -176,7 +176,7 @@ export class TasksStore extends Observable {
         task.startedAt ??= this.now();
         break;
       case 'task.log':
-        task.log.push(message.line);
+        task.log.output(message.line);
         break;
       case 'task.commentary':
         task.commentary = message.text;

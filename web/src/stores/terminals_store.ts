@@ -38,8 +38,15 @@ export type AckScheduler = (flush: () => void) => void;
 // What the page has rendered of a session's live output, and what it told the relay.
 interface Pace {
   rendered?: number; // the "offset" of the newest live piece the view has rendered
+  received?: number; // the offset of the newest live piece given to the view
   acked?: number; // the offset last acknowledged on this connection
 }
+
+// How far ahead of what the view has rendered the page acknowledges what it was given.
+// Waiting for the render alone would make every acknowledgement wait for xterm.js to
+// parse all it holds; counting what it holds, up to this bound, keeps the agent reading
+// while the page renders, and the page's own backlog stays small.
+export const kRenderAhead = 1024 * 1024;
 
 const kSessionsKey = 'brinmoor.terminals';
 const kHeldOutputLimit = 4 * 1024 * 1024;
@@ -70,7 +77,7 @@ export class TerminalsStore extends Observable {
   constructor(
     private readonly sender: TerminalSender,
     private readonly storage: KeyValueStorage,
-    private readonly schedule: AckScheduler = (flush) => setTimeout(flush, 0),
+    private readonly schedule: AckScheduler = (flush) => queueMicrotask(flush),
   ) {
     super();
     for (const saved of readJSON<TerminalSession[]>(storage, kSessionsKey, [])) {
@@ -244,18 +251,30 @@ export class TerminalsStore extends Observable {
       this.paces.set(sessionId, pace);
       if (offset <= (pace.rendered ?? -1)) return;
       pace.rendered = offset;
-      if (this.flushScheduled) return;
-      this.flushScheduled = true;
-      this.schedule(() => this.flushAcks());
+      this.scheduleAcks();
     };
+  }
+
+  private scheduleAcks(): void {
+    if (this.flushScheduled) return;
+    this.flushScheduled = true;
+    this.schedule(() => this.flushAcks());
+  }
+
+  // The offset to acknowledge: what the view was given, at most `kRenderAhead` beyond
+  // what it has rendered; nothing before its first render.
+  private static acknowledgeable(pace: Pace): number | undefined {
+    if (pace.rendered === undefined) return undefined;
+    return Math.max(pace.rendered, Math.min(pace.received ?? pace.rendered, pace.rendered + kRenderAhead));
   }
 
   private flushAcks(): void {
     this.flushScheduled = false;
     for (const [sessionId, pace] of this.paces) {
       const session = this.sessions.get(sessionId);
-      if (!session || !this.sinks.has(sessionId) || pace.rendered === undefined || pace.rendered === pace.acked) continue;
-      if (this.sender.ackTerminal(session.agentId, sessionId, pace.rendered)) pace.acked = pace.rendered;
+      const offset = TerminalsStore.acknowledgeable(pace);
+      if (!session || !this.sinks.has(sessionId) || offset === undefined || offset <= (pace.acked ?? -1)) continue;
+      if (this.sender.ackTerminal(session.agentId, sessionId, offset)) pace.acked = offset;
     }
   }
 
@@ -264,6 +283,12 @@ export class TerminalsStore extends Observable {
     if (!snapshot) this.replaying.delete(sessionId);
     const sink = this.sinks.get(sessionId);
     if (sink) {
+      if (offset !== undefined) {
+        const pace = this.paces.get(sessionId) ?? {};
+        this.paces.set(sessionId, pace);
+        pace.received = Math.max(pace.received ?? offset, offset);
+        if (pace.rendered !== undefined) this.scheduleAcks();
+      }
       sink.output(data, reset, this.renderedCallback(sessionId, data.length, offset));
       return;
     }
