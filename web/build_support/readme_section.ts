@@ -1,6 +1,7 @@
 // A section of the README as a page the relay serves beside Brinmoor Web. Links to other
-// files of the repository are left as their text (the relay does not serve them);
-// headings get the ids GitHub gives them, so links into the section keep working.
+// files of the repository or to other sections are left as their text (the relay does
+// not serve them); headings get the ids GitHub gives them, so links within the section
+// keep working.
 import { Marked, type Tokens } from 'marked';
 
 // The lines from "## TITLE" up to the next heading of the same level.
@@ -27,6 +28,15 @@ function escapeHTML(text: string): string {
 }
 
 export function readmeSectionPage(readme: string, title: string): string {
+  const section = readmeSection(readme, title);
+  // Links into the rest of the README have nothing to point at in this page.
+  const ids = new Set(
+    section
+      .split('\n')
+      .filter((line) => /^#{1,6} /.test(line))
+      .map((line) => headingId(line.replace(/^#+ /, ''))),
+  );
+  const works = (href: string) => /^https?:/.test(href) || (href.startsWith('#') && ids.has(href.slice(1)));
   const marked = new Marked({
     renderer: {
       heading({ tokens, depth, text }: Tokens.Heading) {
@@ -34,11 +44,11 @@ export function readmeSectionPage(readme: string, title: string): string {
       },
       link({ href, tokens }: Tokens.Link) {
         const inner = this.parser.parseInline(tokens);
-        return /^(https?:|#)/.test(href) ? `<a href="${escapeHTML(href)}">${inner}</a>` : inner;
+        return works(href) ? `<a href="${escapeHTML(href)}">${inner}</a>` : inner;
       },
     },
   });
-  const body = marked.parse(readmeSection(readme, title), { async: false });
+  const body = marked.parse(section, { async: false });
   return `<!doctype html>
 <html lang="en">
   <head>

@@ -116,6 +116,16 @@ test('the service worker is active for the whole origin and keeps only the shell
   assert.deepEqual([...cached['brinmoor-shell-' + shell.version]].sort(), [...shell.files].sort());
 });
 
+test('the page can be installed as an app', async () => {
+  const session = await page.createCDPSession();
+  const manifest = await session.send('Page.getAppManifest');
+  assert.equal(manifest.url, world.origin + '/manifest.webmanifest');
+  assert.deepEqual(manifest.errors, []);
+  assert.equal(JSON.parse(manifest.data).name, 'Brinmoor Web');
+  assert.deepEqual((await session.send('Page.getInstallabilityErrors')).installabilityErrors, []);
+  await session.detach();
+});
+
 test('offers notifications once, and "Not now" is remembered', async () => {
   assert.equal(await page.evaluate(() => Notification.permission), 'default');
   await page.waitForSelector('.notice.offer');

@@ -170,13 +170,13 @@ describe('shellRoute', () => {
 });
 
 describe('the README section page', () => {
-  const readme = '# Title\n\n## First\n\none\n\n## Reach it from anywhere\n\nSee [docs/protocol.md](docs/protocol.md), [above](#first) and [mkcert](https://github.com/FiloSottile/mkcert).\n\n### A local certificate authority: mkcert\n\n<b>x</b> & y\n\n## After\n\nnot this\n';
+  const readme = '# Title\n\n## First\n\none\n\n## Reach it from anywhere\n\nSee [docs/protocol.md](docs/protocol.md), [above](#first), [below](#a-local-certificate-authority-mkcert) and [mkcert](https://github.com/FiloSottile/mkcert).\n\n### A local certificate authority: mkcert\n\n<b>x</b> & y\n\n## After\n\nnot this\n';
 
   it('takes the section up to the next one', () => {
     expect(readmeSection(readme, 'Reach it from anywhere').split('\n')).toEqual([
       '## Reach it from anywhere',
       '',
-      'See [docs/protocol.md](docs/protocol.md), [above](#first) and [mkcert](https://github.com/FiloSottile/mkcert).',
+      'See [docs/protocol.md](docs/protocol.md), [above](#first), [below](#a-local-certificate-authority-mkcert) and [mkcert](https://github.com/FiloSottile/mkcert).',
       '',
       '### A local certificate authority: mkcert',
       '',
@@ -193,7 +193,9 @@ describe('the README section page', () => {
     expect(page).toContain('<title>Reach it from anywhere · Brinmoor</title>');
     expect(page).toContain('<h2 id="reach-it-from-anywhere">Reach it from anywhere</h2>');
     expect(page).toContain('<h3 id="a-local-certificate-authority-mkcert">A local certificate authority: mkcert</h3>');
-    expect(page).toContain('<p>See docs/protocol.md, <a href="#first">above</a> and <a href="https://github.com/FiloSottile/mkcert">mkcert</a>.</p>');
+    expect(page).toContain(
+      '<p>See docs/protocol.md, above, <a href="#a-local-certificate-authority-mkcert">below</a> and <a href="https://github.com/FiloSottile/mkcert">mkcert</a>.</p>',
+    );
     expect(page).not.toContain('not this');
   });
 });

@@ -38,12 +38,14 @@ export function NotificationOfferBar({ state }: { state: AppState }) {
   return (
     <div class="notice offer" role="note">
       <span class="notice-text">Get a notification when an approval or a review waits for you.</span>
-      <button class="primary" onClick={() => answer(true)}>
-        Notify me
-      </button>
-      <button class="link" onClick={() => answer(false)}>
-        Not now
-      </button>
+      <span class="notice-actions">
+        <button class="link" onClick={() => answer(false)}>
+          Not now
+        </button>
+        <button class="primary" onClick={() => answer(true)}>
+          Notify me
+        </button>
+      </span>
     </div>
   );
 }
