@@ -204,8 +204,10 @@ export class World {
     const logs = process.env.BRINMOOR_WEB_E2E_LOGS;
     if (logs) {
       mkdirSync(logs, { recursive: true });
-      writeFileSync(join(logs, 'relay.log'), this.relayLog);
-      writeFileSync(join(logs, 'agent.log'), this.agentLog ?? '');
+      // A run over TLS beside one without keeps both.
+      const prefix = this.tls ? 'tls-' : '';
+      writeFileSync(join(logs, prefix + 'relay.log'), this.relayLog);
+      writeFileSync(join(logs, prefix + 'agent.log'), this.agentLog ?? '');
     }
     await this.browser?.close().catch(() => undefined);
     await stopProcess(this.agent);

@@ -7,9 +7,9 @@
 // A page is hidden the way a phone hides it: another tab comes to the front (headless
 // Chromium keeps its tabs in one window, so the page behind it reports "hidden").
 import assert from 'node:assert/strict';
-import { mkdirSync, readFileSync } from 'node:fs';
+import { mkdirSync, readFileSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
-import { after, before, test } from 'node:test';
+import { after, before, test as nodeTest } from 'node:test';
 import { claudeStream, kAgentId, kTestHost, kToken, World } from './harness.mjs';
 
 const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
@@ -17,10 +17,35 @@ const kOffer = 'Get a notification when an approval or a review waits for you.';
 
 const world = new World({ tls: true, host: kTestHost });
 let page;
+// The page a failing test leaves a picture of.
+let current;
+
+// A test that leaves a picture and the text of the page behind when it fails and logs are
+// asked for.
+function test(name, body) {
+  nodeTest(name, async () => {
+    try {
+      await body();
+    } catch (error) {
+      const logs = process.env.BRINMOOR_WEB_E2E_LOGS;
+      if (logs && current) {
+        mkdirSync(logs, { recursive: true });
+        const file = join(logs, name.replace(/\W+/g, '-').slice(0, 60));
+        await current.screenshot({ path: file + '.png' }).catch(() => undefined);
+        const text = await current.evaluate(() => document.body.innerText).catch((e) => String(e));
+        writeFileSync(file + '.txt', text + '\n' + current.problems.join('\n'));
+      }
+      throw error;
+    }
+  });
+}
 
 before(async () => {
   await world.start();
   page = await world.page(kPhone);
+  current = page;
+  // In front of the tab the browser opened with, so that it is visible and draws frames.
+  await page.bringToFront();
 });
 
 after(async () => {
@@ -234,6 +259,8 @@ test('over plain HTTP at a network address the page says it is not encrypted, un
   try {
     await plain.start();
     const insecure = await plain.page(kPhone);
+    current = insecure;
+    await insecure.bringToFront();
     assert.match(plain.origin, /^http:\/\/brinmoor\.test:\d+$/);
     await insecure.goto(`${plain.origin}/#token=${kToken}`);
     await insecure.waitForSelector(`[data-agent="${kAgentId}"] .project`);
@@ -250,6 +277,7 @@ test('over plain HTTP at a network address the page says it is not encrypted, un
     await help.goto(plain.origin + link.href);
     assert.equal(await textOf(help, 'h2'), 'Reach it from anywhere');
     await help.close();
+    await insecure.bringToFront();
 
     await insecure.click('.notice.unencrypted button[aria-label=Dismiss]');
     await insecure.waitForFunction(() => !document.querySelector('.notice.unencrypted'));
