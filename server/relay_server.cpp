@@ -617,7 +617,7 @@ void RelayServer::deliver(const QString& agentId, AgentHistory& history, qint64 
 {
     if (m_clients.empty())
         return;
-    if (m_cursors.isEmpty() || m_cursorCounts.value(agentId) == 0) {
+    if (!m_cursors.anyOn(agentId)) {
         broadcast(frame);
         return;
     }
@@ -626,10 +626,8 @@ void RelayServer::deliver(const QString& agentId, AgentHistory& history, qint64 
         RelayConnection* client = m_clients[i];
         if (!client)
             continue;
-        const auto cursors = m_cursors.constFind(client);
-        const auto cursor =
-            cursors == m_cursors.constEnd() ? QHash<QString, Cursor>::const_iterator() : cursors->constFind(agentId);
-        if (cursors == m_cursors.constEnd() || cursor == cursors->constEnd()) {
+        const ResumeCursors::Cursor* cursor = m_cursors.find(client, agentId);
+        if (!cursor) {
             client->sendFrame(frame);
             continue;
         }
@@ -638,7 +636,7 @@ void RelayServer::deliver(const QString& agentId, AgentHistory& history, qint64 
         if (cursor->replaying || seq <= cursor->seq)
             continue;
         const qint64 had = cursor->seq;
-        eraseCursor(*client, agentId);
+        m_cursors.erase(client, agentId);
         if (had < history.log.lostThrough())
             sendGap(*client, agentId, had);
         else
@@ -842,13 +840,13 @@ void RelayServer::tellAgentWindow(const TerminalFlow::Window& window)
 
 void RelayServer::resume(RelayConnection& client, const QString& agentId, qint64 since)
 {
-    eraseCursor(client, agentId);
+    m_cursors.erase(&client, agentId);
     const auto found = m_histories.find(agentId);
     if (found == m_histories.end() || !found->second.numbered) {
         // Nothing of this agent yet (the server started since): its messages after
         // `since` go to the client as they come.
         client.sendText(RelayMessages::resumeOk(agentId, since));
-        setCursor(client, agentId, Cursor{since, false});
+        m_cursors.set(&client, agentId, ResumeCursors::Cursor{since, false});
         return;
     }
     const EventLog& log = found->second.log;
@@ -859,10 +857,10 @@ void RelayServer::resume(RelayConnection& client, const QString& agentId, qint64
     client.sendText(RelayMessages::resumeOk(agentId, since));
     if (since >= log.headSeq()) {
         if (since > log.headSeq())
-            setCursor(client, agentId, Cursor{since, false});
+            m_cursors.set(&client, agentId, ResumeCursors::Cursor{since, false});
         return;
     }
-    setCursor(client, agentId, Cursor{since, true});
+    m_cursors.set(&client, agentId, ResumeCursors::Cursor{since, true});
     pump(client);
 }
 
@@ -872,33 +870,14 @@ void RelayServer::sendGap(RelayConnection& client, const QString& agentId, qint6
     client.sendText(RelayMessages::resumeGap(agentId, since, history.log.headSeq(), history.snapshot.toJson()));
 }
 
-void RelayServer::setCursor(RelayConnection& client, const QString& agentId, Cursor cursor)
-{
-    QHash<QString, Cursor>& cursors = m_cursors[&client];
-    if (!cursors.contains(agentId))
-        ++m_cursorCounts[agentId];
-    cursors.insert(agentId, cursor);
-}
-
-void RelayServer::eraseCursor(RelayConnection& client, const QString& agentId)
-{
-    const auto cursors = m_cursors.find(&client);
-    if (cursors == m_cursors.end() || !cursors->remove(agentId))
-        return;
-    if (--m_cursorCounts[agentId] == 0)
-        m_cursorCounts.remove(agentId);
-    if (cursors->isEmpty())
-        m_cursors.erase(cursors);
-}
-
 void RelayServer::pump(RelayConnection& client)
 {
-    const auto cursors = m_cursors.find(&client);
-    if (cursors == m_cursors.end())
+    ResumeCursors::ClientCursors* cursors = m_cursors.of(&client);
+    if (!cursors)
         return;
     const qsizetype window = std::min(kReplayBacklog, m_config.limits.maxBacklog / 4);
     QStringList caughtUp;
-    QStringList gaps;
+    QList<QPair<QString, qint64>> gaps; // agent id, the seq the client has
     bool behind = false;
     for (auto it = cursors->begin(); it != cursors->end(); ++it) {
         if (!it->replaying)
@@ -912,7 +891,7 @@ void RelayServer::pump(RelayConnection& client)
             // The log may have let go of what the client still lacked while it read.
             const EventLog& log = history->second.log;
             if (it->seq < log.lostThrough()) {
-                gaps.append(it.key());
+                gaps.append({it.key(), it->seq});
                 break;
             }
             qint64 seq = 0;
@@ -929,13 +908,13 @@ void RelayServer::pump(RelayConnection& client)
             it->seq = seq;
         }
     }
-    for (const QString& agentId : std::as_const(gaps)) {
-        const qint64 had = m_cursors.value(&client).value(agentId).seq;
-        eraseCursor(client, agentId);
+    // Erasing may let go of the client's cursors: nothing below reads them.
+    for (const auto& [agentId, had] : std::as_const(gaps)) {
+        m_cursors.erase(&client, agentId);
         sendGap(client, agentId, had);
     }
     for (const QString& agentId : std::as_const(caughtUp))
-        eraseCursor(client, agentId);
+        m_cursors.erase(&client, agentId);
     if (behind && client.isOpen())
         client.notifyWhenDrained();
 }
@@ -1008,8 +987,7 @@ void RelayServer::connectionClosed(RelayConnection& connection)
             if (client == &connection)
                 client = nullptr;
         }
-        for (const QString& agentId : m_cursors.value(&connection).keys())
-            eraseCursor(connection, agentId);
+        m_cursors.eraseClient(&connection);
         for (const TerminalFlow::Window& window : m_terminalFlow.removeClient(&connection))
             tellAgentWindow(window);
         if (m_broadcasting == 0)

@@ -7,6 +7,7 @@
 #include "permission_requests.h"
 #include "relay_connection.h"
 #include "relay_messages.h"
+#include "resume_cursors.h"
 #include "terminal_flow.h"
 #include "tls_context.h"
 #include "trusted_proxies.h"
@@ -88,12 +89,6 @@ private:
         std::optional<QJsonObject> registration; // the latest "agent.register" without its "type"
         bool numbered = false;                   // a message of it has had a seq
     };
-    // Where a client that resumes is in one agent's messages: it has everything up to
-    // `seq`; while replaying it is sent the log, otherwise it waits for messages after `seq`.
-    struct Cursor {
-        qint64 seq = 0;
-        bool replaying = false;
-    };
 
     void requestReceived(RelayConnection& connection, const HttpRequest& request) override;
     void bodyReceived(RelayConnection& connection, const HttpRequest& request, const QByteArray& body) override;
@@ -134,8 +129,6 @@ private:
     // Starts giving the client the agent's messages after `since`.
     void resume(RelayConnection& client, const QString& agentId, qint64 since);
     void sendGap(RelayConnection& client, const QString& agentId, qint64 since);
-    void setCursor(RelayConnection& client, const QString& agentId, Cursor cursor);
-    void eraseCursor(RelayConnection& client, const QString& agentId);
     // Sends replaying clients the log, as far as their backlog allows.
     void pump(RelayConnection& client);
     void trimHistories();
@@ -165,8 +158,7 @@ private:
     int m_broadcasting = 0;               // while > 0, closed clients are only blanked in m_clients
     QHash<QString, QString> m_taskAgents; // task id to agent id, while the task lives
     std::map<QString, AgentHistory> m_histories;
-    QHash<RelayConnection*, QHash<QString, Cursor>> m_cursors;
-    QHash<QString, int> m_cursorCounts; // by agent id: clients with a cursor on it
+    ResumeCursors m_cursors;
     TerminalFlow m_terminalFlow;
     QTimer m_trimTimer;
 };

@@ -412,27 +412,13 @@ private Q_SLOTS:
     // What a new user does: start the app, read the pairing details, and use them.
     void theHeadlessAppStartsItsOwnServer()
     {
-        QTemporaryDir configHome;
-        QTemporaryDir repo;
-        QProcess app;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        for (const QString& name :
-             {QStringLiteral("DISPLAY"), QStringLiteral("WAYLAND_DISPLAY"), QStringLiteral("BRINMOOR_SHARED_TOKEN"),
-              QStringLiteral("BRINMOOR_SERVER_URL"), QStringLiteral("BRINMOOR_SERVER_PATH")})
-            env.remove(name);
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), configHome.path());
-        env.insert(QStringLiteral("BRINMOOR_REPO_ROOT"), repo.path());
-        env.insert(QStringLiteral("BRINMOOR_AGENT_ID"), QStringLiteral("headless-mac"));
-        env.insert(QStringLiteral("BRINMOOR_SERVER_PORT"), QString::number(freePort()));
-        app.setProcessEnvironment(env);
-        app.start(binDir() + QStringLiteral("/BrinmoorMacAgent"), {QStringLiteral("--headless")});
-        QByteArray out;
+        HeadlessProcess app;
+        app.start(freePort());
         static const QRegularExpression details(
             QStringLiteral("Server URL: (http://[^\\n]+)\\nAgent ID: ([^\\n]+)\\nToken: ([0-9a-f]{32})\\n"));
         QRegularExpressionMatch match;
         QVERIFY(waitUntil([&] {
-            out += app.readAllStandardOutput();
-            match = details.match(QString::fromUtf8(out));
+            match = details.match(QString::fromUtf8(app.output()));
             return match.hasMatch();
         }));
         QCOMPARE(match.captured(2), QStringLiteral("headless-mac"));
@@ -441,15 +427,9 @@ private Q_SLOTS:
         const QString web = match.captured(1) + QStringLiteral("/#token=") + match.captured(3);
         const QString webLines = QStringLiteral("Web: ") + web + QLatin1Char('\n') +
                                  brinmoor::Pairing::terminalQRCode(brinmoor::Pairing::qrModules(web.toUtf8()));
-        QVERIFY(waitUntil([&] {
-            out += app.readAllStandardOutput();
-            return QString::fromUtf8(out).contains(webLines);
-        }));
-        QVERIFY(QString::fromUtf8(out).indexOf(webLines) > match.capturedEnd());
-        QVERIFY(waitUntil([&] {
-            out += app.readAllStandardOutput();
-            return out.contains("[BrinmoorServer] agent.register agentId=headless-mac");
-        }));
+        QVERIFY(app.waitForOutput(webLines.toUtf8()));
+        QVERIFY(QString::fromUtf8(app.output()).indexOf(webLines) > match.capturedEnd());
+        QVERIFY(app.waitForOutput("[BrinmoorServer] agent.register agentId=headless-mac"));
 
         RelayClient phone;
         QVERIFY(phone.open(quint16(serverURL.port()), match.captured(3)));
@@ -462,12 +442,10 @@ private Q_SLOTS:
             [](const QJsonObject& m) { return m.value(QStringLiteral("line")) == QLatin1String("paired"); }));
         QVERIFY(phone.waitForType(QStringLiteral("task.finished")));
 
-        app.terminate();
-        QVERIFY(app.waitForFinished(10000));
-        QCOMPARE(app.exitCode(), 0);
-        out += app.readAllStandardOutput();
-        QVERIFY(out.trimmed().endsWith("] shutdown complete"));
-        const QByteArray errors = app.readAllStandardError();
+        QVERIFY(app.stop());
+        QCOMPARE(app.process.exitCode(), 0);
+        QVERIFY(app.output().trimmed().endsWith("] shutdown complete"));
+        const QByteArray errors = app.process.readAllStandardError();
         QVERIFY2(!errors.contains("QProcess"), errors.constData());
         // The server went with the app.
         QVERIFY(waitUntil([&] { return !phone.isConnected(); }));
