@@ -1,6 +1,7 @@
 # Builds Brinmoor Web (web/) with npm and compiles the result into a Qt resource, so that
 # brinmoor-server serves it from its own binary. npm ci runs when the lock file changes,
-# the Vite build when anything under web/ does.
+# the Vite build when anything under web/ does (or the README, whose "Reach it from
+# anywhere" the build makes a page of).
 find_program(BRINMOOR_NPM npm REQUIRED)
 find_program(BRINMOOR_NODE node REQUIRED)
 
@@ -10,11 +11,14 @@ set(web_dist ${web_build}/dist)
 
 file(GLOB_RECURSE web_inputs CONFIGURE_DEPENDS
   ${web_source}/src/*
-  ${web_source}/public/*)
+  ${web_source}/public/*
+  ${web_source}/build_support/*)
 list(APPEND web_inputs
   ${web_source}/index.html
   ${web_source}/vite.config.ts
-  ${web_source}/tsconfig.json)
+  ${web_source}/tsconfig.json
+  ${web_source}/tsconfig.sw.json
+  ${PROJECT_SOURCE_DIR}/README.md)
 
 add_custom_command(
   OUTPUT ${web_build}/npm-ci.stamp

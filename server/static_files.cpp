@@ -133,7 +133,8 @@ QByteArray contentSecurityPolicy(QByteArrayView host)
         connect += " ws://" + host.toByteArray() + " wss://" + host.toByteArray();
     return "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; font-src 'self'; "
            "connect-src " +
-           connect + "; manifest-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
+           connect +
+           "; manifest-src 'self'; worker-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 }
 
 QByteArray response(const HttpRequest& request)

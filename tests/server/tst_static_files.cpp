@@ -41,7 +41,8 @@ QString csp(quint16 port)
     const QString origin = QStringLiteral("127.0.0.1:") + QString::number(port);
     return QStringLiteral("Content-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; "
                           "img-src 'self'; font-src 'self'; connect-src 'self' ws://%1 wss://%1; "
-                          "manifest-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'")
+                          "manifest-src 'self'; worker-src 'self'; base-uri 'none'; form-action 'none'; "
+                          "frame-ancestors 'none'")
         .arg(origin);
 }
 
@@ -119,6 +120,65 @@ private Q_SLOTS:
                                     "Cache-Control: no-cache"}));
     }
 
+    // The service worker is fetched again whenever the browser looks for a new build, and
+    // its scope is the root it is served from: no Service-Worker-Allowed is needed.
+    void servesTheServiceWorkerUncached()
+    {
+        const QByteArray worker = distFile(QStringLiteral("sw.js"));
+        const Response response = get("/sw.js");
+        QCOMPARE(response.statusLine, QByteArray("HTTP/1.1 200 OK"));
+        QCOMPARE(response.headers, (QList<QByteArray>{"Content-Type: text/javascript; charset=utf-8",
+                                                      "Content-Length: " + QByteArray::number(worker.size()),
+                                                      "Cache-Control: no-cache", "Vary: Accept-Encoding",
+                                                      csp(m_relay.port).toUtf8(), "X-Content-Type-Options: nosniff",
+                                                      "Referrer-Policy: no-referrer", "Connection: close"}));
+        QCOMPARE(response.body, worker);
+        // The shell it keeps is this build's: the index and the page's own script by name.
+        const QRegularExpressionMatch shell =
+            QRegularExpression(QStringLiteral("\\{\"version\":\"([0-9a-f]{16})\",\"files\":\\[([^\\]]*)\\]\\}"))
+                .match(QString::fromUtf8(worker));
+        QVERIFY2(shell.hasMatch(), worker.left(300).constData());
+        const QStringList files = shell.captured(2).split(QLatin1Char(','));
+        QVERIFY(files.contains(QStringLiteral("\"/\"")));
+        QVERIFY(files.contains(QStringLiteral("\"/") + asset(QStringLiteral("js")) + QLatin1Char('"')));
+        QVERIFY(files.contains(QStringLiteral("\"/manifest.webmanifest\"")));
+        QVERIFY(!files.contains(QStringLiteral("\"/sw.js\"")));
+        QVERIFY(!worker.contains("__BRINMOOR_SHELL__"));
+    }
+
+    void servesTheManifestAndItsIcons()
+    {
+        const QByteArray manifest = distFile(QStringLiteral("manifest.webmanifest"));
+        const Response response = get("/manifest.webmanifest");
+        QCOMPARE(response.statusLine, QByteArray("HTTP/1.1 200 OK"));
+        QCOMPARE(response.headers.mid(0, 4),
+                 (QList<QByteArray>{"Content-Type: application/manifest+json",
+                                    "Content-Length: " + QByteArray::number(manifest.size()), "Cache-Control: no-cache",
+                                    "Vary: Accept-Encoding"}));
+        QCOMPARE(response.body, manifest);
+        QVERIFY(
+            distFile(QStringLiteral("index.html")).contains("<link rel=\"manifest\" href=\"/manifest.webmanifest\" />"));
+        for (const QByteArray icon : {"/icon-192.png", "/icon-512.png"}) {
+            const Response png = get(icon);
+            QCOMPARE(png.headers.mid(0, 3),
+                     (QList<QByteArray>{"Content-Type: image/png",
+                                        "Content-Length: " +
+                                            QByteArray::number(distFile(QString::fromLatin1(icon.mid(1))).size()),
+                                        "Cache-Control: no-cache"}));
+            QVERIFY(png.body.startsWith("\x89PNG\r\n\x1a\n"));
+        }
+    }
+
+    void servesTheReadmeSectionOnEncryption()
+    {
+        const Response help = get("/help/reach-it-from-anywhere.html");
+        QCOMPARE(help.statusLine, QByteArray("HTTP/1.1 200 OK"));
+        QCOMPARE(help.headers.first(), QByteArray("Content-Type: text/html; charset=utf-8"));
+        QVERIFY(help.body.contains("<h2 id=\"reach-it-from-anywhere\">Reach it from anywhere</h2>"));
+        QVERIFY(help.body.contains("<h3 id=\"behind-a-reverse-proxy-nginx\">"));
+        QCOMPARE(get("/help/help.css").headers.first(), QByteArray("Content-Type: text/css; charset=utf-8"));
+    }
+
     void answersHeadWithoutABody()
     {
         const Response head = get("/", {}, "HEAD");
@@ -150,8 +210,8 @@ private Q_SLOTS:
             parse(httpExchange(m_relay.port, "GET / HTTP/1.1\r\nHost: evil.test; script-src *\r\n\r\n"));
         QVERIFY(index.headers.contains("Content-Security-Policy: default-src 'none'; script-src 'self'; "
                                        "style-src 'self'; img-src 'self'; font-src 'self'; connect-src 'self'; "
-                                       "manifest-src 'self'; base-uri 'none'; form-action 'none'; "
-                                       "frame-ancestors 'none'"));
+                                       "manifest-src 'self'; worker-src 'self'; base-uri 'none'; "
+                                       "form-action 'none'; frame-ancestors 'none'"));
     }
 
     void leavesTheApiAsItWas()

@@ -4,9 +4,16 @@
 //                    act as an assistant tool asking for permission: start the "approver"
 //                    server of an MCP config file as the tool would, call its
 //                    "request_permission" for TOOL with INPUT (JSON), print the answer text
+//   certificates DIR ALTNAME...
+//                    make a test certificate authority and a server certificate for the
+//                    subject alternative names ("DNS:brinmoor.test", "IP:127.0.0.1"), write
+//                    root.pem, server.pem and server-key.pem into DIR and print the SHA-256
+//                    of the server's public key in base64 (what Chromium takes to trust it)
 #include "protocol/json_value.h"
+#include "test_certificate_authority.h"
 
 #include <QDeadlineTimer>
+#include <QDir>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -15,6 +22,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 using namespace brinmoor;
 
@@ -87,12 +95,44 @@ int mcpCall(const char* configPath, const char* toolName, const char* input)
     return 1;
 }
 
+int certificates(const QString& dir, const QStringList& altNames)
+{
+    relay::TestCertificateAuthority authority;
+    if (!authority.error().isEmpty()) {
+        std::fprintf(stderr, "test_helper: %s\n", qPrintable(authority.error()));
+        return 1;
+    }
+    const relay::TestCertificateAuthority::Issued issued = authority.issue(altNames.first().section(':', 1), altNames);
+    if (issued.certificate.isEmpty()) {
+        std::fprintf(stderr, "test_helper: %s\n", qPrintable(authority.error()));
+        return 1;
+    }
+    const QDir target(dir);
+    for (const auto& [from, to] : {std::pair{authority.rootCertificate(), QStringLiteral("root.pem")},
+                                   std::pair{issued.certificate, QStringLiteral("server.pem")},
+                                   std::pair{issued.key, QStringLiteral("server-key.pem")}}) {
+        QFile::remove(target.filePath(to));
+        if (!QFile::copy(from, target.filePath(to))) {
+            std::fprintf(stderr, "test_helper: cannot write %s\n", qPrintable(target.filePath(to)));
+            return 1;
+        }
+    }
+    std::printf("%s\n", relay::spkiSha256(issued.certificate).constData());
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
     if (argc == 5 && std::strcmp(argv[1], "mcp-call") == 0)
         return mcpCall(argv[2], argv[3], argv[4]);
+    if (argc >= 4 && std::strcmp(argv[1], "certificates") == 0) {
+        QStringList altNames;
+        for (int i = 3; i < argc; ++i)
+            altNames.append(QString::fromLocal8Bit(argv[i]));
+        return certificates(QString::fromLocal8Bit(argv[2]), altNames);
+    }
     std::fprintf(stderr, "test_helper: unknown mode\n");
     return 64;
 }

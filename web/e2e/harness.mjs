@@ -1,14 +1,21 @@
 // What the browser tests and the benchmark run against: a real brinmoor-server, a real
 // BrinmoorMacAgent --agent-only with the fake claude and codex first on its PATH, and
-// Debian's Chromium driven by puppeteer-core.
-import { spawn } from 'node:child_process';
+// Debian's Chromium driven by puppeteer-core. Over TLS (`new World({ tls: true })`) the
+// relay has a certificate from a test authority made for the run, the agent trusts that
+// authority, and Chromium takes exactly that certificate's key (no switch that ignores
+// every certificate error).
+import { execFile, spawn } from 'node:child_process';
 import { mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
+import { promisify } from 'node:util';
 import puppeteer from 'puppeteer-core';
 
 export const kToken = 'e2e-token-5f1c';
 export const kAgentId = 'studio-mac';
+// A name Chromium resolves to loopback for the page, so that the page's origin is not this
+// machine's own address: such a page is a secure context only when it came over HTTPS.
+export const kTestHost = 'brinmoor.test';
 
 function required(name) {
   const value = process.env[name];
@@ -55,8 +62,11 @@ function stopProcess(child, signal = 'SIGTERM') {
 }
 
 export class World {
-  // `relayEnv`: settings of the relay beyond port, address and token.
-  constructor({ relayEnv = {} } = {}) {
+  // host: the name the page is opened at (127.0.0.1, or kTestHost); tls: whether the relay
+  // speaks HTTPS and WSS; relayEnv: settings of the relay beyond port, address and token.
+  constructor({ host = '127.0.0.1', tls = false, relayEnv = {} } = {}) {
+    this.host = host;
+    this.tls = tls;
     this.relayEnv = relayEnv;
     this.bin = required('BRINMOOR_BIN_DIR');
     this.fakeTools = required('BRINMOOR_FAKE_TOOLS_DIR');
@@ -78,15 +88,33 @@ export class World {
       for (const child of [this.agent, this.relay]) if (child && child.exitCode === null) child.kill('SIGKILL');
     });
     for (const signal of ['SIGINT', 'SIGTERM']) process.once(signal, () => process.exit(1));
-    this.relay = spawn(join(this.bin, 'brinmoor-server'), [], {
-      env: { ...process.env, ...this.relayEnv, BRINMOOR_SHARED_TOKEN: kToken, BRINMOOR_SERVER_PORT: '0', BRINMOOR_SERVER_BIND: '127.0.0.1' },
-      stdio: ['ignore', 'pipe', 'inherit'],
-    });
+    const relayEnv = {
+      ...process.env,
+      ...this.relayEnv,
+      BRINMOOR_SHARED_TOKEN: kToken,
+      BRINMOOR_SERVER_PORT: '0',
+      BRINMOOR_SERVER_BIND: '127.0.0.1',
+    };
+    const browserArgs = [];
+    if (this.tls) {
+      const dir = join(this.root, 'tls');
+      mkdirSync(dir);
+      const made = await promisify(execFile)(this.helper, ['certificates', dir, `DNS:${kTestHost}`, 'IP:127.0.0.1']);
+      this.spki = made.stdout.trim();
+      this.authority = join(dir, 'root.pem');
+      Object.assign(relayEnv, { BRINMOOR_TLS_CERT: join(dir, 'server.pem'), BRINMOOR_TLS_KEY: join(dir, 'server-key.pem') });
+      browserArgs.push(`--ignore-certificate-errors-spki-list=${this.spki}`);
+    }
+    if (this.host === kTestHost) browserArgs.push(`--host-resolver-rules=MAP ${kTestHost} 127.0.0.1`);
+    this.relay = spawn(join(this.bin, 'brinmoor-server'), [], { env: relayEnv, stdio: ['ignore', 'pipe', 'inherit'] });
     this.relay.stdout.setEncoding('utf8');
     this.relay.stdout.on('data', (data) => (this.relayLog += data));
     const port = await waitForLine(this.relay, this.relay.stdout, (line) => /^listening port=(\d+)$/.exec(line)?.[1], 'listening line');
     this.port = Number(port);
-    this.origin = `http://127.0.0.1:${this.port}`;
+    const scheme = this.tls ? 'https' : 'http';
+    this.origin = `${scheme}://${this.host}:${this.port}`;
+    // The agent runs on this machine and takes the relay's loopback address.
+    this.relayURL = `${scheme}://127.0.0.1:${this.port}`;
     await this.startAgent();
     this.browser = await puppeteer.launch({
       executablePath: process.env.BRINMOOR_CHROMIUM ?? '/usr/bin/chromium',
@@ -102,6 +130,7 @@ export class World {
         '--disable-component-update',
         '--disable-sync',
         '--disable-dev-shm-usage',
+        ...browserArgs,
       ],
     });
   }
@@ -112,7 +141,8 @@ export class World {
         ...process.env,
         PATH: `${this.fakeTools}:${process.env.PATH}`,
         XDG_CONFIG_HOME: join(this.root, 'config'),
-        BRINMOOR_SERVER_URL: this.origin,
+        BRINMOOR_SERVER_URL: this.relayURL,
+        ...(this.authority ? { BRINMOOR_TLS_CA: this.authority } : {}),
         BRINMOOR_AGENT_ID: kAgentId,
         BRINMOOR_SHARED_TOKEN: kToken,
         BRINMOOR_REPO_ROOT: this.repo,
@@ -181,8 +211,10 @@ export class World {
     const logs = process.env.BRINMOOR_WEB_E2E_LOGS;
     if (logs) {
       mkdirSync(logs, { recursive: true });
-      writeFileSync(join(logs, 'relay.log'), this.relayLog);
-      writeFileSync(join(logs, 'agent.log'), this.agentLog ?? '');
+      // A run over TLS beside one without keeps both.
+      const prefix = this.tls ? 'tls-' : '';
+      writeFileSync(join(logs, prefix + 'relay.log'), this.relayLog);
+      writeFileSync(join(logs, prefix + 'agent.log'), this.agentLog ?? '');
     }
     await this.browser?.close().catch(() => undefined);
     await stopProcess(this.agent);

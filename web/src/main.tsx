@@ -1,6 +1,7 @@
 import './styles.css';
 import { render } from 'preact';
 import { AppState } from './app_state';
+import { registerShellWorker } from './secure/service_worker_client';
 import { ConversationDB } from './stores/conversation_db';
 import { App } from './views/App';
 
@@ -27,6 +28,7 @@ function start(): void {
   window.addEventListener('pagehide', () => state.connection.client?.saveSeqs());
   (window as unknown as { brinmoor: AppState }).brinmoor = state;
   render(<App state={state} />, document.getElementById('app')!);
+  registerShellWorker();
 }
 
 start();

@@ -7,6 +7,7 @@ import type { Observable } from '../stores/observable';
 // 100 ms, so what it shows is never stale for long.
 export function useStores(...stores: Observable[]): void {
   const [, setTick] = useState(0);
+  const rendered = stores.map((store) => store.version);
   useEffect(() => {
     let frame = 0;
     let timer: ReturnType<typeof setTimeout> | undefined;
@@ -23,6 +24,9 @@ export function useStores(...stores: Observable[]): void {
       timer = setTimeout(render, 100);
     };
     const unsubscribe = stores.map((store) => store.subscribe(schedule));
+    // Effects run after the frame is drawn: a change made before this subscription (a
+    // socket that opened meanwhile) would otherwise never be rendered.
+    if (stores.some((store, i) => store.version !== rendered[i])) schedule();
     return () => {
       unsubscribe.forEach((stop) => stop());
       cancelAnimationFrame(frame);

@@ -2,14 +2,25 @@ import type { AppState } from '../app_state';
 import { useStores } from '../lib/use_store';
 import { AgentList } from './AgentList';
 import { ApprovalSheet } from './ApprovalSheet';
+import { NotificationOfferBar, UnencryptedNoticeBar } from './Notices';
 import { Notifier } from './Notifier';
 import { ProjectView } from './ProjectView';
 import { TokenPrompt } from './TokenPrompt';
 import { TopBar } from './TopBar';
 
-// The page: the agents and their projects beside (on a phone: before) the project the
-// user works in; the approval sheet over whatever is shown.
+// The page: the notice of an unencrypted connection above what the user works with.
 export function App({ state }: { state: AppState }) {
+  return (
+    <div class="page">
+      <UnencryptedNoticeBar />
+      <Workspace state={state} />
+    </div>
+  );
+}
+
+// The agents and their projects beside (on a phone: before) the project the user works
+// in; the approval sheet over whatever is shown.
+function Workspace({ state }: { state: AppState }) {
   useStores(state.credentials, state.connection, state.navigation);
   const connection = state.connection.state;
   if (!state.credentials.token || connection === 'unauthorized') {
@@ -20,6 +31,7 @@ export function App({ state }: { state: AppState }) {
   return (
     <div class={'shell' + (inProject ? ' in-project' : '')}>
       <TopBar state={state} />
+      <NotificationOfferBar state={state} />
       <div class="body">
         <aside class="sidebar">
           <AgentList state={state} />
