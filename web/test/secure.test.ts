@@ -17,7 +17,7 @@ import { headingId, readmeSection, readmeSectionPage } from '../build_support/re
 const request = { requestId: 'R1', taskId: 'T1', agentId: 'mac', toolName: 'Write', toolInput: { file_path: 'a.txt' } };
 
 function proposalTask() {
-  const store = new TasksStore({ createTask: async () => 'T', cancelTask: () => true, decideProposal: () => true });
+  const store = new TasksStore({ createTask: async () => 'T', cancelTask: () => true, decideProposal: () => true }, new MemoryStorage());
   const proposal = { proposalId: 'P', proposalSummary: '2 files', proposalCommentary: 'why', proposalDiff: 'diff', proposalFiles: ['a.txt', 'b.txt'] };
   store.handle({ type: 'task.awaiting_approval', agentId: 'mac', taskId: 'P1', ...proposal } as unknown as ServerMessage);
   return store.awaitingApproval()[0];
