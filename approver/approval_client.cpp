@@ -6,6 +6,7 @@
 #include <QNetworkProxy>
 #include <QNetworkReply>
 #include <QProcessEnvironment>
+#include <QSslConfiguration>
 #include <QTimer>
 #include <QUrl>
 
@@ -16,6 +17,25 @@ namespace {
 QByteArray json(const QJsonObject& object)
 {
     return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
+// The certificates of a PEM file named by `variable`; none, with the reason in
+// `unavailable`, when it holds none.
+QList<QSslCertificate> certificatesFrom(const QProcessEnvironment& env, const QString& variable, QString& unavailable)
+{
+    const QString path = env.value(variable);
+    if (path.isEmpty() || !unavailable.isEmpty())
+        return {};
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        unavailable = QStringLiteral("cannot read ") + variable + QLatin1Char(' ') + path + QStringLiteral(": ") +
+                      file.errorString();
+        return {};
+    }
+    const QList<QSslCertificate> certificates = QSslCertificate::fromData(file.readAll(), QSsl::Pem);
+    if (certificates.isEmpty())
+        unavailable = variable + QStringLiteral(" holds no PEM certificate: ") + path;
+    return certificates;
 }
 
 // The server's answer, when it is one of the two decisions.
@@ -54,6 +74,8 @@ ApprovalSettings settingsFromEnvironment()
                                    QStringLiteral(": ") + file.errorString();
     }
     settings.taskId = env.value(QStringLiteral("BRINMOOR_TASK_ID"));
+    settings.authorities = certificatesFrom(env, QStringLiteral("BRINMOOR_TLS_CA"), settings.unavailable);
+    settings.pinned = certificatesFrom(env, QStringLiteral("BRINMOOR_TLS_PINNED_CERT"), settings.unavailable).value(0);
     bool ok = false;
     const int seconds = env.value(QStringLiteral("BRINMOOR_APPROVAL_WAIT_SEC")).toInt(&ok);
     if (ok && seconds > 0 && seconds <= 24 * 3600)
@@ -114,7 +136,18 @@ void ApprovalClient::request(qint64 key, const QString& toolName, const QJsonVal
                      {QStringLiteral("toolInput"), toolInput}};
     if (!toolUseId.isEmpty())
         body.insert(QStringLiteral("toolUseId"), toolUseId);
+    if (!m_settings.authorities.isEmpty()) {
+        QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
+        tls.addCaCertificates(m_settings.authorities);
+        request.setSslConfiguration(tls);
+    }
     QNetworkReply* reply = m_network.post(request, json(body));
+    if (!m_settings.pinned.isNull()) {
+        connect(reply, &QNetworkReply::sslErrors, reply, [this, reply] {
+            if (reply->sslConfiguration().peerCertificate() == m_settings.pinned)
+                reply->ignoreSslErrors();
+        });
+    }
     m_pending[key] = Pending{reply, std::move(answer)};
     connect(reply, &QNetworkReply::finished, this, [this, key] { finished(key); });
     auto* timer = new QTimer(reply);

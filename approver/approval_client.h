@@ -4,6 +4,7 @@
 #include <QJsonValue>
 #include <QNetworkAccessManager>
 #include <QObject>
+#include <QSslCertificate>
 #include <QString>
 
 #include <functional>
@@ -18,7 +19,13 @@ struct ApprovalSettings {
     QString token;
     QString taskId;
     int waitMs = 630'000; // a little longer than the server holds a request
-    // Why no request can be made (an unreadable token file); empty when one can.
+    // Authorities to trust besides the system's (BRINMOOR_TLS_CA), and the certificate of
+    // a server the agent pins (BRINMOOR_TLS_PINNED_CERT): that server is trusted by its
+    // certificate alone, whatever name it is reached by.
+    QList<QSslCertificate> authorities;
+    QSslCertificate pinned;
+    // Why no request can be made (an unreadable token or certificate file); empty when
+    // one can.
     QString unavailable;
 };
 

@@ -87,7 +87,9 @@ AgentProfile AgentRuntime::loadProfile() const
 
 ConnectionSettings AgentRuntime::loadConnectionSettings() const
 {
-    return ConnectionSettings::load(m_defaults, m_env);
+    ConnectionSettings settings = ConnectionSettings::load(m_defaults, m_env);
+    settings.pinnedCertificate = m_pinnedFile.value_or(QString());
+    return settings;
 }
 
 void AgentRuntime::reportStatus(const QString& text)

@@ -126,10 +126,26 @@ QString codexExecCommandTemplate(const QString& approvalMode, const QString& res
            QStringLiteral("--json --skip-git-repo-check --color never {{prompt}}");
 }
 
+namespace {
+
+// What the approval tool needs to trust a server over TLS that the system does not: the
+// extra authorities, and the certificate of the server the agent pins.
+QList<QPair<QString, QString>> approverTlsEnvironment(const ConnectionSettings& connection)
+{
+    QList<QPair<QString, QString>> variables;
+    if (!connection.tlsCA.isEmpty())
+        variables.append({QStringLiteral("BRINMOOR_TLS_CA"), connection.tlsCA});
+    if (!connection.pinnedCertificate.isEmpty())
+        variables.append({QStringLiteral("BRINMOOR_TLS_PINNED_CERT"), connection.pinnedCertificate});
+    return variables;
+}
+
+} // namespace
+
 QString codexMCPConfigOverrides(const QString& taskId, const QString& approverPath,
                                 const ConnectionSettings& connection, const QString& tokenFilePath)
 {
-    const QStringList assignments = {
+    QStringList assignments = {
         QStringLiteral("mcp_servers.approver.command=\"") + tomlEscaped(approverPath) + QLatin1Char('"'),
         QStringLiteral("mcp_servers.approver.args=[]"),
         QStringLiteral("mcp_servers.approver.env.BRINMOOR_SERVER_URL=\"") + tomlEscaped(connection.serverURL) +
@@ -137,10 +153,14 @@ QString codexMCPConfigOverrides(const QString& taskId, const QString& approverPa
         QStringLiteral("mcp_servers.approver.env.BRINMOOR_TASK_ID=\"") + tomlEscaped(taskId) + QLatin1Char('"'),
         QStringLiteral("mcp_servers.approver.env.BRINMOOR_TOKEN_FILE=\"") + tomlEscaped(tokenFilePath) +
             QLatin1Char('"'),
-        // `codex exec` runs with the approval policy "never" and refuses every MCP call
-        // that needs approval; the approval tool is the approval.
-        QStringLiteral("mcp_servers.approver.tools.request_permission.approval_mode=\"approve\""),
     };
+    for (const auto& [variable, value] : approverTlsEnvironment(connection)) {
+        assignments.append(QStringLiteral("mcp_servers.approver.env.") + variable + QStringLiteral("=\"") +
+                           tomlEscaped(value) + QLatin1Char('"'));
+    }
+    // `codex exec` runs with the approval policy "never" and refuses every MCP call that
+    // needs approval; the approval tool is the approval.
+    assignments.append(QStringLiteral("mcp_servers.approver.tools.request_permission.approval_mode=\"approve\""));
     QString overrides;
     for (const QString& assignment : assignments)
         overrides += QStringLiteral(" -c ") + shellQuote(assignment);
@@ -182,15 +202,16 @@ QString writeOwnerOnlyFile(const QString& path, const QByteArray& content, const
 QString writeMCPConfig(const QString& taskId, const QString& approverPath, const ConnectionSettings& connection,
                        const QString& folder)
 {
+    QJsonObject env{{QStringLiteral("BRINMOOR_SERVER_URL"), connection.serverURL},
+                    {QStringLiteral("BRINMOOR_TASK_ID"), taskId},
+                    {QStringLiteral("BRINMOOR_TOKEN"), connection.token}};
+    for (const auto& [variable, value] : approverTlsEnvironment(connection))
+        env.insert(variable, value);
     const QJsonObject config{
         {QStringLiteral("mcpServers"),
-         QJsonObject{{QStringLiteral("approver"),
-                      QJsonObject{{QStringLiteral("command"), approverPath},
-                                  {QStringLiteral("args"), QJsonArray()},
-                                  {QStringLiteral("env"),
-                                   QJsonObject{{QStringLiteral("BRINMOOR_SERVER_URL"), connection.serverURL},
-                                               {QStringLiteral("BRINMOOR_TASK_ID"), taskId},
-                                               {QStringLiteral("BRINMOOR_TOKEN"), connection.token}}}}}}}};
+         QJsonObject{{QStringLiteral("approver"), QJsonObject{{QStringLiteral("command"), approverPath},
+                                                              {QStringLiteral("args"), QJsonArray()},
+                                                              {QStringLiteral("env"), env}}}}}};
     return writeOwnerOnlyFile(
         folder + QStringLiteral("/brinmoor-mcp-") + fileNameSafe(taskId) + QStringLiteral(".json"),
         QJsonDocument(config).toJson(QJsonDocument::Indented), QStringLiteral("MCP configuration"));

@@ -22,6 +22,9 @@ struct ConnectionSettings {
     // BRINMOOR_TLS_CA): a server whose certificate comes from a private authority
     // verifies like any other.
     QString tlsCA;
+    // The certificate file of the server the agent started and pins, when it speaks TLS;
+    // not a setting: the agent fills it in.
+    QString pinnedCertificate;
 
     static ConnectionSettings load(const SettingsStore& defaults, const Environment& env);
 };

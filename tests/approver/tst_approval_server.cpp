@@ -2,6 +2,7 @@
 #include "support/process_fixtures.h"
 #include "support/relay_client.h"
 #include "support/test_support.h"
+#include "test_certificate_authority.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -10,10 +11,12 @@
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QWebSocket>
 
 #include <memory>
 
 using namespace brinmoor::test;
+using brinmoor::relay::TestCertificateAuthority;
 
 namespace {
 
@@ -32,7 +35,8 @@ struct Approver {
     {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         for (const QString& name : {QStringLiteral("BRINMOOR_SERVER_URL"), QStringLiteral("BRINMOOR_TOKEN"),
-                                    QStringLiteral("BRINMOOR_TOKEN_FILE"), QStringLiteral("BRINMOOR_TASK_ID")})
+                                    QStringLiteral("BRINMOOR_TOKEN_FILE"), QStringLiteral("BRINMOOR_TASK_ID"),
+                                    QStringLiteral("BRINMOOR_TLS_CA"), QStringLiteral("BRINMOOR_TLS_PINNED_CERT")})
             environment.remove(name);
         const QProcessEnvironment extra = brinmoor::test::environment(env);
         for (const QString& key : extra.keys())
@@ -303,6 +307,93 @@ private Q_SLOTS:
             Approver::decision(wrong.next()),
             QStringLiteral(
                 "{\"behavior\":\"deny\",\"message\":\"approval server refused the request (HTTP 401): unauthorized\"}"));
+    }
+
+    // A relay whose certificate no system authority vouches for: the approval tool trusts
+    // it through the authorities it is given, or by the pinned certificate alone.
+    void asksARelayOverTlsItIsToldToTrust()
+    {
+        TestCertificateAuthority authority;
+        // Issued for a name the tool does not use: only the pin can make it acceptable.
+        const TestCertificateAuthority::Issued named =
+            authority.issue(QStringLiteral("mymac.example"), {QStringLiteral("DNS:mymac.example")});
+        QVERIFY2(authority.error().isEmpty(), qPrintable(authority.error()));
+        RelayProcess relay;
+        QVERIFY(relay.start(environment({QStringLiteral("BRINMOOR_TLS_CERT=") + named.certificate,
+                                         QStringLiteral("BRINMOOR_TLS_KEY=") + named.key})));
+        RelayClient phone;
+        phone.useTls(authority.clientConfiguration());
+        RelayClient agent;
+        agent.useTls(authority.clientConfiguration());
+        // The test's clients check nothing but the authority: their name is not the point.
+        for (RelayClient* client : {&phone, &agent}) {
+            connect(&client->socket(), &QWebSocket::sslErrors, client,
+                    [client](const QList<QSslError>&) { client->socket().ignoreSslErrors(); });
+        }
+        QVERIFY(phone.open(relay.port, relay.token));
+        QVERIFY(agent.openAgent(relay.port, QStringLiteral("mac-1"), relay.token));
+        phone.send(json("{\"type\":\"task.create\",\"agentId\":\"mac-1\",\"payload\":{\"action\":\"chat\"}}"));
+        const auto created = phone.waitForType(QStringLiteral("task.created"));
+        QVERIFY(created);
+        const QString taskId = created->value(QStringLiteral("taskId")).toString();
+        const QStringList base{QStringLiteral("BRINMOOR_SERVER_URL=") + relay.url(),
+                               QStringLiteral("BRINMOOR_TOKEN=") + relay.token,
+                               QStringLiteral("BRINMOOR_TASK_ID=") + taskId};
+        QVERIFY(relay.url().startsWith(QLatin1String("https://127.0.0.1:")));
+
+        // Without being told, the system's authorities do not know it.
+        Approver untold(base);
+        untold.call(1, json("{\"tool_name\":\"Write\",\"input\":{}}"));
+        const QString refused = Approver::decision(untold.next());
+        QVERIFY2(refused.startsWith(QLatin1String(
+                     "{\"behavior\":\"deny\",\"message\":\"approval server unreachable: SSL handshake failed")),
+                 qPrintable(refused));
+
+        // The authority alone does not make a certificate for another name good.
+        Approver byAuthority(base + QStringList{QStringLiteral("BRINMOOR_TLS_CA=") + authority.rootCertificate()});
+        byAuthority.call(1, json("{\"tool_name\":\"Write\",\"input\":{}}"));
+        QVERIFY(Approver::decision(byAuthority.next()).contains(QLatin1String("SSL handshake failed")));
+
+        // The pinned certificate is trusted whatever name the server is reached by.
+        Approver pinned(base + QStringList{QStringLiteral("BRINMOOR_TLS_PINNED_CERT=") + named.certificate});
+        pinned.call(1, json("{\"tool_name\":\"Write\",\"input\":{\"file_path\":\"a.txt\"}}"));
+        const auto request = phone.waitForType(QStringLiteral("permission.request"));
+        QVERIFY(request);
+        phone.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("permission.decision")},
+                               {QStringLiteral("requestId"), request->value(QStringLiteral("requestId"))},
+                               {QStringLiteral("decision"), QStringLiteral("deny")},
+                               {QStringLiteral("message"), QStringLiteral("not over TLS either")}});
+        QCOMPARE(Approver::decision(pinned.next()),
+                 QStringLiteral("{\"behavior\":\"deny\",\"message\":\"not over TLS either\"}"));
+
+        // A certificate for 127.0.0.1 from the authority it is told of.
+        const TestCertificateAuthority::Issued loopback =
+            authority.issue(QStringLiteral("localhost"), {QStringLiteral("IP:127.0.0.1")});
+        RelayProcess second;
+        QVERIFY(second.start(environment({QStringLiteral("BRINMOOR_TLS_CERT=") + loopback.certificate,
+                                          QStringLiteral("BRINMOOR_TLS_KEY=") + loopback.key})));
+        Approver trusting({QStringLiteral("BRINMOOR_SERVER_URL=") + second.url(),
+                           QStringLiteral("BRINMOOR_TOKEN=") + second.token, QStringLiteral("BRINMOOR_TASK_ID=T1"),
+                           QStringLiteral("BRINMOOR_TLS_CA=") + authority.rootCertificate()});
+        trusting.call(1, json("{\"tool_name\":\"Bash\"}"));
+        // Through TLS to the server, which does not know the task.
+        QCOMPARE(
+            Approver::decision(trusting.next()),
+            QStringLiteral(
+                "{\"behavior\":\"deny\",\"message\":\"approval server refused the request (HTTP 404): unknown task: T1\"}"));
+
+        // Files it cannot use.
+        Approver missing(base + QStringList{QStringLiteral("BRINMOOR_TLS_CA=/nonexistent/ca.pem")});
+        missing.call(1, json("{\"tool_name\":\"Bash\"}"));
+        QCOMPARE(Approver::decision(missing.next()),
+                 QStringLiteral("{\"behavior\":\"deny\",\"message\":\"approval unavailable: cannot read "
+                                "BRINMOOR_TLS_CA /nonexistent/ca.pem: No such file or directory\"}"));
+        Approver notPem(base + QStringList{QStringLiteral("BRINMOOR_TLS_PINNED_CERT=") + named.key});
+        notPem.call(1, json("{\"tool_name\":\"Bash\"}"));
+        QCOMPARE(Approver::decision(notPem.next()),
+                 QStringLiteral("{\"behavior\":\"deny\",\"message\":\"approval unavailable: "
+                                "BRINMOOR_TLS_PINNED_CERT holds no PEM certificate: ") +
+                     named.key + QStringLiteral("\"}"));
     }
 
     void endsWhenItsInputCloses()

@@ -116,6 +116,39 @@ private Q_SLOTS:
                      .contains(m_connection.token));
     }
 
+    void theApprovalToolIsToldWhichServerCertificatesToTrust()
+    {
+        ConnectionSettings tls = m_connection;
+        tls.serverURL = QStringLiteral("https://127.0.0.1:8443");
+        tls.tlsCA = QStringLiteral("/etc/ca.pem");
+        tls.pinnedCertificate = QStringLiteral("/home/me/server.pem");
+        QCOMPARE(codexMCPConfigOverrides(QStringLiteral("t1"), QStringLiteral("/bin/MCPApprovalServer"), tls,
+                                         QStringLiteral("/f")),
+                 QStringLiteral(" -c 'mcp_servers.approver.command=\"/bin/MCPApprovalServer\"'"
+                                " -c 'mcp_servers.approver.args=[]'"
+                                " -c 'mcp_servers.approver.env.BRINMOOR_SERVER_URL=\"https://127.0.0.1:8443\"'"
+                                " -c 'mcp_servers.approver.env.BRINMOOR_TASK_ID=\"t1\"'"
+                                " -c 'mcp_servers.approver.env.BRINMOOR_TOKEN_FILE=\"/f\"'"
+                                " -c 'mcp_servers.approver.env.BRINMOOR_TLS_CA=\"/etc/ca.pem\"'"
+                                " -c 'mcp_servers.approver.env.BRINMOOR_TLS_PINNED_CERT=\"/home/me/server.pem\"'"
+                                " -c 'mcp_servers.approver.tools.request_permission.approval_mode=\"approve\"'"));
+        const QString path = writeMCPConfig(QStringLiteral("t9"), m_approver, tls, m_tmp.path());
+        QCOMPARE(QJsonDocument::fromJson(test::readFile(path))
+                     .object()
+                     .value(QStringLiteral("mcpServers"))
+                     .toObject()
+                     .value(QStringLiteral("approver"))
+                     .toObject()
+                     .value(QStringLiteral("env"))
+                     .toObject(),
+                 (QJsonObject{{QStringLiteral("BRINMOOR_SERVER_URL"), QStringLiteral("https://127.0.0.1:8443")},
+                              {QStringLiteral("BRINMOOR_TASK_ID"), QStringLiteral("t9")},
+                              {QStringLiteral("BRINMOOR_TOKEN"), m_connection.token},
+                              {QStringLiteral("BRINMOOR_TLS_CA"), QStringLiteral("/etc/ca.pem")},
+                              {QStringLiteral("BRINMOOR_TLS_PINNED_CERT"), QStringLiteral("/home/me/server.pem")}}));
+        QFile::remove(path);
+    }
+
     void tokenFileIsOwnerOnly()
     {
         const QString path = writeTokenFile(QStringLiteral("t/9"), m_connection, m_tmp.path());
