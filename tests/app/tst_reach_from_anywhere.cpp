@@ -27,13 +27,6 @@ namespace ws = brinmoor::relay::ws;
 
 namespace {
 
-quint16 freePort()
-{
-    QTcpServer probe;
-    probe.listen(QHostAddress::LocalHost);
-    return probe.serverPort();
-}
-
 QString executable(const QString& name)
 {
     return QStandardPaths::findExecutable(name, {QStringLiteral("/usr/local/sbin"), QStringLiteral("/usr/local/bin"),

@@ -49,13 +49,6 @@ QStringList taskTrace(const RelayClient& phone, const QString& taskId)
     return trace;
 }
 
-quint16 freePort()
-{
-    QTcpServer probe;
-    probe.listen(QHostAddress::LocalHost);
-    return probe.serverPort();
-}
-
 // The fake `claude` asks for permission to write notes.txt through the approval server
 // its --mcp-config names, and writes the file only when allowed.
 constexpr char kAskingClaude[] =

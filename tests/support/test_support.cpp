@@ -3,9 +3,12 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QRandomGenerator>
+#include <QTcpServer>
 
 #include "support/loopback_server.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -17,6 +20,23 @@ namespace brinmoor::test {
 QString binDir()
 {
     return QStringLiteral(BRINMOOR_BIN_DIR);
+}
+
+quint16 freePort()
+{
+    int ephemeralLow = 32768;
+    QFile range(QStringLiteral("/proc/sys/net/ipv4/ip_local_port_range"));
+    if (range.open(QIODevice::ReadOnly))
+        ephemeralLow = QString::fromLatin1(range.readAll()).simplified().section(QLatin1Char(' '), 0, 0).toInt();
+    const int low = 10000;
+    const int high = std::max(low + 1000, ephemeralLow);
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+        const auto port = quint16(low + int(QRandomGenerator::global()->bounded(high - low)));
+        QTcpServer probe;
+        if (probe.listen(QHostAddress::AnyIPv4, port))
+            return port;
+    }
+    return 0;
 }
 
 QString writeFile(const QString& path, const QByteArray& content)

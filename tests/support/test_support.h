@@ -22,6 +22,12 @@ QByteArray readFile(const QString& path);
 // A file's permission bits, as in `stat` (e.g. 0600).
 int fileMode(const QString& path);
 
+// A TCP port free on every address now, for a program the test starts that must listen
+// on a port named in advance. It lies below the kernel's range for ports chosen on
+// bind(0), so a server another test starts at the same time on port 0 cannot take it
+// between this call and the program's listen.
+quint16 freePort();
+
 // A named pipe the test writes in pieces while a child reads it (`cat FIFO`), so that
 // read boundaries are the test's, not the clock's: each piece is written only once the
 // previous one has gone all the way through the child's output pipe to its reader.
