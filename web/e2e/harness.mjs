@@ -223,6 +223,56 @@ export class World {
   }
 }
 
+// A node:test `test` that, when its body fails and logs are asked for
+// ($BRINMOOR_WEB_E2E_LOGS), leaves a picture and the text of each page `pages()` names
+// ([page, suffix] pairs) behind, named after the test.
+export function testLeavingPictures(nodeTest, prefix, pages) {
+  return (name, body) =>
+    nodeTest(name, async () => {
+      try {
+        await body();
+      } catch (error) {
+        const logs = process.env.BRINMOOR_WEB_E2E_LOGS;
+        if (logs) {
+          mkdirSync(logs, { recursive: true });
+          const file = join(logs, prefix + name.replace(/\W+/g, '-').slice(0, 60));
+          for (const [target, suffix] of pages()) {
+            if (!target) continue;
+            await target.screenshot({ path: file + suffix + '.png' }).catch(() => undefined);
+            const text = await target.evaluate(() => document.body.innerText).catch((e) => String(e));
+            writeFileSync(file + suffix + '.txt', text + '\n' + (target.problems ?? []).join('\n'));
+          }
+        }
+        throw error;
+      }
+    });
+}
+
+// The visible element matching `selector` whose trimmed text is `text`, waited for.
+export async function elementWithText(target, selector, text, timeout = 20000) {
+  const handle = await target.waitForFunction(
+    (sel, wanted) => [...document.querySelectorAll(sel)].find((e) => e.textContent.trim() === wanted && e.getClientRects().length > 0),
+    { timeout },
+    selector,
+    text,
+  );
+  return handle.asElement();
+}
+
+export async function clickText(target, selector, text) {
+  await (await elementWithText(target, selector, text)).click();
+}
+
+// Waits until the trimmed text of `selector` is `wanted`; the error says what it is.
+export async function waitForText(target, selector, wanted, timeout = 20000) {
+  try {
+    await target.waitForFunction((sel, text) => document.querySelector(sel)?.textContent.trim() === text, { timeout }, selector, wanted);
+  } catch (error) {
+    const seen = await target.evaluate((sel) => document.querySelector(sel)?.outerHTML ?? 'nothing', selector);
+    throw new Error(`${selector} did not become ${JSON.stringify(wanted)}; it is ${seen}`, { cause: error });
+  }
+}
+
 // Lines of an event stream of the fake `claude`: an answer streamed in pieces (a \x01 in
 // the stream makes the fake tool pause), then the result.
 export function claudeStream(pieces) {

@@ -14,7 +14,7 @@ import { createHash, randomBytes } from 'node:crypto';
 import { mkdirSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
-import { claudeStream, codexStream, kAgentId, kToken, World } from './harness.mjs';
+import { claudeStream, clickText, codexStream, kAgentId, kToken, testLeavingPictures, waitForText, World } from './harness.mjs';
 
 // A small event log, so that a page away long enough finds a gap.
 const world = new World({ relayEnv: { BRINMOOR_EVENT_LOG_BYTES: String(1024 * 1024) } });
@@ -24,22 +24,10 @@ let other; // a second page of the test running, if any
 let cdp;
 let sockets; // what the page's sockets did, as DevTools saw it
 
-function test(name, body) {
-  nodeTest(name, async () => {
-    try {
-      await body();
-    } catch (error) {
-      const logs = process.env.BRINMOOR_WEB_E2E_LOGS;
-      if (logs && page) {
-        mkdirSync(logs, { recursive: true });
-        const file = 'resume-' + name.replace(/\W+/g, '-').slice(0, 60);
-        await page.screenshot({ path: join(logs, file + '.png') }).catch(() => undefined);
-        await other?.screenshot({ path: join(logs, file + '-other.png') }).catch(() => undefined);
-      }
-      throw error;
-    }
-  });
-}
+const test = testLeavingPictures(nodeTest, 'resume-', () => [
+  [page, ''],
+  [other, '-other'],
+]);
 
 // Watches the page's sockets through DevTools: their addresses, and the resume frames.
 async function watchSockets(target) {
@@ -72,24 +60,8 @@ after(async () => {
   await world.stop();
 });
 
-async function click(target, selector, text) {
-  const handle = await target.waitForFunction(
-    (sel, wanted) => [...document.querySelectorAll(sel)].find((e) => e.textContent.trim() === wanted && e.getClientRects().length > 0),
-    { timeout: 20000 },
-    selector,
-    text,
-  );
-  await handle.asElement().click();
-}
-
-async function waitText(target, selector, wanted, timeout = 20000) {
-  try {
-    await target.waitForFunction((sel, text) => document.querySelector(sel)?.textContent.trim() === text, { timeout }, selector, wanted);
-  } catch (error) {
-    const seen = await target.evaluate((sel) => document.querySelector(sel)?.outerHTML ?? 'nothing', selector);
-    throw new Error(`${selector} did not become ${JSON.stringify(wanted)}; it is ${seen}`, { cause: error });
-  }
-}
+const click = clickText;
+const waitText = waitForText;
 
 async function shoot(name) {
   const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;

@@ -10,7 +10,7 @@ import assert from 'node:assert/strict';
 import { mkdirSync, readFileSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
-import { claudeStream, kAgentId, kTestHost, kToken, World } from './harness.mjs';
+import { claudeStream, clickText, kAgentId, kTestHost, kToken, testLeavingPictures, World } from './harness.mjs';
 
 const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
 const kOffer = 'Get a notification when an approval or a review waits for you.';
@@ -20,25 +20,7 @@ let page;
 // The page a failing test leaves a picture of.
 let current;
 
-// A test that leaves a picture and the text of the page behind when it fails and logs are
-// asked for.
-function test(name, body) {
-  nodeTest(name, async () => {
-    try {
-      await body();
-    } catch (error) {
-      const logs = process.env.BRINMOOR_WEB_E2E_LOGS;
-      if (logs && current) {
-        mkdirSync(logs, { recursive: true });
-        const file = join(logs, name.replace(/\W+/g, '-').slice(0, 60));
-        await current.screenshot({ path: file + '.png' }).catch(() => undefined);
-        const text = await current.evaluate(() => document.body.innerText).catch((e) => String(e));
-        writeFileSync(file + '.txt', text + '\n' + current.problems.join('\n'));
-      }
-      throw error;
-    }
-  });
-}
+const test = testLeavingPictures(nodeTest, '', () => [[current, '']]);
 
 before(async () => {
   await world.start();
@@ -78,15 +60,7 @@ async function shoot(target, name) {
 }
 
 // The visible element matching `selector` whose trimmed text is `text`, clicked.
-async function click(target, selector, text) {
-  const handle = await target.waitForFunction(
-    (sel, wanted) => [...document.querySelectorAll(sel)].find((e) => e.textContent.trim() === wanted && e.getClientRects().length > 0),
-    { timeout: 20000 },
-    selector,
-    text,
-  );
-  await handle.asElement().click();
-}
+const click = clickText;
 
 // Types into a field once it is on the page (views render on the next frame).
 async function type(target, selector, text) {

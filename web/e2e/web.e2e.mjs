@@ -5,7 +5,17 @@ import assert from 'node:assert/strict';
 import { existsSync, mkdirSync, readFileSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
-import { claudeStream, codexStream, kAgentId, kToken, World } from './harness.mjs';
+import {
+  claudeStream,
+  clickText,
+  codexStream,
+  elementWithText,
+  kAgentId,
+  kToken,
+  testLeavingPictures,
+  waitForText,
+  World,
+} from './harness.mjs';
 
 const world = new World();
 let page;
@@ -15,21 +25,7 @@ const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false,
 const kDesktop = { width: 1440, height: 900, deviceScaleFactor: 1, isMobile: false, hasTouch: false };
 const kScript = '<img src=x onerror=window.__pwned=1>';
 
-// A test that leaves a picture of the page behind when it fails and logs are asked for.
-function test(name, body) {
-  nodeTest(name, async () => {
-    try {
-      await body();
-    } catch (error) {
-      const logs = process.env.BRINMOOR_WEB_E2E_LOGS;
-      if (logs && page) {
-        mkdirSync(logs, { recursive: true });
-        await page.screenshot({ path: join(logs, name.replace(/\W+/g, '-').slice(0, 60) + '.png') }).catch(() => undefined);
-      }
-      throw error;
-    }
-  });
-}
+const test = testLeavingPictures(nodeTest, '', () => [[page, '']]);
 
 before(async () => {
   await world.start();
@@ -40,31 +36,9 @@ after(async () => {
   await world.stop();
 });
 
-// The element matching `selector` whose text is `text` (trimmed), waited for.
-async function byText(selector, text, timeout = 20000) {
-  const handle = await page.waitForFunction(
-    (sel, wanted) => [...document.querySelectorAll(sel)].find((e) => e.textContent.trim() === wanted && e.getClientRects().length > 0),
-    { timeout },
-    selector,
-    text,
-  );
-  return handle.asElement();
-}
-
-async function click(selector, text) {
-  const element = await byText(selector, text);
-  await element.click();
-}
-
-// Waits until the trimmed text of `selector` is `wanted`.
-async function waitText(selector, wanted, timeout = 20000) {
-  try {
-    await page.waitForFunction((sel, text) => document.querySelector(sel)?.textContent.trim() === text, { timeout }, selector, wanted);
-  } catch (error) {
-    const seen = await page.evaluate((sel) => document.querySelector(sel)?.outerHTML ?? 'nothing', selector);
-    throw new Error(`${selector} did not become ${JSON.stringify(wanted)}; it is ${seen}`, { cause: error });
-  }
-}
+const byText = (selector, text, timeout) => elementWithText(page, selector, text, timeout);
+const click = (selector, text) => clickText(page, selector, text);
+const waitText = (selector, wanted, timeout) => waitForText(page, selector, wanted, timeout);
 
 // Waits until the text of `selector` includes `wanted`.
 function waitIncludes(selector, wanted, timeout) {
