@@ -77,7 +77,7 @@ export class TerminalsStore extends Observable {
   constructor(
     private readonly sender: TerminalSender,
     private readonly storage: KeyValueStorage,
-    private readonly schedule: AckScheduler = (flush) => queueMicrotask(flush),
+    private readonly schedule: AckScheduler = (flush) => setTimeout(flush, 0),
   ) {
     super();
     for (const saved of readJSON<TerminalSession[]>(storage, kSessionsKey, [])) {
