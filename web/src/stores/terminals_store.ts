@@ -247,12 +247,20 @@ export class TerminalsStore extends Observable {
       const session = this.sessions.get(sessionId);
       if (session) session.processed = (session.processed ?? 0) + characters;
       if (offset === undefined) return;
-      const pace = this.paces.get(sessionId) ?? {};
-      this.paces.set(sessionId, pace);
+      const pace = this.paceOf(sessionId);
       if (offset <= (pace.rendered ?? -1)) return;
       pace.rendered = offset;
       this.scheduleAcks();
     };
+  }
+
+  private paceOf(sessionId: string): Pace {
+    let pace = this.paces.get(sessionId);
+    if (!pace) {
+      pace = {};
+      this.paces.set(sessionId, pace);
+    }
+    return pace;
   }
 
   private scheduleAcks(): void {
@@ -284,8 +292,7 @@ export class TerminalsStore extends Observable {
     const sink = this.sinks.get(sessionId);
     if (sink) {
       if (offset !== undefined) {
-        const pace = this.paces.get(sessionId) ?? {};
-        this.paces.set(sessionId, pace);
+        const pace = this.paceOf(sessionId);
         pace.received = Math.max(pace.received ?? offset, offset);
         if (pace.rendered !== undefined) this.scheduleAcks();
       }
