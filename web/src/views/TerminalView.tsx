@@ -3,6 +3,7 @@ import { FitAddon } from '@xterm/addon-fit';
 import { Terminal } from '@xterm/xterm';
 import { useEffect, useRef, useState } from 'preact/hooks';
 import { withAdoptedStyles } from '../lib/adopted_styles';
+import { skipEmptySelectionRedraws } from '../lib/terminal_redraws';
 import { useStores } from '../lib/use_store';
 import type { Completion, TerminalSession } from '../stores/terminals_store';
 import type { ProjectProps } from './ProjectView';
@@ -101,6 +102,7 @@ function TerminalScreen({ state, session }: { state: State; session: TerminalSes
     const fit = new FitAddon();
     term.loadAddon(fit);
     withAdoptedStyles(document, () => term.open(host.current!));
+    skipEmptySelectionRedraws(term);
     terminal.current = term;
     const refit = () => {
       try {
