@@ -131,8 +131,11 @@ QByteArray contentSecurityPolicy(QByteArrayView host)
     QByteArray connect = "'self'";
     if (isPlainHost(host))
         connect += " ws://" + host.toByteArray() + " wss://" + host.toByteArray();
-    return "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; font-src 'self'; "
-           "connect-src " +
+    // Style attributes are let through, style elements are not: the terminal's renderer
+    // colours 24-bit colours and selected text with them, and the markup of chats and
+    // logs is cleaned of them before it is shown.
+    return "default-src 'none'; script-src 'self'; style-src 'self'; style-src-attr 'unsafe-inline'; "
+           "img-src 'self'; font-src 'self'; connect-src " +
            connect +
            "; manifest-src 'self'; worker-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 }

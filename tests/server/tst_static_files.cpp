@@ -39,10 +39,11 @@ QByteArray distFile(const QString& name)
 QString csp(quint16 port)
 {
     const QString origin = QStringLiteral("127.0.0.1:") + QString::number(port);
-    return QStringLiteral("Content-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; "
-                          "img-src 'self'; font-src 'self'; connect-src 'self' ws://%1 wss://%1; "
-                          "manifest-src 'self'; worker-src 'self'; base-uri 'none'; form-action 'none'; "
-                          "frame-ancestors 'none'")
+    return QStringLiteral(
+               "Content-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; "
+               "style-src-attr 'unsafe-inline'; img-src 'self'; font-src 'self'; connect-src 'self' ws://%1 wss://%1; "
+               "manifest-src 'self'; worker-src 'self'; base-uri 'none'; form-action 'none'; "
+               "frame-ancestors 'none'")
         .arg(origin);
 }
 
@@ -209,7 +210,8 @@ private Q_SLOTS:
         const Response index =
             parse(httpExchange(m_relay.port, "GET / HTTP/1.1\r\nHost: evil.test; script-src *\r\n\r\n"));
         QVERIFY(index.headers.contains("Content-Security-Policy: default-src 'none'; script-src 'self'; "
-                                       "style-src 'self'; img-src 'self'; font-src 'self'; connect-src 'self'; "
+                                       "style-src 'self'; style-src-attr 'unsafe-inline'; img-src 'self'; "
+                                       "font-src 'self'; connect-src 'self'; "
                                        "manifest-src 'self'; worker-src 'self'; base-uri 'none'; "
                                        "form-action 'none'; frame-ancestors 'none'"));
     }

@@ -218,13 +218,16 @@ test('Deny with a message tells the assistant no', async () => {
 test('an answer with markup runs no script', async () => {
   world.fakeFile('claude.script', '');
   const quoted = '<img src="x" onerror="window.__pwned=3">';
-  world.fakeFile('claude.stream', claudeStream([`Look: ${kScript} and ${quoted} and <script>window.__pwned=2</script> done`]));
+  const styled = '<b style="position:fixed;inset:0">covered</b>';
+  world.fakeFile('claude.stream', claudeStream([`Look: ${kScript} and ${quoted} and <script>window.__pwned=2</script> done ${styled}`]));
   await sendChat('Show me markup');
   await page.waitForFunction(() => document.querySelectorAll('.message.assistant.done').length === 5);
   // Markdown sees the unquoted one as text and the quoted one as an image, which the
-  // sanitiser keeps without its handler.
-  assert.equal(await textOf(lastAnswer() + ' .markdown').then((t) => t.trim()), `Look: ${kScript} and  and  done`);
+  // sanitiser keeps without its handler; a style attribute, which the page's policy lets
+  // through for the terminal, is taken off too.
+  assert.equal(await textOf(lastAnswer() + ' .markdown').then((t) => t.trim()), `Look: ${kScript} and  and  done covered`);
   assert.equal(await page.$eval(lastAnswer() + ' .markdown img', (img) => img.getAttributeNames().join(' ')), 'src');
+  assert.equal(await page.$eval(lastAnswer() + ' .markdown b', (b) => b.getAttributeNames().join(' ')), '');
   assert.equal(await page.evaluate(() => document.querySelector('[onerror]')), null);
   assert.equal(await page.evaluate(() => document.querySelector('.messages script')), null);
   assert.equal(await page.evaluate(() => window.__pwned), undefined);
@@ -297,6 +300,22 @@ test('an interactive terminal echoes what is typed, and its title is text', asyn
   await page.waitForSelector('.key-bar button[aria-label=Control]');
   await typeInTerminal('echo brinmoor-$((6*7))');
   await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('brinmoor-42'));
+  // A word is selected by a double click, and the selection is drawn; a click clears it.
+  const row = await page.evaluateHandle(() =>
+    [...document.querySelectorAll('.xterm-rows > div')].find((line) => line.textContent.trim() === 'brinmoor-42'),
+  );
+  const box = await row.boundingBox();
+  await page.mouse.click(box.x + 20, box.y + box.height / 2, { count: 2 });
+  await page.waitForFunction(() => document.querySelectorAll('.xterm-selection div').length > 0);
+  await page.mouse.click(box.x + 20, box.y + box.height / 2);
+  await page.waitForFunction(() => document.querySelectorAll('.xterm-selection div').length === 0);
+  // A 24-bit colour is drawn in that colour.
+  await typeInTerminal(`printf '\\033[38;2;201;66;33mtrue-colour\\033[0m\\n'`);
+  const colour = await page.waitForFunction(() => {
+    const span = [...document.querySelectorAll('.xterm-rows span')].find((s) => s.textContent === 'true-colour');
+    return span && getComputedStyle(span).color;
+  });
+  assert.equal(await colour.jsonValue(), 'rgb(201, 66, 33)');
   await typeInTerminal(`printf '\\033]0;${kScript}\\007'`);
   await waitText('.terminal-title', kScript);
   assert.equal(await page.evaluate(() => document.querySelector('[onerror]')), null);
