@@ -63,9 +63,12 @@ function stopProcess(child, signal = 'SIGTERM') {
 
 export class World {
   // host: the name the page is opened at (127.0.0.1, or kTestHost); tls: whether the relay
-  // speaks HTTPS and WSS; relayEnv: settings of the relay beyond port, address and token.
-  constructor({ host = '127.0.0.1', tls = false, relayEnv = {} } = {}) {
+  // speaks HTTPS and WSS; relayEnv: settings of the relay beyond port, address and token;
+  // networkEnabled: whether DevTools follows the pages' network traffic (the tests that
+  // watch the socket or take the network away need it).
+  constructor({ host = '127.0.0.1', tls = false, relayEnv = {}, networkEnabled = true } = {}) {
     this.host = host;
+    this.networkEnabled = networkEnabled;
     this.tls = tls;
     this.relayEnv = relayEnv;
     this.bin = required('BRINMOOR_BIN_DIR');
@@ -75,7 +78,7 @@ export class World {
     this.repo = join(this.root, 'repo');
     this.project = join(this.repo, 'App');
     this.fake = join(this.root, 'fake');
-    for (const dir of [this.project, this.fake, join(this.root, 'config'), join(this.root, 'tmp'), join(this.root, 'chromium')]) {
+    for (const dir of [this.project, this.fake, join(this.root, 'config'), join(this.root, 'tmp')]) {
       mkdirSync(dir, { recursive: true });
     }
     writeFileSync(join(this.project, 'Package.swift'), '// swift-tools-version:5.9\n');
@@ -116,10 +119,19 @@ export class World {
     // The agent runs on this machine and takes the relay's loopback address.
     this.relayURL = `${scheme}://127.0.0.1:${this.port}`;
     await this.startAgent();
-    this.browser = await puppeteer.launch({
+    this.browserArgs = browserArgs;
+    this.browsers = [];
+    this.browser = await this.launchBrowser();
+  }
+
+  // A Chromium for the pages, with switches beyond the ones every test uses; closed when
+  // the world stops.
+  async launchBrowser(extraArgs = []) {
+    const browser = await puppeteer.launch({
       executablePath: process.env.BRINMOOR_CHROMIUM ?? '/usr/bin/chromium',
       headless: true,
-      userDataDir: join(this.root, 'chromium'),
+      networkEnabled: this.networkEnabled,
+      userDataDir: join(this.root, `chromium-${this.browsers.length}`),
       args: [
         '--headless',
         '--no-sandbox',
@@ -130,9 +142,12 @@ export class World {
         '--disable-component-update',
         '--disable-sync',
         '--disable-dev-shm-usage',
-        ...browserArgs,
+        ...this.browserArgs,
+        ...extraArgs,
       ],
     });
+    this.browsers.push(browser);
+    return browser;
   }
 
   async startAgent() {
@@ -216,7 +231,7 @@ export class World {
       writeFileSync(join(logs, prefix + 'relay.log'), this.relayLog);
       writeFileSync(join(logs, prefix + 'agent.log'), this.agentLog ?? '');
     }
-    await this.browser?.close().catch(() => undefined);
+    for (const browser of this.browsers ?? []) await browser.close().catch(() => undefined);
     await stopProcess(this.agent);
     await stopProcess(this.relay);
     rmSync(this.root, { recursive: true, force: true });
