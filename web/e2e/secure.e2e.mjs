@@ -139,6 +139,27 @@ test('offers notifications once, and "Not now" is remembered', async () => {
   assert.equal(await page.$('.notice.offer'), null);
 });
 
+test('"Notify me" asks the browser, once', async () => {
+  // A phone that never answered the offer: its own browser profile.
+  const context = await world.browser.createBrowserContext();
+  const fresh = await world.page(kPhone, context);
+  current = fresh;
+  await fresh.evaluateOnNewDocument(() => {
+    const ask = Notification.requestPermission.bind(Notification);
+    window.brinmoorPermissionAsks = 0;
+    Notification.requestPermission = () => (window.brinmoorPermissionAsks++, ask());
+  });
+  await fresh.goto(`${world.origin}/#token=${kToken}`);
+  await fresh.waitForSelector('.notice.offer');
+  assert.equal(await fresh.evaluate(() => Notification.permission), 'default');
+  await click(fresh, '.notice.offer button', 'Notify me');
+  await fresh.waitForFunction(() => !document.querySelector('.notice.offer'));
+  assert.equal(await fresh.evaluate(() => window.brinmoorPermissionAsks), 1);
+  assert.equal(await fresh.evaluate(() => localStorage.getItem('brinmoor.notificationsAsked')), '1');
+  await context.close();
+  current = page;
+});
+
 test('chats with claude over WSS', async () => {
   world.fakeFile('claude.stream', claudeStream(['Hello', ' over TLS.']));
   await click(page, '.project .project-name', 'App');
