@@ -102,7 +102,7 @@ function TerminalScreen({ state, session }: { state: State; session: TerminalSes
     const fit = new FitAddon();
     term.loadAddon(fit);
     withAdoptedStyles(document, () => term.open(host.current!));
-    skipEmptySelectionRedraws(term);
+    if (!skipEmptySelectionRedraws(term)) console.warn('Brinmoor Web: this xterm.js draws every row twice while output scrolls');
     terminal.current = term;
     const refit = () => {
       try {
