@@ -61,6 +61,22 @@ function stopProcess(child, signal = 'SIGTERM') {
   });
 }
 
+// A script for the fake `claude`: it asks for permission to write notes.txt through the
+// approval tool its --mcp-config names (over TLS too: the tool trusts what the agent
+// trusts), keeps the answer in decision.N, and writes the file only when allowed.
+export const kAskingClaude = `decision=$("$BRINMOOR_TEST_HELPER" mcp-call "$config" Write '{"file_path":"notes.txt","content":"remember the milk"}')
+print -r -- "$decision" > $dir/decision.$n
+if [[ $decision == *'"behavior":"allow"'* ]]; then
+  print -r -- written > notes.txt
+  answer='Wrote notes.txt.'
+else
+  answer='I was not allowed to write notes.txt.'
+fi
+{ print -r -- '{"type":"assistant","message":{"content":[{"type":"text","text":"'$answer'"}]}}'
+  print -r -- '{"type":"result","subtype":"success","is_error":false,"result":"'$answer'"}'
+} > $dir/$name.$n.stream
+`;
+
 export class World {
   // host: the name the page is opened at (127.0.0.1, or kTestHost); tls: whether the relay
   // speaks HTTPS and WSS; relayEnv: settings of the relay beyond port, address and token;

@@ -10,7 +10,7 @@ import assert from 'node:assert/strict';
 import { mkdirSync, readFileSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
-import { claudeStream, clickText, kAgentId, kTestHost, kToken, testLeavingPictures, World } from './harness.mjs';
+import { claudeStream, clickText, kAgentId, kAskingClaude, kTestHost, kToken, testLeavingPictures, World } from './harness.mjs';
 
 const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
 const kOffer = 'Get a notification when an approval or a review waits for you.';
@@ -34,23 +34,6 @@ after(async () => {
   await world.stop();
 });
 
-// The fake `claude` asks the relay for permission to write notes.txt, as the approval tool
-// its --mcp-config names does, trusting the run's certificate authority, and writes the
-// file only when allowed.
-const kAskingClaude = `approver=(\${(f)"$(jq -r '.mcpServers.approver.env | .BRINMOOR_SERVER_URL, .BRINMOOR_TOKEN, .BRINMOOR_TASK_ID' "$config")"})
-decision=$(curl -sS --cacert "$BRINMOOR_TLS_CA" -H "Authorization: Bearer $approver[2]" -H 'Content-Type: application/json' \\
-  --data '{"taskId":"'$approver[3]'","toolName":"Write","toolInput":{"file_path":"notes.txt","content":"remember the milk"}}' \\
-  "$approver[1]/v1/approvals")
-if [[ $decision == *'"behavior":"allow"'* ]]; then
-  print -r -- written > notes.txt
-  answer='Wrote notes.txt.'
-else
-  answer='I was not allowed to write notes.txt.'
-fi
-{ print -r -- '{"type":"assistant","message":{"content":[{"type":"text","text":"'$answer'"}]}}'
-  print -r -- '{"type":"result","subtype":"success","is_error":false,"result":"'$answer'"}'
-} > $dir/$name.$n.stream
-`;
 
 async function shoot(target, name) {
   const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;

@@ -11,6 +11,7 @@ import {
   codexStream,
   elementWithText,
   kAgentId,
+  kAskingClaude,
   kToken,
   testLeavingPictures,
   waitForText,
@@ -175,20 +176,6 @@ test('chats with codex, continued on its thread', async () => {
   assert.ok(args.includes('resume') && args.includes('th-e2e'), 'the second message resumes the thread: ' + args.join(' '));
 });
 
-// The fake `claude` asks for permission to write notes.txt through the approval tool its
-// --mcp-config names, and writes the file only when allowed.
-const kAskingClaude = `decision=$("$BRINMOOR_TEST_HELPER" mcp-call "$config" Write '{"file_path":"notes.txt","content":"remember the milk"}')
-print -r -- "$decision" > $dir/decision.$n
-if [[ $decision == *'"behavior":"allow"'* ]]; then
-  print -r -- written > notes.txt
-  answer='Wrote notes.txt.'
-else
-  answer='I was not allowed to write notes.txt.'
-fi
-{ print -r -- '{"type":"assistant","message":{"content":[{"type":"text","text":"'$answer'"}]}}'
-  print -r -- '{"type":"result","subtype":"success","is_error":false,"result":"'$answer'"}'
-} > $dir/$name.$n.stream
-`;
 
 test('a tool approval appears wherever the user is, and Allow lets the assistant write', async () => {
   world.fakeFile('claude.script', kAskingClaude);
