@@ -3,7 +3,7 @@
 // and responsiveness, keystroke echo, and the cost of a streamed answer's chunks.
 import { writeFileSync } from 'node:fs';
 import { join } from 'node:path';
-import { codexStream, kAgentId, kToken, World } from './harness.mjs';
+import { codexStream, focusTerminal, kAgentId, kToken, World } from './harness.mjs';
 
 const kDesktop = { width: 1280, height: 800, deviceScaleFactor: 1, isMobile: false, hasTouch: false };
 // DevTools' network domain would copy every WebSocket frame to this process, work that a
@@ -69,7 +69,7 @@ async function openTerminal(page) {
   await page.waitForSelector('.terminal-start .primary');
   await page.click('.terminal-start .primary');
   await page.waitForSelector('.terminal-head .status-dot.online');
-  await page.focus('.xterm-helper-textarea');
+  await focusTerminal(page);
   return page.evaluate(() => {
     const { agentId, projectPath } = window.brinmoor.navigation.place;
     return window.brinmoor.terminals.forProject(agentId, projectPath).sessionId;
@@ -182,7 +182,7 @@ async function echoWithoutInputDeferral() {
   // The project's shell is still open on the agent, and this page shows it.
   await showTerminalTab(page);
   await page.waitForSelector('.terminal-head .status-dot.online');
-  await page.focus('.xterm-helper-textarea');
+  await focusTerminal(page);
   await page.keyboard.type('clear');
   await page.keyboard.press('Enter');
   await page.waitForFunction(() => !document.querySelector('.xterm-rows').innerText.includes('cat-done-42'));

@@ -77,6 +77,13 @@ fi
 } > $dir/$name.$n.stream
 `;
 
+// Puts the keyboard in the terminal once xterm.js is in the page: the view draws its head
+// first and opens xterm.js in the effect after.
+export async function focusTerminal(page) {
+  await page.waitForSelector('.xterm-helper-textarea');
+  await page.focus('.xterm-helper-textarea');
+}
+
 export class World {
   // host: the name the page is opened at (127.0.0.1, or kTestHost); tls: whether the relay
   // speaks HTTPS and WSS; relayEnv: settings of the relay beyond port, address and token;

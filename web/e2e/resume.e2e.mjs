@@ -14,7 +14,7 @@ import { createHash, randomBytes } from 'node:crypto';
 import { mkdirSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
-import { claudeStream, clickText, codexStream, kAgentId, kToken, testLeavingPictures, waitForText, World } from './harness.mjs';
+import { claudeStream, clickText, codexStream, focusTerminal, kAgentId, kToken, testLeavingPictures, waitForText, World } from './harness.mjs';
 
 // A small event log, so that a page away long enough finds a gap.
 const world = new World({ relayEnv: { BRINMOOR_EVENT_LOG_BYTES: String(1024 * 1024) } });
@@ -211,7 +211,7 @@ test('a page that never saw the agent shows its running task, the waiting propos
   await click(page, 'button[role=tab] .tab-label', 'Terminal');
   await click(page, '.terminal-start button', 'Open terminal');
   await page.waitForSelector('.terminal-head .status-dot.online');
-  await page.focus('.xterm-helper-textarea');
+  await focusTerminal(page);
   await page.keyboard.type('echo seen-$((6*7))');
   await page.keyboard.press('Enter');
   await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('seen-42'));
@@ -286,7 +286,7 @@ test('50 MB through a slow network in a paced terminal: every byte, no disconnec
   const connected = count(world.relayLog, /^client\.connected /gm);
   await cdp.send('Network.emulateNetworkConditions', { offline: false, latency: 0, downloadThroughput: kThrottledBytesPerSecond, uploadThroughput: -1 });
   const began = Date.now();
-  await page.focus('.xterm-helper-textarea');
+  await focusTerminal(page);
   await page.keyboard.type(`echo CAT-BEGIN-$((6*7)); cat ${file}; echo CAT-END-$((6*7))`);
   await page.keyboard.press('Enter');
   await page.waitForFunction(() => window.brinmoorSeen.has('CAT-END-42'), { timeout: 60000, polling: 200 });
@@ -309,7 +309,7 @@ test('50 MB through a slow network in a paced terminal: every byte, no disconnec
   await page.keyboard.press('Enter');
   await page.waitForFunction(() => window.brinmoorTappedLength > 4 * 1024 * 1024, { polling: 200, timeout: 30000 });
   await click(page, '.terminal-head button', 'Ctrl-C');
-  await page.focus('.xterm-helper-textarea');
+  await focusTerminal(page);
   await page.keyboard.type('echo after-$((3*3))');
   await page.keyboard.press('Enter');
   await page.waitForFunction(() => window.brinmoorSeen.has('after-9'), { polling: 200, timeout: 20000 });

@@ -10,7 +10,7 @@ import assert from 'node:assert/strict';
 import { mkdirSync, readFileSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
-import { claudeStream, clickText, kAgentId, kAskingClaude, kTestHost, kToken, testLeavingPictures, World } from './harness.mjs';
+import { claudeStream, clickText, focusTerminal, kAgentId, kAskingClaude, kTestHost, kToken, testLeavingPictures, World } from './harness.mjs';
 
 const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
 const kOffer = 'Get a notification when an approval or a review waits for you.';
@@ -158,7 +158,7 @@ test('a terminal echoes what is typed', async () => {
   await click(page, 'button[role=tab]', 'Terminal');
   await click(page, '.terminal-start button', 'Open terminal');
   await page.waitForSelector('.terminal-head .status-dot.online');
-  await page.focus('.xterm-helper-textarea');
+  await focusTerminal(page);
   await page.keyboard.type('echo secure-$((6*7))');
   await page.keyboard.press('Enter');
   await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('secure-42'));

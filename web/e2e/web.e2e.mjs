@@ -10,6 +10,7 @@ import {
   clickText,
   codexStream,
   elementWithText,
+  focusTerminal,
   kAgentId,
   kAskingClaude,
   kToken,
@@ -279,7 +280,7 @@ async function terminalText() {
 }
 
 async function typeInTerminal(text) {
-  await page.focus('.xterm-helper-textarea');
+  await focusTerminal(page);
   await page.keyboard.type(text);
   await page.keyboard.press('Enter');
 }
@@ -325,7 +326,7 @@ test('after a reload the terminal is attached again with its output', async () =
 });
 
 test('the key bar sends control keys', async () => {
-  await page.focus('.xterm-helper-textarea');
+  await focusTerminal(page);
   await page.keyboard.type('sleep 30');
   await page.keyboard.press('Enter');
   await (await page.$('.key-bar button[aria-label=Control]')).click();
