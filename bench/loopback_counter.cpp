@@ -70,6 +70,8 @@ void LoopbackCounter::onNewConnection()
         return;
     }
     m_socket = socket;
+    // As the relay: its confirmations go out at once.
+    m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     if (m_throttleRate > 0) {
         // A small buffer makes the kernel's window, and so the agent, feel the slow reader.
         m_socket->setReadBufferSize(64 * 1024);

@@ -393,8 +393,10 @@ void AgentRuntime::updateFlow()
 {
     if (!m_socket)
         return;
-    // What the server has not confirmed includes what waits in the socket.
-    m_flow.update(std::max(m_socket->bytesToWrite(), m_outbox.keeps() ? m_outbox.unconfirmedBytes() : 0));
+    // What the server has not confirmed includes what waits in the socket: with a server
+    // that confirms, the producers stop reading when the agent is a window ahead of it.
+    constexpr qint64 kScale = OutgoingFlow::kHighWaterBytes / Outbox::kUnconfirmedWindowBytes;
+    m_flow.update(std::max(m_socket->bytesToWrite(), m_outbox.keeps() ? m_outbox.unconfirmedBytes() * kScale : 0));
 }
 
 void AgentRuntime::onHeartbeat()

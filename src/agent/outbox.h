@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QHash>
 #include <QString>
 
@@ -22,6 +23,33 @@ namespace brinmoor {
 // the oldest of its "task.log" lines that are still to be sent give way to one line that
 // says how many were dropped. Terminal output said while no server listens is not kept:
 // each session's replay keeps it for an attach.
+// The written messages a server has not confirmed, as UTF-8 text in blocks of 64 KiB:
+// a message takes its own bytes and four more, and no allocation of its own; a block
+// goes when its last message is confirmed.
+class UnconfirmedMessages {
+public:
+    static constexpr qsizetype kBlockBytes = 64 * 1024;
+
+    void append(qint64 seq, QStringView text);
+    // The server has every message up to `seq`.
+    void confirm(qint64 seq);
+    void dropOldest();
+    void clear();
+    bool isEmpty() const { return m_sizes.empty(); }
+    qsizetype count() const { return qsizetype(m_sizes.size()); }
+    qint64 bytes() const { return m_bytes; }
+    qint64 firstSeq() const { return m_firstSeq; }
+    // Each message, oldest first.
+    void forEach(const std::function<void(const QString&)>& visit) const;
+
+private:
+    std::deque<QByteArray> m_blocks; // a message never spans two
+    qsizetype m_begin = 0;           // where the oldest message starts in the first block
+    std::deque<qint32> m_sizes;
+    qint64 m_bytes = 0;
+    qint64 m_firstSeq = 0;
+};
+
 class Outbox {
 public:
     static constexpr qint64 kTaskBytes = 16 * 1024 * 1024;
@@ -29,6 +57,10 @@ public:
     // taken to have arrived. The agent stops reading output long before (see
     // unconfirmedBytes), so only a server that stops confirming gets here.
     static constexpr qint64 kUnconfirmedBytes = 16 * 1024 * 1024;
+    // How far the agent's output may run ahead of what a server that confirms has
+    // confirmed before the agent stops reading it (see OutgoingFlow): the memory the
+    // kept copy takes, and on loopback still about 100 MB/s of task output.
+    static constexpr qint64 kUnconfirmedWindowBytes = 1024 * 1024;
 
     enum class Kind { Other, TaskLog, TerminalOutput };
     using Writer = std::function<void(const QString&)>;
@@ -62,10 +94,10 @@ public:
     qint64 firstSeq() const { return m_firstSeq; }
     qint64 nextSeq() const { return m_nextSeq; }
     qsizetype unsentCount() const;
-    qsizetype unconfirmedCount() const { return qsizetype(m_unconfirmed.size()); }
-    // The memory the written, unconfirmed messages take.
-    qint64 unconfirmedBytes() const { return m_unconfirmedBytes; }
-    // The memory the kept messages of a task take.
+    qsizetype unconfirmedCount() const { return m_unconfirmed.count(); }
+    // The memory the written, unconfirmed messages take (their UTF-8).
+    qint64 unconfirmedBytes() const { return m_unconfirmed.bytes(); }
+    // The memory the messages of a task that wait for a server take.
     qint64 taskBytes(const QString& taskId) const;
 
     // The line that stands for `count` dropped lines of a task.
@@ -91,23 +123,20 @@ private:
 
     static qint64 size(const Entry& entry) { return entry.text.size() * qint64(sizeof(QChar)); }
     Entry& unsent(quint64 id) { return m_unsent[size_t(id - m_unsentBase)]; }
-    void write(Entry entry);
+    // Numbers and writes a message, keeping it for a server that confirms.
+    void write(const QString& text);
     void keepWithinBound(const QString& taskId);
     // Takes the oldest unsent entry out, forgetting its share; false for a dropped one.
     bool takeUnsent(Entry& entry);
-    // A written entry is no longer kept: its memory and its task's share go.
-    void release(const Entry& entry);
     // An entry no longer counts in its task's share.
     void forget(const Entry& entry);
-    void releaseAll();
 
     State m_state = State::Closed;
     bool m_keep = true;
     Writer m_write;
     qint64 m_firstSeq;
     qint64 m_nextSeq;
-    std::deque<Entry> m_unconfirmed; // written, oldest first
-    qint64 m_unconfirmedBytes = 0;
+    UnconfirmedMessages m_unconfirmed;
     std::deque<Entry> m_unsent; // oldest first; an entry's id is its place in the sequence of adds
     quint64 m_unsentBase = 0;   // the id of m_unsent's front
     qsizetype m_droppedCount = 0;

@@ -226,7 +226,27 @@ private Q_SLOTS:
         for (int i = 0; i < 300; ++i)
             outbox.add(chunk);
         QCOMPARE(writes, 301);
-        QCOMPARE(outbox.unconfirmedCount(), Outbox::kUnconfirmedBytes / memory(chunk));
+        // Kept as UTF-8: a byte a character here.
+        QCOMPARE(outbox.unconfirmedCount(), Outbox::kUnconfirmedBytes / chunk.size());
+        QCOMPARE(outbox.unconfirmedBytes(), Outbox::kUnconfirmedBytes);
+    }
+
+    void keepsWhatIsUnconfirmedAsItsUtf8()
+    {
+        Outbox outbox(kFirst);
+        QStringList written;
+        outbox.open(0, [&](const QString& text) { written.append(text); });
+        const QString text = QStringLiteral("{\"line\":\"gr\u00fc\u00dfe \U0001F600\"}");
+        outbox.add(text);
+        outbox.add(QStringLiteral("b"));
+        QCOMPARE(outbox.unconfirmedBytes(), text.toUtf8().size() + 1);
+        outbox.acknowledge(kFirst);
+        QCOMPARE(outbox.unconfirmedBytes(), 1);
+        outbox.add(text);
+        outbox.close();
+        written.clear();
+        outbox.open(0, [&](const QString& text) { written.append(text); });
+        QCOMPARE(written, (QStringList{stream(kFirst, kFirst + 1), QStringLiteral("b"), text}));
     }
 };
 
