@@ -29,12 +29,19 @@ qint64 Outbox::taskBytes(const QString& taskId) const
 
 void Outbox::add(const QString& text, const QString& taskId, Kind kind)
 {
-    if (!isOpen() && kind == Kind::TerminalOutput)
+    if (m_state == State::Plain || (m_state == State::Numbered && !m_keep)) {
+        write(Entry{text, taskId, kind, 0, false, false});
         return;
-    Entry entry{text, taskId, kind, 0, false};
+    }
+    const bool waiting = m_state == State::Waiting;
+    // With no socket, only a server that confirms would hear it, and terminal output
+    // has the session's replay.
+    if (m_state == State::Closed && (!m_keep || kind == Kind::TerminalOutput))
+        return;
+    Entry entry{text, taskId, kind, 0, false, waiting};
     if (!taskId.isEmpty())
         m_tasks[taskId].bytes += size(entry);
-    if (isOpen()) {
+    if (m_state == State::Numbered) {
         write(std::move(entry));
         return;
     }
@@ -73,7 +80,34 @@ void Outbox::keepWithinBound(const QString& taskId)
     }
 }
 
-void Outbox::open(qint64 serverHas, std::function<void(const QString&)> writer)
+bool Outbox::takeUnsent(Entry& entry)
+{
+    entry = std::move(m_unsent.front());
+    const quint64 id = m_unsentBase++;
+    m_unsent.pop_front();
+    if (entry.dropped) {
+        --m_droppedCount;
+        return false;
+    }
+    if (!entry.taskId.isEmpty()) {
+        TaskShare& share = m_tasks[entry.taskId];
+        if (!share.lines.empty() && share.lines.front() == id)
+            share.lines.pop_front();
+        if (share.notice == id + 1) {
+            share.notice = 0;
+            share.dropped = 0;
+        }
+    }
+    return true;
+}
+
+void Outbox::wait()
+{
+    m_state = State::Waiting;
+    m_write = nullptr;
+}
+
+void Outbox::open(qint64 serverHas, Writer writer, bool confirms)
 {
     acknowledge(serverHas);
     // The server has messages of this agent id beyond ours (a clock set back, another
@@ -82,39 +116,66 @@ void Outbox::open(qint64 serverHas, std::function<void(const QString&)> writer)
         m_firstSeq = serverHas + 1;
         m_nextSeq = m_firstSeq;
     }
+    m_keep = confirms;
+    if (!confirms)
+        releaseAll();
+    m_state = State::Numbered;
     m_write = std::move(writer);
     const qint64 next = m_unconfirmed.empty() ? m_nextSeq : m_unconfirmed.front().seq;
     m_write(QString::fromUtf8(QJsonDocument(Messages::agentStream(m_firstSeq, next)).toJson(QJsonDocument::Compact)));
     for (const Entry& entry : m_unconfirmed)
         m_write(entry.text);
-    while (!m_unsent.empty() && isOpen()) {
-        Entry entry = std::move(m_unsent.front());
-        const quint64 id = m_unsentBase++;
-        m_unsent.pop_front();
-        if (entry.dropped) {
-            --m_droppedCount;
-            continue;
-        }
-        if (!entry.taskId.isEmpty()) {
-            TaskShare& share = m_tasks[entry.taskId];
-            if (!share.lines.empty() && share.lines.front() == id)
-                share.lines.pop_front();
-            if (share.notice == id + 1) {
-                share.notice = 0;
-                share.dropped = 0;
-            }
-        }
-        write(std::move(entry));
+    while (!m_unsent.empty() && m_state == State::Numbered) {
+        Entry entry;
+        if (takeUnsent(entry))
+            write(std::move(entry));
     }
+}
+
+void Outbox::openPlain(Writer writer)
+{
+    m_keep = false;
+    releaseAll();
+    m_state = State::Plain;
+    m_write = std::move(writer);
+    // What waited from before this socket was for a server that confirms; what was said
+    // since it opened is this server's, once.
+    while (!m_unsent.empty() && m_state == State::Plain) {
+        Entry entry;
+        if (takeUnsent(entry) && entry.saidWhileOpen)
+            m_write(entry.text);
+    }
+    m_tasks.clear();
 }
 
 void Outbox::close()
 {
     m_write = nullptr;
+    if (m_state == State::Waiting && !m_keep) {
+        // Said for a socket whose server never said what it is: no server that
+        // confirms has been heard of, so nothing waits for one.
+        while (!m_unsent.empty()) {
+            Entry entry;
+            takeUnsent(entry);
+        }
+        m_tasks.clear();
+    }
+    m_state = State::Closed;
 }
 
 void Outbox::write(Entry entry)
 {
+    if (m_state == State::Plain) {
+        m_write(entry.text);
+        return;
+    }
+    if (!m_keep) {
+        // Numbered for a server that does not confirm: written once, kept nowhere.
+        ++m_nextSeq;
+        forget(entry);
+        m_write(entry.text);
+        return;
+    }
     entry.seq = m_nextSeq++;
     m_unconfirmedBytes += size(entry);
     m_unconfirmed.push_back(entry);
@@ -133,9 +194,22 @@ void Outbox::acknowledge(qint64 seq)
     }
 }
 
+void Outbox::releaseAll()
+{
+    while (!m_unconfirmed.empty()) {
+        release(m_unconfirmed.front());
+        m_unconfirmed.pop_front();
+    }
+}
+
 void Outbox::release(const Entry& entry)
 {
     m_unconfirmedBytes -= size(entry);
+    forget(entry);
+}
+
+void Outbox::forget(const Entry& entry)
+{
     if (entry.taskId.isEmpty())
         return;
     const auto share = m_tasks.find(entry.taskId);

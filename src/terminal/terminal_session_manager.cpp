@@ -344,7 +344,8 @@ void TerminalSessionManager::sendOutput(const PtySession& session, const QString
 {
     // Live output says how far the session has got, for clients that pace it; a replay
     // is output they have been counted for already.
-    const std::optional<qint64> offset = snapshot ? std::nullopt : std::optional<qint64>(session.outputOffset());
+    const std::optional<qint64> offset =
+        snapshot || !m_extended ? std::nullopt : std::optional<qint64>(session.outputOffset());
     if (sendSerialized)
         sendSerialized(
             Messages::terminalOutputText(session.sessionId(), session.projectPath(), text, snapshot, offset));

@@ -48,6 +48,8 @@ public:
     void releasePaces();
     // A connection is back: what the sessions gave before it counts as rendered.
     void countOutputAsRendered();
+    // While the server speaks our relay's extensions, live output carries its "offset".
+    void setExtended(bool extended) { m_extended = extended; }
 
     // When set, output goes out through it already serialised (the fast path).
     std::function<void(const QString& json)> sendSerialized;
@@ -79,6 +81,7 @@ private:
     QPointer<OutgoingFlow> m_flow;
     QHash<QString, PtySession*> m_sessions;
     QHash<QString, QString> m_sessionByProject;
+    bool m_extended = false;
 };
 
 // Environment changes every terminal shell gets: PATH prefixed with the Homebrew and
