@@ -10,6 +10,8 @@
 #include "support/plain_server.h"
 #include "support/process_fixtures.h"
 #include "support/test_support.h"
+#include "terminal/pty_session.h"
+#include "terminal/terminal_session_manager.h"
 
 #include <QDir>
 #include <QFile>
@@ -21,6 +23,10 @@
 #include <QWebSocket>
 
 #include <memory>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace brinmoor;
 using namespace brinmoor::test;
@@ -998,10 +1004,30 @@ private Q_SLOTS:
     }
 
     // The server goes away and comes back on its port: the agent retries and registers.
+    // What a terminal printed meanwhile is not sent when the server is back; an attach
+    // replays it.
     void reconnectsAfterTheServerWasAway()
     {
         startAgent();
         PLAIN_VERIFY(m_server->waitForType(QStringLiteral("agent.register")));
+        const QString away = m_agent->path(QStringLiteral("Away"));
+        QVERIFY(QDir().mkpath(away));
+        const QByteArray pipe = QFile::encodeName(away + QStringLiteral("/pipe"));
+        QCOMPARE(::mkfifo(pipe.constData(), 0600), 0);
+        m_server->terminal(QStringLiteral("terminal.open"), {{QStringLiteral("sessionId"), QStringLiteral("away")},
+                                                             {QStringLiteral("projectPath"), QStringLiteral("Away")}});
+        input(QStringLiteral("away"), "cat pipe\n");
+        // Without a reader yet, a non-blocking open fails: the shell's `cat` has it open
+        // once this succeeds.
+        int writer = -1;
+        QVERIFY(waitUntil([&] {
+            writer = ::open(pipe.constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+            return writer >= 0;
+        }));
+        PLAIN_VERIFY(barrier());
+        const PtySession* session = m_agent->runtime->terminalSessionManager().session(QStringLiteral("away"));
+        QVERIFY(session);
+
         const quint16 port = m_server->port();
         m_server->close();
         QVERIFY(waitUntil([&] { return !m_agent->statuses.filter(QStringLiteral("Reconnect in 3s: ")).isEmpty(); }));
@@ -1010,6 +1036,13 @@ private Q_SLOTS:
         QVERIFY2(m_agent->statuses.indexOf(QRegularExpression(QStringLiteral("^Disconnected: "))) <
                      m_agent->statuses.indexOf(QRegularExpression(QStringLiteral("^Reconnect in 3s: .+"))),
                  qPrintable(m_agent->statuses.join('\n')));
+        // The terminal prints while no server listens, and the agent reads it.
+        const qint64 printed = session->outputOffset();
+        const QByteArray mark = "AWAY-MARK\n";
+        QCOMPARE(::write(writer, mark.constData(), size_t(mark.size())), mark.size());
+        ::close(writer);
+        QVERIFY(waitUntil([&] { return session->outputOffset() >= printed + mark.size(); }));
+
         QCOMPARE(m_server->connectionCount(), 1);
         QVERIFY(m_server->listen(port));
         PLAIN_VERIFY(m_server->waitForConnections(2, 5000));
@@ -1019,6 +1052,19 @@ private Q_SLOTS:
         PLAIN_VERIFY(barrier());
         QCOMPARE(typesOf(m_server->framesOf(2)),
                  (QStringList{QStringLiteral("agent.register"), QStringLiteral("terminal.error")}));
+        QVERIFY(!liveOutput(QStringLiteral("away")).contains(QStringLiteral("AWAY-MARK")));
+
+        // The session lived on; an attach replays what it printed.
+        m_server->terminal(QStringLiteral("terminal.attach"), {{QStringLiteral("sessionId"), QStringLiteral("away")}});
+        PLAIN_VERIFY(barrier());
+        QString replayed;
+        for (const QJsonObject& m : terminalEvents(QStringLiteral("terminal.output"), QStringLiteral("away"))) {
+            if (m.contains(QStringLiteral("snapshot")))
+                replayed += m.value(QStringLiteral("data")).toString();
+        }
+        QVERIFY2(replayed.contains(QStringLiteral("AWAY-MARK\r\n")), qPrintable(replayed));
+        m_server->terminal(QStringLiteral("terminal.close"), {{QStringLiteral("sessionId"), QStringLiteral("away")}});
+        PLAIN_VERIFY(m_server->waitForType(QStringLiteral("terminal.closed")));
     }
 };
 
