@@ -95,17 +95,6 @@ qint64 loggedNumber(const DiagRecorder& log, const QString& prefix)
     return 0;
 }
 
-QByteArray agentMessages(const QStringList& texts)
-{
-    QByteArray stream = R"({"type":"thread.started","thread_id":"th-p"})"
-                        "\n";
-    for (const QString& text : texts)
-        stream += R"({"type":"item.completed","item":{"type":"agent_message","text":")" + text.toUtf8() + "\"}}\n";
-    stream += R"({"type":"turn.completed"})"
-              "\n";
-    return stream;
-}
-
 // An agent runtime in this process, pointed at the server, with its settings in memory.
 struct Agent {
     QTemporaryDir repo;
@@ -692,7 +681,8 @@ private Q_SLOTS:
                                   QStringLiteral("task.finished 0")}));
 
         // Codex: two messages, one answer.
-        writeFake(QStringLiteral("codex.stream"), agentMessages({QStringLiteral("First."), QStringLiteral("Second.")}));
+        writeFake(QStringLiteral("codex.stream"),
+                  codexAgentMessages({QStringLiteral("First."), QStringLiteral("Second.")}));
         QVERIFY(waitUntil([&] { return !m_agent->runtime->currentTaskId(); }));
         chat(QStringLiteral("c2"), QStringLiteral("codex"), QStringLiteral("conv-2"));
         PLAIN_VERIFY(m_server->waitForTask(QStringLiteral("task.finished"), QStringLiteral("c2")));
@@ -730,7 +720,7 @@ private Q_SLOTS:
         const QString greeting = m_agent->path(QStringLiteral("App/greeting.txt"));
         test::writeFile(greeting, "hello\n");
         writeFake(QStringLiteral("codex.script"), "print bye > greeting.txt\n");
-        writeFake(QStringLiteral("codex.stream"), agentMessages({kExplanation}));
+        writeFake(QStringLiteral("codex.stream"), codexAgentMessages({kExplanation}));
         const auto apply = [&](const QString& taskId) {
             m_server->assign(taskId, {{QStringLiteral("action"), QStringLiteral("ai_task")},
                                       {QStringLiteral("system"), QStringLiteral("codex")},

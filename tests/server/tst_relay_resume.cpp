@@ -124,6 +124,16 @@ private:
         return created->value(QStringLiteral("taskId")).toString();
     }
 
+    // Opens an agent's socket without waiting for anything, so that what the test
+    // connects to its signals speaks first.
+    void openRawAgent(QWebSocket& agent, const QString& agentId)
+    {
+        QNetworkRequest request(
+            QUrl(QStringLiteral("ws://127.0.0.1:%1/v1/ws/agent?agentId=").arg(m_relay->port) + agentId));
+        request.setRawHeader("Authorization", "Bearer " + m_relay->token.toUtf8());
+        agent.open(request);
+    }
+
     static bool waitForLine(RelayClient& client, int n)
     {
         return client
@@ -382,9 +392,7 @@ private Q_SLOTS:
             agent.sendTextMessage(QStringLiteral(R"({"type":"agent.stream","first":500,"next":500})"));
             agent.sendTextMessage(QStringLiteral(R"({"type":"agent.register","profiles":["numbered"]})"));
         });
-        QNetworkRequest request(QUrl(QStringLiteral("ws://127.0.0.1:%1/v1/ws/agent?agentId=mac-1").arg(m_relay->port)));
-        request.setRawHeader("Authorization", "Bearer " + m_relay->token.toUtf8());
-        agent.open(request);
+        openRawAgent(agent, QStringLiteral("mac-1"));
         const std::optional<QJsonObject> registered = phone.waitForType(QStringLiteral("agent.register"));
         QVERIFY(registered);
         QCOMPARE(*registered,
@@ -407,9 +415,7 @@ private Q_SLOTS:
         QObject::connect(&agent, &QWebSocket::connected, &agent, [&] {
             agent.sendTextMessage(QStringLiteral(R"({"type":"agent.register","profiles":["plain"]})"));
         });
-        QNetworkRequest request(QUrl(QStringLiteral("ws://127.0.0.1:%1/v1/ws/agent?agentId=mac-2").arg(m_relay->port)));
-        request.setRawHeader("Authorization", "Bearer " + m_relay->token.toUtf8());
-        agent.open(request);
+        openRawAgent(agent, QStringLiteral("mac-2"));
         const std::optional<QJsonObject> registered = phone.waitForType(QStringLiteral("agent.register"));
         QVERIFY(registered);
         QCOMPARE(registered->value("profiles").toArray(), QJsonArray{QStringLiteral("plain")});
