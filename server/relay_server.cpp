@@ -211,6 +211,7 @@ void RelayServer::reloadTls()
     const QSslConfiguration& configuration = std::get<QSslConfiguration>(loaded);
     m_listener->setTlsConfiguration(configuration);
     logEvent("tls.reloaded", {{"expires", expiryText(configuration)}});
+    warnWhenExpiringSoon(configuration);
 }
 
 void RelayServer::reportStoppedWhenEmpty()
