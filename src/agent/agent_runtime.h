@@ -114,6 +114,7 @@ public:
     ChatSessions& chatSessions() { return m_chatSessions; }
     // Where temporary files of tasks go (the MCP configuration, proposal copies).
     QString temporaryFolder() const override;
+    bool oneEndPerTask() const override { return m_features.end; }
 
     // --- configuration, read afresh at every use ---
     AgentProfile loadProfile() const;

@@ -245,7 +245,10 @@ void ProcessRunner::onExited(int status)
             return;
         }
     }
-    if (m_currentTaskId == request.taskId) {
+    if (m_currentTaskId == request.taskId && m_cancelling == request.taskId) {
+        // Its one end: cancelled, whatever the stopped process says.
+        m_host.sendJSON(Messages::taskCancelled(request.taskId, 130));
+    } else if (m_currentTaskId == request.taskId) {
         if (request.output)
             request.output->exited(status);
         if (status == 0) {
@@ -322,6 +325,8 @@ void ProcessRunner::stopRunningProcessIfAny(bool cancelled)
         abandonPendingLaunch();
         return;
     }
+    if (m_cancelling == taskId)
+        return; // already on its way to its one end
     if (m_child->isRunning()) {
         diag(QStringLiteral("stopRunningProcessIfAny terminating taskId=") + logValue(taskId));
         m_child->terminateTree(kKillGraceMilliseconds);
@@ -329,7 +334,9 @@ void ProcessRunner::stopRunningProcessIfAny(bool cancelled)
     if (m_output)
         m_output->stopping = true;
     // The task state stays until the child has exited; its end is reported then.
-    if (cancelled)
+    if (cancelled && m_host.oneEndPerTask())
+        m_cancelling = taskId;
+    else if (cancelled)
         m_host.sendJSON(Messages::taskCancelled(taskId, 130));
 }
 
@@ -359,6 +366,7 @@ void ProcessRunner::cleanupFinishedTask()
     releaseChild();
     m_output.reset();
     m_currentTaskId.reset();
+    m_cancelling.reset();
     m_host.reportStatus(QStringLiteral("Ready: ") + m_host.agentId());
 }
 

@@ -93,8 +93,12 @@ public:
 
     // Ends the current child (SIGTERM to its process group, SIGKILL 5 s later) and,
     // when `cancelled`, reports "task.cancelled" with 130. A pending approval is
-    // answered "no" first.
+    // answered "no" first. Where the host's server takes one end per task, a cancelled
+    // child's "task.cancelled" comes when it has exited, in place of its own end.
     void stopRunningProcessIfAny(bool cancelled);
+    // Whether the task's child is being stopped by a cancellation whose end is still
+    // to be said (one end per task).
+    bool isCancelling(const QString& taskId) const { return m_cancelling == taskId; }
 
     // Forgets the task: child, pipes, time limit, task id and what handled its output;
     // reports "Ready: " with the agent id.
@@ -124,6 +128,7 @@ private:
 
     TaskHost& m_host;
     std::optional<QString> m_currentTaskId;
+    std::optional<QString> m_cancelling;
     QPointer<ChildProcess> m_child;
     QTimer* m_timeLimit = nullptr;
     std::unique_ptr<TaskOutput> m_output;

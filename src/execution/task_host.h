@@ -33,6 +33,10 @@ public:
     virtual void sendRegisterMessage() = 0;
     // Where tasks put their temporary files (proposal copies, patches).
     virtual QString temporaryFolder() const = 0;
+    // Whether the server takes exactly one end per task: a cancelled task then ends with
+    // "task.cancelled" alone, once its process has exited. Otherwise a cancellation is
+    // said at once, and the stopped process's own end follows.
+    virtual bool oneEndPerTask() const { return false; }
 
 protected:
     ~TaskHost() = default;

@@ -149,6 +149,11 @@ void CodexApplyTask::onCommandFinished(const ShellExecutionResult& result)
     m_rawOutput = result.combinedOutput();
     if (!isCurrent())
         return finish();
+    if (m_runner.isCancelling(m_request.taskId)) {
+        // Stopped by a cancellation whose one end this is.
+        m_host.sendJSON(Messages::taskCancelled(m_request.taskId, 130));
+        return finish();
+    }
     log(QStringLiteral("proposal.command exitCode=%1 outputBytes=%2").arg(result.exitCode).arg(utf8Size(m_rawOutput)));
     if (result.exitCode != 0) {
         return fail(QStringLiteral("proposal command exited with status %1").arg(result.exitCode),

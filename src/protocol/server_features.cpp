@@ -11,15 +11,15 @@ namespace {
 // The features in the order of names().
 QList<bool*> flags(ServerFeatures& features)
 {
-    return {&features.seq, &features.ack, &features.grace, &features.state, &features.pacing};
+    return {&features.seq, &features.ack, &features.grace, &features.state, &features.pacing, &features.end};
 }
 
 } // namespace
 
 const QStringList& ServerFeatures::names()
 {
-    static const QStringList names{QStringLiteral("seq"), QStringLiteral("ack"), QStringLiteral("grace"),
-                                   QStringLiteral("state"), QStringLiteral("pacing")};
+    static const QStringList names{QStringLiteral("seq"),   QStringLiteral("ack"),    QStringLiteral("grace"),
+                                   QStringLiteral("state"), QStringLiteral("pacing"), QStringLiteral("end")};
     return names;
 }
 

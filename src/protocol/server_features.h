@@ -27,6 +27,9 @@ struct ServerFeatures {
     bool state = false;
     // Readers pace terminals ("terminal.ack"); live "terminal.output" carries "offset".
     bool pacing = false;
+    // Each task ends once: a cancelled task with "task.cancelled" alone, when its process
+    // has exited.
+    bool end = false;
     // The newest seq the server has of this agent (0: none).
     qint64 serverHas = 0;
 

@@ -246,7 +246,7 @@ private Q_SLOTS:
         QVERIFY(server.waitFor([](const QJsonObject& m) { return m.value("line").toString() == "started"; }));
         QCOMPARE(holders(pid, token), QStringList());
         server.send({{QStringLiteral("type"), QStringLiteral("task.cancel")}, {QStringLiteral("taskId"), "t"}});
-        QVERIFY(server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("t")));
+        QVERIFY(server.waitForTask(QStringLiteral("task.cancelled"), QStringLiteral("t")));
 
         // A terminal.
         server.send(

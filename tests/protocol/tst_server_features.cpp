@@ -36,11 +36,12 @@ private Q_SLOTS:
         ServerFeatures all = ServerFeatures::all();
         all.serverHas = 42;
         QCOMPARE(QJsonDocument(all.hello()).toJson(QJsonDocument::Compact),
-                 QByteArray(R"({"payload":{"features":["seq","ack","grace","state","pacing"],"seq":42},)"
+                 QByteArray(R"({"payload":{"features":["seq","ack","grace","state","pacing","end"],"seq":42},)"
                             R"("type":"agent.hello"})"));
         const std::optional<ServerFeatures> features = offered(QJsonDocument(all.hello()).toJson());
         QVERIFY(features);
-        QVERIFY(features->seq && features->ack && features->grace && features->state && features->pacing);
+        QVERIFY(features->seq && features->ack && features->grace && features->state && features->pacing &&
+                features->end);
         QVERIFY(features->keepsUnconfirmed());
         QCOMPARE(features->serverHas, 42);
         QCOMPARE(features->named(), ServerFeatures::names());
