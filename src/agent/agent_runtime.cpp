@@ -150,6 +150,51 @@ void AgentRuntime::stop()
     reportStatus(QStringLiteral("Stopped"));
 }
 
+void AgentRuntime::shutDown(std::function<void()> done)
+{
+    const std::optional<QString> task = currentTaskId();
+    if (task && m_features.end && m_outbox.isOpen()) {
+        diag(QStringLiteral("shutdown.cancel taskId=") + logValue(*task));
+        connect(
+            m_runner.get(), &ProcessRunner::taskEnded, this,
+            [this, done] {
+                whenWritten([this, done] {
+                    stop();
+                    done();
+                });
+            },
+            Qt::SingleShotConnection);
+        stopRunningProcessIfAny(true);
+        return;
+    }
+    stop();
+    stopRunningProcessIfAny(false);
+    if (!currentTaskId()) {
+        done();
+        return;
+    }
+    connect(m_runner.get(), &ProcessRunner::taskEnded, this, done, Qt::SingleShotConnection);
+}
+
+void AgentRuntime::whenWritten(std::function<void()> then)
+{
+    if (!m_socket || m_socket->bytesToWrite() == 0) {
+        then();
+        return;
+    }
+    auto ran = std::make_shared<bool>(false);
+    const auto once = [ran, then] {
+        if (!std::exchange(*ran, true))
+            then();
+    };
+    connect(m_socket, &QWebSocket::bytesWritten, this, [this, once] {
+        if (!m_socket || m_socket->bytesToWrite() == 0)
+            once();
+    });
+    connect(m_socket, &QWebSocket::disconnected, this, once);
+    QTimer::singleShot(2000, this, once);
+}
+
 void AgentRuntime::discardSocket()
 {
     m_connectTimeout.stop();

@@ -69,6 +69,12 @@ public:
     // --- connection ---
     void start();
     void stop();
+    // Ends the agent for good (SIGTERM, SIGINT, Quit). With a server that takes one end
+    // per task, a running task is first ended as a cancellation and its
+    // "task.cancelled" written out, then the connection is closed; with any other server
+    // the connection is closed at once and the task's process stopped without a word.
+    // `done` runs when no task is left.
+    void shutDown(std::function<void()> done);
     bool isConnected() const;
     // The server started beside the agent serves this certificate file: the connection
     // takes that certificate, read afresh at every connect, and no other, whatever name
@@ -154,6 +160,8 @@ private:
     void sendAgentState();
     void startDisconnectGrace();
     void onDisconnectGraceOver();
+    // Runs `then` when the socket has written what it holds, or at the latest 2 s later.
+    void whenWritten(std::function<void()> then);
 
     void handleTaskAssign(const AgentCommand& command);
     void handleServerCommand(const AgentCommand& command);

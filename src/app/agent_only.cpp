@@ -29,15 +29,8 @@ int runAgentOnly()
             return;
         stopping = true;
         diag(QStringLiteral("shutdown signal=") + QString::number(signal));
-        runtime.stop();
         // A running task is ended with its whole process tree before the agent exits.
-        runtime.stopRunningProcessIfAny(false);
-        auto* poll = new QTimer(&runtime);
-        QObject::connect(poll, &QTimer::timeout, &runtime, [&runtime] {
-            if (!runtime.currentTaskId())
-                QCoreApplication::quit();
-        });
-        poll->start(20);
+        runtime.shutDown([] { QCoreApplication::quit(); });
         // The runner kills what ignores SIGTERM after 5 s; never wait much longer.
         QTimer::singleShot(ProcessRunner::kKillGraceMilliseconds + 2000, &runtime, [] { QCoreApplication::quit(); });
     });

@@ -106,12 +106,20 @@ void AgentStatusController::quit()
     m_serverRuntime->stop();
 }
 
+void AgentStatusController::quitAfterTask(std::function<void()> then)
+{
+    // The local server goes last: the running task's end goes through it.
+    m_runtime->shutDown([this, then = std::move(then)] {
+        m_quit = true;
+        m_serverRuntime->stop();
+        then();
+    });
+}
+
 void AgentStatusController::shutdown(int signal)
 {
     diag(QStringLiteral("shutdown signal=") + QString::number(signal));
-    quit();
-    m_runtime->stopRunningProcessIfAny(false);
-    QTimer::singleShot(0, this, [] { QCoreApplication::quit(); });
+    quitAfterTask([] { QCoreApplication::quit(); });
 }
 
 void AgentStatusController::willSleep()

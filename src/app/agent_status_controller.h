@@ -36,6 +36,10 @@ public:
     // A stop signal: logged, the agent and the server stopped, a running task's process
     // tree ended, then the event loop left.
     void shutdown(int signal);
+    // Quits once the running task has ended as a cancellation where the server takes one
+    // end per task (see AgentRuntime::shutDown), then stops the local server and runs
+    // `then`.
+    void quitAfterTask(std::function<void()> then);
     void willSleep();
     void didWake();
     // Flips "Open at Login". On failure the preference stays and the reason is returned

@@ -160,9 +160,10 @@ StatusMenu::StatusMenu(AgentStatusController& controller, QObject* parent)
     QAction* quitItem = addItem(QStringLiteral("Quit"));
     quitItem->setShortcut(QKeySequence(QStringLiteral("Ctrl+Q")));
     connect(quitItem, &QAction::triggered, this, [this] {
-        m_controller.quit();
-        if (quit)
-            quit();
+        m_controller.quitAfterTask([this] {
+            if (quit)
+                quit();
+        });
     });
 
     for (const auto signal :

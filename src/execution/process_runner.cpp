@@ -367,6 +367,7 @@ void ProcessRunner::cleanupFinishedTask()
     m_output.reset();
     m_currentTaskId.reset();
     m_cancelling.reset();
+    Q_EMIT taskEnded();
     m_host.reportStatus(QStringLiteral("Ready: ") + m_host.agentId());
 }
 

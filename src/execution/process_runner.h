@@ -104,6 +104,10 @@ public:
     // reports "Ready: " with the agent id.
     void cleanupFinishedTask();
 
+Q_SIGNALS:
+    // The current task is forgotten (cleanupFinishedTask): its end, if any, is said.
+    void taskEnded();
+
 private:
     struct TaskOutput;
 

@@ -1,4 +1,5 @@
 #include "support/loopback_server.h"
+#include "support/plain_server.h"
 #include "support/process_fixtures.h"
 #include "support/test_support.h"
 
@@ -317,6 +318,63 @@ private Q_SLOTS:
         QVERIFY2(waitUntil([&] { return markedProcesses(marker).isEmpty(); }, 8000),
                  qPrintable(QStringLiteral("left: %1 process(es)").arg(markedProcesses(marker).size())));
         QVERIFY(agent.stop());
+    }
+
+    void sigtermWithTheRelayEndsTheTaskAsACancellationFirst()
+    {
+        // The relay takes one end per task: it hears the running task's end before the
+        // agent goes.
+        LoopbackServer server;
+        QVERIFY(server.listen());
+        AgentProcess agent;
+        agent.start(server.serverURL());
+        QVERIFY(server.waitForType(QStringLiteral("agent.register")));
+        server.send(shellTask(QStringLiteral("t"), QStringLiteral("echo started; sleep 300")));
+        QVERIFY(server.waitFor([](const QJsonObject& m) { return m.value("line").toString() == "started"; }));
+        ::kill(static_cast<pid_t>(agent.process.processId()), SIGTERM);
+        QVERIFY(agent.process.waitForFinished(15000));
+        QCOMPARE(agent.process.exitCode(), 0);
+        QVERIFY(server.waitForTask(QStringLiteral("task.cancelled"), QStringLiteral("t")));
+        QVERIFY(waitUntil([&] { return server.lastCloseCode().has_value(); }));
+        QCOMPARE(server.messagesOfType(QStringLiteral("task.cancelled"), QStringLiteral("t")),
+                 (QList<QJsonObject>{{{QStringLiteral("type"), QStringLiteral("task.cancelled")},
+                                      {QStringLiteral("taskId"), QStringLiteral("t")},
+                                      {QStringLiteral("exitCode"), 130}}}));
+        QVERIFY(server.messagesOfType(QStringLiteral("task.failed"), QStringLiteral("t")).isEmpty());
+        QCOMPARE(*server.lastCloseCode(), 1001);
+        const QStringList log = agent.logTexts();
+        const qsizetype cancel = log.indexOf(QStringLiteral("shutdown.cancel taskId=t"));
+        QVERIFY2(cancel > 0 && log.indexOf(QStringLiteral("shutdown signal=15")) == cancel - 1,
+                 qPrintable(log.join('\n')));
+        QVERIFY(log.indexOf(QStringLiteral("stop requested")) > cancel);
+        QCOMPARE(log.last(), QStringLiteral("shutdown complete"));
+    }
+
+    void sigtermWithAPlainServerStopsTheTaskWithoutAWord()
+    {
+        // A server that knows only the agent protocol: the connection closes first, and the
+        // task's process is stopped after it.
+        PlainServer server;
+        QVERIFY(server.listen());
+        AgentProcess agent;
+        agent.start(server.serverURL());
+        QVERIFY(server.waitForType(QStringLiteral("agent.register")));
+        server.assign(QStringLiteral("t"), shellTask(QStringLiteral("t"), QStringLiteral("echo started; sleep 300"))
+                                               .value(QStringLiteral("payload"))
+                                               .toObject());
+        QVERIFY(server.waitFor([](const QJsonObject& m) { return m.value("line").toString() == "started"; }));
+        ::kill(static_cast<pid_t>(agent.process.processId()), SIGTERM);
+        QVERIFY(agent.process.waitForFinished(15000));
+        QCOMPARE(agent.process.exitCode(), 0);
+        // The socket closed before the task was stopped: its end had nowhere to go.
+        QVERIFY(waitUntil([&] { return server.endedAt(1) > 0; }));
+        QVERIFY(server.messages(QStringLiteral("task.cancelled"), QStringLiteral("t")).isEmpty());
+        QVERIFY(server.messages(QStringLiteral("task.failed"), QStringLiteral("t")).isEmpty());
+        const QStringList log = agent.logTexts();
+        QVERIFY(!log.contains(QStringLiteral("shutdown.cancel taskId=t")));
+        QVERIFY(log.indexOf(QStringLiteral("stop requested")) <
+                log.indexOf(QStringLiteral("stopRunningProcessIfAny terminating taskId=t")));
+        QVERIFY2(server.violations().isEmpty(), qPrintable(server.violations().join('\n')));
     }
 
     void sigintStopsARunningTaskTree()
