@@ -225,8 +225,10 @@ void TerminalSessionManager::sendInput(const QString& sessionId, const QString& 
 
 void TerminalSessionManager::complete(const QString& sessionId, const QString& line, std::optional<qint64> cursor)
 {
-    const PtySession* session = liveSession(sessionId);
-    if (!session)
+    // A completion asked for a session that is gone is not answered at all: the
+    // phone's line editor simply offers nothing.
+    const PtySession* session = m_sessions.value(sessionId.trimmed());
+    if (!session || session->isClosed())
         return;
     const PathCompletion::Completion completion =
         PathCompletion::pathCompletion(line, cursor, session->currentDirectory, QDir::homePath());

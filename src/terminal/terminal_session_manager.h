@@ -64,7 +64,7 @@ private:
     void announce(PtySession* session, qint64 pid);
     void onExited(PtySession* session, int exitCode);
     // The session a command names, unless it is closed; otherwise the phone hears
-    // "Terminal session not found.".
+    // "Terminal session not found." (a completion looks its session up without it).
     PtySession* liveSession(const QString& sessionId);
     void closeSession(PtySession* session);
     void store(PtySession* session);

@@ -82,13 +82,12 @@ private Q_SLOTS:
             f.type(id, "ls\n");
             f.send("terminal.resize", id, {{QStringLiteral("cols"), 100}, {QStringLiteral("rows"), 40}});
             f.send("terminal.signal", id, {{QStringLiteral("signal"), QStringLiteral("interrupt")}});
-            f.send("terminal.complete", id, {{QStringLiteral("line"), QStringLiteral("ls ")}});
             f.send("terminal.close", id);
         }
         QVERIFY(f.barrier());
         for (const QString& id : {QStringLiteral("ghost"), QStringLiteral("gone")}) {
             const QList<QJsonObject> errors = f.events(QStringLiteral("terminal.error"), id);
-            QCOMPARE(errors.size(), 5);
+            QCOMPARE(errors.size(), 4);
             for (const QJsonObject& error : errors) {
                 QCOMPARE(error.value(QStringLiteral("error")).toString(),
                          QStringLiteral("Terminal session not found."));
@@ -98,10 +97,9 @@ private Q_SLOTS:
             }
             QCOMPARE(f.log.texts().count(QStringLiteral("terminal.error sessionId=") + id +
                                          QStringLiteral(" projectPath= message=Terminal session not found.")),
-                     5);
+                     4);
         }
         QVERIFY(f.events(QStringLiteral("terminal.status"), QStringLiteral("gone")).isEmpty());
-        QVERIFY(f.events(QStringLiteral("terminal.completion"), QStringLiteral("gone")).isEmpty());
         QVERIFY(f.events(QStringLiteral("terminal.closed"), QStringLiteral("gone")).isEmpty());
         // A closed interactive session stays listed until it is replaced: attach still
         // shows it, and the project cannot be opened again without replacing it.
@@ -117,7 +115,38 @@ private Q_SLOTS:
         QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("again")));
         f.send("terminal.attach", QStringLiteral("gone"));
         QVERIFY(f.barrier());
-        QCOMPARE(f.events(QStringLiteral("terminal.error"), QStringLiteral("gone")).size(), 6);
+        QCOMPARE(f.events(QStringLiteral("terminal.error"), QStringLiteral("gone")).size(), 5);
+    }
+
+    void aCompletionForAMissingOrClosedSessionIsNotAnswered()
+    {
+        TerminalFixture f;
+        QVERIFY(f.connect());
+        f.open(QStringLiteral("gone"), QStringLiteral("G"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("gone")));
+        f.send("terminal.close", QStringLiteral("gone"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("gone")));
+        QVERIFY(f.barrier());
+        for (const QString& id : {QStringLiteral(" ghost "), QStringLiteral("gone")}) {
+            const qsizetype messagesBefore = f.server.messages().size();
+            const qsizetype linesBefore = f.log.texts().size();
+            f.send("terminal.complete", id, {{QStringLiteral("line"), QStringLiteral("ls ")}});
+            QVERIFY(f.barrier());
+            // Between the completion and the round trip's answer nothing came: the
+            // answer is the only message, its diag line the only line.
+            const QList<QJsonObject> after = f.server.messages().mid(messagesBefore);
+            QCOMPARE(after.size(), 1);
+            QCOMPARE(after[0].value(QStringLiteral("type")).toString(), QStringLiteral("terminal.error"));
+            QVERIFY(after[0].value(QStringLiteral("sessionId")).toString().startsWith(QStringLiteral("barrier-")));
+            const QStringList lines = f.log.texts().mid(linesBefore);
+            QCOMPARE(lines.size(), 1);
+            QVERIFY2(lines[0].startsWith(QStringLiteral("terminal.error sessionId=barrier-")), qPrintable(lines[0]));
+        }
+        // A live session is still answered.
+        f.open(QStringLiteral("live"), QStringLiteral("L"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("live")));
+        f.send("terminal.complete", QStringLiteral("live"), {{QStringLiteral("line"), QStringLiteral("ls ")}});
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.completion"), QStringLiteral("live")));
     }
 
     void aProjectPathThatDoesNotExistIsRefused()
