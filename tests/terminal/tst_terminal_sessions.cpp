@@ -128,7 +128,11 @@ private Q_SLOTS:
         const std::optional<QJsonObject> closed =
             f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("old"));
         QVERIFY(closed);
-        QCOMPARE(closed->value(QStringLiteral("exitCode")).toInt(), 143);
+        // The line-mode shell's termination status: SIGTERM's number.
+        QCOMPARE(*closed, (QJsonObject{{QStringLiteral("type"), QStringLiteral("terminal.closed")},
+                                       {QStringLiteral("sessionId"), QStringLiteral("old")},
+                                       {QStringLiteral("projectPath"), QStringLiteral("X")},
+                                       {QStringLiteral("exitCode"), 15}}));
         // "other" was not the one named, and keeps running.
         f.type(QStringLiteral("other"), "echo alive\n");
         QVERIFY(f.waitForOutput(QStringLiteral("other"), QStringLiteral("alive")));
@@ -247,11 +251,11 @@ private Q_SLOTS:
         QVERIFY(f.waitForOutput(QStringLiteral("l"), QStringLiteral("ready-2\r\n")));
         f.send("terminal.signal", QStringLiteral("l"), {{QStringLiteral("signal"), QStringLiteral("interrupt")}});
         // The interrupt ends the job; the line-mode shell, which has no job control,
-        // ends with it.
+        // ends with it, and reports SIGINT's number.
         const std::optional<QJsonObject> closed =
             f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("l"));
         QVERIFY(closed);
-        QCOMPARE(closed->value(QStringLiteral("exitCode")), QJsonValue(130));
+        QCOMPARE(closed->value(QStringLiteral("exitCode")), QJsonValue(2));
     }
 
     void aSessionIsReadNoFurtherThanItsSlowestReaderAllows()
@@ -303,28 +307,43 @@ private Q_SLOTS:
 
     void shellExitStatusAndKill()
     {
+        const auto closed = [](const char* sessionId, const char* projectPath, int exitCode) {
+            return QJsonObject{{QStringLiteral("type"), QStringLiteral("terminal.closed")},
+                               {QStringLiteral("sessionId"), QLatin1String(sessionId)},
+                               {QStringLiteral("projectPath"), QLatin1String(projectPath)},
+                               {QStringLiteral("exitCode"), exitCode}};
+        };
         TerminalFixture f;
         QVERIFY(f.connect());
         f.open(QStringLiteral("e"), QStringLiteral("E"));
         f.open(QStringLiteral("k"), QStringLiteral("K"), QStringLiteral("interactive"));
+        f.open(QStringLiteral("lk"), QStringLiteral("LK"));
         QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("e")));
         QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("k")));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("lk")));
         f.type(QStringLiteral("e"), "exit 3\n");
         const std::optional<QJsonObject> three = f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("e"));
         QVERIFY(three);
-        QCOMPARE(three->value(QStringLiteral("exitCode")), QJsonValue(3));
+        QCOMPARE(*three, closed("e", "E", 3));
+        // An interactive shell killed by a signal reports 128 plus its number, a
+        // line-mode shell the number itself (its termination status).
         f.send("terminal.signal", QStringLiteral("k"), {{QStringLiteral("signal"), QStringLiteral("SIGKILL")}});
         const std::optional<QJsonObject> killed =
             f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("k"));
         QVERIFY(killed);
-        QCOMPARE(killed->value(QStringLiteral("exitCode")), QJsonValue(137));
+        QCOMPARE(*killed, closed("k", "K", 137));
+        f.send("terminal.signal", QStringLiteral("lk"), {{QStringLiteral("signal"), QStringLiteral("kill")}});
+        const std::optional<QJsonObject> lineKilled =
+            f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("lk"));
+        QVERIFY(lineKilled);
+        QCOMPARE(*lineKilled, closed("lk", "LK", 9));
         // The interactive shell exiting by itself reports its status too.
         f.open(QStringLiteral("x"), QStringLiteral("X"), QStringLiteral("interactive"));
         QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("x")));
         f.type(QStringLiteral("x"), "exit 3\n");
         const std::optional<QJsonObject> own = f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("x"));
         QVERIFY(own);
-        QCOMPARE(own->value(QStringLiteral("exitCode")), QJsonValue(3));
+        QCOMPARE(*own, closed("x", "X", 3));
     }
 
     void completionFollowsCdWithQuotesAndEscapes()
