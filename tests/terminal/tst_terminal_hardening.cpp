@@ -5,9 +5,12 @@
 #include "support/process_fixtures.h"
 #include "support/terminal_fixture.h"
 #include "support/test_support.h"
+#include "terminal/pty_session.h"
+#include "terminal/terminal_session_manager.h"
 
 #include <QDir>
 #include <QRegularExpression>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
 
@@ -149,42 +152,110 @@ private Q_SLOTS:
         QVERIFY(f.waitForEvent(QStringLiteral("terminal.completion"), QStringLiteral("live")));
     }
 
-    void aProjectPathThatDoesNotExistIsRefused()
+    void aProjectPathThatDoesNotExistStartsTheShellInTheRepositoryRoot()
     {
         TerminalFixture f;
         QVERIFY(f.connect());
         f.open(QStringLiteral("keep"), QStringLiteral("Keep"));
         QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("keep")));
-        const QList<qint64> shells = childProcesses();
         const QString repo = f.repo.path();
+        const qsizetype linesBefore = f.log.texts().size();
         f.open(QStringLiteral("n"), QStringLiteral(" Nowhere "), QStringLiteral("interactive"), {}, false);
         f.open(QStringLiteral("r"), QStringLiteral("/gone/away"), QString(),
                {{QStringLiteral("replace"), true}, {QStringLiteral("replaceSessionId"), QStringLiteral("keep")}},
                false);
+        const std::optional<QJsonObject> login = f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("n"));
+        const std::optional<QJsonObject> line = f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("r"));
+        QVERIFY(login);
+        QVERIFY(line);
+        // A server that did not ask for the relay's extensions is not told that the
+        // folder was missing.
+        QCOMPARE(*login, (QJsonObject{{QStringLiteral("type"), QStringLiteral("terminal.opened")},
+                                      {QStringLiteral("sessionId"), QStringLiteral("n")},
+                                      {QStringLiteral("projectPath"), QStringLiteral("Nowhere")},
+                                      {QStringLiteral("status"), QStringLiteral("running")},
+                                      {QStringLiteral("mode"), QStringLiteral("interactive")}}));
+        QCOMPARE(*line, (QJsonObject{{QStringLiteral("type"), QStringLiteral("terminal.opened")},
+                                     {QStringLiteral("sessionId"), QStringLiteral("r")},
+                                     {QStringLiteral("projectPath"), QStringLiteral("/gone/away")},
+                                     {QStringLiteral("status"), QStringLiteral("running")}}));
+        // The line-mode greeting names the repository root.
+        const std::optional<QJsonObject> greeting =
+            f.waitForEvent(QStringLiteral("terminal.output"), QStringLiteral("r"));
+        QVERIFY(greeting);
+        QCOMPARE(greeting->value(QStringLiteral("data")).toString(),
+                 QStringLiteral("[terminal started in ") + repo + QStringLiteral("]\n[try: pwd, ls, codex, claude]\n"));
+        // Both shells really are there, and still see the project path as it was sent.
+        f.type(QStringLiteral("r"), "echo \"at:$PWD:$BRINMOOR_PROJECT_PATH\"\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("r"), QStringLiteral("at:") + repo + QStringLiteral(":/gone/away\r\n")));
+        f.type(QStringLiteral("n"), "echo \"at:$PWD:$BRINMOOR_PROJECT_PATH\"\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("n"), QStringLiteral("at:") + repo + QStringLiteral(":Nowhere\r\n")));
+        // The session named for replacement was closed: its shell ended on SIGTERM.
+        const std::optional<QJsonObject> closed =
+            f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("keep"));
+        QVERIFY(closed);
+        QCOMPARE(closed->value(QStringLiteral("exitCode")), QJsonValue(15));
+        f.type(QStringLiteral("keep"), "echo kept\n");
         QVERIFY(f.barrier());
-        const QList<QJsonObject> first = f.events(QStringLiteral("terminal.error"), QStringLiteral("n"));
-        QCOMPARE(first.size(), 1);
-        QCOMPARE(first[0].value(QStringLiteral("error")).toString(),
-                 QStringLiteral("Project path does not exist: Nowhere"));
-        QCOMPARE(first[0].value(QStringLiteral("message")).toString(),
-                 QStringLiteral("Project path does not exist: Nowhere"));
-        QCOMPARE(first[0].value(QStringLiteral("projectPath")).toString(), QStringLiteral("Nowhere"));
-        const QList<QJsonObject> second = f.events(QStringLiteral("terminal.error"), QStringLiteral("r"));
-        QCOMPARE(second.size(), 1);
-        QCOMPARE(second[0].value(QStringLiteral("message")).toString(),
-                 QStringLiteral("Project path does not exist: /gone/away"));
-        QVERIFY(f.log.contains(QStringLiteral("resolveWorkspacePath failed projectArg=Nowhere repoRoot=%1 "
-                                              "direct=%1/Nowhere inProj=%1/proj/Nowhere")
-                                   .arg(repo)));
-        QVERIFY(f.log.contains(QStringLiteral(
-            "terminal.error sessionId=n projectPath=Nowhere message=Project path does not exist: Nowhere")));
-        QVERIFY(f.log.contains(QStringLiteral("terminal.error sessionId=r projectPath=/gone/away message=Project path "
-                                              "does not exist: /gone/away")));
-        // No shell started, and the session that was to be replaced goes on.
-        QCOMPARE(childProcesses(), shells);
-        QVERIFY(f.events(QStringLiteral("terminal.opened"), QStringLiteral("n")).isEmpty());
-        f.type(QStringLiteral("keep"), "echo kept-$((2*2))\n");
-        QVERIFY(f.waitForOutput(QStringLiteral("keep"), QStringLiteral("kept-4\r\n")));
+        QCOMPARE(f.events(QStringLiteral("terminal.error"), QStringLiteral("keep")).size(), 1);
+        QVERIFY(f.events(QStringLiteral("terminal.error"), QStringLiteral("n")).isEmpty());
+        QVERIFY(f.events(QStringLiteral("terminal.error"), QStringLiteral("r")).isEmpty());
+        // The log has the two opens and nothing about the missing folders.
+        QStringList lines = f.log.texts().mid(linesBefore);
+        lines.removeIf([](const QString& text) {
+            return text.startsWith(QStringLiteral("terminal.error sessionId=barrier-")) ||
+                   text.startsWith(QStringLiteral("terminal.error sessionId=keep "));
+        });
+        QCOMPARE(lines, (QStringList{QStringLiteral("terminal.open.interactive sessionId=n projectPath=Nowhere pid=%1")
+                                         .arg(f.pidOf(QStringLiteral("n"))),
+                                     QStringLiteral("terminal.open sessionId=r projectPath=/gone/away pid=%1")
+                                         .arg(f.pidOf(QStringLiteral("r")))}));
+    }
+
+    void aReplacedSessionIsClosedBeforeTheNewFolderIsResolved()
+    {
+        QTemporaryDir repo;
+        QList<QJsonObject> events;
+        QStringList lines;
+        bool replacedWasClosed = false;
+        int profiles = 0;
+        TerminalSessionManager* managerPointer = nullptr;
+        TerminalSessionManager manager(
+            [&] {
+                // The profile is read to resolve the folder: the session being replaced
+                // must have been closed by then.
+                if (++profiles == 2)
+                    replacedWasClosed = managerPointer->session(QStringLiteral("old"))->isClosed();
+                AgentProfile profile;
+                profile.repoRoot = repo.path();
+                return profile;
+            },
+            [&](const QJsonObject& event) { events.append(event); }, [&](const QString& line) { lines.append(line); },
+            nullptr);
+        managerPointer = &manager;
+        QDir().mkpath(repo.path() + QStringLiteral("/P"));
+        manager.open(QStringLiteral("old"), QStringLiteral("P"), QString(), false, std::nullopt);
+        QVERIFY(waitUntil([&] { return !manager.sessionIds().isEmpty() && !events.isEmpty(); }));
+        QVERIFY(waitUntil([&] { return events.size() >= 2; }));
+        manager.open(QStringLiteral("new"), QStringLiteral("Gone"), QString(), true, QStringLiteral("old"));
+        QCOMPARE(profiles, 2);
+        QVERIFY(replacedWasClosed);
+        QVERIFY(waitUntil([&] {
+            return std::any_of(events.begin(), events.end(), [](const QJsonObject& e) {
+                return e.value(QStringLiteral("type")) == QStringLiteral("terminal.closed") &&
+                       e.value(QStringLiteral("sessionId")) == QStringLiteral("old");
+            });
+        }));
+        QVERIFY(waitUntil([&] {
+            return std::any_of(events.begin(), events.end(), [](const QJsonObject& e) {
+                return e.value(QStringLiteral("type")) == QStringLiteral("terminal.opened") &&
+                       e.value(QStringLiteral("sessionId")) == QStringLiteral("new");
+            });
+        }));
+        QCOMPARE(manager.session(QStringLiteral("new"))->workingDir(), repo.path());
+        QCOMPARE(manager.sessionIds(), QStringList{QStringLiteral("new")});
+        manager.close(QStringLiteral("new"));
+        QVERIFY(waitUntil([&] { return manager.sessionIds().isEmpty() && childProcesses().isEmpty(); }));
     }
 
     void aShellThatCannotStartIsReported()
