@@ -133,7 +133,6 @@ int LocalServerRuntime::start(int port, const QString& token, Status status, con
     // A group of its own, so that the reaper ends it should the agent die without a word.
     process->setChildProcessModifier([] { ::setpgid(0, 0); });
     m_decoder.reset();
-    m_partialLine.clear();
     connect(process, &QProcess::readyReadStandardOutput, this, &LocalServerRuntime::relay);
     connect(process, &QProcess::finished, this, [this, process, status](int exitCode, QProcess::ExitStatus exitStatus) {
         // The termination status: the exit status, or the number of the signal that ended it.
@@ -165,18 +164,16 @@ void LocalServerRuntime::relay()
     const QByteArray data = m_process->readAllStandardOutput();
     if (data.isEmpty())
         return;
+    // Only a character cut by the read waits for the next one; a read that is not
+    // UTF-8 at all is dropped.
     const std::optional<QString> text = m_decoder.decode(data.constData(), data.size());
     if (!text)
         return;
-    // One line for each of the server's, however its output was cut into reads.
-    m_partialLine += *text;
-    qsizetype end = 0;
-    while ((end = m_partialLine.indexOf(QLatin1Char('\n'))) >= 0) {
-        const QString line = m_partialLine.left(end).trimmed();
-        m_partialLine.remove(0, end + 1);
-        if (!line.isEmpty())
-            printLine(QStringLiteral("[BrinmoorServer] ") + line);
-    }
+    // What one read gave goes out at once, as one entry, trimmed: a last line the
+    // server has not ended yet is not held back for its line end.
+    const QString trimmed = text->trimmed();
+    if (!trimmed.isEmpty())
+        printLine(QStringLiteral("[BrinmoorServer] ") + trimmed);
 }
 
 void LocalServerRuntime::stop()

@@ -122,16 +122,24 @@ private Q_SLOTS:
         QCOMPARE(readFile(given), QStringLiteral("port=%1 token=tok\n").arg(port).toUtf8());
         QVERIFY(waitUntil([&] { return !childProcesses().isEmpty(); }));
         QVERIFY(pieces.start(childProcesses().first()));
+        // Each read is relayed as it comes, trimmed at both ends, whatever lines it
+        // holds and whether or not it ends a line.
         QVERIFY(pieces.write("  ready \n"));
         QVERIFY(pieces.write("   \n"));         // only blanks: not relayed
         QVERIFY(pieces.write("listening\n\n")); // trimmed
         QVERIFY(pieces.write("two\nlines in one read\nand half"));
         QVERIFY(pieces.write(" a line\n"));
-        QCOMPARE(
-            lines,
-            (QStringList{QStringLiteral("[BrinmoorServer] ready"), QStringLiteral("[BrinmoorServer] listening"),
-                         QStringLiteral("[BrinmoorServer] two"), QStringLiteral("[BrinmoorServer] lines in one read"),
-                         QStringLiteral("[BrinmoorServer] and half a line")}));
+        QVERIFY(pieces.write("\t no final line end "));
+        const QStringList expected{
+            QStringLiteral("[BrinmoorServer] ready"),
+            QStringLiteral("[BrinmoorServer] listening"),
+            QStringLiteral("[BrinmoorServer] two\nlines in one read\nand half"),
+            QStringLiteral("[BrinmoorServer] a line"),
+            QStringLiteral("[BrinmoorServer] no final line end"),
+        };
+        // The last piece is not held back for a line end that never comes.
+        QVERIFY2(waitUntil([&] { return lines.size() >= expected.size(); }), qPrintable(lines.join(u'|')));
+        QCOMPARE(lines, expected);
         QVERIFY(runtime.isRunning());
         runtime.stop();
         QVERIFY(!runtime.isRunning());
@@ -139,6 +147,26 @@ private Q_SLOTS:
         // Stopping lets go of the output, not of the end: SIGTERM is reported as its number.
         QVERIFY(waitUntil([&] { return statuses.size() == 2; }));
         QCOMPARE(statuses.last(), QStringLiteral("Server stopped (15)"));
+    }
+
+    void standardErrorIsRelayedLikeStandardOutput()
+    {
+        PieceWriter pieces(m_dir.path() + QStringLiteral("/error-pieces"));
+        fakeServer("exec cat " + pieces.path().toUtf8() + " >&2\n");
+        LocalServerRuntime runtime;
+        QStringList lines;
+        runtime.printLine = [&](const QString& line) { lines.append(line); };
+        runtime.start(0, QStringLiteral("t"), [](const QString&) {});
+        QVERIFY(waitUntil([&] { return !childProcesses().isEmpty(); }));
+        QVERIFY(pieces.start(childProcesses().first()));
+        QVERIFY(pieces.write(" warning: on standard error \n"));
+        QVERIFY(pieces.write("bind failed\nexiting"));
+        const QStringList expected{QStringLiteral("[BrinmoorServer] warning: on standard error"),
+                                   QStringLiteral("[BrinmoorServer] bind failed\nexiting")};
+        QVERIFY2(waitUntil([&] { return lines.size() >= expected.size(); }), qPrintable(lines.join(u'|')));
+        QCOMPARE(lines, expected);
+        runtime.stop();
+        QVERIFY(waitUntil([] { return childProcesses().isEmpty(); }, 5000));
     }
 
     void serverIsToldItsCertificatePublicURLAndProxies()
