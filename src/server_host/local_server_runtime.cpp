@@ -88,9 +88,12 @@ std::optional<QString> LocalServerRuntime::resolveServerBinaryPath()
 
 std::optional<QString> LocalServerRuntime::resolveServerBinaryPath(const Environment& env, const Machine& machine)
 {
-    // A stale setting that names nothing runnable is passed over.
+    // A stale setting that names nothing runnable is passed over. The server that
+    // ships with the agent comes before one beside the path the agent was started by,
+    // so a link to the agent elsewhere still finds it.
     const QStringList candidates = {
         env.value(QStringLiteral("BRINMOOR_SERVER_PATH")),
+        machine.bundleDirectory.isEmpty() ? QString() : machine.bundleDirectory + QStringLiteral("/brinmoor-server"),
         QFileInfo(machine.executablePath).absolutePath() + QStringLiteral("/brinmoor-server"),
         RuntimeDefaults::defaultRepoRoot(machine) + QStringLiteral("/server/brinmoor-server"),
         machine.currentDirectory + QStringLiteral("/server/brinmoor-server"),

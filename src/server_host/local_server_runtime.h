@@ -39,7 +39,8 @@ public:
     // The first port among the one asked for and 8080 to 8090 that can be bound on
     // 127.0.0.1; the one asked for when none can.
     static int resolveAvailablePort(int startingAt);
-    // The first executable of: $BRINMOOR_SERVER_PATH, brinmoor-server beside the agent,
+    // The first executable of: $BRINMOOR_SERVER_PATH, brinmoor-server in the agent's
+    // bundle (beside its real file), beside the path the agent was started by, and
     // server/brinmoor-server under the default repository root and under the current folder.
     static std::optional<QString> resolveServerBinaryPath();
     static std::optional<QString> resolveServerBinaryPath(const Environment& env, const Machine& machine);

@@ -2,7 +2,11 @@
 #include "support/loopback_server.h"
 #include "support/test_support.h"
 
+#include <QDir>
 #include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
@@ -81,6 +85,58 @@ private Q_SLOTS:
             test::writeFile(m_dir.path() + QStringLiteral("/nowhere/server/brinmoor-server"), "#!/bin/sh\n");
         QFile::setPermissions(inRepo, QFile::ReadOwner | QFile::ExeOwner);
         QCOMPARE(LocalServerRuntime::resolveServerBinaryPath({}, machine), std::optional<QString>(inRepo));
+    }
+
+    void theServerShippedWithTheAgentIsFoundThroughALink()
+    {
+        // The agent's real folder holds the program and its server; it is started
+        // through a link in another folder.
+        QTemporaryDir dir;
+        const QString real = dir.path() + QStringLiteral("/real");
+        const QString linked = dir.path() + QStringLiteral("/linked");
+        QVERIFY(QDir().mkpath(real) && QDir().mkpath(linked) && QDir().mkpath(dir.path() + QStringLiteral("/cwd")));
+        QVERIFY(QFile::copy(test::binDir() + QStringLiteral("/brinmoor_test_helper"),
+                            real + QStringLiteral("/brinmoor_test_helper")));
+        QVERIFY(QFile::link(real + QStringLiteral("/brinmoor_test_helper"),
+                            linked + QStringLiteral("/brinmoor_test_helper")));
+        const auto executable = [](const QString& path) -> QString {
+            test::writeFile(path, "#!/bin/sh\n");
+            QFile::setPermissions(path, QFile::ReadOwner | QFile::ExeOwner);
+            return path;
+        };
+        const auto found = [&] {
+            QProcess process;
+            QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+            env.remove(QStringLiteral("BRINMOOR_SERVER_PATH"));
+            process.setProcessEnvironment(env);
+            process.setWorkingDirectory(dir.path() + QStringLiteral("/cwd"));
+            process.start(linked + QStringLiteral("/brinmoor_test_helper"), {QStringLiteral("machine")});
+            if (!process.waitForFinished(30000) || process.exitCode() != 0)
+                return QList<QJsonObject>();
+            QList<QJsonObject> lines;
+            for (const QByteArray& line : process.readAllStandardOutput().split('\n')) {
+                if (!line.isEmpty())
+                    lines.append(QJsonDocument::fromJson(line).object());
+            }
+            return lines;
+        };
+        const auto expected = [&](const QJsonValue& serverPath) {
+            const QJsonObject machine{
+                {QStringLiteral("executablePath"), QString(linked + QStringLiteral("/brinmoor_test_helper"))},
+                {QStringLiteral("bundleDirectory"), real},
+                {QStringLiteral("serverPath"), serverPath}};
+            // The same with an application object as without one.
+            return QList<QJsonObject>{machine, machine};
+        };
+        const QString shipped = executable(real + QStringLiteral("/brinmoor-server"));
+        QCOMPARE(found(), expected(shipped));
+        // One beside the link comes after the shipped one, and counts without it.
+        const QString besideLink = executable(linked + QStringLiteral("/brinmoor-server"));
+        QCOMPARE(found(), expected(shipped));
+        QVERIFY(QFile::remove(shipped));
+        QCOMPARE(found(), expected(besideLink));
+        QVERIFY(QFile::remove(besideLink));
+        QCOMPARE(found(), expected(QJsonValue()));
     }
 
     void missingServerIsReported()
