@@ -1,7 +1,9 @@
 // Task output throughput: a child prints N MB of 80-character lines through a real
 // agent process (BrinmoorMacAgent --agent-only) to a counting loopback server.
-//   bench_task_output [--mb N] [--slow-seconds S]
-// With --slow-seconds the server reads at 1 MB/s for the first S seconds.
+//   bench_task_output [--mb N] [--slow-seconds S] [--plain]
+// With --slow-seconds the server reads at 1 MB/s for the first S seconds. The server
+// speaks as the relay does (numbered messages, confirmed), or with --plain as a server
+// that knows only the agent protocol.
 #include "loopback_counter.h"
 #include "process_stats.h"
 
@@ -26,6 +28,7 @@ int main(int argc, char** argv)
     qint64 megabytes = 200;
     qint64 slowSeconds = 0;
     const QStringList args = app.arguments();
+    const bool plain = args.contains(QStringLiteral("--plain"));
     for (int i = 1; i + 1 < args.size(); ++i) {
         if (args[i] == QLatin1String("--mb"))
             megabytes = args[i + 1].toLongLong();
@@ -34,6 +37,7 @@ int main(int argc, char** argv)
     }
 
     LoopbackCounter server;
+    server.setPlain(plain);
     if (!server.listen())
         return 1;
     if (slowSeconds > 0)
@@ -89,7 +93,8 @@ int main(int argc, char** argv)
 
     const double linesPerSecond = double(server.logLines()) / elapsed;
     const double megabytesPerSecond = double(server.logTextBytes()) / 1e6 / elapsed;
-    std::printf("task output: %lld MB, server reads %s\n", static_cast<long long>(megabytes),
+    std::printf("task output: %lld MB, %s server reads %s\n", static_cast<long long>(megabytes),
+                plain ? "a plain" : "the relay's",
                 slowSeconds > 0 ? qPrintable(QStringLiteral("1 MB/s for the first %1 s").arg(slowSeconds))
                                 : "as fast as it can");
     std::printf("  task.log lines      %lld (exit %d)\n", static_cast<long long>(server.logLines()), exitCode);

@@ -1,5 +1,7 @@
 #include "loopback_counter.h"
 
+#include "protocol/server_features.h"
+
 #include "websocket_client.h"
 #include "websocket_frames.h"
 
@@ -68,6 +70,8 @@ void LoopbackCounter::onNewConnection()
         return;
     }
     m_socket = socket;
+    // As the relay: its confirmations go out at once.
+    m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     if (m_throttleRate > 0) {
         // A small buffer makes the kernel's window, and so the agent, feel the slow reader.
         m_socket->setReadBufferSize(64 * 1024);
@@ -123,8 +127,12 @@ bool LoopbackCounter::handshake()
     m_socket->write(relay::ws::upgradeResponse(QByteArrayView(m_buffer).sliced(m_offset, end - m_offset)));
     m_offset = end + 4;
     m_upgraded = true;
-    // The agent speaks once the server has said hello.
-    send(QJsonObject{{QStringLiteral("type"), QStringLiteral("agent.hello")}});
+    // As the relay does, or as a server that knows only the agent protocol.
+    if (m_plain) {
+        send(QJsonObject{{QStringLiteral("type"), QStringLiteral("agent.hello")}});
+    } else {
+        send(ServerFeatures::all().hello());
+    }
     return true;
 }
 
@@ -134,7 +142,7 @@ void LoopbackCounter::parseFrames()
     while (m_reader.next(m_buffer, m_offset, message) == relay::ws::FrameReader::Result::Message)
         handleFrame(message.opcode, message.payload.data(), message.payload.size());
     // Confirms what it read, as the relay does, so that the agent lets go of it.
-    if (m_nextSeq - 1 > m_acked) {
+    if (!m_plain && m_nextSeq - 1 > m_acked) {
         m_acked = m_nextSeq - 1;
         send(QJsonObject{{QStringLiteral("type"), QStringLiteral("agent.ack")},
                          {QStringLiteral("payload"), QJsonObject{{QStringLiteral("seq"), m_acked}}}});
@@ -146,14 +154,18 @@ void LoopbackCounter::handleFrame(int opcode, const char* payload, qsizetype siz
     ++m_frames;
     if (opcode != 1)
         return;
-    if (m_nextSeq == 0) {
-        // The first message announces the seqs.
-        m_nextSeq =
-            QJsonDocument::fromJson(QByteArray(payload, size)).object().value(QStringLiteral("next")).toInteger();
-        m_acked = m_nextSeq - 1;
+    if (!m_plain && m_nextSeq == 0) {
+        // The register the agent opens with comes again in its numbered stream, which
+        // "agent.stream" announces.
+        const QJsonObject first = QJsonDocument::fromJson(QByteArray(payload, size)).object();
+        if (first.value(QStringLiteral("type")).toString() == QLatin1String("agent.stream")) {
+            m_nextSeq = first.value(QStringLiteral("next")).toInteger();
+            m_acked = m_nextSeq - 1;
+        }
         return;
     }
-    ++m_nextSeq;
+    if (!m_plain)
+        ++m_nextSeq;
     // Keys are written in sorted order, so the type is at the end of a log frame.
     const qsizetype markerSize = qsizetype(sizeof kLogMarker) - 1;
     if (size > markerSize + 1 && std::memcmp(payload + size - 1 - markerSize, kLogMarker, size_t(markerSize)) == 0) {

@@ -19,7 +19,9 @@ namespace brinmoor::bench {
 // protocol to accept one agent, unmasks frames in place and counts "task.log" lines
 // without parsing them as JSON, so that it stays much faster than what it measures.
 // It can read slowly (a byte budget per second) to exercise the agent's back-pressure.
-// Like the relay, it says hello first and confirms what it has read.
+// Like the relay, it announces the relay's extensions in its hello and confirms what it
+// has read; or, set plain, it says a bare hello and confirms nothing, as a server that
+// knows only the agent protocol.
 class LoopbackCounter : public QObject {
     Q_OBJECT
 
@@ -34,6 +36,8 @@ public:
     void throttle(qint64 bytesPerSecond, qint64 untilMs);
 
     void send(const QJsonObject& message);
+    // Before listen(): speak only the agent protocol.
+    void setPlain(bool plain) { m_plain = plain; }
 
     qint64 logLines() const { return m_logLines; }
     qint64 logTextBytes() const { return m_logTextBytes; }
@@ -66,6 +70,7 @@ private:
     qint64 m_logLines = 0;
     qint64 m_logTextBytes = 0;
     qint64 m_frames = 0;
+    bool m_plain = false;
     qint64 m_nextSeq = 0; // the seq of the agent's next message
     qint64 m_acked = 0;
     qint64 m_bytesRead = 0;

@@ -58,7 +58,9 @@ int main(int argc, char** argv)
         QCoreApplication::exit(0);
     });
     diag(QStringLiteral("listening port=") + QString::number(server.port()));
-    if (settings.tls)
+    if (settings.tls) {
         logEvent("tls.on", {{"expires", expiryText(*settings.tls)}});
+        warnWhenExpiringSoon(*settings.tls);
+    }
     return QCoreApplication::exec();
 }

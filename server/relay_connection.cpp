@@ -244,6 +244,7 @@ void RelayConnection::readFrames()
         case ws::Text:
         case ws::Binary: m_handler.messageReceived(*this, message.payload); break;
         case ws::Ping: sendFrame(ws::frame(ws::Pong, message.payload)); break;
+        case ws::Pong: m_handler.pongReceived(*this, message.payload); break;
         case ws::Close: {
             // Answer with the peer's own code where it may be sent back, then let the socket go.
             const quint16 code = message.payload.size() >= 2

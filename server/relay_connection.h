@@ -39,6 +39,13 @@ public:
     virtual void bodyReceived(RelayConnection& connection, const HttpRequest& request, const QByteArray& body) = 0;
     // One text or binary message on an upgraded connection.
     virtual void messageReceived(RelayConnection& connection, QByteArrayView payload) = 0;
+    // The peer's answer to a ping (see RelayConnection::ping), in its place among the
+    // messages.
+    virtual void pongReceived(RelayConnection& connection, QByteArrayView payload)
+    {
+        Q_UNUSED(connection);
+        Q_UNUSED(payload);
+    }
     // Called once when the connection is closing or gone; only connectionReleased follows.
     virtual void connectionClosed(RelayConnection& connection) = 0;
     // The socket is let go; the connection is deleted soon after.

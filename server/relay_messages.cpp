@@ -1,5 +1,6 @@
 #include "relay_messages.h"
 
+#include "protocol/server_features.h"
 #include <QJsonArray>
 #include <QJsonDocument>
 
@@ -64,9 +65,9 @@ QByteArray serverHello(const QList<AgentRecord>& agents)
 
 QByteArray agentHello(qint64 seq)
 {
-    QJsonObject message = typed("agent.hello");
-    message.insert(QStringLiteral("payload"), QJsonObject{{QStringLiteral("seq"), seq}});
-    return json(message);
+    ServerFeatures features = ServerFeatures::all();
+    features.serverHas = seq;
+    return json(features.hello());
 }
 
 QByteArray agentAck(qint64 seq)

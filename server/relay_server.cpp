@@ -20,6 +20,8 @@ namespace brinmoor::relay {
 namespace {
 
 constexpr quint16 kReplacedCloseCode = 4000;
+// The ping after an agent's hello, whose pong ends the agent's prelude.
+const QByteArray kLearnPing = QByteArrayLiteral("brinmoor.learn");
 constexpr int kListenBacklog = 512;
 // After the kernel refuses an accept (out of files), accepting resumes a little later.
 constexpr int kAcceptRetryMs = 1'000;
@@ -209,6 +211,7 @@ void RelayServer::reloadTls()
     const QSslConfiguration& configuration = std::get<QSslConfiguration>(loaded);
     m_listener->setTlsConfiguration(configuration);
     logEvent("tls.reloaded", {{"expires", expiryText(configuration)}});
+    warnWhenExpiringSoon(configuration);
 }
 
 void RelayServer::reportStoppedWhenEmpty()
@@ -413,6 +416,10 @@ void RelayServer::acceptAgent(RelayConnection& connection, const HttpRequest& re
     m_agentIds.insert(&connection, agentId);
     connection.upgrade(RelayConnection::Role::Agent, request.header("sec-websocket-key"), {});
     connection.sendText(RelayMessages::agentHello(agent.history->log.headSeq()));
+    // The agent's first message (its register) crosses the hello. An agent that takes up
+    // the announcement says "agent.stream" in answer, before its pong of this ping; one
+    // that does not has its messages numbered here, from its pong on.
+    connection.sendFrame(ws::frame(ws::Ping, kLearnPing));
     // The readers that pace its terminals hold them back again.
     for (const TerminalFlow::Window& window : m_terminalFlow.windowsOf(agentId))
         tellAgentWindow(window);
@@ -479,6 +486,32 @@ void RelayServer::receiveApproval(RelayConnection& connection, const QByteArray&
     broadcastText(RelayMessages::permissionRequest(request));
 }
 
+void RelayServer::pongReceived(RelayConnection& connection, QByteArrayView payload)
+{
+    if (connection.role() != RelayConnection::Role::Agent || payload != kLearnPing)
+        return;
+    const auto id = m_agentIds.constFind(&connection);
+    if (id == m_agentIds.constEnd())
+        return;
+    const auto agent = m_agents.find(*id);
+    if (agent != m_agents.end() && agent->learning)
+        endPrelude(*agent);
+}
+
+void RelayServer::endPrelude(Agent& agent)
+{
+    agent.learning = false;
+    const QList<QByteArray> prelude = std::exchange(agent.prelude, {});
+    const QString agentId = agent.agentId;
+    for (const QByteArray& message : prelude) {
+        // A message may drop the agent (it may not, today); look it up again each time.
+        const auto found = m_agents.find(agentId);
+        if (found == m_agents.end())
+            return;
+        agentMessage(*found, message);
+    }
+}
+
 void RelayServer::messageReceived(RelayConnection& connection, QByteArrayView payload)
 {
     if (connection.role() == RelayConnection::Role::Client) {
@@ -533,7 +566,18 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
         if (document.isObject() && document.object().value(QStringLiteral("type")).isString())
             parsed = document.object();
     }
-    if (parsed && parsed->value(QStringLiteral("type")).toString() == QLatin1String("agent.stream")) {
+    const bool announces = parsed && parsed->value(QStringLiteral("type")).toString() == QLatin1String("agent.stream");
+    if (agent.learning) {
+        if (!announces) {
+            agent.prelude.append(payload.toByteArray());
+            return;
+        }
+        // The agent numbers its messages: what it said before (its register, sent before it
+        // read the hello) comes again in its numbered stream.
+        agent.learning = false;
+        agent.prelude.clear();
+    }
+    if (announces) {
         // The agent numbers its messages itself: seqs outlive the server.
         const qint64 first = wholeNumber(parsed->value(QStringLiteral("first")));
         const qint64 next = wholeNumber(parsed->value(QStringLiteral("next")));

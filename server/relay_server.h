@@ -80,6 +80,10 @@ private:
         qint64 acked = 0;       // the seq last confirmed to the agent
         bool ackScheduled = false;
         AgentHistory* history = nullptr; // kept while the agent is connected
+        // Until the agent says whether it numbers its messages ("agent.stream") or its
+        // pong says it will not, what it sends waits here.
+        bool learning = true;
+        QList<QByteArray> prelude;
     };
     // What outlives an agent's connections: its recent messages, its present and its
     // registration.
@@ -93,6 +97,7 @@ private:
     void requestReceived(RelayConnection& connection, const HttpRequest& request) override;
     void bodyReceived(RelayConnection& connection, const HttpRequest& request, const QByteArray& body) override;
     void messageReceived(RelayConnection& connection, QByteArrayView payload) override;
+    void pongReceived(RelayConnection& connection, QByteArrayView payload) override;
     void connectionClosed(RelayConnection& connection) override;
     void connectionReleased(RelayConnection& connection) override;
 
@@ -114,6 +119,8 @@ private:
     // server makes for an agent that does not.
     void startStream(Agent& agent, qint64 first, qint64 next);
     void agentMessage(Agent& agent, QByteArrayView payload);
+    // The agent does not number its messages: what it said so far is numbered here.
+    void endPrelude(Agent& agent);
     void observeAgentMessage(Agent& agent, AgentHistory& history, const QJsonObject& message);
     void scheduleAck(Agent& agent);
     void deliver(const QString& agentId, AgentHistory& history, qint64 seq, const QByteArray& frame);

@@ -1,5 +1,7 @@
 #include "tls_context.h"
 
+#include "relay_log.h"
+
 #include <QFile>
 #include <QSslCertificate>
 #include <QSslKey>
@@ -13,6 +15,11 @@ namespace brinmoor::relay {
 namespace {
 
 constexpr int kMinimumRsaBits = 2048;
+
+QString isoText(const QDateTime& time)
+{
+    return time.toUTC().toString(Qt::ISODate);
+}
 
 std::variant<QByteArray, QString> readFile(const char* variable, const QString& path)
 {
@@ -64,7 +71,7 @@ bool opensslTakesThePair(const QSslConfiguration& configuration)
 
 } // namespace
 
-std::variant<QSslConfiguration, QString> loadTlsConfiguration(const TlsFiles& files)
+std::variant<QSslConfiguration, QString> loadTlsConfiguration(const TlsFiles& files, const QDateTime& now)
 {
     if (files.key.isEmpty())
         return QStringLiteral("BRINMOOR_TLS_CERT is set but BRINMOOR_TLS_KEY is not");
@@ -77,6 +84,15 @@ std::variant<QSslConfiguration, QString> loadTlsConfiguration(const TlsFiles& fi
     const QList<QSslCertificate> chain = QSslCertificate::fromData(std::get<QByteArray>(certificateText), QSsl::Pem);
     if (chain.isEmpty() || chain.first().isNull())
         return QStringLiteral("BRINMOOR_TLS_CERT holds no PEM certificate: ") + files.certificate;
+    // Browsers and phones refuse such a certificate: better said once here than by every
+    // client.
+    const QSslCertificate& served = chain.first();
+    if (served.expiryDate() < now)
+        return QStringLiteral("BRINMOOR_TLS_CERT expired on ") + isoText(served.expiryDate()) + QStringLiteral(": ") +
+               files.certificate;
+    if (served.effectiveDate() > now)
+        return QStringLiteral("BRINMOOR_TLS_CERT is not valid before ") + isoText(served.effectiveDate()) +
+               QStringLiteral(": ") + files.certificate;
 
     const auto keyText = readFile("BRINMOOR_TLS_KEY", files.key);
     if (const QString* problem = std::get_if<QString>(&keyText))
@@ -113,7 +129,27 @@ QString expiryText(const QSslConfiguration& configuration)
     const QList<QSslCertificate> chain = configuration.localCertificateChain();
     if (chain.isEmpty())
         return {};
-    return chain.first().expiryDate().toUTC().toString(Qt::ISODate);
+    return isoText(chain.first().expiryDate());
+}
+
+std::optional<qint64> daysLeftWhenExpiringSoon(const QSslConfiguration& configuration, const QDateTime& now)
+{
+    constexpr qint64 kSoonDays = 14;
+    constexpr qint64 kDaySeconds = 24 * 60 * 60;
+    const QList<QSslCertificate> chain = configuration.localCertificateChain();
+    if (chain.isEmpty())
+        return std::nullopt;
+    const qint64 seconds = now.secsTo(chain.first().expiryDate());
+    const qint64 days = (std::max<qint64>(seconds, 0) + kDaySeconds - 1) / kDaySeconds;
+    if (days > kSoonDays)
+        return std::nullopt;
+    return days;
+}
+
+void warnWhenExpiringSoon(const QSslConfiguration& configuration)
+{
+    if (const std::optional<qint64> days = daysLeftWhenExpiringSoon(configuration))
+        logEvent("tls.expires.soon", {{"expires", expiryText(configuration)}, {"days", QString::number(*days)}});
 }
 
 } // namespace brinmoor::relay

@@ -3,6 +3,7 @@
 #include "agent/server_certificate.h"
 #include "base/diag.h"
 #include "config/settings_store.h"
+#include "protocol/agent_command.h"
 #include "protocol/messages.h"
 #include "terminal/terminal_session_manager.h"
 
@@ -20,6 +21,10 @@
 namespace brinmoor {
 
 namespace {
+
+// The ping sent after the register: a server that has said nothing by its pong knows
+// only the agent protocol (our relay's hello is on its way before its pong).
+const QByteArray kLearnPing = QByteArrayLiteral("brinmoor.learn");
 
 // A list as the log shows it: ["a", "b"].
 QString describeList(const QStringList& items)
@@ -135,9 +140,11 @@ void AgentRuntime::stop()
         m_socket = nullptr;
     }
     m_connected = false;
-    m_awaitingHello = false;
+    m_learning = false;
     m_outbox.close();
-    startDisconnectGrace();
+    // A running task's process is left alone; with our relay only for the grace time.
+    if (m_features.grace)
+        startDisconnectGrace();
     // The conversations are on disk, whatever comes next.
     m_chatSessions.flush();
     reportStatus(QStringLiteral("Stopped"));
@@ -148,7 +155,7 @@ void AgentRuntime::discardSocket()
     m_connectTimeout.stop();
     m_heartbeatTimer.stop();
     m_connected = false;
-    m_awaitingHello = false;
+    m_learning = false;
     m_outbox.close();
     // The paces were the clients of that connection.
     if (m_terminalSessionManager)
@@ -195,10 +202,11 @@ void AgentRuntime::attemptConnect()
             [this](QAbstractSocket::SocketError) { onSocketLost(socketErrorText()); });
     connect(socket, &QWebSocket::textMessageReceived, this, [this](const QString& text) { onFrame(text.toUtf8()); });
     connect(socket, &QWebSocket::binaryMessageReceived, this, &AgentRuntime::onFrame);
-    connect(socket, &QWebSocket::bytesWritten, this, [this] {
-        if (m_socket)
-            m_flow.update(m_socket->bytesToWrite());
+    connect(socket, &QWebSocket::pong, this, [this](quint64, const QByteArray& payload) {
+        if (m_learning && payload == kLearnPing)
+            speakPlain();
     });
+    connect(socket, &QWebSocket::bytesWritten, this, &AgentRuntime::updateFlow);
     m_connectTimeout.start();
     socket->open(request);
 }
@@ -266,30 +274,75 @@ QString AgentRuntime::socketErrorText() const
 
 void AgentRuntime::onConnected()
 {
-    // The server's hello comes first, with what it has of this agent; the time-out
-    // runs until it does.
+    m_connectTimeout.stop();
     m_connected = true;
-    m_awaitingHello = true;
+    m_learning = true;
+    m_outbox.wait();
     m_flow.update(0);
     const ConnectionSettings settings = loadConnectionSettings();
     reportStatus(QStringLiteral("Connected as ") + settings.agentId);
     diag(QStringLiteral("connected serverURL=") + m_socketURL.toString() + QStringLiteral(" agentId=") +
          settings.agentId);
+    // The first frame on every connection, whatever the server says first.
+    writeText(QString::fromUtf8(QJsonDocument(registerMessage()).toJson(QJsonDocument::Compact)));
+    if (m_socket)
+        m_socket->ping(kLearnPing);
     m_heartbeatTimer.start();
 }
 
-void AgentRuntime::onHello(qint64 serverHas)
+void AgentRuntime::learnServer(const AgentCommand& command)
 {
-    if (!m_awaitingHello)
+    if (!m_learning)
         return;
-    m_awaitingHello = false;
-    m_connectTimeout.stop();
+    if (command.type == QLatin1String("agent.hello")) {
+        if (const std::optional<ServerFeatures> features = ServerFeatures::fromHello(command)) {
+            speakExtended(*features);
+            return;
+        }
+    }
+    speakPlain();
+}
+
+void AgentRuntime::speakExtended(const ServerFeatures& features)
+{
+    m_learning = false;
+    const bool hadGrace = m_features.grace;
+    m_features = features;
+    diag(QStringLiteral("server.extensions features=") + features.named().join(QLatin1Char(',')) +
+         QStringLiteral(" seq=") + QString::number(features.serverHas));
     m_disconnectGrace.stop();
-    m_outbox.open(serverHas, [this](const QString& text) { writeText(text); });
+    const auto writer = [this](const QString& text) { writeText(text); };
+    if (features.seq)
+        m_outbox.open(features.serverHas, writer, features.ack);
+    else
+        m_outbox.openPlain(writer);
+    if (hadGrace && !features.grace && currentTaskId())
+        stopRunningProcessIfAny(false);
+    if (m_terminalSessionManager) {
+        m_terminalSessionManager->setExtended(features.pacing);
+        if (features.pacing)
+            m_terminalSessionManager->countOutputAsRendered();
+    }
+    // The register that opened the connection came before the numbered stream.
+    if (features.seq)
+        sendRegisterMessage();
+    if (features.state)
+        sendAgentState();
+}
+
+void AgentRuntime::speakPlain()
+{
+    m_learning = false;
+    const bool hadGrace = m_features.grace;
+    m_features = ServerFeatures();
+    m_disconnectGrace.stop();
+    m_outbox.openPlain([this](const QString& text) { writeText(text); });
     if (m_terminalSessionManager)
-        m_terminalSessionManager->countOutputAsRendered();
-    sendRegisterMessage();
-    sendAgentState();
+        m_terminalSessionManager->setExtended(false);
+    // A task that outlived the lost connection to our relay: this server would have
+    // had it stopped with the connection.
+    if (hadGrace && currentTaskId())
+        stopRunningProcessIfAny(false);
 }
 
 void AgentRuntime::onSocketLost(const QString& error)
@@ -302,8 +355,13 @@ void AgentRuntime::onSocketLost(const QString& error)
         return;
     }
     reportStatus(QStringLiteral("Disconnected: ") + error);
-    // The task runs on; what it says waits for the next connection.
-    startDisconnectGrace();
+    if (m_features.grace) {
+        // The task runs on; what it says waits for the next connection.
+        startDisconnectGrace();
+    } else {
+        // The running task goes with the connection, before the agent connects again.
+        stopRunningProcessIfAny(false);
+    }
     start();
 }
 
@@ -329,6 +387,16 @@ void AgentRuntime::onFrame(const QByteArray& data)
     QString error;
     if (!handleCommandData(data, &error))
         onSocketLost(error);
+}
+
+void AgentRuntime::updateFlow()
+{
+    if (!m_socket)
+        return;
+    // What the server has not confirmed includes what waits in the socket: with a server
+    // that confirms, the producers stop reading when the agent is a window ahead of it.
+    constexpr qint64 kScale = OutgoingFlow::kHighWaterBytes / Outbox::kUnconfirmedWindowBytes;
+    m_flow.update(std::max(m_socket->bytesToWrite(), m_outbox.keeps() ? m_outbox.unconfirmedBytes() * kScale : 0));
 }
 
 void AgentRuntime::onHeartbeat()
@@ -367,18 +435,20 @@ void AgentRuntime::writeText(const QString& text)
                                                                              : m_socket->errorString();
         diag(QStringLiteral("sendJSON failed error=") + error + QStringLiteral(" payload=") + text);
         reportStatus(QStringLiteral("Send failed: ") + error);
-        // The server counts what arrives: a message that did not leave is sent again,
-        // in its place, on a new connection.
-        QMetaObject::invokeMethod(
-            this,
-            [this, error] {
-                if (m_outbox.isOpen())
-                    onSocketLost(error);
-            },
-            Qt::QueuedConnection);
+        // Our relay counts what arrives: a message that did not leave is sent again, in
+        // its place, on a new connection. Any other server just misses it.
+        if (m_outbox.keeps() && m_outbox.isOpen()) {
+            QMetaObject::invokeMethod(
+                this,
+                [this, error] {
+                    if (m_outbox.isOpen())
+                        onSocketLost(error);
+                },
+                Qt::QueuedConnection);
+        }
         return;
     }
-    m_flow.update(m_socket->bytesToWrite());
+    updateFlow();
 }
 
 void AgentRuntime::sendAgentState()
@@ -398,13 +468,18 @@ void AgentRuntime::sendAgentState()
                                                            : QList<Messages::StateTerminal>()));
 }
 
-void AgentRuntime::sendRegisterMessage()
+QJsonObject AgentRuntime::registerMessage() const
 {
     const AgentProfile profile = loadProfile();
     diag(QStringLiteral("register profile=") + profile.profileId + QStringLiteral(" actions=") +
          describeList(profile.actions) + QStringLiteral(" projects=") + describeList(profile.projects));
-    sendJSON(Messages::agentRegister({profile.profileId, profile.projects, profile.createProjectRoot, profile.actions,
-                                      profile.buildTemplate, profile.repoRoot}));
+    return Messages::agentRegister({profile.profileId, profile.projects, profile.createProjectRoot, profile.actions,
+                                    profile.buildTemplate, profile.repoRoot});
+}
+
+void AgentRuntime::sendRegisterMessage()
+{
+    sendJSON(registerMessage());
 }
 
 void AgentRuntime::reloadConfiguration()
@@ -419,6 +494,7 @@ TerminalSessionManager& AgentRuntime::terminalSessionManager()
                                                               [this](const QJsonObject& event) { sendJSON(event); },
                                                               [](const QString& line) { diag(line); }, &m_flow, this);
         m_terminalSessionManager->sendSerialized = [this](const QString& json) { sendTerminalOutput(json); };
+        m_terminalSessionManager->setExtended(m_features.pacing);
     }
     return *m_terminalSessionManager;
 }

@@ -10,6 +10,7 @@
 #include "execution/process_runner.h"
 #include "execution/task_host.h"
 #include "protocol/messages.h"
+#include "protocol/server_features.h"
 
 #include <QJsonObject>
 #include <QObject>
@@ -39,7 +40,7 @@ struct TaskAssignment;
 std::optional<QUrl> agentSocketURL(const QString& serverURL, const QString& agentId);
 
 // The connection's clock: a heartbeat every 5 s while a task runs, a new attempt 3 s
-// after a failed connect, and 60 s for the server to answer. Tests run it faster.
+// after a failed connect, and 60 s for the socket to open. Tests run it faster.
 struct ConnectionIntervals {
     int heartbeatMilliseconds = 5000;
     int reconnectMilliseconds = 3000;
@@ -48,10 +49,15 @@ struct ConnectionIntervals {
 
 // The agent's core: the WebSocket connection to the server (register, heartbeat,
 // receive, reconnect), command dispatch, and the state of the one task that may run.
-// It is the host of that task (send, status, approvals, settings). A task outlives a
-// lost connection: what it says waits in the outbox until a server listens again, and
-// only a connection lost for longer than the grace time stops it. Everything runs on
-// the thread's event loop, which serialises all access.
+// It is the host of that task (send, status, approvals, settings).
+//
+// It speaks the agent protocol to any server: its first frame on every connection is
+// "agent.register", and a lost connection stops the running task before it reconnects.
+// Our relay's extensions start only when the server's hello announces them (see
+// ServerFeatures): then a task outlives a lost connection, what it says waits in the
+// outbox until a server listens again, and only a connection lost for longer than the
+// grace time stops it. Everything runs on the thread's event loop, which serialises all
+// access.
 class AgentRuntime : public QObject, public TaskHost {
     Q_OBJECT
 
@@ -80,6 +86,9 @@ public:
     std::function<void(const QString&)> onStatus;
     // What waits for the server, and what it has not confirmed.
     const Outbox& outbox() const { return m_outbox; }
+    // What the server of the newest connection that said what it is offers beyond the
+    // agent protocol (nothing for a server that knows only the agent protocol).
+    const ServerFeatures& serverFeatures() const { return m_features; }
 
     // --- dispatch ---
     // Decodes and routes one frame; false (with the reason) when it does not decode,
@@ -127,10 +136,19 @@ private:
     bool presentsPinnedCertificate() const;
     void refuseCertificate(const QString& reason);
     void onFrame(const QByteArray& data);
-    // The server said hello: the outbox opens, the agent registers and restates itself.
-    void onHello(qint64 serverHas);
+    // The first frame of a connection's server, or its pong, tells what it is.
+    void learnServer(const AgentCommand& command);
+    // Our relay announced its extensions: the outbox opens, the agent registers in its
+    // numbered stream and restates itself.
+    void speakExtended(const ServerFeatures& features);
+    // A server that knows only the agent protocol.
+    void speakPlain();
     void onHeartbeat();
+    QJsonObject registerMessage() const;
     void writeText(const QString& text);
+    // The producers of output read while what waits for the socket, and (for a server
+    // that confirms) what it has not confirmed, is under the flow's high-water mark.
+    void updateFlow();
     // Restates what the agent runs, for a server that may have started since.
     void sendAgentState();
     void startDisconnectGrace();
@@ -155,7 +173,9 @@ private:
     QTimer m_connectTimeout;
     QTimer m_heartbeatTimer;
     QTimer m_disconnectGrace;
-    bool m_awaitingHello = false;
+    // The server of this connection has not said yet what it is.
+    bool m_learning = false;
+    ServerFeatures m_features;
     OutgoingFlow m_flow;
     Outbox m_outbox;
     // What the agent restates of its task: kind and project from its "task.assign", and

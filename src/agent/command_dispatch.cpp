@@ -25,10 +25,14 @@ bool AgentRuntime::handleCommandData(const QByteArray& data, QString* error)
         return false;
     const AgentCommand& command = *decoded;
 
-    if (command.type == QLatin1String("agent.hello")) {
+    if (command.type == QLatin1String("agent.hello"))
         diag(QStringLiteral("received agent.hello"));
-        onHello(std::max<qint64>(command.intMember(QStringLiteral("seq")).value_or(0), 0));
-    } else if (command.type == QLatin1String("agent.ack") || command.type == QLatin1String("terminal.ack")) {
+    // The first frame from a connection's server says what it is.
+    learnServer(command);
+    if (command.type == QLatin1String("agent.hello")) {
+        // Nothing else: what it announced is learnt.
+    } else if ((command.type == QLatin1String("agent.ack") && m_features.ack) ||
+               (command.type == QLatin1String("terminal.ack") && m_features.pacing)) {
         handleServerCommand(command);
     } else if (command.type == QLatin1String("task.assign")) {
         handleTaskAssign(command);
@@ -54,8 +58,10 @@ void AgentRuntime::handleServerCommand(const AgentCommand& command)
     // The server's own word on the connection: what it has, and how far the clients that
     // pace a terminal have got.
     if (command.type == QLatin1String("agent.ack")) {
-        if (const std::optional<qint64> seq = command.intMember(QStringLiteral("seq")))
+        if (const std::optional<qint64> seq = command.intMember(QStringLiteral("seq"))) {
             m_outbox.acknowledge(*seq);
+            updateFlow();
+        }
         return;
     }
     const std::optional<QString> sessionId = command.stringMember(QStringLiteral("sessionId"));

@@ -3,8 +3,73 @@
 #include "protocol/messages.h"
 
 #include <QJsonDocument>
+#include <QStringEncoder>
 
 namespace brinmoor {
+
+void UnconfirmedMessages::append(qint64 seq, QStringView text)
+{
+    if (m_sizes.empty())
+        m_firstSeq = seq;
+    QStringEncoder encoder(QStringEncoder::Utf8);
+    const qsizetype most = encoder.requiredSpace(text.size());
+    if (m_blocks.empty() || m_blocks.back().size() + most > m_blocks.back().capacity()) {
+        m_blocks.emplace_back();
+        m_blocks.back().reserve(std::max(kBlockBytes, most));
+    }
+    QByteArray& block = m_blocks.back();
+    const qsizetype start = block.size();
+    // Within the capacity reserved: no reallocation.
+    block.resize(start + most);
+    char* end = encoder.appendToBuffer(block.data() + start, text);
+    block.resize(end - block.constData());
+    const qint32 size = qint32(block.size() - start);
+    m_sizes.push_back(size);
+    m_bytes += size;
+}
+
+void UnconfirmedMessages::confirm(qint64 seq)
+{
+    while (!m_sizes.empty() && m_firstSeq <= seq)
+        dropOldest();
+}
+
+void UnconfirmedMessages::dropOldest()
+{
+    if (m_sizes.empty())
+        return;
+    const qint32 size = m_sizes.front();
+    m_sizes.pop_front();
+    ++m_firstSeq;
+    m_bytes -= size;
+    m_begin += size;
+    if (m_begin >= m_blocks.front().size()) {
+        m_blocks.pop_front();
+        m_begin = 0;
+    }
+}
+
+void UnconfirmedMessages::clear()
+{
+    m_blocks.clear();
+    m_sizes.clear();
+    m_begin = 0;
+    m_bytes = 0;
+}
+
+void UnconfirmedMessages::forEach(const std::function<void(const QString&)>& visit) const
+{
+    auto block = m_blocks.begin();
+    qsizetype at = m_begin;
+    for (const qint32 size : m_sizes) {
+        if (at >= block->size()) {
+            ++block;
+            at = 0;
+        }
+        visit(QString::fromUtf8(block->constData() + at, size));
+        at += size;
+    }
+}
 
 Outbox::Outbox(qint64 firstSeq) : m_firstSeq(firstSeq), m_nextSeq(firstSeq) {}
 
@@ -29,15 +94,18 @@ qint64 Outbox::taskBytes(const QString& taskId) const
 
 void Outbox::add(const QString& text, const QString& taskId, Kind kind)
 {
-    if (!isOpen() && kind == Kind::TerminalOutput)
-        return;
-    Entry entry{text, taskId, kind, 0, false};
-    if (!taskId.isEmpty())
-        m_tasks[taskId].bytes += size(entry);
     if (isOpen()) {
-        write(std::move(entry));
+        write(text);
         return;
     }
+    const bool waiting = m_state == State::Waiting;
+    // With no socket, only a server that confirms would hear it, and terminal output
+    // has the session's replay.
+    if (m_state == State::Closed && (!m_keep || kind == Kind::TerminalOutput))
+        return;
+    Entry entry{text, taskId, kind, 0, false, waiting};
+    if (!taskId.isEmpty())
+        m_tasks[taskId].bytes += size(entry);
     const quint64 id = m_unsentBase + m_unsent.size();
     m_unsent.push_back(std::move(entry));
     if (taskId.isEmpty())
@@ -73,7 +141,34 @@ void Outbox::keepWithinBound(const QString& taskId)
     }
 }
 
-void Outbox::open(qint64 serverHas, std::function<void(const QString&)> writer)
+bool Outbox::takeUnsent(Entry& entry)
+{
+    entry = std::move(m_unsent.front());
+    const quint64 id = m_unsentBase++;
+    m_unsent.pop_front();
+    if (entry.dropped) {
+        --m_droppedCount;
+        return false;
+    }
+    if (!entry.taskId.isEmpty()) {
+        TaskShare& share = m_tasks[entry.taskId];
+        if (!share.lines.empty() && share.lines.front() == id)
+            share.lines.pop_front();
+        if (share.notice == id + 1) {
+            share.notice = 0;
+            share.dropped = 0;
+        }
+    }
+    return true;
+}
+
+void Outbox::wait()
+{
+    m_state = State::Waiting;
+    m_write = nullptr;
+}
+
+void Outbox::open(qint64 serverHas, Writer writer, bool confirms)
 {
     acknowledge(serverHas);
     // The server has messages of this agent id beyond ours (a clock set back, another
@@ -82,60 +177,74 @@ void Outbox::open(qint64 serverHas, std::function<void(const QString&)> writer)
         m_firstSeq = serverHas + 1;
         m_nextSeq = m_firstSeq;
     }
+    m_keep = confirms;
+    if (!confirms)
+        m_unconfirmed.clear();
+    m_state = State::Numbered;
     m_write = std::move(writer);
-    const qint64 next = m_unconfirmed.empty() ? m_nextSeq : m_unconfirmed.front().seq;
+    const qint64 next = m_unconfirmed.isEmpty() ? m_nextSeq : m_unconfirmed.firstSeq();
     m_write(QString::fromUtf8(QJsonDocument(Messages::agentStream(m_firstSeq, next)).toJson(QJsonDocument::Compact)));
-    for (const Entry& entry : m_unconfirmed)
-        m_write(entry.text);
-    while (!m_unsent.empty() && isOpen()) {
-        Entry entry = std::move(m_unsent.front());
-        const quint64 id = m_unsentBase++;
-        m_unsent.pop_front();
-        if (entry.dropped) {
-            --m_droppedCount;
-            continue;
+    m_unconfirmed.forEach(m_write);
+    while (!m_unsent.empty() && m_state == State::Numbered) {
+        Entry entry;
+        if (takeUnsent(entry)) {
+            forget(entry);
+            write(entry.text);
         }
-        if (!entry.taskId.isEmpty()) {
-            TaskShare& share = m_tasks[entry.taskId];
-            if (!share.lines.empty() && share.lines.front() == id)
-                share.lines.pop_front();
-            if (share.notice == id + 1) {
-                share.notice = 0;
-                share.dropped = 0;
-            }
-        }
-        write(std::move(entry));
     }
+}
+
+void Outbox::openPlain(Writer writer)
+{
+    m_keep = false;
+    m_unconfirmed.clear();
+    m_state = State::Plain;
+    m_write = std::move(writer);
+    // What waited from before this socket was for a server that confirms; what was said
+    // since it opened is this server's, once.
+    while (!m_unsent.empty() && m_state == State::Plain) {
+        Entry entry;
+        if (takeUnsent(entry) && entry.saidWhileOpen)
+            m_write(entry.text);
+    }
+    m_tasks.clear();
 }
 
 void Outbox::close()
 {
     m_write = nullptr;
+    if (m_state == State::Waiting && !m_keep) {
+        // Said for a socket whose server never said what it is: no server that
+        // confirms has been heard of, so nothing waits for one.
+        while (!m_unsent.empty()) {
+            Entry entry;
+            takeUnsent(entry);
+        }
+        m_tasks.clear();
+    }
+    m_state = State::Closed;
 }
 
-void Outbox::write(Entry entry)
+void Outbox::write(const QString& text)
 {
-    entry.seq = m_nextSeq++;
-    m_unconfirmedBytes += size(entry);
-    m_unconfirmed.push_back(entry);
-    m_write(entry.text);
-    while (m_unconfirmedBytes > kUnconfirmedBytes && !m_unconfirmed.empty()) {
-        release(m_unconfirmed.front());
-        m_unconfirmed.pop_front();
+    if (m_state == State::Numbered) {
+        const qint64 seq = m_nextSeq++;
+        if (m_keep) {
+            m_unconfirmed.append(seq, text);
+            while (m_unconfirmed.bytes() > kUnconfirmedBytes)
+                m_unconfirmed.dropOldest();
+        }
     }
+    m_write(text);
 }
 
 void Outbox::acknowledge(qint64 seq)
 {
-    while (!m_unconfirmed.empty() && m_unconfirmed.front().seq <= seq) {
-        release(m_unconfirmed.front());
-        m_unconfirmed.pop_front();
-    }
+    m_unconfirmed.confirm(seq);
 }
 
-void Outbox::release(const Entry& entry)
+void Outbox::forget(const Entry& entry)
 {
-    m_unconfirmedBytes -= size(entry);
     if (entry.taskId.isEmpty())
         return;
     const auto share = m_tasks.find(entry.taskId);

@@ -1,6 +1,7 @@
 #include "execution/tool_compatibility.h"
 
 #include "base/diag.h"
+#include "execution/child_process.h"
 #include "execution/execution_resolution.h"
 
 #include <QDateTime>
@@ -51,6 +52,8 @@ bool runToEnd(const QString& program, const QStringList& arguments, const QStrin
     process.setProgram(program);
     process.setArguments(arguments);
     process.setWorkingDirectory(workingDir);
+    // The login shell of the probe and the tool asked for its help are children too.
+    process.setProcessEnvironment(ChildProcess::childEnvironment());
     process.setStandardInputFile(QProcess::nullDevice());
     process.setProcessChannelMode(QProcess::MergedChannels);
     const QString described = QFileInfo(program).fileName() + QLatin1Char(' ') + arguments.join(QLatin1Char(' '));

@@ -138,6 +138,7 @@ ShellExecutionResult runShellBlocking(const QString& shell, const QString& worki
     process.setProgram(command.program);
     process.setArguments(command.arguments);
     process.setWorkingDirectory(workingDir);
+    process.setProcessEnvironment(ChildProcess::childEnvironment());
     process.setStandardInputFile(QProcess::nullDevice());
     process.start();
     // A command that cannot start reports 127, as a shell does, so callers that accept

@@ -47,12 +47,19 @@ private Q_SLOTS:
         QCOMPARE(reg.value(QStringLiteral("createProjectRoot")).toString(), QString());
         QCOMPARE(f.statuses, QStringList{QStringLiteral("Connected as test-agent")});
         const QString url = QStringLiteral("ws://127.0.0.1:%1/v1/ws/agent?agentId=test-agent").arg(f.server.port());
-        QCOMPARE(log.texts(),
-                 (QStringList{QStringLiteral("start requested"),
-                              QStringLiteral("connected serverURL=") + url + QStringLiteral(" agentId=test-agent"),
-                              QStringLiteral("received agent.hello"),
-                              QStringLiteral("register profile=ios-local actions=[\"build_ios\", \"ai_task\", "
-                                             "\"chat\", \"shell\", \"terminal_session\"] projects=[]")}));
+        // The register opens the connection, and comes again in the relay's numbered stream.
+        const QString registered = QStringLiteral("register profile=ios-local actions=[\"build_ios\", \"ai_task\", "
+                                                  "\"chat\", \"shell\", \"terminal_session\"] projects=[]");
+        QVERIFY(waitUntil([&] { return log.texts().size() >= 6; }));
+        QCOMPARE(
+            log.texts(),
+            (QStringList{QStringLiteral("start requested"),
+                         QStringLiteral("connected serverURL=") + url + QStringLiteral(" agentId=test-agent"),
+                         registered, QStringLiteral("received agent.hello"),
+                         QStringLiteral("server.extensions features=seq,ack,grace,state,pacing seq=0"), registered}));
+        QCOMPARE(f.server.preludes().size(), 1);
+        QCOMPARE(f.server.preludes().first(), reg);
+        QCOMPARE(f.server.streams().size(), 1);
     }
 
     void emptyTokenSendsNoAuthorizationHeader()

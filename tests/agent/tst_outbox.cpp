@@ -122,6 +122,73 @@ private Q_SLOTS:
         QVERIFY(total <= Outbox::kTaskBytes);
     }
 
+    void aPlainServerHearsEachMessageOnceAndNothingIsKept()
+    {
+        Outbox outbox(kFirst);
+        QStringList written;
+        // Said before any server was heard of: kept for a server that may confirm.
+        outbox.add("before", "t", Outbox::Kind::TaskLog);
+        outbox.wait();
+        outbox.add("while learning", "t", Outbox::Kind::TaskLog);
+        outbox.add("screen", QString(), Outbox::Kind::TerminalOutput);
+        QVERIFY(written.isEmpty());
+        outbox.openPlain([&](const QString& text) { written.append(text); });
+        // No "agent.stream", nothing from before the socket, what was said since once.
+        QCOMPARE(written, (QStringList{"while learning", "screen"}));
+        QVERIFY(!outbox.keeps());
+        outbox.add("live", "t", Outbox::Kind::TaskLog);
+        QCOMPARE(written.last(), QStringLiteral("live"));
+        QCOMPARE(outbox.unconfirmedCount(), 0);
+        QCOMPARE(outbox.unconfirmedBytes(), 0);
+        QCOMPARE(outbox.taskBytes("t"), 0);
+        // No socket: dropped, and not sent on the next connection either.
+        outbox.close();
+        outbox.add("lost", "t", Outbox::Kind::TaskLog);
+        QCOMPARE(outbox.unsentCount(), 0);
+        outbox.wait();
+        outbox.close();
+        outbox.wait();
+        written.clear();
+        outbox.openPlain([&](const QString& text) { written.append(text); });
+        QVERIFY(written.isEmpty());
+    }
+
+    void aServerThatNumbersWithoutConfirmingKeepsNothing()
+    {
+        Outbox outbox(kFirst);
+        QStringList written;
+        outbox.wait();
+        outbox.open(
+            0, [&](const QString& text) { written.append(text); }, false);
+        outbox.add("a", "t", Outbox::Kind::TaskLog);
+        QCOMPARE(written, (QStringList{stream(kFirst, kFirst), "a"}));
+        QCOMPARE(outbox.nextSeq(), kFirst + 1);
+        QCOMPARE(outbox.unconfirmedCount(), 0);
+        QCOMPARE(outbox.taskBytes("t"), 0);
+        outbox.close();
+        outbox.add("b");
+        QCOMPARE(outbox.unsentCount(), 0);
+    }
+
+    void aServerThatConfirmsAfterAPlainOneKeepsAgain()
+    {
+        Outbox outbox(kFirst);
+        QStringList written;
+        outbox.wait();
+        outbox.openPlain([&](const QString& text) { written.append(text); });
+        outbox.close();
+        outbox.wait();
+        outbox.add("learning");
+        written.clear();
+        outbox.open(0, [&](const QString& text) { written.append(text); });
+        QCOMPARE(written, (QStringList{stream(kFirst, kFirst), "learning"}));
+        QVERIFY(outbox.keeps());
+        QCOMPARE(outbox.unconfirmedCount(), 1);
+        outbox.close();
+        outbox.add("waits");
+        QCOMPARE(outbox.unsentCount(), 1);
+    }
+
     void tellsHowManyLinesWereDropped()
     {
         QCOMPARE(Outbox::droppedLinesText(1),
@@ -159,7 +226,27 @@ private Q_SLOTS:
         for (int i = 0; i < 300; ++i)
             outbox.add(chunk);
         QCOMPARE(writes, 301);
-        QCOMPARE(outbox.unconfirmedCount(), Outbox::kUnconfirmedBytes / memory(chunk));
+        // Kept as UTF-8: a byte a character here.
+        QCOMPARE(outbox.unconfirmedCount(), Outbox::kUnconfirmedBytes / chunk.size());
+        QCOMPARE(outbox.unconfirmedBytes(), Outbox::kUnconfirmedBytes);
+    }
+
+    void keepsWhatIsUnconfirmedAsItsUtf8()
+    {
+        Outbox outbox(kFirst);
+        QStringList written;
+        outbox.open(0, [&](const QString& text) { written.append(text); });
+        const QString text = QStringLiteral("{\"line\":\"gr\u00fc\u00dfe \U0001F600\"}");
+        outbox.add(text);
+        outbox.add(QStringLiteral("b"));
+        QCOMPARE(outbox.unconfirmedBytes(), text.toUtf8().size() + 1);
+        outbox.acknowledge(kFirst);
+        QCOMPARE(outbox.unconfirmedBytes(), 1);
+        outbox.add(text);
+        outbox.close();
+        written.clear();
+        outbox.open(0, [&](const QString& text) { written.append(text); });
+        QCOMPARE(written, (QStringList{stream(kFirst, kFirst + 1), QStringLiteral("b"), text}));
     }
 };
 

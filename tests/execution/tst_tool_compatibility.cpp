@@ -331,6 +331,43 @@ private Q_SLOTS:
                               QStringLiteral("task.log "), QStringLiteral("task.finished 0")}));
     }
 
+    void theProbesNeverSeeTheToken()
+    {
+        // Every zsh the agent starts reads $ZDOTDIR/.zshenv first: it notes whether it was
+        // given the token, and so does the tool asked for its help.
+        QTemporaryDir fake;
+        QTemporaryDir dotdir;
+        const QString seen = dotdir.path() + QStringLiteral("/seen");
+        test::writeFile(dotdir.path() + QStringLiteral("/.zshenv"),
+                        "print -r -- \"zsh ${BRINMOOR_SHARED_TOKEN:-none} ${BRINMOOR_TOKEN:-none}\" >> " +
+                            QFile::encodeName(seen) + "\n");
+        installCodexWhoseHelp(QStringLiteral("token"), fake.path(),
+                              "print -r -- \"help ${BRINMOOR_SHARED_TOKEN:-none} ${BRINMOOR_TOKEN:-none}\" >> " +
+                                  QFile::encodeName(seen));
+        // The probe finds codex on the login shell's PATH: by name, not by path.
+        const QByteArray dotdirBefore = qgetenv("ZDOTDIR");
+        qputenv("ZDOTDIR", QFile::encodeName(dotdir.path()));
+        qputenv("BRINMOOR_SHARED_TOKEN", "secret-in-the-agent");
+        qputenv("BRINMOOR_TOKEN", "secret-in-the-agent");
+        AgentFixture f;
+        QDir().mkpath(f.repo.path() + QStringLiteral("/App"));
+        QVERIFY(f.connect());
+        f.assign(QStringLiteral("p1"), plan(QStringLiteral("App")));
+        const bool finished = f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("p1")).has_value();
+        qunsetenv("BRINMOOR_SHARED_TOKEN");
+        qunsetenv("BRINMOOR_TOKEN");
+        if (dotdirBefore.isNull())
+            qunsetenv("ZDOTDIR");
+        else
+            qputenv("ZDOTDIR", dotdirBefore);
+        QVERIFY(finished);
+        const QStringList lines = QString::fromUtf8(test::readFile(seen)).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        // The probe's login shell, the help calls and the task's shell, each without it.
+        QVERIFY2(lines.count(QStringLiteral("zsh none none")) >= 2, qPrintable(lines.join('\n')));
+        QVERIFY2(lines.count(QStringLiteral("help none none")) >= 1, qPrintable(lines.join('\n')));
+        QVERIFY2(lines.filter(QStringLiteral("secret")).isEmpty(), qPrintable(lines.join('\n')));
+    }
+
     void aToolThatCannotBeAskedRunsTheCommandAsItIs()
     {
         QTemporaryDir fake;

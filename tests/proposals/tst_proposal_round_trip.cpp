@@ -15,17 +15,6 @@ using namespace brinmoor::test;
 
 namespace {
 
-QByteArray agentMessages(const QStringList& texts)
-{
-    QByteArray stream = R"({"type":"thread.started","thread_id":"th-p"})"
-                        "\n";
-    for (const QString& text : texts)
-        stream += R"({"type":"item.completed","item":{"type":"agent_message","text":")" + text.toUtf8() + "\"}}\n";
-    stream += R"({"type":"turn.completed"})"
-              "\n";
-    return stream;
-}
-
 const QString kExplanation = QStringLiteral("The greeting said hello; I changed it to bye in greeting.txt.");
 
 } // namespace
@@ -49,7 +38,7 @@ class TstProposalRoundTrip : public QObject {
         test::writeFile(project(f) + QStringLiteral("/keep.txt"), "same\n");
         // The fake codex edits the copy it runs in, and explains itself.
         write(QStringLiteral("codex.script"), "print bye > greeting.txt; mkdir -p build && print x > build/out.o\n");
-        write(QStringLiteral("codex.stream"), agentMessages({kExplanation}));
+        write(QStringLiteral("codex.stream"), codexAgentMessages({kExplanation}));
     }
 
     void assignApply(AgentFixture& f, const QString& taskId, const QString& approval = QStringLiteral("on_request"),
@@ -286,7 +275,7 @@ private Q_SLOTS:
         AgentFixture f;
         setUp(f);
         write(QStringLiteral("codex.stream"),
-              agentMessages({QStringLiteral("Proposed changes are ready for review.")}));
+              codexAgentMessages({QStringLiteral("Proposed changes are ready for review.")}));
         QVERIFY(f.connect());
         assignApply(f, QStringLiteral("p5"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("p5")));
@@ -303,7 +292,7 @@ private Q_SLOTS:
         setUp(f);
         write(QStringLiteral("codex.script"), "mkdir -p build && print x > build/out.o\n");
         write(QStringLiteral("codex.stream"),
-              agentMessages({QStringLiteral("Nothing needs to change: it already says hello.")}));
+              codexAgentMessages({QStringLiteral("Nothing needs to change: it already says hello.")}));
         QVERIFY(f.connect());
         assignApply(f, QStringLiteral("p6"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("p6")));
@@ -321,7 +310,7 @@ private Q_SLOTS:
         setUp(f);
         write(QStringLiteral("codex.script"), "");
         write(QStringLiteral("codex.stream"),
-              agentMessages({QStringLiteral("PROPOSED CHANGES ARE READY FOR REVIEW.")}));
+              codexAgentMessages({QStringLiteral("PROPOSED CHANGES ARE READY FOR REVIEW.")}));
         QVERIFY(f.connect());
         assignApply(f, QStringLiteral("p7"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("p7")));

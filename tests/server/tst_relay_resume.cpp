@@ -9,6 +9,7 @@
 
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QNetworkRequest>
 #include <QTcpSocket>
 #include <QTest>
 #include <QWebSocket>
@@ -121,6 +122,16 @@ private:
         if (!created || !agent.waitForType(QStringLiteral("task.assign")))
             return {};
         return created->value(QStringLiteral("taskId")).toString();
+    }
+
+    // Opens an agent's socket without waiting for anything, so that what the test
+    // connects to its signals speaks first.
+    void openRawAgent(QWebSocket& agent, const QString& agentId)
+    {
+        QNetworkRequest request(
+            QUrl(QStringLiteral("ws://127.0.0.1:%1/v1/ws/agent?agentId=").arg(m_relay->port) + agentId));
+        request.setRawHeader("Authorization", "Bearer " + m_relay->token.toUtf8());
+        agent.open(request);
     }
 
     static bool waitForLine(RelayClient& client, int n)
@@ -365,6 +376,55 @@ private Q_SLOTS:
         QCOMPARE(lines, all);
     }
 
+    void anAgentsOpeningRegisterIsHeardOnceInItsNumberedStream()
+    {
+        // As the agent does: the register as soon as the socket is open, "agent.stream"
+        // in answer to a hello that announces it, then the register again, numbered.
+        QVERIFY(startRelay());
+        RelayClient phone;
+        QVERIFY(phone.open(m_relay->port, m_relay->token));
+        QWebSocket agent;
+        const QString opening = QStringLiteral(R"({"type":"agent.register","profiles":["opening"]})");
+        QObject::connect(&agent, &QWebSocket::connected, &agent, [&] { agent.sendTextMessage(opening); });
+        QObject::connect(&agent, &QWebSocket::textMessageReceived, &agent, [&](const QString& text) {
+            if (!text.contains(QLatin1String("agent.hello")))
+                return;
+            agent.sendTextMessage(QStringLiteral(R"({"type":"agent.stream","first":500,"next":500})"));
+            agent.sendTextMessage(QStringLiteral(R"({"type":"agent.register","profiles":["numbered"]})"));
+        });
+        openRawAgent(agent, QStringLiteral("mac-1"));
+        const std::optional<QJsonObject> registered = phone.waitForType(QStringLiteral("agent.register"));
+        QVERIFY(registered);
+        QCOMPARE(*registered,
+                 json("{\"type\":\"agent.register\",\"agentId\":\"mac-1\",\"seq\":500,\"profiles\":[\"numbered\"]}"));
+        // A round trip later nothing else came: the opening register was not relayed.
+        agent.sendTextMessage(logLine(QStringLiteral("t"), 1));
+        QVERIFY(waitForLine(phone, 1));
+        QCOMPARE(phone.messages().size(), 4);
+        QCOMPARE(seqOf(phone.messages().last()), 501);
+    }
+
+    void anAgentThatDoesNotNumberIsHeardFromItsPongOn()
+    {
+        // An agent that knows only the agent protocol: its opening register is relayed,
+        // numbered by the relay, without its saying anything more.
+        QVERIFY(startRelay());
+        RelayClient phone;
+        QVERIFY(phone.open(m_relay->port, m_relay->token));
+        QWebSocket agent;
+        QObject::connect(&agent, &QWebSocket::connected, &agent, [&] {
+            agent.sendTextMessage(QStringLiteral(R"({"type":"agent.register","profiles":["plain"]})"));
+        });
+        openRawAgent(agent, QStringLiteral("mac-2"));
+        const std::optional<QJsonObject> registered = phone.waitForType(QStringLiteral("agent.register"));
+        QVERIFY(registered);
+        QCOMPARE(registered->value("profiles").toArray(), QJsonArray{QStringLiteral("plain")});
+        QVERIFY(seqOf(*registered) > 0);
+        agent.sendTextMessage(logLine(QStringLiteral("t"), 1));
+        QVERIFY(waitForLine(phone, 1));
+        QCOMPARE(seqOf(phone.messages().last()), seqOf(*registered) + 1);
+    }
+
     void theAgentHearsWhatArrivedAndNothingIsTakenTwice()
     {
         QVERIFY(startRelay());
@@ -372,7 +432,9 @@ private Q_SLOTS:
         QVERIFY(phone.open(m_relay->port, m_relay->token));
         RelayClient agent;
         QVERIFY(agent.openAgent(m_relay->port, QStringLiteral("mac-1"), m_relay->token, false));
-        QCOMPARE(agent.messages().first(), json("{\"type\":\"agent.hello\",\"payload\":{\"seq\":0}}"));
+        QCOMPARE(agent.messages().first(),
+                 json("{\"type\":\"agent.hello\",\"payload\":{\"seq\":0,\"features\":[\"seq\",\"ack\",\"grace\","
+                      "\"state\",\"pacing\"]}}"));
         agent.send(json("{\"type\":\"agent.stream\",\"first\":100,\"next\":100}"));
         for (int i = 1; i <= 3; ++i)
             agent.sendText(logLine(QStringLiteral("t"), i));
@@ -382,7 +444,9 @@ private Q_SLOTS:
         // The same agent again, before it heard all of that: the relay says what it has.
         RelayClient again;
         QVERIFY(again.openAgent(m_relay->port, QStringLiteral("mac-1"), m_relay->token, false));
-        QCOMPARE(again.messages().first(), json("{\"type\":\"agent.hello\",\"payload\":{\"seq\":102}}"));
+        QCOMPARE(again.messages().first(),
+                 json("{\"type\":\"agent.hello\",\"payload\":{\"seq\":102,\"features\":[\"seq\",\"ack\",\"grace\","
+                      "\"state\",\"pacing\"]}}"));
         again.send(json("{\"type\":\"agent.stream\",\"first\":100,\"next\":101}"));
         for (int i = 2; i <= 4; ++i)
             again.sendText(logLine(QStringLiteral("t"), i));

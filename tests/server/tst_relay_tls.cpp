@@ -8,6 +8,7 @@
 #include "test_certificate_authority.h"
 #include "websocket_client.h"
 
+#include <QDir>
 #include <QElapsedTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -51,6 +52,39 @@ QSslCertificate presentedCertificate(quint16 port, const QSslConfiguration& tls)
     const QSslCertificate certificate = socket.peerCertificate();
     socket.abort();
     return certificate;
+}
+
+// A self-signed certificate for localhost and its key, DIR/STEM.pem and DIR/STEM.key,
+// dated by `validity` (`openssl ca` options: "-startdate", "-enddate" as YYYYMMDDHHMMSSZ,
+// or "-days"), which `openssl req` cannot do.
+bool datedCertificate(const QString& dir, const QString& stem, const QStringList& validity)
+{
+    const QString ca = dir + QStringLiteral("/dated-") + stem;
+    if (!QDir().mkpath(ca))
+        return false;
+    writeFile(ca + QStringLiteral("/ca.cnf"), "[ca]\ndefault_ca = dated\n[dated]\ndatabase = index.txt\n"
+                                              "new_certs_dir = .\nserial = serial\ndefault_md = sha256\n"
+                                              "policy = any\nunique_subject = no\n[any]\ncommonName = supplied\n");
+    writeFile(ca + QStringLiteral("/index.txt"));
+    writeFile(ca + QStringLiteral("/serial"), "01\n");
+    const auto openssl = [&](const QStringList& arguments) {
+        QProcess process;
+        process.setWorkingDirectory(ca);
+        process.setProcessChannelMode(QProcess::MergedChannels);
+        process.start(QStringLiteral("openssl"), arguments);
+        return process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit &&
+               process.exitCode() == 0;
+    };
+    const QString key = dir + QLatin1Char('/') + stem + QStringLiteral(".key");
+    return openssl({QStringLiteral("req"), QStringLiteral("-new"), QStringLiteral("-newkey"), QStringLiteral("ec"),
+                    QStringLiteral("-pkeyopt"), QStringLiteral("ec_paramgen_curve:P-256"), QStringLiteral("-nodes"),
+                    QStringLiteral("-subj"), QStringLiteral("/CN=localhost"), QStringLiteral("-keyout"), key,
+                    QStringLiteral("-out"), QStringLiteral("request.csr")}) &&
+           openssl(QStringList{QStringLiteral("ca"), QStringLiteral("-batch"), QStringLiteral("-notext"),
+                               QStringLiteral("-config"), QStringLiteral("ca.cnf"), QStringLiteral("-selfsign"),
+                               QStringLiteral("-keyfile"), key, QStringLiteral("-in"), QStringLiteral("request.csr"),
+                               QStringLiteral("-out"), dir + QLatin1Char('/') + stem + QStringLiteral(".pem")} +
+                   validity);
 }
 
 } // namespace
@@ -314,6 +348,46 @@ private Q_SLOTS:
         QVERIFY(phone.isConnected() && agent.isConnected());
     }
 
+    void saysWhenTheCertificateExpiresSoonAndKeepsItsOwnOverAnExpiredOne()
+    {
+        QTemporaryDir dir;
+        QVERIFY(datedCertificate(dir.path(), QStringLiteral("soon"), {QStringLiteral("-days"), QStringLiteral("7")}));
+        const TestCertificateAuthority::Issued soon{dir.filePath(QStringLiteral("soon.pem")),
+                                                    dir.filePath(QStringLiteral("soon.key"))};
+        const QString expires =
+            QSslCertificate::fromPath(soon.certificate).first().expiryDate().toUTC().toString(Qt::ISODate);
+        QVERIFY(startRelay(soon));
+        QVERIFY(
+            m_relay->waitForLine(QStringLiteral("tls.expires.soon expires=") + expires + QStringLiteral(" days=7")));
+        m_relay.reset();
+
+        // A certificate valid for long says nothing of it; an expired one on SIGHUP is not
+        // taken.
+        QTemporaryDir live;
+        const TestCertificateAuthority::Issued files{live.filePath(QStringLiteral("cert.pem")),
+                                                     live.filePath(QStringLiteral("key.pem"))};
+        QVERIFY(QFile::copy(m_local.certificate, files.certificate));
+        QVERIFY(QFile::copy(m_local.key, files.key));
+        QVERIFY(startRelay(files));
+        QVERIFY(m_relay->waitForLine(
+            QStringLiteral("tls.on expires=") +
+            QSslCertificate::fromPath(m_local.certificate).first().expiryDate().toUTC().toString(Qt::ISODate)));
+        QVERIFY(datedCertificate(dir.path(), QStringLiteral("expired"),
+                                 {QStringLiteral("-startdate"), QStringLiteral("20200101000000Z"),
+                                  QStringLiteral("-enddate"), QStringLiteral("20200102000000Z")}));
+        QFile::remove(files.certificate);
+        QFile::remove(files.key);
+        QVERIFY(QFile::copy(dir.filePath(QStringLiteral("expired.pem")), files.certificate));
+        QVERIFY(QFile::copy(dir.filePath(QStringLiteral("expired.key")), files.key));
+        ::kill(pid_t(m_relay->process.processId()), SIGHUP);
+        QVERIFY(m_relay->waitForLine(QStringLiteral("tls.reload.failed reason=BRINMOOR_TLS_CERT expired on "
+                                                    "2020-01-02T00:00:00Z: ") +
+                                     files.certificate));
+        QCOMPARE(presentedCertificate(m_relay->port, m_ca->clientConfiguration()),
+                 QSslCertificate::fromPath(m_local.certificate).first());
+        QVERIFY(m_relay->lines().filter(QStringLiteral("tls.expires.soon")).isEmpty());
+    }
+
     void chromiumTakesTheCertificateByItsSpkiHash()
     {
         // What a browser test over HTTPS hands Chromium instead of an "ignore all errors"
@@ -399,6 +473,14 @@ private Q_SLOTS:
                                         << "weak.key"
                                         << "brinmoor-server: BRINMOOR_TLS_CERT holds an RSA key of 1024 bits; TLS "
                                            "here needs at least 2048: DIR/weak.pem";
+        QTest::newRow("an expired certificate")
+            << "expired.pem"
+            << "expired.key"
+            << "brinmoor-server: BRINMOOR_TLS_CERT expired on 2020-01-02T00:00:00Z: DIR/expired.pem";
+        QTest::newRow("a certificate not valid yet")
+            << "future.pem"
+            << "future.key"
+            << "brinmoor-server: BRINMOOR_TLS_CERT is not valid before 2099-01-01T00:00:00Z: DIR/future.pem";
         QTest::newRow("certificate alone") << "local.pem"
                                            << ""
                                            << "brinmoor-server: BRINMOOR_TLS_CERT is set but BRINMOOR_TLS_KEY is not";
@@ -434,6 +516,12 @@ private Q_SLOTS:
                      QStringLiteral("rsa:1024"), QStringLiteral("-nodes"), QStringLiteral("-subj"),
                      QStringLiteral("/CN=weak"), QStringLiteral("-keyout"), dir.filePath(QStringLiteral("weak.key")),
                      QStringLiteral("-out"), dir.filePath(QStringLiteral("weak.pem"))}));
+        QVERIFY(datedCertificate(dir.path(), QStringLiteral("expired"),
+                                 {QStringLiteral("-startdate"), QStringLiteral("20200101000000Z"),
+                                  QStringLiteral("-enddate"), QStringLiteral("20200102000000Z")}));
+        QVERIFY(datedCertificate(dir.path(), QStringLiteral("future"),
+                                 {QStringLiteral("-startdate"), QStringLiteral("20990101000000Z"),
+                                  QStringLiteral("-enddate"), QStringLiteral("20990201000000Z")}));
 
         const RelayRefusal refusal = runRefusedRelay(environment(
             {QStringLiteral("BRINMOOR_SHARED_TOKEN=t"), QStringLiteral("BRINMOOR_SERVER_BIND=127.0.0.1"),

@@ -1,5 +1,7 @@
 #include "support/loopback_server.h"
 
+#include "protocol/server_features.h"
+
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QDir>
@@ -65,8 +67,10 @@ void LoopbackServer::onNewConnection()
             socket->deleteLater();
         });
         m_nextSeq = 0;
-        send(QJsonObject{{QStringLiteral("type"), QStringLiteral("agent.hello")},
-                         {QStringLiteral("payload"), QJsonObject{{QStringLiteral("seq"), m_newestSeq}}}});
+        m_streaming = false;
+        ServerFeatures features = ServerFeatures::all();
+        features.serverHas = m_newestSeq;
+        send(features.hello());
         for (const QJsonObject& message : std::as_const(m_greeting))
             send(message);
     }
@@ -77,7 +81,12 @@ void LoopbackServer::onMessage(const QString& text)
     const QJsonObject message = QJsonDocument::fromJson(text.toUtf8()).object();
     if (message.value(QStringLiteral("type")).toString() == QLatin1String("agent.stream")) {
         m_streams.append(message);
+        m_streaming = true;
         m_nextSeq = message.value(QStringLiteral("next")).toInteger();
+        return;
+    }
+    if (!m_streaming) {
+        m_preludes.append(message);
         return;
     }
     const qint64 seq = m_nextSeq > 0 ? m_nextSeq++ : 0;

@@ -16,9 +16,10 @@ class QWebSocketServer;
 namespace brinmoor::test {
 
 // A real WebSocket server on 127.0.0.1 playing the relay server: it says hello with
-// the newest seq it has, records every message an agent sends with its seq (the
-// "agent.stream" announcements apart), confirms each one unless told not to, and can
-// send frames back.
+// the newest seq it has and the relay's extensions, records every message an agent sends
+// with its seq (the "agent.stream" announcements apart, and what the agent says before
+// it: its register, sent as the connection opened), confirms each one unless told not
+// to, and can send frames back.
 class LoopbackServer : public QObject {
     Q_OBJECT
 
@@ -39,6 +40,8 @@ public:
     const QList<qint64>& seqs() const { return m_seqs; }
     // The "agent.stream" announcements, one per connection.
     const QList<QJsonObject>& streams() const { return m_streams; }
+    // What each connection's agent said before its "agent.stream".
+    const QList<QJsonObject>& preludes() const { return m_preludes; }
     void clearMessages()
     {
         m_messages.clear();
@@ -83,6 +86,8 @@ private:
     QList<QJsonObject> m_messages;
     QList<qint64> m_seqs;
     QList<QJsonObject> m_streams;
+    QList<QJsonObject> m_preludes;
+    bool m_streaming = false; // the agent of this connection has said "agent.stream"
     qint64 m_nextSeq = 0;
     qint64 m_newestSeq = 0;
     bool m_acknowledging = true;

@@ -94,6 +94,17 @@ QStringList fakeToolArguments(const QString& fakeDir, const QString& tool, int c
     return arguments;
 }
 
+QByteArray codexAgentMessages(const QStringList& texts)
+{
+    QByteArray stream = R"({"type":"thread.started","thread_id":"th-p"})"
+                        "\n";
+    for (const QString& text : texts)
+        stream += R"({"type":"item.completed","item":{"type":"agent_message","text":")" + text.toUtf8() + "\"}}\n";
+    stream += R"({"type":"turn.completed"})"
+              "\n";
+    return stream;
+}
+
 namespace {
 
 int bytesWaiting(int fd)

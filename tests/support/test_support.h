@@ -66,4 +66,7 @@ QString fakeToolsDir();
 // The arguments the fake tool received on its N-th call (from 1).
 QStringList fakeToolArguments(const QString& fakeDir, const QString& tool, int call);
 
+// What `codex exec --json` prints for a turn whose agent messages are these texts.
+QByteArray codexAgentMessages(const QStringList& texts);
+
 } // namespace brinmoor::test

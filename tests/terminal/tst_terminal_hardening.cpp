@@ -168,17 +168,19 @@ private Q_SLOTS:
         const std::optional<QJsonObject> line = f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("r"));
         QVERIFY(login);
         QVERIFY(line);
-        // A server that did not ask for the relay's extensions is not told that the
-        // folder was missing.
+        // The fixture's relay announced its extensions, so it is told that the folder
+        // was missing.
         QCOMPARE(*login, (QJsonObject{{QStringLiteral("type"), QStringLiteral("terminal.opened")},
                                       {QStringLiteral("sessionId"), QStringLiteral("n")},
                                       {QStringLiteral("projectPath"), QStringLiteral("Nowhere")},
                                       {QStringLiteral("status"), QStringLiteral("running")},
-                                      {QStringLiteral("mode"), QStringLiteral("interactive")}}));
+                                      {QStringLiteral("mode"), QStringLiteral("interactive")},
+                                      {QStringLiteral("projectPathMissing"), true}}));
         QCOMPARE(*line, (QJsonObject{{QStringLiteral("type"), QStringLiteral("terminal.opened")},
                                      {QStringLiteral("sessionId"), QStringLiteral("r")},
                                      {QStringLiteral("projectPath"), QStringLiteral("/gone/away")},
-                                     {QStringLiteral("status"), QStringLiteral("running")}}));
+                                     {QStringLiteral("status"), QStringLiteral("running")},
+                                     {QStringLiteral("projectPathMissing"), true}}));
         // The line-mode greeting names the repository root.
         const std::optional<QJsonObject> greeting =
             f.waitForEvent(QStringLiteral("terminal.output"), QStringLiteral("r"));
@@ -233,6 +235,8 @@ private Q_SLOTS:
             [&](const QJsonObject& event) { events.append(event); }, [&](const QString& line) { lines.append(line); },
             nullptr);
         managerPointer = &manager;
+        // Until told otherwise, the manager speaks the plain protocol.
+        QVERIFY(!manager.isExtended());
         QDir().mkpath(repo.path() + QStringLiteral("/P"));
         manager.open(QStringLiteral("old"), QStringLiteral("P"), QString(), false, std::nullopt);
         QVERIFY(waitUntil([&] { return !manager.sessionIds().isEmpty() && !events.isEmpty(); }));
@@ -253,6 +257,10 @@ private Q_SLOTS:
             });
         }));
         QCOMPARE(manager.session(QStringLiteral("new"))->workingDir(), repo.path());
+        for (const QJsonObject& event : std::as_const(events)) {
+            QVERIFY(!event.contains(QStringLiteral("projectPathMissing")));
+            QVERIFY(!event.contains(QStringLiteral("offset")));
+        }
         QCOMPARE(manager.sessionIds(), QStringList{QStringLiteral("new")});
         manager.close(QStringLiteral("new"));
         QVERIFY(waitUntil([&] { return manager.sessionIds().isEmpty() && childProcesses().isEmpty(); }));

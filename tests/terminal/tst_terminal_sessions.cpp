@@ -263,8 +263,6 @@ private Q_SLOTS:
     void aSessionIsReadNoFurtherThanItsSlowestReaderAllows()
     {
         TerminalFixture f;
-        // Only a relay that announced its extensions is told the offsets it paces by.
-        f.runtime->terminalSessionManager().setExtended(true);
         QVERIFY(f.connect());
         f.open(QStringLiteral("p"), QStringLiteral("P"));
         QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("p")));
@@ -389,8 +387,10 @@ private Q_SLOTS:
         TerminalFixture f;
         QVERIFY(f.connect());
         TerminalSessionManager& manager = f.runtime->terminalSessionManager();
-        QVERIFY(!manager.isExtended());
-        // Plain: neither "projectPathMissing" nor "offset".
+        // The fixture's relay announced its extensions; the agent speaks plain to a
+        // server that did not, and then neither "projectPathMissing" nor "offset" goes out.
+        QVERIFY(manager.isExtended());
+        manager.setExtended(false);
         f.open(QStringLiteral("pm"), QStringLiteral("Missing"), QString(), {}, false);
         f.open(QStringLiteral("pi"), QStringLiteral("MissingToo"), QStringLiteral("interactive"), {}, false);
         const std::optional<QJsonObject> plainLine =
