@@ -3,20 +3,48 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QProcessEnvironment>
+#include <QStandardPaths>
 
 namespace brinmoor {
 
 namespace {
 
-QString runningExecutablePath()
+// The program's own file, links followed.
+QString realExecutablePath()
 {
     if (QCoreApplication::instance())
         return QCoreApplication::applicationFilePath();
     // Without an application object, Linux still knows the program through /proc.
-    const QString viaProc = QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath();
-    return viaProc;
+    return QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath();
+}
+
+// The program's first command-line argument, as whoever started it wrote it.
+QString firstArgument()
+{
+    if (QCoreApplication::instance())
+        return QCoreApplication::arguments().value(0);
+    QFile commandLine(QStringLiteral("/proc/self/cmdline"));
+    if (!commandLine.open(QIODevice::ReadOnly))
+        return QString();
+    const QByteArray arguments = commandLine.readAll();
+    return QFile::decodeName(arguments.left(arguments.indexOf('\0')));
+}
+
+QString invokedExecutablePath()
+{
+    const QString first = firstArgument();
+    if (first.isEmpty())
+        return realExecutablePath();
+    // A bare name was looked up on PATH by whoever started the program; the folder
+    // that lookup found is the program's, link or not.
+    if (!first.contains(QLatin1Char('/'))) {
+        const QString found = QStandardPaths::findExecutable(first);
+        return found.isEmpty() ? realExecutablePath() : QDir::cleanPath(found);
+    }
+    return QDir::cleanPath(QDir::current().absoluteFilePath(first));
 }
 
 } // namespace
@@ -24,7 +52,9 @@ QString runningExecutablePath()
 Machine Machine::current()
 {
     Machine machine;
-    machine.executablePath = runningExecutablePath();
+    machine.executablePath = invokedExecutablePath();
+    const QString real = realExecutablePath();
+    machine.bundleDirectory = real.isEmpty() ? QString() : QFileInfo(real).path();
     machine.currentDirectory = QDir::currentPath();
     machine.homeDirectory = QDir::homePath();
     machine.hostName = localizedHostName();

@@ -248,12 +248,15 @@ QJsonObject taskAwaitingApproval(const QString& taskId, const Proposal& proposal
     return proposalMessage("task.awaiting_approval", taskId, proposal);
 }
 
-QJsonObject terminalOpened(const QString& sessionId, const QString& projectPath, bool interactive)
+QJsonObject terminalOpened(const QString& sessionId, const QString& projectPath, bool interactive,
+                           bool projectPathMissing)
 {
     QJsonObject message = terminalEvent("terminal.opened", sessionId, projectPath);
     message.insert(QStringLiteral("status"), QStringLiteral("running"));
     if (interactive)
         message.insert(QStringLiteral("mode"), QStringLiteral("interactive"));
+    if (projectPathMissing)
+        message.insert(QStringLiteral("projectPathMissing"), true);
     return message;
 }
 

@@ -77,10 +77,14 @@ QJsonObject taskProposalReady(const QString& taskId, const Proposal& proposal);
 QJsonObject taskAwaitingApproval(const QString& taskId, const Proposal& proposal);
 
 // Terminal sessions.
-QJsonObject terminalOpened(const QString& sessionId, const QString& projectPath, bool interactive);
+// "projectPathMissing" says that the project's folder was not there and the shell
+// started in the repository root (for our relay's clients only).
+QJsonObject terminalOpened(const QString& sessionId, const QString& projectPath, bool interactive,
+                           bool projectPathMissing = false);
 QJsonObject terminalAttached(const QString& sessionId, const QString& projectPath);
-// Live output carries "offset": how much output the session has given so far, this
-// piece included, counted in UTF-16 code units (what JavaScript's length counts).
+// Live output for our relay's clients carries "offset": how much output the session
+// has given so far, this piece included, counted in UTF-16 code units (what
+// JavaScript's length counts).
 QJsonObject terminalOutput(const QString& sessionId, const QString& projectPath, const QString& data,
                            bool snapshot = false, std::optional<qint64> offset = std::nullopt);
 // The serialised "terminal.output", written without building an object (terminal

@@ -88,9 +88,12 @@ std::optional<QString> LocalServerRuntime::resolveServerBinaryPath()
 
 std::optional<QString> LocalServerRuntime::resolveServerBinaryPath(const Environment& env, const Machine& machine)
 {
-    // A stale setting that names nothing runnable is passed over.
+    // A stale setting that names nothing runnable is passed over. The server that
+    // ships with the agent comes before one beside the path the agent was started by,
+    // so a link to the agent elsewhere still finds it.
     const QStringList candidates = {
         env.value(QStringLiteral("BRINMOOR_SERVER_PATH")),
+        machine.bundleDirectory.isEmpty() ? QString() : machine.bundleDirectory + QStringLiteral("/brinmoor-server"),
         QFileInfo(machine.executablePath).absolutePath() + QStringLiteral("/brinmoor-server"),
         RuntimeDefaults::defaultRepoRoot(machine) + QStringLiteral("/server/brinmoor-server"),
         machine.currentDirectory + QStringLiteral("/server/brinmoor-server"),
@@ -133,7 +136,6 @@ int LocalServerRuntime::start(int port, const QString& token, Status status, con
     // A group of its own, so that the reaper ends it should the agent die without a word.
     process->setChildProcessModifier([] { ::setpgid(0, 0); });
     m_decoder.reset();
-    m_partialLine.clear();
     connect(process, &QProcess::readyReadStandardOutput, this, &LocalServerRuntime::relay);
     connect(process, &QProcess::finished, this, [this, process, status](int exitCode, QProcess::ExitStatus exitStatus) {
         // The termination status: the exit status, or the number of the signal that ended it.
@@ -165,18 +167,16 @@ void LocalServerRuntime::relay()
     const QByteArray data = m_process->readAllStandardOutput();
     if (data.isEmpty())
         return;
+    // Only a character cut by the read waits for the next one; a read that is not
+    // UTF-8 at all is dropped.
     const std::optional<QString> text = m_decoder.decode(data.constData(), data.size());
     if (!text)
         return;
-    // One line for each of the server's, however its output was cut into reads.
-    m_partialLine += *text;
-    qsizetype end = 0;
-    while ((end = m_partialLine.indexOf(QLatin1Char('\n'))) >= 0) {
-        const QString line = m_partialLine.left(end).trimmed();
-        m_partialLine.remove(0, end + 1);
-        if (!line.isEmpty())
-            printLine(QStringLiteral("[BrinmoorServer] ") + line);
-    }
+    // What one read gave goes out at once, as one entry, trimmed: a last line the
+    // server has not ended yet is not held back for its line end.
+    const QString trimmed = text->trimmed();
+    if (!trimmed.isEmpty())
+        printLine(QStringLiteral("[BrinmoorServer] ") + trimmed);
 }
 
 void LocalServerRuntime::stop()

@@ -16,8 +16,9 @@ class QProcess;
 namespace brinmoor {
 
 // Runs the companion server (`brinmoor-server`) beside the agent on a free loopback
-// port with the shared token, relays its output as "[BrinmoorServer] " lines on the
-// agent's standard output, and reports its state as status texts.
+// port with the shared token, relays its output (each read, trimmed, after
+// "[BrinmoorServer] ") to the agent's standard output, and reports its state as status
+// texts.
 class LocalServerRuntime : public QObject {
     Q_OBJECT
 
@@ -38,12 +39,14 @@ public:
     // The first port among the one asked for and 8080 to 8090 that can be bound on
     // 127.0.0.1; the one asked for when none can.
     static int resolveAvailablePort(int startingAt);
-    // The first executable of: $BRINMOOR_SERVER_PATH, brinmoor-server beside the agent,
+    // The first executable of: $BRINMOOR_SERVER_PATH, brinmoor-server in the agent's
+    // bundle (beside its real file), beside the path the agent was started by, and
     // server/brinmoor-server under the default repository root and under the current folder.
     static std::optional<QString> resolveServerBinaryPath();
     static std::optional<QString> resolveServerBinaryPath(const Environment& env, const Machine& machine);
 
-    // Where relayed output lines go (standard output unless a test says otherwise).
+    // Where relayed output goes, one call per read (standard output, followed by a
+    // line end, unless a test says otherwise).
     std::function<void(const QString&)> printLine;
 
 private:
@@ -51,7 +54,6 @@ private:
 
     QPointer<QProcess> m_process;
     Utf8StreamDecoder m_decoder;
-    QString m_partialLine; // the server's output after its last line feed
 };
 
 } // namespace brinmoor

@@ -337,8 +337,10 @@ void PtySession::onFinished(int exitCode, bool crashed)
     stopReading();
     closeMaster();
     ProcessReaper::forgetGroup(m_pid);
-    // A crashed child's exit code is the number of the signal that ended it.
-    Q_EMIT exited(crashed ? 128 + exitCode : exitCode);
+    // A crashed child's exit code is the number of the signal that ended it. The
+    // line-mode shell reports its termination status as it is (9 for SIGKILL); the
+    // login shell reports 128 plus the signal, as a shell reports a killed job.
+    Q_EMIT exited(crashed && m_mode == Mode::Interactive ? 128 + exitCode : exitCode);
     if (m_released)
         deleteLater();
 }

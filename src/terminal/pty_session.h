@@ -107,7 +107,8 @@ Q_SIGNALS:
     // Queued input could not be written later on.
     void writeFailed(const QString& description);
     // The shell was reaped after its remaining output was delivered: its exit status,
-    // or 128 + the signal that ended it.
+    // or, when a signal ended it, that signal's number (line mode) or 128 plus it
+    // (interactive).
     void exited(int exitCode);
 
 private:

@@ -1,15 +1,14 @@
 #include "terminal/terminal_session_manager.h"
 
-#include "base/agent_error.h"
 #include "base/diag.h"
 #include "base/outgoing_flow.h"
 #include "execution/child_process.h"
-#include "execution/execution_resolution.h"
 #include "protocol/messages.h"
 #include "terminal/path_completion.h"
 #include "terminal/pty_session.h"
 
 #include <QDir>
+#include <QFileInfo>
 
 #include <algorithm>
 #include <csignal>
@@ -20,7 +19,39 @@ namespace {
 
 const QString kNotFound = QStringLiteral("Terminal session not found.");
 
+// Joins as a file URL appends a path component: one separator between the parts, no
+// trailing one, nothing else standardised (the same names as a task's folder).
+QString joinPath(const QString& base, const QString& component)
+{
+    QString left = base;
+    while (left.endsWith(QLatin1Char('/')) && left.size() > 1)
+        left.chop(1);
+    QString right = component;
+    while (right.startsWith(QLatin1Char('/')))
+        right.remove(0, 1);
+    while (right.endsWith(QLatin1Char('/')))
+        right.chop(1);
+    if (right.isEmpty())
+        return left;
+    if (left == QLatin1String("/"))
+        return left + right;
+    return left + QLatin1Char('/') + right;
+}
+
 } // namespace
+
+TerminalWorkspace resolveTerminalWorkspacePath(const QString& repoRoot, const QString& projectPath)
+{
+    if (projectPath.startsWith(QLatin1Char('/')) && QFileInfo::exists(projectPath))
+        return {projectPath, false};
+    const QString direct = joinPath(repoRoot, projectPath);
+    if (QFileInfo::exists(direct))
+        return {direct, false};
+    const QString inProj = joinPath(joinPath(repoRoot, QStringLiteral("proj")), projectPath);
+    if (QFileInfo::exists(inProj))
+        return {inProj, false};
+    return {repoRoot, true};
+}
 
 QStringList terminalEnvironment(const QStringList& inherited, const QString& repoRoot, const QString& projectPath)
 {
@@ -96,15 +127,6 @@ void TerminalSessionManager::open(const QString& rawSessionId, const QString& ra
     if (!replace && m_sessionByProject.contains(projectPath))
         return sendError(sessionId, projectPath,
                          QStringLiteral("Active terminal session already exists for this project."));
-    const AgentProfile profile = m_profileProvider();
-    QString workingDir;
-    try {
-        workingDir = ExecutionResolution::resolveWorkspacePath(profile.repoRoot, projectPath);
-    } catch (const AgentError& error) {
-        // No shell starts for a folder that is not there, and the session it would
-        // replace goes on.
-        return sendError(sessionId, projectPath, error.message);
-    }
     if (replace) {
         // Closing only starts the shutdown: the new session opens at once.
         const QString replaced = replaceSessionId && !replaceSessionId->trimmed().isEmpty()
@@ -114,13 +136,18 @@ void TerminalSessionManager::open(const QString& rawSessionId, const QString& ra
         if (old && !old->isClosed())
             closeSession(old);
     }
-    auto* session = new PtySession(sessionId, projectPath, workingDir, m_flow, m_diag, this);
-    start(session, mode.trimmed().toLower() == QLatin1String("interactive"), profile);
+    const AgentProfile profile = m_profileProvider();
+    // A missing folder starts the shell in the repository root.
+    const TerminalWorkspace workspace = resolveTerminalWorkspacePath(profile.repoRoot, projectPath);
+    auto* session = new PtySession(sessionId, projectPath, workspace.path, m_flow, m_diag, this);
+    start(session, mode.trimmed().toLower() == QLatin1String("interactive"), workspace.projectPathMissing, profile);
 }
 
-void TerminalSessionManager::start(PtySession* session, bool interactive, const AgentProfile& profile)
+void TerminalSessionManager::start(PtySession* session, bool interactive, bool projectPathMissing,
+                                   const AgentProfile& profile)
 {
-    connect(session, &PtySession::started, this, [this, session](qint64 pid) { announce(session, pid); });
+    connect(session, &PtySession::started, this,
+            [this, session, projectPathMissing](qint64 pid) { announce(session, pid, projectPathMissing); });
     connect(session, &PtySession::failedToStart, this, [this, session](const QString& description) {
         clear(session);
         sendError(session->sessionId(), session->projectPath(),
@@ -148,7 +175,7 @@ void TerminalSessionManager::start(PtySession* session, bool interactive, const 
     }
 }
 
-void TerminalSessionManager::announce(PtySession* session, qint64 pid)
+void TerminalSessionManager::announce(PtySession* session, qint64 pid, bool projectPathMissing)
 {
     const QString& sessionId = session->sessionId();
     const QString& projectPath = session->projectPath();
@@ -156,11 +183,12 @@ void TerminalSessionManager::announce(PtySession* session, qint64 pid)
                                      : QStringLiteral("terminal.open sessionId=")) +
            logValue(sessionId) + QStringLiteral(" projectPath=") + logValue(projectPath) + QStringLiteral(" pid=") +
            QString::number(pid));
+    const bool sayMissing = m_extended && projectPathMissing;
     if (session->isInteractive()) {
-        m_sendEvent(Messages::terminalOpened(sessionId, projectPath, true));
+        m_sendEvent(Messages::terminalOpened(sessionId, projectPath, true, sayMissing));
         return;
     }
-    m_sendEvent(Messages::terminalOpened(sessionId, projectPath, false));
+    m_sendEvent(Messages::terminalOpened(sessionId, projectPath, false, sayMissing));
     // The greeting is not part of what a later attach replays.
     m_sendEvent(Messages::terminalOutput(sessionId, projectPath,
                                          QStringLiteral("[terminal started in ") + session->workingDir() +
@@ -225,8 +253,10 @@ void TerminalSessionManager::sendInput(const QString& sessionId, const QString& 
 
 void TerminalSessionManager::complete(const QString& sessionId, const QString& line, std::optional<qint64> cursor)
 {
-    const PtySession* session = liveSession(sessionId);
-    if (!session)
+    // A completion asked for a session that is gone is not answered at all: the
+    // phone's line editor simply offers nothing.
+    const PtySession* session = m_sessions.value(sessionId.trimmed());
+    if (!session || session->isClosed())
         return;
     const PathCompletion::Completion completion =
         PathCompletion::pathCompletion(line, cursor, session->currentDirectory, QDir::homePath());
@@ -342,10 +372,10 @@ void TerminalSessionManager::clear(PtySession* session)
 
 void TerminalSessionManager::sendOutput(const PtySession& session, const QString& text, bool snapshot)
 {
-    // Live output says how far the session has got, for clients that pace it; a replay
-    // is output they have been counted for already.
+    // Live output says how far the session has got, for our relay's clients that pace
+    // it; a replay is output they have been counted for already.
     const std::optional<qint64> offset =
-        snapshot || !m_extended ? std::nullopt : std::optional<qint64>(session.outputOffset());
+        m_extended && !snapshot ? std::optional<qint64>(session.outputOffset()) : std::nullopt;
     if (sendSerialized)
         sendSerialized(
             Messages::terminalOutputText(session.sessionId(), session.projectPath(), text, snapshot, offset));

@@ -48,11 +48,15 @@ public:
     void releasePaces();
     // A connection is back: what the sessions gave before it counts as rendered.
     void countOutputAsRendered();
-    // While the server speaks our relay's extensions, live output carries its "offset".
-    void setExtended(bool extended) { m_extended = extended; }
 
     // When set, output goes out through it already serialised (the fast path).
     std::function<void(const QString& json)> sendSerialized;
+
+    // Whether the server announced our relay's extensions. Only then does live output
+    // carry "offset" and does "terminal.opened" say "projectPathMissing": a server
+    // that knows only the plain protocol never sees members it did not ask for.
+    void setExtended(bool extended) { m_extended = extended; }
+    bool isExtended() const { return m_extended; }
 
     // The ids of the sessions not closed yet, for closing them all when the agent stops.
     QStringList sessionIds() const;
@@ -62,11 +66,11 @@ public:
     QList<Messages::StateTerminal> openSessions() const;
 
 private:
-    void start(PtySession* session, bool interactive, const AgentProfile& profile);
-    void announce(PtySession* session, qint64 pid);
+    void start(PtySession* session, bool interactive, bool projectPathMissing, const AgentProfile& profile);
+    void announce(PtySession* session, qint64 pid, bool projectPathMissing);
     void onExited(PtySession* session, int exitCode);
     // The session a command names, unless it is closed; otherwise the phone hears
-    // "Terminal session not found.".
+    // "Terminal session not found." (a completion looks its session up without it).
     PtySession* liveSession(const QString& sessionId);
     void closeSession(PtySession* session);
     void store(PtySession* session);
@@ -83,6 +87,19 @@ private:
     QHash<QString, QString> m_sessionByProject;
     bool m_extended = false;
 };
+
+// Where a terminal for a project starts.
+struct TerminalWorkspace {
+    QString path;
+    // The project's folder was not found and the shell starts in the repository root.
+    bool projectPathMissing = false;
+};
+
+// An absolute path that exists, else repoRoot/projectPath, else
+// repoRoot/proj/projectPath, else the repository root itself: unlike a task, a
+// terminal is never refused for a missing folder. Anything that exists counts, a
+// file too (the shell then fails to enter it).
+TerminalWorkspace resolveTerminalWorkspacePath(const QString& repoRoot, const QString& projectPath);
 
 // Environment changes every terminal shell gets: PATH prefixed with the Homebrew and
 // local folders, TERM defaulted, the repository root and the project path exported.

@@ -882,6 +882,29 @@ private Q_SLOTS:
         QCOMPARE(*closed, closedShape);
         QVERIFY(waitUntil([&] { return !processAlive(linePid); }));
 
+        // A folder that is not there: the shell starts in the repository root, and this
+        // server, which asked for no extensions, is not told "projectPathMissing".
+        m_server->terminal(QStringLiteral("terminal.open"), {{QStringLiteral("sessionId"), QStringLiteral("gone")},
+                                                             {QStringLiteral("projectPath"), QStringLiteral("Gone")}});
+        PLAIN_VERIFY(m_server->waitFor([](const QJsonObject& m) {
+            return m.value("type") == "terminal.output" && m.value("sessionId") == "gone";
+        }));
+        QJsonObject goneOpened = event("terminal.opened", QStringLiteral("gone"), QStringLiteral("Gone"));
+        goneOpened.insert(QStringLiteral("status"), QStringLiteral("running"));
+        QCOMPARE(terminalEvents(QStringLiteral("terminal.opened"), QStringLiteral("gone")),
+                 QList<QJsonObject>{goneOpened});
+        QCOMPARE(terminalEvents(QStringLiteral("terminal.output"), QStringLiteral("gone")).first().value("data"),
+                 QJsonValue(QString(QStringLiteral("[terminal started in ") + m_agent->repo.path() +
+                                    QStringLiteral("]\n[try: pwd, ls, codex, claude]\n"))));
+        input(QStringLiteral("gone"), "pwd\n");
+        PLAIN_VERIFY(waitUntil([&] {
+            return liveOutput(QStringLiteral("gone"), 1).contains(m_agent->repo.path() + QStringLiteral("\r\n"));
+        }));
+        m_server->terminal(QStringLiteral("terminal.close"), {{QStringLiteral("sessionId"), QStringLiteral("gone")}});
+        PLAIN_VERIFY(m_server->waitFor([](const QJsonObject& m) {
+            return m.value("type") == "terminal.closed" && m.value("sessionId") == "gone";
+        }));
+
         // Interactive: opened with its mode, no greeting; 2 MB of output flow although
         // nobody ever acknowledges anything.
         QVERIFY(QDir().mkpath(m_agent->path(QStringLiteral("Inter"))));

@@ -183,8 +183,8 @@ private Q_SLOTS:
                                                  "headless-mac agentId=headless-mac")
                                       .arg(port)
                                       .toUtf8()));
-        QVERIFY(app.waitForOutput("[BrinmoorServer] tls.on expires="));
-        QVERIFY(app.waitForOutput("[BrinmoorServer] agent.register agentId=headless-mac"));
+        QVERIFY(app.waitForOutput("tls.on expires="));
+        QVERIFY(app.waitForOutput("agent.register agentId=headless-mac"));
 
         // The phone, with the root installed.
         RelayClient phone;
@@ -219,7 +219,7 @@ private Q_SLOTS:
         QCOMPARE(details.captured(1), publicURL);
         // The certificate names the tailnet name only; the agent's loopback link takes it
         // all the same.
-        QVERIFY(app.waitForOutput("[BrinmoorServer] agent.register agentId=headless-mac"));
+        QVERIFY(app.waitForOutput("agent.register agentId=headless-mac"));
 
         const Run health = curlHealth(QStringLiteral("mymac.tailnet-1234.ts.net"), port, m_ca->rootCertificate());
         QCOMPARE(health.output, QByteArray("{\"ok\":true}"));
@@ -229,7 +229,7 @@ private Q_SLOTS:
         QVERIFY(browser.openClientSocket(publicURL, details.captured(3)));
         QVERIFY(browser.received.contains("\r\nStrict-Transport-Security: max-age=31536000\r\n"));
         QVERIFY(browser.waitFor("\"agentId\":\"headless-mac\""));
-        QVERIFY(app.waitForOutput("[BrinmoorServer] client.connected address=127.0.0.6"));
+        QVERIFY(app.waitForOutput("client.connected address=127.0.0.6"));
 
         // The renewal: new files, then SIGHUP; the browser stays connected.
         const TestCertificateAuthority::Issued renewed =
@@ -240,7 +240,7 @@ private Q_SLOTS:
         const qint64 server = serverOf(app);
         QVERIFY(server > 0);
         ::kill(pid_t(server), SIGHUP);
-        QVERIFY(app.waitForOutput("[BrinmoorServer] tls.reloaded expires="));
+        QVERIFY(app.waitForOutput("tls.reloaded expires="));
         QCOMPARE(curlHealth(QStringLiteral("mymac.tailnet-1234.ts.net"), port, m_ca->rootCertificate()).output,
                  QByteArray("{\"ok\":true}"));
         QCOMPARE(browser.socket.state(), QAbstractSocket::ConnectedState);

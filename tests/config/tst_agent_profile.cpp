@@ -6,6 +6,10 @@
 #include "support/test_support.h"
 
 #include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -77,6 +81,53 @@ private Q_SLOTS:
         store.setValue(QStringLiteral("mcpApproverPath"), QStringLiteral("/opt/approver"));
         QCOMPARE(AgentProfile::load(store, {}, machine()).mcpApproverPath, QStringLiteral("/opt/approver"));
         QFile::remove(beside);
+    }
+
+    // The folder of the program is the one of the path it was started by, however that
+    // path was given: a link there is not followed to the program's real folder.
+    void theProgramsFolderIsTheOneOfTheLinkItWasStartedBy()
+    {
+        QTemporaryDir dir;
+        const QString top = dir.path() + QStringLiteral("/top");
+        const QString bin = top + QStringLiteral("/a/b/c/bin");
+        QVERIFY(QDir().mkpath(bin));
+        QVERIFY(QDir().mkpath(dir.path() + QStringLiteral("/cwd")));
+        QVERIFY(QFile::link(test::binDir() + QStringLiteral("/BrinmoorMacAgent"),
+                            bin + QStringLiteral("/BrinmoorMacAgent")));
+        test::writeFile(bin + QStringLiteral("/MCPApprovalServer"));
+        test::writeFile(top + QStringLiteral("/deploy.sh"));
+        // Started by an absolute path, by a relative one with "." and "..", and by its
+        // bare name found on PATH.
+        const QStringList commands{
+            bin + QStringLiteral("/BrinmoorMacAgent"),
+            QStringLiteral("../top/a/./b/c/bin/../bin/BrinmoorMacAgent"),
+            QStringLiteral("BrinmoorMacAgent"),
+        };
+        for (const QString& command : commands) {
+            QTemporaryDir configHome;
+            QProcess process;
+            QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+            env.insert(QStringLiteral("XDG_CONFIG_HOME"), configHome.path());
+            env.insert(QStringLiteral("HOME"), dir.path() + QStringLiteral("/home"));
+            env.insert(QStringLiteral("PATH"), bin + QLatin1Char(':') + env.value(QStringLiteral("PATH")));
+            for (const char* name : {"BRINMOOR_REPO_ROOT", "BRINMOOR_MCP_APPROVER_PATH", "BRINMOOR_PROJECTS",
+                                     "BRINMOOR_CREATE_PROJECT_ROOT"})
+                env.remove(QLatin1String(name));
+            process.setProcessEnvironment(env);
+            process.setWorkingDirectory(dir.path() + QStringLiteral("/cwd"));
+            // The shell starts the program with the command as its first argument.
+            process.start(QStringLiteral("/bin/sh"),
+                          {QStringLiteral("-c"), QStringLiteral("exec \"$0\" --print-profile"), command});
+            QVERIFY(process.waitForFinished(30000));
+            QCOMPARE(process.exitCode(), 0);
+            const QJsonObject profile = QJsonDocument::fromJson(process.readAllStandardOutput())
+                                            .object()
+                                            .value(QStringLiteral("profile"))
+                                            .toObject();
+            QCOMPARE(profile.value(QStringLiteral("repoRoot")).toString(), top);
+            QCOMPARE(profile.value(QStringLiteral("mcpApproverPath")).toString(),
+                     bin + QStringLiteral("/MCPApprovalServer"));
+        }
     }
 
     void projectsCombineConfiguredAndDiscovered()

@@ -202,6 +202,14 @@ private Q_SLOTS:
         QTest::newRow("terminal.opened line mode")
             << Messages::terminalOpened(s, p, false)
             << (common + QStringList{"status:string=running", "type:string=terminal.opened"});
+        QTest::newRow("terminal.opened in the repository root")
+            << Messages::terminalOpened(s, p, false, true)
+            << QStringList{"projectPath:string=/p", "projectPathMissing:bool=true", "sessionId:string=S",
+                           "status:string=running", "type:string=terminal.opened"};
+        QTest::newRow("terminal.opened interactive in the repository root")
+            << Messages::terminalOpened(s, p, true, true)
+            << QStringList{"mode:string=interactive", "projectPath:string=/p", "projectPathMissing:bool=true",
+                           "sessionId:string=S",      "status:string=running", "type:string=terminal.opened"};
         QTest::newRow("terminal.opened on attach")
             << Messages::terminalAttached(s, p)
             << (common + QStringList{"status:string=running", "type:string=terminal.opened"});

@@ -422,7 +422,7 @@ private Q_SLOTS:
                                  brinmoor::Pairing::terminalQRCode(brinmoor::Pairing::qrModules(web.toUtf8()));
         QVERIFY(app.waitForOutput(webLines.toUtf8()));
         QVERIFY(QString::fromUtf8(app.output()).indexOf(webLines) > match.capturedEnd());
-        QVERIFY(app.waitForOutput("[BrinmoorServer] agent.register agentId=headless-mac"));
+        QVERIFY(app.waitForOutput("agent.register agentId=headless-mac"));
 
         RelayClient phone;
         QVERIFY(phone.open(quint16(serverURL.port()), match.captured(3)));

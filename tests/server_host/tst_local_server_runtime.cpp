@@ -2,7 +2,11 @@
 #include "support/loopback_server.h"
 #include "support/test_support.h"
 
+#include <QDir>
 #include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
@@ -83,6 +87,58 @@ private Q_SLOTS:
         QCOMPARE(LocalServerRuntime::resolveServerBinaryPath({}, machine), std::optional<QString>(inRepo));
     }
 
+    void theServerShippedWithTheAgentIsFoundThroughALink()
+    {
+        // The agent's real folder holds the program and its server; it is started
+        // through a link in another folder.
+        QTemporaryDir dir;
+        const QString real = dir.path() + QStringLiteral("/real");
+        const QString linked = dir.path() + QStringLiteral("/linked");
+        QVERIFY(QDir().mkpath(real) && QDir().mkpath(linked) && QDir().mkpath(dir.path() + QStringLiteral("/cwd")));
+        QVERIFY(QFile::copy(test::binDir() + QStringLiteral("/brinmoor_test_helper"),
+                            real + QStringLiteral("/brinmoor_test_helper")));
+        QVERIFY(QFile::link(real + QStringLiteral("/brinmoor_test_helper"),
+                            linked + QStringLiteral("/brinmoor_test_helper")));
+        const auto executable = [](const QString& path) -> QString {
+            test::writeFile(path, "#!/bin/sh\n");
+            QFile::setPermissions(path, QFile::ReadOwner | QFile::ExeOwner);
+            return path;
+        };
+        const auto found = [&] {
+            QProcess process;
+            QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+            env.remove(QStringLiteral("BRINMOOR_SERVER_PATH"));
+            process.setProcessEnvironment(env);
+            process.setWorkingDirectory(dir.path() + QStringLiteral("/cwd"));
+            process.start(linked + QStringLiteral("/brinmoor_test_helper"), {QStringLiteral("machine")});
+            if (!process.waitForFinished(30000) || process.exitCode() != 0)
+                return QList<QJsonObject>();
+            QList<QJsonObject> lines;
+            for (const QByteArray& line : process.readAllStandardOutput().split('\n')) {
+                if (!line.isEmpty())
+                    lines.append(QJsonDocument::fromJson(line).object());
+            }
+            return lines;
+        };
+        const auto expected = [&](const QJsonValue& serverPath) {
+            const QJsonObject machine{
+                {QStringLiteral("executablePath"), QString(linked + QStringLiteral("/brinmoor_test_helper"))},
+                {QStringLiteral("bundleDirectory"), real},
+                {QStringLiteral("serverPath"), serverPath}};
+            // The same with an application object as without one.
+            return QList<QJsonObject>{machine, machine};
+        };
+        const QString shipped = executable(real + QStringLiteral("/brinmoor-server"));
+        QCOMPARE(found(), expected(shipped));
+        // One beside the link comes after the shipped one, and counts without it.
+        const QString besideLink = executable(linked + QStringLiteral("/brinmoor-server"));
+        QCOMPARE(found(), expected(shipped));
+        QVERIFY(QFile::remove(shipped));
+        QCOMPARE(found(), expected(besideLink));
+        QVERIFY(QFile::remove(besideLink));
+        QCOMPARE(found(), expected(QJsonValue()));
+    }
+
     void missingServerIsReported()
     {
         qputenv("BRINMOOR_SERVER_PATH", "/nonexistent/brinmoor-server");
@@ -122,16 +178,24 @@ private Q_SLOTS:
         QCOMPARE(readFile(given), QStringLiteral("port=%1 token=tok\n").arg(port).toUtf8());
         QVERIFY(waitUntil([&] { return !childProcesses().isEmpty(); }));
         QVERIFY(pieces.start(childProcesses().first()));
+        // Each read is relayed as it comes, trimmed at both ends, whatever lines it
+        // holds and whether or not it ends a line.
         QVERIFY(pieces.write("  ready \n"));
         QVERIFY(pieces.write("   \n"));         // only blanks: not relayed
         QVERIFY(pieces.write("listening\n\n")); // trimmed
         QVERIFY(pieces.write("two\nlines in one read\nand half"));
         QVERIFY(pieces.write(" a line\n"));
-        QCOMPARE(
-            lines,
-            (QStringList{QStringLiteral("[BrinmoorServer] ready"), QStringLiteral("[BrinmoorServer] listening"),
-                         QStringLiteral("[BrinmoorServer] two"), QStringLiteral("[BrinmoorServer] lines in one read"),
-                         QStringLiteral("[BrinmoorServer] and half a line")}));
+        QVERIFY(pieces.write("\t no final line end "));
+        const QStringList expected{
+            QStringLiteral("[BrinmoorServer] ready"),
+            QStringLiteral("[BrinmoorServer] listening"),
+            QStringLiteral("[BrinmoorServer] two\nlines in one read\nand half"),
+            QStringLiteral("[BrinmoorServer] a line"),
+            QStringLiteral("[BrinmoorServer] no final line end"),
+        };
+        // The last piece is not held back for a line end that never comes.
+        QVERIFY2(waitUntil([&] { return lines.size() >= expected.size(); }), qPrintable(lines.join(u'|')));
+        QCOMPARE(lines, expected);
         QVERIFY(runtime.isRunning());
         runtime.stop();
         QVERIFY(!runtime.isRunning());
@@ -139,6 +203,26 @@ private Q_SLOTS:
         // Stopping lets go of the output, not of the end: SIGTERM is reported as its number.
         QVERIFY(waitUntil([&] { return statuses.size() == 2; }));
         QCOMPARE(statuses.last(), QStringLiteral("Server stopped (15)"));
+    }
+
+    void standardErrorIsRelayedLikeStandardOutput()
+    {
+        PieceWriter pieces(m_dir.path() + QStringLiteral("/error-pieces"));
+        fakeServer("exec cat " + pieces.path().toUtf8() + " >&2\n");
+        LocalServerRuntime runtime;
+        QStringList lines;
+        runtime.printLine = [&](const QString& line) { lines.append(line); };
+        runtime.start(0, QStringLiteral("t"), [](const QString&) {});
+        QVERIFY(waitUntil([&] { return !childProcesses().isEmpty(); }));
+        QVERIFY(pieces.start(childProcesses().first()));
+        QVERIFY(pieces.write(" warning: on standard error \n"));
+        QVERIFY(pieces.write("bind failed\nexiting"));
+        const QStringList expected{QStringLiteral("[BrinmoorServer] warning: on standard error"),
+                                   QStringLiteral("[BrinmoorServer] bind failed\nexiting")};
+        QVERIFY2(waitUntil([&] { return lines.size() >= expected.size(); }), qPrintable(lines.join(u'|')));
+        QCOMPARE(lines, expected);
+        runtime.stop();
+        QVERIFY(waitUntil([] { return childProcesses().isEmpty(); }, 5000));
     }
 
     void serverIsToldItsCertificatePublicURLAndProxies()

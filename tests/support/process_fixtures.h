@@ -39,7 +39,9 @@ struct HeadlessProcess {
 
     ~HeadlessProcess();
     void start(quint16 port, const QProcessEnvironment& extra = {});
-    // Everything it printed so far (its own lines and the server's).
+    // Everything it printed so far (its own lines and the server's). The server's
+    // output is relayed per read under one "[BrinmoorServer] " prefix, so a server line
+    // is looked for by its own text: it may follow another line of the same read.
     const QByteArray& output();
     bool waitForOutput(QByteArrayView text, int timeoutMs = 10000);
     // Sends SIGTERM and waits for the end; false when it did not end in time.

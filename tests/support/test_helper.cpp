@@ -9,9 +9,15 @@
 //                    subject alternative names ("DNS:brinmoor.test", "IP:127.0.0.1"), write
 //                    root.pem, server.pem and server-key.pem into DIR and print the SHA-256
 //                    of the server's public key in base64 (what Chromium takes to trust it)
+//   machine          print, as one JSON line each, the program's path, bundle folder and
+//                    local server as the agent finds them: first without an application
+//                    object, then with one
+#include "config/machine.h"
 #include "protocol/json_value.h"
+#include "server_host/local_server_runtime.h"
 #include "test_certificate_authority.h"
 
+#include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
@@ -121,10 +127,26 @@ int certificates(const QString& dir, const QStringList& altNames)
     return 0;
 }
 
+void printMachine()
+{
+    const Machine machine = Machine::current();
+    const std::optional<QString> server = LocalServerRuntime::resolveServerBinaryPath();
+    const QJsonObject found{{"executablePath", machine.executablePath},
+                            {"bundleDirectory", machine.bundleDirectory},
+                            {"serverPath", server ? QJsonValue(*server) : QJsonValue()}};
+    std::fputs(line(found).constData(), stdout);
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
+    if (argc == 2 && std::strcmp(argv[1], "machine") == 0) {
+        printMachine();
+        QCoreApplication app(argc, argv);
+        printMachine();
+        return 0;
+    }
     if (argc == 5 && std::strcmp(argv[1], "mcp-call") == 0)
         return mcpCall(argv[2], argv[3], argv[4]);
     if (argc >= 4 && std::strcmp(argv[1], "certificates") == 0) {

@@ -5,9 +5,12 @@
 #include "support/process_fixtures.h"
 #include "support/terminal_fixture.h"
 #include "support/test_support.h"
+#include "terminal/pty_session.h"
+#include "terminal/terminal_session_manager.h"
 
 #include <QDir>
 #include <QRegularExpression>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
 
@@ -82,13 +85,12 @@ private Q_SLOTS:
             f.type(id, "ls\n");
             f.send("terminal.resize", id, {{QStringLiteral("cols"), 100}, {QStringLiteral("rows"), 40}});
             f.send("terminal.signal", id, {{QStringLiteral("signal"), QStringLiteral("interrupt")}});
-            f.send("terminal.complete", id, {{QStringLiteral("line"), QStringLiteral("ls ")}});
             f.send("terminal.close", id);
         }
         QVERIFY(f.barrier());
         for (const QString& id : {QStringLiteral("ghost"), QStringLiteral("gone")}) {
             const QList<QJsonObject> errors = f.events(QStringLiteral("terminal.error"), id);
-            QCOMPARE(errors.size(), 5);
+            QCOMPARE(errors.size(), 4);
             for (const QJsonObject& error : errors) {
                 QCOMPARE(error.value(QStringLiteral("error")).toString(),
                          QStringLiteral("Terminal session not found."));
@@ -98,10 +100,9 @@ private Q_SLOTS:
             }
             QCOMPARE(f.log.texts().count(QStringLiteral("terminal.error sessionId=") + id +
                                          QStringLiteral(" projectPath= message=Terminal session not found.")),
-                     5);
+                     4);
         }
         QVERIFY(f.events(QStringLiteral("terminal.status"), QStringLiteral("gone")).isEmpty());
-        QVERIFY(f.events(QStringLiteral("terminal.completion"), QStringLiteral("gone")).isEmpty());
         QVERIFY(f.events(QStringLiteral("terminal.closed"), QStringLiteral("gone")).isEmpty());
         // A closed interactive session stays listed until it is replaced: attach still
         // shows it, and the project cannot be opened again without replacing it.
@@ -117,45 +118,152 @@ private Q_SLOTS:
         QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("again")));
         f.send("terminal.attach", QStringLiteral("gone"));
         QVERIFY(f.barrier());
-        QCOMPARE(f.events(QStringLiteral("terminal.error"), QStringLiteral("gone")).size(), 6);
+        QCOMPARE(f.events(QStringLiteral("terminal.error"), QStringLiteral("gone")).size(), 5);
     }
 
-    void aProjectPathThatDoesNotExistIsRefused()
+    void aCompletionForAMissingOrClosedSessionIsNotAnswered()
+    {
+        TerminalFixture f;
+        QVERIFY(f.connect());
+        f.open(QStringLiteral("gone"), QStringLiteral("G"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("gone")));
+        f.send("terminal.close", QStringLiteral("gone"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("gone")));
+        QVERIFY(f.barrier());
+        for (const QString& id : {QStringLiteral(" ghost "), QStringLiteral("gone")}) {
+            const qsizetype messagesBefore = f.server.messages().size();
+            const qsizetype linesBefore = f.log.texts().size();
+            f.send("terminal.complete", id, {{QStringLiteral("line"), QStringLiteral("ls ")}});
+            QVERIFY(f.barrier());
+            // Between the completion and the round trip's answer nothing came: the
+            // answer is the only message, its diag line the only line.
+            const QList<QJsonObject> after = f.server.messages().mid(messagesBefore);
+            QCOMPARE(after.size(), 1);
+            QCOMPARE(after[0].value(QStringLiteral("type")).toString(), QStringLiteral("terminal.error"));
+            QVERIFY(after[0].value(QStringLiteral("sessionId")).toString().startsWith(QStringLiteral("barrier-")));
+            const QStringList lines = f.log.texts().mid(linesBefore);
+            QCOMPARE(lines.size(), 1);
+            QVERIFY2(lines[0].startsWith(QStringLiteral("terminal.error sessionId=barrier-")), qPrintable(lines[0]));
+        }
+        // A live session is still answered.
+        f.open(QStringLiteral("live"), QStringLiteral("L"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("live")));
+        f.send("terminal.complete", QStringLiteral("live"), {{QStringLiteral("line"), QStringLiteral("ls ")}});
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.completion"), QStringLiteral("live")));
+    }
+
+    void aProjectPathThatDoesNotExistStartsTheShellInTheRepositoryRoot()
     {
         TerminalFixture f;
         QVERIFY(f.connect());
         f.open(QStringLiteral("keep"), QStringLiteral("Keep"));
         QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("keep")));
-        const QList<qint64> shells = childProcesses();
         const QString repo = f.repo.path();
+        const qsizetype linesBefore = f.log.texts().size();
         f.open(QStringLiteral("n"), QStringLiteral(" Nowhere "), QStringLiteral("interactive"), {}, false);
         f.open(QStringLiteral("r"), QStringLiteral("/gone/away"), QString(),
                {{QStringLiteral("replace"), true}, {QStringLiteral("replaceSessionId"), QStringLiteral("keep")}},
                false);
+        const std::optional<QJsonObject> login = f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("n"));
+        const std::optional<QJsonObject> line = f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("r"));
+        QVERIFY(login);
+        QVERIFY(line);
+        // The fixture's relay announced its extensions, so it is told that the folder
+        // was missing.
+        QCOMPARE(*login, (QJsonObject{{QStringLiteral("type"), QStringLiteral("terminal.opened")},
+                                      {QStringLiteral("sessionId"), QStringLiteral("n")},
+                                      {QStringLiteral("projectPath"), QStringLiteral("Nowhere")},
+                                      {QStringLiteral("status"), QStringLiteral("running")},
+                                      {QStringLiteral("mode"), QStringLiteral("interactive")},
+                                      {QStringLiteral("projectPathMissing"), true}}));
+        QCOMPARE(*line, (QJsonObject{{QStringLiteral("type"), QStringLiteral("terminal.opened")},
+                                     {QStringLiteral("sessionId"), QStringLiteral("r")},
+                                     {QStringLiteral("projectPath"), QStringLiteral("/gone/away")},
+                                     {QStringLiteral("status"), QStringLiteral("running")},
+                                     {QStringLiteral("projectPathMissing"), true}}));
+        // The line-mode greeting names the repository root.
+        const std::optional<QJsonObject> greeting =
+            f.waitForEvent(QStringLiteral("terminal.output"), QStringLiteral("r"));
+        QVERIFY(greeting);
+        QCOMPARE(greeting->value(QStringLiteral("data")).toString(),
+                 QStringLiteral("[terminal started in ") + repo + QStringLiteral("]\n[try: pwd, ls, codex, claude]\n"));
+        // Both shells really are there, and still see the project path as it was sent.
+        f.type(QStringLiteral("r"), "echo \"at:$PWD:$BRINMOOR_PROJECT_PATH\"\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("r"), QStringLiteral("at:") + repo + QStringLiteral(":/gone/away\r\n")));
+        f.type(QStringLiteral("n"), "echo \"at:$PWD:$BRINMOOR_PROJECT_PATH\"\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("n"), QStringLiteral("at:") + repo + QStringLiteral(":Nowhere\r\n")));
+        // The session named for replacement was closed: its shell ended on SIGTERM.
+        const std::optional<QJsonObject> closed =
+            f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("keep"));
+        QVERIFY(closed);
+        QCOMPARE(closed->value(QStringLiteral("exitCode")), QJsonValue(15));
+        f.type(QStringLiteral("keep"), "echo kept\n");
         QVERIFY(f.barrier());
-        const QList<QJsonObject> first = f.events(QStringLiteral("terminal.error"), QStringLiteral("n"));
-        QCOMPARE(first.size(), 1);
-        QCOMPARE(first[0].value(QStringLiteral("error")).toString(),
-                 QStringLiteral("Project path does not exist: Nowhere"));
-        QCOMPARE(first[0].value(QStringLiteral("message")).toString(),
-                 QStringLiteral("Project path does not exist: Nowhere"));
-        QCOMPARE(first[0].value(QStringLiteral("projectPath")).toString(), QStringLiteral("Nowhere"));
-        const QList<QJsonObject> second = f.events(QStringLiteral("terminal.error"), QStringLiteral("r"));
-        QCOMPARE(second.size(), 1);
-        QCOMPARE(second[0].value(QStringLiteral("message")).toString(),
-                 QStringLiteral("Project path does not exist: /gone/away"));
-        QVERIFY(f.log.contains(QStringLiteral("resolveWorkspacePath failed projectArg=Nowhere repoRoot=%1 "
-                                              "direct=%1/Nowhere inProj=%1/proj/Nowhere")
-                                   .arg(repo)));
-        QVERIFY(f.log.contains(QStringLiteral(
-            "terminal.error sessionId=n projectPath=Nowhere message=Project path does not exist: Nowhere")));
-        QVERIFY(f.log.contains(QStringLiteral("terminal.error sessionId=r projectPath=/gone/away message=Project path "
-                                              "does not exist: /gone/away")));
-        // No shell started, and the session that was to be replaced goes on.
-        QCOMPARE(childProcesses(), shells);
-        QVERIFY(f.events(QStringLiteral("terminal.opened"), QStringLiteral("n")).isEmpty());
-        f.type(QStringLiteral("keep"), "echo kept-$((2*2))\n");
-        QVERIFY(f.waitForOutput(QStringLiteral("keep"), QStringLiteral("kept-4\r\n")));
+        QCOMPARE(f.events(QStringLiteral("terminal.error"), QStringLiteral("keep")).size(), 1);
+        QVERIFY(f.events(QStringLiteral("terminal.error"), QStringLiteral("n")).isEmpty());
+        QVERIFY(f.events(QStringLiteral("terminal.error"), QStringLiteral("r")).isEmpty());
+        // The log has the two opens and nothing about the missing folders.
+        QStringList lines = f.log.texts().mid(linesBefore);
+        lines.removeIf([](const QString& text) {
+            return text.startsWith(QStringLiteral("terminal.error sessionId=barrier-")) ||
+                   text.startsWith(QStringLiteral("terminal.error sessionId=keep "));
+        });
+        QCOMPARE(lines, (QStringList{QStringLiteral("terminal.open.interactive sessionId=n projectPath=Nowhere pid=%1")
+                                         .arg(f.pidOf(QStringLiteral("n"))),
+                                     QStringLiteral("terminal.open sessionId=r projectPath=/gone/away pid=%1")
+                                         .arg(f.pidOf(QStringLiteral("r")))}));
+    }
+
+    void aReplacedSessionIsClosedBeforeTheNewFolderIsResolved()
+    {
+        QTemporaryDir repo;
+        QList<QJsonObject> events;
+        QStringList lines;
+        bool replacedWasClosed = false;
+        int profiles = 0;
+        TerminalSessionManager* managerPointer = nullptr;
+        TerminalSessionManager manager(
+            [&] {
+                // The profile is read to resolve the folder: the session being replaced
+                // must have been closed by then.
+                if (++profiles == 2)
+                    replacedWasClosed = managerPointer->session(QStringLiteral("old"))->isClosed();
+                AgentProfile profile;
+                profile.repoRoot = repo.path();
+                return profile;
+            },
+            [&](const QJsonObject& event) { events.append(event); }, [&](const QString& line) { lines.append(line); },
+            nullptr);
+        managerPointer = &manager;
+        // Until told otherwise, the manager speaks the plain protocol.
+        QVERIFY(!manager.isExtended());
+        QDir().mkpath(repo.path() + QStringLiteral("/P"));
+        manager.open(QStringLiteral("old"), QStringLiteral("P"), QString(), false, std::nullopt);
+        QVERIFY(waitUntil([&] { return !manager.sessionIds().isEmpty() && !events.isEmpty(); }));
+        QVERIFY(waitUntil([&] { return events.size() >= 2; }));
+        manager.open(QStringLiteral("new"), QStringLiteral("Gone"), QString(), true, QStringLiteral("old"));
+        QCOMPARE(profiles, 2);
+        QVERIFY(replacedWasClosed);
+        QVERIFY(waitUntil([&] {
+            return std::any_of(events.begin(), events.end(), [](const QJsonObject& e) {
+                return e.value(QStringLiteral("type")) == QStringLiteral("terminal.closed") &&
+                       e.value(QStringLiteral("sessionId")) == QStringLiteral("old");
+            });
+        }));
+        QVERIFY(waitUntil([&] {
+            return std::any_of(events.begin(), events.end(), [](const QJsonObject& e) {
+                return e.value(QStringLiteral("type")) == QStringLiteral("terminal.opened") &&
+                       e.value(QStringLiteral("sessionId")) == QStringLiteral("new");
+            });
+        }));
+        QCOMPARE(manager.session(QStringLiteral("new"))->workingDir(), repo.path());
+        for (const QJsonObject& event : std::as_const(events)) {
+            QVERIFY(!event.contains(QStringLiteral("projectPathMissing")));
+            QVERIFY(!event.contains(QStringLiteral("offset")));
+        }
+        QCOMPARE(manager.sessionIds(), QStringList{QStringLiteral("new")});
+        manager.close(QStringLiteral("new"));
+        QVERIFY(waitUntil([&] { return manager.sessionIds().isEmpty() && childProcesses().isEmpty(); }));
     }
 
     void aShellThatCannotStartIsReported()

@@ -6,6 +6,8 @@
 
 #include <QDir>
 #include <QJsonArray>
+#include <QJsonDocument>
+#include <QTemporaryDir>
 #include <QTest>
 
 using namespace brinmoor;
@@ -128,7 +130,11 @@ private Q_SLOTS:
         const std::optional<QJsonObject> closed =
             f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("old"));
         QVERIFY(closed);
-        QCOMPARE(closed->value(QStringLiteral("exitCode")).toInt(), 143);
+        // The line-mode shell's termination status: SIGTERM's number.
+        QCOMPARE(*closed, (QJsonObject{{QStringLiteral("type"), QStringLiteral("terminal.closed")},
+                                       {QStringLiteral("sessionId"), QStringLiteral("old")},
+                                       {QStringLiteral("projectPath"), QStringLiteral("X")},
+                                       {QStringLiteral("exitCode"), 15}}));
         // "other" was not the one named, and keeps running.
         f.type(QStringLiteral("other"), "echo alive\n");
         QVERIFY(f.waitForOutput(QStringLiteral("other"), QStringLiteral("alive")));
@@ -247,11 +253,11 @@ private Q_SLOTS:
         QVERIFY(f.waitForOutput(QStringLiteral("l"), QStringLiteral("ready-2\r\n")));
         f.send("terminal.signal", QStringLiteral("l"), {{QStringLiteral("signal"), QStringLiteral("interrupt")}});
         // The interrupt ends the job; the line-mode shell, which has no job control,
-        // ends with it.
+        // ends with it, and reports SIGINT's number.
         const std::optional<QJsonObject> closed =
             f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("l"));
         QVERIFY(closed);
-        QCOMPARE(closed->value(QStringLiteral("exitCode")), QJsonValue(130));
+        QCOMPARE(closed->value(QStringLiteral("exitCode")), QJsonValue(2));
     }
 
     void aSessionIsReadNoFurtherThanItsSlowestReaderAllows()
@@ -303,28 +309,155 @@ private Q_SLOTS:
 
     void shellExitStatusAndKill()
     {
+        const auto closed = [](const char* sessionId, const char* projectPath, int exitCode) {
+            return QJsonObject{{QStringLiteral("type"), QStringLiteral("terminal.closed")},
+                               {QStringLiteral("sessionId"), QLatin1String(sessionId)},
+                               {QStringLiteral("projectPath"), QLatin1String(projectPath)},
+                               {QStringLiteral("exitCode"), exitCode}};
+        };
         TerminalFixture f;
         QVERIFY(f.connect());
         f.open(QStringLiteral("e"), QStringLiteral("E"));
         f.open(QStringLiteral("k"), QStringLiteral("K"), QStringLiteral("interactive"));
+        f.open(QStringLiteral("lk"), QStringLiteral("LK"));
         QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("e")));
         QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("k")));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("lk")));
         f.type(QStringLiteral("e"), "exit 3\n");
         const std::optional<QJsonObject> three = f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("e"));
         QVERIFY(three);
-        QCOMPARE(three->value(QStringLiteral("exitCode")), QJsonValue(3));
+        QCOMPARE(*three, closed("e", "E", 3));
+        // An interactive shell killed by a signal reports 128 plus its number, a
+        // line-mode shell the number itself (its termination status).
         f.send("terminal.signal", QStringLiteral("k"), {{QStringLiteral("signal"), QStringLiteral("SIGKILL")}});
         const std::optional<QJsonObject> killed =
             f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("k"));
         QVERIFY(killed);
-        QCOMPARE(killed->value(QStringLiteral("exitCode")), QJsonValue(137));
+        QCOMPARE(*killed, closed("k", "K", 137));
+        f.send("terminal.signal", QStringLiteral("lk"), {{QStringLiteral("signal"), QStringLiteral("kill")}});
+        const std::optional<QJsonObject> lineKilled =
+            f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("lk"));
+        QVERIFY(lineKilled);
+        QCOMPARE(*lineKilled, closed("lk", "LK", 9));
         // The interactive shell exiting by itself reports its status too.
         f.open(QStringLiteral("x"), QStringLiteral("X"), QStringLiteral("interactive"));
         QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("x")));
         f.type(QStringLiteral("x"), "exit 3\n");
         const std::optional<QJsonObject> own = f.waitForEvent(QStringLiteral("terminal.closed"), QStringLiteral("x"));
         QVERIFY(own);
-        QCOMPARE(own->value(QStringLiteral("exitCode")), QJsonValue(3));
+        QCOMPARE(*own, closed("x", "X", 3));
+    }
+
+    void theFolderOfATerminalFallsBackToTheRepositoryRoot()
+    {
+        QTemporaryDir dir;
+        const QString repo = dir.path() + QStringLiteral("/repo");
+        QDir().mkpath(repo + QStringLiteral("/App"));
+        QDir().mkpath(repo + QStringLiteral("/proj/Old"));
+        QDir().mkpath(dir.path() + QStringLiteral("/elsewhere"));
+        test::writeFile(repo + QStringLiteral("/notes.txt"));
+        const auto resolved = [&](const QString& projectPath) -> QString {
+            const TerminalWorkspace workspace = resolveTerminalWorkspacePath(repo, projectPath);
+            return workspace.path + (workspace.projectPathMissing ? QStringLiteral(" (missing)") : QString());
+        };
+        QCOMPARE(resolved(dir.path() + QStringLiteral("/elsewhere")), dir.path() + QStringLiteral("/elsewhere"));
+        QCOMPARE(resolved(QStringLiteral("App")), repo + QStringLiteral("/App"));
+        QCOMPARE(resolved(QStringLiteral("Old")), repo + QStringLiteral("/proj/Old"));
+        // A file passes the existence test too.
+        QCOMPARE(resolved(QStringLiteral("notes.txt")), repo + QStringLiteral("/notes.txt"));
+        // An absolute path that is not there is looked for under the root as well.
+        QCOMPARE(resolved(QStringLiteral("/App")), repo + QStringLiteral("/App"));
+        QCOMPARE(resolved(QStringLiteral("Nowhere")), repo + QStringLiteral(" (missing)"));
+        QCOMPARE(resolved(dir.path() + QStringLiteral("/gone")), repo + QStringLiteral(" (missing)"));
+    }
+
+    void theRelaysExtensionsGoOnlyToARelayThatAskedForThem()
+    {
+        const auto opened = [](const char* sessionId, const char* projectPath, bool interactive, bool missing) {
+            QJsonObject message{{QStringLiteral("type"), QStringLiteral("terminal.opened")},
+                                {QStringLiteral("sessionId"), QLatin1String(sessionId)},
+                                {QStringLiteral("projectPath"), QLatin1String(projectPath)},
+                                {QStringLiteral("status"), QStringLiteral("running")}};
+            if (interactive)
+                message.insert(QStringLiteral("mode"), QStringLiteral("interactive"));
+            if (missing)
+                message.insert(QStringLiteral("projectPathMissing"), true);
+            return message;
+        };
+        TerminalFixture f;
+        QVERIFY(f.connect());
+        TerminalSessionManager& manager = f.runtime->terminalSessionManager();
+        // The fixture's relay announced its extensions; the agent speaks plain to a
+        // server that did not, and then neither "projectPathMissing" nor "offset" goes out.
+        QVERIFY(manager.isExtended());
+        manager.setExtended(false);
+        f.open(QStringLiteral("pm"), QStringLiteral("Missing"), QString(), {}, false);
+        f.open(QStringLiteral("pi"), QStringLiteral("MissingToo"), QStringLiteral("interactive"), {}, false);
+        const std::optional<QJsonObject> plainLine =
+            f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("pm"));
+        const std::optional<QJsonObject> plainLogin =
+            f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("pi"));
+        QVERIFY(plainLine);
+        QVERIFY(plainLogin);
+        QCOMPARE(*plainLine, opened("pm", "Missing", false, false));
+        QCOMPARE(*plainLogin, opened("pi", "MissingToo", true, false));
+        f.type(QStringLiteral("pm"), "echo plain-$((1+1))\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("pm"), QStringLiteral("plain-2\r\n")));
+        f.type(QStringLiteral("pi"), "echo plain-$((2+2))\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("pi"), QStringLiteral("plain-4\r\n")));
+        for (const QJsonObject& m : f.server.messages()) {
+            QVERIFY2(!m.contains(QStringLiteral("offset")), QJsonDocument(m).toJson().constData());
+            QVERIFY2(!m.contains(QStringLiteral("projectPathMissing")), QJsonDocument(m).toJson().constData());
+        }
+
+        // Extended: the folder that was missing is said, and live output has its offset.
+        manager.setExtended(true);
+        QVERIFY(manager.isExtended());
+        f.open(QStringLiteral("em"), QStringLiteral("Gone"), QString(), {}, false);
+        f.open(QStringLiteral("ei"), QStringLiteral("GoneToo"), QStringLiteral("interactive"), {}, false);
+        f.open(QStringLiteral("ep"), QStringLiteral("There"));
+        const std::optional<QJsonObject> line = f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("em"));
+        const std::optional<QJsonObject> login =
+            f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("ei"));
+        const std::optional<QJsonObject> there =
+            f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("ep"));
+        QVERIFY(line);
+        QVERIFY(login);
+        QVERIFY(there);
+        QCOMPARE(*line, opened("em", "Gone", false, true));
+        QCOMPARE(*login, opened("ei", "GoneToo", true, true));
+        QCOMPARE(*there, opened("ep", "There", false, false));
+        f.type(QStringLiteral("em"), "echo extended-$((1+1))\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("em"), QStringLiteral("extended-2\r\n")));
+        const QList<QJsonObject> outputs = f.events(QStringLiteral("terminal.output"), QStringLiteral("em"));
+        // The greeting has no offset; live output counts from its first piece on.
+        QVERIFY(!outputs.first().contains(QStringLiteral("offset")));
+        qint64 given = 0;
+        for (const QJsonObject& output : outputs.mid(1)) {
+            given += output.value(QStringLiteral("data")).toString().size();
+            QCOMPARE(output.value(QStringLiteral("offset")), QJsonValue(given));
+        }
+        QCOMPARE(given, qint64(QStringLiteral("extended-2\r\n").size()));
+        // A replay has been counted already: no offset, extended or not.
+        f.send("terminal.attach", QStringLiteral("em"));
+        QVERIFY(f.barrier());
+        const QList<QJsonObject> replayed = f.events(QStringLiteral("terminal.output"), QStringLiteral("em"));
+        QCOMPARE(replayed.size(), outputs.size() + outputs.size() - 1);
+        for (const QJsonObject& output : replayed.mid(outputs.size())) {
+            QCOMPARE(output.value(QStringLiteral("snapshot")), QJsonValue(true));
+            QVERIFY(!output.contains(QStringLiteral("offset")));
+        }
+        // An attach never says that a folder was missing.
+        QCOMPARE(f.events(QStringLiteral("terminal.opened"), QStringLiteral("em")).last(),
+                 opened("em", "Gone", false, false));
+
+        // Plain again: the offsets stop.
+        manager.setExtended(false);
+        const qsizetype before = f.server.messages().size();
+        f.type(QStringLiteral("em"), "echo plain-again\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("em"), QStringLiteral("plain-again\r\n")));
+        for (const QJsonObject& m : f.server.messages().mid(before))
+            QVERIFY2(!m.contains(QStringLiteral("offset")), QJsonDocument(m).toJson().constData());
     }
 
     void completionFollowsCdWithQuotesAndEscapes()
