@@ -124,9 +124,14 @@ void TerminalSessionManager::open(const QString& rawSessionId, const QString& ra
     const QString projectPath = rawProjectPath.trimmed();
     if (sessionId.isEmpty() || projectPath.isEmpty())
         return sendError(sessionId, projectPath, QStringLiteral("Missing terminal session id or project path."));
-    if (!replace && m_sessionByProject.contains(projectPath))
-        return sendError(sessionId, projectPath,
-                         QStringLiteral("Active terminal session already exists for this project."));
+    if (!replace && m_sessionByProject.contains(projectPath)) {
+        // A closed interactive session stays listed until it is replaced; our relay's
+        // clients may open a new one in its place without saying "replace".
+        const PtySession* listed = m_sessions.value(m_sessionByProject.value(projectPath));
+        if (!m_extended || !listed || !listed->isClosed())
+            return sendError(sessionId, projectPath,
+                             QStringLiteral("Active terminal session already exists for this project."));
+    }
     if (replace) {
         // Closing only starts the shutdown: the new session opens at once.
         const QString replaced = replaceSessionId && !replaceSessionId->trimmed().isEmpty()

@@ -96,6 +96,41 @@ private Q_SLOTS:
         QVERIFY(f.events(QStringLiteral("terminal.closed"), QStringLiteral("i1")).isEmpty());
     }
 
+    void aClosedInteractiveSessionGivesWayToANewOneForTheRelay()
+    {
+        TerminalFixture f;
+        QVERIFY(f.connect());
+        TerminalSessionManager& manager = f.runtime->terminalSessionManager();
+        QVERIFY(manager.isExtended());
+        f.open(QStringLiteral("i1"), QStringLiteral("Q"), QStringLiteral("interactive"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("i1")));
+        f.send("terminal.close", QStringLiteral("i1"));
+        QVERIFY(f.barrier());
+        // The relay's clients open a new one without "replace".
+        f.open(QStringLiteral("i2"), QStringLiteral("Q"), QStringLiteral("interactive"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("i2")));
+        QVERIFY(f.events(QStringLiteral("terminal.error"), QStringLiteral("i2")).isEmpty());
+        f.type(QStringLiteral("i2"), "echo again-$((3+4))\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("i2"), QStringLiteral("again-7\r\n")));
+        // A server that knows only the agent protocol: the closed session stays listed
+        // until one replaces it.
+        f.send("terminal.close", QStringLiteral("i2"));
+        QVERIFY(f.barrier());
+        manager.setExtended(false);
+        f.open(QStringLiteral("i3"), QStringLiteral("Q"), QStringLiteral("interactive"));
+        const std::optional<QJsonObject> error = f.waitForEvent(QStringLiteral("terminal.error"), QStringLiteral("i3"));
+        QVERIFY(error);
+        QCOMPARE(error->value(QStringLiteral("message")).toString(),
+                 QStringLiteral("Active terminal session already exists for this project."));
+        // A live session refuses a second one either way.
+        manager.setExtended(true);
+        f.open(QStringLiteral("i4"), QStringLiteral("Q"), QStringLiteral("interactive"),
+               {{QStringLiteral("replace"), true}});
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("i4")));
+        f.open(QStringLiteral("i5"), QStringLiteral("Q"), QStringLiteral("interactive"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.error"), QStringLiteral("i5")));
+    }
+
     void secondOpenWithoutReplaceIsRefused()
     {
         TerminalFixture f;
