@@ -39,6 +39,10 @@ constexpr qsizetype kReplayBacklog = 1024 * 1024;
 constexpr int kTrimIntervalMs = 60'000;
 // Above this a JSON number no longer holds every integer.
 constexpr double kLargestSeq = 9007199254740991.0;
+// A stream starts at most here, so that 2^40 messages still fit below 2^53.
+constexpr qint64 kLargestStreamStart = 9007199254740991LL - (qint64(1) << 40);
+constexpr quint16 kPolicyViolationCloseCode = 1008;
+constexpr const char* kSeqRangeReason = "seqs must stay below 2^53";
 
 // A seq, or a message number, from JSON: a whole number from 0 up; -1 for anything else.
 qint64 wholeNumber(const QJsonValue& value)
@@ -581,6 +585,13 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
         // The agent numbers its messages itself: seqs outlive the server.
         const qint64 first = wholeNumber(parsed->value(QStringLiteral("first")));
         const qint64 next = wholeNumber(parsed->value(QStringLiteral("next")));
+        if (first > 0 && next >= first && next > kLargestStreamStart) {
+            // A page holds seqs as JavaScript numbers: exact only below 2^53. A stream that
+            // could reach that is not taken, and the agent is let go.
+            logEvent("agent.dropped", {{"agentId", agent.agentId}, {"reason", QLatin1String(kSeqRangeReason)}});
+            agent.connection->close(kPolicyViolationCloseCode, kSeqRangeReason);
+            return;
+        }
         if (first > 0 && next >= first)
             startStream(agent, first, next);
         else

@@ -425,6 +425,33 @@ private Q_SLOTS:
         QCOMPARE(seqOf(phone.messages().last()), seqOf(*registered) + 1);
     }
 
+    void aStreamThatCouldPassTheLargestExactSeqIsRefused()
+    {
+        // A page keeps seqs as JavaScript numbers, exact below 2^53.
+        QVERIFY(startRelay());
+        RelayClient phone;
+        QVERIFY(phone.open(m_relay->port, m_relay->token));
+        RelayClient agent;
+        QVERIFY(agent.openAgent(m_relay->port, QStringLiteral("mac-1"), m_relay->token, false));
+        agent.send(json("{\"type\":\"agent.stream\",\"first\":9007199254740990,\"next\":9007199254740990}"));
+        agent.sendText(logLine(QStringLiteral("t"), 1));
+        QVERIFY(waitUntil([&] { return !agent.isConnected(); }));
+        QCOMPARE(int(agent.socket().closeCode()), 1008);
+        QCOMPARE(agent.socket().closeReason(), QStringLiteral("seqs must stay below 2^53"));
+        QVERIFY(m_relay->waitForLine(QStringLiteral("agent.dropped agentId=mac-1 reason=seqs must stay below 2^53")));
+        QVERIFY(phone.waitForType(QStringLiteral("agent.offline")));
+        for (const QJsonObject& m : phone.messages())
+            QVERIFY2(typeOf(m) != QLatin1String("task.log"), qPrintable(trace(phone).join('\n')));
+
+        // The largest start that leaves room is taken.
+        RelayClient again;
+        QVERIFY(again.openAgent(m_relay->port, QStringLiteral("mac-1"), m_relay->token, false));
+        again.send(json("{\"type\":\"agent.stream\",\"first\":9006099743113215,\"next\":9006099743113215}"));
+        again.sendText(logLine(QStringLiteral("t"), 2));
+        QVERIFY(waitForLine(phone, 2));
+        QCOMPARE(seqOf(phone.messages().last()), 9006099743113215);
+    }
+
     void theAgentHearsWhatArrivedAndNothingIsTakenTwice()
     {
         QVERIFY(startRelay());
