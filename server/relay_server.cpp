@@ -581,6 +581,12 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
         agent.learning = false;
         agent.prelude.clear();
     }
+    if (announces && agent.nextSeq != 0) {
+        // Numbered here already (its pong came first): renumbering now could put its
+        // messages below what clients have. They stay numbered here.
+        logEvent("agent.stream.ignored", {{"agentId", agent.agentId}});
+        return;
+    }
     if (announces) {
         // The agent numbers its messages itself: seqs outlive the server.
         const qint64 first = wholeNumber(parsed->value(QStringLiteral("first")));

@@ -425,6 +425,23 @@ private Q_SLOTS:
         QCOMPARE(seqOf(phone.messages().last()), seqOf(*registered) + 1);
     }
 
+    void aStreamAnnouncedAfterTheRelayNumberedTheConnectionIsIgnored()
+    {
+        QVERIFY(startRelay());
+        RelayClient phone;
+        QVERIFY(phone.open(m_relay->port, m_relay->token));
+        RelayClient agent;
+        QVERIFY(agent.openAgent(m_relay->port, QStringLiteral("mac-3"), m_relay->token, false));
+        agent.send(json("{\"type\":\"agent.register\",\"profiles\":[\"late\"]}"));
+        const std::optional<QJsonObject> registered = phone.waitForType(QStringLiteral("agent.register"));
+        QVERIFY(registered);
+        agent.send(json("{\"type\":\"agent.stream\",\"first\":5,\"next\":5}"));
+        agent.sendText(logLine(QStringLiteral("t"), 1));
+        QVERIFY(waitForLine(phone, 1));
+        QCOMPARE(seqOf(phone.messages().last()), seqOf(*registered) + 1);
+        QVERIFY(m_relay->waitForLine(QStringLiteral("agent.stream.ignored agentId=mac-3")));
+    }
+
     void aStreamThatCouldPassTheLargestExactSeqIsRefused()
     {
         // A page keeps seqs as JavaScript numbers, exact below 2^53.
