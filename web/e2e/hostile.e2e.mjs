@@ -1,12 +1,14 @@
-// Untrusted text where the page shows it: an assistant's answer may not run a script, draw
-// outside its message, pose as the page, open the page again with another token, or
-// change what the page keeps.
+// Untrusted text where the page shows it: an assistant's answer and a terminal's output.
+// Neither may run a script, draw outside its own box, pose as the page, open the page
+// again with another token, or change what the page keeps; nor may an address that
+// comes after the page opened.
 import assert from 'node:assert/strict';
 import { after, before, test as nodeTest } from 'node:test';
 import {
   claudeStream,
   clickText,
   elementWithText,
+  focusTerminal,
   kAgentId,
   kToken,
   testLeavingPictures,
@@ -242,6 +244,64 @@ test('an answer poses as nothing, stays in its box and runs no script', async ()
   assert.deepEqual(await pageState(), before);
   await reloadConnected();
   assert.deepEqual(await pageState(), before);
+});
+
+test('a token in the address after the page opened is not taken', async () => {
+  const before = await pageState();
+  await page.evaluate((evil) => {
+    location.hash = '#token=' + evil;
+  }, kEvilToken);
+  await new Promise((resolve) => setTimeout(resolve, 300));
+  assert.equal(await page.evaluate(() => localStorage.getItem('brinmoor.token')), kToken);
+  await waitForText(page, '.connection-text', 'Connected');
+  // It does not stay in the address bar either.
+  assert.equal(await page.evaluate(() => location.hash), '');
+  await reloadConnected();
+  assert.deepEqual(await pageState(), before);
+});
+
+// Escape sequences a program may print to take over what shows it: a hyperlink to the
+// page with another token, a clipboard write, window titles, colours.
+function escapeSequences(origin) {
+  return [
+    `\\033]8;;${origin}/#token=${kEvilToken}\\033\\\\click-me\\033]8;;\\033\\\\`,
+    `\\033]52;c;${Buffer.from('pwned-clipboard').toString('base64')}\\007`,
+    `\\033]0;<img src=x onerror=window.__pwned=11>\\007`,
+    `\\033]2;second title\\007`,
+    `\\033[31mred\\033[0m <b class=sheet>bold</b>`,
+  ].join('');
+}
+
+test('a terminal shows a title as text, writes no clipboard, and its hyperlink cannot pair', async () => {
+  await page.evaluate(() => navigator.clipboard.writeText('clipboard-before'));
+  await click('button[role=tab]', 'Terminal');
+  await click('.terminal-start button', 'Open terminal');
+  await page.waitForSelector('.terminal-head .status-dot.online');
+  // The terminal the page keeps attached is its own doing.
+  const before = await pageState(['brinmoor.terminals']);
+  const parts = await appPartCounts();
+  await focusTerminal(page);
+  await page.keyboard.type(`clear; printf '${escapeSequences(world.origin)}\\n'`);
+  await page.keyboard.press('Enter');
+  await waitForText(page, '.terminal-title', 'second title');
+  await page.waitForFunction(() => [...document.querySelectorAll('.xterm-rows span')].some((s) => s.textContent === 'red'));
+  assert.deepEqual(await appPartCounts(), parts);
+  assert.equal(await page.evaluate(() => navigator.clipboard.readText()), 'clipboard-before');
+  // The hyperlink: hovered, then clicked, as a user does.
+  const pages = await openPages();
+  // The last row that starts with the link's text is the output, not the command typed.
+  const row = await page.evaluateHandle(() => [...document.querySelectorAll('.xterm-rows > div')].filter((line) => line.textContent.startsWith('click-me')).pop());
+  const box = await row.boundingBox();
+  await page.mouse.move(box.x + 10, box.y + box.height / 2);
+  await new Promise((resolve) => setTimeout(resolve, 300));
+  await page.mouse.click(box.x + 10, box.y + box.height / 2);
+  await new Promise((resolve) => setTimeout(resolve, 1000));
+  assert.deepEqual(dialogs, []);
+  assert.equal(await openPages(), pages);
+  assert.deepEqual(await pageState(['brinmoor.terminals']), before);
+  await reloadConnected();
+  assert.equal(await page.evaluate(() => localStorage.getItem('brinmoor.token')), kToken);
+  await click('.terminal-head button', 'Close');
 });
 
 test('nothing was refused by the page policy but what the hostile markup asked for', async () => {

@@ -13,15 +13,31 @@ const m = (message: Record<string, unknown>) => message as unknown as ServerMess
 const registration = { profiles: ['p'], projects: ['/r/App'], createProjectRoot: '', actions: ['build_ios'], taskKinds: [], buildTemplate: '', repoRoot: '/r', supportsApproval: true };
 
 describe('Credentials', () => {
-  it('takes the token out of the fragment and keeps it', () => {
+  it('takes the token out of the fragment the page was opened with and keeps it', () => {
     const storage = new MemoryStorage();
     const credentials = new Credentials(storage);
-    expect(credentials.adoptFragment('#token=abc%2Bdef&view=chat')).toBe('#view=chat');
-    expect(credentials.adoptFragment('#token=xyz')).toBe('');
-    expect(credentials.adoptFragment('#other=1')).toBeNull();
+    expect(credentials.adoptOpeningFragment('#token=abc%2Bdef&view=chat')).toBe('#view=chat');
+    expect(credentials.token).toBe('abc+def');
+    expect(new Credentials(storage).token).toBe('abc+def');
+    // The next page opened with a token takes that one.
+    const next = new Credentials(storage);
+    expect(next.adoptOpeningFragment('#token=xyz')).toBe('');
     expect(new Credentials(storage).token).toBe('xyz');
-    credentials.forget();
+    expect(new Credentials(storage).adoptOpeningFragment('#other=1')).toBeNull();
+    next.forget();
     expect(new Credentials(storage).token).toBeNull();
+  });
+
+  it('takes no token from a fragment that comes after the page opened, but removes it', () => {
+    const storage = new MemoryStorage();
+    const credentials = new Credentials(storage);
+    expect(credentials.adoptOpeningFragment('')).toBeNull();
+    expect(credentials.adoptOpeningFragment('#token=evil')).toBe('');
+    expect(credentials.token).toBeNull();
+    credentials.set('good');
+    expect(credentials.adoptOpeningFragment('#token=evil&view=chat')).toBe('#view=chat');
+    expect(credentials.token).toBe('good');
+    expect(new Credentials(storage).token).toBe('good');
   });
 });
 

@@ -17,3 +17,8 @@ export function outsideLink(href: string, pageAddress: string): string | null {
   return url.href;
 }
 
+// Opens an outside link in a new tab that knows neither this page nor where it came from.
+export function openOutside(href: string): void {
+  const target = outsideLink(href, location.href);
+  if (target !== null) window.open(target, '_blank', 'noopener,noreferrer');
+}
