@@ -1,8 +1,12 @@
-// Untrusted text where the page shows it: an assistant's answer and a terminal's output.
-// Neither may run a script, draw outside its own box, pose as the page, open the page
-// again with another token, or change what the page keeps; nor may an address that
-// comes after the page opened.
+// Untrusted text where the page shows it: an assistant's answer, a terminal's output, and
+// the tool inputs of permission requests. None of it may run a script, draw outside its
+// own box, pose as the page, open the page again with another token, or change what the
+// page keeps, nor may an address that comes after the page opened; every field of a tool
+// input is shown. Screenshots of the approval sheet with a folded value go to
+// $BRINMOOR_WEB_SCREENSHOTS when it is set.
 import assert from 'node:assert/strict';
+import { mkdirSync } from 'node:fs';
+import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
 import {
   claudeStream,
@@ -19,7 +23,10 @@ import {
 const world = new World();
 let page;
 const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
+const kDesktop = { width: 1440, height: 900, deviceScaleFactor: 1, isMobile: false, hasTouch: false };
 const kEvilToken = 'evil-token-0d1e';
+const kFoldLines = 12;
+const kFoldCharacters = 600;
 
 const test = testLeavingPictures(nodeTest, 'hostile-', () => [[page, '']]);
 
@@ -51,6 +58,18 @@ const click = (selector, text) => clickText(page, selector, text);
 async function type(selector, text) {
   await page.waitForSelector(selector, { visible: true });
   await page.type(selector, text);
+}
+
+async function shoot(name) {
+  const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;
+  if (!folder) return;
+  mkdirSync(folder, { recursive: true });
+  for (const [size, viewport] of [['phone', kPhone], ['desktop', kDesktop]]) {
+    await page.setViewport(viewport);
+    await page.waitForFunction(() => new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(() => resolve(true)))));
+    await page.screenshot({ path: join(folder, `web-${name}-${size}.png`) });
+  }
+  await page.setViewport(kPhone);
 }
 
 // What the page keeps and where it is: none of it may change because of what it shows.
@@ -302,6 +321,142 @@ test('a terminal shows a title as text, writes no clipboard, and its hyperlink c
   await reloadConnected();
   assert.equal(await page.evaluate(() => localStorage.getItem('brinmoor.token')), kToken);
   await click('.terminal-head button', 'Close');
+});
+
+// A permission request's input, as the approval tool would send it, for a fake claude to
+// ask with; each call of it asks once, and the answer is kept in decision.N.
+function askingClaude(tool, json) {
+  world.fakeFile('input.json', json);
+  world.fakeFile(
+    'claude.script',
+    `decision=$("$BRINMOOR_TEST_HELPER" mcp-call "$config" ${tool} "$(<$dir/input.json)")\nprint -r -- "$decision" > $dir/decision.$n\n`,
+  );
+  world.fakeFile('claude.stream', claudeStream(['Asked.']));
+}
+
+const kLongCommand = Array.from({ length: 300 }, (_, i) => `echo line ${i + 1}`).join('\n');
+
+// What the sheet shows of the request in front: its parts by class, each the way it is
+// shown, after every "Show all" is pressed, and the labels those buttons had.
+async function sheetContent() {
+  await page.waitForSelector('.sheet .request');
+  const labels = await page.$$eval('.sheet .show-all', (buttons) => buttons.map((b) => b.textContent));
+  for (let button = await page.$('.sheet .show-all'); button; button = await page.$('.sheet .show-all')) await button.click();
+  const shown = await page.$eval('.sheet .request', (request) => ({
+    command: request.querySelector('.command')?.textContent ?? null,
+    description: request.querySelector('.description')?.textContent ?? null,
+    path: request.querySelector('.file-path')?.textContent ?? null,
+    content: request.querySelector('.file-content')?.textContent ?? null,
+    json: request.querySelector('pre.json')?.textContent ?? null,
+    // In the order shown: by name, as the relay sends them.
+    fields: [...request.querySelectorAll('.other-field')].map((f) => [f.querySelector('.field-name').textContent, f.querySelector('.field-value').textContent]),
+  }));
+  return { labels, shown };
+}
+
+// Waits until the page has drawn twice: a view that is being replaced is gone by then.
+function settled() {
+  return page.waitForFunction(() => new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(() => resolve(true)))));
+}
+
+async function newChat(prompt) {
+  await click('button[role=tab]', 'Chat');
+  await settled();
+  // On a phone an open chat hides the list.
+  if (await page.$('.chat-view.has-open')) {
+    await click('.back-to-list', '');
+    await settled();
+  }
+  await click('.new-chat-button', 'New chat');
+  await type('textarea[name=prompt]', prompt);
+  await click('.composer button', 'Send');
+}
+
+async function deny() {
+  await click('.sheet button', 'Deny…');
+  await click('.sheet button', 'Deny');
+  await page.waitForFunction(() => !document.querySelector('.sheet'));
+}
+
+// Runs `checks` on the request in front, and denies it whatever they find, so that the
+// agent is free for the next test.
+async function thenDeny(checks) {
+  await page.waitForSelector('.sheet .request');
+  try {
+    await checks();
+  } finally {
+    await deny();
+    // The assistant ends its answer once told, and the agent is free again.
+    await page.waitForFunction(() => document.querySelector('.message.assistant:last-of-type')?.classList.contains('done'));
+  }
+}
+
+test('the approval sheet shows every field of a command, and folds a long one', async () => {
+  const input = {
+    command: kLongCommand,
+    description: 'Prints lines',
+    cmd: 'rm -rf ~',
+    path: '/etc/passwd',
+    timeout: 120000,
+    env: { HOME: '/tmp', list: [1, 2] },
+    class: '<b class="sheet">not markup</b>',
+  };
+  askingClaude('Bash', JSON.stringify(input));
+  await newChat('Print lines');
+  await thenDeny(async () => {
+    // Folded: the first lines, and the size of the whole on the button.
+    const folded = await page.$eval('.sheet .command', (e) => e.textContent);
+    assert.equal(folded, '$ ' + kLongCommand.split('\n').slice(0, kFoldLines).join('\n'));
+    await shoot('approval-folded');
+    const { labels, shown } = await sheetContent();
+    assert.deepEqual(labels, ['Show all (300 lines, 4,091 characters)']);
+    assert.equal(shown.command, '$ ' + kLongCommand);
+    assert.equal(shown.description, 'Prints lines');
+    const { command: _command, description: _description, ...others } = input;
+    assert.deepEqual(
+      shown.fields,
+      Object.entries(others)
+        .sort(([a], [b]) => (a < b ? -1 : 1))
+        .map(([name, value]) => [name, JSON.stringify(value, null, 2)]),
+    );
+  });
+});
+
+test('the approval sheet shows every field of a file write, and folds long content', async () => {
+  const content = Array.from({ length: 300 }, (_, i) => `line ${i + 1}`).join('\n');
+  const input = { file_path: 'notes.txt', path: '/etc/hosts', content, new_string: 'also this', mode: '0777' };
+  askingClaude('Write', JSON.stringify(input));
+  await newChat('Write notes');
+  await thenDeny(async () => {
+    assert.equal(await page.$eval('.sheet .file-content', (e) => e.textContent), content.split('\n').slice(0, kFoldLines).join('\n'));
+    const { labels, shown } = await sheetContent();
+    assert.deepEqual(labels, ['Show all (300 lines, 2,591 characters)']);
+    assert.equal(shown.path, 'notes.txt');
+    assert.equal(shown.content, content);
+    assert.deepEqual(shown.fields, [
+      ['mode', '"0777"'],
+      ['new_string', '"also this"'],
+      ['path', '"/etc/hosts"'],
+    ]);
+  });
+});
+
+test('the approval sheet shows an unknown tool input field by field, a long value folded by characters', async () => {
+  const query = 'q'.repeat(5000);
+  // "__proto__" is a field like any other in JSON.
+  askingClaude('WebSearch', `{"__proto__":{"polluted":true},"limit":3,"query":"${query}"}`);
+  await newChat('Search');
+  await thenDeny(async () => {
+    assert.equal(await page.$eval('.sheet .other-field:last-child .field-value', (value) => value.textContent), JSON.stringify(query).slice(0, kFoldCharacters));
+    const { labels, shown } = await sheetContent();
+    assert.deepEqual(labels, ['Show all (1 line, 5,002 characters)']);
+    assert.deepEqual(shown.fields, [
+      ['__proto__', '{\n  "polluted": true\n}'],
+      ['limit', '3'],
+      ['query', JSON.stringify(query)],
+    ]);
+    assert.equal(await page.evaluate(() => ({}).polluted ?? null), null);
+  });
 });
 
 test('nothing was refused by the page policy but what the hostile markup asked for', async () => {
