@@ -1,9 +1,9 @@
-// Untrusted text where the page shows it: an assistant's answer, a terminal's output, and
-// the tool inputs of permission requests. None of it may run a script, draw outside its
-// own box, pose as the page, open the page again with another token, or change what the
-// page keeps, nor may an address that comes after the page opened; every field of a tool
-// input is shown. Screenshots of the approval sheet with a folded value go to
-// $BRINMOOR_WEB_SCREENSHOTS when it is set.
+// Untrusted text in every place the page shows it: an assistant's answer, the file names
+// and content of a proposal's diff, a task's output, a terminal's output, and the tool
+// inputs of permission requests. None of it may run a script, draw outside its own box,
+// pose as the page, open the page again with another token, or change what the page
+// keeps; every field of a tool input is shown. Screenshots of the approval sheet with a
+// folded value go to $BRINMOOR_WEB_SCREENSHOTS when it is set.
 import assert from 'node:assert/strict';
 import { mkdirSync } from 'node:fs';
 import { join } from 'node:path';
@@ -11,6 +11,7 @@ import { after, before, test as nodeTest } from 'node:test';
 import {
   claudeStream,
   clickText,
+  codexStream,
   elementWithText,
   focusTerminal,
   kAgentId,
@@ -101,6 +102,15 @@ function appPartCounts() {
         document.querySelectorAll(selector).length,
       ]),
     ),
+  );
+}
+
+// What under `selector` takes input, runs, links, or has an id or a style of its own.
+function foreignElements(selector) {
+  return page.$$eval(selector + ' *', (elements) =>
+    elements
+      .filter((e) => e.matches('form, input, button, select, textarea, iframe, script, style, object, embed, a, [id], [style], [onerror], [popover]'))
+      .map((e) => e.outerHTML.slice(0, 200)),
   );
 }
 
@@ -457,6 +467,52 @@ test('the approval sheet shows an unknown tool input field by field, a long valu
     ]);
     assert.equal(await page.evaluate(() => ({}).polluted ?? null), null);
   });
+});
+
+const kHostileName = '<img src=x onerror=window.__pwned=9> class=sheet.txt';
+const kHostileLines = ['<div class="sheet-backdrop"><button class="primary">Allow</button></div>', '<script>window.__pwned=10</script>', '[pair](/#token=evil)'];
+
+test('file names and content in a diff are text', async () => {
+  await click('button[role=tab]', 'Changes');
+  const before = await pageState(['brinmoor.place']);
+  const parts = await appPartCounts();
+  world.fakeFile('codex.script', `print -rl -- ${kHostileLines.map((line) => `'${line}'`).join(' ')} > '${kHostileName}'\n`);
+  world.fakeFile('codex.stream', codexStream(['I added a file.'], 'th-h'));
+  await type('textarea[name=change-prompt]', 'Add a file');
+  await click('.change-form button[type=submit]', 'Start');
+  await page.waitForSelector('.change-detail .diff-body .d2h-ins');
+  // Rejected first, so that the agent is free for the next test whatever is found; the
+  // diff stays shown.
+  await click('.change-detail .actions button', 'Reject');
+  await page.waitForFunction(() => document.querySelector('.change-detail .error')?.textContent.includes('changes rejected by client approval'));
+  assert.equal(await page.$eval('.change-detail .diff-file-name', (e) => e.textContent), kHostileName);
+  const body = await page.$eval('.change-detail .diff-body', (e) => e.textContent);
+  for (const line of kHostileLines) assert.ok(body.includes(line), `the diff shows ${line}`);
+  assert.deepEqual(await appPartCounts(), parts);
+  assert.deepEqual(await foreignElements('.change-detail .proposal-review'), []);
+  assert.deepEqual(await pageState(['brinmoor.place']), before);
+});
+
+test('a task output with escape sequences is text and changes nothing', async () => {
+  await page.evaluate(() => navigator.clipboard.writeText('clipboard-before'));
+  await click('button[role=tab]', 'Tasks');
+  const before = await pageState(['brinmoor.place']);
+  const parts = await appPartCounts();
+  await type('input[name=command]', `printf '${escapeSequences(world.origin)}\\nend\\n'`);
+  await click('.run-form button', 'Run');
+  await page.waitForFunction(() => [...document.querySelectorAll('.task-log .log-line')].some((line) => line.textContent === 'end'));
+  const lines = await page.$$eval('.task-log .log-line', (rows) => rows.map((row) => row.textContent));
+  assert.ok(lines.some((line) => line.includes('\x1b]8;;') && line.includes('click-me') && line.includes('<b class=sheet>bold</b>')), lines.join('\n'));
+  // Lines of text, and nothing else: the log's own rows are all it has.
+  assert.deepEqual(
+    await page.$$eval('.task-log *', (elements) =>
+      elements.filter((e) => !e.matches('.log-space, .log-line') || (e.matches('.log-line') && e.children.length > 0)).map((e) => e.outerHTML),
+    ),
+    [],
+  );
+  assert.deepEqual(await appPartCounts(), parts);
+  assert.equal(await page.evaluate(() => navigator.clipboard.readText()), 'clipboard-before');
+  assert.deepEqual(await pageState(['brinmoor.place']), before);
 });
 
 test('nothing was refused by the page policy but what the hostile markup asked for', async () => {
