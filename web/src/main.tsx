@@ -8,16 +8,16 @@ import { App } from './views/App';
 function start(): void {
   const db = ConversationDB.open(indexedDB).catch(() => null);
   const state = new AppState(location.origin, localStorage, db);
-  // The token comes in the fragment; it leaves the address bar before anything else.
-  const adoptToken = () => {
-    const rest = state.credentials.adoptFragment(location.hash);
+  // The token comes in the fragment of the address the page was opened with; it leaves
+  // the address bar before anything else. A token in a fragment that comes later is
+  // taken out of the address bar too, and not used.
+  const clearToken = () => {
+    const rest = state.credentials.adoptOpeningFragment(location.hash);
     if (rest !== null) history.replaceState(null, '', location.pathname + location.search + rest);
-    return rest !== null;
   };
-  adoptToken();
+  clearToken();
   state.connect();
-  // A link with another token opened in this tab: use it.
-  window.addEventListener('hashchange', () => adoptToken() && state.connect());
+  window.addEventListener('hashchange', clearToken);
   // A phone waking up or a network coming back reconnects at once.
   const wake = () => state.connection.client?.reconnectNow();
   document.addEventListener('visibilitychange', () => document.visibilityState === 'visible' && wake());

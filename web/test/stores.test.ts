@@ -3,6 +3,7 @@ import type { ServerMessage } from '../src/protocol/messages';
 import { AgentsStore } from '../src/stores/agents_store';
 import { ApprovalsStore, describeToolInput } from '../src/stores/approvals_store';
 import { Credentials } from '../src/stores/credentials';
+import { fold, kFoldCharacters, kFoldLines, showAllLabel } from '../src/lib/fold';
 import { LogLines } from '../src/stores/log_lines';
 import { MemoryStorage } from '../src/stores/observable';
 import { TasksStore, kMissedOutputNotice } from '../src/stores/tasks_store';
@@ -13,15 +14,31 @@ const m = (message: Record<string, unknown>) => message as unknown as ServerMess
 const registration = { profiles: ['p'], projects: ['/r/App'], createProjectRoot: '', actions: ['build_ios'], taskKinds: [], buildTemplate: '', repoRoot: '/r', supportsApproval: true };
 
 describe('Credentials', () => {
-  it('takes the token out of the fragment and keeps it', () => {
+  it('takes the token out of the fragment the page was opened with and keeps it', () => {
     const storage = new MemoryStorage();
     const credentials = new Credentials(storage);
-    expect(credentials.adoptFragment('#token=abc%2Bdef&view=chat')).toBe('#view=chat');
-    expect(credentials.adoptFragment('#token=xyz')).toBe('');
-    expect(credentials.adoptFragment('#other=1')).toBeNull();
+    expect(credentials.adoptOpeningFragment('#token=abc%2Bdef&view=chat')).toBe('#view=chat');
+    expect(credentials.token).toBe('abc+def');
+    expect(new Credentials(storage).token).toBe('abc+def');
+    // The next page opened with a token takes that one.
+    const next = new Credentials(storage);
+    expect(next.adoptOpeningFragment('#token=xyz')).toBe('');
     expect(new Credentials(storage).token).toBe('xyz');
-    credentials.forget();
+    expect(new Credentials(storage).adoptOpeningFragment('#other=1')).toBeNull();
+    next.forget();
     expect(new Credentials(storage).token).toBeNull();
+  });
+
+  it('takes no token from a fragment that comes after the page opened, but removes it', () => {
+    const storage = new MemoryStorage();
+    const credentials = new Credentials(storage);
+    expect(credentials.adoptOpeningFragment('')).toBeNull();
+    expect(credentials.adoptOpeningFragment('#token=evil')).toBe('');
+    expect(credentials.token).toBeNull();
+    credentials.set('good');
+    expect(credentials.adoptOpeningFragment('#token=evil&view=chat')).toBe('#view=chat');
+    expect(credentials.token).toBe('good');
+    expect(new Credentials(storage).token).toBe('good');
   });
 });
 
@@ -155,11 +172,68 @@ describe('ApprovalsStore', () => {
     expect(decisions).toEqual(['R1 false no']);
   });
 
-  it('shows a tool input as a command, a file or JSON', () => {
-    expect(describeToolInput({ command: 'rm -rf build', description: 'Clean' })).toEqual({ kind: 'command', command: 'rm -rf build', description: 'Clean' });
-    expect(describeToolInput({ command: ['git', 'status'] })).toEqual({ kind: 'command', command: 'git status', description: '' });
-    expect(describeToolInput({ file_path: 'a.txt', content: 'hi' })).toEqual({ kind: 'file', path: 'a.txt', content: 'hi' });
-    expect(describeToolInput({ url: 'x' })).toEqual({ kind: 'json', json: '{\n  "url": "x"\n}' });
+  it('shows a tool input as a command, a file or fields, and leaves no field out', () => {
+    expect(describeToolInput({ command: 'rm -rf build', description: 'Clean' })).toEqual({ kind: 'command', command: 'rm -rf build', description: 'Clean', others: [] });
+    expect(describeToolInput({ command: ['git', 'status'] })).toEqual({ kind: 'command', command: 'git status', description: '', others: [] });
+    expect(describeToolInput({ cmd: 'ls' })).toEqual({ kind: 'command', command: 'ls', description: '', others: [] });
+    expect(describeToolInput({ file_path: 'a.txt', content: 'hi' })).toEqual({ kind: 'file', path: 'a.txt', content: 'hi', others: [] });
+    // A second command or path beside the one shown is shown too, as is anything else.
+    expect(describeToolInput({ command: 'ls', cmd: 'rm -rf ~', description: 'List', timeout: 5, env: { A: '1' } })).toEqual({
+      kind: 'command',
+      command: 'ls',
+      description: 'List',
+      others: [
+        { name: 'cmd', json: '"rm -rf ~"' },
+        { name: 'timeout', json: '5' },
+        { name: 'env', json: '{\n  "A": "1"\n}' },
+      ],
+    });
+    expect(describeToolInput({ file_path: 'a.txt', path: '/etc/hosts', content: 'hi', new_string: 'more', description: '' })).toEqual({
+      kind: 'file',
+      path: 'a.txt',
+      content: 'hi',
+      others: [
+        { name: 'path', json: '"/etc/hosts"' },
+        { name: 'new_string', json: '"more"' },
+        { name: 'description', json: '""' },
+      ],
+    });
+    expect(describeToolInput({ command: ['rm', 1] })).toEqual({ kind: 'fields', others: [{ name: 'command', json: '[\n  "rm",\n  1\n]' }] });
+    expect(describeToolInput({ url: 'x' })).toEqual({ kind: 'fields', others: [{ name: 'url', json: '"x"' }] });
+    expect(describeToolInput(JSON.parse('{"__proto__":{"a":1},"file_path":"p"}'))).toEqual({
+      kind: 'file',
+      path: 'p',
+      content: '',
+      others: [{ name: '__proto__', json: '{\n  "a": 1\n}' }],
+    });
+    expect(describeToolInput({})).toEqual({ kind: 'json', json: '{}' });
+    expect(describeToolInput(['a'])).toEqual({ kind: 'json', json: '[\n  "a"\n]' });
+    expect(describeToolInput('text')).toEqual({ kind: 'json', json: '"text"' });
+    expect(describeToolInput(undefined)).toEqual({ kind: 'json', json: 'undefined' });
+  });
+});
+
+describe('fold', () => {
+  it('leaves a short value as it is', () => {
+    expect(fold('one\ntwo')).toBeNull();
+    expect(fold(Array.from({ length: kFoldLines }, (_, i) => `${i}`).join('\n') + '\n')).toBeNull();
+    expect(fold('x'.repeat(kFoldCharacters))).toBeNull();
+  });
+
+  it('folds a long value to its first lines and says how long it is', () => {
+    const text = Array.from({ length: 300 }, (_, i) => `line ${i + 1}`).join('\n');
+    const folded = fold(text)!;
+    expect(folded).toEqual({ head: text.split('\n').slice(0, kFoldLines).join('\n'), lines: 300, characters: 2591 });
+    expect(showAllLabel(folded)).toBe('Show all (300 lines, 2,591 characters)');
+    // A long line is cut at the character limit, never inside a character.
+    expect(fold('😀'.repeat(kFoldCharacters))).toBeNull();
+    const wide = fold('😀'.repeat(5000))!;
+    expect(wide.lines).toBe(1);
+    expect(wide.characters).toBe(5000);
+    expect(wide.head).toBe('😀'.repeat(kFoldCharacters));
+    expect(showAllLabel(wide)).toBe('Show all (1 line, 5,000 characters)');
+    expect(fold('a' + '😀'.repeat(4500))!.head).toBe('a' + '😀'.repeat(kFoldCharacters - 1));
+    expect(showAllLabel(fold('x'.repeat(1_234_567))!)).toBe('Show all (1 line, 1,234,567 characters)');
   });
 });
 

@@ -8,30 +8,53 @@ export interface PermissionSender {
 }
 
 // How a tool's input is best shown: a shell command as a command, a file write as its
-// path and content, anything else as indented JSON.
+// path and content, and every field those leave out (a "cmd" beside a "command", a "path"
+// beside a "file_path", anything unknown) on its own, by name, as indented JSON; an input
+// that is no object, or an empty one, as JSON. Nothing of the input is left out.
+export interface ToolInputField {
+  name: string;
+  json: string;
+}
+
 export type ToolInputView =
-  | { kind: 'command'; command: string; description: string }
-  | { kind: 'file'; path: string; content: string }
+  | { kind: 'command'; command: string; description: string; others: ToolInputField[] }
+  | { kind: 'file'; path: string; content: string; others: ToolInputField[] }
+  | { kind: 'fields'; others: ToolInputField[] }
   | { kind: 'json'; json: string };
 
-function field(input: Record<string, unknown>, ...names: string[]): string | undefined {
-  for (const name of names) if (typeof input[name] === 'string') return input[name] as string;
-  return undefined;
+function json(value: unknown): string {
+  return JSON.stringify(value, null, 2) ?? String(value);
 }
 
 export function describeToolInput(toolInput: unknown): ToolInputView {
-  if (typeof toolInput === 'object' && toolInput !== null && !Array.isArray(toolInput)) {
-    const input = toolInput as Record<string, unknown>;
-    const command = field(input, 'command', 'cmd');
-    if (command !== undefined) return { kind: 'command', command, description: field(input, 'description') ?? '' };
-    if (Array.isArray(input.command) && input.command.every((part) => typeof part === 'string')) {
-      return { kind: 'command', command: (input.command as string[]).join(' '), description: '' };
-    }
-    const path = field(input, 'file_path', 'path', 'filePath');
-    const content = field(input, 'content', 'new_string', 'text');
-    if (path !== undefined) return { kind: 'file', path, content: content ?? '' };
+  if (typeof toolInput !== 'object' || toolInput === null || Array.isArray(toolInput) || Object.keys(toolInput).length === 0) {
+    return { kind: 'json', json: json(toolInput) };
   }
-  return { kind: 'json', json: JSON.stringify(toolInput, null, 2) ?? String(toolInput) };
+  // Own fields only, "__proto__" included: JSON makes it a field like any other.
+  const fields = new Map(Object.entries(toolInput));
+  const shown = new Set<string>();
+  // The first of `names` that holds a string (a non-empty one when `nonEmpty`), marked shown.
+  const take = (nonEmpty: boolean, ...names: string[]): string | undefined => {
+    for (const name of names) {
+      const value = fields.get(name);
+      if (typeof value === 'string' && (!nonEmpty || value !== '')) {
+        shown.add(name);
+        return value;
+      }
+    }
+    return undefined;
+  };
+  const others = () => [...fields].filter(([name]) => !shown.has(name)).map(([name, value]) => ({ name, json: json(value) }));
+  const list = fields.get('command');
+  let command = take(false, 'command', 'cmd');
+  if (command === undefined && Array.isArray(list) && list.every((part) => typeof part === 'string')) {
+    shown.add('command');
+    command = list.join(' ');
+  }
+  if (command !== undefined) return { kind: 'command', command, description: take(true, 'description') ?? '', others: others() };
+  const path = take(false, 'file_path', 'path', 'filePath');
+  if (path !== undefined) return { kind: 'file', path, content: take(true, 'content', 'new_string', 'text') ?? '', others: others() };
+  return { kind: 'fields', others: others() };
 }
 
 // The assistants' tool uses waiting for a decision, from whichever client sees them; a

@@ -1,7 +1,8 @@
 import { useState } from 'preact/hooks';
 import type { AppState } from '../app_state';
 import { useStores } from '../lib/use_store';
-import { describeToolInput, type PermissionRequest } from '../stores/approvals_store';
+import { fold, showAllLabel } from '../lib/fold';
+import { describeToolInput, type PermissionRequest, type ToolInputView } from '../stores/approvals_store';
 import { fileCount, projectName } from './names';
 
 // The assistants' requests to use a tool, over whatever the user is looking at, with the
@@ -46,7 +47,6 @@ export function ApprovalSheet({ state }: { state: AppState }) {
 function RequestCard({ state, request }: { state: AppState; request: PermissionRequest }) {
   const [denying, setDenying] = useState(false);
   const [message, setMessage] = useState('');
-  const input = describeToolInput(request.toolInput);
   const task = state.tasks.get(request.taskId);
   return (
     <div class="request" data-request={request.requestId}>
@@ -58,22 +58,7 @@ function RequestCard({ state, request }: { state: AppState; request: PermissionR
           {task?.title ? ` · ${task.title}` : ''}
         </span>
       </p>
-      {input.kind === 'command' && (
-        <div class="tool-input">
-          {input.description && <p class="muted">{input.description}</p>}
-          <pre class="command">
-            <span class="prompt-sign">$ </span>
-            {input.command}
-          </pre>
-        </div>
-      )}
-      {input.kind === 'file' && (
-        <div class="tool-input">
-          <p class="file-path">{input.path}</p>
-          {input.content && <pre class="file-content">{input.content}</pre>}
-        </div>
-      )}
-      {input.kind === 'json' && <pre class="tool-input json">{input.json}</pre>}
+      <ToolInput input={describeToolInput(request.toolInput)} />
       {denying && (
         <label class="field">
           <span>Message for the assistant (optional)</span>
@@ -102,5 +87,60 @@ function RequestCard({ state, request }: { state: AppState; request: PermissionR
         )}
       </div>
     </div>
+  );
+}
+
+// What the tool is asked to do, all of it: the command or the file first, then every other
+// field of the input by name.
+function ToolInput({ input }: { input: ToolInputView }) {
+  if (input.kind === 'json') return <FoldedText class="tool-input json" text={input.json} />;
+  return (
+    <div class="tool-input">
+      {input.kind === 'command' && (
+        <>
+          <FoldedText class="command" prefix={<span class="prompt-sign">$ </span>} text={input.command} />
+          {input.description && <FoldedText tag="p" class="muted description" text={input.description} />}
+        </>
+      )}
+      {input.kind === 'file' && (
+        <>
+          <FoldedText tag="p" class="file-path" text={input.path} />
+          {input.content && <FoldedText class="file-content" text={input.content} />}
+        </>
+      )}
+      {input.others.length > 0 && (
+        <dl class="other-fields">
+          {input.others.map((field) => (
+            <div class="other-field" key={field.name}>
+              <dt class="field-name">{field.name}</dt>
+              <dd>
+                <FoldedText class="field-value" text={field.json} />
+              </dd>
+            </div>
+          ))}
+        </dl>
+      )}
+    </div>
+  );
+}
+
+// A value shown whole, or, when it is long, folded with a button that says how long it
+// is and unfolds it.
+function FoldedText({ text, class: className, tag = 'pre', prefix }: { text: string; class: string; tag?: 'pre' | 'p'; prefix?: preact.ComponentChildren }) {
+  const [unfolded, setUnfolded] = useState(false);
+  const folded = unfolded ? null : fold(text);
+  const Tag = tag;
+  return (
+    <>
+      <Tag class={className + (folded ? ' folded' : '')}>
+        {prefix}
+        {folded ? folded.head : text}
+      </Tag>
+      {folded && (
+        <button class="link show-all" onClick={() => setUnfolded(true)}>
+          {showAllLabel(folded)}
+        </button>
+      )}
+    </>
   );
 }

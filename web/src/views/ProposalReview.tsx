@@ -1,7 +1,7 @@
 import 'diff2html/bundles/css/diff2html.min.css';
 import { html, parse } from 'diff2html';
 import { useEffect, useMemo, useState } from 'preact/hooks';
-import { sanitize } from '../lib/markdown';
+import { sanitizeDiff } from '../lib/sanitize';
 import { fileCount } from './names';
 
 const kWide = '(min-width: 900px)';
@@ -26,7 +26,7 @@ export default function ProposalReview({ diff }: { diff: string }) {
   const rendered = useMemo(
     () =>
       files.map((file) =>
-        sanitize(html([file], { outputFormat: wide ? 'side-by-side' : 'line-by-line', drawFileList: false, matching: 'lines' })),
+        sanitizeDiff(html([file], { outputFormat: wide ? 'side-by-side' : 'line-by-line', drawFileList: false, matching: 'lines' })),
       ),
     [files, wide],
   );

@@ -3,6 +3,7 @@ import { FitAddon } from '@xterm/addon-fit';
 import { Terminal } from '@xterm/xterm';
 import { useEffect, useRef, useState } from 'preact/hooks';
 import { withAdoptedStyles } from '../lib/adopted_styles';
+import { openOutside } from '../lib/outside_links';
 import { skipEmptySelectionRedraws } from '../lib/terminal_redraws';
 import { useStores } from '../lib/use_store';
 import type { Completion, TerminalSession } from '../stores/terminals_store';
@@ -98,6 +99,8 @@ function TerminalScreen({ state, session }: { state: State; session: TerminalSes
       scrollback: 5000,
       theme: theme(),
       allowProposedApi: false,
+      // A program's hyperlink (OSC 8) opens outside the app, never into it.
+      linkHandler: { activate: (_event, uri) => openOutside(uri) },
     }));
     const fit = new FitAddon();
     term.loadAddon(fit);
