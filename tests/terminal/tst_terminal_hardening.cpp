@@ -105,9 +105,11 @@ private Q_SLOTS:
         QVERIFY(f.events(QStringLiteral("terminal.status"), QStringLiteral("gone")).isEmpty());
         QVERIFY(f.events(QStringLiteral("terminal.closed"), QStringLiteral("gone")).isEmpty());
         // A closed interactive session stays listed until it is replaced: attach still
-        // shows it, and the project cannot be opened again without replacing it.
+        // shows it, and to a server that knows only the agent protocol the project cannot
+        // be opened again without replacing it (our relay's clients can).
         f.send("terminal.attach", QStringLiteral("gone"));
         QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("gone"), 1));
+        f.runtime->terminalSessionManager().setExtended(false);
         f.open(QStringLiteral("again"), QStringLiteral("G"));
         const std::optional<QJsonObject> refused =
             f.waitForEvent(QStringLiteral("terminal.error"), QStringLiteral("again"));
