@@ -11,7 +11,22 @@ namespace brinmoor::ExecutionResolution {
 
 namespace {
 
-// Joins like file-URL path appending: one separator between the parts.
+// A template that runs a script inside the repository gets the full project path
+// and runs in the repository root.
+bool runsRepositoryScript(const QString& trimmedTemplate)
+{
+    return trimmedTemplate.startsWith(QLatin1String("./")) || trimmedTemplate.contains(QLatin1String(" ./")) ||
+           trimmedTemplate.contains(QLatin1String("deploy.sh"));
+}
+
+// Standardised like a file path: "." and ".." resolved, no trailing "/".
+QString standardizedPath(const QString& path)
+{
+    return QDir::cleanPath(path);
+}
+
+} // namespace
+
 QString joinPath(const QString& base, const QString& component)
 {
     if (component.isEmpty())
@@ -29,22 +44,6 @@ QString joinPath(const QString& base, const QString& component)
         return left + right;
     return right.isEmpty() ? left : left + QLatin1Char('/') + right;
 }
-
-// A template that runs a script inside the repository gets the full project path
-// and runs in the repository root.
-bool runsRepositoryScript(const QString& trimmedTemplate)
-{
-    return trimmedTemplate.startsWith(QLatin1String("./")) || trimmedTemplate.contains(QLatin1String(" ./")) ||
-           trimmedTemplate.contains(QLatin1String("deploy.sh"));
-}
-
-// Standardised like a file path: "." and ".." resolved, no trailing "/".
-QString standardizedPath(const QString& path)
-{
-    return QDir::cleanPath(path);
-}
-
-} // namespace
 
 QString shellQuote(const QString& value)
 {

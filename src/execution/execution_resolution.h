@@ -22,6 +22,11 @@ namespace ExecutionResolution {
 // Wraps a value in single quotes; each ' inside becomes '"'"'.
 QString shellQuote(const QString& value);
 
+// Joins a folder and a name as a file URL appends a path component: one separator
+// between them, no trailing one, nothing else standardised; an empty name gives the
+// folder.
+QString joinPath(const QString& base, const QString& component);
+
 // Replaces "{{projectKey}}" and "{{projectPath}}" by the quoted project path and
 // "{{projectArg}}" by the quoted project argument, in that order.
 QString expandProjectPlaceholders(const QString& text, const QString& projectPath, const QString& projectArg);

@@ -3,6 +3,7 @@
 #include "base/diag.h"
 #include "base/outgoing_flow.h"
 #include "execution/child_process.h"
+#include "execution/execution_resolution.h"
 #include "protocol/messages.h"
 #include "terminal/path_completion.h"
 #include "terminal/pty_session.h"
@@ -19,35 +20,17 @@ namespace {
 
 const QString kNotFound = QStringLiteral("Terminal session not found.");
 
-// Joins as a file URL appends a path component: one separator between the parts, no
-// trailing one, nothing else standardised (the same names as a task's folder).
-QString joinPath(const QString& base, const QString& component)
-{
-    QString left = base;
-    while (left.endsWith(QLatin1Char('/')) && left.size() > 1)
-        left.chop(1);
-    QString right = component;
-    while (right.startsWith(QLatin1Char('/')))
-        right.remove(0, 1);
-    while (right.endsWith(QLatin1Char('/')))
-        right.chop(1);
-    if (right.isEmpty())
-        return left;
-    if (left == QLatin1String("/"))
-        return left + right;
-    return left + QLatin1Char('/') + right;
-}
-
 } // namespace
 
 TerminalWorkspace resolveTerminalWorkspacePath(const QString& repoRoot, const QString& projectPath)
 {
     if (projectPath.startsWith(QLatin1Char('/')) && QFileInfo::exists(projectPath))
         return {projectPath, false};
-    const QString direct = joinPath(repoRoot, projectPath);
+    const QString direct = ExecutionResolution::joinPath(repoRoot, projectPath);
     if (QFileInfo::exists(direct))
         return {direct, false};
-    const QString inProj = joinPath(joinPath(repoRoot, QStringLiteral("proj")), projectPath);
+    const QString inProj =
+        ExecutionResolution::joinPath(ExecutionResolution::joinPath(repoRoot, QStringLiteral("proj")), projectPath);
     if (QFileInfo::exists(inProj))
         return {inProj, false};
     return {repoRoot, true};
