@@ -110,6 +110,14 @@ private:
         while (m_reader.next(m_in, offset, message) == relay::ws::FrameReader::Result::Message) {
             if (message.opcode == relay::ws::Text && onText)
                 onText(message.payload);
+            if (message.opcode == relay::ws::Ping) {
+                // As every WebSocket peer does; the relay learns from it that this agent
+                // does not number its messages.
+                static constexpr char kZeroMask[4] = {};
+                QByteArray pong;
+                relay::ws::appendMaskedFrame(pong, relay::ws::Pong, message.payload, kZeroMask);
+                socket->write(pong);
+            }
         }
         m_in.remove(0, offset);
     }

@@ -20,6 +20,9 @@ namespace brinmoor::relay {
 namespace {
 
 constexpr quint16 kReplacedCloseCode = 4000;
+// What an agent may say before its pong or "agent.stream" is held, up to this many
+// messages.
+constexpr qsizetype kPreludeMessages = 8;
 // The ping after an agent's hello, whose pong ends the agent's prelude.
 const QByteArray kLearnPing = QByteArrayLiteral("brinmoor.learn");
 constexpr int kListenBacklog = 512;
@@ -571,6 +574,11 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
             parsed = document.object();
     }
     const bool announces = parsed && parsed->value(QStringLiteral("type")).toString() == QLatin1String("agent.stream");
+    if (agent.learning && !announces && agent.prelude.size() >= kPreludeMessages) {
+        // An agent says one message (its register) before its pong; one that says many
+        // and never answers the ping does not number them either.
+        endPrelude(agent);
+    }
     if (agent.learning) {
         if (!announces) {
             agent.prelude.append(payload.toByteArray());
