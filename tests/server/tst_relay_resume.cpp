@@ -7,6 +7,7 @@
 #include "support/test_support.h"
 #include "websocket_client.h"
 
+#include <QHostAddress>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QNetworkRequest>
@@ -423,6 +424,38 @@ private Q_SLOTS:
         agent.sendTextMessage(logLine(QStringLiteral("t"), 1));
         QVERIFY(waitForLine(phone, 1));
         QCOMPARE(seqOf(phone.messages().last()), seqOf(*registered) + 1);
+    }
+
+    void anAgentThatNeverAnswersThePingIsHeardAfterEightMessages()
+    {
+        // A raw socket that never reads: no pong, no "agent.stream".
+        QVERIFY(startRelay());
+        RelayClient phone;
+        QVERIFY(phone.open(m_relay->port, m_relay->token));
+        QTcpSocket agent;
+        agent.connectToHost(QHostAddress::LocalHost, m_relay->port);
+        QVERIFY(agent.waitForConnected(5000));
+        const QByteArray authorization = "Authorization: Bearer " + m_relay->token.toUtf8() + "\r\n";
+        QByteArray out = ws::upgradeRequest("/v1/ws/agent?agentId=mac-4", authorization);
+        for (int i = 1; i <= 9; ++i)
+            brinmoor::relay::ws::appendMaskedFrame(out, brinmoor::relay::ws::Text,
+                                                   logLine(QStringLiteral("t"), i).toUtf8());
+        agent.write(out);
+        QVERIFY(waitForLine(phone, 9));
+        QStringList lines;
+        QList<qint64> seqs;
+        for (const QJsonObject& m : phone.messages()) {
+            if (typeOf(m) == QLatin1String("task.log")) {
+                lines.append(m.value(QStringLiteral("line")).toString());
+                seqs.append(seqOf(m));
+            }
+        }
+        QStringList all;
+        for (int i = 1; i <= 9; ++i)
+            all.append(QStringLiteral("line %1").arg(i));
+        QCOMPARE(lines, all);
+        for (qsizetype i = 1; i < seqs.size(); ++i)
+            QCOMPARE(seqs[i], seqs[i - 1] + 1);
     }
 
     void aStreamAnnouncedAfterTheRelayNumberedTheConnectionIsIgnored()
