@@ -287,6 +287,12 @@ export function testLeavingPictures(nodeTest, prefix, pages) {
 }
 
 // The visible element matching `selector` whose trimmed text is `text`, waited for.
+// Waits until the page has run the tasks queued so far and drawn a frame: the barrier
+// after an action whose effect, if it had one, is queued (a navigation, a hashchange).
+export async function pageSettled(page) {
+  await page.evaluate(() => new Promise((resolve) => requestAnimationFrame(() => setTimeout(resolve, 0))));
+}
+
 export async function elementWithText(target, selector, text, timeout = 20000) {
   const handle = await target.waitForFunction(
     (sel, wanted) => [...document.querySelectorAll(sel)].find((e) => e.textContent.trim() === wanted && e.getClientRects().length > 0),

@@ -16,6 +16,7 @@ import {
   focusTerminal,
   kAgentId,
   kToken,
+  pageSettled,
   testLeavingPictures,
   waitForText,
   World,
@@ -268,7 +269,7 @@ test('an answer poses as nothing, stays in its box and runs no script', async ()
   for (const text of ['pair', 'full', 'js', 'data', 'api']) {
     await (await elementWithText(page, answer + ' .markdown a', text)).click();
   }
-  await new Promise((resolve) => setTimeout(resolve, 500));
+  await pageSettled(page);
   assert.equal(await openPages(), pages);
   assert.deepEqual(await pageState(), before);
   await reloadConnected();
@@ -280,7 +281,8 @@ test('a token in the address after the page opened is not taken', async () => {
   await page.evaluate((evil) => {
     location.hash = '#token=' + evil;
   }, kEvilToken);
-  await new Promise((resolve) => setTimeout(resolve, 300));
+  // The page takes the fragment out of the address once it has seen it.
+  await page.waitForFunction(() => location.hash === '');
   assert.equal(await page.evaluate(() => localStorage.getItem('brinmoor.token')), kToken);
   await waitForText(page, '.connection-text', 'Connected');
   // It does not stay in the address bar either.
@@ -322,9 +324,10 @@ test('a terminal shows a title as text, writes no clipboard, and its hyperlink c
   const row = await page.evaluateHandle(() => [...document.querySelectorAll('.xterm-rows > div')].filter((line) => line.textContent.startsWith('click-me')).pop());
   const box = await row.boundingBox();
   await page.mouse.move(box.x + 10, box.y + box.height / 2);
-  await new Promise((resolve) => setTimeout(resolve, 300));
+  // xterm.js shows the pointer once it has found the link under the mouse.
+  await page.waitForFunction(() => document.querySelector('.xterm.xterm-cursor-pointer, .xterm .xterm-cursor-pointer'));
   await page.mouse.click(box.x + 10, box.y + box.height / 2);
-  await new Promise((resolve) => setTimeout(resolve, 1000));
+  await pageSettled(page);
   assert.deepEqual(dialogs, []);
   assert.equal(await openPages(), pages);
   assert.deepEqual(await pageState(['brinmoor.terminals']), before);
