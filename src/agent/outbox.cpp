@@ -103,7 +103,7 @@ void Outbox::add(const QString& text, const QString& taskId, Kind kind)
     // has the session's replay.
     if (m_state == State::Closed && (!m_keep || kind == Kind::TerminalOutput))
         return;
-    Entry entry{text, taskId, kind, 0, false, waiting};
+    Entry entry{text, taskId, kind, false, waiting};
     if (!taskId.isEmpty())
         m_tasks[taskId].bytes += size(entry);
     const quint64 id = m_unsentBase + m_unsent.size();

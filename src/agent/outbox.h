@@ -109,7 +109,6 @@ private:
         QString text;
         QString taskId;
         Kind kind = Kind::Other;
-        qint64 seq = 0;
         bool dropped = false;
         bool saidWhileOpen = false; // said while a socket was open, waiting for its server
     };
