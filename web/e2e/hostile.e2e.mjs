@@ -374,9 +374,10 @@ function settled() {
 
 async function newChat(prompt) {
   await click('button[role=tab]', 'Chat');
-  await settled();
-  // On a phone an open chat hides the list.
-  if (await page.$('.chat-view.has-open')) {
+  // On a phone an open chat hides the list. After a reload the page reads the chats
+  // from its database before it shows the open one, so ask where the page is.
+  const openChat = await page.evaluate(() => JSON.parse(localStorage.getItem('brinmoor.place') ?? '{}').conversationId ?? null);
+  if (openChat) {
     await click('.back-to-list', '');
     await settled();
   }
