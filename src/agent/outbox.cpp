@@ -7,7 +7,7 @@
 
 namespace brinmoor {
 
-void UnconfirmedMessages::append(qint64 seq, QStringView text)
+void WrittenMessages::append(qint64 seq, QStringView text)
 {
     if (m_sizes.empty())
         m_firstSeq = seq;
@@ -28,18 +28,26 @@ void UnconfirmedMessages::append(qint64 seq, QStringView text)
     m_bytes += size;
 }
 
-void UnconfirmedMessages::confirm(qint64 seq)
+void WrittenMessages::confirm(qint64 seq)
 {
-    while (!m_sizes.empty() && m_firstSeq <= seq)
+    while (m_confirmedCount < qsizetype(m_sizes.size()) && m_firstSeq + m_confirmedCount <= seq) {
+        m_confirmedBytes += m_sizes[size_t(m_confirmedCount)];
+        ++m_confirmedCount;
+    }
+    while (m_confirmedBytes > m_confirmedKept)
         dropOldest();
 }
 
-void UnconfirmedMessages::dropOldest()
+void WrittenMessages::dropOldest()
 {
     if (m_sizes.empty())
         return;
     const qint32 size = m_sizes.front();
     m_sizes.pop_front();
+    if (m_confirmedCount > 0) {
+        --m_confirmedCount;
+        m_confirmedBytes -= size;
+    }
     ++m_firstSeq;
     m_bytes -= size;
     m_begin += size;
@@ -49,24 +57,28 @@ void UnconfirmedMessages::dropOldest()
     }
 }
 
-void UnconfirmedMessages::clear()
+void WrittenMessages::clear()
 {
     m_blocks.clear();
     m_sizes.clear();
     m_begin = 0;
     m_bytes = 0;
+    m_confirmedCount = 0;
+    m_confirmedBytes = 0;
 }
 
-void UnconfirmedMessages::forEach(const std::function<void(const QString&)>& visit) const
+void WrittenMessages::forEachFrom(qint64 from, const std::function<void(const QString&)>& visit) const
 {
     auto block = m_blocks.begin();
     qsizetype at = m_begin;
+    qint64 seq = m_firstSeq;
     for (const qint32 size : m_sizes) {
         if (at >= block->size()) {
             ++block;
             at = 0;
         }
-        visit(QString::fromUtf8(block->constData() + at, size));
+        if (seq++ >= from)
+            visit(QString::fromUtf8(block->constData() + at, size));
         at += size;
     }
 }
@@ -179,12 +191,16 @@ void Outbox::open(qint64 serverHas, Writer writer, bool confirms)
     }
     m_keep = confirms;
     if (!confirms)
-        m_unconfirmed.clear();
+        m_written.clear();
     m_state = State::Numbered;
     m_write = std::move(writer);
-    const qint64 next = m_unconfirmed.isEmpty() ? m_nextSeq : m_unconfirmed.firstSeq();
+    // What the server lacks of what is kept: the unconfirmed messages, and confirmed ones
+    // it no longer has (it was restarted).
+    const qint64 next = !m_written.isEmpty() && m_written.lastSeq() > serverHas
+                            ? std::max(serverHas + 1, m_written.firstSeq())
+                            : m_nextSeq;
     m_write(QString::fromUtf8(QJsonDocument(Messages::agentStream(m_firstSeq, next)).toJson(QJsonDocument::Compact)));
-    m_unconfirmed.forEach(m_write);
+    m_written.forEachFrom(next, m_write);
     while (!m_unsent.empty() && m_state == State::Numbered) {
         Entry entry;
         if (takeUnsent(entry)) {
@@ -197,7 +213,7 @@ void Outbox::open(qint64 serverHas, Writer writer, bool confirms)
 void Outbox::openPlain(Writer writer)
 {
     m_keep = false;
-    m_unconfirmed.clear();
+    m_written.clear();
     m_state = State::Plain;
     m_write = std::move(writer);
     // What waited from before this socket was for a server that confirms; what was said
@@ -230,9 +246,9 @@ void Outbox::write(const QString& text)
     if (m_state == State::Numbered) {
         const qint64 seq = m_nextSeq++;
         if (m_keep) {
-            m_unconfirmed.append(seq, text);
-            while (m_unconfirmed.bytes() > kUnconfirmedBytes)
-                m_unconfirmed.dropOldest();
+            m_written.append(seq, text);
+            while (m_written.unconfirmedBytes() > kUnconfirmedBytes)
+                m_written.dropOldest();
         }
     }
     m_write(text);
@@ -240,7 +256,7 @@ void Outbox::write(const QString& text)
 
 void Outbox::acknowledge(qint64 seq)
 {
-    m_unconfirmed.confirm(seq);
+    m_written.confirm(seq);
 }
 
 void Outbox::forget(const Entry& entry)

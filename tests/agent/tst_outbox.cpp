@@ -48,11 +48,12 @@ private Q_SLOTS:
         QCOMPARE(outbox.nextSeq(), kFirst + 3);
         outbox.acknowledge(kFirst + 1);
         QCOMPARE(outbox.unconfirmedCount(), 1);
-        // The connection goes: "c" waits with its seq, "d" for one.
+        // The connection goes: "c" waits with its seq, "d" for one. The server is back with
+        // what it confirmed.
         outbox.close();
         outbox.add("d");
         written.clear();
-        outbox.open(0, [&](const QString& text) { written.append(text); });
+        outbox.open(kFirst + 1, [&](const QString& text) { written.append(text); });
         QCOMPARE(written, (QStringList{stream(kFirst, kFirst + 2), "c", "d"}));
         QCOMPARE(outbox.nextSeq(), kFirst + 4);
         // A server that has "c" already says so in its hello.
@@ -62,6 +63,60 @@ private Q_SLOTS:
         QCOMPARE(written, (QStringList{stream(kFirst, kFirst + 3), "d"}));
         outbox.acknowledge(kFirst + 3);
         QCOMPARE(outbox.unconfirmedCount(), 0);
+    }
+
+    void aServerThatLostWhatItConfirmedGetsItAgain()
+    {
+        Outbox outbox(kFirst);
+        QStringList written;
+        outbox.open(0, [&](const QString& text) { written.append(text); });
+        outbox.add("a");
+        outbox.add("b");
+        outbox.add("c");
+        outbox.acknowledge(kFirst + 2);
+        QCOMPARE(outbox.unconfirmedCount(), 0);
+        QCOMPARE(outbox.unconfirmedBytes(), 0);
+        QCOMPARE(outbox.confirmedKeptBytes(), 3);
+        // Restarted, the server has only what it got before "b".
+        outbox.close();
+        written.clear();
+        outbox.open(kFirst, [&](const QString& text) { written.append(text); });
+        QCOMPARE(written, (QStringList{stream(kFirst, kFirst + 1), "b", "c"}));
+        // Restarted again, it has nothing at all.
+        outbox.acknowledge(kFirst + 2);
+        outbox.close();
+        written.clear();
+        outbox.open(0, [&](const QString& text) { written.append(text); });
+        QCOMPARE(written, (QStringList{stream(kFirst, kFirst), "a", "b", "c"}));
+        // The same server again: nothing goes twice.
+        outbox.acknowledge(kFirst + 2);
+        outbox.close();
+        written.clear();
+        outbox.open(kFirst + 2, [&](const QString& text) { written.append(text); });
+        QCOMPARE(written, (QStringList{stream(kFirst, kFirst + 3)}));
+    }
+
+    void keepsOnlyTheNewestConfirmedMessagesUpToABound()
+    {
+        Outbox outbox(kFirst);
+        QStringList written;
+        outbox.open(0, [&](const QString& text) { written.append(text); });
+        const QString chunk(64 * 1024, QLatin1Char('k'));
+        const qsizetype kept = Outbox::kConfirmedKeptBytes / chunk.size();
+        for (qsizetype i = 0; i < kept + 10; ++i) {
+            outbox.add(chunk + QString::number(i % 10));
+            outbox.acknowledge(outbox.nextSeq() - 1);
+            QVERIFY(outbox.confirmedKeptBytes() <= Outbox::kConfirmedKeptBytes);
+        }
+        // Each chunk is one byte longer than its size here: one fewer fits.
+        QCOMPARE(outbox.confirmedKeptBytes(), (kept - 1) * (chunk.size() + 1));
+        outbox.close();
+        written.clear();
+        outbox.open(0, [&](const QString& text) { written.append(text); });
+        QCOMPARE(written.size(), 1 + kept - 1);
+        QCOMPARE(written.first(), stream(kFirst, kFirst + 11));
+        QCOMPARE(written.at(1), chunk + QString::number(1));
+        QCOMPARE(written.last(), chunk + QString::number(5));
     }
 
     void seqsGoOnAboveWhatTheServerHas()
@@ -242,11 +297,17 @@ private Q_SLOTS:
         QCOMPARE(outbox.unconfirmedBytes(), text.toUtf8().size() + 1);
         outbox.acknowledge(kFirst);
         QCOMPARE(outbox.unconfirmedBytes(), 1);
+        QCOMPARE(outbox.confirmedKeptBytes(), text.toUtf8().size());
         outbox.add(text);
         outbox.close();
         written.clear();
-        outbox.open(0, [&](const QString& text) { written.append(text); });
+        outbox.open(kFirst, [&](const QString& text) { written.append(text); });
         QCOMPARE(written, (QStringList{stream(kFirst, kFirst + 1), QStringLiteral("b"), text}));
+        // What was confirmed goes again, as it was, to a server that lost it.
+        outbox.close();
+        written.clear();
+        outbox.open(0, [&](const QString& text) { written.append(text); });
+        QCOMPARE(written, (QStringList{stream(kFirst, kFirst), text, QStringLiteral("b"), text}));
     }
 };
 

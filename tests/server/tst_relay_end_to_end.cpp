@@ -360,6 +360,75 @@ private Q_SLOTS:
         QCOMPARE(ends, 1);
     }
 
+    // Lines the relay confirmed to the agent but never gave the phone (it was away) are
+    // not lost when the relay dies: the agent keeps the newest confirmed messages, and
+    // the new relay, which has none of them, gets them again.
+    void confirmedLinesOutliveARelayKilledBeforeThePhoneHadThem()
+    {
+        QVERIFY(startBoth());
+        auto phone = std::make_unique<RelayClient>();
+        QVERIFY(phone->open(m_relay->port, m_relay->token));
+        PieceWriter pieces(m_tmp->path() + QStringLiteral("/pieces"));
+        const QString taskId =
+            createTask(*phone, {{QStringLiteral("action"), QStringLiteral("shell")},
+                                {QStringLiteral("command"), QString(QStringLiteral("cat ") + pieces.path())}});
+        const QString started = QStringLiteral("runTask process started taskId=") + taskId + QStringLiteral(" pid=");
+        QVERIFY(waitUntil([&] { return !m_agent->logTexts().filter(started).isEmpty(); }));
+        QVERIFY(pieces.start(m_agent->logTexts().filter(started).first().mid(started.size()).toLongLong()));
+        const auto writeLines = [&](int from, int to) {
+            QByteArray text;
+            for (int i = from; i <= to; ++i)
+                text += "line " + QByteArray::number(i) + '\n';
+            return pieces.write(text);
+        };
+        QVERIFY(writeLines(1, 100));
+        QVERIFY(phone->waitFor([](const QJsonObject& m) { return m.value("line") == "line 100"; }));
+        qint64 seen = 0;
+        for (const QJsonObject& m : phone->messages())
+            seen = std::max(seen, m.value("seq").toInteger());
+        // The phone goes; the relay gets and confirms the next lines.
+        phone.reset();
+        QVERIFY(writeLines(101, 150));
+        QVERIFY(waitUntil([&] { return m_relay->lines().join('\n').contains(QLatin1String("client.disconnected")); }));
+        RelayClient watcher;
+        QVERIFY(watcher.openResuming(m_relay->port, m_relay->token, QJsonObject{{QStringLiteral("cli-agent"), seen}}));
+        QVERIFY(watcher.waitFor([](const QJsonObject& m) { return m.value("line") == "line 150"; }));
+        // The agent has read the relay's confirmation of them once it has answered a
+        // command the relay sent after it.
+        watcher.send(QJsonObject{
+            {QStringLiteral("type"), QStringLiteral("terminal.open")},
+            {QStringLiteral("agentId"), QStringLiteral("cli-agent")},
+            {QStringLiteral("payload"), QJsonObject{{QStringLiteral("sessionId"), QStringLiteral("s")},
+                                                    {QStringLiteral("projectPath"), QStringLiteral("App")}}}});
+        QVERIFY(watcher.waitForType(QStringLiteral("terminal.opened")));
+        const quint16 port = m_relay->port;
+        m_relay->kill();
+        QVERIFY(writeLines(151, 200));
+        pieces.finish();
+        QVERIFY(waitUntil([&] {
+            return m_agent->logTexts().contains(QStringLiteral("runTask process terminated taskId=") + taskId +
+                                                QStringLiteral(" exitCode=0"));
+        }));
+        m_relay = std::make_unique<RelayProcess>();
+        m_relay->token = QStringLiteral("tok");
+        QVERIFY(m_relay->start({}, port));
+        RelayClient back;
+        QVERIFY(back.openResuming(port, m_relay->token, QJsonObject{{QStringLiteral("cli-agent"), seen}}));
+        QVERIFY(back.waitFor(
+            [&](const QJsonObject& m) { return typeOf(m) == "task.finished" && m.value("taskId") == taskId; }, 20000));
+        QStringList lines;
+        for (const QJsonObject& m : back.messages()) {
+            QVERIFY2(typeOf(m) != QLatin1String("resume.gap"), qPrintable(QJsonDocument(m).toJson()));
+            if (typeOf(m) == QLatin1String("task.log") && m.value("taskId") == taskId &&
+                m.value("line").toString().startsWith("line "))
+                lines.append(m.value("line").toString());
+        }
+        QStringList expected;
+        for (int i = 101; i <= 200; ++i)
+            expected.append(QStringLiteral("line %1").arg(i));
+        QCOMPARE(lines, expected);
+    }
+
     // A phone that reads a terminal at 4 MB/s gets every byte of `cat` and stays
     // connected, though it may fall behind by no more than 1 MiB; and Ctrl-C stops a
     // `yes` it watches.
