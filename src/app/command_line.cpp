@@ -2,6 +2,7 @@
 
 #include "base/open_file_limit.h"
 #include "base/process_reaper.h"
+#include "base/secret_environment.h"
 
 #include "app/agent_only.h"
 #include "app/headless.h"
@@ -123,6 +124,7 @@ QJsonObject profileReport(const AgentProfile& profile, const ConnectionSettings&
 
 int runCommandLine(int argc, char** argv)
 {
+    SecretEnvironment::hideFromProcessListings();
     raiseOpenFileLimit();
     QCoreApplication::setApplicationName(QStringLiteral("BrinmoorMacAgent"));
     QCoreApplication::setApplicationVersion(QStringLiteral(BRINMOOR_VERSION));

@@ -200,11 +200,11 @@ QString writeOwnerOnlyFile(const QString& path, const QByteArray& content, const
 } // namespace
 
 QString writeMCPConfig(const QString& taskId, const QString& approverPath, const ConnectionSettings& connection,
-                       const QString& folder)
+                       const QString& tokenFilePath, const QString& folder)
 {
     QJsonObject env{{QStringLiteral("BRINMOOR_SERVER_URL"), connection.serverURL},
                     {QStringLiteral("BRINMOOR_TASK_ID"), taskId},
-                    {QStringLiteral("BRINMOOR_TOKEN"), connection.token}};
+                    {QStringLiteral("BRINMOOR_TOKEN_FILE"), tokenFilePath}};
     for (const auto& [variable, value] : approverTlsEnvironment(connection))
         env.insert(variable, value);
     const QJsonObject config{
@@ -287,7 +287,9 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
                  QStringLiteral(", falling back to Claude --dangerously-skip-permissions"));
             command = kClaudeWithoutApproval;
         } else if (profile.claudeChatTemplate.contains(QLatin1String("{{mcpConfigPath}}"))) {
-            const QString configPath = writeMCPConfig(taskId, profile.mcpApproverPath, connection, temporaryFolder);
+            resolution.tokenFilePath = writeTokenFile(taskId, connection, temporaryFolder);
+            const QString configPath =
+                writeMCPConfig(taskId, profile.mcpApproverPath, connection, *resolution.tokenFilePath, temporaryFolder);
             resolution.mcpConfigPath = configPath;
             command = profile.claudeChatTemplate;
             command.replace(QLatin1String("{{mcpConfigPath}}"), shellQuote(configPath));

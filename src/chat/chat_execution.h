@@ -78,11 +78,12 @@ QString codexMCPConfigOverrides(const QString& taskId, const QString& approverPa
 // folder; returns its path. Throws AgentError when it cannot be written.
 QString writeTokenFile(const QString& taskId, const ConnectionSettings& connection, const QString& folder);
 
-// Writes Claude's MCP configuration (it holds the agent token) readable by the user
-// only, as "brinmoor-mcp-<task id>.json" in the folder; returns its path. Throws
-// AgentError when it cannot be written.
+// Writes Claude's MCP configuration readable by the user only, as
+// "brinmoor-mcp-<task id>.json" in the folder; returns its path. The approval tool it
+// names reads the token from the owner-only file at `tokenFilePath`: no process's
+// environment holds it. Throws AgentError when it cannot be written.
 QString writeMCPConfig(const QString& taskId, const QString& approverPath, const ConnectionSettings& connection,
-                       const QString& folder);
+                       const QString& tokenFilePath, const QString& folder);
 
 // Whether the approval tool can be run.
 bool approvalServerAvailable(const QString& approverPath);

@@ -2,6 +2,7 @@
 
 #include "base/outgoing_flow.h"
 #include "base/process_reaper.h"
+#include "base/secret_environment.h"
 #include "execution/execution_resolution.h"
 
 #include <QCoreApplication>
@@ -50,7 +51,7 @@ QProcessEnvironment ChildProcess::childEnvironment()
 {
     // The relay token is the agent's alone: no task, assistant or tool it starts sees it.
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    for (const char* name : kSecretVariables)
+    for (const char* name : SecretEnvironment::kVariables)
         env.remove(QLatin1String(name));
     return env;
 }

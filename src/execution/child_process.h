@@ -42,9 +42,7 @@ public:
     };
     static CommandLine commandLine(const QString& shell, bool requiresTTY);
 
-    // Variables that carry the relay token; children never inherit them.
-    static constexpr const char* kSecretVariables[] = {"BRINMOOR_SHARED_TOKEN", "BRINMOOR_TOKEN"};
-    // The agent's environment without them.
+    // The agent's environment without the variables that carry the relay token.
     static QProcessEnvironment childEnvironment();
 
     explicit ChildProcess(OutgoingFlow* flow, QObject* parent = nullptr);

@@ -14,6 +14,7 @@
 
 #include <csignal>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 using namespace brinmoor;
 using namespace brinmoor::test;
@@ -69,17 +70,12 @@ QList<qint64> descendants(qint64 root)
     return found;
 }
 
-// The processes under the agent whose command line or environment holds the text, but
-// for the agent's own reaper (a fork of the agent) and the approval tool, which is handed
-// the token on purpose.
+// The processes under the agent whose command line or environment holds the text: every
+// one of them, its own reaper (a fork of it) and the approval tool included.
 QStringList holders(qint64 agent, const QByteArray& text)
 {
     QStringList found;
-    const QString agentExe = QFileInfo(QStringLiteral("/proc/%1/exe").arg(agent)).symLinkTarget();
     for (const qint64 pid : descendants(agent)) {
-        const QString exe = QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget();
-        if (exe == agentExe || exe.endsWith(QLatin1String("/MCPApprovalServer")))
-            continue;
         QByteArray cmdline = readFile(QStringLiteral("/proc/%1/cmdline").arg(pid));
         const QByteArray environ = readFile(QStringLiteral("/proc/%1/environ").arg(pid));
         if (cmdline.contains(text) || environ.contains(text))
@@ -232,15 +228,25 @@ private Q_SLOTS:
             test::writeFile(fake.path() + QLatin1Char('/') + tool + QStringLiteral(".script"),
                             "until [[ -e " + gate.toUtf8() + " ]]; do sleep 0.05; done\n");
         }
+        // The login shell that looks for an assistant on the PATH waits on a pipe until
+        // the test has looked at it; every other zsh goes on at once.
+        QTemporaryDir dotdir;
+        const QByteArray pipe = QFile::encodeName(dotdir.path() + QStringLiteral("/gate"));
+        QCOMPARE(::mkfifo(pipe.constData(), 0600), 0);
+        test::writeFile(dotdir.path() + QStringLiteral("/.zshenv"),
+                        "[[ $ZSH_EXECUTION_STRING == 'whence -p -- '* ]] && read -r _ < " + pipe + "\n");
         QProcessEnvironment extra;
         extra.insert(QStringLiteral("PATH"), fakeToolsDir() + QLatin1Char(':') + qEnvironmentVariable("PATH"));
         extra.insert(QStringLiteral("BRINMOOR_FAKE_DIR"), fake.path());
         extra.insert(QStringLiteral("TMPDIR"), tmp.path());
+        extra.insert(QStringLiteral("ZDOTDIR"), dotdir.path());
         agent.start(server.serverURL(), extra);
         QVERIFY(server.waitForType(QStringLiteral("agent.register")));
         const qint64 pid = agent.process.processId();
-        // The agent itself holds the token; its reaper, a fork of it, too.
-        QVERIFY(readFile(QStringLiteral("/proc/%1/environ").arg(pid)).contains(token));
+        // Started with the token in its environment, the agent keeps it out of what /proc
+        // shows of it, and so of its reaper, a fork of it.
+        QVERIFY(!readFile(QStringLiteral("/proc/%1/environ").arg(pid)).contains(token));
+        QCOMPARE(holders(pid, token), QStringList());
 
         // A shell task.
         server.send(shellTask(QStringLiteral("t"), QStringLiteral("echo started; sleep 300")));
@@ -270,6 +276,20 @@ private Q_SLOTS:
                                       {QStringLiteral("projectPath"), QStringLiteral("App")},
                                       {QStringLiteral("prompt"), QStringLiteral("Hi")},
                                       {QStringLiteral("approvalMode"), QStringLiteral("on_request")}}}});
+            // The probe for the assistant, held on the pipe.
+            const auto probing = [&] {
+                for (const qint64 child : descendants(pid)) {
+                    if (readFile(QStringLiteral("/proc/%1/cmdline").arg(child))
+                            .contains(QByteArray(QByteArray("whence -p -- '") + system.toUtf8() + '\'')))
+                        return true;
+                }
+                return false;
+            };
+            QVERIFY(waitUntil(probing));
+            QCOMPARE(holders(pid, token), QStringList());
+            QFile release(QFile::decodeName(pipe));
+            QVERIFY(release.open(QIODevice::WriteOnly));
+            release.close();
             QVERIFY(waitUntil([&] { return QFile::exists(fake.path() + QLatin1Char('/') + system + ".1.args"); }));
             QCOMPARE(holders(pid, token), QStringList());
             test::writeFile(gate);

@@ -132,7 +132,8 @@ private Q_SLOTS:
                                 " -c 'mcp_servers.approver.env.BRINMOOR_TLS_CA=\"/etc/ca.pem\"'"
                                 " -c 'mcp_servers.approver.env.BRINMOOR_TLS_PINNED_CERT=\"/home/me/server.pem\"'"
                                 " -c 'mcp_servers.approver.tools.request_permission.approval_mode=\"approve\"'"));
-        const QString path = writeMCPConfig(QStringLiteral("t9"), m_approver, tls, m_tmp.path());
+        const QString path =
+            writeMCPConfig(QStringLiteral("t9"), m_approver, tls, QStringLiteral("/run/token"), m_tmp.path());
         QCOMPARE(QJsonDocument::fromJson(test::readFile(path))
                      .object()
                      .value(QStringLiteral("mcpServers"))
@@ -143,7 +144,7 @@ private Q_SLOTS:
                      .toObject(),
                  (QJsonObject{{QStringLiteral("BRINMOOR_SERVER_URL"), QStringLiteral("https://127.0.0.1:8443")},
                               {QStringLiteral("BRINMOOR_TASK_ID"), QStringLiteral("t9")},
-                              {QStringLiteral("BRINMOOR_TOKEN"), m_connection.token},
+                              {QStringLiteral("BRINMOOR_TOKEN_FILE"), QStringLiteral("/run/token")},
                               {QStringLiteral("BRINMOOR_TLS_CA"), QStringLiteral("/etc/ca.pem")},
                               {QStringLiteral("BRINMOOR_TLS_PINNED_CERT"), QStringLiteral("/home/me/server.pem")}}));
         QFile::remove(path);
@@ -160,7 +161,8 @@ private Q_SLOTS:
 
     void mcpConfigIsOwnerOnlyJson()
     {
-        const QString path = writeMCPConfig(QStringLiteral("t9"), m_approver, m_connection, m_tmp.path());
+        const QString path =
+            writeMCPConfig(QStringLiteral("t9"), m_approver, m_connection, QStringLiteral("/run/token"), m_tmp.path());
         QCOMPARE(path, m_tmp.path() + QStringLiteral("/brinmoor-mcp-t9.json"));
         QCOMPARE(test::fileMode(path), 0600);
         const QJsonObject approver = QJsonDocument::fromJson(test::readFile(path))
@@ -174,7 +176,7 @@ private Q_SLOTS:
         QCOMPARE(approver.value(QStringLiteral("env")).toObject(),
                  (QJsonObject{{QStringLiteral("BRINMOOR_SERVER_URL"), QStringLiteral("http://127.0.0.1:8080")},
                               {QStringLiteral("BRINMOOR_TASK_ID"), QStringLiteral("t9")},
-                              {QStringLiteral("BRINMOOR_TOKEN"), m_connection.token}}));
+                              {QStringLiteral("BRINMOOR_TOKEN_FILE"), QStringLiteral("/run/token")}}));
         QFile::remove(path);
     }
 
@@ -183,11 +185,13 @@ private Q_SLOTS:
         const QString target = m_tmp.path() + QStringLiteral("/target");
         test::writeFile(target, "keep");
         QVERIFY(QFile::link(target, m_tmp.path() + QStringLiteral("/brinmoor-mcp-x.json")));
-        const QString path = writeMCPConfig(QStringLiteral("x"), m_approver, m_connection, m_tmp.path());
+        const QString path =
+            writeMCPConfig(QStringLiteral("x"), m_approver, m_connection, QStringLiteral("/run/token"), m_tmp.path());
         QCOMPARE(test::readFile(target), QByteArray("keep"));
         QVERIFY(!QFileInfo(path).isSymLink());
         QFile::remove(path);
-        const QString odd = writeMCPConfig(QStringLiteral("../../etc/x"), m_approver, m_connection, m_tmp.path());
+        const QString odd = writeMCPConfig(QStringLiteral("../../etc/x"), m_approver, m_connection,
+                                           QStringLiteral("/run/token"), m_tmp.path());
         QCOMPARE(odd, m_tmp.path() + QStringLiteral("/brinmoor-mcp-.._.._etc_x.json"));
         QFile::remove(odd);
     }
@@ -195,7 +199,8 @@ private Q_SLOTS:
     void unwritableFolderFailsTheResolution()
     {
         try {
-            writeMCPConfig(QStringLiteral("t"), m_approver, m_connection, QStringLiteral("/nonexistent-dir"));
+            writeMCPConfig(QStringLiteral("t"), m_approver, m_connection, QStringLiteral("/run/token"),
+                           QStringLiteral("/nonexistent-dir"));
             QFAIL("no error");
         } catch (const AgentError& error) {
             QCOMPARE(error.code, 14);

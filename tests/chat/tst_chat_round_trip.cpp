@@ -194,9 +194,15 @@ private Q_SLOTS:
                  (workingDir + QLatin1Char('\n')).toUtf8());
         // The configuration existed, owner-only, while the tool ran, and is gone now.
         QCOMPARE(test::readFile(m_fake.path() + QStringLiteral("/claude.1.mcpmode")), QByteArray("600\n"));
-        QVERIFY(test::readFile(m_fake.path() + QStringLiteral("/claude.1.mcp"))
-                    .contains("\"BRINMOOR_TOKEN\": \"secret-token\""));
+        // It names an owner-only file that holds the token, gone too: the token itself is in
+        // neither the configuration nor any environment.
+        const QByteArray config = test::readFile(m_fake.path() + QStringLiteral("/claude.1.mcp"));
+        const QByteArray named = "\"BRINMOOR_TOKEN_FILE\": \"" +
+                                 QFile::encodeName(m_tmp.path() + QStringLiteral("/brinmoor-token-c1")) + '"';
+        QVERIFY2(config.contains(named), config.constData());
+        QVERIFY(!config.contains("secret-token"));
         QCOMPARE(mcpFiles(), QStringList());
+        QCOMPARE(QDir(m_tmp.path()).entryList({QStringLiteral("brinmoor-token-*")}, QDir::Files), QStringList());
 
         // The second message of the conversation resumes the session.
         f.assign(QStringLiteral("c2"), chat(QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("more"),
