@@ -7,6 +7,7 @@
 #include <QProcess>
 #include <QTimer>
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstdio>
 #include <netinet/in.h>
@@ -48,7 +49,20 @@ void printToStandardOutput(const QString& line)
 
 } // namespace
 
-LocalServerRuntime::LocalServerRuntime(QObject* parent) : QObject(parent), printLine(printToStandardOutput) {}
+LocalServerRuntime::LocalServerRuntime(QObject* parent) : QObject(parent), printLine(printToStandardOutput)
+{
+    m_restart.setSingleShot(true);
+    connect(&m_restart, &QTimer::timeout, this, [this] {
+        const std::optional<QString> binary = resolveServerBinaryPath();
+        if (!binary) {
+            m_status(QStringLiteral("Bundled server not found"));
+            return;
+        }
+        // A start that fails is tried again, later each time.
+        if (!launch(*binary))
+            m_restart.start(m_backoff.next(0));
+    });
+}
 
 LocalServerRuntime::~LocalServerRuntime()
 {
@@ -110,21 +124,40 @@ bool LocalServerRuntime::isRunning() const
     return m_process && m_process->state() != QProcess::NotRunning;
 }
 
+int RestartBackoff::next(qint64 ranMs)
+{
+    if (ranMs >= kSteadyMs)
+        m_nextMs = kFirstMs;
+    const int wait = m_nextMs;
+    m_nextMs = std::min(m_nextMs * 2, kLongestMs);
+    return wait;
+}
+
 int LocalServerRuntime::start(int port, const QString& token, Status status, const LocalServerSettings& server)
 {
     stop();
-    const int chosen = resolveAvailablePort(port);
+    m_backoff.reset();
+    m_port = resolveAvailablePort(port);
+    m_token = token;
+    m_status = std::move(status);
+    m_settings = server;
     const std::optional<QString> binary = resolveServerBinaryPath();
     if (!binary) {
-        status(QStringLiteral("Bundled server not found"));
-        return chosen;
+        m_status(QStringLiteral("Bundled server not found"));
+        return m_port;
     }
+    launch(*binary);
+    return m_port;
+}
+
+bool LocalServerRuntime::launch(const QString& binary)
+{
     auto* process = new QProcess(this);
-    process->setProgram(*binary);
+    process->setProgram(binary);
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("BRINMOOR_SERVER_PORT"), QString::number(chosen));
-    env.insert(QStringLiteral("BRINMOOR_SHARED_TOKEN"), token);
-    for (const auto& [name, value] : server.serverEnvironment()) {
+    env.insert(QStringLiteral("BRINMOOR_SERVER_PORT"), QString::number(m_port));
+    env.insert(QStringLiteral("BRINMOOR_SHARED_TOKEN"), m_token);
+    for (const auto& [name, value] : m_settings.serverEnvironment()) {
         if (value.isEmpty())
             env.remove(name);
         else
@@ -137,27 +170,35 @@ int LocalServerRuntime::start(int port, const QString& token, Status status, con
     process->setChildProcessModifier([] { ::setpgid(0, 0); });
     m_decoder.reset();
     connect(process, &QProcess::readyReadStandardOutput, this, &LocalServerRuntime::relay);
-    connect(process, &QProcess::finished, this, [this, process, status](int exitCode, QProcess::ExitStatus exitStatus) {
-        // The termination status: the exit status, or the number of the signal that ended it.
-        Q_UNUSED(exitStatus)
-        status(QStringLiteral("Server stopped (%1)").arg(exitCode));
-        if (m_process == process)
-            m_process = nullptr;
-        process->deleteLater();
-    });
+    connect(process, &QProcess::finished, this,
+            [this, process](int exitCode, QProcess::ExitStatus) { ended(process, exitCode); });
     process->start();
     if (!process->waitForStarted(30000)) {
-        status(QStringLiteral("Server failed: ") + process->errorString());
+        m_status(QStringLiteral("Server failed: ") + process->errorString());
         process->disconnect(this);
         process->deleteLater();
-        return chosen;
+        return false;
     }
     m_process = process;
+    m_running.start();
     const qint64 pid = process->processId();
     ProcessReaper::watchGroup(pid);
     connect(process, &QProcess::finished, this, [pid] { ProcessReaper::forgetGroup(pid); });
-    status(QStringLiteral("Server on :") + QString::number(chosen));
-    return chosen;
+    m_status(QStringLiteral("Server on :") + QString::number(m_port));
+    return true;
+}
+
+void LocalServerRuntime::ended(QProcess* process, int exitCode)
+{
+    // The termination status: the exit status, or the number of the signal that ended it.
+    m_status(QStringLiteral("Server stopped (%1)").arg(exitCode));
+    process->deleteLater();
+    if (m_process != process)
+        return; // stopped on purpose
+    m_process = nullptr;
+    // Ended by itself (a crash, a kill): the phone and the agent lose their meeting place
+    // until it is back.
+    m_restart.start(m_backoff.next(m_running.elapsed()));
 }
 
 void LocalServerRuntime::relay()
@@ -181,6 +222,7 @@ void LocalServerRuntime::relay()
 
 void LocalServerRuntime::stop()
 {
+    m_restart.stop();
     if (!m_process)
         return;
     QProcess* process = m_process;

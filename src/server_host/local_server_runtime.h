@@ -4,9 +4,11 @@
 #include "config/local_server_settings.h"
 #include "config/machine.h"
 
+#include <QElapsedTimer>
 #include <QObject>
 #include <QPointer>
 #include <QString>
+#include <QTimer>
 
 #include <functional>
 #include <optional>
@@ -15,10 +17,27 @@ class QProcess;
 
 namespace brinmoor {
 
+// How long the agent waits before it starts a server that ended by itself again: 1 s,
+// doubling up to 60 s, and 1 s again after a server that ran for a minute.
+class RestartBackoff {
+public:
+    static constexpr int kFirstMs = 1'000;
+    static constexpr int kLongestMs = 60'000;
+    static constexpr qint64 kSteadyMs = 60'000;
+
+    // The wait before the next start, after a server that ran `ranMs`.
+    int next(qint64 ranMs);
+    void reset() { m_nextMs = kFirstMs; }
+
+private:
+    int m_nextMs = kFirstMs;
+};
+
 // Runs the companion server (`brinmoor-server`) beside the agent on a free loopback
 // port with the shared token, relays its output (each read, trimmed, after
 // "[BrinmoorServer] ") to the agent's standard output, and reports its state as status
-// texts.
+// texts. A server that ends without being asked to ("Server stopped (N)") is started
+// again after a wait (see RestartBackoff), each start reported like the first.
 class LocalServerRuntime : public QObject {
     Q_OBJECT
 
@@ -32,9 +51,12 @@ public:
     // or the one asked for when nothing could be started. `server` says what it is told
     // besides port and token (TLS, public URL, trusted proxies).
     int start(int port, const QString& token, Status status, const LocalServerSettings& server = {});
-    // Ends the server.
+    // Ends the server; it is not started again.
     void stop();
     bool isRunning() const;
+    // Whether a server that ended by itself is to be started again, and in how long.
+    bool restartPending() const { return m_restart.isActive(); }
+    int restartDelayMs() const { return m_restart.interval(); }
 
     // The first port among the one asked for and 8080 to 8090 that can be bound on
     // 127.0.0.1; the one asked for when none can.
@@ -51,9 +73,20 @@ public:
 
 private:
     void relay();
+    // Launches the server on `m_port`; false when it could not be.
+    bool launch(const QString& binary);
+    void ended(QProcess* process, int exitCode);
 
     QPointer<QProcess> m_process;
     Utf8StreamDecoder m_decoder;
+    // What the server is started with, again after it ends by itself.
+    int m_port = 0;
+    QString m_token;
+    Status m_status;
+    LocalServerSettings m_settings;
+    QElapsedTimer m_running;
+    RestartBackoff m_backoff;
+    QTimer m_restart;
 };
 
 } // namespace brinmoor

@@ -16,6 +16,8 @@
 #include <QTcpServer>
 #include <QTest>
 
+#include <csignal>
+
 #include <memory>
 
 using namespace brinmoor::test;
@@ -469,6 +471,30 @@ private Q_SLOTS:
         QVERIFY(waitUntil([&] { return reader.tail().contains("AFTER-YES"); }, 20000));
         QVERIFY(!reader.isClosed());
         QVERIFY(m_relay->lines().filter(QStringLiteral("client.dropped")).isEmpty());
+    }
+
+    // The app's own server dies (a crash, a kill): the app says so, starts it again on the
+    // same port, and the agent is back on it.
+    void theHeadlessAppStartsItsServerAgainWhenItDies()
+    {
+        const quint16 port = freePort();
+        HeadlessProcess app;
+        app.start(port);
+        QVERIFY(app.waitForOutput("agent.register agentId=headless-mac"));
+        const QByteArray started = "status Server: Server on :" + QByteArray::number(port) + '\n';
+        QCOMPARE(app.output().count(started), 1);
+        qint64 server = 0;
+        for (const qint64 pid : childProcesses(app.process.processId())) {
+            if (readFile(QStringLiteral("/proc/%1/comm").arg(pid)).trimmed() == "brinmoor-server")
+                server = pid;
+        }
+        QVERIFY(server > 0);
+        ::kill(pid_t(server), SIGKILL);
+        QVERIFY(app.waitForOutput("status Server: Server stopped (9)\n"));
+        QVERIFY(waitUntil([&] { return app.output().count(started) == 2; }, 10000));
+        QVERIFY(waitUntil([&] { return app.output().count("agent.register agentId=headless-mac") >= 2; }, 10000));
+        QVERIFY(app.stop());
+        QCOMPARE(app.process.exitCode(), 0);
     }
 
     // What a new user does: start the app, read the pairing details, and use them.

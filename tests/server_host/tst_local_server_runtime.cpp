@@ -296,6 +296,62 @@ private Q_SLOTS:
         QVERIFY(!runtime.isRunning());
     }
 
+    void aServerThatEndsByItselfIsStartedAgainAfterAWait()
+    {
+        // The first run ends by itself at once; the second stays.
+        const QString runs = m_dir.path() + QStringLiteral("/runs");
+        QFile::remove(runs);
+        fakeServer("print run >> " + runs.toUtf8() + "\n[[ $(wc -l < " + runs.toUtf8() +
+                   ") -ge 2 ]] && exec sleep 30\nexit 3\n");
+        LocalServerRuntime runtime;
+        QStringList statuses;
+        const int port = runtime.start(0, QStringLiteral("t"), [&](const QString& s) { statuses.append(s); });
+        QVERIFY(waitUntil([&] { return statuses.size() >= 2; }));
+        QCOMPARE(statuses,
+                 (QStringList{QStringLiteral("Server on :%1").arg(port), QStringLiteral("Server stopped (3)")}));
+        QVERIFY(runtime.restartPending());
+        QCOMPARE(runtime.restartDelayMs(), RestartBackoff::kFirstMs);
+        // Started again on the same port, and reported as the first start was.
+        QVERIFY(waitUntil([&] { return statuses.size() >= 3; }, 5000));
+        QCOMPARE(statuses.last(), QStringLiteral("Server on :%1").arg(port));
+        QVERIFY(runtime.isRunning());
+        QVERIFY(!runtime.restartPending());
+        // Stopped on purpose, it stays stopped.
+        runtime.stop();
+        QVERIFY(waitUntil([&] { return statuses.size() >= 4; }, 5000));
+        QCOMPARE(statuses.last(), QStringLiteral("Server stopped (15)"));
+        QVERIFY(!runtime.restartPending());
+        QVERIFY(waitUntil([] { return childProcesses().isEmpty(); }, 5000));
+    }
+
+    void aServerStoppedWhileItsRestartWaitsIsNotStarted()
+    {
+        fakeServer("exit 4\n");
+        LocalServerRuntime runtime;
+        QStringList statuses;
+        runtime.start(0, QStringLiteral("t"), [&](const QString& s) { statuses.append(s); });
+        QVERIFY(waitUntil([&] { return runtime.restartPending(); }));
+        runtime.stop();
+        QVERIFY(!runtime.restartPending());
+        QCOMPARE(statuses.size(), 2);
+        QCOMPARE(statuses.last(), QStringLiteral("Server stopped (4)"));
+    }
+
+    void theWaitDoublesUpToAMinuteAndStartsOverAfterAMinuteOfRunning()
+    {
+        RestartBackoff backoff;
+        QList<int> waits;
+        for (int i = 0; i < 9; ++i)
+            waits.append(backoff.next(500));
+        QCOMPARE(waits, (QList<int>{1'000, 2'000, 4'000, 8'000, 16'000, 32'000, 60'000, 60'000, 60'000}));
+        // A server that ran for a minute ended: the wait starts over.
+        QCOMPARE(backoff.next(59'999), 60'000);
+        QCOMPARE(backoff.next(60'000), 1'000);
+        QCOMPARE(backoff.next(0), 2'000);
+        backoff.reset();
+        QCOMPARE(backoff.next(0), 1'000);
+    }
+
     void startingAgainStopsTheOldServer()
     {
         fakeServer("sleep 30\n");
