@@ -337,6 +337,15 @@ test('the key bar sends control keys', async () => {
   await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('after-5'));
 });
 
+test('a terminal left for another tab shows its output and prompt on return', async () => {
+  await click('button[role=tab]', 'Tasks');
+  await page.waitForFunction(() => !document.querySelector('.xterm-rows'));
+  await click('button[role=tab]', 'Terminal');
+  await page.waitForFunction(() => document.querySelector('.xterm-rows')?.innerText.includes('after-5'));
+  await typeInTerminal('echo again-$((3+4))');
+  await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('again-7'));
+});
+
 test('a line-mode terminal completes a path, runs the line and keeps a history', async () => {
   await click('.terminal-head button', 'Close');
   await click('.terminal-start button', 'Line mode');

@@ -72,6 +72,8 @@ export class TerminalsStore extends Observable {
   private readonly held = new Map<string, { data: string[]; bytes: number; reset: boolean; offset?: number }>();
   private readonly replaying = new Set<string>();
   private readonly paces = new Map<string, Pace>();
+  // Sessions whose view went away (another tab): a new view starts from a fresh replay.
+  private readonly left = new Set<string>();
   private flushScheduled = false;
 
   constructor(
@@ -122,6 +124,12 @@ export class TerminalsStore extends Observable {
 
   connect(sessionId: string, sink: TerminalSink): () => void {
     this.sinks.set(sessionId, sink);
+    const session = this.sessions.get(sessionId);
+    if (this.left.delete(sessionId) && session?.status === 'running') {
+      // The view that showed it is gone with what it drew: the agent draws it again.
+      this.held.delete(sessionId);
+      this.attach(session);
+    }
     const held = this.held.get(sessionId);
     if (held) {
       this.held.delete(sessionId);
@@ -131,6 +139,7 @@ export class TerminalsStore extends Observable {
     return () => {
       if (this.sinks.get(sessionId) !== sink) return;
       this.sinks.delete(sessionId);
+      this.left.add(sessionId);
       // Output nobody looks at is not paced: the program runs at full speed.
       const pace = this.paces.get(sessionId);
       this.paces.delete(sessionId);
