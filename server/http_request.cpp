@@ -116,6 +116,7 @@ QByteArrayView statusReason(int status)
     switch (status) {
     case 101: return "Switching Protocols";
     case 200: return "OK";
+    case 308: return "Permanent Redirect";
     case 400: return "Bad Request";
     case 401: return "Unauthorized";
     case 403: return "Forbidden";

@@ -4,6 +4,7 @@
 #include "trusted_proxies.h"
 
 #include <QHostAddress>
+#include <QRegularExpression>
 #include <QSslSocket>
 
 namespace brinmoor::relay {
@@ -109,10 +110,29 @@ void RelayConnection::startTls()
         m_tls->startServerEncryption();
         return;
     }
-    // A plain request on the TLS port is answered in plain text, so that whoever sent it
-    // reads why.
+    // A plain request on the TLS port is read as one, and answered in plain text (see
+    // answerPlainRequest).
     logEvent("tls.failed", {{"address", m_address}, {"reason", QStringLiteral("not a TLS handshake")}});
-    respond(jsonResponse(400, "{\"error\":\"this port speaks TLS: use https:// or wss://\"}"));
+    m_plainOnTlsPort = true;
+}
+
+void RelayConnection::answerPlainRequest(const HttpRequest& request)
+{
+    // An old http:// link opened in a browser goes on at the same place over https; what
+    // is not a page (a WebSocket, a body, a request without a usable Host) is told why.
+    static const QRegularExpression host(QStringLiteral("^([A-Za-z0-9.-]+|\\[[0-9A-Fa-f:.]+\\])(:[0-9]{1,5})?$"));
+    const QByteArray body = "{\"error\":\"this port speaks TLS: use https:// or wss://\"}";
+    const bool page = (request.method == "GET" || request.method == "HEAD") && !request.hasHeader("upgrade") &&
+                      !request.hasHeader("content-length") &&
+                      host.match(QString::fromLatin1(request.header("host"))).hasMatch();
+    if (!page) {
+        respond(jsonResponse(400, body));
+        return;
+    }
+    QByteArray location = "https://" + request.header("host") + request.path;
+    if (!request.query.isEmpty())
+        location += '?' + request.query;
+    respond(jsonResponse(308, body, QByteArray("Location: " + location + "\r\n")));
 }
 
 QByteArray RelayConnection::withTransportSecurity(QByteArray head) const
@@ -126,9 +146,10 @@ void RelayConnection::onReadyRead()
 {
     if (m_state == State::Closed)
         return;
-    if (m_tls && m_tls->mode() == QSslSocket::UnencryptedMode && m_state == State::Request) {
+    if (m_tls && m_tls->mode() == QSslSocket::UnencryptedMode && m_state == State::Request && !m_plainOnTlsPort) {
         startTls();
-        return;
+        if (!m_plainOnTlsPort)
+            return;
     }
     const qint64 available = m_socket->bytesAvailable();
     if (available <= 0)
@@ -163,6 +184,10 @@ void RelayConnection::readRequest()
     case HeadStatus::TooLarge: respond(jsonResponse(431, "{\"error\":\"request head too large\"}")); return;
     case HeadStatus::Malformed: respond(jsonResponse(400, "{\"error\":\"malformed request\"}")); return;
     case HeadStatus::Complete: break;
+    }
+    if (m_plainOnTlsPort) {
+        answerPlainRequest(request);
+        return;
     }
     qsizetype bodySize = 0;
     if (request.hasHeader("transfer-encoding")) {

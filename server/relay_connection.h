@@ -107,6 +107,8 @@ private:
     void onReadyRead();
     // With TLS, the first byte tells a handshake from a plain request.
     void startTls();
+    // The answer to a plain request on the TLS port.
+    void answerPlainRequest(const HttpRequest& request);
     // The deadline of the request head passed, or of the closing handshake.
     void onDeadline();
     // Bytes handed to the socket that are not on the wire yet.
@@ -122,7 +124,8 @@ private:
     void finish();
 
     QTcpSocket* m_socket;
-    QSslSocket* m_tls = nullptr; // m_socket when it speaks TLS
+    QSslSocket* m_tls = nullptr;   // m_socket when it speaks TLS
+    bool m_plainOnTlsPort = false; // a plain request came to the TLS port
     RelayLimits m_limits;
     ConnectionHandler& m_handler;
     QString m_address;

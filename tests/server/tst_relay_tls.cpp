@@ -231,12 +231,28 @@ private Q_SLOTS:
     void answersPlainHttpOnTheTlsPortInPlainText()
     {
         QVERIFY(startRelay(m_local));
-        const QByteArray answer = httpExchange(m_relay->port, "GET /v1/health HTTP/1.1\r\nHost: x\r\n\r\n");
-        QCOMPARE(
-            statusAndBody(answer),
-            QStringLiteral("HTTP/1.1 400 Bad Request\n{\"error\":\"this port speaks TLS: use https:// or wss://\"}"));
-        QCOMPARE(responseHeader(answer, "strict-transport-security"), std::nullopt);
+        const QString told =
+            QStringLiteral("HTTP/1.1 400 Bad Request\n{\"error\":\"this port speaks TLS: use https:// or wss://\"}");
+        // An old http:// link goes on at the same place over https (the page's fragment
+        // stays with the browser).
+        const QByteArray page = httpExchange(m_relay->port, "GET /?x=1 HTTP/1.1\r\nHost: mymac.local:8443\r\n\r\n");
+        QCOMPARE(statusAndBody(page), QStringLiteral("HTTP/1.1 308 Permanent Redirect\n{\"error\":\"this port speaks "
+                                                     "TLS: use https:// or wss://\"}"));
+        QCOMPARE(responseHeader(page, "location"), QByteArray("https://mymac.local:8443/?x=1"));
+        QCOMPARE(responseHeader(page, "strict-transport-security"), std::nullopt);
         QVERIFY(m_relay->waitForLine(QStringLiteral("tls.failed address=127.0.0.1 reason=not a TLS handshake")));
+        const QByteArray literal = httpExchange(m_relay->port, "HEAD /v1/health HTTP/1.1\r\nHost: [::1]:9\r\n\r\n");
+        QCOMPARE(responseHeader(literal, "location"), QByteArray("https://[::1]:9/v1/health"));
+        // What is not a page is told why.
+        for (const QByteArray& request :
+             {QByteArray("GET /v1/ws/client HTTP/1.1\r\nHost: x\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n\r\n"),
+              QByteArray("POST /v1/approvals HTTP/1.1\r\nHost: x\r\nContent-Length: 2\r\n\r\n{}"),
+              QByteArray("GET / HTTP/1.0\r\n\r\n"), QByteArray("GET / HTTP/1.1\r\nHost: evil/x\r\n\r\n"),
+              QByteArray("GET / HTTP/1.1\r\nHost: a b\r\n\r\n")}) {
+            const QByteArray answer = httpExchange(m_relay->port, request);
+            QCOMPARE(statusAndBody(answer), told);
+            QCOMPARE(responseHeader(answer, "location"), std::nullopt);
+        }
     }
 
     void logsClientsThatRefuseTheCertificate()

@@ -143,6 +143,22 @@ test('"Notify me" asks the browser, once', async () => {
   current = page;
 });
 
+test('an old http:// link to the port goes on over https with its token', async () => {
+  const context = await world.browser.createBrowserContext();
+  const fresh = await world.page(kPhone, context);
+  current = fresh;
+  const plainLink = world.origin.replace(/^https:/, 'http:') + `/#token=${kToken}`;
+  const response = await fresh.goto(plainLink);
+  // The relay's redirect, not the browser's own upgrade.
+  const chain = response.request().redirectChain();
+  assert.deepEqual(chain.map((request) => [request.url(), request.response().status()]), [[plainLink, 308]]);
+  await fresh.waitForSelector(`[data-agent="${kAgentId}"] .project`);
+  assert.equal(await fresh.evaluate(() => location.href), world.origin + '/');
+  assert.equal(await fresh.evaluate(() => localStorage.getItem('brinmoor.token')), kToken);
+  await context.close();
+  current = page;
+});
+
 test('chats with claude over WSS', async () => {
   world.fakeFile('claude.stream', claudeStream(['Hello', ' over TLS.']));
   await click(page, '.project .project-name', 'App');
