@@ -132,6 +132,7 @@ export class World {
       browserArgs.push(`--ignore-certificate-errors-spki-list=${this.spki}`);
     }
     if (this.host === kTestHost) browserArgs.push(`--host-resolver-rules=MAP ${kTestHost} 127.0.0.1`);
+    this.relayProcessEnv = relayEnv;
     this.relay = spawn(join(this.bin, 'brinmoor-server'), [], { env: relayEnv, stdio: ['ignore', 'pipe', 'inherit'] });
     this.relay.stdout.setEncoding('utf8');
     this.relay.stdout.on('data', (data) => (this.relayLog += data));
@@ -242,6 +243,23 @@ export class World {
   // The arguments of the N-th call of a fake tool.
   fakeArgs(tool, call) {
     return readFileSync(join(this.fake, `${tool}.${call}.args`), 'utf8').split('\0').slice(0, -1);
+  }
+
+  // Kills the relay (SIGKILL, as a crash), runs `whileDown`, and starts it again on the
+  // same port; the agent finds it by itself.
+  async restartRelay(whileDown) {
+    const old = this.relay;
+    const gone = new Promise((resolve) => old.once('exit', resolve));
+    old.kill('SIGKILL');
+    await gone;
+    await whileDown();
+    this.relay = spawn(join(this.bin, 'brinmoor-server'), [], {
+      env: { ...this.relayProcessEnv, BRINMOOR_SERVER_PORT: String(this.port) },
+      stdio: ['ignore', 'pipe', 'inherit'],
+    });
+    this.relay.stdout.setEncoding('utf8');
+    this.relay.stdout.on('data', (data) => (this.relayLog += data));
+    await waitForLine(this.relay, this.relay.stdout, (line) => /^listening port=(\d+)$/.test(line), 'listening line');
   }
 
   async stop() {

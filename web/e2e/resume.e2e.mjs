@@ -115,7 +115,10 @@ async function away(whileAway) {
   const disconnected = count(world.relayLog, /^client\.disconnected /gm);
   const opened = sockets.urls.length;
   await offline(true);
-  await waitText(page, '.connection-text', 'Reconnecting…');
+  // The browser knows it has no network: the page says so, and has given its socket up.
+  await waitText(page, '.connection-text', 'Offline');
+  await page.waitForFunction(() => window.brinmoor.connection.state === 'waiting');
+  assert.equal(await page.$('.retry-now'), null);
   await whileAway();
   await offline(false);
   await waitText(page, '.connection-text', 'Connected');
@@ -318,6 +321,35 @@ test('50 MB through a slow network in a paced terminal: every byte, no disconnec
   assert.deepEqual(await page.evaluate(() => window.brinmoorStates), []);
   assert.equal(count(world.relayLog, /^client\.connected /gm), connected);
   assert.equal(count(world.relayLog, /^client\.dropped /gm), 0);
+});
+
+test('while the relay is down the page offers "Retry now", which connects at once once it is back', async () => {
+  const problems = page.problems.length;
+  // The page's own next attempts are put off for an hour: only the button brings it back.
+  await page.evaluate(() => {
+    const options = window.brinmoor.connection.client.options;
+    window.brinmoorSetTimer = options.setTimer;
+    options.setTimer = (run, ms) => window.brinmoorSetTimer(run, Math.max(ms, 3_600_000));
+  });
+  await world.restartRelay(async () => {
+    await waitText(page, '.connection-text', 'Reconnecting…');
+    await waitText(page, '.retry-now', 'Retry now');
+    await shoot('retry-now');
+  });
+  const sinceRestart = () => world.relayLog.split('listening port=').pop();
+  await world.waitFor(() => /^agent\.register /m.test(sinceRestart()), 'the agent on the new relay');
+  // The page has not come back by itself.
+  assert.equal(await page.evaluate(() => window.brinmoor.connection.state), 'waiting');
+  assert.equal(count(sinceRestart(), /^client\.connected /gm), 0);
+  await click(page, '.retry-now', 'Retry now');
+  await waitText(page, '.connection-text', 'Connected');
+  assert.equal(count(sinceRestart(), /^client\.connected /gm), 1);
+  assert.equal(await page.$('.retry-now'), null);
+  await page.evaluate(() => (window.brinmoor.connection.client.options.setTimer = window.brinmoorSetTimer));
+  // The attempts that met no relay are all the console heard of.
+  const heard = page.problems.splice(problems);
+  const unreachable = /^console error: (WebSocket connection to .* failed|Failed to load resource: net::ERR_CONNECTION_REFUSED)/;
+  assert.deepEqual(heard.filter((problem) => !unreachable.test(problem)), []);
 });
 
 test('nothing was refused by the page policy and no error reached the console', async () => {

@@ -50,10 +50,20 @@ export class Navigation extends Observable {
 // The connection as the views see it: its state, and a new client for a new token.
 export class Connection extends Observable {
   client: RelayClient | null = null;
+  // The browser says it has no network (a phone in a tunnel, flight mode).
+  browserOffline = false;
   private unsubscribe: (() => void)[] = [];
 
   get state(): ConnectionState {
     return this.client?.state ?? 'stopped';
+  }
+
+  setBrowserOffline(offline: boolean): void {
+    if (offline === this.browserOffline) return;
+    this.browserOffline = offline;
+    if (offline) this.client?.networkLost();
+    else this.client?.reconnectNow();
+    this.changed();
   }
 
   replace(client: RelayClient | null): void {

@@ -21,8 +21,9 @@ function start(): void {
   // A phone waking up or a network coming back reconnects at once.
   const wake = () => state.connection.client?.reconnectNow();
   document.addEventListener('visibilitychange', () => document.visibilityState === 'visible' && wake());
-  window.addEventListener('online', wake);
-  window.addEventListener('offline', () => state.connection.client?.networkLost());
+  state.connection.setBrowserOffline(!navigator.onLine);
+  window.addEventListener('online', () => state.connection.setBrowserOffline(false));
+  window.addEventListener('offline', () => state.connection.setBrowserOffline(true));
   window.addEventListener('pageshow', wake);
   // What a reload resumes from is written when the page goes, not only now and then.
   window.addEventListener('pagehide', () => state.connection.client?.saveSeqs());

@@ -23,8 +23,8 @@ export function App({ state }: { state: AppState }) {
 function Workspace({ state }: { state: AppState }) {
   useStores(state.credentials, state.connection, state.navigation);
   const connection = state.connection.state;
-  if (!state.credentials.token || connection === 'unauthorized') {
-    return <TokenPrompt state={state} refused={connection === 'unauthorized'} />;
+  if (!state.credentials.token || connection === 'unauthorized' || connection === 'blocked') {
+    return <TokenPrompt state={state} refused={connection === 'unauthorized' || connection === 'blocked' ? connection : null} />;
   }
   const place = state.navigation.place;
   const inProject = place.agentId !== null && place.projectPath !== null;

@@ -18,7 +18,6 @@ export function TopBar({ state }: { state: AppState }) {
   useStores(state.connection, state.navigation, state.approvals, state.tasks);
   const [menu, setMenu] = useState(false);
   const place = state.navigation.place;
-  const connection = state.connection.state;
   const waiting = state.approvals.count + state.tasks.awaitingApproval().length;
   return (
     <header class="topbar">
@@ -32,10 +31,7 @@ export function TopBar({ state }: { state: AppState }) {
         <strong>{place.projectPath !== null ? projectName(place.projectPath) : 'Brinmoor'}</strong>
         {place.agentId !== null && place.projectPath !== null && <span class="subtitle">{place.agentId}</span>}
       </div>
-      <span class={'connection ' + connection} role="status" title={kConnectionTexts[connection]}>
-        <span class="dot" />
-        <span class="connection-text">{kConnectionTexts[connection]}</span>
-      </span>
+      <ConnectionStatus state={state} />
       {waiting > 0 && (
         <button class="badge-button" aria-label={`${waiting} waiting for you`} onClick={() => state.approvals.reveal()}>
           <span class="badge">{waiting}</span>
@@ -54,5 +50,25 @@ export function TopBar({ state }: { state: AppState }) {
         )}
       </div>
     </header>
+  );
+}
+
+// The state of the link to the relay, and a way to try again at once while it waits.
+function ConnectionStatus({ state }: { state: AppState }) {
+  const connection = state.connection.state;
+  const offline = state.connection.browserOffline && connection !== 'open';
+  const text = offline ? 'Offline' : kConnectionTexts[connection];
+  return (
+    <>
+      <span class={'connection ' + (offline ? 'stopped' : connection)} role="status" title={text}>
+        <span class="dot" />
+        <span class="connection-text">{text}</span>
+      </span>
+      {connection === 'waiting' && !offline && (
+        <button class="secondary small retry-now" onClick={() => state.connection.client?.reconnectNow()}>
+          Retry now
+        </button>
+      )}
+    </>
   );
 }
