@@ -451,7 +451,8 @@ double median(std::vector<double> values)
 void resume(qint64 lines)
 {
     Server server;
-    if (!server.start(nullptr, {QStringLiteral("BRINMOOR_EVENT_LOG_BYTES=2147483648")}))
+    if (!server.start(nullptr, {QStringLiteral("BRINMOOR_EVENT_LOG_BYTES=2147483648"),
+                                QStringLiteral("BRINMOOR_EVENT_LOG_TOTAL_BYTES=2147483648")}))
         return;
     Peer agent(new QTcpSocket);
     agent.socket->connectToHost(QHostAddress::LocalHost, server.port);

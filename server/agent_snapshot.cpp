@@ -1,5 +1,7 @@
 #include "agent_snapshot.h"
 
+#include <algorithm>
+
 #include <QJsonArray>
 
 namespace brinmoor::relay {
@@ -154,6 +156,12 @@ void AgentSnapshot::openTerminal(const QString& sessionId, const QString& projec
     });
     const QString kept = !mode.isEmpty() ? mode : !known.isEmpty() ? known : QStringLiteral("line");
     m_terminals.append(Terminal{sessionId, projectPath, kept});
+}
+
+bool AgentSnapshot::hasTerminal(const QString& sessionId) const
+{
+    return std::any_of(m_terminals.cbegin(), m_terminals.cend(),
+                       [&](const Terminal& terminal) { return terminal.sessionId == sessionId; });
 }
 
 void AgentSnapshot::closeTerminal(const QString& sessionId)

@@ -27,6 +27,8 @@ public:
 
     // The tasks the agent runs (status "running" or "awaiting_approval").
     QStringList runningTaskIds() const;
+    // Whether the terminal session is open, as far as the relay knows.
+    bool hasTerminal(const QString& sessionId) const;
     // {"tasks":[…],"proposal":{…}|null,"terminals":[…]}
     QJsonObject toJson() const;
 

@@ -77,6 +77,8 @@ void EventLog::append(qint64 nowMs, qint64 seq, const QByteArray& frame, QByteAr
         entry.start = store(frame);
     if (entry.start < 0)
         entry.aside = frame;
+    else
+        m_blockedBytes += entry.size;
     std::deque<qint64>* outputs = nullptr;
     if (!terminalSession.isEmpty()) {
         const QByteArray key = terminalSession.toByteArray();
@@ -154,8 +156,10 @@ void EventLog::popFront()
             outputs.pop_front();
     }
     m_lostThrough = std::max(m_lostThrough, entry.seq);
-    if (entry.start >= 0)
+    if (entry.start >= 0) {
+        m_blockedBytes -= entry.size;
         releaseBlocksBefore(entry.start + entry.size);
+    }
     m_bytes -= cost(entry);
     m_entries.pop_front();
     while (!m_entries.empty() && m_entries.front().size < 0) {
@@ -195,6 +199,20 @@ void EventLog::remove(qint64 seq)
         m_entries.dropRemoved();
         m_removed = 0;
     }
+}
+
+qint64 EventLog::memory() const
+{
+    const qint64 blocks = qint64(m_blocks.size()) + (m_spare ? 1 : 0);
+    return m_bytes - m_blockedBytes + blocks * kBlockSize;
+}
+
+bool EventLog::dropOldest()
+{
+    if (m_entries.empty())
+        return false;
+    popFront();
+    return true;
 }
 
 QByteArray EventLog::next(qint64 after, qint64* seq) const

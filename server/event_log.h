@@ -13,8 +13,9 @@ namespace brinmoor::relay {
 
 // How much of an agent's recent traffic the relay keeps for clients that come back.
 struct EventLogLimits {
-    qint64 maxBytes = 64 * 1024 * 1024;
+    qint64 maxBytes = 32 * 1024 * 1024; // each agent's log
     qint64 maxAgeMs = 24LL * 3600 * 1000;
+    qint64 maxTotalBytes = 32 * 1024 * 1024; // all of them together (see EventLog::memory)
 };
 
 // The recent messages of one agent as they were relayed (whole frames, "seq" included),
@@ -58,6 +59,11 @@ public:
     qint64 bytes() const { return m_bytes; }
     // Kept messages.
     qsizetype size() const { return qsizetype(m_entries.size()) - m_removed; }
+    // The memory the log holds: its messages as bytes() counts them, and the room left in
+    // its blocks and its spare block.
+    qint64 memory() const;
+    // Lets go of the oldest message (others need the room); false when there is none.
+    bool dropOldest();
 
 private:
     struct Entry {
@@ -121,7 +127,8 @@ private:
     qint64 m_head = 0;
     qint64 m_lostThrough = 0;
     qint64 m_bytes = 0;
-    qsizetype m_removed = 0; // entries let go in the middle, not yet compacted away
+    qint64 m_blockedBytes = 0; // of the kept frames that are in the blocks
+    qsizetype m_removed = 0;   // entries let go in the middle, not yet compacted away
 };
 
 } // namespace brinmoor::relay

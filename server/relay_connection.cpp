@@ -12,8 +12,16 @@ namespace brinmoor::relay {
 namespace {
 
 // At most this much is handed to the socket at a time; the rest waits in our queue, so a
-// slow peer's backlog can be measured and dropped.
-constexpr qint64 kSocketWindow = 256 * 1024;
+// slow peer's backlog can be measured and dropped. What the socket holds of small frames
+// is a copy of each peer's own, so it is kept small: the kernel's buffer keeps a fast
+// peer busy between two turns of the event loop.
+constexpr qint64 kSocketWindow = 16 * 1024;
+// What an entry of the queue costs besides its bytes: it is counted in the backlog, so
+// that a peer sent many small frames is bounded by what it really holds.
+constexpr qsizetype kPendingCost = 64;
+// A response's body is handed to the socket in pieces of this size, each a view of the
+// body: a slow reader of a file holds no copy of it (over TLS, one encrypted piece).
+constexpr qsizetype kResponsePiece = 16 * 1024;
 constexpr int kClosingGraceMs = 5'000;
 // A peer that keeps sending after its answer (a refused 16 MiB body) is not read for
 // long: past this much the socket is let go.
@@ -99,6 +107,11 @@ qint64 RelayConnection::unsentBytes() const
 qsizetype RelayConnection::backlog() const
 {
     return m_queued + unsentBytes();
+}
+
+bool RelayConnection::writesAtOnce() const
+{
+    return m_state == State::Open && m_queue.empty() && unsentBytes() < kSocketWindow;
 }
 
 void RelayConnection::startTls()
@@ -303,14 +316,49 @@ void RelayConnection::sendFrame(const QByteArray& frame)
         m_socket->write(frame);
         return;
     }
-    m_queue.push_back(frame);
-    m_queued += frame.size();
-    if (backlog() > m_limits.maxBacklog) {
-        m_queue.clear();
-        m_queued = 0;
-        close(ws::PolicyViolation, QByteArray("too slow: more than " + QByteArray::number(m_limits.maxBacklog) +
-                                              " bytes waiting to be sent"));
+    m_queue.push_back(Pending{frame});
+    m_queued += frame.size() + kPendingCost;
+    dropWhenTooSlow();
+}
+
+void RelayConnection::sendShared(SharedFrames& frames, const QByteArray& frame, qint64& number)
+{
+    if (m_state != State::Open)
+        return;
+    if (m_queue.empty() && unsentBytes() < kSocketWindow) {
+        m_socket->write(frame);
+        return;
     }
+    if (number < 0)
+        number = frames.append(frame);
+    m_shared = &frames;
+    if (!m_queue.empty() && m_queue.back().end == number) {
+        ++m_queue.back().end;
+        m_queued += frame.size();
+    } else {
+        m_queue.push_back(Pending{{}, number, number + 1});
+        m_queued += frame.size() + kPendingCost;
+    }
+    dropWhenTooSlow();
+}
+
+std::optional<qint64> RelayConnection::oldestShared() const
+{
+    for (const Pending& pending : m_queue) {
+        if (pending.first >= 0)
+            return pending.first;
+    }
+    return std::nullopt;
+}
+
+void RelayConnection::dropWhenTooSlow()
+{
+    if (backlog() <= m_limits.maxBacklog)
+        return;
+    m_queue.clear();
+    m_queued = 0;
+    close(ws::PolicyViolation,
+          QByteArray("too slow: more than " + QByteArray::number(m_limits.maxBacklog) + " bytes waiting to be sent"));
 }
 
 void RelayConnection::onBytesWritten()
@@ -321,9 +369,24 @@ void RelayConnection::onBytesWritten()
 void RelayConnection::drainQueue()
 {
     while (!m_queue.empty() && unsentBytes() < kSocketWindow) {
-        m_queued -= m_queue.front().size();
-        m_socket->write(m_queue.front());
-        m_queue.pop_front();
+        Pending& next = m_queue.front();
+        if (next.first < 0) {
+            m_queued -= next.frame.size() + kPendingCost;
+            m_socket->write(next.frame);
+            m_queue.pop_front();
+            continue;
+        }
+        const QByteArray& frame = m_shared->at(next.first++);
+        m_queued -= frame.size();
+        m_socket->write(frame);
+        if (next.first == next.end) {
+            m_queued -= kPendingCost;
+            m_queue.pop_front();
+        }
+    }
+    if (m_endAfterQueue && m_queue.empty() && m_state == State::Closing) {
+        m_endAfterQueue = false;
+        m_socket->disconnectFromHost();
     }
     if (m_notifyDrained && m_queue.empty() && m_state == State::Open) {
         m_notifyDrained = false;
@@ -357,12 +420,24 @@ void RelayConnection::abort()
 
 void RelayConnection::respond(const QByteArray& response)
 {
+    respond(response, {});
+}
+
+void RelayConnection::respond(const QByteArray& head, const QByteArray& body)
+{
     if (m_state != State::Request && m_state != State::Body && m_state != State::Held)
         return;
     m_state = State::Closing;
-    m_socket->write(withTransportSecurity(response));
+    m_socket->write(withTransportSecurity(head));
+    m_body = body;
+    for (qsizetype at = 0; at < body.size(); at += kResponsePiece) {
+        const qsizetype size = std::min(kResponsePiece, body.size() - at);
+        m_queue.push_back(Pending{QByteArray::fromRawData(m_body.constData() + at, size)});
+        m_queued += size + kPendingCost;
+    }
     notifyClosed();
-    m_socket->disconnectFromHost();
+    m_endAfterQueue = true;
+    drainQueue();
     m_deadline.start(kClosingGraceMs);
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "http_request.h"
+#include "shared_frames.h"
 #include "websocket_frames.h"
 
 #include <QByteArray>
@@ -10,6 +11,7 @@
 #include <QTimer>
 
 #include <deque>
+#include <optional>
 
 class QSslSocket;
 class QTcpSocket;
@@ -18,7 +20,7 @@ namespace brinmoor::relay {
 
 struct RelayLimits {
     qsizetype maxMessageSize = 16 * 1024 * 1024; // one WebSocket message or request body
-    qsizetype maxBacklog = 8 * 1024 * 1024;      // unsent bytes to one peer before it is dropped
+    qsizetype maxBacklog = 8 * 1024 * 1024;      // what one peer may have waiting before it is dropped
     qsizetype maxHeadSize = 16 * 1024;           // also all that is read before the token is shown
     int headTimeoutMs = 10'000;
     int maxConnections = 8192; // all of them; lowered to fit the open-file limit
@@ -82,20 +84,33 @@ public:
 
     // Answers the HTTP request and closes.
     void respond(const QByteArray& response);
+    // The same with a body that goes out a little at a time, as the peer takes it, and is
+    // never copied whole (a file of the web client, shared by every reader of it).
+    void respond(const QByteArray& head, const QByteArray& body);
     // Reads the body of a request whose sender has shown the token.
     void readBody();
     // Completes the WebSocket handshake; later messages go to messageReceived.
     void upgrade(Role role, QByteArrayView key, QByteArrayView subprotocol);
     // Queues a prebuilt frame; a peer that lets too much pile up is dropped.
     void sendFrame(const QByteArray& frame);
+    // The same for a frame other peers are sent too: when it has to wait, it waits in
+    // `frames`, held once for all of them. `number` is its number there, -1 until it is
+    // added (by the first peer that has to keep it).
+    void sendShared(SharedFrames& frames, const QByteArray& frame, qint64& number);
+    // The number of the oldest frame of `frames` this peer still waits for; none when it
+    // waits for none.
+    std::optional<qint64> oldestShared() const;
     void sendText(QByteArrayView text);
     // Starts the closing handshake; the peer hears the code and reason.
     void close(quint16 code, QByteArrayView reason);
     // Lets the socket go at once, without a word.
     void abort();
 
-    // Bytes handed over but not yet sent.
+    // What waits for the peer: the bytes handed over and not yet sent, and what keeping
+    // them costs.
     qsizetype backlog() const;
+    // Whether a frame sent now goes straight to the socket, without waiting in the queue.
+    bool writesAtOnce() const;
     // Calls the handler's connectionDrained once the queue has gone to the socket.
     void notifyWhenDrained();
     // Why this side ended the WebSocket; empty when the peer did, or it was a plain request.
@@ -120,6 +135,8 @@ private:
     void readBodyBytes();
     void readFrames();
     void drainQueue();
+    // Closes the peer once more waits for it than it may have.
+    void dropWhenTooSlow();
     void notifyClosed();
     void finish();
 
@@ -137,9 +154,19 @@ private:
     qsizetype m_bodySize = 0; // announced by Content-Length
     qint64 m_discarded = 0;   // read and dropped while closing
     ws::FrameReader m_reader;
-    std::deque<QByteArray> m_queue;
-    qsizetype m_queued = 0;
-    QTimer m_deadline; // the request head, and later the closing handshake, must not take forever
+    // What waits to be handed to the socket: a frame of the peer's own, or a run of
+    // shared frames [first, end).
+    struct Pending {
+        QByteArray frame;
+        qint64 first = -1;
+        qint64 end = -1;
+    };
+    std::deque<Pending> m_queue;
+    qsizetype m_queued = 0;           // their bytes and the cost of each entry
+    SharedFrames* m_shared = nullptr; // where the runs are
+    bool m_endAfterQueue = false;     // a response: the socket goes once the queue is sent
+    QByteArray m_body;                // the response's body, which the queue holds views of
+    QTimer m_deadline;                // the request head, and later the closing handshake, must not take forever
     bool m_notified = false;
     bool m_notifyDrained = false;
     QByteArray m_closeReason;

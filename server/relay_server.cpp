@@ -37,8 +37,11 @@ constexpr QByteArrayView kStreamingTypes[] = {
 };
 constexpr int kTerminalOutput = 1; // its index above
 // A client that catches up is sent the log while less than this waits for it (and
-// less than a quarter of what would get it dropped).
-constexpr qsizetype kReplayBacklog = 1024 * 1024;
+// less than a quarter of what would get it dropped): what is replayed is a copy of the
+// client's own.
+constexpr qsizetype kReplayBacklog = 64 * 1024;
+// While less than this waits for an agent, a window goes to it at once.
+constexpr qsizetype kAgentQuietBacklog = 64 * 1024;
 constexpr int kTrimIntervalMs = 60'000;
 // Above this a JSON number no longer holds every integer.
 constexpr double kLargestSeq = 9007199254740991.0;
@@ -129,7 +132,8 @@ QByteArray error(int status, const QString& text, QByteArrayView extraHeaders = 
 
 RelayServer::RelayServer(RelayConfig config, QObject* parent)
     : QObject(parent), m_config(std::move(config)), m_listener(new RelayListener(this)), m_auth(m_config.token),
-      m_origins(m_config.allowedOrigins), m_permissions(m_config.approvalTimeoutMs)
+      m_origins(m_config.allowedOrigins), m_permissions(m_config.approvalTimeoutMs),
+      m_terminalFlow(m_config.maxPacedSessions)
 {
     m_clock.start();
     m_listener->setTlsConfiguration(m_config.tls);
@@ -281,7 +285,8 @@ void RelayServer::requestReceived(RelayConnection& connection, const HttpRequest
     takeForwardedAddress(connection, request);
     const QByteArray& path = request.path;
     if (path != "/v1" && !path.startsWith("/v1/")) {
-        connection.respond(StaticFiles::response(request));
+        const StaticFiles::Response file = StaticFiles::response(request);
+        connection.respond(file.head, file.body);
         return;
     }
     if (path == "/v1/health") {
@@ -656,9 +661,13 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
     out += number.size();
     *out++ = ',';
     std::memcpy(out, rest.data(), size_t(rest.size()));
+    const qint64 memoryBefore = history.log.memory();
     history.log.append(m_batchTime, seq, frame,
                        streamingType == kTerminalOutput ? terminalSession(rest) : QByteArrayView());
+    m_logMemory += history.log.memory() - memoryBefore;
     history.numbered = true;
+    if (m_logMemory > m_config.eventLog.maxTotalBytes)
+        trimToTotal();
     deliver(agent.agentId, history, seq, frame);
 }
 
@@ -691,13 +700,14 @@ void RelayServer::deliver(const QString& agentId, AgentHistory& history, qint64 
         return;
     }
     ++m_broadcasting;
+    qint64 shared = -1;
     for (size_t i = 0; i < m_clients.size(); ++i) {
         RelayConnection* client = m_clients[i];
         if (!client)
             continue;
         const ResumeCursors::Cursor* cursor = m_cursors.find(client, agentId);
         if (!cursor) {
-            client->sendFrame(frame);
+            client->sendShared(m_sharedFrames, frame, shared);
             continue;
         }
         // A replaying client is sent this from the log in its turn; a waiting one has it
@@ -709,10 +719,12 @@ void RelayServer::deliver(const QString& agentId, AgentHistory& history, qint64 
         if (had < history.log.lostThrough())
             sendGap(*client, agentId, had);
         else
-            client->sendFrame(frame);
+            client->sendShared(m_sharedFrames, frame, shared);
     }
     if (--m_broadcasting == 0)
         std::erase(m_clients, nullptr);
+    if (shared >= 0)
+        releaseSharedFrames();
 }
 
 void RelayServer::observeAgentMessage(Agent& agent, AgentHistory& history, const QJsonObject& message)
@@ -733,6 +745,12 @@ void RelayServer::observeAgentMessage(Agent& agent, AgentHistory& history, const
         endTask(agent, taskId);
     } else if (type == QLatin1String("terminal.closed")) {
         m_terminalFlow.removeSession(agent.agentId, message.value(QStringLiteral("sessionId")).toString());
+    } else if (type == QLatin1String("terminal.opened")) {
+        // A session that opens for a project replaces the project's old one.
+        history.snapshot.observe(message);
+        m_terminalFlow.keepSessions(agent.agentId,
+                                    [&](const QString& sessionId) { return history.snapshot.hasTerminal(sessionId); });
+        return;
     } else if (type == QLatin1String("agent.state")) {
         // The agent restates what it runs: tasks the server thought running and the agent
         // does not know ended with the agent's earlier life.
@@ -746,6 +764,9 @@ void RelayServer::observeAgentMessage(Agent& agent, AgentHistory& history, const
         for (const QString& kept : running)
             m_taskAgents.insert(kept, agent.agentId);
         agent.currentTaskId = running.value(0);
+        // The sessions it no longer has are paced no more.
+        m_terminalFlow.keepSessions(agent.agentId,
+                                    [&](const QString& sessionId) { return history.snapshot.hasTerminal(sessionId); });
         return;
     }
     history.snapshot.observe(message);
@@ -766,6 +787,7 @@ void RelayServer::dropAgent(Agent& agent)
     // Its tasks go on without the connection: they end when the agent says so.
     const QString agentId = agent.agentId;
     m_agents.remove(agentId);
+    m_pendingWindows.remove(agentId);
     const auto history = m_histories.find(agentId);
     if (history != m_histories.end() && !history->second.numbered)
         m_histories.erase(history);
@@ -820,12 +842,15 @@ void RelayServer::createTask(RelayConnection& client, const QJsonObject& message
     if (!agent)
         return;
     const QString taskId = QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
+    const QByteArray assign = RelayMessages::taskAssign(taskId, payload.toObject());
+    if (!agentTakes(client, *agent, assign.size(), requestId))
+        return;
     m_taskAgents.insert(taskId, agentId);
     if (agent->currentTaskId.isEmpty())
         agent->currentTaskId = taskId;
     historyOf(agentId).snapshot.taskCreated(taskId, payload.toObject());
     logEvent("task.create", {{"taskId", taskId}, {"agentId", agentId}});
-    agent->connection->sendText(RelayMessages::taskAssign(taskId, payload.toObject()));
+    agent->connection->sendText(assign);
     client.sendText(RelayMessages::taskCreated(taskId, agentId, requestId));
 }
 
@@ -849,7 +874,10 @@ void RelayServer::forwardToAgent(RelayConnection& client, const QString& type, c
     const Agent* agent = connectedAgent(client, agentId, requestId);
     if (!agent)
         return;
-    agent->connection->sendText(RelayMessages::agentCommand(type, taskId, payload));
+    const QByteArray command = RelayMessages::agentCommand(type, taskId, payload);
+    if (!agentTakes(client, *agent, command.size(), requestId))
+        return;
+    agent->connection->sendText(command);
     if (type == QLatin1String("task.approval")) {
         historyOf(agentId).snapshot.approvalSent(taskId.toString());
     } else if (type == QLatin1String("terminal.close")) {
@@ -894,6 +922,20 @@ void RelayServer::acknowledgeTerminal(RelayConnection& client, const QJsonObject
         replyError(client, QStringLiteral("BAD_REQUEST"), problem, requestId);
         return;
     }
+    if (offset >= 0) {
+        // Only sessions the agent has open are paced; an acknowledgement of any other (one
+        // that closed a moment ago, or never was) changes nothing.
+        const auto history = m_histories.find(agentId);
+        if (history == m_histories.end() || !history->second.snapshot.hasTerminal(sessionId))
+            return;
+        if (!m_terminalFlow.canPace(&client, agentId, sessionId)) {
+            replyError(
+                client, QStringLiteral("TOO_MANY_SESSIONS"),
+                QStringLiteral("a client paces at most %1 terminal sessions").arg(m_terminalFlow.maxSessionsPerClient()),
+                requestId);
+            return;
+        }
+    }
     const std::optional<TerminalFlow::Window> window = m_terminalFlow.acknowledge(
         &client, agentId, sessionId, offset < 0 ? std::nullopt : std::optional<qint64>(offset));
     if (window)
@@ -903,8 +945,35 @@ void RelayServer::acknowledgeTerminal(RelayConnection& client, const QJsonObject
 void RelayServer::tellAgentWindow(const TerminalFlow::Window& window)
 {
     const auto agent = m_agents.constFind(window.agentId);
-    if (agent != m_agents.constEnd())
+    if (agent == m_agents.constEnd())
+        return;
+    const auto pending = m_pendingWindows.find(window.agentId);
+    if (pending == m_pendingWindows.end() && agent->connection->backlog() < kAgentQuietBacklog) {
         agent->connection->sendText(RelayMessages::terminalWindow(window.sessionId, window.offset));
+        return;
+    }
+    m_pendingWindows[window.agentId].insert(window.sessionId, window.offset);
+    agent->connection->notifyWhenDrained();
+}
+
+void RelayServer::tellPendingWindows(RelayConnection& agentConnection)
+{
+    const auto id = m_agentIds.constFind(&agentConnection);
+    if (id == m_agentIds.constEnd())
+        return;
+    const QHash<QString, std::optional<qint64>> windows = m_pendingWindows.take(*id);
+    for (auto it = windows.cbegin(); it != windows.cend(); ++it)
+        agentConnection.sendText(RelayMessages::terminalWindow(it.key(), it.value()));
+}
+
+bool RelayServer::agentTakes(RelayConnection& client, const Agent& agent, qsizetype size, const QJsonValue& requestId)
+{
+    const RelayConnection& connection = *agent.connection;
+    if (connection.writesAtOnce() || connection.backlog() + size <= m_config.limits.maxBacklog / 2)
+        return true;
+    replyError(client, QStringLiteral("AGENT_BEHIND"),
+               QStringLiteral("agent has not read what it was sent yet: ") + agent.agentId, requestId);
+    return false;
 }
 
 void RelayServer::resume(RelayConnection& client, const QString& agentId, qint64 since)
@@ -990,14 +1059,19 @@ void RelayServer::pump(RelayConnection& client)
 
 void RelayServer::connectionDrained(RelayConnection& connection)
 {
-    pump(connection);
+    if (connection.role() == RelayConnection::Role::Agent)
+        tellPendingWindows(connection);
+    else
+        pump(connection);
 }
 
 void RelayServer::trimHistories()
 {
+    m_logMemory = 0;
     for (auto it = m_histories.begin(); it != m_histories.end();) {
         it->second.log.trimByAge(m_clock.elapsed());
         if (m_agents.contains(it->first) || it->second.log.size() > 0) {
+            m_logMemory += it->second.log.memory();
             ++it;
             continue;
         }
@@ -1006,7 +1080,39 @@ void RelayServer::trimHistories()
             m_taskAgents.remove(taskId);
             m_permissions.endTask(taskId);
         }
+        m_terminalFlow.keepSessions(it->first, [](const QString&) { return false; });
         it = m_histories.erase(it);
+    }
+    releaseSharedFrames();
+}
+
+void RelayServer::trimToTotal()
+{
+    // Trimmed a little below the limit, so that the logs are not searched again at every
+    // message that comes while they are full.
+    const qint64 target = m_config.eventLog.maxTotalBytes - m_config.eventLog.maxTotalBytes / 64;
+    while (m_logMemory > target) {
+        // The largest log gives way until it is no larger than the next one.
+        EventLog* largest = nullptr;
+        qint64 next = 0;
+        for (auto& [agentId, history] : m_histories) {
+            const qint64 memory = history.log.memory();
+            if (history.log.size() == 0)
+                continue;
+            if (!largest || memory > largest->memory()) {
+                next = largest ? largest->memory() : 0;
+                largest = &history.log;
+            } else {
+                next = std::max(next, memory);
+            }
+        }
+        if (!largest)
+            return;
+        do {
+            const qint64 before = largest->memory();
+            largest->dropOldest();
+            m_logMemory += largest->memory() - before;
+        } while (m_logMemory > target && largest->size() > 0 && largest->memory() > next);
     }
 }
 
@@ -1098,12 +1204,27 @@ void RelayServer::replyError(RelayConnection& client, const QString& code, const
 void RelayServer::broadcast(const QByteArray& frame)
 {
     ++m_broadcasting;
+    qint64 shared = -1;
     for (size_t i = 0; i < m_clients.size(); ++i) {
         if (m_clients[i])
-            m_clients[i]->sendFrame(frame);
+            m_clients[i]->sendShared(m_sharedFrames, frame, shared);
     }
     if (--m_broadcasting == 0)
         std::erase(m_clients, nullptr);
+    if (shared >= 0)
+        releaseSharedFrames();
+}
+
+void RelayServer::releaseSharedFrames()
+{
+    qint64 oldest = m_sharedFrames.end();
+    for (const RelayConnection* client : m_clients) {
+        if (!client)
+            continue;
+        if (const std::optional<qint64> waiting = client->oldestShared())
+            oldest = std::min(oldest, *waiting);
+    }
+    m_sharedFrames.releaseBefore(oldest);
 }
 
 void RelayServer::broadcastText(const QByteArray& text)

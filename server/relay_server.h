@@ -35,6 +35,7 @@ struct RelayConfig {
     quint16 port = 8080;
     QByteArray token;
     RelayLimits limits;
+    int maxPacedSessions = 64; // terminal sessions one client may pace
     int approvalTimeoutMs = 600'000;
     QStringList allowedOrigins; // besides the relay's own, normalized (the public URL's is one)
     EventLogLimits eventLog;
@@ -132,13 +133,24 @@ private:
     void decidePermission(RelayConnection& client, const QJsonObject& message);
     void resumeClient(RelayConnection& client, const QJsonObject& message);
     void acknowledgeTerminal(RelayConnection& client, const QJsonObject& message);
+    // Tells the agent a session's window; while the agent has much waiting for it, only
+    // the latest window of each session is kept, and told once it has read the rest.
     void tellAgentWindow(const TerminalFlow::Window& window);
+    void tellPendingWindows(RelayConnection& agentConnection);
+    // Whether the agent takes a client's command of `size` bytes now: a client's commands
+    // never pile up for an agent that does not read them; the client is told instead.
+    bool agentTakes(RelayConnection& client, const Agent& agent, qsizetype size, const QJsonValue& requestId);
     // Starts giving the client the agent's messages after `since`.
     void resume(RelayConnection& client, const QString& agentId, qint64 since);
     void sendGap(RelayConnection& client, const QString& agentId, qint64 since);
     // Sends replaying clients the log, as far as their backlog allows.
     void pump(RelayConnection& client);
     void trimHistories();
+    // Lets go of the oldest messages of the largest logs while all of them hold more
+    // than they may together.
+    void trimToTotal();
+    // The shared frames no client waits for any more go.
+    void releaseSharedFrames();
     // The connected agent of that id, or none after answering the client "AGENT_OFFLINE".
     Agent* connectedAgent(RelayConnection& client, const QString& agentId, const QJsonValue& requestId);
     void replyError(RelayConnection& client, const QString& code, const QString& message, const QJsonValue& requestId);
@@ -165,6 +177,9 @@ private:
     int m_broadcasting = 0;               // while > 0, closed clients are only blanked in m_clients
     QHash<QString, QString> m_taskAgents; // task id to agent id, while the task lives
     std::map<QString, AgentHistory> m_histories;
+    qint64 m_logMemory = 0; // of every history's log
+    SharedFrames m_sharedFrames;
+    QHash<QString, QHash<QString, std::optional<qint64>>> m_pendingWindows; // agent id, session id
     ResumeCursors m_cursors;
     TerminalFlow m_terminalFlow;
     QTimer m_trimTimer;

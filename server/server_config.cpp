@@ -59,12 +59,26 @@ std::variant<RelayConfig, QString> configFromEnvironment(const QProcessEnvironme
                env.value(QStringLiteral("BRINMOOR_CLIENT_BACKLOG_BYTES"));
     config.limits.maxBacklog = *backlog;
 
+    const std::optional<qint64> pacedSessions =
+        positive(env, QStringLiteral("BRINMOOR_CLIENT_PACED_SESSIONS"), config.maxPacedSessions);
+    if (!pacedSessions || *pacedSessions > 1'000'000)
+        return QStringLiteral("brinmoor-server: BRINMOOR_CLIENT_PACED_SESSIONS is not a number of sessions: ") +
+               env.value(QStringLiteral("BRINMOOR_CLIENT_PACED_SESSIONS"));
+    config.maxPacedSessions = int(*pacedSessions);
+
     const std::optional<qint64> logBytes =
         positive(env, QStringLiteral("BRINMOOR_EVENT_LOG_BYTES"), config.eventLog.maxBytes);
     if (!logBytes)
         return QStringLiteral("brinmoor-server: BRINMOOR_EVENT_LOG_BYTES is not a number of bytes: ") +
                env.value(QStringLiteral("BRINMOOR_EVENT_LOG_BYTES"));
     config.eventLog.maxBytes = *logBytes;
+
+    const std::optional<qint64> logTotal =
+        positive(env, QStringLiteral("BRINMOOR_EVENT_LOG_TOTAL_BYTES"), config.eventLog.maxTotalBytes);
+    if (!logTotal)
+        return QStringLiteral("brinmoor-server: BRINMOOR_EVENT_LOG_TOTAL_BYTES is not a number of bytes: ") +
+               env.value(QStringLiteral("BRINMOOR_EVENT_LOG_TOTAL_BYTES"));
+    config.eventLog.maxTotalBytes = *logTotal;
 
     const std::optional<qint64> logSeconds =
         positive(env, QStringLiteral("BRINMOOR_EVENT_LOG_SECONDS"), config.eventLog.maxAgeMs / 1000);

@@ -2,9 +2,12 @@
 
 #include "relay_messages.h"
 
+#include <QCryptographicHash>
 #include <QDirIterator>
 #include <QHash>
 #include <QResource>
+
+#include <optional>
 
 // The resource is compiled into this library; naming it keeps the linker from dropping it.
 static void initWebResources()
@@ -21,11 +24,20 @@ constexpr QByteArrayView kRoot = ":/web";
 // changes, so browsers keep it for a year without asking again.
 constexpr QByteArrayView kHashedPrefix = "/assets/";
 
+// One form of a file: its bytes and the ETag that names them.
+struct Body {
+    QByteArray bytes;
+    QByteArray etag; // empty when there is no such form
+};
+
 struct File {
-    QByteArray content;
-    QByteArray gzipped; // empty when the build left no NAME.gz
+    Body identity;
+    Body gzip;   // from NAME.gz, when the build left one
+    Body brotli; // from NAME.br, likewise
     QByteArray contentType;
     bool immutable = false;
+
+    bool hasEncodings() const { return !gzip.bytes.isEmpty() || !brotli.bytes.isEmpty(); }
 };
 
 QByteArray resourceBytes(const QString& path)
@@ -37,6 +49,15 @@ QByteArray resourceBytes(const QString& path)
     if (resource.compressionAlgorithm() == QResource::NoCompression)
         return QByteArray::fromRawData(reinterpret_cast<const char*>(resource.data()), resource.size());
     return resource.uncompressedData();
+}
+
+// A form of a file with a strong ETag made of its bytes: every form of every file has its
+// own, so a cache never takes one encoding for another.
+Body body(const QByteArray& bytes)
+{
+    if (bytes.isEmpty())
+        return {};
+    return Body{bytes, '"' + QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex().left(32) + '"'};
 }
 
 QByteArray contentTypeOf(QByteArrayView path)
@@ -66,11 +87,12 @@ const QHash<QByteArray, File>& files()
         QDirIterator it(QString::fromLatin1(kRoot), QDir::Files, QDirIterator::Subdirectories);
         while (it.hasNext()) {
             const QString resourcePath = it.next();
-            if (resourcePath.endsWith(QLatin1String(".gz")))
+            if (resourcePath.endsWith(QLatin1String(".gz")) || resourcePath.endsWith(QLatin1String(".br")))
                 continue;
             QByteArray urlPath = resourcePath.mid(kRoot.size()).toUtf8();
-            File file{resourceBytes(resourcePath), resourceBytes(resourcePath + QStringLiteral(".gz")),
-                      contentTypeOf(urlPath), urlPath.startsWith(kHashedPrefix)};
+            File file{body(resourceBytes(resourcePath)), body(resourceBytes(resourcePath + QStringLiteral(".gz"))),
+                      body(resourceBytes(resourcePath + QStringLiteral(".br"))), contentTypeOf(urlPath),
+                      urlPath.startsWith(kHashedPrefix)};
             if (urlPath == "/index.html")
                 urlPath = "/";
             all.insert(urlPath, file);
@@ -80,18 +102,48 @@ const QHash<QByteArray, File>& files()
     return table;
 }
 
-bool acceptsGzip(const HttpRequest& request)
+// Whether Accept-Encoding takes `coding`: named with a weight above 0, or left to "*"
+// with one.
+bool accepts(const HttpRequest& request, QByteArrayView coding)
 {
-    for (const QByteArray& part : request.header("accept-encoding").split(',')) {
-        const QList<QByteArray> pieces = part.split(';');
-        if (pieces.first().trimmed().toLower() != "gzip")
+    std::optional<bool> named;
+    std::optional<bool> anyOther;
+    for (const auto& [name, value] : request.headers) {
+        if (name != "accept-encoding")
             continue;
-        for (const QByteArray& parameter : pieces.mid(1)) {
-            const QByteArray p = parameter.trimmed().toLower();
-            if (p.startsWith("q=") && p.mid(2).toDouble() == 0.0)
-                return false;
+        for (const QByteArray& part : value.split(',')) {
+            const QList<QByteArray> pieces = part.split(';');
+            const QByteArray token = pieces.first().trimmed().toLower();
+            bool wanted = true;
+            for (const QByteArray& parameter : pieces.mid(1)) {
+                const QByteArray p = parameter.trimmed().toLower();
+                if (p.startsWith("q=") && p.mid(2).trimmed().toDouble() <= 0.0)
+                    wanted = false;
+            }
+            if (token == coding)
+                named = wanted;
+            else if (token == "*")
+                anyOther = wanted;
         }
-        return true;
+    }
+    return named.value_or(anyOther.value_or(false));
+}
+
+// Whether If-None-Match names this ETag (or any, with "*"); weak forms match too.
+bool alreadyHas(const HttpRequest& request, const QByteArray& etag)
+{
+    for (const auto& [name, value] : request.headers) {
+        if (name != "if-none-match")
+            continue;
+        for (const QByteArray& part : value.split(',')) {
+            QByteArray tag = part.trimmed();
+            if (tag == "*")
+                return true;
+            if (tag.startsWith("W/"))
+                tag = tag.mid(2);
+            if (tag == etag)
+                return true;
+        }
     }
     return false;
 }
@@ -140,33 +192,45 @@ QByteArray contentSecurityPolicy(QByteArrayView host)
            "; manifest-src 'self'; worker-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 }
 
-QByteArray response(const HttpRequest& request)
+Response response(const HttpRequest& request)
 {
     const QByteArray security = securityHeaders(request);
     if (request.method != "GET" && request.method != "HEAD") {
         const QByteArray body = RelayMessages::httpError(QStringLiteral("method not allowed"));
-        return head(405, "application/json", body.size(),
-                    "Allow: GET, HEAD\r\nCache-Control: no-store\r\n" + security) +
-               body;
+        return {
+            head(405, "application/json", body.size(), "Allow: GET, HEAD\r\nCache-Control: no-store\r\n" + security),
+            body};
     }
     const auto found = files().constFind(request.path);
     if (found == files().constEnd()) {
         const QByteArray body = RelayMessages::httpError(QStringLiteral("not found"));
-        return head(404, "application/json", body.size(), "Cache-Control: no-store\r\n" + security) + body;
+        return {head(404, "application/json", body.size(), "Cache-Control: no-store\r\n" + security), body};
     }
+    // Brotli is the smaller, gzip what every browser takes.
     const File& file = *found;
-    const bool gzip = !file.gzipped.isEmpty() && acceptsGzip(request);
-    const QByteArray& body = gzip ? file.gzipped : file.content;
+    const Body* chosen = &file.identity;
+    QByteArray encoding;
+    if (!file.brotli.bytes.isEmpty() && accepts(request, "br")) {
+        chosen = &file.brotli;
+        encoding = "br";
+    } else if (!file.gzip.bytes.isEmpty() && accepts(request, "gzip")) {
+        chosen = &file.gzip;
+        encoding = "gzip";
+    }
     QByteArray headers =
         file.immutable ? "Cache-Control: public, max-age=31536000, immutable\r\n" : "Cache-Control: no-cache\r\n";
-    if (gzip)
-        headers += "Content-Encoding: gzip\r\n";
-    if (!file.gzipped.isEmpty())
+    if (!encoding.isEmpty())
+        headers += "Content-Encoding: " + encoding + "\r\n";
+    if (file.hasEncodings())
         headers += "Vary: Accept-Encoding\r\n";
-    QByteArray reply = head(200, file.contentType, body.size(), headers + security);
+    headers += "ETag: " + chosen->etag + "\r\n";
+    if (alreadyHas(request, chosen->etag)) {
+        return {"HTTP/1.1 304 Not Modified\r\n" + headers + security + "Connection: close\r\n\r\n", {}};
+    }
+    QByteArray reply = head(200, file.contentType, chosen->bytes.size(), headers + security);
     if (request.method == "GET")
-        reply += body;
-    return reply;
+        return {reply, chosen->bytes};
+    return {reply, {}};
 }
 
 } // namespace brinmoor::relay::StaticFiles

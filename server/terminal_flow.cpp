@@ -9,17 +9,32 @@ std::optional<TerminalFlow::Window> TerminalFlow::acknowledge(const RelayConnect
 {
     const Key key{agentId, sessionId};
     if (offset) {
-        m_sessions[key].offsets.insert(client, *offset);
+        Session& session = m_sessions[key];
+        if (!session.offsets.contains(client))
+            ++m_paced[client];
+        session.offsets.insert(client, *offset);
     } else {
         const auto session = m_sessions.find(key);
         if (session == m_sessions.end() || !session->offsets.remove(client))
             return std::nullopt;
+        if (--m_paced[client] == 0)
+            m_paced.remove(client);
     }
     return update(key);
 }
 
+bool TerminalFlow::canPace(const RelayConnection* client, const QString& agentId, const QString& sessionId) const
+{
+    const auto session = m_sessions.constFind(Key{agentId, sessionId});
+    if (session != m_sessions.constEnd() && session->offsets.contains(client))
+        return true;
+    return m_paced.value(client) < m_maxSessionsPerClient;
+}
+
 QList<TerminalFlow::Window> TerminalFlow::removeClient(const RelayConnection* client)
 {
+    if (!m_paced.remove(client))
+        return {};
     QList<Key> paced;
     for (auto it = m_sessions.begin(); it != m_sessions.end(); ++it) {
         if (it->offsets.remove(client))
@@ -35,7 +50,31 @@ QList<TerminalFlow::Window> TerminalFlow::removeClient(const RelayConnection* cl
 
 void TerminalFlow::removeSession(const QString& agentId, const QString& sessionId)
 {
-    m_sessions.remove(Key{agentId, sessionId});
+    const auto session = m_sessions.find(Key{agentId, sessionId});
+    if (session == m_sessions.end())
+        return;
+    forgetClientsOf(*session);
+    m_sessions.erase(session);
+}
+
+void TerminalFlow::keepSessions(const QString& agentId, const std::function<bool(const QString& sessionId)>& isOpen)
+{
+    for (auto it = m_sessions.begin(); it != m_sessions.end();) {
+        if (it.key().first != agentId || isOpen(it.key().second)) {
+            ++it;
+            continue;
+        }
+        forgetClientsOf(*it);
+        it = m_sessions.erase(it);
+    }
+}
+
+void TerminalFlow::forgetClientsOf(const Session& session)
+{
+    for (auto client = session.offsets.keyBegin(); client != session.offsets.keyEnd(); ++client) {
+        if (--m_paced[*client] == 0)
+            m_paced.remove(*client);
+    }
 }
 
 QList<TerminalFlow::Window> TerminalFlow::windowsOf(const QString& agentId) const

@@ -5,6 +5,7 @@
 #include <QPair>
 #include <QString>
 
+#include <functional>
 #include <optional>
 
 namespace brinmoor::relay {
@@ -15,9 +16,13 @@ class RelayConnection;
 // how far it has got ("terminal.ack" with the "offset" of the output it has rendered);
 // the agent is told the lowest offset of the clients that pace the session, and stops
 // reading the terminal while its output is a window ahead of it. Clients that never
-// acknowledge do not pace anything.
+// acknowledge do not pace anything. What it keeps is bounded: an entry per client and
+// session it paces, for sessions the relay knows as open, and at most so many sessions
+// per client.
 class TerminalFlow {
 public:
+    explicit TerminalFlow(int maxSessionsPerClient = 64) : m_maxSessionsPerClient(maxSessionsPerClient) {}
+
     // What the agent is to hear for one session: the lowest offset of the clients that
     // pace it, or none when no client does any more.
     struct Window {
@@ -30,10 +35,16 @@ public:
     // The window to tell the agent, when it changed.
     std::optional<Window> acknowledge(const RelayConnection* client, const QString& agentId, const QString& sessionId,
                                       std::optional<qint64> offset);
+    // Whether the client may pace the session: it does already, or it paces fewer
+    // sessions than it may.
+    bool canPace(const RelayConnection* client, const QString& agentId, const QString& sessionId) const;
+    int maxSessionsPerClient() const { return m_maxSessionsPerClient; }
     // The client is gone: the windows that changed.
     QList<Window> removeClient(const RelayConnection* client);
     // The session is closed.
     void removeSession(const QString& agentId, const QString& sessionId);
+    // Every session of the agent that `isOpen` does not name is closed.
+    void keepSessions(const QString& agentId, const std::function<bool(const QString& sessionId)>& isOpen);
     // The windows of the sessions some client paces, for an agent that connects.
     QList<Window> windowsOf(const QString& agentId) const;
 
@@ -45,8 +56,11 @@ private:
     };
 
     std::optional<Window> update(const Key& key);
+    void forgetClientsOf(const Session& session);
 
+    int m_maxSessionsPerClient;
     QHash<Key, Session> m_sessions;
+    QHash<const RelayConnection*, int> m_paced; // sessions each client paces
 };
 
 } // namespace brinmoor::relay

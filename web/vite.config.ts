@@ -1,5 +1,5 @@
 import { createHash } from 'node:crypto';
-import { gzipSync } from 'node:zlib';
+import { brotliCompressSync, constants as zlibConstants, gzipSync } from 'node:zlib';
 import { readdirSync, readFileSync, statSync, writeFileSync } from 'node:fs';
 import { join, relative } from 'node:path';
 import { fileURLToPath } from 'node:url';
@@ -51,7 +51,7 @@ function shellManifest(): Plugin {
         const files: string[] = [];
         for (const path of filesUnder(outDir).sort()) {
           const name = '/' + relative(outDir, path).split('\\').join('/');
-          if (name === '/sw.js' || name.endsWith('.gz')) continue;
+          if (name === '/sw.js' || name.endsWith('.gz') || name.endsWith('.br')) continue;
           files.push(name === '/index.html' ? '/' : name);
           hash.update(name + '\0').update(readFileSync(path));
         }
@@ -67,8 +67,9 @@ function shellManifest(): Plugin {
   };
 }
 
-// Writes NAME.gz beside every text file of the build, so the server can send the
-// compressed bytes as they are to a browser that accepts gzip.
+// Writes NAME.br (brotli) and NAME.gz (gzip) beside every text file of the build, so the
+// server can send the compressed bytes as they are to a browser that takes either. A
+// form that would not be smaller than the file is left out.
 function precompress(): Plugin {
   let outDir = 'dist';
   return {
@@ -82,7 +83,23 @@ function precompress(): Plugin {
       handler() {
         for (const path of filesUnder(outDir)) {
           if (!/\.(html|js|css|svg|json|txt|webmanifest)$/.test(path)) continue;
-          writeFileSync(path + '.gz', gzipSync(readFileSync(path), { level: 9 }));
+          const content = readFileSync(path);
+          const forms: [string, Buffer][] = [
+            ['.gz', gzipSync(content, { level: 9 })],
+            [
+              '.br',
+              brotliCompressSync(content, {
+                params: {
+                  [zlibConstants.BROTLI_PARAM_MODE]: zlibConstants.BROTLI_MODE_TEXT,
+                  [zlibConstants.BROTLI_PARAM_QUALITY]: zlibConstants.BROTLI_MAX_QUALITY,
+                  [zlibConstants.BROTLI_PARAM_SIZE_HINT]: content.length,
+                },
+              }),
+            ],
+          ];
+          for (const [suffix, compressed] of forms) {
+            if (compressed.length < content.length) writeFileSync(path + suffix, compressed);
+          }
         }
       },
     },

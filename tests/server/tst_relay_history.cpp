@@ -273,6 +273,65 @@ private Q_SLOTS:
         QCOMPARE(flow.windowsOf("a").size(), 0);
         QCOMPARE(flow.removeClient(client(3)).size(), 0);
     }
+
+    void aClientPacesAtMostSoManySessions()
+    {
+        TerminalFlow flow(2);
+        QVERIFY(flow.canPace(client(1), "a", "s"));
+        QVERIFY(flow.acknowledge(client(1), "a", "s", 1));
+        QVERIFY(flow.acknowledge(client(1), "b", "s", 1));
+        // Two are paced: a third is not, what it paces already still is, and another
+        // client is not held back.
+        QVERIFY(!flow.canPace(client(1), "a", "t"));
+        QVERIFY(flow.canPace(client(1), "a", "s"));
+        QVERIFY(flow.canPace(client(2), "a", "t"));
+        flow.acknowledge(client(1), "a", "s", std::nullopt);
+        QVERIFY(flow.canPace(client(1), "a", "t"));
+        flow.acknowledge(client(1), "a", "t", 5);
+        // A session that closes, or that the agent no longer has, no longer counts.
+        flow.removeSession("a", "t");
+        QVERIFY(flow.canPace(client(1), "a", "u"));
+        flow.acknowledge(client(1), "a", "u", 5);
+        flow.acknowledge(client(2), "a", "v", 5);
+        flow.acknowledge(client(2), "a", "w", 5);
+        QVERIFY(!flow.canPace(client(2), "a", "x"));
+        flow.keepSessions("a", [](const QString& sessionId) { return sessionId == QLatin1String("v"); });
+        QCOMPARE(flow.windowsOf("a").size(), 1);
+        QCOMPARE(flow.windowsOf("a").first().sessionId, QStringLiteral("v"));
+        QCOMPARE(flow.windowsOf("b").size(), 1);
+        QVERIFY(flow.canPace(client(1), "a", "x"));
+        QVERIFY(flow.canPace(client(2), "a", "x"));
+        QCOMPARE(flow.removeClient(client(1)).size(), 1); // b/s goes free
+        QCOMPARE(flow.windowsOf("b").size(), 0);
+    }
+
+    void countsTheMemoryItsBlocksHoldAndLetsTheOldestGoOnDemand()
+    {
+        EventLog log({1024 * 1024 * 1024, 60'000});
+        QCOMPARE(log.memory(), 0);
+        const QByteArray frame(1000, 'x');
+        log.append(0, 1, frame);
+        // A message in a block holds the whole block.
+        QCOMPARE(log.memory(), EventLog::kEntryOverhead + EventLog::kBlockSize);
+        for (qint64 seq = 2; seq <= 300; ++seq)
+            log.append(0, seq, frame);
+        QCOMPARE(log.memory(), 300 * EventLog::kEntryOverhead + 2 * EventLog::kBlockSize);
+        // Terminal output is kept aside, at its own size.
+        log.append(0, 301, QByteArray(5000, 't'), "\"s\"");
+        QCOMPARE(log.memory(), 301 * EventLog::kEntryOverhead + 5000 + 2 * EventLog::kBlockSize);
+        QVERIFY(log.dropOldest());
+        QCOMPARE(log.lostThrough(), 1);
+        QCOMPARE(keptAfter(log, 0).first(), 2);
+        // 262 messages fill a block; once they are gone the block is kept as the spare.
+        while (keptAfter(log, 0).first() <= 263)
+            log.dropOldest();
+        QCOMPARE(log.memory(), 38 * EventLog::kEntryOverhead + 5000 + 2 * EventLog::kBlockSize);
+        while (log.dropOldest()) {
+        }
+        QCOMPARE(log.memory(), 0);
+        QCOMPARE(log.lostThrough(), 301);
+        QVERIFY(!log.dropOldest());
+    }
 };
 
 QTEST_GUILESS_MAIN(TstRelayHistory)

@@ -551,6 +551,10 @@ private Q_SLOTS:
         QVERIFY(connectAgentAndClient(agent, first));
         RelayClient second;
         QVERIFY(second.open(m_relay->port, m_relay->token));
+        // Only a session the agent has open is paced.
+        agent.send(json("{\"type\":\"terminal.opened\",\"sessionId\":\"s\",\"projectPath\":\"/p\","
+                        "\"mode\":\"interactive\"}"));
+        QVERIFY(second.waitForType(QStringLiteral("terminal.opened")));
         const auto heard = [&](qsizetype after) {
             QList<QJsonObject> acks;
             for (const QJsonObject& m : agent.messages().mid(after)) {

@@ -1,13 +1,20 @@
 // The browser client as brinmoor-server serves it: the built files, their content types,
-// caching and security headers, gzip for browsers that take it, and the /v1 endpoints
-// exactly as before.
+// caching and security headers, brotli or gzip for browsers that take them, ETags and
+// 304, and the /v1 endpoints exactly as before.
 #include "support/process_fixtures.h"
 #include "support/relay_client.h"
 #include "support/test_support.h"
 
+#include <QCryptographicHash>
 #include <QDir>
+#include <QDirIterator>
+#include <QFile>
 #include <QRegularExpression>
+#include <QSet>
 #include <QTest>
+
+#include <brotli/decode.h>
+#include <zlib.h>
 
 using namespace brinmoor::test;
 
@@ -34,6 +41,44 @@ Response parse(const QByteArray& raw)
 QByteArray distFile(const QString& name)
 {
     return readFile(QStringLiteral(BRINMOOR_WEB_DIST "/") + name);
+}
+
+// The strong ETag the relay gives these bytes.
+QByteArray etagOf(const QByteArray& bytes)
+{
+    return '"' + QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex().left(32) + '"';
+}
+
+QByteArray gunzip(const QByteArray& gzipped)
+{
+    z_stream stream{};
+    if (inflateInit2(&stream, 16 + MAX_WBITS) != Z_OK)
+        return {};
+    QByteArray out;
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(gzipped.constData()));
+    stream.avail_in = uInt(gzipped.size());
+    int result = Z_OK;
+    while (result == Z_OK) {
+        char chunk[64 * 1024];
+        stream.next_out = reinterpret_cast<Bytef*>(chunk);
+        stream.avail_out = sizeof chunk;
+        result = inflate(&stream, Z_NO_FLUSH);
+        out.append(chunk, qsizetype(sizeof chunk - stream.avail_out));
+    }
+    inflateEnd(&stream);
+    return result == Z_STREAM_END ? out : QByteArray("not gzip");
+}
+
+// Decodes brotli into at most `limit` bytes.
+QByteArray unbrotli(const QByteArray& encoded, qsizetype limit)
+{
+    QByteArray out(limit, Qt::Uninitialized);
+    size_t size = size_t(limit);
+    if (BrotliDecoderDecompress(size_t(encoded.size()), reinterpret_cast<const uint8_t*>(encoded.constData()), &size,
+                                reinterpret_cast<uint8_t*>(out.data())) != BROTLI_DECODER_RESULT_SUCCESS)
+        return "not brotli";
+    out.resize(qsizetype(size));
+    return out;
 }
 
 QString csp(quint16 port)
@@ -77,36 +122,137 @@ private Q_SLOTS:
         QCOMPARE(index.statusLine, QByteArray("HTTP/1.1 200 OK"));
         const QByteArray html = distFile(QStringLiteral("index.html"));
         QVERIFY(html.contains("<title>Brinmoor</title>"));
-        QCOMPARE(index.headers, (QList<QByteArray>{"Content-Type: text/html; charset=utf-8",
-                                                   "Content-Length: " + QByteArray::number(html.size()),
-                                                   "Cache-Control: no-cache", "Vary: Accept-Encoding",
-                                                   csp(m_relay.port).toUtf8(), "X-Content-Type-Options: nosniff",
-                                                   "Referrer-Policy: no-referrer", "Connection: close"}));
+        QCOMPARE(index.headers,
+                 (QList<QByteArray>{"Content-Type: text/html; charset=utf-8",
+                                    "Content-Length: " + QByteArray::number(html.size()), "Cache-Control: no-cache",
+                                    "Vary: Accept-Encoding", "ETag: " + etagOf(html), csp(m_relay.port).toUtf8(),
+                                    "X-Content-Type-Options: nosniff", "Referrer-Policy: no-referrer",
+                                    "Connection: close"}));
         QCOMPARE(index.body, html);
     }
 
-    void sendsHashedAssetsGzippedAndImmutable()
+    void sendsHashedAssetsCompressedAndImmutable_data()
     {
+        QTest::addColumn<QByteArray>("acceptEncoding");
+        QTest::addColumn<QString>("form"); // the file's suffix for the form sent, "" for the file itself
+        QTest::newRow("a browser's") << QByteArray("gzip, deflate, br, zstd") << QStringLiteral(".br");
+        QTest::newRow("brotli alone") << QByteArray("br") << QStringLiteral(".br");
+        QTest::newRow("names in capitals") << QByteArray("GZIP, BR") << QStringLiteral(".br");
+        QTest::newRow("gzip alone") << QByteArray("gzip") << QStringLiteral(".gz");
+        QTest::newRow("brotli refused") << QByteArray("br;q=0, gzip;q=0.5") << QStringLiteral(".gz");
+        QTest::newRow("brotli refused as 0.000") << QByteArray("gzip, br; q=0.000") << QStringLiteral(".gz");
+        QTest::newRow("anything") << QByteArray("*") << QStringLiteral(".br");
+        QTest::newRow("anything but brotli") << QByteArray("br;q=0, *") << QStringLiteral(".gz");
+        QTest::newRow("nothing but the file") << QByteArray("*;q=0, identity") << QString();
+        QTest::newRow("both refused") << QByteArray("gzip;q=0, br;q=0, identity") << QString();
+        QTest::newRow("unknown codings") << QByteArray("deflate, zstd") << QString();
+        QTest::newRow("no Accept-Encoding") << QByteArray() << QString();
+    }
+
+    void sendsHashedAssetsCompressedAndImmutable()
+    {
+        QFETCH(QByteArray, acceptEncoding);
+        QFETCH(QString, form);
         const QString script = asset(QStringLiteral("js"));
         QVERIFY(!script.isEmpty());
         QVERIFY(distFile(QStringLiteral("index.html")).contains(QByteArray("/" + script.toUtf8())));
-        const QByteArray gzipped = distFile(script + QStringLiteral(".gz"));
-        QVERIFY(gzipped.startsWith("\x1f\x8b"));
+        const QByteArray plain = distFile(script);
+        const QByteArray sent = distFile(script + form);
+        QVERIFY(!sent.isEmpty());
 
-        const Response compressed = get('/' + script.toUtf8(), "Accept-Encoding: gzip, deflate, br\r\n");
-        QCOMPARE(compressed.statusLine, QByteArray("HTTP/1.1 200 OK"));
-        QCOMPARE(compressed.headers.mid(0, 5),
-                 (QList<QByteArray>{"Content-Type: text/javascript; charset=utf-8",
-                                    "Content-Length: " + QByteArray::number(gzipped.size()),
-                                    "Cache-Control: public, max-age=31536000, immutable", "Content-Encoding: gzip",
-                                    "Vary: Accept-Encoding"}));
-        QCOMPARE(compressed.body, gzipped);
+        const Response response =
+            get('/' + script.toUtf8(),
+                acceptEncoding.isEmpty() ? QByteArray() : "Accept-Encoding: " + acceptEncoding + "\r\n");
+        QCOMPARE(response.statusLine, QByteArray("HTTP/1.1 200 OK"));
+        QList<QByteArray> expected{"Content-Type: text/javascript; charset=utf-8",
+                                   "Content-Length: " + QByteArray::number(sent.size()),
+                                   "Cache-Control: public, max-age=31536000, immutable"};
+        if (form == QLatin1String(".br"))
+            expected.append("Content-Encoding: br");
+        else if (form == QLatin1String(".gz"))
+            expected.append("Content-Encoding: gzip");
+        expected += {"Vary: Accept-Encoding",           "ETag: " + etagOf(sent),        csp(m_relay.port).toUtf8(),
+                     "X-Content-Type-Options: nosniff", "Referrer-Policy: no-referrer", "Connection: close"};
+        QCOMPARE(response.headers, expected);
+        QCOMPARE(response.body, sent);
+        // Every form holds the file's bytes.
+        if (form == QLatin1String(".br")) {
+            QVERIFY(sent.size() < plain.size());
+            QCOMPARE(unbrotli(response.body, plain.size() + 1), plain);
+        } else if (form == QLatin1String(".gz")) {
+            QVERIFY(sent.startsWith("\x1f\x8b"));
+            QCOMPARE(gunzip(response.body), plain);
+        }
+    }
 
-        const Response plain = get('/' + script.toUtf8());
-        QVERIFY(!plain.headers.contains("Content-Encoding: gzip"));
-        QCOMPARE(plain.body, distFile(script));
-        const Response refused = get('/' + script.toUtf8(), "Accept-Encoding: gzip;q=0, identity\r\n");
-        QCOMPARE(refused.body, distFile(script));
+    void givesEachFormItsOwnETagAndAnswersWhatTheBrowserHasWith304()
+    {
+        const QByteArray path = "/" + asset(QStringLiteral("css")).toUtf8();
+        const QByteArray plain = distFile(QString::fromUtf8(path.mid(1)));
+        const QByteArray gzipped = distFile(QString::fromUtf8(path.mid(1)) + QStringLiteral(".gz"));
+        const QByteArray brotli = distFile(QString::fromUtf8(path.mid(1)) + QStringLiteral(".br"));
+        QVERIFY(!plain.isEmpty() && !gzipped.isEmpty() && !brotli.isEmpty());
+        QCOMPARE(QSet<QByteArray>({etagOf(plain), etagOf(gzipped), etagOf(brotli)}).size(), 3);
+        QCOMPARE(get(path, "Accept-Encoding: gzip\r\n").headers.value(5), "ETag: " + etagOf(gzipped));
+
+        // The browser has the brotli form and asks for it again.
+        const QByteArray has = "If-None-Match: " + etagOf(brotli) + "\r\n";
+        const Response same = get(path, "Accept-Encoding: br, gzip\r\n" + has);
+        QCOMPARE(same.statusLine, QByteArray("HTTP/1.1 304 Not Modified"));
+        QCOMPARE(same.headers,
+                 (QList<QByteArray>{"Cache-Control: public, max-age=31536000, immutable", "Content-Encoding: br",
+                                    "Vary: Accept-Encoding", "ETag: " + etagOf(brotli), csp(m_relay.port).toUtf8(),
+                                    "X-Content-Type-Options: nosniff", "Referrer-Policy: no-referrer",
+                                    "Connection: close"}));
+        QCOMPARE(same.body, QByteArray());
+        // A weak form of the tag, or one among others, names it too.
+        QCOMPARE(get(path, "Accept-Encoding: br\r\nIf-None-Match: \"x\", W/" + etagOf(brotli) + "\r\n").statusLine,
+                 QByteArray("HTTP/1.1 304 Not Modified"));
+        QCOMPARE(get(path, "Accept-Encoding: br\r\nIf-None-Match: *\r\n").statusLine,
+                 QByteArray("HTTP/1.1 304 Not Modified"));
+        // The brotli form's tag does not stand for another form.
+        const Response other = get(path, "Accept-Encoding: gzip\r\n" + has);
+        QCOMPARE(other.statusLine, QByteArray("HTTP/1.1 200 OK"));
+        QCOMPARE(other.body, gzipped);
+        QCOMPARE(get(path, has).body, plain);
+        // The page itself is asked again on every load: its tag is what spares the bytes.
+        const QByteArray index = distFile(QStringLiteral("index.html"));
+        const Response page = get("/", "If-None-Match: " + etagOf(index) + "\r\n");
+        QCOMPARE(page.statusLine, QByteArray("HTTP/1.1 304 Not Modified"));
+        QCOMPARE(page.headers.mid(0, 3),
+                 (QList<QByteArray>{"Cache-Control: no-cache", "Vary: Accept-Encoding", "ETag: " + etagOf(index)}));
+        QCOMPARE(get("/", "If-None-Match: \"0123\"\r\n").body, index);
+    }
+
+    void compressesEveryTextFileOfTheBuild()
+    {
+        const QStringList compressible{QStringLiteral("*.js"),   QStringLiteral("*.css"),
+                                       QStringLiteral("*.html"), QStringLiteral("*.svg"),
+                                       QStringLiteral("*.json"), QStringLiteral("*.webmanifest")};
+        QDirIterator it(QStringLiteral(BRINMOOR_WEB_DIST), compressible, QDir::Files, QDirIterator::Subdirectories);
+        int checked = 0;
+        while (it.hasNext()) {
+            const QString path = it.next();
+            const QByteArray plain = readFile(path);
+            const QByteArray brotli = readFile(path + QStringLiteral(".br"));
+            const QByteArray gzipped = readFile(path + QStringLiteral(".gz"));
+            // A form is left out only when it would not be smaller.
+            QVERIFY2(!brotli.isEmpty() || plain.size() < 64, qPrintable(path));
+            if (!brotli.isEmpty()) {
+                QVERIFY2(brotli.size() < plain.size(), qPrintable(path));
+                QCOMPARE(unbrotli(brotli, plain.size() + 1), plain);
+            }
+            if (!gzipped.isEmpty()) {
+                QVERIFY2(gzipped.size() < plain.size(), qPrintable(path));
+                QCOMPARE(gunzip(gzipped), plain);
+            }
+            ++checked;
+        }
+        QVERIFY(checked >= 8);
+        // A picture is sent as it is.
+        const Response png = get("/icon-192.png", "Accept-Encoding: br, gzip\r\n");
+        QCOMPARE(png.headers.mid(2, 2), (QList<QByteArray>{"Cache-Control: no-cache", "ETag: " + etagOf(png.body)}));
+        QVERIFY(!QFile::exists(QStringLiteral(BRINMOOR_WEB_DIST "/icon-192.png.br")));
     }
 
     void namesEachKindOfFile()
@@ -128,11 +274,12 @@ private Q_SLOTS:
         const QByteArray worker = distFile(QStringLiteral("sw.js"));
         const Response response = get("/sw.js");
         QCOMPARE(response.statusLine, QByteArray("HTTP/1.1 200 OK"));
-        QCOMPARE(response.headers, (QList<QByteArray>{"Content-Type: text/javascript; charset=utf-8",
-                                                      "Content-Length: " + QByteArray::number(worker.size()),
-                                                      "Cache-Control: no-cache", "Vary: Accept-Encoding",
-                                                      csp(m_relay.port).toUtf8(), "X-Content-Type-Options: nosniff",
-                                                      "Referrer-Policy: no-referrer", "Connection: close"}));
+        QCOMPARE(response.headers,
+                 (QList<QByteArray>{"Content-Type: text/javascript; charset=utf-8",
+                                    "Content-Length: " + QByteArray::number(worker.size()), "Cache-Control: no-cache",
+                                    "Vary: Accept-Encoding", "ETag: " + etagOf(worker), csp(m_relay.port).toUtf8(),
+                                    "X-Content-Type-Options: nosniff", "Referrer-Policy: no-referrer",
+                                    "Connection: close"}));
         QCOMPARE(response.body, worker);
         // The shell it keeps is this build's: the index and the page's own script by name.
         const QRegularExpressionMatch shell =
@@ -187,6 +334,13 @@ private Q_SLOTS:
         QCOMPARE(head.headers.value(1),
                  "Content-Length: " + QByteArray::number(distFile(QStringLiteral("index.html")).size()));
         QCOMPARE(head.body, QByteArray());
+        // The length is the one the same GET would have.
+        const QByteArray brotli = distFile(QStringLiteral("index.html.br"));
+        const Response compressed = get("/", "Accept-Encoding: br\r\n", "HEAD");
+        QCOMPARE(compressed.headers.mid(1, 3),
+                 (QList<QByteArray>{"Content-Length: " + QByteArray::number(brotli.size()), "Cache-Control: no-cache",
+                                    "Content-Encoding: br"}));
+        QCOMPARE(compressed.body, QByteArray());
     }
 
     void refusesOtherMethodsAndUnknownFiles()

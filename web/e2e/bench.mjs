@@ -25,9 +25,9 @@ function print(name, value, unit, target) {
   console.log(`${name}: ${value}${unit ? ' ' + unit : ''}${target ? `  (target ${target})` : ''}`);
 }
 
-// The bytes of a file as the server sends it to a browser that takes gzip.
-async function servedSize(path) {
-  const response = await fetch(world.origin + path, { headers: { 'Accept-Encoding': 'gzip' } });
+// The bytes of a file as the server sends it to a browser that takes this encoding.
+async function servedSize(path, encoding = 'gzip') {
+  const response = await fetch(world.origin + path, { headers: { 'Accept-Encoding': encoding } });
   await response.arrayBuffer();
   return Number(response.headers.get('content-length'));
 }
@@ -40,6 +40,9 @@ async function firstLoad() {
   let bytes = await servedSize('/');
   for (const path of new Set(named)) bytes += await servedSize(path);
   print(`first load, gzip bytes of the page and the ${named.length} files it names`, (bytes / 1024).toFixed(1), 'KB', '<= 250 KB');
+  let brotli = await servedSize('/', 'br, gzip');
+  for (const path of new Set(named)) brotli += await servedSize(path, 'br, gzip');
+  print('first load, the same as brotli (what browsers get)', (brotli / 1024).toFixed(1), 'KB');
 
   // Each load in a fresh browser context, as a phone opening the link for the first time.
   const times = [];
