@@ -14,6 +14,7 @@ import {
   kAgentId,
   kAskingClaude,
   kToken,
+  pageSettled,
   testLeavingPictures,
   waitForText,
   World,
@@ -252,6 +253,77 @@ test('a proposal is reviewed as a diff, and Approve applies it', async () => {
   await waitIncludes('.change-detail .task-status', 'Finished');
   assert.equal(readFileSync(join(world.project, 'greeting.txt'), 'utf8'), 'bye\n');
 });
+
+// Where each line number of the review stands against its line, as [number top, line top].
+function gutters() {
+  return page.$$eval('.change-detail .diff-body .d2h-code-linenumber', (cells) =>
+    cells.map((cell) => [Math.round(cell.getBoundingClientRect().top), Math.round(cell.closest('tr').getBoundingClientRect().top)]),
+  );
+}
+
+// The contrast ratio of an element's text against the background it is drawn on.
+function contrastOf(selector) {
+  return page.$eval(selector, (element) => {
+    const rgb = (text) => text.match(/[\d.]+/g).slice(0, 4).map(Number);
+    const luminance = ([r, g, b]) => {
+      const channel = (v) => ((v /= 255) <= 0.03928 ? v / 12.92 : ((v + 0.055) / 1.055) ** 2.4);
+      return 0.2126 * channel(r) + 0.7152 * channel(g) + 0.0722 * channel(b);
+    };
+    // The background as drawn: each translucent layer over the ones below it.
+    const layers = [];
+    for (let at = element; at; at = at.parentElement) layers.push(rgb(getComputedStyle(at).backgroundColor));
+    let drawn = [255, 255, 255];
+    for (const [r, g, b, a = 1] of layers.reverse()) drawn = [r * a + drawn[0] * (1 - a), g * a + drawn[1] * (1 - a), b * a + drawn[2] * (1 - a)];
+    const text = luminance(rgb(getComputedStyle(element).color));
+    const back = luminance(drawn);
+    return (Math.max(text, back) + 0.05) / (Math.min(text, back) + 0.05);
+  });
+}
+
+test('a long diff on a phone: line numbers stay with their lines, long lines wrap, dark mode reads', async () => {
+  // 120 lines, the sixth of them 360 characters long.
+  world.fakeFile(
+    'codex.script',
+    "{ for i in {1..5}; do print \"line $i\"; done; printf 'a long line %.0s' {1..30}; print; for i in {7..120}; do print \"line $i\"; done } > long.txt\n",
+  );
+  world.fakeFile('codex.stream', codexStream(['I wrote long.txt.'], 'th-long'));
+  await propose('Write a long file');
+  await byText('.change-detail .actions button', 'Reject');
+  try {
+    await waitText('.change-detail .diff-file-name', 'long.txt');
+    await longDiffChecks();
+  } finally {
+    await click('.change-detail .actions button', 'Reject');
+    await waitIncludes('.change-detail .error', 'changes rejected by client approval');
+  }
+});
+
+async function longDiffChecks() {
+  await page.waitForSelector('.change-detail .diff-body .d2h-ins');
+  // Unified, and nothing to scroll sideways: the long line wraps.
+  assert.equal(await page.$('.change-detail .d2h-file-side-diff'), null);
+  assert.ok(await page.$eval('.change-detail .diff-body', (body) => body.scrollWidth <= body.clientWidth));
+  const before = await gutters();
+  // The hunk's header and its 120 lines.
+  assert.equal(before.length, 121);
+  assert.deepEqual(before.filter(([gutter, line]) => Math.abs(gutter - line) > 1), []);
+  // Scrolled, every number is still beside its line.
+  await page.evaluate(() => document.querySelector('.change-detail .diff-body').scrollIntoView({ block: 'end' }));
+  await pageSettled(page);
+  const after = await gutters();
+  assert.notDeepEqual(after, before);
+  assert.deepEqual(after.filter(([gutter, line]) => Math.abs(gutter - line) > 1), []);
+  // An added line is readable, in light and in dark mode.
+  assert.ok((await contrastOf('.change-detail .d2h-ins .d2h-code-line-ctn')) >= 4.5);
+  await page.emulateMediaFeatures([{ name: 'prefers-color-scheme', value: 'dark' }]);
+  try {
+    await pageSettled(page);
+    assert.ok((await contrastOf('.change-detail .d2h-ins .d2h-code-line-ctn')) >= 4.5);
+    await shoot('diff-dark');
+  } finally {
+    await page.emulateMediaFeatures([{ name: 'prefers-color-scheme', value: 'light' }]);
+  }
+}
 
 test('Reject leaves the project as it was', async () => {
   world.fakeFile('codex.script', 'print ciao > greeting.txt\n');

@@ -1,5 +1,6 @@
 import 'diff2html/bundles/css/diff2html.min.css';
 import { html, parse } from 'diff2html';
+import { ColorSchemeType } from 'diff2html/lib-esm/types';
 import { useEffect, useMemo, useState } from 'preact/hooks';
 import { sanitizeDiff } from '../lib/sanitize';
 import { fileCount } from './names';
@@ -18,7 +19,7 @@ function useWide(): boolean {
 }
 
 // A proposal's unified diff as a review: the files, each of them foldable, side by side
-// on wide screens and unified on phones. The diff comes from the agent and may name files
+// on wide screens and unified on phones, where long lines wrap. The diff comes from the agent and may name files
 // anything: diff2html escapes what it prints, and the sanitiser checks the result.
 export default function ProposalReview({ diff }: { diff: string }) {
   const wide = useWide();
@@ -26,7 +27,15 @@ export default function ProposalReview({ diff }: { diff: string }) {
   const rendered = useMemo(
     () =>
       files.map((file) =>
-        sanitizeDiff(html([file], { outputFormat: wide ? 'side-by-side' : 'line-by-line', drawFileList: false, matching: 'lines' })),
+        sanitizeDiff(
+          html([file], {
+            outputFormat: wide ? 'side-by-side' : 'line-by-line',
+            drawFileList: false,
+            matching: 'lines',
+            // Its own dark colours follow the system's, as the page's do.
+            colorScheme: ColorSchemeType.AUTO,
+          }),
+        ),
       ),
     [files, wide],
   );
