@@ -2,6 +2,7 @@
 
 #include "base/process_reaper.h"
 #include "config/runtime_defaults.h"
+#include "protocol/shared_token.h"
 
 #include <QFileInfo>
 #include <QProcess>
@@ -114,6 +115,14 @@ int LocalServerRuntime::start(int port, const QString& token, Status status, con
 {
     stop();
     const int chosen = resolveAvailablePort(port);
+    // The server would refuse it and exit at once: say why here instead.
+    const qsizetype characters = token.toUcs4().size();
+    if (characters < kMinimumTokenLength) {
+        status(QStringLiteral("Not started: the shared token is too short (%1 characters); use at least %2")
+                   .arg(characters)
+                   .arg(kMinimumTokenLength));
+        return chosen;
+    }
     const std::optional<QString> binary = resolveServerBinaryPath();
     if (!binary) {
         status(QStringLiteral("Bundled server not found"));
