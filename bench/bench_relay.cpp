@@ -49,6 +49,8 @@ namespace {
 QElapsedTimer g_clock;
 // Where brinmoor-server and BrinmoorMacAgent are.
 QString g_bin;
+// The shared token of every run.
+constexpr char kToken[] = "bench-token-9d2f6a1c7e4b3058";
 
 // The certificate the TLS runs use, and what the peers trust; none for plain runs.
 struct Tls {
@@ -234,7 +236,7 @@ struct Server {
     bool start(const Tls* tls = nullptr, const QStringList& settings = {})
     {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("BRINMOOR_SHARED_TOKEN"), QStringLiteral("bench"));
+        env.insert(QStringLiteral("BRINMOOR_SHARED_TOKEN"), QString::fromLatin1(kToken));
         env.insert(QStringLiteral("BRINMOOR_SERVER_PORT"), QStringLiteral("0"));
         env.insert(QStringLiteral("BRINMOOR_SERVER_BIND"), QStringLiteral("127.0.0.1"));
         if (tls) {
@@ -331,7 +333,8 @@ void flood(int connections)
         ++asked;
         QObject::connect(user.get(), &QTcpSocket::readyRead, user.get(), [&] { userAnswer += user->readAll(); });
         user->connectToHost(QHostAddress::LocalHost, server.port);
-        user->write("GET /v1/agents HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: Bearer bench\r\n\r\n");
+        user->write(QByteArray("GET /v1/agents HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: Bearer ") + kToken +
+                    "\r\n\r\n");
     };
     ask();
     const auto floodOver = [&] {
@@ -375,8 +378,8 @@ struct RelayPeers {
             return false;
         agent = std::make_unique<Peer>(connectTo(server.port, tls));
         client = std::make_unique<Peer>(connectTo(server.port, tls));
-        agent->handshake("/v1/ws/agent?agentId=bench", "bench");
-        client->handshake("/v1/ws/client", "bench");
+        agent->handshake("/v1/ws/agent?agentId=bench", kToken);
+        client->handshake("/v1/ws/client", kToken);
         client->onText = [this](QByteArrayView text) { received.take(text); };
         runUntil([&] { return agent->upgraded() && client->upgraded(); });
         return true;
@@ -456,7 +459,7 @@ void resume(qint64 lines)
         return;
     Peer agent(new QTcpSocket);
     agent.socket->connectToHost(QHostAddress::LocalHost, server.port);
-    agent.handshake("/v1/ws/agent?agentId=bench", "bench");
+    agent.handshake("/v1/ws/agent?agentId=bench", kToken);
     qint64 acked = 0;
     agent.onText = [&](QByteArrayView text) {
         const QJsonObject message = QJsonDocument::fromJson(text.toByteArray()).object();
@@ -484,7 +487,7 @@ void resume(qint64 lines)
     QElapsedTimer elapsed;
     elapsed.start();
     client.socket->connectToHost(QHostAddress::LocalHost, server.port);
-    client.handshake("/v1/ws/client?since=%7B%22bench%22%3A0%7D", "bench");
+    client.handshake("/v1/ws/client?since=%7B%22bench%22%3A0%7D", kToken);
     runUntil([&] { return received.count >= lines; });
     const double seconds = double(elapsed.nsecsElapsed()) / 1e9;
     std::printf("resume: a client that comes back is given %lld logged lines in %.2f s = %.0f lines/s; server peak "
@@ -506,7 +509,7 @@ void followYes(int seconds)
         zshrc.open(QIODevice::WriteOnly);
         zshrc.write("PS1='> '\n");
     }
-    relay::PacedTerminalReader reader(server.port, "bench", QStringLiteral("bench-agent"), QStringLiteral("yes"),
+    relay::PacedTerminalReader reader(server.port, kToken, QStringLiteral("bench-agent"), QStringLiteral("yes"),
                                       1'000'000);
     runUntil([&] { return reader.isUpgraded(); });
     QProcess agent;
@@ -514,7 +517,7 @@ void followYes(int seconds)
     env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.path());
     env.insert(QStringLiteral("ZDOTDIR"), home.path());
     env.insert(QStringLiteral("BRINMOOR_SERVER_URL"), QStringLiteral("http://127.0.0.1:%1").arg(server.port));
-    env.insert(QStringLiteral("BRINMOOR_SHARED_TOKEN"), QStringLiteral("bench"));
+    env.insert(QStringLiteral("BRINMOOR_SHARED_TOKEN"), QString::fromLatin1(kToken));
     env.insert(QStringLiteral("BRINMOOR_AGENT_ID"), QStringLiteral("bench-agent"));
     env.insert(QStringLiteral("BRINMOOR_REPO_ROOT"), home.path());
     agent.setProcessEnvironment(env);

@@ -125,6 +125,7 @@ QByteArrayView statusReason(int status)
     case 408: return "Request Timeout";
     case 411: return "Length Required";
     case 413: return "Content Too Large";
+    case 421: return "Misdirected Request";
     case 426: return "Upgrade Required";
     case 429: return "Too Many Requests";
     case 431: return "Request Header Fields Too Large";

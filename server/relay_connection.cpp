@@ -84,6 +84,8 @@ void RelayConnection::onDeadline()
         respond(jsonResponse(408, "{\"error\":\"request head not received in time\"}"));
     } else if (m_state == State::Body) {
         respond(jsonResponse(408, "{\"error\":\"request body not received in time\"}"));
+    } else if (m_state == State::Waiting) {
+        m_handler.waitExpired(*this);
     } else {
         finish();
     }
@@ -92,6 +94,11 @@ void RelayConnection::onDeadline()
 QHostAddress RelayConnection::peerAddress() const
 {
     return m_socket->peerAddress();
+}
+
+QHostAddress RelayConnection::localAddress() const
+{
+    return m_socket->localAddress();
 }
 
 bool RelayConnection::isEncrypted() const
@@ -164,6 +171,10 @@ void RelayConnection::onReadyRead()
         if (!m_plainOnTlsPort)
             return;
     }
+    // A waiting request's body, or what follows its upgrade, stays with the socket (at
+    // most one head's worth; the kernel holds the rest) until it is taken up again.
+    if (m_state == State::Waiting)
+        return;
     const qint64 available = m_socket->bytesAvailable();
     if (available <= 0)
         return;
@@ -221,12 +232,44 @@ void RelayConnection::readRequest()
     }
     m_buffer.remove(0, request.headSize);
     m_bodySize = bodySize;
+    m_request = request;
     m_state = State::Held;
     m_handler.requestReceived(*this, request);
-    if (m_state == State::Body) {
-        m_request = request;
+    if (m_state == State::Body)
         readBodyBytes();
-    }
+}
+
+void RelayConnection::wait(int timeoutMs)
+{
+    if (m_state != State::Held)
+        return;
+    m_state = State::Waiting;
+    // The socket stops reading too: what the peer sends meanwhile (a body it was not
+    // asked for yet) stays in the kernel, which holds the sender back.
+    m_socket->setReadBufferSize(1);
+    m_deadline.start(timeoutMs);
+}
+
+void RelayConnection::resume()
+{
+    if (m_state != State::Waiting)
+        return;
+    m_state = State::Held;
+    m_socket->setReadBufferSize(m_limits.maxHeadSize);
+    m_deadline.start(m_limits.headTimeoutMs);
+    QMetaObject::invokeMethod(this, &RelayConnection::continueReading, Qt::QueuedConnection);
+}
+
+void RelayConnection::continueReading()
+{
+    if (m_state != State::Body && m_state != State::Open)
+        return;
+    if (m_socket->bytesAvailable() > 0)
+        onReadyRead();
+    else if (m_state == State::Body)
+        readBodyBytes();
+    else
+        readFrames();
 }
 
 void RelayConnection::readBody()
@@ -425,7 +468,7 @@ void RelayConnection::respond(const QByteArray& response)
 
 void RelayConnection::respond(const QByteArray& head, const QByteArray& body)
 {
-    if (m_state != State::Request && m_state != State::Body && m_state != State::Held)
+    if (m_state != State::Request && m_state != State::Body && m_state != State::Held && m_state != State::Waiting)
         return;
     m_state = State::Closing;
     m_socket->write(withTransportSecurity(head));

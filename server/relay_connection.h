@@ -22,10 +22,12 @@ struct RelayLimits {
     qsizetype maxMessageSize = 16 * 1024 * 1024; // one WebSocket message or request body
     qsizetype maxBacklog = 8 * 1024 * 1024;      // what one peer may have waiting before it is dropped
     qsizetype maxHeadSize = 16 * 1024;           // also all that is read before the token is shown
-    int headTimeoutMs = 10'000;
-    int maxConnections = 8192; // all of them; lowered to fit the open-file limit
-    int maxUnauthenticated = 256;
-    int maxUnauthenticatedPerAddress = 32;
+    int headTimeoutMs = 10'000;                  // also the longest a request waits for its turn
+    int maxConnections = 8192;                   // all of them; lowered to fit the open-file limit
+    // Connections other than the agents' WebSockets (requests not read yet among them),
+    // in all and from one address.
+    int maxClients = 4096;
+    int maxClientsPerAddress = 1024;
 };
 
 class RelayConnection;
@@ -48,6 +50,9 @@ public:
         Q_UNUSED(connection);
         Q_UNUSED(payload);
     }
+    // A request held with RelayConnection::wait() was not resumed in time; the handler
+    // answers it.
+    virtual void waitExpired(RelayConnection& connection) = 0;
     // Called once when the connection is closing or gone; only connectionReleased follows.
     virtual void connectionClosed(RelayConnection& connection) = 0;
     // The socket is let go; the connection is deleted soon after.
@@ -75,10 +80,15 @@ public:
     void setAddress(const QString& address) { m_address = address; }
     // The other end of the socket: the client, or a proxy in front of it.
     QHostAddress peerAddress() const;
+    // This end of the socket: the address of the relay's the peer reached.
+    QHostAddress localAddress() const;
     Role role() const { return m_role; }
     bool isOpen() const { return m_state == State::Open; }
-    // Still reading a request's head or body.
-    bool isReadingRequest() const { return m_state == State::Request || m_state == State::Body; }
+    // Still reading a request's head or body, or holding its head until its turn.
+    bool isReadingRequest() const
+    {
+        return m_state == State::Request || m_state == State::Body || m_state == State::Waiting;
+    }
     // The peer finished a TLS handshake: what it sends and receives is encrypted.
     bool isEncrypted() const;
 
@@ -87,6 +97,14 @@ public:
     // The same with a body that goes out a little at a time, as the peer takes it, and is
     // never copied whole (a file of the web client, shared by every reader of it).
     void respond(const QByteArray& head, const QByteArray& body);
+
+    // Holds a request whose head was read (from requestReceived) for at most
+    // `timeoutMs`: nothing more is read from the peer meanwhile. The handler takes it up
+    // again with resume(), or hears waitExpired() when the time is up.
+    void wait(int timeoutMs);
+    // Takes a waiting request up again; the handler answers, upgrades or reads its body
+    // as it would have in requestReceived, with the head's time to do so.
+    void resume();
     // Reads the body of a request whose sender has shown the token.
     void readBody();
     // Completes the WebSocket handshake; later messages go to messageReceived.
@@ -117,7 +135,7 @@ public:
     const QByteArray& closeReason() const { return m_closeReason; }
 
 private:
-    enum class State { Request, Body, Held, Open, Closing, Closed };
+    enum class State { Request, Body, Held, Waiting, Open, Closing, Closed };
 
     void onReadyRead();
     // With TLS, the first byte tells a handshake from a plain request.
@@ -132,6 +150,8 @@ private:
     QByteArray withTransportSecurity(QByteArray head) const;
     void onBytesWritten();
     void readRequest();
+    // After a wait: reads what the peer sent meanwhile, as the state now wants it.
+    void continueReading();
     void readBodyBytes();
     void readFrames();
     void drainQueue();
@@ -150,7 +170,7 @@ private:
     State m_state = State::Request;
     QByteArray m_buffer;
     qsizetype m_offset = 0;
-    HttpRequest m_request;    // while its body is read
+    HttpRequest m_request;    // the head read, for its body
     qsizetype m_bodySize = 0; // announced by Content-Length
     qint64 m_discarded = 0;   // read and dropped while closing
     ws::FrameReader m_reader;

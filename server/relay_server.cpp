@@ -11,6 +11,7 @@
 #include <QTcpSocket>
 #include <QUuid>
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -131,11 +132,15 @@ QByteArray error(int status, const QString& text, QByteArrayView extraHeaders = 
 } // namespace
 
 RelayServer::RelayServer(RelayConfig config, QObject* parent)
-    : QObject(parent), m_config(std::move(config)), m_listener(new RelayListener(this)), m_auth(m_config.token),
-      m_origins(m_config.allowedOrigins), m_permissions(m_config.approvalTimeoutMs),
-      m_terminalFlow(m_config.maxPacedSessions)
+    : QObject(parent), m_config(std::move(config)), m_listener(new RelayListener(this)),
+      m_auth(m_config.token, m_config.guesses), m_origins(m_config.allowedOrigins), m_hosts(m_config.allowedHosts),
+      m_permissions(m_config.approvalTimeoutMs), m_terminalFlow(m_config.maxPacedSessions)
 {
     m_clock.start();
+    m_turnTimer.setSingleShot(true);
+    // A turn comes at its millisecond, not some time around it.
+    m_turnTimer.setTimerType(Qt::PreciseTimer);
+    connect(&m_turnTimer, &QTimer::timeout, this, &RelayServer::takeTurns);
     m_listener->setTlsConfiguration(m_config.tls);
     m_listener->setListenBacklogSize(kListenBacklog);
     connect(m_listener, &QTcpServer::newConnection, this, [this] {
@@ -236,29 +241,25 @@ void RelayServer::reportStoppedWhenEmpty()
 void RelayServer::admit(QTcpSocket* socket)
 {
     auto* connection = new RelayConnection(socket, m_config.limits, *this, this);
-    const QString& address = connection->address();
+    const QString address = connection->address();
     m_connections.insert(connection);
-    m_unauthenticated.add(connection, address);
+    m_unjudged.add(connection, address);
+    // Until it is an agent's WebSocket it counts as a client's: an agent that comes while
+    // clients are at their cap may be refused, but never is the one let go.
+    m_clientConnections.add(connection, address);
     const RelayLimits& limits = m_config.limits;
-    // A trusted proxy carries many clients: the cap per address is not for it (it reads
-    // whole request heads before it passes them on); the cap on all still is.
-    if (m_unauthenticated.countFrom(address) > limits.maxUnauthenticatedPerAddress &&
-        !m_config.trustedProxies.contains(connection->peerAddress())) {
-        dropOldestUnauthenticated(*connection, address,
-                                  QStringLiteral("more than %1 connections without a token from this address")
-                                      .arg(limits.maxUnauthenticatedPerAddress));
-    }
-    if (m_unauthenticated.size() > limits.maxUnauthenticated) {
-        dropOldestUnauthenticated(
-            *connection, {}, QStringLiteral("more than %1 connections without a token").arg(limits.maxUnauthenticated));
-    }
-    if (m_connections.size() > limits.maxConnections) {
-        const QString reason = QStringLiteral("more than %1 connections").arg(limits.maxConnections);
-        if (!dropOldestUnauthenticated(*connection, {}, reason)) {
-            logEvent("connection.refused", {{"address", address}, {"reason", reason}});
-            connection->abort();
-        }
-    }
+    // A trusted proxy carries many clients: the cap per address is not for it; the
+    // others are.
+    if (m_clientConnections.countFrom(address) > limits.maxClientsPerAddress &&
+        !m_config.trustedProxies.contains(connection->peerAddress()) &&
+        !makeRoom(*connection, address,
+                  QStringLiteral("more than %1 client connections from this address").arg(limits.maxClientsPerAddress)))
+        return;
+    if (m_clientConnections.size() > limits.maxClients &&
+        !makeRoom(*connection, {}, QStringLiteral("more than %1 client connections").arg(limits.maxClients)))
+        return;
+    if (m_connections.size() > limits.maxConnections)
+        makeRoom(*connection, {}, QStringLiteral("more than %1 connections").arg(limits.maxConnections));
 }
 
 void RelayServer::takeForwardedAddress(RelayConnection& connection, const HttpRequest& request)
@@ -269,12 +270,14 @@ void RelayServer::takeForwardedAddress(RelayConnection& connection, const HttpRe
         m_config.trustedProxies.clientAddress(connection.peerAddress(), request.headerValues("x-forwarded-for")));
 }
 
-bool RelayServer::dropOldestUnauthenticated(const RelayConnection& newcomer, const QString& address,
-                                            const QString& reason)
+bool RelayServer::makeRoom(RelayConnection& newcomer, const QString& address, const QString& reason)
 {
-    RelayConnection* oldest = m_unauthenticated.oldest(&newcomer, address);
-    if (!oldest)
+    RelayConnection* oldest = m_unjudged.oldest(&newcomer, address);
+    if (!oldest) {
+        logEvent("connection.refused", {{"address", newcomer.address()}, {"reason", reason}});
+        newcomer.abort();
         return false;
+    }
     logEvent("connection.dropped", {{"address", oldest->address()}, {"reason", reason}});
     oldest->abort();
     return true;
@@ -283,6 +286,8 @@ bool RelayServer::dropOldestUnauthenticated(const RelayConnection& newcomer, con
 void RelayServer::requestReceived(RelayConnection& connection, const HttpRequest& request)
 {
     takeForwardedAddress(connection, request);
+    if (!hostServed(connection, request))
+        return;
     const QByteArray& path = request.path;
     if (path != "/v1" && !path.startsWith("/v1/")) {
         const StaticFiles::Response file = StaticFiles::response(request);
@@ -310,10 +315,26 @@ void RelayServer::requestReceived(RelayConnection& connection, const HttpRequest
         connection.respond(error(405, QStringLiteral("method not allowed"), QByteArray("Allow: " + method + "\r\n")));
         return;
     }
+    // The token is judged now, or, from an address that failed recently, in its turn;
+    // meanwhile the request waits, read but not judged.
+    const QString key = AuthGuard::keyOf(connection.address());
+    if (m_turns.hasLine(key) || !m_auth.mayJudge(key, m_clock.elapsed())) {
+        m_turns.add(key, &connection, request);
+        connection.wait(m_config.limits.headTimeoutMs);
+        if (!m_takingTurns)
+            scheduleTurns();
+        return;
+    }
+    judge(connection, request);
+}
+
+void RelayServer::judge(RelayConnection& connection, const HttpRequest& request)
+{
     QByteArray subprotocol;
     if (!authorize(connection, request, &subprotocol))
         return;
-    m_unauthenticated.remove(&connection);
+    m_unjudged.remove(&connection);
+    const QByteArray& path = request.path;
 
     if (path == "/v1/agents") {
         connection.respond(jsonResponse(200, RelayMessages::agentList(agentRecords())));
@@ -340,9 +361,58 @@ void RelayServer::requestReceived(RelayConnection& connection, const HttpRequest
         acceptClient(connection, request, subprotocol);
 }
 
+void RelayServer::takeTurns()
+{
+    if (m_takingTurns)
+        return;
+    m_takingTurns = true;
+    // A right token moves no turn: the requests behind it are judged at once.
+    while (std::optional<WaitingTurns::Waiting> next = m_turns.takeNext(m_auth, m_clock.elapsed())) {
+        next->connection->resume();
+        judge(*next->connection, next->request);
+    }
+    m_takingTurns = false;
+    scheduleTurns();
+}
+
+void RelayServer::scheduleTurns()
+{
+    const qint64 now = m_clock.elapsed();
+    const qint64 turn = m_turns.nextTurn(m_auth, now);
+    if (turn < 0)
+        m_turnTimer.stop();
+    else
+        m_turnTimer.start(int(std::clamp<qint64>(turn - now, 0, m_config.limits.headTimeoutMs)));
+}
+
+void RelayServer::waitExpired(RelayConnection& connection)
+{
+    const std::optional<WaitingTurns::Waiting> waiting = m_turns.remove(&connection);
+    logEvent("auth.refused",
+             {{"address", connection.address()},
+              {"path", waiting ? QString::fromUtf8(waiting->request.path) : QString()},
+              {"reason", QStringLiteral("no turn within %1 s").arg(m_config.limits.headTimeoutMs / 1000)}});
+    connection.respond(error(429, QStringLiteral("too many failed attempts; try again later"), "Retry-After: 1\r\n"));
+}
+
 void RelayServer::bodyReceived(RelayConnection& connection, const HttpRequest&, const QByteArray& body)
 {
     receiveApproval(connection, body);
+}
+
+bool RelayServer::hostServed(RelayConnection& connection, const HttpRequest& request)
+{
+    // A browser always names the host it resolved; a program that leaves Host out
+    // (HTTP/1.0) names nothing that could have been pointed here.
+    const QList<QByteArray> hosts = request.headerValues("host");
+    if (hosts.isEmpty() ||
+        (hosts.size() == 1 && m_hosts.serves(hosts.first(), connection.localAddress(), m_clock.elapsed())))
+        return true;
+    logEvent("host.refused", {{"address", connection.address()},
+                              {"path", QString::fromUtf8(request.path)},
+                              {"host", QString::fromUtf8(hosts.join(", "))}});
+    connection.respond(error(421, QStringLiteral("host not allowed: add it to BRINMOOR_ALLOWED_HOSTS")));
+    return false;
 }
 
 bool RelayServer::originAllowed(RelayConnection& connection, const HttpRequest& request)
@@ -381,25 +451,29 @@ bool RelayServer::authorize(RelayConnection& connection, const HttpRequest& requ
         if (subprotocol->isEmpty())
             *subprotocol = bearerOffer;
     }
-    // The right token is always served; only wrong ones are held back.
+    // The right token is always served, even to a blocked address; only wrong ones are
+    // held back.
     if (granted)
         return true;
     const QString& address = connection.address();
+    const QString key = AuthGuard::keyOf(address);
     const QString path = QString::fromUtf8(request.path);
     const qint64 now = m_clock.elapsed();
-    if (m_auth.isBlocked(address, now)) {
-        logEvent("auth.refused",
-                 {{"address", address}, {"path", path}, {"reason", QStringLiteral("too many failed attempts")}});
-        connection.respond(error(429, QStringLiteral("too many failed attempts; try again later"),
-                                 QByteArray("Retry-After: " + QByteArray::number(m_auth.blockMs() / 1000) + "\r\n")));
-        return false;
+    const bool blocked = m_auth.isBlocked(key, now);
+    const QString reason = blocked     ? QStringLiteral("too many failed attempts")
+                           : presented ? QStringLiteral("wrong token")
+                                       : QStringLiteral("no token");
+    logEvent("auth.refused", {{"address", address}, {"path", path}, {"reason", reason}});
+    // Every failure moves the address's turn, a blocked one's too.
+    if (m_auth.recordFailure(key, now))
+        logEvent("auth.blocked", {{"address", address}, {"seconds", QString::number(m_auth.limits().blockMs / 1000)}});
+    if (blocked) {
+        connection.respond(
+            error(429, QStringLiteral("too many failed attempts; try again later"),
+                  QByteArray("Retry-After: " + QByteArray::number(m_auth.limits().blockMs / 1000) + "\r\n")));
+    } else {
+        connection.respond(error(401, QStringLiteral("unauthorized"), "WWW-Authenticate: Bearer\r\n"));
     }
-    logEvent("auth.refused", {{"address", address},
-                              {"path", path},
-                              {"reason", presented ? QStringLiteral("wrong token") : QStringLiteral("no token")}});
-    if (m_auth.recordFailure(address, now))
-        logEvent("auth.blocked", {{"address", address}, {"seconds", QString::number(m_auth.blockMs() / 1000)}});
-    connection.respond(error(401, QStringLiteral("unauthorized"), "WWW-Authenticate: Bearer\r\n"));
     return false;
 }
 
@@ -419,6 +493,8 @@ void RelayServer::acceptAgent(RelayConnection& connection, const HttpRequest& re
         logEvent("agent.replaced", {{"agentId", agentId}});
         old->close(kReplacedCloseCode, "replaced by a newer connection");
     }
+    // An agent's WebSocket is no client's: no cap on clients ever lets it go.
+    m_clientConnections.remove(&connection);
     Agent agent;
     agent.agentId = agentId;
     agent.connection = &connection;
@@ -1143,7 +1219,11 @@ void RelayServer::decidePermission(RelayConnection& client, const QJsonObject& m
 void RelayServer::connectionClosed(RelayConnection& connection)
 {
     switch (connection.role()) {
-    case RelayConnection::Role::Http: m_permissions.withdraw(&connection); break;
+    case RelayConnection::Role::Http:
+        m_turns.remove(&connection);
+        m_unjudged.remove(&connection);
+        m_permissions.withdraw(&connection);
+        break;
     case RelayConnection::Role::Agent: {
         const auto id = m_agentIds.find(&connection);
         if (id == m_agentIds.end())
@@ -1179,7 +1259,9 @@ void RelayServer::connectionClosed(RelayConnection& connection)
 
 void RelayServer::connectionReleased(RelayConnection& connection)
 {
-    m_unauthenticated.remove(&connection);
+    m_turns.remove(&connection);
+    m_unjudged.remove(&connection);
+    m_clientConnections.remove(&connection);
     m_connections.remove(&connection);
     reportStoppedWhenEmpty();
 }

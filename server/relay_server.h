@@ -2,16 +2,18 @@
 
 #include "agent_snapshot.h"
 #include "auth_guard.h"
+#include "connections_by_address.h"
 #include "event_log.h"
 #include "origin_policy.h"
 #include "permission_requests.h"
 #include "relay_connection.h"
 #include "relay_messages.h"
 #include "resume_cursors.h"
+#include "served_hosts.h"
 #include "terminal_flow.h"
 #include "tls_context.h"
 #include "trusted_proxies.h"
-#include "unauthenticated_connections.h"
+#include "waiting_turns.h"
 
 #include <QElapsedTimer>
 #include <QHash>
@@ -38,6 +40,9 @@ struct RelayConfig {
     int maxPacedSessions = 64; // terminal sessions one client may pace
     int approvalTimeoutMs = 600'000;
     QStringList allowedOrigins; // besides the relay's own, normalized (the public URL's is one)
+    QStringList allowedHosts;   // names and addresses Host may give besides the relay's own, normalized
+                                // (the public URL's host is one)
+    GuessLimits guesses;
     EventLogLimits eventLog;
     TrustedProxies trustedProxies;
     TlsFiles tlsFiles;                    // read again on reload
@@ -101,14 +106,23 @@ private:
     void pongReceived(RelayConnection& connection, QByteArrayView payload) override;
     void connectionClosed(RelayConnection& connection) override;
     void connectionReleased(RelayConnection& connection) override;
+    void waitExpired(RelayConnection& connection) override;
 
     void admit(QTcpSocket* socket);
     // Behind a trusted proxy, the client it names is the one counted and logged.
     void takeForwardedAddress(RelayConnection& connection, const HttpRequest& request);
     void reportStoppedWhenEmpty();
-    // Lets go of the oldest connection without a token when there are too many.
-    bool dropOldestUnauthenticated(const RelayConnection& newcomer, const QString& address, const QString& reason);
+    // When there are too many connections, lets go of the oldest one whose request has
+    // not been judged (from that address, when given), or else of the new one; false
+    // when that was the new one.
+    bool makeRoom(RelayConnection& newcomer, const QString& address, const QString& reason);
+    bool hostServed(RelayConnection& connection, const HttpRequest& request);
     bool originAllowed(RelayConnection& connection, const HttpRequest& request);
+    // Checks the token and serves the request.
+    void judge(RelayConnection& connection, const HttpRequest& request);
+    // Judges the waiting requests whose turn has come.
+    void takeTurns();
+    void scheduleTurns();
     bool authorize(RelayConnection& connection, const HttpRequest& request, QByteArray* subprotocol);
     void acceptAgent(RelayConnection& connection, const HttpRequest& request);
     void acceptClient(RelayConnection& connection, const HttpRequest& request, const QByteArray& subprotocol);
@@ -164,8 +178,13 @@ private:
     RelayListener* m_listener;
     AuthGuard m_auth;
     OriginPolicy m_origins;
+    ServedHosts m_hosts;
     QSet<RelayConnection*> m_connections;
-    UnauthenticatedConnections m_unauthenticated;
+    ConnectionsByAddress m_unjudged;          // not answered, and not shown the token
+    ConnectionsByAddress m_clientConnections; // all but the agents' WebSockets, by the peer's address
+    WaitingTurns m_turns;
+    QTimer m_turnTimer;
+    bool m_takingTurns = false;
     bool m_stopping = false;
     bool m_stopped = false;
     PermissionRequests m_permissions;

@@ -1,10 +1,17 @@
 #include "server_config.h"
 
 #include "origin_policy.h"
+#include "protocol/shared_token.h"
+#include "served_hosts.h"
+
+#include <QUrl>
 
 namespace brinmoor::relay {
 
 namespace {
+
+// Beyond this a count of connections is no setting but a slip.
+constexpr qint64 kMostConnections = 1'000'000;
 
 // A positive whole number from the environment, or the default when unset.
 std::optional<qint64> positive(const QProcessEnvironment& env, const QString& name, qint64 fallback)
@@ -24,9 +31,16 @@ std::optional<qint64> positive(const QProcessEnvironment& env, const QString& na
 std::variant<RelayConfig, QString> configFromEnvironment(const QProcessEnvironment& env)
 {
     RelayConfig config;
-    config.token = env.value(QStringLiteral("BRINMOOR_SHARED_TOKEN")).toUtf8();
-    if (config.token.isEmpty())
+    const QString token = env.value(QStringLiteral("BRINMOOR_SHARED_TOKEN"));
+    if (token.isEmpty())
         return QStringLiteral("brinmoor-server: BRINMOOR_SHARED_TOKEN is not set; refusing to start without a token");
+    const qsizetype characters = token.toUcs4().size();
+    if (characters < kMinimumTokenLength)
+        return QStringLiteral("brinmoor-server: BRINMOOR_SHARED_TOKEN is too short (%1 characters); use at least %2, "
+                              "for example 32 hexadecimal digits")
+            .arg(characters)
+            .arg(kMinimumTokenLength);
+    config.token = token.toUtf8();
 
     const QString portText = env.value(QStringLiteral("BRINMOOR_SERVER_PORT")).trimmed();
     if (!portText.isEmpty()) {
@@ -65,6 +79,21 @@ std::variant<RelayConfig, QString> configFromEnvironment(const QProcessEnvironme
         return QStringLiteral("brinmoor-server: BRINMOOR_CLIENT_PACED_SESSIONS is not a number of sessions: ") +
                env.value(QStringLiteral("BRINMOOR_CLIENT_PACED_SESSIONS"));
     config.maxPacedSessions = int(*pacedSessions);
+
+    const std::optional<qint64> clients =
+        positive(env, QStringLiteral("BRINMOOR_CLIENT_CONNECTIONS"), config.limits.maxClients);
+    if (!clients || *clients > kMostConnections)
+        return QStringLiteral("brinmoor-server: BRINMOOR_CLIENT_CONNECTIONS is not a number of connections: ") +
+               env.value(QStringLiteral("BRINMOOR_CLIENT_CONNECTIONS"));
+    config.limits.maxClients = int(*clients);
+
+    const std::optional<qint64> perAddress =
+        positive(env, QStringLiteral("BRINMOOR_CLIENT_CONNECTIONS_PER_ADDRESS"), config.limits.maxClientsPerAddress);
+    if (!perAddress || *perAddress > kMostConnections)
+        return QStringLiteral(
+                   "brinmoor-server: BRINMOOR_CLIENT_CONNECTIONS_PER_ADDRESS is not a number of connections: ") +
+               env.value(QStringLiteral("BRINMOOR_CLIENT_CONNECTIONS_PER_ADDRESS"));
+    config.limits.maxClientsPerAddress = int(*perAddress);
 
     const std::optional<qint64> logBytes =
         positive(env, QStringLiteral("BRINMOOR_EVENT_LOG_BYTES"), config.eventLog.maxBytes);
@@ -106,6 +135,19 @@ std::variant<RelayConfig, QString> configFromEnvironment(const QProcessEnvironme
             return QStringLiteral("brinmoor-server: BRINMOOR_PUBLIC_URL is not an http or https URL without a path: ") +
                    publicURL;
         config.allowedOrigins.append(*origin);
+        // The name phones use is one the relay answers to.
+        if (const std::optional<QString> host = ServedHosts::normalizedEntry(QUrl(publicURL).host(QUrl::FullyEncoded)))
+            config.allowedHosts.append(*host);
+    }
+
+    const QString hosts = env.value(QStringLiteral("BRINMOOR_ALLOWED_HOSTS"));
+    for (const QString& entry : hosts.split(QLatin1Char(','), Qt::SkipEmptyParts)) {
+        const std::optional<QString> host = ServedHosts::normalizedEntry(entry.trimmed());
+        if (!host)
+            return QStringLiteral("brinmoor-server: BRINMOOR_ALLOWED_HOSTS has an entry that is not a host name or IP "
+                                  "address: ") +
+                   entry.trimmed();
+        config.allowedHosts.append(*host);
     }
 
     QString badProxy;

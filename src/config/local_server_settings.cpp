@@ -23,7 +23,8 @@ QList<QPair<QString, QString>> LocalServerSettings::serverEnvironment() const
     return {{QStringLiteral("BRINMOOR_TLS_CERT"), tlsCertificate},
             {QStringLiteral("BRINMOOR_TLS_KEY"), tlsKey},
             {QStringLiteral("BRINMOOR_PUBLIC_URL"), publicURL},
-            {QStringLiteral("BRINMOOR_TRUSTED_PROXIES"), trustedProxies}};
+            {QStringLiteral("BRINMOOR_TRUSTED_PROXIES"), trustedProxies},
+            {QStringLiteral("BRINMOOR_ALLOWED_HOSTS"), allowedHosts}};
 }
 
 LocalServerSettings LocalServerSettings::load(const SettingsStore& defaults, const Environment& env)
@@ -31,7 +32,8 @@ LocalServerSettings LocalServerSettings::load(const SettingsStore& defaults, con
     return {setting(defaults, env, "tlsCert", "BRINMOOR_TLS_CERT"),
             setting(defaults, env, "tlsKey", "BRINMOOR_TLS_KEY"),
             setting(defaults, env, "publicURL", "BRINMOOR_PUBLIC_URL"),
-            setting(defaults, env, "trustedProxies", "BRINMOOR_TRUSTED_PROXIES")};
+            setting(defaults, env, "trustedProxies", "BRINMOOR_TRUSTED_PROXIES"),
+            setting(defaults, env, "allowedHosts", "BRINMOOR_ALLOWED_HOSTS")};
 }
 
 } // namespace brinmoor

@@ -2,6 +2,7 @@
 
 #include "base/process_reaper.h"
 #include "config/runtime_defaults.h"
+#include "protocol/shared_token.h"
 
 #include <QFileInfo>
 #include <QProcess>
@@ -144,6 +145,14 @@ int LocalServerRuntime::start(int port, const QString& token, Status status, con
     const std::optional<QString> binary = resolveServerBinaryPath();
     if (!binary) {
         m_status(QStringLiteral("Bundled server not found"));
+        return m_port;
+    }
+    // The server would refuse it and exit at once: say why here instead.
+    const qsizetype characters = token.toUcs4().size();
+    if (characters < kMinimumTokenLength) {
+        m_status(QStringLiteral("Not started: the shared token is too short (%1 characters); use at least %2")
+                     .arg(characters)
+                     .arg(kMinimumTokenLength));
         return m_port;
     }
     launch(*binary);

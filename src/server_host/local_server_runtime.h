@@ -48,8 +48,9 @@ public:
     ~LocalServerRuntime() override;
 
     // Starts the server (after stopping an earlier one) and returns the port it was given,
-    // or the one asked for when nothing could be started. `server` says what it is told
-    // besides port and token (TLS, public URL, trusted proxies).
+    // or the one asked for when nothing could be started (a token shorter than the server
+    // takes is not given to it). `server` says what it is told besides port and token
+    // (TLS, public URL, trusted proxies, allowed hosts).
     int start(int port, const QString& token, Status status, const LocalServerSettings& server = {});
     // Ends the server; it is not started again.
     void stop();

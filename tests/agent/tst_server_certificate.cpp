@@ -45,7 +45,7 @@ private:
     bool startRelay(const TestCertificateAuthority::Issued& files)
     {
         m_relay = std::make_unique<RelayProcess>();
-        m_relay->token = QStringLiteral("tok");
+        m_relay->token = QStringLiteral("tok-4e1f9a7c2b6d8035e0a3c1f7");
         return m_relay->start(environment({QStringLiteral("BRINMOOR_TLS_CERT=") + files.certificate,
                                            QStringLiteral("BRINMOOR_TLS_KEY=") + files.key}));
     }
@@ -54,7 +54,7 @@ private:
     {
         m_settings.setValue(QStringLiteral("serverURL"), m_relay->url());
         m_settings.setValue(QStringLiteral("agentId"), QStringLiteral("test-agent"));
-        m_settings.setValue(QStringLiteral("token"), QStringLiteral("tok"));
+        m_settings.setValue(QStringLiteral("token"), QStringLiteral("tok-4e1f9a7c2b6d8035e0a3c1f7"));
         m_settings.setValue(QStringLiteral("repoRoot"), m_repo.path());
         Machine machine;
         machine.currentDirectory = m_repo.path();
@@ -177,7 +177,7 @@ private Q_SLOTS:
     {
         QVERIFY(startRelay(m_named));
         AgentProcess agent;
-        agent.token = QStringLiteral("tok");
+        agent.token = QStringLiteral("tok-4e1f9a7c2b6d8035e0a3c1f7");
         agent.start(m_relay->url());
         const QString url = QStringLiteral("wss://127.0.0.1:%1/v1/ws/agent?agentId=cli-agent").arg(m_relay->port);
         QVERIFY(waitUntil([&] {
@@ -192,7 +192,7 @@ private Q_SLOTS:
     {
         QVERIFY(startRelay(m_local));
         AgentProcess agent;
-        agent.token = QStringLiteral("tok");
+        agent.token = QStringLiteral("tok-4e1f9a7c2b6d8035e0a3c1f7");
         QProcessEnvironment extra;
         extra.insert(QStringLiteral("BRINMOOR_TLS_CA"), m_ca->rootCertificate());
         agent.start(m_relay->url(), extra);

@@ -117,7 +117,7 @@ private Q_SLOTS:
         AgentProcess agent;
         agent.start(server.serverURL());
         QVERIFY(server.waitForType(QStringLiteral("agent.register")));
-        QCOMPARE(server.lastAuthorization(), std::optional<QByteArray>("Bearer tok"));
+        QCOMPARE(server.lastAuthorization(), std::optional<QByteArray>("Bearer " + agent.token.toUtf8()));
         server.send(shellTask(QStringLiteral("t1"), QStringLiteral("echo hello")));
         QVERIFY(server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t1")));
         // After the registration and the agent's state:

@@ -176,6 +176,7 @@ private Q_SLOTS:
                               {QStringLiteral("BRINMOOR_TLS_KEY"), QStringLiteral("/env/key.pem")},
                               {QStringLiteral("BRINMOOR_PUBLIC_URL"), QStringLiteral("https://env.example")},
                               {QStringLiteral("BRINMOOR_TRUSTED_PROXIES"), QStringLiteral("10.0.0.1")},
+                              {QStringLiteral("BRINMOOR_ALLOWED_HOSTS"), QStringLiteral("mymac.example")},
                               {QStringLiteral("BRINMOOR_TLS_CA"), QStringLiteral("/env/ca.pem")}};
         QVERIFY(!LocalServerSettings::load(store, {}).tls());
         QCOMPARE(LocalServerSettings::load(store, {}).scheme(), QStringLiteral("http"));
@@ -189,7 +190,8 @@ private Q_SLOTS:
                      {QStringLiteral("BRINMOOR_TLS_CERT"), QStringLiteral("/store/cert.pem")},
                      {QStringLiteral("BRINMOOR_TLS_KEY"), QStringLiteral("/env/key.pem")},
                      {QStringLiteral("BRINMOOR_PUBLIC_URL"), QStringLiteral("https://env.example")},
-                     {QStringLiteral("BRINMOOR_TRUSTED_PROXIES"), QStringLiteral("10.0.0.1")}}));
+                     {QStringLiteral("BRINMOOR_TRUSTED_PROXIES"), QStringLiteral("10.0.0.1")},
+                     {QStringLiteral("BRINMOOR_ALLOWED_HOSTS"), QStringLiteral("mymac.example")}}));
         QCOMPARE(ConnectionSettings::load(store, env).tlsCA, QStringLiteral("/env/ca.pem"));
     }
 };

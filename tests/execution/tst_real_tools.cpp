@@ -134,7 +134,7 @@ class TstRealTools : public QObject {
                                                                   "stream_max_retries = 0\n");
 
         m_relay = std::make_unique<RelayProcess>();
-        m_relay->token = QStringLiteral("tok");
+        m_relay->token = QStringLiteral("tok-4e1f9a7c2b6d8035e0a3c1f7");
         if (!m_relay->start())
             return false;
         m_agent = std::make_unique<AgentProcess>();

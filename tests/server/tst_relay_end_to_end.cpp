@@ -82,7 +82,7 @@ private:
     bool startBoth(const QStringList& relayEnvironment = {})
     {
         m_relay = std::make_unique<RelayProcess>();
-        m_relay->token = QStringLiteral("tok");
+        m_relay->token = QStringLiteral("tok-4e1f9a7c2b6d8035e0a3c1f7");
         if (!m_relay->start(environment(relayEnvironment)))
             return false;
         m_fake = std::make_unique<QTemporaryDir>();
@@ -178,7 +178,8 @@ private Q_SLOTS:
                               QStringLiteral("task.started"), QStringLiteral("task.log hello"),
                               QStringLiteral("task.log "), QStringLiteral("task.finished")}));
         // The agent asked for the shell's registration refresh; the relay keeps the latest.
-        QVERIFY(httpExchange(m_relay->port, "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer tok\r\n\r\n")
+        QVERIFY(httpExchange(m_relay->port,
+                             "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer " + m_relay->token.toUtf8() + "\r\n\r\n")
                     .contains("\"agentId\":\"cli-agent\",\"busy\":false"));
     }
 
@@ -279,7 +280,7 @@ private Q_SLOTS:
         QVERIFY(waitUntil(
             [&] { return m_agent->logTexts().filter(QStringLiteral("status Reconnect in 3s: ")).size() > 0; }));
         m_relay = std::make_unique<RelayProcess>();
-        m_relay->token = QStringLiteral("tok");
+        m_relay->token = QStringLiteral("tok-4e1f9a7c2b6d8035e0a3c1f7");
         QVERIFY(m_relay->start({}, port));
         QElapsedTimer clock;
         clock.start();
@@ -337,7 +338,7 @@ private Q_SLOTS:
                                                 QStringLiteral(" exitCode=0"));
         }));
         m_relay = std::make_unique<RelayProcess>();
-        m_relay->token = QStringLiteral("tok");
+        m_relay->token = QStringLiteral("tok-4e1f9a7c2b6d8035e0a3c1f7");
         QVERIFY(m_relay->start({}, port));
         RelayClient back;
         QVERIFY(back.openResuming(port, m_relay->token, QJsonObject{{QStringLiteral("cli-agent"), seen}}));
@@ -412,7 +413,7 @@ private Q_SLOTS:
                                                 QStringLiteral(" exitCode=0"));
         }));
         m_relay = std::make_unique<RelayProcess>();
-        m_relay->token = QStringLiteral("tok");
+        m_relay->token = QStringLiteral("tok-4e1f9a7c2b6d8035e0a3c1f7");
         QVERIFY(m_relay->start({}, port));
         RelayClient back;
         QVERIFY(back.openResuming(port, m_relay->token, QJsonObject{{QStringLiteral("cli-agent"), seen}}));
@@ -442,8 +443,8 @@ private Q_SLOTS:
         for (int i = 0; i < 80'000; ++i)
             content += QByteArray::number(i).rightJustified(7, '0') + ' ' + QByteArray(91, 'x') + '\n';
         writeFile(m_agent->repo.path() + QStringLiteral("/App/data.txt"), content);
-        brinmoor::relay::PacedTerminalReader reader(m_relay->port, "tok", QStringLiteral("cli-agent"),
-                                                    QStringLiteral("s"), 4 * 1024 * 1024);
+        brinmoor::relay::PacedTerminalReader reader(m_relay->port, "tok-4e1f9a7c2b6d8035e0a3c1f7",
+                                                    QStringLiteral("cli-agent"), QStringLiteral("s"), 4 * 1024 * 1024);
         reader.keepOutput(true);
         QVERIFY(waitUntil([&] { return reader.isUpgraded(); }));
         reader.command(QStringLiteral("terminal.open"), {{QStringLiteral("projectPath"), QStringLiteral("App")},

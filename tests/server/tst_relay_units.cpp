@@ -2,11 +2,15 @@
 #include "base/utf8_stream_decoder.h"
 #include "http_request.h"
 #include "origin_policy.h"
+#include "served_hosts.h"
 #include "trusted_proxies.h"
+#include "waiting_turns.h"
 #include "websocket_client.h"
 #include "websocket_frames.h"
 
 #include <QTest>
+
+#include <array>
 
 using namespace brinmoor::relay;
 using brinmoor::isValidUtf8;
@@ -162,7 +166,7 @@ private Q_SLOTS:
 
     void blocksAnAddressAfterTenFailuresInAMinute()
     {
-        AuthGuard guard("tok");
+        AuthGuard guard("relay-token-7f3a9c1e5b2d4086");
         const QString address = QStringLiteral("192.0.2.7");
         for (int i = 0; i < 9; ++i)
             QVERIFY(!guard.recordFailure(address, 1000 + i));
@@ -176,13 +180,197 @@ private Q_SLOTS:
 
     void forgetsFailuresOlderThanAMinute()
     {
-        AuthGuard guard("tok");
+        AuthGuard guard("relay-token-7f3a9c1e5b2d4086");
         const QString address = QStringLiteral("192.0.2.9");
         for (int i = 0; i < 9; ++i)
             QVERIFY(!guard.recordFailure(address, i));
         // The first nine are more than a minute old by now.
         QVERIFY(!guard.recordFailure(address, 60'500));
         QVERIFY(!guard.isBlocked(address, 60'500));
+    }
+
+    void judgesAnAddressThatFailedAtItsPace()
+    {
+        AuthGuard guard("relay-token-7f3a9c1e5b2d4086");
+        const QString address = QStringLiteral("192.0.2.7");
+        // Never failed: judged at once, and so is an address that failed long ago.
+        QCOMPARE(guard.turnOf(address, 1000), 1000);
+        QVERIFY(guard.mayJudge(address, 1000));
+        QVERIFY(!guard.recordFailure(address, 1000));
+        QCOMPARE(guard.turnOf(address, 1000), 1250);
+        QVERIFY(!guard.mayJudge(address, 1249));
+        QVERIFY(guard.mayJudge(address, 1250));
+        QCOMPARE(guard.recentFailures(address, 1250), 1);
+        // Other addresses are not held to it.
+        QCOMPARE(guard.turnOf(QStringLiteral("192.0.2.8"), 1001), 1001);
+        // A minute after its last failure it is an address like any other.
+        QCOMPARE(guard.recentFailures(address, 60'999), 1);
+        QCOMPARE(guard.recentFailures(address, 61'000), 0);
+        QVERIFY(!guard.recordFailure(address, 61'000));
+        QCOMPARE(guard.turnOf(address, 61'000), 61'250);
+    }
+
+    void addressesThatFailedRecentlyFailInTurnsTogether()
+    {
+        GuessLimits limits;
+        limits.failuresPerSecond = 4; // one each 250 ms
+        limits.spacingMs = 100;
+        AuthGuard guard("relay-token-7f3a9c1e5b2d4086", limits);
+        const QString a = QStringLiteral("192.0.2.1");
+        const QString b = QStringLiteral("192.0.2.2");
+        // First failures cost no shared turn: every address has one at once.
+        guard.recordFailure(a, 0);
+        guard.recordFailure(b, 0);
+        QCOMPARE(guard.turnOf(a, 0), 100);
+        QCOMPARE(guard.turnOf(b, 0), 100);
+        // A's second failure takes the shared turn: B waits for the next one.
+        guard.recordFailure(a, 100);
+        QCOMPARE(guard.turnOf(a, 100), 350);
+        QCOMPARE(guard.turnOf(b, 100), 350);
+        guard.recordFailure(b, 350);
+        QCOMPARE(guard.turnOf(b, 350), 600);
+        QCOMPARE(guard.turnOf(a, 350), 600);
+        // A new address is not held to them.
+        QCOMPARE(guard.turnOf(QStringLiteral("192.0.2.3"), 350), 350);
+        // Blocked addresses come last among those whose turn has come.
+        for (int i = 0; i < 8; ++i)
+            guard.recordFailure(a, 1000 + i * 1000);
+        QVERIFY(guard.isBlocked(a, 8000));
+        QCOMPARE(guard.recentFailures(a, 8000), 10);
+        QCOMPARE(guard.recentFailures(b, 8000), 2);
+    }
+
+    void countsAnIpv6NetworkAsOneAddress_data()
+    {
+        QTest::addColumn<QString>("address");
+        QTest::addColumn<QString>("key");
+        QTest::newRow("IPv4") << QStringLiteral("192.0.2.7") << QStringLiteral("192.0.2.7");
+        QTest::newRow("IPv6") << QStringLiteral("2001:db8:1:2:3:4:5:6") << QStringLiteral("2001:db8:1:2::/64");
+        QTest::newRow("IPv6 short") << QStringLiteral("2001:db8::1") << QStringLiteral("2001:db8::/64");
+        QTest::newRow("loopback") << QStringLiteral("::1") << QStringLiteral("::/64");
+    }
+
+    void countsAnIpv6NetworkAsOneAddress()
+    {
+        QFETCH(QString, address);
+        QTEST(AuthGuard::keyOf(address), "key");
+    }
+
+    void remembersABoundedNumberOfAddresses()
+    {
+        GuessLimits limits;
+        limits.maxAddresses = 4;
+        AuthGuard guard("relay-token-7f3a9c1e5b2d4086", limits);
+        for (int i = 1; i <= 6; ++i)
+            guard.recordFailure(QStringLiteral("192.0.2.%1").arg(i), i);
+        QCOMPARE(guard.rememberedAddresses(), 4);
+        // The two that failed longest ago were forgotten: their next guess is judged at once.
+        QCOMPARE(guard.turnOf(QStringLiteral("192.0.2.1"), 10), 10);
+        QCOMPARE(guard.turnOf(QStringLiteral("192.0.2.2"), 10), 10);
+        QCOMPARE(guard.turnOf(QStringLiteral("192.0.2.3"), 10), 253);
+        // Addresses whose failures no longer count go as new ones come.
+        guard.recordFailure(QStringLiteral("192.0.2.9"), 70'000);
+        QCOMPARE(guard.rememberedAddresses(), 3);
+    }
+
+    void takesTurnsFewestFailuresFirst()
+    {
+        GuessLimits limits;
+        limits.failuresPerSecond = 1000;
+        AuthGuard guard("relay-token-7f3a9c1e5b2d4086", limits);
+        const QString guesser = QStringLiteral("192.0.2.1");
+        const QString user = QStringLiteral("192.0.2.2");
+        for (int i = 0; i < 5; ++i)
+            guard.recordFailure(guesser, i * 300);
+        guard.recordFailure(user, 1200);
+        // Fake connections: only their identity matters here.
+        std::array<char, 4> connections{};
+        auto* first = reinterpret_cast<RelayConnection*>(&connections[0]);
+        auto* second = reinterpret_cast<RelayConnection*>(&connections[1]);
+        auto* third = reinterpret_cast<RelayConnection*>(&connections[2]);
+        HttpRequest request;
+        request.path = "/v1/agents";
+        WaitingTurns turns;
+        turns.add(guesser, first, request);
+        turns.add(guesser, second, request);
+        turns.add(user, third, request);
+        QCOMPARE(turns.size(), 3);
+        QVERIFY(turns.hasLine(guesser));
+        // Nobody's turn has come yet; the next is the user's.
+        QVERIFY(!turns.takeNext(guard, 1300));
+        QCOMPARE(turns.nextTurn(guard, 1300), 1450);
+        // Both turns have come: the user, who failed once, before the one who failed five
+        // times and waited longer.
+        QCOMPARE(turns.takeNext(guard, 1500)->connection, third);
+        QCOMPARE(turns.takeNext(guard, 1500)->connection, first);
+        // A request that went away is forgotten.
+        QCOMPARE(turns.remove(second)->request.path, QByteArray("/v1/agents"));
+        QVERIFY(!turns.remove(second));
+        QVERIFY(turns.isEmpty());
+        QCOMPARE(turns.nextTurn(guard, 1500), -1);
+    }
+
+    void servesOnlyItsOwnHostNames_data()
+    {
+        QTest::addColumn<QByteArray>("host");
+        QTest::addColumn<bool>("served");
+        QTest::newRow("loopback") << QByteArray("127.0.0.1") << true;
+        QTest::newRow("loopback with port") << QByteArray("127.0.0.1:8080") << true;
+        QTest::newRow("other loopback") << QByteArray("127.1.2.3") << true;
+        QTest::newRow("IPv6 loopback") << QByteArray("[::1]:8080") << true;
+        QTest::newRow("address reached") << QByteArray("192.0.2.44:8080") << true;
+        QTest::newRow("listed address") << QByteArray("10.9.8.7") << true;
+        QTest::newRow("listed IPv6") << QByteArray("[2001:DB8::7]") << true;
+        QTest::newRow("localhost") << QByteArray("LocalHost.:443") << true;
+        QTest::newRow("listed name") << QByteArray("MyMac.lan") << true;
+        QTest::newRow("blanks around") << QByteArray(" mymac.lan ") << true;
+        QTest::newRow("other name") << QByteArray("evil.example") << false;
+        QTest::newRow("listed name inside another") << QByteArray("mymac.lan.evil.example") << false;
+        QTest::newRow("other address") << QByteArray("10.9.8.6") << false;
+        QTest::newRow("short IPv4") << QByteArray("127.1") << false;
+        QTest::newRow("IPv6 without brackets") << QByteArray("::1") << false;
+        QTest::newRow("IPv4 in brackets") << QByteArray("[127.0.0.1]") << false;
+        QTest::newRow("empty") << QByteArray("") << false;
+        QTest::newRow("empty port") << QByteArray("localhost:") << false;
+        QTest::newRow("port too big") << QByteArray("localhost:65536") << false;
+        QTest::newRow("signed port") << QByteArray("localhost:+80") << false;
+        QTest::newRow("user") << QByteArray("me@localhost") << false;
+        QTest::newRow("path") << QByteArray("localhost/x") << false;
+        QTest::newRow("empty label") << QByteArray("mymac..lan") << false;
+        QTest::newRow("bracket left open") << QByteArray("[::1") << false;
+        QTest::newRow("after the bracket") << QByteArray("[::1]x") << false;
+    }
+
+    void servesOnlyItsOwnHostNames()
+    {
+        QFETCH(QByteArray, host);
+        ServedHosts hosts({QStringLiteral("mymac.lan"), QStringLiteral("10.9.8.7"), QStringLiteral("2001:db8::7")});
+        QTEST(hosts.serves(host, QHostAddress(QStringLiteral("192.0.2.44")), 0), "served");
+    }
+
+    void takesHostNamesAndAddressesAsAllowedHosts_data()
+    {
+        QTest::addColumn<QString>("entry");
+        QTest::addColumn<QString>("normalized"); // empty: refused
+        QTest::newRow("name") << QStringLiteral(" MyMac.Example.NET. ") << QStringLiteral("mymac.example.net");
+        QTest::newRow("single label") << QStringLiteral("mymac") << QStringLiteral("mymac");
+        QTest::newRow("IPv4") << QStringLiteral("192.168.1.20") << QStringLiteral("192.168.1.20");
+        QTest::newRow("IPv6") << QStringLiteral("2001:DB8:0::1") << QStringLiteral("2001:db8::1");
+        QTest::newRow("IPv6 in brackets") << QStringLiteral("[fd00::2]") << QStringLiteral("fd00::2");
+        QTest::newRow("port") << QStringLiteral("mymac.lan:8443") << QString();
+        QTest::newRow("scheme") << QStringLiteral("https://mymac.lan") << QString();
+        QTest::newRow("wildcard") << QStringLiteral("*.mymac.lan") << QString();
+        QTest::newRow("space inside") << QStringLiteral("my mac") << QString();
+        QTest::newRow("hyphen first") << QStringLiteral("-mymac") << QString();
+        QTest::newRow("long label") << QString(64, QLatin1Char('a')) << QString();
+        QTest::newRow("short IPv4") << QStringLiteral("10.1") << QStringLiteral("10.1");
+    }
+
+    void takesHostNamesAndAddressesAsAllowedHosts()
+    {
+        QFETCH(QString, entry);
+        QFETCH(QString, normalized);
+        QCOMPARE(ServedHosts::normalizedEntry(entry).value_or(QString()), normalized);
     }
 
     void originsAreComparedInOneSpelling_data()

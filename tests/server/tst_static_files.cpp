@@ -1,6 +1,7 @@
 // The browser client as brinmoor-server serves it: the built files, their content types,
 // caching and security headers, brotli or gzip for browsers that take them, ETags and
 // 304, and the /v1 endpoints exactly as before.
+#include "static_files.h"
 #include "support/process_fixtures.h"
 #include "support/relay_client.h"
 #include "support/test_support.h"
@@ -361,13 +362,18 @@ private Q_SLOTS:
 
     void keepsAStrangeHostOutOfThePolicy()
     {
-        const Response index =
+        // The relay serves no page to such a Host at all; the policy would not take it in
+        // either.
+        const Response refused =
             parse(httpExchange(m_relay.port, "GET / HTTP/1.1\r\nHost: evil.test; script-src *\r\n\r\n"));
-        QVERIFY(index.headers.contains("Content-Security-Policy: default-src 'none'; script-src 'self'; "
-                                       "style-src 'self'; style-src-attr 'unsafe-inline'; img-src 'self'; "
-                                       "font-src 'self'; connect-src 'self'; "
-                                       "manifest-src 'self'; worker-src 'self'; base-uri 'none'; "
-                                       "form-action 'none'; frame-ancestors 'none'"));
+        QCOMPARE(refused.statusLine, QByteArray("HTTP/1.1 421 Misdirected Request"));
+        QCOMPARE(refused.body, QByteArray("{\"error\":\"host not allowed: add it to BRINMOOR_ALLOWED_HOSTS\"}"));
+        QCOMPARE(brinmoor::relay::StaticFiles::contentSecurityPolicy("evil.test; script-src *"),
+                 QByteArray("default-src 'none'; script-src 'self'; "
+                            "style-src 'self'; style-src-attr 'unsafe-inline'; img-src 'self'; "
+                            "font-src 'self'; connect-src 'self'; "
+                            "manifest-src 'self'; worker-src 'self'; base-uri 'none'; "
+                            "form-action 'none'; frame-ancestors 'none'"));
     }
 
     void leavesTheApiAsItWas()

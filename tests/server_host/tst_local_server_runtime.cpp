@@ -19,6 +19,9 @@ class TstLocalServerRuntime : public QObject {
 
     QTemporaryDir m_dir;
 
+    // A token as long as the server takes.
+    const QString m_token = QStringLiteral("tok-4e1f9a7c2b6d8035e0a3c1f7");
+
     // A stand-in server: prints what it was given, then what the test asks for.
     QString fakeServer(const QByteArray& body)
     {
@@ -151,8 +154,37 @@ private Q_SLOTS:
         QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
         const int free = probe.serverPort();
         probe.close();
-        QCOMPARE(runtime.start(free, QStringLiteral("t"), [&](const QString& s) { statuses.append(s); }), free);
+        QCOMPARE(runtime.start(free, m_token, [&](const QString& s) { statuses.append(s); }), free);
         QCOMPARE(statuses, QStringList{QStringLiteral("Bundled server not found")});
+    }
+
+    void aTokenTheServerWouldRefuseIsNotGivenToIt()
+    {
+        const QString given = m_dir.path() + QStringLiteral("/started");
+        fakeServer("print -r -- started > " + given.toUtf8() + "\n");
+        LocalServerRuntime runtime;
+        QStringList statuses;
+        const auto status = [&](const QString& s) { statuses.append(s); };
+        QTcpServer probe;
+        QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
+        const int free = probe.serverPort();
+        probe.close();
+        // A word someone chose, and one character short of enough.
+        QCOMPARE(runtime.start(free, QStringLiteral("secret"), status), free);
+        QCOMPARE(runtime.start(free, m_token.left(23), status), free);
+        QCOMPARE(
+            statuses,
+            (QStringList{QStringLiteral("Not started: the shared token is too short (6 characters); use at least 24"),
+                         QStringLiteral("Not started: the shared token is too short (23 characters); use at least "
+                                        "24")}));
+        QVERIFY(!runtime.isRunning());
+        QVERIFY(childProcesses().isEmpty());
+        // Twenty-four characters are enough.
+        runtime.start(free, m_token.left(24), status);
+        QVERIFY(waitUntil([&] { return readFile(given) == "started\n"; }));
+        QCOMPARE(statuses.at(2), QStringLiteral("Server on :%1").arg(free));
+        QVERIFY(waitUntil([&] { return statuses.size() == 4; }));
+        QCOMPARE(statuses.last(), QStringLiteral("Server stopped (0)"));
     }
 
     void serverGetsPortAndTokenAndItsOutputIsRelayed()
@@ -171,11 +203,11 @@ private Q_SLOTS:
         QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
         const int free = probe.serverPort();
         probe.close();
-        const int port = runtime.start(free, QStringLiteral("tok"), [&](const QString& s) { statuses.append(s); });
+        const int port = runtime.start(free, m_token, [&](const QString& s) { statuses.append(s); });
         QCOMPARE(port, free);
         QCOMPARE(statuses, QStringList{QStringLiteral("Server on :%1").arg(port)});
         QVERIFY(waitUntil([&] { return readFile(given).endsWith('\n'); }));
-        QCOMPARE(readFile(given), QStringLiteral("port=%1 token=tok\n").arg(port).toUtf8());
+        QCOMPARE(readFile(given), QStringLiteral("port=%1 token=%2\n").arg(port).arg(m_token).toUtf8());
         QVERIFY(waitUntil([&] { return !childProcesses().isEmpty(); }));
         QVERIFY(pieces.start(childProcesses().first()));
         // Each read is relayed as it comes, trimmed at both ends, whatever lines it
@@ -212,7 +244,7 @@ private Q_SLOTS:
         LocalServerRuntime runtime;
         QStringList lines;
         runtime.printLine = [&](const QString& line) { lines.append(line); };
-        runtime.start(0, QStringLiteral("t"), [](const QString&) {});
+        runtime.start(0, m_token, [](const QString&) {});
         QVERIFY(waitUntil([&] { return !childProcesses().isEmpty(); }));
         QVERIFY(pieces.start(childProcesses().first()));
         QVERIFY(pieces.write(" warning: on standard error \n"));
@@ -229,7 +261,7 @@ private Q_SLOTS:
     {
         const QString given = m_dir.path() + QStringLiteral("/given-tls");
         fakeServer("print -r -- \"cert=$BRINMOOR_TLS_CERT key=$BRINMOOR_TLS_KEY url=$BRINMOOR_PUBLIC_URL "
-                   "proxies=${BRINMOOR_TRUSTED_PROXIES-unset}\" > " +
+                   "proxies=${BRINMOOR_TRUSTED_PROXIES-unset} hosts=$BRINMOOR_ALLOWED_HOSTS\" > " +
                    given.toUtf8() + "; exec sleep 30\n");
         // What the settings leave empty is not passed on from the agent's own environment.
         qputenv("BRINMOOR_TRUSTED_PROXIES", "10.9.9.9");
@@ -237,14 +269,16 @@ private Q_SLOTS:
         server.tlsCertificate = QStringLiteral("/etc/brinmoor/cert.pem");
         server.tlsKey = QStringLiteral("/etc/brinmoor/key.pem");
         server.publicURL = QStringLiteral("https://mymac.example.net:8443");
+        server.allowedHosts = QStringLiteral("mymac.lan,192.168.1.20");
         LocalServerRuntime runtime;
         runtime.printLine = [](const QString&) {};
         runtime.start(
-            0, QStringLiteral("tok"), [](const QString&) {}, server);
+            0, m_token, [](const QString&) {}, server);
         qunsetenv("BRINMOOR_TRUSTED_PROXIES");
         QVERIFY(waitUntil([&] { return readFile(given).endsWith('\n'); }));
         QCOMPARE(readFile(given), QByteArray("cert=/etc/brinmoor/cert.pem key=/etc/brinmoor/key.pem "
-                                             "url=https://mymac.example.net:8443 proxies=unset\n"));
+                                             "url=https://mymac.example.net:8443 proxies=unset "
+                                             "hosts=mymac.lan,192.168.1.20\n"));
         runtime.stop();
         QVERIFY(waitUntil([] { return childProcesses().isEmpty(); }, 5000));
     }
@@ -254,7 +288,7 @@ private Q_SLOTS:
         fakeServer("kill -KILL $$\n");
         LocalServerRuntime runtime;
         QStringList statuses;
-        runtime.start(0, QStringLiteral("t"), [&](const QString& s) { statuses.append(s); });
+        runtime.start(0, m_token, [&](const QString& s) { statuses.append(s); });
         QVERIFY(waitUntil([&] { return statuses.size() >= 2; }));
         QCOMPARE(statuses.last(), QStringLiteral("Server stopped (9)"));
     }
@@ -265,7 +299,7 @@ private Q_SLOTS:
         fakeServer("trap '' TERM; : > " + deaf.toUtf8() + "; while true; do sleep 1; done\n");
         LocalServerRuntime runtime;
         QStringList statuses;
-        runtime.start(0, QStringLiteral("t"), [&](const QString& s) { statuses.append(s); });
+        runtime.start(0, m_token, [&](const QString& s) { statuses.append(s); });
         QVERIFY(waitUntil([&] { return QFile::exists(deaf); }));
         runtime.stop();
         QVERIFY(waitUntil([&] { return statuses.size() == 2; }, 8000));
@@ -290,7 +324,7 @@ private Q_SLOTS:
         fakeServer("exit 3\n");
         LocalServerRuntime runtime;
         QStringList statuses;
-        runtime.start(0, QStringLiteral("t"), [&](const QString& s) { statuses.append(s); });
+        runtime.start(0, m_token, [&](const QString& s) { statuses.append(s); });
         QVERIFY(waitUntil([&] { return statuses.size() >= 2; }));
         QCOMPARE(statuses.last(), QStringLiteral("Server stopped (3)"));
         QVERIFY(!runtime.isRunning());
@@ -305,7 +339,7 @@ private Q_SLOTS:
                    ") -ge 2 ]] && exec sleep 30\nexit 3\n");
         LocalServerRuntime runtime;
         QStringList statuses;
-        const int port = runtime.start(0, QStringLiteral("t"), [&](const QString& s) { statuses.append(s); });
+        const int port = runtime.start(0, m_token, [&](const QString& s) { statuses.append(s); });
         QVERIFY(waitUntil([&] { return statuses.size() >= 2; }));
         QCOMPARE(statuses,
                  (QStringList{QStringLiteral("Server on :%1").arg(port), QStringLiteral("Server stopped (3)")}));
@@ -329,7 +363,7 @@ private Q_SLOTS:
         fakeServer("exit 4\n");
         LocalServerRuntime runtime;
         QStringList statuses;
-        runtime.start(0, QStringLiteral("t"), [&](const QString& s) { statuses.append(s); });
+        runtime.start(0, m_token, [&](const QString& s) { statuses.append(s); });
         QVERIFY(waitUntil([&] { return runtime.restartPending(); }));
         runtime.stop();
         QVERIFY(!runtime.restartPending());
@@ -356,8 +390,8 @@ private Q_SLOTS:
     {
         fakeServer("sleep 30\n");
         LocalServerRuntime runtime;
-        runtime.start(0, QStringLiteral("t"), [](const QString&) {});
-        runtime.start(0, QStringLiteral("t"), [](const QString&) {});
+        runtime.start(0, m_token, [](const QString&) {});
+        runtime.start(0, m_token, [](const QString&) {});
         QVERIFY(waitUntil([] { return childProcesses().size() == 1; }, 5000));
         runtime.stop();
         QVERIFY(waitUntil([] { return childProcesses().isEmpty(); }, 5000));

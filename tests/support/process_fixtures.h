@@ -16,7 +16,7 @@ struct AgentProcess {
     QTemporaryDir repo;
     QProcess process;
     QString agentId = QStringLiteral("cli-agent");
-    QString token = QStringLiteral("tok");
+    QString token = QStringLiteral("tok-4e1f9a7c2b6d8035e0a3c1f7");
 
     ~AgentProcess();
     void start(const QString& serverURL, const QProcessEnvironment& extra = {});
@@ -54,7 +54,7 @@ private:
 // A `brinmoor-server` on 127.0.0.1 and a port of its own choosing (or a given one).
 struct RelayProcess {
     QProcess process;
-    QString token = QStringLiteral("relay-token");
+    QString token = QStringLiteral("relay-token-7f3a9c1e5b2d4086");
     quint16 port = 0;
 
     ~RelayProcess();

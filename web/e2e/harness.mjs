@@ -11,7 +11,7 @@ import { join } from 'node:path';
 import { promisify } from 'node:util';
 import puppeteer from 'puppeteer-core';
 
-export const kToken = 'e2e-token-5f1c';
+export const kToken = 'e2e-token-5f1c8a3d9b0e7264c1f5';
 export const kAgentId = 'studio-mac';
 // A name Chromium resolves to loopback for the page, so that the page's origin is not this
 // machine's own address: such a page is a secure context only when it came over HTTPS.
@@ -116,6 +116,8 @@ export class World {
     for (const signal of ['SIGINT', 'SIGTERM']) process.once(signal, () => process.exit(1));
     const relayEnv = {
       ...process.env,
+      // The page's name is one the relay answers to, as a user would list it.
+      ...(this.host === kTestHost ? { BRINMOOR_ALLOWED_HOSTS: kTestHost } : {}),
       ...this.relayEnv,
       BRINMOOR_SHARED_TOKEN: kToken,
       BRINMOOR_SERVER_PORT: '0',

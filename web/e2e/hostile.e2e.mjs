@@ -532,3 +532,30 @@ test('nothing was refused by the page policy but what the hostile markup asked f
   assert.deepEqual(unexpected, []);
   assert.equal(await page.evaluate(() => window.__pwned ?? null), null);
 });
+
+test('a page of another name that leads to the relay gets nothing from it', async () => {
+  // DNS rebinding: a site's name made to point at this machine once its page is loaded.
+  // The page's own origin is then the relay's address under that name, so the browser
+  // lets it ask anything; the relay answers none of it, not even with the token.
+  const browser = await world.launchBrowser(['--host-resolver-rules=MAP rebound.test 127.0.0.1']);
+  const rebound = await browser.newPage();
+  const host = `rebound.test:${world.port}`;
+  const response = await rebound.goto(`http://${host}/`);
+  assert.equal(response.status(), 421);
+  assert.equal(await response.text(), '{"error":"host not allowed: add it to BRINMOOR_ALLOWED_HOSTS"}');
+  const answers = await rebound.evaluate(async (token) => {
+    const health = await fetch('/v1/health');
+    const agents = await fetch('/v1/agents', { headers: { Authorization: `Bearer ${token}` } });
+    const socket = await new Promise((resolve) => {
+      const ws = new WebSocket(`ws://${location.host}/v1/ws/client`, ['brinmoor.v1', `bearer.${token}`]);
+      ws.onopen = () => resolve('open');
+      ws.onerror = () => resolve('refused');
+    });
+    return [health.status, agents.status, socket];
+  }, kToken);
+  assert.deepEqual(answers, [421, 421, 'refused']);
+  await world.waitFor(() => world.relayLog.includes(`host.refused address=127.0.0.1 path=/v1/ws/client host=${host}\n`), 'the socket refused');
+  for (const path of ['/', '/v1/health', '/v1/agents']) {
+    assert.ok(world.relayLog.includes(`host.refused address=127.0.0.1 path=${path} host=${host}\n`), path);
+  }
+});

@@ -9,12 +9,13 @@ namespace brinmoor::relay {
 
 class RelayConnection;
 
-// The connections that have not shown the token (yet), oldest first, counted per
-// address: the ones to let go when someone opens more than the relay will keep.
-class UnauthenticatedConnections {
+// A set of connections, oldest first, counted per address (the one they were counted
+// under when added).
+class ConnectionsByAddress {
 public:
     void add(RelayConnection* connection, const QString& address);
-    // Shown the token, or gone; nothing happens for one that is not here.
+    bool contains(const RelayConnection* connection) const { return m_entries.contains(connection); }
+    // Nothing happens for one that is not here.
     void remove(RelayConnection* connection);
 
     qsizetype size() const { return qsizetype(m_order.size()); }

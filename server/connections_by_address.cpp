@@ -1,8 +1,8 @@
-#include "unauthenticated_connections.h"
+#include "connections_by_address.h"
 
 namespace brinmoor::relay {
 
-void UnauthenticatedConnections::add(RelayConnection* connection, const QString& address)
+void ConnectionsByAddress::add(RelayConnection* connection, const QString& address)
 {
     if (m_entries.contains(connection))
         return;
@@ -10,7 +10,7 @@ void UnauthenticatedConnections::add(RelayConnection* connection, const QString&
     ++m_perAddress[address];
 }
 
-void UnauthenticatedConnections::remove(RelayConnection* connection)
+void ConnectionsByAddress::remove(RelayConnection* connection)
 {
     const auto found = m_entries.find(connection);
     if (found == m_entries.end())
@@ -22,7 +22,7 @@ void UnauthenticatedConnections::remove(RelayConnection* connection)
     m_order.erase(entry);
 }
 
-RelayConnection* UnauthenticatedConnections::oldest(const RelayConnection* except, const QString& address) const
+RelayConnection* ConnectionsByAddress::oldest(const RelayConnection* except, const QString& address) const
 {
     for (const Entry& entry : m_order) {
         if (entry.connection != except && (address.isEmpty() || entry.address == address))
