@@ -2,7 +2,7 @@
 // reload too), the agent's bookkeeping folded into "Details", an assistant's activity in
 // plain lines, what Claude said before a tool use, and a plan by Codex read as an answer.
 import assert from 'node:assert/strict';
-import { chmodSync, mkdirSync, writeFileSync } from 'node:fs';
+import { chmodSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
 import { clickText, elementWithText, kAgentId, kToken, pageSettled, testLeavingPictures, waitForText, World } from './harness.mjs';
@@ -11,7 +11,6 @@ const world = new World();
 let page;
 let fresh;
 const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
-const kDesktop = { width: 1440, height: 900, deviceScaleFactor: 1, isMobile: false, hasTouch: false };
 
 const test = testLeavingPictures(nodeTest, 'words-', () => [
   [page, ''],
@@ -31,19 +30,6 @@ after(async () => {
 
 const click = (selector, text) => clickText(page, selector, text);
 const waitText = (selector, wanted, timeout) => waitForText(page, selector, wanted, timeout);
-
-// Pictures of the page at both sizes into $BRINMOOR_WEB_SCREENSHOTS, when it is set.
-async function shoot(name) {
-  const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;
-  if (!folder) return;
-  mkdirSync(folder, { recursive: true });
-  for (const [size, viewport] of [['phone', kPhone], ['desktop', kDesktop]]) {
-    await page.setViewport(viewport);
-    await page.waitForFunction(() => new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(() => resolve(true)))));
-    await page.screenshot({ path: join(folder, `web-${name}-${size}.png`) });
-  }
-  await page.setViewport(kPhone);
-}
 
 async function texts(selector, target = page) {
   return target.$$eval(selector, (elements) => elements.map((e) => e.textContent.trim()));
@@ -125,7 +111,6 @@ test('a task ends as Finished, Failed · exit N, Cancelled, Timed out or Rejecte
   await waitText('.task-detail .task-status', 'Finished');
   assert.equal(await page.$eval('.task-detail .task-duration', (e) => e.textContent), took);
   await waitText('.task-detail .log-empty', 'No output.');
-  await shoot('task-ends');
   await tab('Changes');
   await waitText('.change-detail .task-status', 'Rejected');
 
@@ -263,7 +248,6 @@ test('what Claude said before a tool use stays in the answer, and an allowed or 
   await click(answer + ' .activity summary .activity-count', '2 steps');
   await page.waitForSelector(answer + ' .activity li');
   assert.deepEqual(await texts(answer + ' .activity li'), ['Denied Write: notes.txt', 'Write failed: The user did not allow it']);
-  await shoot('chat-activity');
   world.fakeFile('claude.script', '');
 });
 
@@ -284,7 +268,6 @@ test('a plan by Codex reads as an answer, and a proposal\u2019s commentary as Ma
   const shown = await page.$eval('.change-detail', (e) => e.innerText);
   assert.ok(!shown.includes('{"type"'), shown);
   assert.equal(await page.$('.change-detail .change-log'), null);
-  await shoot('codex-plan');
 
   // A proposal: its commentary is Markdown, its first line not said twice, and the result
   // of applying it does not say the commentary again.
