@@ -134,6 +134,9 @@ describe('how long a task took', () => {
       { taskId: 'E', kind: 'shell', projectPath: 'App', status: 'failed', exitCode: 1 },
     ]));
     expect([runTime(store.get('R')!, clock.now), runTime(store.get('E')!, clock.now)]).toEqual([null, null]);
+    expect(taskStatusText(store.get('E')!)).toBe('Failed · exit 1');
+    store.handle(hello(50, [{ taskId: 'X', kind: 'shell', projectPath: 'App', status: 'failed' }]));
+    expect(taskStatusText(store.get('X')!)).toBe('Failed');
     // Its end, seen live, still leaves its start unknown.
     store.handle(m({ type: 'task.finished', agentId: 'a', taskId: 'R', exitCode: 0, seq: 51 }));
     expect(runTime(store.get('R')!, clock.now)).toBeNull();
