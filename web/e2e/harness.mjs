@@ -217,6 +217,9 @@ export class World {
   async page(viewport = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: true, hasTouch: true }, context = this.browser.defaultBrowserContext()) {
     const page = await context.newPage();
     await page.setViewport(viewport);
+    // BRINMOOR_WEB_COLOR_SCHEME=dark shows every page as a browser in dark mode does.
+    const scheme = process.env.BRINMOOR_WEB_COLOR_SCHEME;
+    if (scheme) await page.emulateMediaFeatures([{ name: 'prefers-color-scheme', value: scheme }]);
     page.problems = [];
     page.on('pageerror', (error) => page.problems.push('page error: ' + error.message));
     page.on('console', (message) => {

@@ -76,7 +76,8 @@ async function shoot(name) {
 
 // What the page keeps and where it is: none of it may change because of what it shows.
 // The seqs it resumes from move with every message, and a task the user starts is kept
-// with its payload; both are the page's own doing, as is `ignored` (where the user went).
+// with its payload and the times it saw; all are the page's own doing, as is `ignored`
+// (where the user went).
 function pageState(ignored = []) {
   return page.evaluate((skip) => {
     const kept = {};
@@ -85,7 +86,7 @@ function pageState(ignored = []) {
       if (!skip.includes(key)) kept[key] = localStorage.getItem(key);
     }
     return { href: location.href, title: document.title, token: localStorage.getItem('brinmoor.token'), kept, pwned: window.__pwned ?? null };
-  }, ['brinmoor.seqs', 'brinmoor.taskPayloads', ...ignored]);
+  }, ['brinmoor.seqs', 'brinmoor.taskPayloads', 'brinmoor.taskTimes', ...ignored]);
 }
 
 // The pages the browser has open: a link that opened one is seen here.
@@ -488,7 +489,7 @@ test('file names and content in a diff are text', async () => {
   // Rejected first, so that the agent is free for the next test whatever is found; the
   // diff stays shown.
   await click('.change-detail .actions button', 'Reject');
-  await page.waitForFunction(() => document.querySelector('.change-detail .error')?.textContent.includes('changes rejected by client approval'));
+  await waitForText(page, '.change-detail .task-status', 'Rejected');
   assert.equal(await page.$eval('.change-detail .diff-file-name', (e) => e.textContent), kHostileName);
   const body = await page.$eval('.change-detail .diff-body', (e) => e.textContent);
   for (const line of kHostileLines) assert.ok(body.includes(line), `the diff shows ${line}`);

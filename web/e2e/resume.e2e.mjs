@@ -85,13 +85,12 @@ async function runTask(command) {
   return page.evaluate(() => window.brinmoor.navigation.place.taskId);
 }
 
-// The lines of a task's log as the page keeps them, without the agent's first line and
-// the empty ones (the agent sends what follows the last line break of each read it
-// makes as a line of its own).
+// The lines of a task's log as the page keeps them, without the empty ones (the agent
+// sends what follows the last line break of each read it makes as a line of its own).
 function logOf(taskId) {
   return page.evaluate((id) => {
     const log = window.brinmoor.tasks.get(id).log;
-    return log.slice(1, log.length).filter((line) => line !== '');
+    return log.slice(0, log.length).filter((line) => line !== '');
   }, taskId);
 }
 
@@ -134,7 +133,7 @@ test('a page offline during a running task and a streaming chat finds every line
   await waitForLine(taskId, 'T-5');
   const resumes = sockets.resumes.length;
   await away(() => waitForTaskEnd(taskId));
-  await waitText(page, '.task-detail .task-status', 'Finished · exit 0');
+  await waitText(page, '.task-detail .task-status', 'Finished');
   assert.deepEqual(await logOf(taskId), numbered('T', 60));
   assert.deepEqual(sockets.resumes.slice(resumes), ['resume.ok']);
   await shoot('resumed');
@@ -162,11 +161,11 @@ test('a reload while a task runs loses nothing', async () => {
   await page.waitForFunction((id) => window.brinmoor?.tasks.get(id), {}, taskId);
   const url = new URL(sockets.urls[opened]);
   assert.ok(url.searchParams.get('since'), 'the reloaded page resumes: ' + url);
-  await waitText(page, '.task-detail .task-status', 'Finished · exit 0');
+  await waitText(page, '.task-detail .task-status', 'Finished');
   assert.deepEqual(await logOf(taskId), numbered('R', 80));
   // The tasks before it came back with their output too.
   await click(page, '.task-history .task-title', 'for i in {1..60}; do print T-$i; sleep 0.05; done');
-  await waitText(page, '.task-detail .task-status', 'Finished · exit 0');
+  await waitText(page, '.task-detail .task-status', 'Finished');
   const earlier = await page.evaluate(() => window.brinmoor.navigation.place.taskId);
   assert.deepEqual(await logOf(earlier), numbered('T', 60));
 });
@@ -181,7 +180,7 @@ test('a page away longer than the relay keeps messages says what it missed', asy
     writeFileSync(go, '');
     await waitForTaskEnd(taskId);
   });
-  await waitText(page, '.task-detail .task-status', 'Finished · exit 0');
+  await waitText(page, '.task-detail .task-status', 'Finished');
   assert.deepEqual(sockets.resumes.slice(resumes), ['resume.gap']);
   const notice = 'Some output was missed here: the relay no longer had it when this page came back.';
   assert.deepEqual(await logOf(taskId), ['G-start', notice]);
@@ -208,7 +207,7 @@ test('a page that never saw the agent shows its running task, the waiting propos
   await waitText(first.fresh, `.task-item .task-state`, 'Running…');
   await waitText(first.fresh, '.task-detail .task-title', 'Shell command');
   writeFileSync(stop, '');
-  await waitText(first.fresh, '.task-detail .task-status', 'Finished · exit 0');
+  await waitText(first.fresh, '.task-detail .task-status', 'Finished');
   await first.context.close();
 
   await click(page, 'button[role=tab] .tab-label', 'Terminal');

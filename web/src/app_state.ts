@@ -7,7 +7,7 @@ import { ConversationDB } from './stores/conversation_db';
 import { ConversationsStore } from './stores/conversations_store';
 import { Credentials } from './stores/credentials';
 import { Observable, readJSON, type KeyValueStorage } from './stores/observable';
-import { TasksStore } from './stores/tasks_store';
+import { TasksStore, kTimesKey } from './stores/tasks_store';
 import { TerminalsStore } from './stores/terminals_store';
 
 export type Tab = 'chat' | 'tasks' | 'changes' | 'terminal';
@@ -108,7 +108,10 @@ export class AppState {
     });
     this.conversations = new ConversationsStore(db, {
       run: (agentId, payload) => this.tasks.run(agentId, payload),
-      cancel: (agentId, taskId) => relay().cancelTask(agentId, taskId),
+      cancel: (agentId, taskId) => {
+        const task = this.tasks.get(taskId);
+        return task ? this.tasks.cancel(task) : relay().cancelTask(agentId, taskId);
+      },
     });
     this.terminals = new TerminalsStore(
       {
@@ -149,7 +152,7 @@ export class AppState {
     this.connection.replace(null);
     this.credentials.forget();
     this.terminals.forget();
-    for (const key of ['brinmoor.folders', 'brinmoor.place', 'brinmoor.taskPayloads', kSeqsKey]) this.storage.removeItem(key);
+    for (const key of ['brinmoor.folders', 'brinmoor.place', 'brinmoor.taskPayloads', kTimesKey, kSeqsKey]) this.storage.removeItem(key);
     this.navigation.home();
     await this.conversations.clear();
   }

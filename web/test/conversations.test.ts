@@ -36,7 +36,7 @@ describe('ConversationsStore', () => {
     expect(answer.chunks).toEqual(['Two ', 'files.']);
     store.handle(m({ type: 'task.chat.final', agentId: 'mac', taskId: 'T1', conversationId: conversation.id, text: 'Two files.' }));
     store.handle(m({ type: 'task.finished', agentId: 'mac', taskId: 'T1', exitCode: 0 }));
-    expect([answer.status, answer.text, answer.activity]).toEqual(['done', 'Two files.', ['[command] ls']]);
+    expect([answer.status, answer.text, answer.activity]).toEqual(['done', 'Two files.', [{ text: 'Ran ls', tone: 'step' }]]);
 
     const second = await store.send(conversation.id, 'And now?');
     store.handle(m({ type: 'task.chat.error', agentId: 'mac', taskId: 'T2', conversationId: conversation.id, message: 'command exited with status 1' }));

@@ -469,7 +469,7 @@ describe('TasksStore snapshots', () => {
     expect(tasks.list().map((t) => [t.taskId, t.kind, t.title, t.projectPath, t.status, t.exitCode])).toEqual([
       ['C', 'chat', 'Chat', '/r/App', 'finished', 0],
       ['P', 'ai_task', 'Proposed change', '/r/App', 'awaiting_approval', undefined],
-      ['E', 'build', 'Build: build_ios', '/r/App', 'failed', 65],
+      ['E', 'build', 'Build', '/r/App', 'failed', 65],
       ['S', 'shell', 'Shell command', '/r/App', 'running', undefined],
     ]);
     const { taskId: _taskId, ...waiting } = proposal;

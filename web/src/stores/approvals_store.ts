@@ -57,6 +57,16 @@ export function describeToolInput(toolInput: unknown): ToolInputView {
   return { kind: 'fields', others: others() };
 }
 
+// A tool use in a few words, for the line an answer's activity keeps of it: the tool and
+// the command it runs or the file it touches ("Write: notes.txt").
+export function toolUseText(toolName: string, toolInput: unknown): string {
+  const view = describeToolInput(toolInput);
+  let subject = view.kind === 'command' ? view.command : view.kind === 'file' ? view.path : '';
+  subject = subject.trim().split('\n')[0];
+  if (subject.length > 120) subject = subject.slice(0, 119) + '…';
+  return subject === '' ? toolName : `${toolName}: ${subject}`;
+}
+
 // The assistants' tool uses waiting for a decision, from whichever client sees them; a
 // "permission.resolved" (this page's decision, another client's, or a time-out) ends one.
 export class ApprovalsStore extends Observable {

@@ -11,6 +11,8 @@ export interface ConversationRecord {
 
 export type MessageStatus = 'streaming' | 'done' | 'error' | 'cancelled' | 'interrupted';
 
+import type { ActivityLine } from '../protocol/task_log';
+
 export interface MessageRecord {
   conversationId: string;
   index: number;
@@ -18,7 +20,8 @@ export interface MessageRecord {
   text: string;
   taskId: string;
   status: MessageStatus;
-  activity: string[];
+  activity: ActivityLine[]; // an older page kept the log lines as they came (strings)
+  details?: string[];
   error: string;
   at: number;
 }

@@ -1,11 +1,27 @@
 import type { ServerMessage, SnapshotTaskStatus, TaskPayload } from '../protocol/messages';
 import { randomId } from '../protocol/relay_client';
+import { readAssistantLogLine, type ActivityLine } from '../protocol/task_log';
+import { toolUseText } from './approvals_store';
 import type { ConversationDB, ConversationRecord, MessageRecord, MessageStatus } from './conversation_db';
 import { Observable } from './observable';
+
+// What an answer keeps of its details: they are for a look, and stored with the chat.
+const kDetailsKept = 500;
+const kDetailCharacters = 10_000;
+const kActivityKept = 1000;
+
+// Why a tool use was denied when nobody said no.
+const kDenyReasons: Record<string, string> = {
+  timeout: 'nobody decided in time',
+  'task ended': 'the answer ended first',
+  withdrawn: 'the assistant withdrew the request',
+  'server shutting down': 'the relay shut down',
+};
 
 // A message as the chat shows it. An answer that is still streaming keeps its pieces in
 // `chunks`, so a view can render what is new without touching what it rendered before.
 export interface ChatMessage extends MessageRecord {
+  details: string[];
   chunks: string[];
   missed?: boolean; // some of it came while the page was away and the relay no longer had it
 }
@@ -29,7 +45,23 @@ function titleOf(prompt: string): string {
 function fromRecord(record: MessageRecord): ChatMessage {
   // An answer that was still streaming when the page went away will not continue here.
   const status: MessageStatus = record.status === 'streaming' ? 'interrupted' : record.status;
-  return { ...record, status, chunks: record.text === '' ? [] : [record.text] };
+  const message: ChatMessage = { ...record, status, activity: [], details: [...(record.details ?? [])], chunks: record.text === '' ? [] : [record.text] };
+  // An older page kept the log's lines as they came.
+  for (const line of record.activity as (ActivityLine | string)[]) {
+    if (typeof line === 'string') addLogLine(message, line);
+    else message.activity.push(line);
+  }
+  return message;
+}
+
+// A line of the answer's task log: a step of its activity, or a detail.
+function addLogLine(answer: ChatMessage, line: string): void {
+  const read = readAssistantLogLine(line);
+  if (read.kind === 'activity') {
+    if (answer.activity.length < kActivityKept) answer.activity.push({ text: read.text, tone: read.tone });
+  } else if (read.text.trim() !== '' && answer.details.length < kDetailsKept) {
+    answer.details.push(read.text.length > kDetailCharacters ? read.text.slice(0, kDetailCharacters) + '…' : read.text);
+  }
 }
 
 function toRecord(message: ChatMessage): MessageRecord {
@@ -43,6 +75,8 @@ function toRecord(message: ChatMessage): MessageRecord {
 export class ConversationsStore extends Observable {
   private readonly conversations = new Map<string, Conversation>();
   private readonly byTask = new Map<string, ChatMessage>();
+  // The tool uses of the answers being written, until someone decides them.
+  private readonly toolUses = new Map<string, { answer: ChatMessage; text: string }>();
   private readonly loadedScopes = new Set<string>();
 
   private readonly db: Promise<ConversationDB | null>;
@@ -107,7 +141,7 @@ export class ConversationsStore extends Observable {
     const messages = conversation.messages!;
     if (messages.length === 0) conversation.title = titleOf(prompt);
     const at = this.now();
-    const base = { conversationId, taskId: '', activity: [], error: '', at, chunks: [] };
+    const base = { conversationId, taskId: '', activity: [], details: [], error: '', at, chunks: [] };
     const question: ChatMessage = { ...base, index: messages.length, role: 'user', text: prompt, status: 'done' };
     const answer: ChatMessage = { ...base, index: messages.length + 1, role: 'assistant', text: '', status: 'streaming' };
     messages.push(question, answer);
@@ -142,19 +176,30 @@ export class ConversationsStore extends Observable {
       this.missed(message.agentId, new Map(message.snapshot.tasks.map((task) => [task.taskId, task.status])));
       return;
     }
-    if (!('taskId' in message) || message.type === 'permission.request') return;
+    if (message.type === 'permission.resolved') {
+      this.toolUseResolved(message.requestId, message.decision, message.reason);
+      return;
+    }
+    if (!('taskId' in message)) return;
     const answer = this.byTask.get(message.taskId);
     if (!answer) return;
     switch (message.type) {
+      case 'permission.request':
+        this.toolUses.set(message.requestId, { answer, text: toolUseText(message.toolName, message.toolInput) });
+        return;
       case 'task.chat.chunk':
         answer.chunks.push(message.chunk);
         break;
-      case 'task.chat.final':
-        // The final text is the whole answer; it wins when the stream said something else.
-        if (answer.chunks.join('').trim() !== message.text) answer.chunks = [message.text];
+      case 'task.chat.final': {
+        // The final text is the answer's last part (Claude's) or the whole of it (Codex's):
+        // it wins only when the stream said something else, so that what was said before a
+        // tool use stays.
+        const streamed = answer.chunks.join('').trim();
+        if (!streamed.endsWith(message.text.trim())) answer.chunks = [message.text];
         break;
+      }
       case 'task.log':
-        answer.activity.push(message.line);
+        addLogLine(answer, message.line);
         break;
       case 'task.chat.error':
         answer.error = message.message;
@@ -174,9 +219,26 @@ export class ConversationsStore extends Observable {
     this.changed();
   }
 
+  // A tool use of an answer, allowed or denied (by whom, or why nobody decided), as one
+  // line of the answer's activity.
+  private toolUseResolved(requestId: string, decision: 'allow' | 'deny', reason: string): void {
+    const use = this.toolUses.get(requestId);
+    if (!use) return;
+    this.toolUses.delete(requestId);
+    const why = decision === 'deny' ? kDenyReasons[reason] : undefined;
+    const text = `${decision === 'allow' ? 'Allowed' : 'Denied'} ${use.text}${why ? ` (${why})` : ''}`;
+    const answer = use.answer;
+    if (answer.activity.length < kActivityKept) answer.activity.push({ text, tone: decision === 'allow' ? 'allowed' : 'denied' });
+    // An answer that ended first is kept with it.
+    const conversation = this.conversations.get(answer.conversationId);
+    if (answer.status !== 'streaming' && conversation) void this.persist(conversation, [answer]);
+    this.changed();
+  }
+
   async clear(): Promise<void> {
     this.conversations.clear();
     this.byTask.clear();
+    this.toolUses.clear();
     this.loadedScopes.clear();
     await (await this.db)?.clear();
     this.changed();

@@ -1,5 +1,7 @@
+import { CodexEventReader } from '../protocol/codex_events';
 import type { AgentSnapshot, Proposal, ServerMessage, TaskPayload } from '../protocol/messages';
 import type { Seqs } from '../protocol/relay_client';
+import { readAssistantLogLine, readCommandLogLine, type ActivityLine, type TaskLogLine } from '../protocol/task_log';
 import { LogLines } from './log_lines';
 import { Observable, readJSON, type KeyValueStorage } from './observable';
 
@@ -17,13 +19,35 @@ const kEndedKeptPerAgent = 20;
 // again"): the relay gives back a task's messages, not its request.
 const kPayloadsKey = 'brinmoor.taskPayloads';
 const kPayloadsKept = 50;
+// When this page saw its newest tasks start, wait for a review and end, and whether it
+// asked to cancel them, kept for the next page: no message carries a time, and a replay
+// comes at once, so only what a page saw as it happened can say how long a task took.
+export const kTimesKey = 'brinmoor.taskTimes';
+const kTimesKept = 50;
+// The time limit the agent gives a task that names none.
+export const kAgentTimeLimitSec = 1200;
+// How many of the agent's own lines (and an assistant's command output) a task keeps.
+const kDetailsKept = 2000;
+const kActivityKept = 1000;
 
 export interface TaskProposal extends Proposal {
   needsApproval: boolean;
   decision?: 'approve' | 'reject';
 }
 
-export interface Task {
+// What the page saw of a task as it happened (times in ms since 1970).
+export interface TaskTimes {
+  startedAt?: number;
+  awaitingAt?: number; // when its proposal began to wait for a review
+  endedAt?: number;
+  cancelAsked?: boolean; // this page asked the agent to cancel it
+}
+
+// How a task ended, in the words a person reads: the agent cancels a task that reached its
+// time limit as it cancels one it was asked to, and fails a proposal that was rejected.
+export type TaskEnd = 'finished' | 'cancelled' | 'timed_out' | 'rejected' | 'failed' | 'lost';
+
+export interface Task extends TaskTimes {
   taskId: string;
   agentId: string;
   kind: TaskKind;
@@ -34,10 +58,11 @@ export interface Task {
   exitCode?: number;
   error?: string;
   errorCode?: string;
-  createdAt: number;
-  startedAt?: number;
-  endedAt?: number;
-  log: LogLines;
+  log: LogLines; // the program's own output
+  details: LogLines; // the agent's bookkeeping, and what an assistant's commands printed
+  activity: ActivityLine[]; // what an assistant did, in plain words
+  answer: string; // what Codex said in a plan, as Markdown
+  programStarted: boolean; // "task.started" came: what follows is the program's
   commentary: string;
   progress?: { phase: string; message: string; percent: number };
   proposal?: TaskProposal;
@@ -79,12 +104,55 @@ export function taskTitle(payload: TaskPayload | null): string {
     case 'ai_task':
       return payload.prompt ?? 'Proposed change';
     default:
-      return 'Build: ' + payload.action;
+      // The registration names build actions without a label of their own.
+      return 'Build';
   }
 }
 
 export function isEnded(status: TaskStatus): boolean {
   return status === 'finished' || status === 'failed' || status === 'cancelled' || status === 'lost';
+}
+
+// How long a task has run, or ran: null when the page did not see it start, or did not see
+// it end (it ended while the page was away, or is known from a snapshot).
+export function runTime(task: Task, now: number): number | null {
+  if (task.startedAt === undefined) return null;
+  if (!isEnded(task.status)) return Math.max(0, now - task.startedAt);
+  return task.endedAt === undefined ? null : Math.max(0, task.endedAt - task.startedAt);
+}
+
+function reachedLimit(task: Task, from: number | undefined): boolean {
+  if (from === undefined || task.endedAt === undefined) return false;
+  const limitMs = (task.payload?.timeoutSec ?? kAgentTimeLimitSec) * 1000;
+  // The page sees a start and an end when they reach it, each late by its own delay.
+  return limitMs > 0 && task.endedAt - from >= limitMs - Math.max(1000, limitMs * 0.05);
+}
+
+export function taskEnd(task: Task): TaskEnd | null {
+  switch (task.status) {
+    case 'finished':
+    case 'lost':
+      return task.status;
+    case 'cancelled':
+      return !task.cancelAsked && reachedLimit(task, task.startedAt) ? 'timed_out' : 'cancelled';
+    case 'failed':
+      if (task.errorCode !== 'APPROVAL_REJECTED') return 'failed';
+      // Nobody deciding in time counts as a rejection too.
+      return task.proposal?.decision !== 'reject' && reachedLimit(task, task.awaitingAt) ? 'timed_out' : 'rejected';
+    default:
+      return null;
+  }
+}
+
+// What applying a change came to ("Applied the approved changes to 1 file."), without the
+// commentary the agent repeats after it.
+export function changeResult(task: Task): string {
+  const result = task.artifacts.filter((artifact) => artifact.kind === 'result').pop()?.summary.trim() ?? '';
+  const commentary = (task.proposal?.proposalCommentary || task.commentary).trim();
+  if (commentary !== '' && result.endsWith(commentary) && result.length > commentary.length) {
+    return result.slice(0, result.length - commentary.length).trim();
+  }
+  return result;
 }
 
 // The tasks of this session: those this page started, and those it saw others start.
@@ -93,6 +161,11 @@ export class TasksStore extends Observable {
   // Tasks whose end this page received; any other may have said more than the page has.
   private readonly endSeen = new Set<string>();
   private payloads: Record<string, TaskPayload>;
+  private times: Record<string, TaskTimes>;
+  // Per agent, the seq of the newest message the relay had when this socket said hello:
+  // a message up to it is a replay of something that happened earlier.
+  private readonly replayedUpTo = new Map<string, number>();
+  private readonly codex = new Map<string, CodexEventReader>();
 
   constructor(
     private readonly sender: TaskSender,
@@ -102,6 +175,7 @@ export class TasksStore extends Observable {
   ) {
     super();
     this.payloads = readJSON(storage, kPayloadsKey, {});
+    this.times = readJSON(storage, kTimesKey, {});
   }
 
   get(taskId: string): Task | undefined {
@@ -127,7 +201,10 @@ export class TasksStore extends Observable {
   }
 
   cancel(task: Task): boolean {
-    return this.sender.cancelTask(task.agentId, task.taskId);
+    if (!this.sender.cancelTask(task.agentId, task.taskId)) return false;
+    task.cancelAsked = true;
+    this.noteTimes(task);
+    return true;
   }
 
   decide(task: Task, approve: boolean): boolean {
@@ -156,7 +233,10 @@ export class TasksStore extends Observable {
 
   handle(message: ServerMessage): void {
     if (message.type === 'server.hello') {
-      for (const agent of message.agents) this.applySnapshot(agent.agentId, agent.snapshot, agent.seq, false);
+      for (const agent of message.agents) {
+        this.replayedUpTo.set(agent.agentId, agent.seq);
+        this.applySnapshot(agent.agentId, agent.snapshot, agent.seq, false);
+      }
       this.changed();
       return;
     }
@@ -170,13 +250,21 @@ export class TasksStore extends Observable {
     const task = this.ensure(message.taskId, message.agentId, null);
     const seq = 'seq' in message ? message.seq : undefined;
     if (seq !== undefined && seq - 1 < (task.since ?? Infinity)) task.since = seq - 1;
+    // When a message is not a replay, the page sees it as it happens.
+    const live = seq === undefined || seq > (this.replayedUpTo.get(message.agentId) ?? -Infinity);
+    const stamp = (name: 'startedAt' | 'awaitingAt' | 'endedAt') => {
+      if (!live || task[name] !== undefined) return;
+      task[name] = this.now();
+      this.noteTimes(task);
+    };
     switch (message.type) {
       case 'task.started':
         task.status = task.status === 'starting' ? 'running' : task.status;
-        task.startedAt ??= this.now();
+        task.programStarted = true;
+        stamp('startedAt');
         break;
       case 'task.log':
-        task.log.output(message.line);
+        this.readLine(task, message.line);
         break;
       case 'task.commentary':
         task.commentary = message.text;
@@ -193,19 +281,20 @@ export class TasksStore extends Observable {
         const { proposalId, proposalSummary, proposalCommentary, proposalDiff, proposalFiles } = message;
         const needsApproval = message.type === 'task.awaiting_approval';
         task.proposal = { proposalId, proposalSummary, proposalCommentary, proposalDiff, proposalFiles, needsApproval };
-        if (needsApproval) task.status = 'awaiting_approval';
+        if (needsApproval && !isEnded(task.status)) {
+          task.status = 'awaiting_approval';
+          stamp('awaitingAt');
+        }
         break;
       }
       case 'task.finished':
-        this.end(task, 'finished', message.exitCode);
-        break;
       case 'task.cancelled':
-        this.end(task, 'cancelled', message.exitCode);
-        break;
       case 'task.failed':
-        this.end(task, 'failed', message.exitCode);
-        task.error = message.error;
-        task.errorCode = message.errorCode;
+        // The first end counts: a cancelled task's process may report its own end after.
+        if (this.endSeen.has(task.taskId)) break;
+        if (message.type === 'task.failed') Object.assign(task, { error: message.error, errorCode: message.errorCode });
+        this.end(task, message.type === 'task.finished' ? 'finished' : message.type === 'task.cancelled' ? 'cancelled' : 'failed', message.exitCode);
+        stamp('endedAt');
         break;
       default:
         break;
@@ -234,14 +323,11 @@ export class TasksStore extends Observable {
       if (known && !gap) continue;
       task.status = entry.status;
       if (entry.exitCode !== undefined) task.exitCode = entry.exitCode;
-      if (isEnded(entry.status)) task.endedAt ??= this.now();
-      else task.startedAt ??= this.now();
     }
     if (gap) {
       for (const task of this.tasks.values()) {
         if (task.agentId !== agentId || named.has(task.taskId) || isEnded(task.status)) continue;
         task.status = 'lost';
-        task.endedAt = this.now();
         task.log.notice(kMissedOutputNotice);
       }
     }
@@ -256,8 +342,38 @@ export class TasksStore extends Observable {
   private end(task: Task, status: TaskStatus, exitCode: number): void {
     task.status = status;
     task.exitCode = exitCode;
-    task.endedAt = this.now();
     this.endSeen.add(task.taskId);
+  }
+
+  // A line of the task's log, where the agent's own words stand among the program's output.
+  private readLine(task: Task, line: string): void {
+    let read: TaskLogLine[];
+    if (task.kind === 'ai_task' || task.kind === 'chat') {
+      // A plan by Codex prints its events as they are: they make its answer.
+      let codex = this.codex.get(task.taskId);
+      if (!codex && task.kind === 'ai_task' && line.startsWith('{"type":')) this.codex.set(task.taskId, (codex = new CodexEventReader()));
+      read = codex?.read(line) ?? [readAssistantLogLine(line)];
+      if (codex) task.answer = codex.answer;
+    } else {
+      read = [readCommandLogLine(line, task.programStarted)];
+    }
+    for (const entry of read) {
+      if (entry.kind === 'output') task.log.output(entry.text);
+      else if (entry.kind === 'detail') task.details.push(entry.text);
+      else if (task.activity.length < kActivityKept) task.activity.push({ text: entry.text, tone: entry.tone });
+    }
+  }
+
+  private noteTimes(task: Task): void {
+    const { startedAt, awaitingAt, endedAt, cancelAsked } = task;
+    const { [task.taskId]: _old, ...others } = this.times;
+    const kept = Object.entries(others).slice(1 - kTimesKept);
+    this.times = Object.fromEntries([...kept, [task.taskId, { startedAt, awaitingAt, endedAt, cancelAsked }]]);
+    try {
+      this.storage.setItem(kTimesKey, JSON.stringify(this.times));
+    } catch {
+      // a full storage costs the next page these times only
+    }
   }
 
   private remember(taskId: string, payload: TaskPayload): void {
@@ -282,8 +398,12 @@ export class TasksStore extends Observable {
         payload,
         projectPath: payload?.projectPath ?? '',
         status: 'starting',
-        createdAt: this.now(),
+        ...this.times[taskId],
         log: new LogLines(this.logCapacity),
+        details: new LogLines(kDetailsKept),
+        activity: [],
+        answer: '',
+        programStarted: false,
         commentary: '',
         artifacts: [],
       };

@@ -1,8 +1,11 @@
 import { lazy, Suspense } from 'preact/compat';
-import { useState } from 'preact/hooks';
+import { useMemo, useState } from 'preact/hooks';
 import { useStores } from '../lib/use_store';
 import { kSystems } from '../stores/conversations_store';
-import type { Task } from '../stores/tasks_store';
+import { changeResult, isEnded, taskEnd, type Task } from '../stores/tasks_store';
+import { Activity } from './Activity';
+import { DetailsRow } from './DetailsRow';
+import { MarkdownView } from './MarkdownView';
 import type { ProjectProps } from './ProjectView';
 import { taskStatusText, useElapsed } from './TasksView';
 import { TaskLog } from './TaskLog';
@@ -63,7 +66,7 @@ export function ChangesView({ state, agentId, projectPath }: ProjectProps) {
         <ul class="task-history" aria-label="Change requests">
           {tasks.map((task) => (
             <li key={task.taskId}>
-              <button class={'task-item ' + task.status + (task === chosen ? ' current' : '')} onClick={() => state.navigation.go({ taskId: task.taskId })}>
+              <button class={'task-item ' + (taskEnd(task) ?? task.status) + (task === chosen ? ' current' : '')} onClick={() => state.navigation.go({ taskId: task.taskId })}>
                 <span class="task-title">{task.title}</span>
                 <span class="task-state">{taskStatusText(task)}</span>
               </button>
@@ -80,23 +83,25 @@ export function ChangesView({ state, agentId, projectPath }: ProjectProps) {
 function ChangeDetail({ state, task }: { state: ProjectProps['state']; task: Task }) {
   const elapsed = useElapsed(task);
   const proposal = task.proposal;
-  const result = task.artifacts.filter((a) => a.kind === 'result').pop();
+  const ended = isEnded(task.status);
+  const end = taskEnd(task);
+  const commentary = proposal?.proposalCommentary || task.commentary;
+  const result = changeResult(task);
   const deciding = proposal?.needsApproval && proposal.decision === undefined && task.status === 'awaiting_approval';
   return (
     <div class="task-detail change-detail" data-task={task.taskId}>
       <header class="task-head">
         <span class="task-title">{task.title}</span>
-        <span class={'task-status ' + task.status}>{taskStatusText(task)}</span>
-        <span class="muted">{elapsed}</span>
+        <span class={'task-status ' + (end ?? task.status)}>{taskStatusText(task)}</span>
+        {elapsed && <span class="muted task-duration">{elapsed}</span>}
       </header>
-      {task.progress && !proposal && <p class="progress-text">{task.progress.message}</p>}
-      {task.commentary && !proposal && <p class="commentary">{task.commentary}</p>}
+      {task.progress && !ended && !proposal && !commentary && !task.answer && <p class="progress-text">{task.progress.message}</p>}
+      <Activity lines={task.activity} />
+      {task.answer && <Answer text={task.answer} streaming={!ended} />}
+      {commentary && <Answer text={commentary} streaming={!ended && !proposal} />}
       {proposal && (
         <section class="proposal">
-          {proposal.proposalCommentary && <p class="commentary">{proposal.proposalCommentary}</p>}
-          {proposal.proposalSummary !== proposal.proposalCommentary && (
-            <p class="muted proposal-summary">{proposal.proposalSummary}</p>
-          )}
+          {!sayAlready(commentary, proposal.proposalSummary) && <p class="muted proposal-summary">{proposal.proposalSummary}</p>}
           {deciding && (
             <div class="actions sticky-actions">
               <button class="danger" onClick={() => state.tasks.decide(task, false)}>
@@ -108,7 +113,7 @@ function ChangeDetail({ state, task }: { state: ProjectProps['state']; task: Tas
             </div>
           )}
           {!proposal.needsApproval && <p class="note">Proposed only: this proposal is not applied from here.</p>}
-          {proposal.decision && (
+          {proposal.decision && !ended && (
             <p class="note decision">{proposal.decision === 'approve' ? 'Approved' : 'Rejected'}</p>
           )}
           <Suspense fallback={<div class="loading">Loading the diff…</div>}>
@@ -116,18 +121,36 @@ function ChangeDetail({ state, task }: { state: ProjectProps['state']; task: Tas
           </Suspense>
         </section>
       )}
-      {result && <p class="result">{result.summary}</p>}
-      {task.error && (
+      {result && <p class="result">{result}</p>}
+      {task.error && (end === null || end === 'failed') && (
         <p class="error" role="alert">
           {task.error}
         </p>
       )}
-      {(!proposal || task.log.length > 0) && (
-        <details class="change-log" open={!proposal}>
-          <summary>Output · {task.log.length} lines</summary>
-          <TaskLog log={task.log} version={state.tasks.version} />
+      <DetailsRow key={task.taskId} lines={task.details} version={state.tasks.version} />
+      {(task.log.length > 0 || (!proposal && !task.answer && !commentary)) && (
+        <details class="change-log" open={!proposal && !task.answer && !commentary}>
+          <summary>Output · {task.log.length === 1 ? '1 line' : `${task.log.length} lines`}</summary>
+          <TaskLog log={task.log} version={state.tasks.version} ended={isEnded(task.status)} />
         </details>
       )}
+    </div>
+  );
+}
+
+// Whether `text` says `line` already (a summary is the first line of its commentary, cut
+// short with "…" when long).
+function sayAlready(text: string, line: string): boolean {
+  const said = line.trim().replace(/…$/, '');
+  return said === '' || text.includes(said);
+}
+
+// What an assistant said about a change or a plan, as Markdown.
+function Answer({ text, streaming }: { text: string; streaming: boolean }) {
+  const chunks = useMemo(() => [text], [text]);
+  return (
+    <div class="commentary">
+      <MarkdownView chunks={chunks} streaming={streaming} />
     </div>
   );
 }

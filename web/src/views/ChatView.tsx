@@ -3,12 +3,13 @@ import { useStores } from '../lib/use_store';
 import type { ChatMessage, Conversation } from '../stores/conversations_store';
 import { kSystems } from '../stores/conversations_store';
 import { kMissedOutputNotice } from '../stores/tasks_store';
+import { Activity } from './Activity';
+import { DetailsRow } from './DetailsRow';
 import { Icon } from './icons';
 import { MarkdownView } from './MarkdownView';
 import type { ProjectProps } from './ProjectView';
 
 const kSystemNames: Record<string, string> = { claude: 'Claude', codex: 'Codex' };
-const kActivityShown = 200;
 
 // Chats with the assistants in one project: the conversations kept in this browser, and
 // the open one with its answer streaming in.
@@ -158,7 +159,7 @@ function MessageView({ message, onCancel }: { message: ChatMessage; onCancel: ()
   const streaming = message.status === 'streaming';
   return (
     <div class={'message assistant ' + message.status} data-task={message.taskId}>
-      {message.activity.length > 0 && <Activity lines={message.activity} />}
+      <Activity lines={message.activity} />
       <MarkdownView chunks={message.chunks} streaming={streaming} />
       {streaming && message.chunks.length === 0 && <div class="typing" aria-label="Waiting for the answer" />}
       {message.error && (
@@ -173,27 +174,7 @@ function MessageView({ message, onCancel }: { message: ChatMessage; onCancel: ()
           Stop
         </button>
       )}
+      <DetailsRow lines={message.details} version={message.details.length} />
     </div>
-  );
-}
-
-// Tool activity and diagnostics, one compact line each, folded away by default.
-function Activity({ lines }: { lines: string[] }) {
-  const shown = lines.slice(-kActivityShown);
-  return (
-    <details class="activity">
-      <summary>
-        <span class="activity-count">{lines.length === 1 ? '1 step' : `${lines.length} steps`}</span>
-        <span class="activity-last">{lines[lines.length - 1]}</span>
-      </summary>
-      {lines.length > shown.length && <div class="note">{lines.length - shown.length} earlier lines not shown</div>}
-      <ol>
-        {shown.map((line, index) => (
-          <li key={index} class={line.startsWith('[') && /error|failed/.test(line.slice(0, 24)) ? 'bad' : ''}>
-            {line}
-          </li>
-        ))}
-      </ol>
-    </details>
   );
 }

@@ -6,7 +6,7 @@ const kOverscan = 20;
 
 // A task's output, however long: only the lines in view are in the page, and the view
 // follows new output while the user is at the bottom.
-export function TaskLog({ log, version }: { log: LogLines; version: number }) {
+export function TaskLog({ log, version, ended = false }: { log: LogLines; version: number; ended?: boolean }) {
   const scroller = useRef<HTMLDivElement>(null);
   const pinned = useRef(true);
   const [view, setView] = useState({ top: 0, height: 600 });
@@ -51,7 +51,7 @@ export function TaskLog({ log, version }: { log: LogLines; version: number }) {
       <div class="log-space" style={{ height: rows * kRowHeight }}>
         {lines}
       </div>
-      {rows === 0 && <div class="muted log-empty">No output yet.</div>}
+      {rows === 0 && <div class="muted log-empty">{ended ? 'No output.' : 'No output yet.'}</div>}
     </div>
   );
 }

@@ -1,6 +1,7 @@
 import { useEffect, useState } from 'preact/hooks';
 import { useStores } from '../lib/use_store';
-import { isEnded, type Task } from '../stores/tasks_store';
+import { isEnded, runTime, taskEnd, type Task } from '../stores/tasks_store';
+import { DetailsRow } from './DetailsRow';
 import { duration } from './names';
 import type { ProjectProps } from './ProjectView';
 import { TaskLog } from './TaskLog';
@@ -14,18 +15,24 @@ export function taskStatusText(task: Task): string {
       return 'Running…';
     case 'awaiting_approval':
       return 'Waiting for your review';
+  }
+  switch (taskEnd(task)) {
     case 'finished':
-      return 'Finished · exit ' + (task.exitCode ?? 0);
+      return 'Finished';
     case 'cancelled':
-      return 'Cancelled · exit ' + (task.exitCode ?? '');
-    case 'failed':
-      return 'Failed · exit ' + (task.exitCode ?? '');
+      return 'Cancelled';
+    case 'timed_out':
+      return 'Timed out';
+    case 'rejected':
+      return 'Rejected';
     case 'lost':
       return 'Ended unseen: the agent no longer knew it';
+    default:
+      return task.exitCode === undefined ? 'Failed' : 'Failed · exit ' + task.exitCode;
   }
 }
 
-// The time a task took, or has taken so far.
+// The time a task took, or has taken so far; nothing when the page did not see it.
 export function useElapsed(task: Task | undefined): string {
   const [, setNow] = useState(0);
   const running = task !== undefined && !isEnded(task.status);
@@ -34,9 +41,8 @@ export function useElapsed(task: Task | undefined): string {
     const timer = setInterval(() => setNow(Date.now()), 1000);
     return () => clearInterval(timer);
   }, [running]);
-  if (!task) return '';
-  const start = task.startedAt ?? task.createdAt;
-  return duration(Math.max(0, (task.endedAt ?? Date.now()) - start));
+  const ms = task ? runTime(task, Date.now()) : null;
+  return ms === null ? '' : duration(ms);
 }
 
 // Shell commands and builds in the project: a form to run one, their history in this
@@ -97,7 +103,7 @@ export function TasksView({ state, agentId, projectPath }: ProjectProps) {
           {tasks.map((task) => (
             <li key={task.taskId}>
               <button
-                class={'task-item ' + task.status + (task === chosen ? ' current' : '')}
+                class={'task-item ' + (taskEnd(task) ?? task.status) + (task === chosen ? ' current' : '')}
                 onClick={() => state.navigation.go({ taskId: task.taskId })}
               >
                 <span class="task-title mono">{task.title}</span>
@@ -120,8 +126,8 @@ function TaskDetail({ state, task, rerun }: { state: ProjectProps['state']; task
     <div class="task-detail" data-task={task.taskId}>
       <header class="task-head">
         <span class="task-title mono">{task.title}</span>
-        <span class={'task-status ' + task.status}>{taskStatusText(task)}</span>
-        <span class="muted">{elapsed}</span>
+        <span class={'task-status ' + (taskEnd(task) ?? task.status)}>{taskStatusText(task)}</span>
+        {elapsed && <span class="muted task-duration">{elapsed}</span>}
         {ended ? (
           task.payload && (
             <button class="secondary" onClick={rerun}>
@@ -139,7 +145,8 @@ function TaskDetail({ state, task, rerun }: { state: ProjectProps['state']; task
           {task.error}
         </p>
       )}
-      <TaskLog log={task.log} version={state.tasks.version} />
+      <DetailsRow key={task.taskId} lines={task.details} version={state.tasks.version} />
+      <TaskLog log={task.log} version={state.tasks.version} ended={isEnded(task.status)} />
     </div>
   );
 }
