@@ -293,7 +293,7 @@ test('a long diff on a phone: line numbers stay with their lines, long lines wra
     await longDiffChecks();
   } finally {
     await click('.change-detail .actions button', 'Reject');
-    await waitIncludes('.change-detail .error', 'changes rejected by client approval');
+    await waitText('.change-detail .task-status', 'Rejected');
   }
 });
 
