@@ -140,6 +140,21 @@ test('runs a shell task and shows its output, exit status and history', async ()
   await waitIncludes('.task-detail .task-status', 'Failed · exit 3');
 });
 
+test('a long task output scrolls by the keyboard', async () => {
+  await page.click('input[name=command]', { clickCount: 3 });
+  await page.keyboard.press('Backspace');
+  await type('input[name=command]', 'seq 1 400');
+  await click('.run-form button', 'Run');
+  await waitText('.task-detail .task-status', 'Finished');
+  assert.equal(await page.$eval('.task-log', (log) => [log.getAttribute('aria-label'), log.tabIndex].join(' ')), 'Output 0');
+  // Pinned to the newest line; focused, Home goes to the top.
+  await page.focus('.task-log');
+  assert.equal(await page.evaluate(() => document.activeElement.className), 'task-log');
+  assert.ok(await page.$eval('.task-log', (log) => log.scrollTop > 0));
+  await page.keyboard.press('Home');
+  await page.waitForFunction(() => document.querySelector('.task-log').scrollTop === 0);
+});
+
 test('chats with claude: the answer streams in, and the next message continues the conversation', async () => {
   world.fakeFile('claude.stream', claudeStream(['Hello', ' from **Claude**.', '\n\n```js\nconst x = 1;\n```\n']));
   await click('button[role=tab]', 'Chat');
@@ -301,6 +316,7 @@ async function longDiffChecks() {
   await page.waitForSelector('.change-detail .diff-body .d2h-ins');
   // Unified, and nothing to scroll sideways: the long line wraps.
   assert.equal(await page.$('.change-detail .d2h-file-side-diff'), null);
+  assert.equal(await page.$eval('.change-detail .diff-body', (body) => [body.getAttribute('aria-label'), body.tabIndex].join(' ')), 'Changes to long.txt 0');
   assert.ok(await page.$eval('.change-detail .diff-body', (body) => body.scrollWidth <= body.clientWidth));
   const before = await gutters();
   // The hunk's header and its 120 lines.
@@ -408,6 +424,36 @@ test('the key bar sends control keys', async () => {
   await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('after-5'));
 });
 
+test('the key bar sends Home, End, Page Up and Down, Ctrl-C, Ctrl-D and Ctrl-Z', async () => {
+  // The shell reads the keys raw and prints their bytes.
+  await typeInTerminal("stty raw -echo; head -c 17 | od -An -tx1 | tr -d ' \\n'; stty sane; echo");
+  await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes("stty sane; echo"));
+  const labels = await page.$$eval('.key-bar button', (buttons) => buttons.map((button) => [button.textContent, button.getAttribute('aria-label')]));
+  assert.deepEqual(labels, [
+    ['Esc', 'Escape'],
+    ['Tab', 'Tab'],
+    ['Ctrl', 'Control'],
+    ['←', 'Left'],
+    ['↑', 'Up'],
+    ['↓', 'Down'],
+    ['→', 'Right'],
+    ['Home', 'Home'],
+    ['End', 'End'],
+    ['PgUp', 'Page Up'],
+    ['PgDn', 'Page Down'],
+    ['^C', 'Control C'],
+    ['^D', 'Control D'],
+    ['^Z', 'Control Z'],
+    ['|', 'Bar'],
+    ['~', 'Tilde'],
+    ['/', 'Slash'],
+  ]);
+  for (const name of ['Home', 'End', 'Page Up', 'Page Down', 'Control C', 'Control D', 'Control Z']) {
+    await (await page.$(`.key-bar button[aria-label="${name}"]`)).click();
+  }
+  await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('1b5b481b5b461b5b357e1b5b367e03041a'));
+});
+
 test('a terminal left for another tab shows its output and prompt on return', async () => {
   await click('button[role=tab]', 'Tasks');
   await page.waitForFunction(() => !document.querySelector('.xterm-rows'));
@@ -421,6 +467,7 @@ test('a line-mode terminal completes a path, runs the line and keeps a history',
   await click('.terminal-head button', 'Close');
   await click('.terminal-start button', 'Line mode');
   await page.waitForSelector('.terminal-head .status-dot.online');
+  assert.equal(await page.$eval('input[name=line]', (input) => input.getAttribute('aria-label')), 'Command line');
   await type('input[name=line]', 'ls Pack');
   await page.keyboard.press('Tab');
   await page.waitForFunction(() => document.querySelector('input[name=line]').value === 'ls Package.swift');

@@ -54,7 +54,14 @@ export default function ProposalReview({ diff }: { diff: string }) {
                 <span class="added">+{file.addedLines}</span> <span class="deleted">−{file.deletedLines}</span>
               </span>
             </summary>
-            <div class="diff-body" dangerouslySetInnerHTML={{ __html: rendered[index] }} />
+            <div
+              class="diff-body"
+              role="region"
+              aria-label={`Changes to ${name}`}
+              // Scrolled by the keyboard too once focused.
+              tabIndex={0}
+              dangerouslySetInnerHTML={{ __html: rendered[index] }}
+            />
           </details>
         );
       })}

@@ -42,6 +42,9 @@ export function TaskLog({ log, version, ended = false }: { log: LogLines; versio
       class="task-log"
       ref={scroller}
       role="log"
+      aria-label="Output"
+      // Scrolled by the keyboard too (arrows, Page Up and Down) once focused.
+      tabIndex={0}
       onScroll={(event) => {
         const element = event.currentTarget;
         pinned.current = element.scrollHeight - element.scrollTop - element.clientHeight < kRowHeight * 2;

@@ -19,6 +19,13 @@ const kKeys: { label: string; data?: string; ctrl?: true; name: string }[] = [
   { label: '↑', data: '\x1b[A', name: 'Up' },
   { label: '↓', data: '\x1b[B', name: 'Down' },
   { label: '→', data: '\x1b[C', name: 'Right' },
+  { label: 'Home', data: '\x1b[H', name: 'Home' },
+  { label: 'End', data: '\x1b[F', name: 'End' },
+  { label: 'PgUp', data: '\x1b[5~', name: 'Page Up' },
+  { label: 'PgDn', data: '\x1b[6~', name: 'Page Down' },
+  { label: '^C', data: '\x03', name: 'Control C' },
+  { label: '^D', data: '\x04', name: 'Control D' },
+  { label: '^Z', data: '\x1a', name: 'Control Z' },
   { label: '|', data: '|', name: 'Bar' },
   { label: '~', data: '~', name: 'Tilde' },
   { label: '/', data: '/', name: 'Slash' },
@@ -268,6 +275,7 @@ function LineEditor({
         <input
           ref={input}
           name="line"
+          aria-label="Command line"
           class="mono"
           autocapitalize="off"
           autocomplete="off"
