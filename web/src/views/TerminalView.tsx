@@ -12,17 +12,17 @@ import type { ProjectProps } from './ProjectView';
 type State = ProjectProps['state'];
 
 const kKeys: { label: string; data?: string; ctrl?: true; name: string }[] = [
-  { label: 'Esc', data: '\x1b', name: 'Escape' },
+  { label: 'Esc', data: '\x1b', name: 'Esc' },
   { label: 'Tab', data: '\t', name: 'Tab' },
-  { label: 'Ctrl', ctrl: true, name: 'Control' },
+  { label: 'Ctrl', ctrl: true, name: 'Ctrl' },
   { label: '←', data: '\x1b[D', name: 'Left' },
   { label: '↑', data: '\x1b[A', name: 'Up' },
   { label: '↓', data: '\x1b[B', name: 'Down' },
   { label: '→', data: '\x1b[C', name: 'Right' },
   { label: 'Home', data: '\x1b[H', name: 'Home' },
   { label: 'End', data: '\x1b[F', name: 'End' },
-  { label: 'PgUp', data: '\x1b[5~', name: 'Page Up' },
-  { label: 'PgDn', data: '\x1b[6~', name: 'Page Down' },
+  { label: 'PgUp', data: '\x1b[5~', name: 'PgUp' },
+  { label: 'PgDn', data: '\x1b[6~', name: 'PgDn' },
   { label: '^C', data: '\x03', name: 'Control C' },
   { label: '^D', data: '\x04', name: 'Control D' },
   { label: '^Z', data: '\x1a', name: 'Control Z' },
