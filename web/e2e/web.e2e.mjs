@@ -256,6 +256,14 @@ test('a proposal is reviewed as a diff, and Approve applies it', async () => {
   world.fakeFile('codex.script', 'print bye > greeting.txt\n');
   world.fakeFile('codex.stream', codexStream([kExplanation], 'th-p'));
   await propose('Say bye');
+  // Only Codex, which works on a copy, is asked for changes here.
+  assert.deepEqual(await page.$$eval('.change-form .segmented', (groups) => groups.map((g) => [g.getAttribute('aria-label'), g.innerText.split('\n')])), [
+    ['Mode', ['Propose changes', 'Plan only']],
+  ]);
+  assert.equal(
+    await textOf('.change-form .change-note'),
+    'Codex works on a copy of the project: you review its changes before any is applied. Claude works in Chat, where you approve each tool use.',
+  );
   await byText('.change-detail .actions button', 'Approve');
   await page.waitForSelector('.change-detail .diff-file-name');
   assert.equal(await textOf('.change-detail .diff-file-name'), 'greeting.txt');

@@ -256,7 +256,6 @@ test('a plan by Codex reads as an answer, and a proposal\u2019s commentary as Ma
   const plan = '## Plan\n\n1. Read **Package.swift**\n2. Add a test';
   world.fakeFile('codex.stream', codexEvents([{ type: 'item.started', item: { id: 'm1', type: 'agent_message', text: '## Plan' } }, message(plan, 'm1')]));
   await tab('Changes');
-  await click('.change-form .segmented button', 'Codex');
   await click('.change-form .segmented button', 'Plan only');
   await page.type('textarea[name=change-prompt]', 'Plan a test');
   await click('.change-form button[type=submit]', 'Start');

@@ -1,7 +1,6 @@
 import { lazy, Suspense } from 'preact/compat';
 import { useMemo, useState } from 'preact/hooks';
 import { useStores } from '../lib/use_store';
-import { kSystems } from '../stores/conversations_store';
 import { changeResult, isEnded, taskEnd, type Task } from '../stores/tasks_store';
 import { Activity } from './Activity';
 import { DetailsRow } from './DetailsRow';
@@ -16,7 +15,10 @@ const ProposalReview = lazy(() => import('./ProposalReview'));
 // review before it touches the project.
 export function ChangesView({ state, agentId, projectPath }: ProjectProps) {
   useStores(state.tasks, state.navigation);
-  const [system, setSystem] = useState('codex');
+  // Codex works on a copy of the project and its change comes back as a proposal; Claude
+  // would edit the project itself, so it is offered in Chat, where each tool use is
+  // approved, and not here.
+  const system = 'codex';
   const [mode, setMode] = useState<'apply' | 'plan'>('apply');
   const [prompt, setPrompt] = useState('');
   const [problem, setProblem] = useState('');
@@ -37,13 +39,6 @@ export function ChangesView({ state, agentId, projectPath }: ProjectProps) {
     <div class="changes-view">
       <form class="change-form card" onSubmit={submit}>
         <div class="form-row">
-          <div class="segmented" role="radiogroup" aria-label="Assistant">
-            {kSystems.map((name) => (
-              <button type="button" key={name} role="radio" aria-checked={system === name} class={system === name ? 'current' : ''} onClick={() => setSystem(name)}>
-                {name === 'claude' ? 'Claude' : 'Codex'}
-              </button>
-            ))}
-          </div>
           <div class="segmented" role="radiogroup" aria-label="Mode">
             {(['apply', 'plan'] as const).map((name) => (
               <button type="button" key={name} role="radio" aria-checked={mode === name} class={mode === name ? 'current' : ''} onClick={() => setMode(name)}>
@@ -52,6 +47,10 @@ export function ChangesView({ state, agentId, projectPath }: ProjectProps) {
             ))}
           </div>
         </div>
+        <p class="muted change-note">
+          Codex works on a copy of the project: you review its changes before any is applied. Claude works in Chat, where
+          you approve each tool use.
+        </p>
         <textarea name="change-prompt" rows={3} placeholder="What should change?" value={prompt} onInput={(event) => setPrompt(event.currentTarget.value)} />
         <button type="submit" class="primary" disabled={prompt.trim() === ''}>
           Start
