@@ -126,6 +126,28 @@ test('pairs through the fragment and shows the agent and its project', async () 
   assert.equal(await textOf('.connection-text'), 'Connected');
 });
 
+test('a folder typed again is not listed twice, and one remembered here can be removed', async () => {
+  const projects = () => page.$$eval(`[data-agent="${kAgentId}"] .project-path`, (paths) => paths.map((p) => p.textContent));
+  for (const typed of ['App', './App/']) {
+    await type('input[name=folder]', typed);
+    await click('.folder-form button', 'Open');
+    await waitText('.topbar .title strong', 'App');
+    await click('.topbar button[aria-label=Projects]', '');
+  }
+  assert.deepEqual(await projects(), [world.project]);
+  assert.equal(await page.$(`[data-agent="${kAgentId}"] .forget-folder`), null);
+  await type('input[name=folder]', 'Lib');
+  await click('.folder-form button', 'Open');
+  await waitText('.topbar .title strong', 'Lib');
+  await click('.topbar button[aria-label=Projects]', '');
+  assert.deepEqual(await projects(), [world.project, 'Lib']);
+  assert.equal(await page.$eval('.forget-folder', (button) => button.getAttribute('aria-label')), 'Remove Lib');
+  await click('.forget-folder', '×');
+  await page.waitForFunction(() => document.querySelectorAll('.project-path').length === 1);
+  assert.deepEqual(await projects(), [world.project]);
+  assert.deepEqual(await page.evaluate(() => JSON.parse(localStorage.getItem('brinmoor.folders'))), { [kAgentId]: [] });
+});
+
 test('runs a shell task and shows its output, exit status and history', async () => {
   await click('.project .project-name', 'App');
   await click('button[role=tab]', 'Tasks');

@@ -72,6 +72,23 @@ describe('AgentsStore', () => {
     again.forgetFolder('a', 'web');
     expect(new AgentsStore(storage).projects('a')).toEqual([]);
   });
+
+  it('lists a folder once, however it was typed, and forgets only what it remembered', () => {
+    const store = new AgentsStore(new MemoryStorage());
+    store.handle(m({ type: 'server.hello', agents: [{ agentId: 'a', busy: false, registration, online: true }] }));
+    // The registration lists /r/App.
+    expect(store.rememberFolder('a', 'App')).toBe('/r/App');
+    expect(store.rememberFolder('a', './App/')).toBe('/r/App');
+    expect(store.rememberFolder('a', '/r//App')).toBe('/r/App');
+    expect(store.rememberFolder('a', 'web/')).toBe('web/');
+    expect(store.rememberFolder('a', '/r/web')).toBe('web/');
+    expect(store.projects('a')).toEqual(['/r/App', 'web/']);
+    expect(store.isRemembered('a', '/r/App')).toBe(false);
+    expect(store.isRemembered('a', 'web/')).toBe(true);
+    store.forgetFolder('a', '/r/App');
+    store.forgetFolder('a', 'web/');
+    expect(store.projects('a')).toEqual(['/r/App']);
+  });
 });
 
 describe('LogLines', () => {

@@ -30,23 +30,48 @@ export class AgentsStore extends Observable {
     return this.agents.get(agentId);
   }
 
-  // The registration's folders, then the ones remembered here.
+  // The registration's folders, then the ones remembered here that are not among them
+  // (whether typed as a path under the repository root or in full).
   projects(agentId: string): string[] {
     const listed = this.agents.get(agentId)?.registration?.projects ?? [];
-    const typed = (this.folders[agentId] ?? []).filter((folder) => !listed.includes(folder));
+    const seen = new Set(listed.map((folder) => this.folderKey(agentId, folder)));
+    const typed = (this.folders[agentId] ?? []).filter((folder) => {
+      const key = this.folderKey(agentId, folder);
+      if (seen.has(key)) return false;
+      seen.add(key);
+      return true;
+    });
     return [...listed, ...typed];
+  }
+
+  // Whether a folder of the list was remembered here (and so can be forgotten).
+  isRemembered(agentId: string, folder: string): boolean {
+    const listed = this.agents.get(agentId)?.registration?.projects ?? [];
+    return (this.folders[agentId] ?? []).includes(folder) && !listed.includes(folder);
   }
 
   rememberFolder(agentId: string, folder: string): string {
     const trimmed = folder.trim();
     if (trimmed === '') return trimmed;
+    const key = this.folderKey(agentId, trimmed);
+    const already = this.projects(agentId).find((known) => this.folderKey(agentId, known) === key);
+    if (already !== undefined) return already;
     const known = this.folders[agentId] ?? [];
-    if (!known.includes(trimmed) && !this.projects(agentId).includes(trimmed)) {
-      this.folders = { ...this.folders, [agentId]: [...known, trimmed] };
-      this.storage.setItem(kFoldersKey, JSON.stringify(this.folders));
-      this.changed();
-    }
+    this.folders = { ...this.folders, [agentId]: [...known, trimmed] };
+    this.storage.setItem(kFoldersKey, JSON.stringify(this.folders));
+    this.changed();
     return trimmed;
+  }
+
+  // A folder as one path: under the agent's repository root when not absolute, without
+  // "." steps, doubled or trailing slashes.
+  private folderKey(agentId: string, folder: string): string {
+    const root = this.agents.get(agentId)?.registration?.repoRoot ?? '';
+    const path = folder.startsWith('/') || folder.startsWith('~') ? folder : `${root}/${folder}`;
+    return path
+      .split('/')
+      .filter((part, index) => part !== '.' && (part !== '' || index === 0))
+      .join('/');
   }
 
   forgetFolder(agentId: string, folder: string): void {

@@ -39,6 +39,19 @@ export function AgentList({ state }: { state: AppState }) {
                   <span class="project-name">{projectName(folder)}</span>
                   <span class="project-path">{folder}</span>
                 </button>
+                {state.agents.isRemembered(agent.agentId, folder) && (
+                  <button
+                    class="icon forget-folder"
+                    aria-label={`Remove ${projectName(folder)}`}
+                    title="Remove from this list"
+                    onClick={() => {
+                      if (place.agentId === agent.agentId && place.projectPath === folder) state.navigation.home();
+                      state.agents.forgetFolder(agent.agentId, folder);
+                    }}
+                  >
+                    ×
+                  </button>
+                )}
               </li>
             ))}
           </ul>
