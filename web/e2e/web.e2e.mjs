@@ -348,6 +348,14 @@ async function longDiffChecks() {
   assert.equal(await page.$('.change-detail .d2h-file-side-diff'), null);
   assert.equal(await page.$eval('.change-detail .diff-body', (body) => [body.getAttribute('aria-label'), body.tabIndex].join(' ')), 'Changes to long.txt 0');
   assert.ok(await page.$eval('.change-detail .diff-body', (body) => body.scrollWidth <= body.clientWidth));
+  // A short line takes one row, the long one (360 characters) a dozen or so, not one a
+  // character.
+  const heights = await page.$$eval('.change-detail .d2h-ins .d2h-code-line-ctn', (lines) =>
+    Object.fromEntries(lines.map((line) => [line.textContent.slice(0, 12), Math.round(line.getBoundingClientRect().height)])),
+  );
+  const row = heights['line 120'];
+  assert.ok(row > 0 && row < 24, JSON.stringify(heights));
+  assert.ok(heights['a long line '] > row * 4 && heights['a long line '] < row * 25, JSON.stringify(heights));
   const before = await gutters();
   // The hunk's header and its 120 lines.
   assert.equal(before.length, 121);
