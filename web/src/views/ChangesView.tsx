@@ -3,6 +3,7 @@ import { useMemo, useState } from 'preact/hooks';
 import { useStores } from '../lib/use_store';
 import { changeResult, isEnded, taskEnd, type Task } from '../stores/tasks_store';
 import { Activity } from './Activity';
+import { TaskError } from './BusyNote';
 import { DetailsRow } from './DetailsRow';
 import { MarkdownView } from './MarkdownView';
 import type { ProjectProps } from './ProjectView';
@@ -121,11 +122,7 @@ function ChangeDetail({ state, task }: { state: ProjectProps['state']; task: Tas
         </section>
       )}
       {result && <p class="result">{result}</p>}
-      {task.error && (end === null || end === 'failed') && (
-        <p class="error" role="alert">
-          {task.error}
-        </p>
-      )}
+      {task.error && (end === null || end === 'failed') && <TaskError state={state} task={task} />}
       <DetailsRow key={task.taskId} lines={task.details} version={state.tasks.version} />
       {(task.log.length > 0 || (!proposal && !task.answer && !commentary)) && (
         <details class="change-log" open={!proposal && !task.answer && !commentary}>

@@ -1,6 +1,7 @@
 import { useEffect, useState } from 'preact/hooks';
 import { useStores } from '../lib/use_store';
 import { isEnded, runTime, taskEnd, type Task } from '../stores/tasks_store';
+import { TaskError } from './BusyNote';
 import { DetailsRow } from './DetailsRow';
 import { duration } from './names';
 import type { ProjectProps } from './ProjectView';
@@ -140,11 +141,7 @@ function TaskDetail({ state, task, rerun }: { state: ProjectProps['state']; task
           </button>
         )}
       </header>
-      {task.error && (
-        <p class="error" role="alert">
-          {task.error}
-        </p>
-      )}
+      {task.error && <TaskError state={state} task={task} />}
       <DetailsRow key={task.taskId} lines={task.details} version={state.tasks.version} />
       <TaskLog log={task.log} version={state.tasks.version} ended={isEnded(task.status)} />
     </div>
