@@ -142,6 +142,18 @@ private:
                 {QStringLiteral("approvalMode"), QStringLiteral("on_request")}};
     }
 
+    // Once the task has ended on the agent, a new relay on the port the old one had.
+    bool relayBackAfter(const QString& taskId, quint16 port)
+    {
+        const bool ended = waitUntil([&] {
+            return m_agent->logTexts().contains(QStringLiteral("runTask process terminated taskId=") + taskId +
+                                                QStringLiteral(" exitCode=0"));
+        });
+        m_relay = std::make_unique<RelayProcess>();
+        m_relay->token = QStringLiteral("tok-4e1f9a7c2b6d8035e0a3c1f7");
+        return ended && m_relay->start({}, port);
+    }
+
 private Q_SLOTS:
     void cleanup()
     {
@@ -333,13 +345,7 @@ private Q_SLOTS:
         m_relay->kill();
         QVERIFY(writeLines(101, 300));
         pieces.finish();
-        QVERIFY(waitUntil([&] {
-            return m_agent->logTexts().contains(QStringLiteral("runTask process terminated taskId=") + taskId +
-                                                QStringLiteral(" exitCode=0"));
-        }));
-        m_relay = std::make_unique<RelayProcess>();
-        m_relay->token = QStringLiteral("tok-4e1f9a7c2b6d8035e0a3c1f7");
-        QVERIFY(m_relay->start({}, port));
+        QVERIFY(relayBackAfter(taskId, port));
         RelayClient back;
         QVERIFY(back.openResuming(port, m_relay->token, QJsonObject{{QStringLiteral("cli-agent"), seen}}));
         QVERIFY(back.waitFor(
@@ -408,13 +414,7 @@ private Q_SLOTS:
         m_relay->kill();
         QVERIFY(writeLines(151, 200));
         pieces.finish();
-        QVERIFY(waitUntil([&] {
-            return m_agent->logTexts().contains(QStringLiteral("runTask process terminated taskId=") + taskId +
-                                                QStringLiteral(" exitCode=0"));
-        }));
-        m_relay = std::make_unique<RelayProcess>();
-        m_relay->token = QStringLiteral("tok-4e1f9a7c2b6d8035e0a3c1f7");
-        QVERIFY(m_relay->start({}, port));
+        QVERIFY(relayBackAfter(taskId, port));
         RelayClient back;
         QVERIFY(back.openResuming(port, m_relay->token, QJsonObject{{QStringLiteral("cli-agent"), seen}}));
         QVERIFY(back.waitFor(

@@ -135,11 +135,7 @@ export class World {
     }
     if (this.host === kTestHost) browserArgs.push(`--host-resolver-rules=MAP ${kTestHost} 127.0.0.1`);
     this.relayProcessEnv = relayEnv;
-    this.relay = spawn(join(this.bin, 'brinmoor-server'), [], { env: relayEnv, stdio: ['ignore', 'pipe', 'inherit'] });
-    this.relay.stdout.setEncoding('utf8');
-    this.relay.stdout.on('data', (data) => (this.relayLog += data));
-    const port = await waitForLine(this.relay, this.relay.stdout, (line) => /^listening port=(\d+)$/.exec(line)?.[1], 'listening line');
-    this.port = Number(port);
+    this.port = await this.spawnRelay(relayEnv);
     const scheme = this.tls ? 'https' : 'http';
     this.origin = `${scheme}://${this.host}:${this.port}`;
     // The agent runs on this machine and takes the relay's loopback address.
@@ -258,13 +254,17 @@ export class World {
     old.kill('SIGKILL');
     await gone;
     await whileDown();
-    this.relay = spawn(join(this.bin, 'brinmoor-server'), [], {
-      env: { ...this.relayProcessEnv, BRINMOOR_SERVER_PORT: String(this.port) },
-      stdio: ['ignore', 'pipe', 'inherit'],
-    });
+    await this.spawnRelay({ ...this.relayProcessEnv, BRINMOOR_SERVER_PORT: String(this.port) });
+  }
+
+  // Starts the relay with this environment, its output added to relayLog; the port it
+  // listens on.
+  async spawnRelay(env) {
+    this.relay = spawn(join(this.bin, 'brinmoor-server'), [], { env, stdio: ['ignore', 'pipe', 'inherit'] });
     this.relay.stdout.setEncoding('utf8');
     this.relay.stdout.on('data', (data) => (this.relayLog += data));
-    await waitForLine(this.relay, this.relay.stdout, (line) => /^listening port=(\d+)$/.test(line), 'listening line');
+    const port = await waitForLine(this.relay, this.relay.stdout, (line) => /^listening port=(\d+)$/.exec(line)?.[1], 'listening line');
+    return Number(port);
   }
 
   async stop() {
