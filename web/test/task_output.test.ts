@@ -4,8 +4,9 @@ import { decodeServerMessage, type ServerMessage } from '../src/protocol/message
 import { RelayClient, RelayError } from '../src/protocol/relay_client';
 import { MemoryStorage } from '../src/stores/observable';
 import { OutputPacer, kAckCharacters, kAckLines, kTrailingAckMs } from '../src/stores/output_pacer';
-import { TaskOutput, kPageLines, kPagesKept } from '../src/stores/task_output';
+import { TaskOutput, kPageLines, kPagesKept, kShortRetryMs } from '../src/stores/task_output';
 import { TasksStore, kMissedOutputNotice, kTimesKey, runTime } from '../src/stores/tasks_store';
+import * as words from '../src/views/output_words';
 import { taskStatusText } from '../src/views/TasksView';
 import { FakeSocket } from './fake_socket';
 
@@ -110,6 +111,20 @@ describe('TaskOutput', () => {
     output.count(5000);
     output.read({ from: 1, count: kPageLines }, { from: 1, lines: seq(1, 10), total: 5000, ended: true });
     expect(output.wanted(1, 5000)).toEqual([]);
+    // Past its bound the agent keeps nothing, though it sent the lines live.
+    const bounded = new TaskOutput();
+    bounded.take(3000, 'live');
+    bounded.read({ from: 2001, count: kPageLines }, { from: 2001, lines: [], total: 1500, ended: true });
+    expect(bounded.wanted(2001, 2999)).toEqual([]);
+    expect(bounded.wanted(1001, 1500)).toEqual([{ from: 1001, count: kPageLines }]);
+    // While the task runs, a short page is asked for again, a second later.
+    let now = 0;
+    const running = new TaskOutput(200_000, () => now);
+    running.take(3000, 'live');
+    running.read({ from: 2001, count: kPageLines }, { from: 2001, lines: seq(2001, 900), total: 2900, ended: false });
+    expect(running.wanted(2001, 2999)).toEqual([]);
+    now += kShortRetryMs;
+    expect(running.wanted(2001, 2999)).toEqual([{ from: 2001, count: kPageLines }]);
   });
 });
 
@@ -451,5 +466,22 @@ describe('the messages of kept output', () => {
     await expect(search).resolves.toMatchObject({ numbers: [42], lines: ['a needle'] });
     await expect(missing).rejects.toEqual(new RelayError('OUTPUT_NOT_KEPT', 'no output is kept for task Gone'));
     await expect(list).resolves.toEqual([]);
+  });
+});
+
+describe('the words of a task\'s whole output', () => {
+  it('are these', () => {
+    expect([words.kSearchLabel, words.kSearching, words.kNoMatches, words.kMoreMatches]).toEqual(['Search output', 'Searching…', 'No matches', 'More matches']);
+    expect(words.matchLine(123456)).toBe('Line 123456');
+    expect(words.copying(10_000, 300_000)).toBe('Copying… 10,000 of 300,000 lines');
+    expect(words.copied(300_000)).toBe('Copied 300,000 lines');
+    expect(words.copied(1)).toBe('Copied 1 line');
+    expect(words.downloading(20_000, 300_000)).toBe('Downloading… 20,000 of 300,000 lines');
+    expect(words.downloaded(300_000)).toBe('Downloaded 300,000 lines');
+    expect(words.couldNot('copy', words.kClipboardRefused)).toBe('Could not copy: the browser did not allow it');
+    expect(words.couldNot('search', 'no output is kept for task T')).toBe('Could not search: no output is kept for task T');
+    expect(words.notKeptEarlier(1500)).toBe('1,500 lines before these are no longer kept on the computer');
+    expect(words.outputFileName({ kind: 'shell', taskId: '6f1c-22' })).toBe('shell-6f1c-22.log');
+    expect(words.outputFileName({ kind: 'build', taskId: '../x y' })).toBe('build-.._x_y.log');
   });
 });

@@ -9,6 +9,8 @@ import type { OutputLines, OutputQuery } from '../protocol/kept_output';
 // Lines a page read from the agent holds, and how many such pages are kept.
 export const kPageLines = 1000;
 export const kPagesKept = 40;
+// A page of a running task that came back short is asked for again after this long.
+export const kShortRetryMs = 1000;
 
 interface Page {
   from: number;
@@ -23,6 +25,8 @@ export class TaskOutput {
   private totalKnown = false;
   // Past this line the agent kept nothing (its bound on what a task keeps was reached).
   private keptUpTo = Infinity;
+  // Pages of a running task that lacked lines the page knew of, and when they came back.
+  private readonly short = new Map<number, number>();
   // Pages read, oldest use first.
   private readonly pages = new Map<number, Page>();
   // Reads asked for and not yet answered, by the number of their first line (0: the newest).
@@ -31,7 +35,10 @@ export class TaskOutput {
   // The agent keeps none of it (it keeps a bounded number of tasks): only the tail is shown.
   notKept = false;
 
-  constructor(readonly capacity = 200_000) {}
+  constructor(
+    readonly capacity = 200_000,
+    private readonly now: () => number = Date.now,
+  ) {}
 
   // How many lines the task has, as far as the page knows.
   get total(): number {
@@ -116,7 +123,7 @@ export class TaskOutput {
     for (let page = Math.floor((top - 1) / kPageLines); page >= 0 && (page + 1) * kPageLines >= first; page--) {
       if (this.reading.size >= atOnce) break;
       const from = page * kPageLines + 1;
-      if (this.reading.has(from)) continue;
+      if (this.reading.has(from) || (this.short.get(from) ?? -Infinity) > this.now() - kShortRetryMs) continue;
       const to = Math.min(from + kPageLines - 1, top);
       let missing = false;
       for (let n = Math.max(from, first); n <= to && !missing; n++) missing = this.line(n) === undefined;
@@ -130,11 +137,17 @@ export class TaskOutput {
   // The answer to one of `wanted`'s reads.
   read(query: OutputQuery, answer: OutputLines): void {
     this.reading.delete(query.from ?? 0);
+    // Lines the page knew to exist that the answer lacks are past what the agent keeps of
+    // a task (it keeps the first lines of an output that passes its bound), or, while the
+    // task runs, maybe not written yet.
+    const known = Math.min((query.from ?? Infinity) + query.count - 1, Math.max(this.knownTotal, answer.total));
     this.count(answer.total);
     if (answer.ended) this.ended = true;
     if (answer.from === undefined) return;
-    if (answer.lines.length < Math.min(query.count, answer.total - answer.from + 1)) {
-      this.keptUpTo = Math.min(this.keptUpTo, answer.from + answer.lines.length - 1);
+    const end = answer.from + answer.lines.length - 1;
+    if (query.from !== undefined && end < known) {
+      if (answer.ended) this.keptUpTo = Math.min(this.keptUpTo, Math.max(end, query.from - 1));
+      else this.short.set(query.from, this.now());
     }
     if (answer.lines.length === 0) return;
     this.pages.delete(answer.from);
