@@ -45,20 +45,10 @@ constexpr qsizetype kReplayBacklog = 64 * 1024;
 constexpr qsizetype kAgentQuietBacklog = 64 * 1024;
 constexpr int kTrimIntervalMs = 60'000;
 // Above this a JSON number no longer holds every integer.
-constexpr double kLargestSeq = 9007199254740991.0;
 // A stream starts at most here, so that 2^40 messages still fit below 2^53.
 constexpr qint64 kLargestStreamStart = 9007199254740991LL - (qint64(1) << 40);
 constexpr quint16 kPolicyViolationCloseCode = 1008;
 constexpr const char* kSeqRangeReason = "seqs must stay below 2^53";
-
-// A seq, or a message number, from JSON: a whole number from 0 up; -1 for anything else.
-qint64 wholeNumber(const QJsonValue& value)
-{
-    const double number = value.toDouble(-1);
-    if (!value.isDouble() || number < 0 || number > kLargestSeq || std::floor(number) != number)
-        return -1;
-    return qint64(number);
-}
 
 // What a client has seen, {"AGENT":SEQ,…}; none when the value is not such an object.
 std::optional<QList<QPair<QString, qint64>>> sinceList(const QJsonValue& value)
@@ -511,6 +501,8 @@ void RelayServer::acceptAgent(RelayConnection& connection, const HttpRequest& re
     // The readers that pace its terminals hold them back again.
     for (const TerminalFlow::Window& window : m_terminalFlow.windowsOf(agentId))
         tellAgentWindow(window);
+    for (const TerminalFlow::Window& window : m_taskFlow.windowsOf(agentId))
+        tellAgentTaskWindow(window);
     logEvent("agent.connected", {{"agentId", agentId}, {"address", connection.address()}});
     broadcastText(RelayMessages::agentOnline(agentId));
 }
@@ -710,6 +702,8 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
     AgentHistory& history = *agent.history;
     QByteArray rewritten;
     QByteArrayView relayed = body;
+    if (parsed && answerTaskRead(agent.agentId, *parsed))
+        return; // for one client alone, not logged
     if (parsed) {
         observeAgentMessage(agent, history, *parsed);
         if (parsed->contains(QStringLiteral("agentId"))) {
@@ -855,6 +849,7 @@ void RelayServer::endTask(Agent& agent, const QString& taskId)
     if (agent.currentTaskId == taskId)
         agent.currentTaskId.clear();
     m_taskAgents.remove(taskId);
+    m_taskFlow.removeSession(agent.agentId, taskId);
     m_permissions.endTask(taskId);
 }
 
@@ -890,6 +885,10 @@ void RelayServer::clientMessage(RelayConnection& client, QByteArrayView payload)
         resumeClient(client, message);
     else if (type == QLatin1String("terminal.ack"))
         acknowledgeTerminal(client, message);
+    else if (type == QLatin1String("task.ack"))
+        acknowledgeTask(client, message);
+    else if (type == QLatin1String("task.output.read") || type == QLatin1String("tasks.list"))
+        readTaskOutput(client, type, message);
     else if (MessageTypes::agentCommands().contains(type))
         forwardToAgent(client, type, message);
     else if (type == QLatin1String("permission.decision"))
@@ -927,6 +926,7 @@ void RelayServer::createTask(RelayConnection& client, const QJsonObject& message
     historyOf(agentId).snapshot.taskCreated(taskId, payload.toObject());
     logEvent("task.create", {{"taskId", taskId}, {"agentId", agentId}});
     agent->connection->sendText(assign);
+    startTaskPace(agentId, taskId);
     client.sendText(RelayMessages::taskCreated(taskId, agentId, requestId));
 }
 
@@ -1245,6 +1245,11 @@ void RelayServer::connectionClosed(RelayConnection& connection)
         m_cursors.eraseClient(&connection);
         for (const TerminalFlow::Window& window : m_terminalFlow.removeClient(&connection))
             tellAgentWindow(window);
+        for (const TerminalFlow::Window& window : m_taskFlow.removeClient(&connection))
+            tellAgentTaskWindow(window);
+        m_taskReads.removeClient(&connection);
+        for (QSet<RelayConnection*>& pacers : m_taskPacers)
+            pacers.remove(&connection);
         if (m_broadcasting == 0)
             std::erase(m_clients, nullptr);
         if (connection.closeReason().isEmpty()) {

@@ -11,7 +11,8 @@ namespace {
 // The features in the order of names().
 QList<bool*> flags(ServerFeatures& features)
 {
-    return {&features.seq, &features.ack, &features.grace, &features.state, &features.pacing, &features.end};
+    return {&features.seq,    &features.ack, &features.grace, &features.state,
+            &features.pacing, &features.end, &features.lines};
 }
 
 } // namespace
@@ -19,7 +20,8 @@ QList<bool*> flags(ServerFeatures& features)
 const QStringList& ServerFeatures::names()
 {
     static const QStringList names{QStringLiteral("seq"),   QStringLiteral("ack"),    QStringLiteral("grace"),
-                                   QStringLiteral("state"), QStringLiteral("pacing"), QStringLiteral("end")};
+                                   QStringLiteral("state"), QStringLiteral("pacing"), QStringLiteral("end"),
+                                   QStringLiteral("lines")};
     return names;
 }
 

@@ -10,7 +10,7 @@ namespace brinmoor {
 struct AgentCommand;
 
 // What a server offers beyond the agent protocol. Our relay announces it in its hello,
-//   {"type":"agent.hello","payload":{"seq":N,"features":["seq","ack","grace","state","pacing"]}},
+//   {"type":"agent.hello","payload":{"seq":N,"features":["seq","ack","grace","state","pacing","end","lines"]}},
 // and the agent uses nothing that the hello does not name. A hello without a list of
 // features, or no hello at all, offers nothing: the agent then speaks the plain protocol.
 struct ServerFeatures {
@@ -30,6 +30,10 @@ struct ServerFeatures {
     // Each task ends once: a cancelled task with "task.cancelled" alone, when its process
     // has exited.
     bool end = false;
+    // The agent keeps each task's output: "task.log" lines of it carry their "number",
+    // readers pace it ("task.ack"), and clients read it back ("task.output.read",
+    // "tasks.list").
+    bool lines = false;
     // The newest seq the server has of this agent (0: none).
     qint64 serverHas = 0;
 

@@ -36,7 +36,7 @@ private Q_SLOTS:
         ServerFeatures all = ServerFeatures::all();
         all.serverHas = 42;
         QCOMPARE(QJsonDocument(all.hello()).toJson(QJsonDocument::Compact),
-                 QByteArray(R"({"payload":{"features":["seq","ack","grace","state","pacing","end"],"seq":42},)"
+                 QByteArray(R"({"payload":{"features":["seq","ack","grace","state","pacing","end","lines"],"seq":42},)"
                             R"("type":"agent.hello"})"));
         const std::optional<ServerFeatures> features = offered(QJsonDocument(all.hello()).toJson());
         QVERIFY(features);
