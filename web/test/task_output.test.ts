@@ -3,6 +3,7 @@ import type { KeptTask, OutputLines, OutputQuery } from '../src/protocol/kept_ou
 import { decodeServerMessage, type ServerMessage } from '../src/protocol/messages';
 import { RelayClient, RelayError } from '../src/protocol/relay_client';
 import { MemoryStorage } from '../src/stores/observable';
+import { kShowLinesMs } from '../src/stores/kept_outputs';
 import { OutputPacer, kAckCharacters, kAckLines, kTrailingAckMs } from '../src/stores/output_pacer';
 import { TaskOutput, kPageLines, kPagesKept, kShortRetryMs } from '../src/stores/task_output';
 import { TasksStore, kMissedOutputNotice, kTimesKey, runTime } from '../src/stores/tasks_store';
@@ -138,34 +139,36 @@ describe('OutputPacer', () => {
     pacer = new OutputPacer((agentId, taskId, line) => acks.push(`${agentId} ${taskId} ${line}`) > 0, clock.api);
   });
 
-  it('acknowledges every 1000 lines at once, and the rest of a burst 50 ms after its last line', () => {
+  it('acknowledges the first line at once, then every 1000 lines, and the rest of a burst 50 ms after its last line', () => {
     for (let n = 1; n <= 2500; n++) pacer.took('mac', 'T', n, 6);
-    expect(acks).toEqual(['mac T 1000', 'mac T 2000']);
+    expect(acks).toEqual(['mac T 1', 'mac T 1001', 'mac T 2001']);
     expect(clock.waiting).toBe(1);
     clock.advance(kTrailingAckMs - 1);
     pacer.took('mac', 'T', 2501, 6); // the burst goes on
     clock.advance(kTrailingAckMs - 1);
-    expect(acks).toEqual(['mac T 1000', 'mac T 2000']);
+    expect(acks).toEqual(['mac T 1', 'mac T 1001', 'mac T 2001']);
     clock.advance(1);
-    expect(acks).toEqual(['mac T 1000', 'mac T 2000', 'mac T 2501']);
+    expect(acks).toEqual(['mac T 1', 'mac T 1001', 'mac T 2001', 'mac T 2501']);
     expect(clock.waiting).toBe(0);
     clock.advance(1000);
-    expect(acks.length).toBe(3);
+    expect(acks.length).toBe(4);
   });
 
   it('acknowledges every 64 KiB of text', () => {
     const line = 'x'.repeat(1023);
-    for (let n = 1; n <= 64; n++) pacer.took('mac', 'T', n, line.length);
-    expect(acks).toEqual(['mac T 64']);
+    for (let n = 1; n <= 65; n++) pacer.took('mac', 'T', n, line.length);
+    expect(acks).toEqual(['mac T 1', 'mac T 65']);
     expect(kAckCharacters).toBe(64 * 1024);
     expect(kAckLines).toBe(1000);
   });
 
   it('acknowledges nothing more once the task ended, and again after a new connection', () => {
     pacer.took('mac', 'T', 1, 1);
+    pacer.took('mac', 'T', 2, 1);
     pacer.ended('T');
     clock.advance(100);
-    expect(acks).toEqual([]);
+    expect(acks).toEqual(['mac T 1']);
+    acks.length = 0;
     pacer.took('mac', 'U', 1, 1);
     clock.advance(100);
     pacer.took('mac', 'U', 1, 1); // the same line, replayed on a new socket
@@ -229,17 +232,36 @@ describe('TasksStore with an agent that keeps output', () => {
     expect(task.log.length).toBe(0);
     expect(task.details.slice(0, 1)).toEqual(['a note of the agent']);
     clock.advance(kTrailingAckMs);
-    expect(acks).toEqual(['mac S 3']);
+    expect(acks).toEqual(['mac S 1', 'mac S 3']);
     // The agent's own words after numbered output are details, not output.
     tasks.handle(m({ type: 'task.log', agentId: 'mac', taskId: 'S', line: 'retrying' }));
     expect(task.details.slice(0, 2)).toEqual(['a note of the agent', 'retrying']);
     for (let n = 4; n <= 1003; n++) tasks.handle(line('S', n));
-    expect(acks).toEqual(['mac S 3', 'mac S 1003']);
+    expect(acks).toEqual(['mac S 1', 'mac S 3', 'mac S 1003']);
     tasks.handle(line('S', 1004));
     tasks.handle(m({ type: 'task.finished', agentId: 'mac', taskId: 'S', exitCode: 0 }));
     clock.advance(1000);
-    expect(acks).toEqual(['mac S 3', 'mac S 1003']);
+    expect(acks).toEqual(['mac S 1', 'mac S 3', 'mac S 1003']);
     expect(task.output!.ended).toBe(true);
+  });
+
+  it('shows new lines of a command a few times a second, not one render each', () => {
+    const { tasks, clock } = store();
+    tasks.handle(m({ type: 'task.started', agentId: 'mac', taskId: 'S' }));
+    const before = tasks.version;
+    for (let n = 1; n <= 500; n++) tasks.handle(line('S', n));
+    expect(tasks.version).toBe(before);
+    clock.advance(kShowLinesMs);
+    expect(tasks.version).toBe(before + 1);
+    expect(tasks.get('S')!.output!.last).toBe(500);
+  });
+
+  it('paces a task it starts from before its first line', async () => {
+    const { tasks, acks } = store();
+    const task = await tasks.run('mac', { action: 'shell', command: 'seq 1 9' });
+    expect(acks).toEqual(['mac T 0']);
+    tasks.handle(line(task.taskId, 1));
+    expect(acks).toEqual(['mac T 0', 'mac T 1']);
   });
 
   it('takes an unnumbered line as today from an agent that does not number them', () => {
@@ -267,7 +289,7 @@ describe('TasksStore with an agent that keeps output', () => {
     expect(chat.output).toBeUndefined();
     // An empty line the program printed is shown, after the note of the gap.
     expect(chat.log.text()).toBe(kMissedOutputNotice + '\nsaid\n');
-    expect(acks).toEqual(['mac C 3']);
+    expect(acks).toEqual(['mac C 1', 'mac C 3']);
   });
 
   it('after a gap starts a new tail and says nothing was missed', () => {
@@ -296,7 +318,7 @@ describe('TasksStore with an agent that keeps output', () => {
     const snapshot = { tasks: [], proposal: null, terminals: [] };
     tasks.handle(m({ type: 'resume.gap', agentId: 'mac', since: 2, seq: 90, snapshot }));
     clock.advance(1000);
-    expect(acks).toEqual([]);
+    expect(acks).toEqual(['mac K 1', 'mac L 1']);
     expect([tasks.get('K')!.status, tasks.get('K')!.output!.ended, tasks.get('L')!.status, tasks.get('L')!.output!.ended]).toEqual(['finished', true, 'lost', true]);
     expect([tasks.get('K')!.log.length, tasks.get('L')!.log.length]).toEqual([0, 0]);
   });

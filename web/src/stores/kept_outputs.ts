@@ -2,7 +2,7 @@
 // paced while its task runs, and read back when the page does not have it.
 import type { OutputLines, OutputQuery } from '../protocol/kept_output';
 import { LogLines } from './log_lines';
-import { OutputPacer, type PaceTimers } from './output_pacer';
+import { OutputPacer, kRealTimers, type PaceTimers } from './output_pacer';
 import { OutputReads } from './output_reads';
 import { TaskOutput } from './task_output';
 
@@ -21,6 +21,11 @@ export interface OutputSender {
   readTaskOutput?(agentId: string, taskId: string, query: OutputQuery): Promise<OutputLines>;
 }
 
+// New lines of a command are shown at most this often: a task printing thousands of lines
+// a second costs the page a few renders a second, and the time between goes to taking
+// its output.
+export const kShowLinesMs = 100;
+
 // An assistant's output is read for its activity and answer, not shown as lines.
 export function isAssistant(task: { kind: string }): boolean {
   return task.kind === 'ai_task' || task.kind === 'chat';
@@ -29,12 +34,13 @@ export function isAssistant(task: { kind: string }): boolean {
 export class KeptOutputs {
   private readonly pacer: OutputPacer;
   readonly reads: OutputReads;
+  private showTimer: unknown = null;
 
   constructor(
     sender: OutputSender,
-    changed: () => void,
+    private readonly changed: () => void,
     private readonly capacity?: number,
-    timers?: PaceTimers,
+    private readonly timers: PaceTimers = kRealTimers,
   ) {
     this.pacer = new OutputPacer((agentId, taskId, line) => sender.ackTaskOutput?.(agentId, taskId, line) ?? false, timers);
     const unread = () => Promise.reject(new Error('this page cannot read output back'));
@@ -46,10 +52,21 @@ export class KeptOutputs {
     this.pacer.reconnected();
   }
 
+  // This page started the task: it paces the task from the start.
+  started(task: NumberedTask): void {
+    this.pacer.started(task.agentId, task.taskId);
+  }
+
   // Line `number` of a running task's program output: kept for a command (false when the
-  // page had it), and paced either way.
+  // page had it; the store changes a moment later), and paced either way.
   take(task: NumberedTask, number: number, line: string, running: boolean): boolean {
-    if (!isAssistant(task) && !this.of(task).take(number, line)) return false;
+    if (!isAssistant(task)) {
+      if (!this.of(task).take(number, line)) return false;
+      this.showTimer ??= this.timers.set(() => {
+        this.showTimer = null;
+        this.changed();
+      }, kShowLinesMs);
+    }
     if (running) this.pacer.took(task.agentId, task.taskId, number, line.length);
     return true;
   }

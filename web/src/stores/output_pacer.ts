@@ -4,7 +4,9 @@
 // the message handler itself, not from a frame callback: a hidden page takes output, and
 // paces it, as a visible one does.
 
-// A burst is acknowledged at least every so many lines or characters taken...
+// The first line taken of a task on a connection is acknowledged at once: the relay paces
+// the task for this page from then on. After it, a burst is acknowledged at least every
+// so many lines or characters taken...
 export const kAckLines = 1000;
 export const kAckCharacters = 64 * 1024;
 // ...and once more this long after its last line.
@@ -16,7 +18,7 @@ export interface PaceTimers {
   now(): number;
 }
 
-const kRealTimers: PaceTimers = {
+export const kRealTimers: PaceTimers = {
   set: (callback, ms) => setTimeout(callback, ms),
   clear: (handle) => clearTimeout(handle as ReturnType<typeof setTimeout>),
   now: () => Date.now(),
@@ -42,19 +44,31 @@ export class OutputPacer {
     private readonly timers: PaceTimers = kRealTimers,
   ) {}
 
+  // A task this page started: paced from its first line, before any comes, so that the
+  // agent does not pour out its output until the page's first acknowledgement.
+  started(agentId: string, taskId: string): void {
+    this.paceOf(agentId, taskId);
+    this.send(agentId, taskId, 0);
+  }
+
   // The page took line `line` (of `characters` characters) of a running task.
   took(agentId: string, taskId: string, line: number, characters: number): void {
+    const pace = this.paceOf(agentId, taskId);
+    pace.taken = Math.max(pace.taken, line);
+    pace.lines++;
+    pace.characters += characters + 1;
+    pace.lastAt = this.timers.now();
+    if (pace.acked === 0 || pace.lines >= kAckLines || pace.characters >= kAckCharacters) this.ack(taskId, pace);
+    else if (pace.timer === null) this.trail(taskId, pace, kTrailingAckMs);
+  }
+
+  private paceOf(agentId: string, taskId: string): Pace {
     let pace = this.paces.get(taskId);
     if (!pace) {
       pace = { agentId, taken: 0, acked: 0, lines: 0, characters: 0, lastAt: 0, timer: null };
       this.paces.set(taskId, pace);
     }
-    pace.taken = Math.max(pace.taken, line);
-    pace.lines++;
-    pace.characters += characters + 1;
-    pace.lastAt = this.timers.now();
-    if (pace.lines >= kAckLines || pace.characters >= kAckCharacters) this.ack(taskId, pace);
-    else if (pace.timer === null) this.trail(taskId, pace, kTrailingAckMs);
+    return pace;
   }
 
   // The task ended: nothing more is acknowledged for it.

@@ -207,6 +207,7 @@ export class TasksStore extends Observable {
     const taskId = await this.sender.createTask(agentId, payload);
     this.remember(taskId, payload);
     const task = this.ensure(taskId, agentId, payload);
+    this.outputs.started(task);
     this.changed();
     return task;
   }
@@ -281,9 +282,8 @@ export class TasksStore extends Observable {
         break;
       case 'task.log':
         if (message.number === undefined) this.lines.read(task, message.line);
-        else if (this.outputs.take(task, message.number, message.line, !isEnded(task.status)) && isAssistant(task)) {
-          this.lines.read(task, message.line, true);
-        }
+        else if (!isAssistant(task)) return void this.outputs.take(task, message.number, message.line, !isEnded(task.status));
+        else if (this.outputs.take(task, message.number, message.line, !isEnded(task.status))) this.lines.read(task, message.line, true);
         break;
       case 'task.commentary':
         task.commentary = message.text;
