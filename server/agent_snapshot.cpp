@@ -43,6 +43,11 @@ void AgentSnapshot::taskCreated(const QString& taskId, const QJsonObject& payloa
         created.conversationId = text(payload, "conversationId");
 }
 
+void AgentSnapshot::taskWithdrawn(const QString& taskId)
+{
+    m_tasks.removeIf([&](const Task& known) { return known.taskId == taskId; });
+}
+
 void AgentSnapshot::observe(const QJsonObject& message)
 {
     const QString type = text(message, "type");

@@ -18,6 +18,8 @@ public:
 
     // A client created a task with this "task.assign" payload.
     void taskCreated(const QString& taskId, const QJsonObject& payload);
+    // The agent refused the task as busy before it began: it waits at the relay again.
+    void taskWithdrawn(const QString& taskId);
     // A message of the agent.
     void observe(const QJsonObject& message);
     // A client's decision on the task's proposal went to the agent.

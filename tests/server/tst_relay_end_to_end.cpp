@@ -195,6 +195,44 @@ private Q_SLOTS:
                     .contains("\"agentId\":\"cli-agent\",\"busy\":false"));
     }
 
+    // The agent runs one task at a time: a second created at once waits at the relay and
+    // runs when the first has ended.
+    void tasksCreatedBackToBackRunOneAfterTheOther()
+    {
+        QVERIFY(startBoth());
+        RelayClient phone;
+        QVERIFY(phone.open(m_relay->port, m_relay->token));
+        const QString first = createTask(phone, {{QStringLiteral("action"), QStringLiteral("shell")},
+                                                 {QStringLiteral("command"), QStringLiteral("echo first")}});
+        const QString second = createTask(phone, {{QStringLiteral("action"), QStringLiteral("shell")},
+                                                  {QStringLiteral("command"), QStringLiteral("echo second")}});
+        QVERIFY(waitForTaskEnd(phone, first));
+        QVERIFY(waitForTaskEnd(phone, second));
+        const QString resolved =
+            QStringLiteral("task.log workspace.resolve action=shell requestedProjectPath= resolvedWorkingDir=") +
+            m_agent->repo.path();
+        QCOMPARE(taskTrace(phone, first), (QStringList{QStringLiteral("task.created"), resolved,
+                                                       QStringLiteral("task.started"), QStringLiteral("task.log first"),
+                                                       QStringLiteral("task.log "), QStringLiteral("task.finished")}));
+        QStringList ran = taskTrace(phone, second);
+        QCOMPARE(ran.mid(0, 2), (QStringList{QStringLiteral("task.created"), QStringLiteral("task.queued")}));
+        ran.removeAll(QStringLiteral("task.queued"));
+        ran.removeAll(QStringLiteral("task.unqueued"));
+        QCOMPARE(ran, (QStringList{QStringLiteral("task.created"), resolved, QStringLiteral("task.started"),
+                                   QStringLiteral("task.log second"), QStringLiteral("task.log "),
+                                   QStringLiteral("task.finished")}));
+        // One after the other: the second started once the first had ended.
+        const auto at = [&](const QString& taskId, const char* type) {
+            for (qsizetype i = 0; i < phone.messages().size(); ++i) {
+                const QJsonObject& m = phone.messages()[i];
+                if (m.value(QStringLiteral("taskId")).toString() == taskId && typeOf(m) == QLatin1String(type))
+                    return i;
+            }
+            return qsizetype(-1);
+        };
+        QVERIFY(at(first, "task.finished") < at(second, "task.started"));
+    }
+
     void aChatAsksThePhoneBeforeItWrites()
     {
         QVERIFY(startBoth());

@@ -233,7 +233,8 @@ private Q_SLOTS:
                                                                {"projectPath", "App"},
                                                                {"status", "awaiting_approval"}}}},
                               {"proposal", waiting},
-                              {"terminals", QJsonArray()}}));
+                              {"terminals", QJsonArray()},
+                              {"queue", QJsonArray()}}));
         QCOMPARE(agentRecord.value("online"), QJsonValue(true));
         back.send(QJsonObject{{"type", "task.approval"},
                               {"agentId", "mac-1"},
@@ -286,7 +287,8 @@ private Q_SLOTS:
                                                                                         {"projectPath", "A"},
                                                                                         {"status", "running"}}}},
                                                        {"proposal", QJsonValue()},
-                                                       {"terminals", QJsonArray()}}}}));
+                                                       {"terminals", QJsonArray()},
+                                                       {"queue", QJsonArray()}}}}));
         QCOMPARE(seqOf(back.messages().at(2)), head + 1);
         // What the log still has is given to those it reaches.
         RelayClient recent;

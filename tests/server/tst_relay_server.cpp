@@ -554,7 +554,7 @@ private Q_SLOTS:
         QCOMPARE(late.messages().first(),
                  json("{\"type\":\"server.hello\",\"agents\":[{\"agentId\":\"mac-1\",\"busy\":false,\"registration\":"
                       "{\"profiles\":[\"ios-local\"],\"projects\":[\"/p\"],\"supportsApproval\":true},\"online\":true,"
-                      "\"seq\":1,\"snapshot\":{\"tasks\":[],\"proposal\":null,\"terminals\":[]}}]}"));
+                      "\"seq\":1,\"snapshot\":{\"tasks\":[],\"proposal\":null,\"terminals\":[],\"queue\":[]}}]}"));
 
         client.send(json(
             "{\"type\":\"task.create\",\"agentId\":\"mac-1\",\"requestId\":\"r1\",\"payload\":{\"action\":\"shell\",\"command\":\"ls\"}}"));
