@@ -100,7 +100,7 @@ describe('ConversationsStore', () => {
       { taskId: 'T1', kind: 'chat', projectPath: 'App', status: 'finished', exitCode: 0 },
       { taskId: 'T2', kind: 'chat', projectPath: 'App', status: 'running' },
     ];
-    store.handle(m({ type: 'resume.gap', agentId: 'mac', since: 3, seq: 80, snapshot: { tasks, proposal: null, terminals: [] } }));
+    store.handle(m({ type: 'resume.gap', agentId: 'mac', since: 3, seq: 80, snapshot: { tasks, proposal: null, terminals: [], queue: [] } }));
     expect([ended.status, ended.text, ended.missed]).toEqual(['done', 'Hal', true]);
     expect([going.status, going.missed]).toEqual(['streaming', true]);
     expect([elsewhere.status, elsewhere.missed]).toEqual(['streaming', undefined]);

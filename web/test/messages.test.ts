@@ -1,7 +1,7 @@
 import { describe, expect, it } from 'vitest';
 import { decodeServerMessage } from '../src/protocol/messages';
 
-const kEmpty = { tasks: [], proposal: null, terminals: [] };
+const kEmpty = { tasks: [], proposal: null, terminals: [], queue: [] };
 
 describe('decodeServerMessage', () => {
   it('reads the hello with each agent and its registration', () => {
@@ -62,6 +62,12 @@ describe('decodeServerMessage', () => {
               ],
               proposal,
               terminals: [{ sessionId: 'S', projectPath: '/r/App', mode: 'line' }, { sessionId: 'Q', projectPath: '/r/App' }, { sessionId: 3 }],
+              queue: [
+                { taskId: 'W', payload: { action: 'shell', command: 'make', projectPath: '/r/App', timeoutSec: 60, prompt: 7, extra: { x: 1 } } },
+                { taskId: 'V', payload: 'junk' },
+                { payload: { action: 'shell' } },
+                'junk',
+              ],
             },
           },
           { agentId: 'odd', busy: false, registration: null, seq: 'x', snapshot: { tasks: 'no', proposal: { taskId: 'P' } } },
@@ -87,11 +93,39 @@ describe('decodeServerMessage', () => {
               { sessionId: 'S', projectPath: '/r/App', mode: 'line' },
               { sessionId: 'Q', projectPath: '/r/App', mode: 'interactive' },
             ],
+            // A payload keeps what a view reads, of its kind.
+            queue: [
+              { taskId: 'W', payload: { action: 'shell', command: 'make', projectPath: '/r/App', timeoutSec: 60 } },
+              { taskId: 'V', payload: { action: '' } },
+            ],
           },
         },
         { agentId: 'odd', busy: false, registration: null, online: true, seq: 0, snapshot: kEmpty },
       ],
     });
+  });
+
+  it('reads the queue\'s messages, refusing an unknown reason', () => {
+    expect(
+      decodeServerMessage('{"type":"task.queued","agentId":"mac","taskId":"T","place":2,"payload":{"action":"shell","command":1},"waiting":["S","T"]}'),
+    ).toEqual({ type: 'task.queued', agentId: 'mac', taskId: 'T', place: 2, payload: { action: 'shell' }, waiting: ['S', 'T'] });
+    expect(decodeServerMessage('{"type":"task.queued","agentId":"mac","taskId":"T","place":2,"payload":{},"waiting":[1]}')).toBeNull();
+    expect(decodeServerMessage('{"type":"task.unqueued","agentId":"mac","taskId":"T","reason":"failed","waiting":[],"error":"gone"}')).toEqual({
+      type: 'task.unqueued',
+      agentId: 'mac',
+      taskId: 'T',
+      reason: 'failed',
+      waiting: [],
+      error: 'gone',
+    });
+    expect(decodeServerMessage('{"type":"task.unqueued","agentId":"mac","taskId":"T","reason":"assigned","waiting":["S"],"error":3}')).toEqual({
+      type: 'task.unqueued',
+      agentId: 'mac',
+      taskId: 'T',
+      reason: 'assigned',
+      waiting: ['S'],
+    });
+    expect(decodeServerMessage('{"type":"task.unqueued","agentId":"mac","taskId":"T","reason":"lost","waiting":[]}')).toBeNull();
   });
 
   it('reads resume.ok and resume.gap, and the offset of live terminal output', () => {

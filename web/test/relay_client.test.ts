@@ -49,7 +49,7 @@ function saves(h: Harness) {
   return h.timers.filter((timer) => timer.ms === 1500 && !timer.cleared);
 }
 
-const empty = { tasks: [], proposal: null, terminals: [] };
+const empty = { tasks: [], proposal: null, terminals: [], queue: [] };
 const agent = (agentId: string, seq: number) => ({ agentId, busy: false, registration: null, online: true, seq, snapshot: empty });
 const log = (agentId: string, seq: number, line = 'x') => ({ type: 'task.log', agentId, taskId: 'T', line, seq });
 const since = (socket: FakeSocket) => {

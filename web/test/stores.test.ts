@@ -475,6 +475,7 @@ describe('TasksStore snapshots', () => {
     ],
     proposal,
     terminals: [],
+    queue: [],
   };
   const hello = (agents: unknown[]) => m({ type: 'server.hello', agents });
   const record = (seq: number, snap: unknown) => ({ agentId: 'a', busy: true, registration: null, online: true, seq, snapshot: snap });

@@ -33,10 +33,17 @@ export interface SnapshotTerminal {
   mode: 'interactive' | 'line';
 }
 
+// A task waiting at the relay for its agent to be free.
+export interface QueuedTask {
+  taskId: string;
+  payload: TaskPayload;
+}
+
 export interface AgentSnapshot {
   tasks: SnapshotTask[];
   proposal: (Proposal & { taskId: string }) | null;
   terminals: SnapshotTerminal[];
+  queue: QueuedTask[]; // first to go first
 }
 
 export interface AgentRecord {
@@ -80,6 +87,16 @@ export type ServerMessage =
   | { type: 'resume.gap'; agentId: string; since: number; seq: number; snapshot: AgentSnapshot }
   | ({ type: 'agent.register' } & FromAgent & Registration)
   | { type: 'task.created'; taskId: string; agentId: string; requestId?: string }
+  // The relay's queue: "waiting" is the order of the tasks that wait after the change.
+  | { type: 'task.queued'; agentId: string; taskId: string; place: number; payload: TaskPayload; waiting: string[] }
+  | {
+      type: 'task.unqueued';
+      agentId: string;
+      taskId: string;
+      reason: 'assigned' | 'cancelled' | 'failed';
+      waiting: string[];
+      error?: string;
+    }
   | { type: 'error'; code: string; message: string; requestId?: string }
   | ({ type: 'task.started' } & TaskMessage)
   | ({ type: 'task.heartbeat' } & TaskMessage)
@@ -182,6 +199,8 @@ const shapes: Record<ServerMessageType, Shape> = {
   'resume.gap': { ...agentShape, since: 'number', seq: 'number', snapshot: 'object' },
   'agent.register': agentShape,
   'task.created': taskShape,
+  'task.queued': { ...taskShape, place: 'number', payload: 'object', waiting: 'strings' },
+  'task.unqueued': { ...taskShape, reason: 'string', waiting: 'strings' },
   error: { code: 'string', message: 'string' },
   'task.started': taskShape,
   'task.heartbeat': taskShape,
@@ -272,6 +291,20 @@ function decodeSnapshotTask(raw: Record<string, unknown>): SnapshotTask | null {
   return task;
 }
 
+const kPayloadTexts = ['projectPath', 'command', 'system', 'mode', 'approvalMode', 'prompt', 'conversationId'] as const;
+
+// A payload as a client sent it, with what a view reads checked: members of another kind
+// are left out.
+export function decodePayload(value: unknown): TaskPayload {
+  const raw = isObject(value) ? value : {};
+  const payload: TaskPayload = { action: typeof raw.action === 'string' ? raw.action : '' };
+  for (const name of kPayloadTexts) {
+    if (typeof raw[name] === 'string') payload[name] = raw[name] as string;
+  }
+  if (typeof raw.timeoutSec === 'number') payload.timeoutSec = raw.timeoutSec;
+  return payload;
+}
+
 function decodeSnapshotProposal(raw: unknown): AgentSnapshot['proposal'] {
   if (!isObject(raw) || !hasShape(raw, proposalShape, ['agentId'])) return null;
   const { taskId, proposalId, proposalSummary, proposalCommentary, proposalDiff, proposalFiles } = raw as unknown as Proposal & {
@@ -293,7 +326,10 @@ export function decodeSnapshot(value: unknown): AgentSnapshot {
       projectPath: t.projectPath as string,
       mode: t.mode === 'line' ? ('line' as const) : ('interactive' as const),
     }));
-  return { tasks, proposal: decodeSnapshotProposal(raw.proposal), terminals };
+  const queue = objects(raw.queue)
+    .filter((q) => typeof q.taskId === 'string')
+    .map((q) => ({ taskId: q.taskId as string, payload: decodePayload(q.payload) }));
+  return { tasks, proposal: decodeSnapshotProposal(raw.proposal), terminals, queue };
 }
 
 function decodeAgents(value: unknown): AgentRecord[] | null {
@@ -343,6 +379,11 @@ export function decodeServerMessage(text: string): ServerMessage | null {
     Object.assign(message, decodeRegistration(message));
   } else if (type === 'permission.resolved' && message.decision !== 'allow' && message.decision !== 'deny') {
     return null;
+  } else if (type === 'task.queued') {
+    message.payload = decodePayload(message.payload);
+  } else if (type === 'task.unqueued') {
+    if (!['assigned', 'cancelled', 'failed'].includes(message.reason as string)) return null;
+    if (typeof message.error !== 'string') delete message.error;
   }
   return message as unknown as ServerMessage;
 }

@@ -173,7 +173,8 @@ export class ConversationsStore extends Observable {
 
   handle(message: ServerMessage): void {
     if (message.type === 'resume.gap') {
-      this.missed(message.agentId, new Map(message.snapshot.tasks.map((task) => [task.taskId, task.status])));
+      const queued = new Set(message.snapshot.queue.map((task) => task.taskId));
+      this.missed(message.agentId, new Map(message.snapshot.tasks.map((task) => [task.taskId, task.status])), queued);
       return;
     }
     if (message.type === 'permission.resolved') {
@@ -213,6 +214,11 @@ export class ConversationsStore extends Observable {
       case 'task.failed':
         this.finish(answer, 'error', answer.error || message.error);
         break;
+      // Cancelled, or failed, while it waited in the relay's queue.
+      case 'task.unqueued':
+        if (message.reason === 'assigned') return;
+        this.finish(answer, message.reason === 'cancelled' ? 'cancelled' : 'error', message.error ?? '');
+        break;
       default:
         return;
     }
@@ -245,11 +251,12 @@ export class ConversationsStore extends Observable {
   }
 
   // The answers of an agent's chats that the relay could not give whole: each says so, and
-  // one whose task has ended (or is not named any more) ends here too.
-  private missed(agentId: string, statuses: Map<string, SnapshotTaskStatus>): void {
+  // one whose task has ended (or is not named any more) ends here too. One still waiting in
+  // the relay's queue has missed nothing.
+  private missed(agentId: string, statuses: Map<string, SnapshotTaskStatus>, queued: Set<string>): void {
     const ends: Partial<Record<SnapshotTaskStatus, MessageStatus>> = { finished: 'done', cancelled: 'cancelled', failed: 'error' };
     for (const answer of [...this.byTask.values()]) {
-      if (this.conversations.get(answer.conversationId)?.agentId !== agentId) continue;
+      if (this.conversations.get(answer.conversationId)?.agentId !== agentId || queued.has(answer.taskId)) continue;
       answer.missed = true;
       const status = statuses.get(answer.taskId);
       if (status !== 'running' && status !== 'awaiting_approval') this.finish(answer, (status && ends[status]) ?? 'interrupted');

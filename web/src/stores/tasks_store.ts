@@ -1,13 +1,15 @@
 import { CodexEventReader } from '../protocol/codex_events';
-import type { AgentSnapshot, Proposal, ServerMessage, TaskPayload } from '../protocol/messages';
+import type { AgentSnapshot, MessageOf, Proposal, ServerMessage, TaskPayload } from '../protocol/messages';
 import type { Seqs } from '../protocol/relay_client';
 import { readAssistantLogLine, readCommandLogLine, type ActivityLine, type TaskLogLine } from '../protocol/task_log';
 import { LogLines } from './log_lines';
 import { Observable, readJSON, type KeyValueStorage } from './observable';
+import { placeInQueue, statusAfterQueue } from './queue';
 
 export type TaskKind = 'shell' | 'build' | 'chat' | 'ai_task' | 'task';
-// "lost": the agent no longer knew the task when the relay last heard of it.
-export type TaskStatus = 'starting' | 'running' | 'awaiting_approval' | 'finished' | 'failed' | 'cancelled' | 'lost';
+// "queued": waiting at the relay for the agent to be free. "lost": the agent no longer knew
+// the task when the relay last heard of it.
+export type TaskStatus = 'queued' | 'starting' | 'running' | 'awaiting_approval' | 'finished' | 'failed' | 'cancelled' | 'lost';
 
 // The line a task's log shows where the relay no longer had what the page missed.
 export const kMissedOutputNotice = 'Some output was missed here: the relay no longer had it when this page came back.';
@@ -55,6 +57,7 @@ export interface Task extends TaskTimes {
   payload: TaskPayload | null; // null for a task another client started
   projectPath: string;
   status: TaskStatus;
+  place?: number; // in the relay's queue, while it waits: 1 goes next
   exitCode?: number;
   error?: string;
   errorCode?: string;
@@ -245,6 +248,11 @@ export class TasksStore extends Observable {
       this.changed();
       return;
     }
+    if (message.type === 'task.queued' || message.type === 'task.unqueued') {
+      this.queueChanged(message);
+      this.changed();
+      return;
+    }
     if (!message.type.startsWith('task.') || message.type === 'task.created' || !('taskId' in message)) return;
     if (message.type === 'task.heartbeat') return;
     const task = this.ensure(message.taskId, message.agentId, null);
@@ -259,7 +267,7 @@ export class TasksStore extends Observable {
     };
     switch (message.type) {
       case 'task.started':
-        task.status = task.status === 'starting' ? 'running' : task.status;
+        task.status = task.status === 'starting' || task.status === 'queued' ? 'running' : task.status;
         task.programStarted = true;
         stamp('startedAt');
         break;
@@ -324,9 +332,17 @@ export class TasksStore extends Observable {
       task.status = entry.status;
       if (entry.exitCode !== undefined) task.exitCode = entry.exitCode;
     }
+    // The queue is the relay's present alone: its changes are not replayed.
+    for (const entry of snapshot.queue) this.ensure(entry.taskId, agentId, entry.payload).status = 'queued';
+    for (const task of this.tasks.values()) {
+      const after = task.agentId === agentId && task.status === 'queued' ? statusAfterQueue(snapshot, task.taskId) : null;
+      if (after && isEnded(after.status)) this.end(task, after.status, after.exitCode);
+      else if (after) task.status = after.status;
+    }
+    placeInQueue(this.tasks.values(), agentId, snapshot.queue.map((entry) => entry.taskId));
     if (gap) {
       for (const task of this.tasks.values()) {
-        if (task.agentId !== agentId || named.has(task.taskId) || isEnded(task.status)) continue;
+        if (task.agentId !== agentId || named.has(task.taskId) || isEnded(task.status) || task.status === 'queued') continue;
         task.status = 'lost';
         task.log.notice(kMissedOutputNotice);
       }
@@ -339,7 +355,25 @@ export class TasksStore extends Observable {
     }
   }
 
-  private end(task: Task, status: TaskStatus, exitCode: number): void {
+  // A task joined the relay's queue, or left it: for the agent, or ended there.
+  private queueChanged(message: MessageOf<'task.queued'> | MessageOf<'task.unqueued'>): void {
+    const task = this.ensure(message.taskId, message.agentId, message.type === 'task.queued' ? message.payload : null);
+    if (message.type === 'task.queued' && !isEnded(task.status)) {
+      task.status = 'queued';
+    } else if (message.type === 'task.unqueued' && task.status === 'queued') {
+      if (message.reason === 'assigned') {
+        task.status = 'starting';
+      } else {
+        if (message.error !== undefined) task.error = message.error;
+        this.end(task, message.reason === 'cancelled' ? 'cancelled' : 'failed');
+        task.endedAt = this.now();
+        this.noteTimes(task);
+      }
+    }
+    placeInQueue(this.tasks.values(), message.agentId, message.waiting);
+  }
+
+  private end(task: Task, status: TaskStatus, exitCode?: number): void {
     task.status = status;
     task.exitCode = exitCode;
     this.endSeen.add(task.taskId);

@@ -94,6 +94,11 @@ function ChangeDetail({ state, task }: { state: ProjectProps['state']; task: Tas
         <span class="task-title">{task.title}</span>
         <span class={'task-status ' + (end ?? task.status)}>{taskStatusText(task)}</span>
         {elapsed && <span class="muted task-duration">{elapsed}</span>}
+        {task.status === 'queued' && (
+          <button class="danger" onClick={() => state.tasks.cancel(task)}>
+            Cancel
+          </button>
+        )}
       </header>
       {task.progress && !ended && !proposal && !commentary && !task.answer && <p class="progress-text">{task.progress.message}</p>}
       <Activity lines={task.activity} />
