@@ -29,11 +29,11 @@ constexpr int kListenBacklog = 512;
 // After the kernel refuses an accept (out of files), accepting resumes a little later.
 constexpr int kAcceptRetryMs = 1'000;
 
-// Messages an agent sends in bulk; relayed without being parsed.
+// Messages an agent sends in bulk; relayed without being parsed. (A chat's chunks are
+// read: the agent's present has the answer so far.)
 constexpr QByteArrayView kStreamingTypes[] = {
     "\"type\":\"task.log\"",
     "\"type\":\"terminal.output\"",
-    "\"type\":\"task.chat.chunk\"",
 };
 constexpr int kTerminalOutput = 1; // its index above
 // A client that catches up is sent the log while less than this waits for it (and

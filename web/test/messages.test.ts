@@ -55,7 +55,8 @@ describe('decodeServerMessage', () => {
             snapshot: {
               tasks: [
                 { taskId: 'T', kind: 'shell', projectPath: '/r/App', status: 'failed', exitCode: 2 },
-                { taskId: 'C', kind: 'chat', projectPath: '/r/App', status: 'running', conversationId: 'conv', exitCode: 'x' },
+                { taskId: 'C', kind: 'chat', projectPath: '/r/App', status: 'running', conversationId: 'conv', exitCode: 'x', answer: 'So far', answerCut: true },
+                { taskId: 'D', kind: 'chat', projectPath: '/r/App', status: 'running', answer: 7, answerCut: 'yes' },
                 { taskId: 'U', kind: '', projectPath: '/r/App', status: 'exploded' },
                 { kind: 'shell', status: 'running' },
                 'junk',
@@ -86,7 +87,8 @@ describe('decodeServerMessage', () => {
           snapshot: {
             tasks: [
               { taskId: 'T', kind: 'shell', projectPath: '/r/App', status: 'failed', exitCode: 2 },
-              { taskId: 'C', kind: 'chat', projectPath: '/r/App', status: 'running', conversationId: 'conv' },
+              { taskId: 'C', kind: 'chat', projectPath: '/r/App', status: 'running', conversationId: 'conv', answer: 'So far', answerCut: true },
+              { taskId: 'D', kind: 'chat', projectPath: '/r/App', status: 'running' },
             ],
             proposal,
             terminals: [

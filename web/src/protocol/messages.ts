@@ -25,6 +25,10 @@ export interface SnapshotTask {
   status: SnapshotTaskStatus;
   exitCode?: number;
   conversationId?: string;
+  // A running chat's answer so far, as of the snapshot's seq; "answerCut" when its
+  // beginning is not in it.
+  answer?: string;
+  answerCut?: boolean;
 }
 
 export interface SnapshotTerminal {
@@ -278,7 +282,7 @@ function objects(value: unknown): Record<string, unknown>[] {
 const kSnapshotStatuses: readonly string[] = ['running', 'awaiting_approval', 'finished', 'failed', 'cancelled', 'lost'];
 
 function decodeSnapshotTask(raw: Record<string, unknown>): SnapshotTask | null {
-  const { taskId, kind, projectPath, status, exitCode, conversationId } = raw;
+  const { taskId, kind, projectPath, status, exitCode, conversationId, answer, answerCut } = raw;
   if (typeof taskId !== 'string' || typeof status !== 'string' || !kSnapshotStatuses.includes(status)) return null;
   const task: SnapshotTask = {
     taskId,
@@ -288,6 +292,8 @@ function decodeSnapshotTask(raw: Record<string, unknown>): SnapshotTask | null {
   };
   if (typeof exitCode === 'number') task.exitCode = exitCode;
   if (typeof conversationId === 'string') task.conversationId = conversationId;
+  if (typeof answer === 'string') task.answer = answer;
+  if (answerCut === true) task.answerCut = true;
   return task;
 }
 
