@@ -121,6 +121,7 @@ public:
     // Where temporary files of tasks go (the MCP configuration, proposal copies).
     QString temporaryFolder() const override;
     bool oneEndPerTask() const override { return m_features.end; }
+    bool offersFileChoice() const override { return m_features.files; }
 
     // --- configuration, read afresh at every use ---
     AgentProfile loadProfile() const;
@@ -166,6 +167,8 @@ private:
     void handleTaskAssign(const AgentCommand& command);
     void handleServerCommand(const AgentCommand& command);
     void handleTerminalCommand(const AgentCommand& command);
+    // Lists the projects under the repository root, off the loop, for "projects.listed".
+    void listProjects();
     void routeTask(const TaskAssignment& task);
 
     SettingsStore& m_defaults;
@@ -196,6 +199,8 @@ private:
     std::unique_ptr<ProcessRunner> m_runner;
     ChatSessions m_chatSessions;
     TerminalSessionManager* m_terminalSessionManager = nullptr;
+    // A walk for "projects.list" is under way: a request meanwhile takes its answer.
+    bool m_listingProjects = false;
 };
 
 } // namespace brinmoor

@@ -15,7 +15,8 @@ const QStringList& terminalCommands()
 const QStringList& agentCommands()
 {
     static const QStringList types =
-        QStringList{QStringLiteral("task.cancel"), QStringLiteral("task.approval")} + terminalCommands();
+        QStringList{QStringLiteral("task.cancel"), QStringLiteral("task.approval"), QStringLiteral("projects.list")} +
+        terminalCommands();
     return types;
 }
 

@@ -11,15 +11,17 @@ namespace {
 // The features in the order of names().
 QList<bool*> flags(ServerFeatures& features)
 {
-    return {&features.seq, &features.ack, &features.grace, &features.state, &features.pacing, &features.end};
+    return {&features.seq,    &features.ack, &features.grace,    &features.state,
+            &features.pacing, &features.end, &features.projects, &features.files};
 }
 
 } // namespace
 
 const QStringList& ServerFeatures::names()
 {
-    static const QStringList names{QStringLiteral("seq"),   QStringLiteral("ack"),    QStringLiteral("grace"),
-                                   QStringLiteral("state"), QStringLiteral("pacing"), QStringLiteral("end")};
+    static const QStringList names{QStringLiteral("seq"),      QStringLiteral("ack"),    QStringLiteral("grace"),
+                                   QStringLiteral("state"),    QStringLiteral("pacing"), QStringLiteral("end"),
+                                   QStringLiteral("projects"), QStringLiteral("files")};
     return names;
 }
 

@@ -322,6 +322,95 @@ private Q_SLOTS:
         QCOMPARE(closed->value(QStringLiteral("sessionId")).toString(), QStringLiteral("s1"));
     }
 
+    // A page asks the agent what lies under its repository root; every client hears it.
+    void listsTheProjectsUnderTheRepositoryRoot()
+    {
+        QVERIFY(startBoth());
+        const QString repo = m_agent->repo.path();
+        QVERIFY(QDir().mkpath(repo + QStringLiteral("/App/.git")));
+        writeFile(repo + QStringLiteral("/proj/Tool/Cargo.toml"), "[package]\n");
+        writeFile(repo + QStringLiteral("/.hidden/package.json"), "{}");
+        writeFile(repo + QStringLiteral("/notes/todo.txt"), "none\n");
+        RelayClient phone;
+        QVERIFY(phone.open(m_relay->port, m_relay->token));
+        RelayClient other;
+        QVERIFY(other.open(m_relay->port, m_relay->token));
+        phone.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("projects.list")},
+                               {QStringLiteral("agentId"), QStringLiteral("cli-agent")}});
+        std::optional<QJsonObject> listed = other.waitForType(QStringLiteral("projects.listed"));
+        QVERIFY2(listed, qPrintable(other.trace()));
+        QVERIFY(listed->value(QStringLiteral("seq")).isDouble());
+        listed->remove(QStringLiteral("seq"));
+        QCOMPARE(
+            QJsonDocument(*listed).toJson(QJsonDocument::Compact),
+            QByteArray(R"({"agentId":"cli-agent","projects":[{"markers":[".git"],"name":"App","path":"App"},)"
+                       R"({"markers":["Cargo.toml"],"name":"Tool","path":"proj/Tool"}],"type":"projects.listed"})"));
+        QVERIFY(phone.waitForType(QStringLiteral("projects.listed")));
+        // The relay's own answers.
+        phone.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("projects.list")}});
+        phone.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("projects.list")},
+                               {QStringLiteral("agentId"), QStringLiteral("gone-agent")}});
+        const auto error = [&](int index) {
+            QList<QJsonObject> errors;
+            for (const QJsonObject& m : phone.messages()) {
+                if (typeOf(m) == QLatin1String("error"))
+                    errors.append(m);
+            }
+            return errors.value(index);
+        };
+        QVERIFY(waitUntil([&] { return !error(1).isEmpty(); }));
+        QCOMPARE(error(0), (QJsonObject{{QStringLiteral("type"), QStringLiteral("error")},
+                                        {QStringLiteral("code"), QStringLiteral("BAD_REQUEST")},
+                                        {QStringLiteral("message"),
+                                         QStringLiteral("projects.list needs a string \"agentId\"")}}));
+        QCOMPARE(error(1),
+                 (QJsonObject{{QStringLiteral("type"), QStringLiteral("error")},
+                              {QStringLiteral("code"), QStringLiteral("AGENT_OFFLINE")},
+                              {QStringLiteral("message"), QStringLiteral("agent is not connected: gone-agent")}}));
+    }
+
+    // A page approves two of a proposal's three files: the agent applies those two.
+    void approvesSomeFilesThroughTheRelay()
+    {
+        QVERIFY(startBoth());
+        const QString app = m_agent->repo.path() + QStringLiteral("/App");
+        writeFile(app + QStringLiteral("/a.txt"), "a\n");
+        writeFile(app + QStringLiteral("/b.txt"), "b\n");
+        writeFile(m_fake->path() + QStringLiteral("/codex.script"),
+                  "print A > a.txt; print B > b.txt; print C > c.txt\n");
+        writeFile(m_fake->path() + QStringLiteral("/codex.stream"),
+                  codexAgentMessages({QStringLiteral("I changed a.txt and b.txt and added c.txt.")}));
+        RelayClient phone;
+        QVERIFY(phone.open(m_relay->port, m_relay->token));
+        const QString taskId = createTask(phone, {{QStringLiteral("action"), QStringLiteral("ai_task")},
+                                                  {QStringLiteral("system"), QStringLiteral("codex")},
+                                                  {QStringLiteral("mode"), QStringLiteral("apply")},
+                                                  {QStringLiteral("approvalMode"), QStringLiteral("on_request")},
+                                                  {QStringLiteral("projectPath"), QStringLiteral("App")},
+                                                  {QStringLiteral("prompt"), QStringLiteral("change them")}});
+        const std::optional<QJsonObject> awaiting = phone.waitForType(QStringLiteral("task.awaiting_approval"), 20000);
+        QVERIFY2(awaiting, qPrintable(phone.trace()));
+        QCOMPARE(awaiting->value(QStringLiteral("fileChoice")), QJsonValue(true));
+        phone.send(QJsonObject{
+            {QStringLiteral("type"), QStringLiteral("task.approval")},
+            {QStringLiteral("agentId"), QStringLiteral("cli-agent")},
+            {QStringLiteral("taskId"), taskId},
+            {QStringLiteral("payload"),
+             QJsonObject{{QStringLiteral("decision"), QStringLiteral("approve")},
+                         {QStringLiteral("files"), QJsonArray{QStringLiteral("c.txt"), QStringLiteral("a.txt")}}}}});
+        QVERIFY(waitForTaskEnd(phone, taskId));
+        const QStringList trace = taskTrace(phone, taskId);
+        QCOMPARE(trace.mid(trace.indexOf(QStringLiteral("task.log proposal.approval approved files=2 of 3"))),
+                 (QStringList{QStringLiteral("task.log proposal.approval approved files=2 of 3"),
+                              QStringLiteral("task.progress"), QStringLiteral("task.log proposal.applied a.txt"),
+                              QStringLiteral("task.log proposal.left b.txt"),
+                              QStringLiteral("task.log proposal.applied c.txt"), QStringLiteral("task.artifact"),
+                              QStringLiteral("task.finished")}));
+        QCOMPARE(readFile(app + QStringLiteral("/a.txt")), QByteArray("A\n"));
+        QCOMPARE(readFile(app + QStringLiteral("/b.txt")), QByteArray("b\n"));
+        QCOMPARE(readFile(app + QStringLiteral("/c.txt")), QByteArray("C\n"));
+    }
+
     void theAgentComesBackWhenTheServerRestarts()
     {
         QVERIFY(startBoth());

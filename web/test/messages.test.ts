@@ -146,6 +146,37 @@ describe('decodeServerMessage', () => {
     expect(decodeServerMessage(output + '"12"}')).not.toHaveProperty('offset');
   });
 
+  it('reads the projects an agent found, leaving out what is malformed', () => {
+    const text = JSON.stringify({
+      type: 'projects.listed',
+      agentId: 'mac',
+      seq: 5,
+      projects: [{ path: 'App', name: 'App', markers: ['.git', 3] }, { path: 'proj/Tool', name: 'Tool' }, { path: 7, name: 'x' }, 'Lib', { path: '', name: '' }],
+    });
+    expect(decodeServerMessage(text)).toEqual({
+      type: 'projects.listed',
+      agentId: 'mac',
+      seq: 5,
+      projects: [
+        { path: 'App', name: 'App', markers: ['.git'] },
+        { path: 'proj/Tool', name: 'Tool', markers: [] },
+      ],
+    });
+    expect(decodeServerMessage('{"type":"projects.listed","agentId":"mac","projects":"App"}')).toMatchObject({ projects: [] });
+    expect(decodeServerMessage('{"type":"projects.listed","projects":[]}')).toBeNull();
+  });
+
+  it('says a proposal lets files be chosen only with "fileChoice": true', () => {
+    const proposal = '{"type":"task.awaiting_approval","agentId":"a","taskId":"T","proposalId":"p","proposalSummary":"","proposalCommentary":"","proposalDiff":"","proposalFiles":[]';
+    expect(decodeServerMessage(proposal + ',"fileChoice":true}')).toMatchObject({ fileChoice: true });
+    expect(decodeServerMessage(proposal + ',"fileChoice":"yes"}')).not.toHaveProperty('fileChoice');
+    expect(decodeServerMessage(proposal + '}')).not.toHaveProperty('fileChoice');
+    const snapshot = { tasks: [], terminals: [], proposal: { taskId: 'T', proposalId: 'p', proposalSummary: '', proposalCommentary: '', proposalDiff: '', proposalFiles: [], fileChoice: true } };
+    expect(decodeServerMessage(JSON.stringify({ type: 'resume.gap', agentId: 'a', since: 1, seq: 2, snapshot }))).toMatchObject({
+      snapshot: { proposal: { taskId: 'T', fileChoice: true } },
+    });
+  });
+
   it('keeps members it does not know and the seq', () => {
     expect(decodeServerMessage('{"type":"task.log","agentId":"a","taskId":"T","line":"x","seq":7,"later":1}')).toEqual({
       type: 'task.log',

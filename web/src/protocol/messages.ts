@@ -65,6 +65,16 @@ export interface Proposal {
   proposalCommentary: string;
   proposalDiff: string;
   proposalFiles: string[];
+  // The agent applies the files an approval names, and leaves the others.
+  fileChoice?: boolean;
+}
+
+// A folder under an agent's repository root that looks like a project: its path
+// relative to the root, its name, and what marks it (".git", "package.json", …).
+export interface FoundProject {
+  path: string;
+  name: string;
+  markers: string[];
 }
 
 // Present on every message the relay passes on from an agent. "seq" is the agent's own
@@ -116,6 +126,7 @@ export type ServerMessage =
   | ({ type: 'task.artifact'; kind: string; summary: string; mimeType: string } & TaskMessage)
   | ({ type: 'task.proposal_ready' } & TaskMessage & Proposal)
   | ({ type: 'task.awaiting_approval' } & TaskMessage & Proposal)
+  | ({ type: 'projects.listed'; projects: FoundProject[] } & FromAgent)
   | ({ type: 'terminal.opened'; status: string; mode?: string } & TerminalMessage)
   // "offset": the session's output so far, this piece included, in UTF-16 code units; only
   // live output has it.
@@ -169,7 +180,8 @@ export type TerminalCommandType =
 export type ClientMessage =
   | { type: 'task.create'; agentId: string; payload: TaskPayload; requestId?: string }
   | { type: 'task.cancel'; agentId: string; taskId: string; requestId?: string }
-  | { type: 'task.approval'; agentId: string; taskId: string; payload: { decision: 'approve' | 'reject' }; requestId?: string }
+  | { type: 'task.approval'; agentId: string; taskId: string; payload: { decision: 'approve' | 'reject'; files?: string[] }; requestId?: string }
+  | { type: 'projects.list'; agentId: string }
   | { type: TerminalCommandType; agentId: string; payload: Record<string, unknown>; requestId?: string }
   | {
       type: 'permission.decision';
@@ -220,6 +232,7 @@ const shapes: Record<ServerMessageType, Shape> = {
   'task.artifact': { ...taskShape, kind: 'string', summary: 'string', mimeType: 'string' },
   'task.proposal_ready': proposalShape,
   'task.awaiting_approval': proposalShape,
+  'projects.listed': { ...agentShape, projects: 'any' },
   'terminal.opened': { ...terminalShape, status: 'string' },
   'terminal.output': { ...terminalShape, data: 'string' },
   'terminal.status': { ...terminalShape, status: 'string', message: 'string' },
@@ -316,7 +329,8 @@ function decodeSnapshotProposal(raw: unknown): AgentSnapshot['proposal'] {
   const { taskId, proposalId, proposalSummary, proposalCommentary, proposalDiff, proposalFiles } = raw as unknown as Proposal & {
     taskId: string;
   };
-  return { taskId, proposalId, proposalSummary, proposalCommentary, proposalDiff, proposalFiles };
+  const proposal = { taskId, proposalId, proposalSummary, proposalCommentary, proposalDiff, proposalFiles };
+  return raw.fileChoice === true ? { ...proposal, fileChoice: true } : proposal;
 }
 
 // A snapshot with what is malformed in it left out: an empty present rather than no message.
@@ -383,6 +397,13 @@ export function decodeServerMessage(text: string): ServerMessage | null {
     message.agents = agents;
   } else if (type === 'agent.register') {
     Object.assign(message, decodeRegistration(message));
+  } else if (type === 'projects.listed') {
+    // The projects well formed; the rest left out.
+    message.projects = objects(message.projects)
+      .filter((p) => typeof p.path === 'string' && p.path !== '' && typeof p.name === 'string')
+      .map((p) => ({ path: p.path as string, name: p.name as string, markers: strings(p.markers) }));
+  } else if ((type === 'task.awaiting_approval' || type === 'task.proposal_ready') && message.fileChoice !== true) {
+    delete message.fileChoice;
   } else if (type === 'permission.resolved' && message.decision !== 'allow' && message.decision !== 'deny') {
     return null;
   } else if (type === 'task.queued') {

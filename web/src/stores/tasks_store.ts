@@ -80,7 +80,7 @@ export interface Task extends TaskTimes {
 export interface TaskSender {
   createTask(agentId: string, payload: TaskPayload): Promise<string>;
   cancelTask(agentId: string, taskId: string): boolean;
-  decideProposal(agentId: string, taskId: string, approve: boolean): boolean;
+  decideProposal(agentId: string, taskId: string, approve: boolean, files?: string[]): boolean;
 }
 
 export function taskKind(payload: TaskPayload | null): TaskKind {
@@ -210,8 +210,9 @@ export class TasksStore extends Observable {
     return true;
   }
 
-  decide(task: Task, approve: boolean): boolean {
-    if (!task.proposal || !this.sender.decideProposal(task.agentId, task.taskId, approve)) return false;
+  // An approval of some of the files names them; without `files`, all are approved.
+  decide(task: Task, approve: boolean, files?: string[]): boolean {
+    if (!task.proposal || !this.sender.decideProposal(task.agentId, task.taskId, approve, files)) return false;
     task.proposal = { ...task.proposal, decision: approve ? 'approve' : 'reject' };
     this.changed();
     return true;
@@ -286,9 +287,10 @@ export class TasksStore extends Observable {
         break;
       case 'task.awaiting_approval':
       case 'task.proposal_ready': {
-        const { proposalId, proposalSummary, proposalCommentary, proposalDiff, proposalFiles } = message;
+        const { proposalId, proposalSummary, proposalCommentary, proposalDiff, proposalFiles, fileChoice } = message;
         const needsApproval = message.type === 'task.awaiting_approval';
         task.proposal = { proposalId, proposalSummary, proposalCommentary, proposalDiff, proposalFiles, needsApproval };
+        if (needsApproval && fileChoice) task.proposal.fileChoice = true;
         if (needsApproval && !isEnded(task.status)) {
           task.status = 'awaiting_approval';
           stamp('awaitingAt');
