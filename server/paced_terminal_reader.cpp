@@ -78,6 +78,12 @@ void PacedTerminalReader::take(const QJsonObject& message)
 {
     const QString type = message.value(QStringLiteral("type")).toString();
     m_types.append(type);
+    if (type == QLatin1String("task.log") && message.contains(QStringLiteral("number"))) {
+        takeTaskLine(message);
+        return;
+    }
+    if (type != QLatin1String("terminal.output") && type != QLatin1String("task.log"))
+        m_others.append(message);
     if (type != QLatin1String("terminal.output") ||
         message.value(QStringLiteral("sessionId")).toString() != m_sessionId ||
         message.contains(QStringLiteral("snapshot")))
@@ -92,6 +98,17 @@ void PacedTerminalReader::take(const QJsonObject& message)
     if (m_acknowledging && message.contains(QStringLiteral("offset")))
         command(QStringLiteral("terminal.ack"),
                 QJsonObject{{QStringLiteral("offset"), message.value(QStringLiteral("offset"))}});
+}
+
+void PacedTerminalReader::takeTaskLine(const QJsonObject& message)
+{
+    const qint64 number = qint64(message.value(QStringLiteral("number")).toDouble());
+    m_taskLines.append({number, message.value(QStringLiteral("line")).toString()});
+    if (m_acknowledging)
+        send(QJsonObject{{QStringLiteral("type"), QStringLiteral("task.ack")},
+                         {QStringLiteral("agentId"), m_agentId},
+                         {QStringLiteral("taskId"), message.value(QStringLiteral("taskId"))},
+                         {QStringLiteral("line"), number}});
 }
 
 void PacedTerminalReader::command(const QString& type, QJsonObject payload)

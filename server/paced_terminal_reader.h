@@ -13,10 +13,11 @@ class QTcpSocket;
 
 namespace brinmoor::relay {
 
-// A phone that reads a terminal slowly, for the tests and benchmarks: a raw client
-// WebSocket that takes at most so many bytes a second from its socket, and
-// acknowledges each piece of live terminal output as soon as it has read it, as a
-// client that renders at that speed would. Not part of the server.
+// A phone that reads a terminal or a task slowly, for the tests and benchmarks: a raw
+// client WebSocket that takes at most so many bytes a second from its socket, and
+// acknowledges each piece of live terminal output, and each numbered line of a task's
+// output, as soon as it has read it, as a client that renders at that speed would. Not
+// part of the server.
 class PacedTerminalReader : public QObject {
     Q_OBJECT
 
@@ -28,6 +29,8 @@ public:
 
     // Sends a message with "agentId" and the payload, the session id added.
     void command(const QString& type, QJsonObject payload = {});
+    // Sends a message as it is.
+    void send(const QJsonObject& message);
     void setPace(qint64 bytesPerSecond);
     // Whether it acknowledges what it reads (it does by default).
     void setAcknowledging(bool acknowledging) { m_acknowledging = acknowledging; }
@@ -43,12 +46,17 @@ public:
     qint64 bytesRead() const { return m_bytesRead; }
     // Types of every message read, in order.
     const QStringList& types() const { return m_types; }
+    // The numbered lines of task output read ("task.log" with "number"): each is
+    // acknowledged ("task.ack") as soon as it is read, as a page that takes it does.
+    const QList<QPair<qint64, QString>>& taskLines() const { return m_taskLines; }
+    // The messages read that are neither terminal output nor task output.
+    const QList<QJsonObject>& otherMessages() const { return m_others; }
 
 private:
     void onTick();
     void read(qint64 budget);
     void take(const QJsonObject& message);
-    void send(const QJsonObject& message);
+    void takeTaskLine(const QJsonObject& message);
 
     QTcpSocket* m_socket;
     QString m_agentId;
@@ -67,6 +75,8 @@ private:
     qint64 m_outputBytes = 0;
     qint64 m_bytesRead = 0;
     QStringList m_types;
+    QList<QPair<qint64, QString>> m_taskLines;
+    QList<QJsonObject> m_others;
 };
 
 } // namespace brinmoor::relay

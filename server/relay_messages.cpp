@@ -4,6 +4,20 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 
+#include <cmath>
+
+namespace brinmoor::relay {
+
+qint64 wholeNumber(const QJsonValue& value)
+{
+    const double number = value.toDouble(-1);
+    if (!value.isDouble() || number < 0 || number > 9007199254740991.0 || std::floor(number) != number)
+        return -1;
+    return qint64(number);
+}
+
+} // namespace brinmoor::relay
+
 namespace brinmoor::relay::RelayMessages {
 
 namespace {
@@ -83,6 +97,17 @@ QByteArray terminalWindow(const QString& sessionId, std::optional<qint64> offset
     if (offset)
         payload.insert(QStringLiteral("offset"), *offset);
     QJsonObject message = typed("terminal.ack");
+    message.insert(QStringLiteral("payload"), payload);
+    return json(message);
+}
+
+QByteArray taskWindow(const QString& taskId, std::optional<qint64> line)
+{
+    QJsonObject payload;
+    if (line)
+        payload.insert(QStringLiteral("line"), *line);
+    QJsonObject message = typed("task.ack");
+    message.insert(QStringLiteral("taskId"), taskId);
     message.insert(QStringLiteral("payload"), payload);
     return json(message);
 }

@@ -33,6 +33,10 @@ struct PermissionRequest {
     QString toolUseId;
 };
 
+// A seq, or a message number, from JSON: a whole number from 0 up to 2^53 - 1; -1 for
+// anything else.
+qint64 wholeNumber(const QJsonValue& value);
+
 // The messages the server itself writes; everything else is relayed.
 namespace RelayMessages {
 
@@ -48,6 +52,9 @@ QByteArray agentAck(qint64 seq);
 // The lowest offset the clients that pace the session have rendered; none when no
 // client paces it.
 QByteArray terminalWindow(const QString& sessionId, std::optional<qint64> offset);
+// The lowest line of the task the clients that pace it have taken; none when no client
+// paces it.
+QByteArray taskWindow(const QString& taskId, std::optional<qint64> line);
 QByteArray resumeOk(const QString& agentId, qint64 since);
 QByteArray resumeGap(const QString& agentId, qint64 since, qint64 seq, const QJsonObject& snapshot);
 QByteArray agentOnline(const QString& agentId);

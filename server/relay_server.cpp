@@ -44,20 +44,10 @@ constexpr qsizetype kReplayBacklog = 64 * 1024;
 constexpr qsizetype kAgentQuietBacklog = 64 * 1024;
 constexpr int kTrimIntervalMs = 60'000;
 // Above this a JSON number no longer holds every integer.
-constexpr double kLargestSeq = 9007199254740991.0;
 // A stream starts at most here, so that 2^40 messages still fit below 2^53.
 constexpr qint64 kLargestStreamStart = 9007199254740991LL - (qint64(1) << 40);
 constexpr quint16 kPolicyViolationCloseCode = 1008;
 constexpr const char* kSeqRangeReason = "seqs must stay below 2^53";
-
-// A seq, or a message number, from JSON: a whole number from 0 up; -1 for anything else.
-qint64 wholeNumber(const QJsonValue& value)
-{
-    const double number = value.toDouble(-1);
-    if (!value.isDouble() || number < 0 || number > kLargestSeq || std::floor(number) != number)
-        return -1;
-    return qint64(number);
-}
 
 // What a client has seen, {"AGENT":SEQ,…}; none when the value is not such an object.
 std::optional<QList<QPair<QString, qint64>>> sinceList(const QJsonValue& value)
@@ -516,6 +506,8 @@ void RelayServer::acceptAgent(RelayConnection& connection, const HttpRequest& re
     // The readers that pace its terminals hold them back again.
     for (const TerminalFlow::Window& window : m_terminalFlow.windowsOf(agentId))
         tellAgentWindow(window);
+    for (const TerminalFlow::Window& window : m_taskFlow.windowsOf(agentId))
+        tellAgentTaskWindow(window);
     logEvent("agent.connected", {{"agentId", agentId}, {"address", connection.address()}});
     broadcastText(RelayMessages::agentOnline(agentId));
 }
@@ -717,6 +709,8 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
     AgentHistory& history = *agent.history;
     QByteArray rewritten;
     QByteArrayView relayed = body;
+    if (parsed && answerTaskRead(agent.agentId, *parsed))
+        return; // for one client alone, not logged
     if (parsed) {
         if (refusedAsBusy(agent, *parsed))
             return;
@@ -868,6 +862,7 @@ void RelayServer::endTask(Agent& agent, const QString& taskId)
     if (agent.currentTaskId == taskId)
         agent.currentTaskId.clear();
     m_taskAgents.remove(taskId);
+    m_taskFlow.removeSession(agent.agentId, taskId);
     m_permissions.endTask(taskId);
     m_queue.agentReported(agent.agentId, taskId);
     startWaitingTaskSoon(agent.agentId);
@@ -906,6 +901,10 @@ void RelayServer::clientMessage(RelayConnection& client, QByteArrayView payload)
         resumeClient(client, message);
     else if (type == QLatin1String("terminal.ack"))
         acknowledgeTerminal(client, message);
+    else if (type == QLatin1String("task.ack"))
+        acknowledgeTask(client, message);
+    else if (type == QLatin1String("task.output.read") || type == QLatin1String("tasks.list"))
+        readTaskOutput(client, type, message);
     else if (MessageTypes::agentCommands().contains(type))
         forwardToAgent(client, type, message);
     else if (type == QLatin1String("permission.decision"))
@@ -1234,6 +1233,11 @@ void RelayServer::connectionClosed(RelayConnection& connection)
         m_cursors.eraseClient(&connection);
         for (const TerminalFlow::Window& window : m_terminalFlow.removeClient(&connection))
             tellAgentWindow(window);
+        for (const TerminalFlow::Window& window : m_taskFlow.removeClient(&connection))
+            tellAgentTaskWindow(window);
+        m_taskReads.removeClient(&connection);
+        for (QSet<RelayConnection*>& pacers : m_taskPacers)
+            pacers.remove(&connection);
         if (m_broadcasting == 0)
             std::erase(m_clients, nullptr);
         if (connection.closeReason().isEmpty()) {

@@ -11,6 +11,7 @@
 #include "resume_cursors.h"
 #include "served_hosts.h"
 #include "task_queue.h"
+#include "task_reads.h"
 #include "terminal_flow.h"
 #include "tls_context.h"
 #include "trusted_proxies.h"
@@ -167,6 +168,14 @@ private:
     // Tells the agent a session's window; while the agent has much waiting for it, only
     // the latest window of each session is kept, and told once it has read the rest.
     void tellAgentWindow(const TerminalFlow::Window& window);
+    // Tasks' kept output (relay_task_output.cpp).
+    void acknowledgeTask(RelayConnection& client, const QJsonObject& message);
+    void tellAgentTaskWindow(const TerminalFlow::Window& window);
+    // A task went to the agent: who paces it from its first line.
+    void startTaskPace(const QString& agentId, const QString& taskId);
+    void readTaskOutput(RelayConnection& client, const QString& type, const QJsonObject& message);
+    // Whether the agent's message answers a read; if so it went to the client that asked.
+    bool answerTaskRead(const QString& agentId, const QJsonObject& message);
     void tellPendingWindows(RelayConnection& agentConnection);
     // Whether the agent takes a client's command of `size` bytes now: a client's commands
     // never pile up for an agent that does not read them; the client is told instead.
@@ -219,6 +228,9 @@ private:
     QHash<QString, QHash<QString, std::optional<qint64>>> m_pendingWindows; // agent id, session id
     ResumeCursors m_cursors;
     TerminalFlow m_terminalFlow;
+    TerminalFlow m_taskFlow; // the same pace, of tasks' output: task ids, and lines for offsets
+    TaskReads m_taskReads;
+    QHash<QString, QSet<RelayConnection*>> m_taskPacers; // agent id: the clients that pace its tasks
     QTimer m_trimTimer;
 };
 

@@ -56,6 +56,7 @@ void RelayServer::assignTask(Agent& agent, const WaitingTask& task)
     agent.history->snapshot.taskCreated(task.taskId, task.payload);
     m_queue.sent(agent.agentId, task);
     agent.connection->sendText(RelayMessages::taskAssign(task.taskId, task.payload));
+    startTaskPace(agent.agentId, task.taskId);
 }
 
 void RelayServer::startWaitingTaskSoon(const QString& agentId)

@@ -58,7 +58,9 @@ AgentRuntime::AgentRuntime(SettingsStore& defaults, Environment env, Machine mac
     : QObject(parent), m_defaults(defaults), m_env(std::move(env)), m_machine(std::move(machine)),
       m_outbox(QDateTime::currentMSecsSinceEpoch() * 1000),
       m_runner(std::make_unique<ProcessRunner>(static_cast<TaskHost&>(*this))),
-      m_chatSessions(ChatSessions::standardFilePath(m_env, m_machine.homeDirectory))
+      m_chatSessions(ChatSessions::standardFilePath(m_env, m_machine.homeDirectory)),
+      m_taskOutput(TaskOutputStore::standardFolder(agentStateFolder(m_env, m_machine.homeDirectory)),
+                   TaskOutputStore::kDefaultTasks, TaskOutputStore::kDefaultBytes)
 {
     m_reconnectTimer.setSingleShot(true);
     m_reconnectTimer.setTimerType(Qt::PreciseTimer);
@@ -394,6 +396,7 @@ void AgentRuntime::onSocketLost(const QString& error)
 {
     const bool wasConnected = m_connected;
     discardSocket();
+    m_taskPace.release();
     if (!wasConnected) {
         reportStatus(QStringLiteral("Reconnect in 3s: ") + error);
         m_reconnectTimer.start();
@@ -458,13 +461,21 @@ void AgentRuntime::sendJSON(const QJsonObject& message)
         m_proposal = message;
         m_proposal->remove(QStringLiteral("type"));
     }
+    endTaskOutput(type, message);
     m_outbox.add(QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact)), taskId,
                  type == QLatin1String("terminal.output") ? Outbox::Kind::TerminalOutput : Outbox::Kind::Other);
 }
 
 void AgentRuntime::sendTaskLog(const QString& taskId, QStringView line)
 {
-    m_outbox.add(Messages::taskLogText(taskId, line), taskId, Outbox::Kind::TaskLog);
+    const std::optional<qint64> number = m_taskOutput.append(taskId, line);
+    if (!m_features.lines || !number) {
+        m_outbox.add(Messages::taskLogText(taskId, line), taskId, Outbox::Kind::TaskLog);
+        return;
+    }
+    const QString text = Messages::taskLogText(taskId, line, number);
+    m_taskPace.sent(taskId, *number, text.size());
+    m_outbox.add(text, taskId, Outbox::Kind::TaskLog);
 }
 
 void AgentRuntime::sendTerminalOutput(const QString& json)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "agent/outbox.h"
+#include "agent/task_output_pace.h"
 #include "base/outgoing_flow.h"
 #include "chat/chat_execution.h"
 #include "config/agent_profile.h"
@@ -9,6 +10,7 @@
 #include "execution/approval_slot.h"
 #include "execution/process_runner.h"
 #include "execution/task_host.h"
+#include "execution/task_output_store.h"
 #include "protocol/messages.h"
 #include "protocol/server_features.h"
 
@@ -130,6 +132,8 @@ public:
     SettingsStore& defaults() override { return m_defaults; }
     const Environment& environment() const override { return m_env; }
     OutgoingFlow* outgoingFlow() override { return &m_flow; }
+    OutgoingFlow* taskOutputFlow() override { return m_taskPace.flow(); }
+    bool numbersOutputLines() const override { return m_features.lines; }
     void reportStatus(const QString& text) override;
 
 private:
@@ -169,6 +173,12 @@ private:
     void handleTerminalCommand(const AgentCommand& command);
     // Lists the projects under the repository root, off the loop, for "projects.listed".
     void listProjects();
+    // "task.ack", "task.output.read" and "tasks.list" of a server that reads numbered lines.
+    void handleTaskOutputCommand(const AgentCommand& command);
+    // The task's output is kept from here, and paced from its first line.
+    void beginTaskOutput(const TaskAssignment& task);
+    // A task's end as it is said: its kept output ends with it.
+    void endTaskOutput(const QString& type, const QJsonObject& message);
     void routeTask(const TaskAssignment& task);
 
     SettingsStore& m_defaults;
@@ -198,6 +208,8 @@ private:
     ApprovalSlot m_approvals;
     std::unique_ptr<ProcessRunner> m_runner;
     ChatSessions m_chatSessions;
+    TaskOutputStore m_taskOutput;
+    TaskOutputPace m_taskPace;
     TerminalSessionManager* m_terminalSessionManager = nullptr;
     // A walk for "projects.list" is under way: a request meanwhile takes its answer.
     bool m_listingProjects = false;

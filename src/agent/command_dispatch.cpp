@@ -2,6 +2,7 @@
 // time; a task runs on in the runner while later frames (cancel, approval, terminal)
 // are handled.
 #include "agent/agent_runtime.h"
+#include "agent/task_output_answers.h"
 #include "base/agent_error.h"
 #include "base/diag.h"
 #include "chat/chat_output.h"
@@ -57,6 +58,8 @@ bool AgentRuntime::handleCommandData(const QByteArray& data, QString* error)
     } else if ((command.type == QLatin1String("agent.ack") && m_features.ack) ||
                (command.type == QLatin1String("terminal.ack") && m_features.pacing)) {
         handleServerCommand(command);
+    } else if (m_features.lines && MessageTypes::taskOutputCommands().contains(command.type)) {
+        handleTaskOutputCommand(command);
     } else if (command.type == QLatin1String("task.assign")) {
         handleTaskAssign(command);
     } else if (command.type == QLatin1String("task.cancel")) {
@@ -92,6 +95,57 @@ void AgentRuntime::handleServerCommand(const AgentCommand& command)
     const std::optional<QString> sessionId = command.stringMember(QStringLiteral("sessionId"));
     if (sessionId && m_terminalSessionManager)
         m_terminalSessionManager->pace(*sessionId, command.intMember(QStringLiteral("offset")));
+}
+
+void AgentRuntime::handleTaskOutputCommand(const AgentCommand& command)
+{
+    const QString taskId = command.taskId.value_or(QString());
+    if (command.type == QLatin1String("task.ack")) {
+        m_taskPace.acknowledge(taskId, command.intMember(QStringLiteral("line")));
+        return;
+    }
+    const QString readId = command.stringMember(QStringLiteral("readId")).value_or(QString());
+    if (command.type == QLatin1String("tasks.list")) {
+        sendJSON(TaskOutputAnswers::kept(readId, m_taskOutput.tasks()));
+        return;
+    }
+    const qint64 count = command.intMember(QStringLiteral("count")).value_or(0);
+    m_taskOutput.read(
+        taskId, command.intMember(QStringLiteral("from")),
+        int(std::clamp<qint64>(count, 0, TaskOutputStore::kMaxReadLines)),
+        command.stringMember(QStringLiteral("match")).value_or(QString()),
+        [this, taskId, readId](const OutputPage& page) { sendJSON(TaskOutputAnswers::output(taskId, readId, page)); });
+}
+
+void AgentRuntime::beginTaskOutput(const TaskAssignment& task)
+{
+    const auto bound = [this](const QString& key, const QString& variable, qint64 fallback) {
+        bool ok = false;
+        const qint64 value = settingOrEnvironment(m_defaults, key, m_env, variable).value_or(QString()).toLongLong(&ok);
+        return ok && value >= 0 ? value : fallback;
+    };
+    m_taskOutput.setBounds(bound(QStringLiteral("taskOutputTasks"), QStringLiteral("BRINMOOR_TASK_OUTPUT_TASKS"),
+                                 TaskOutputStore::kDefaultTasks),
+                           bound(QStringLiteral("taskOutputBytes"), QStringLiteral("BRINMOOR_TASK_OUTPUT_BYTES"),
+                                 TaskOutputStore::kDefaultBytes));
+    KeptTask kept;
+    kept.taskId = task.taskId;
+    kept.kind = task.action;
+    kept.projectPath = task.projectPath;
+    kept.conversationId = m_task.conversationId;
+    m_taskOutput.begin(kept);
+    m_taskPace.begin(task.taskId, m_features.lines);
+}
+
+void AgentRuntime::endTaskOutput(const QString& type, const QJsonObject& message)
+{
+    static const QStringList ends{QStringLiteral("task.finished"), QStringLiteral("task.failed"),
+                                  QStringLiteral("task.cancelled")};
+    if (!ends.contains(type))
+        return;
+    const QJsonValue exitCode = message.value(QStringLiteral("exitCode"));
+    m_taskOutput.end(message.value(QStringLiteral("taskId")).toString(), type.mid(5),
+                     exitCode.isDouble() ? std::optional<int>(exitCode.toInt()) : std::nullopt);
 }
 
 void AgentRuntime::handleTerminalCommand(const AgentCommand& command)
@@ -155,6 +209,7 @@ void AgentRuntime::handleTaskAssign(const AgentCommand& command)
                                QStringLiteral("timeoutSec must not be negative: ") + QString::number(task->timeoutSec));
         m_task = {task->taskId, task->action, task->projectPath,
                   task->action == QLatin1String("chat") ? task->conversationId : QString(), false};
+        beginTaskOutput(*task);
         routeTask(*task);
     } catch (const AgentError& error) {
         diag(QStringLiteral("task.assign failed taskId=") + logValue(task->taskId) + QStringLiteral(" error=") +

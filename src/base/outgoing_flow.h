@@ -15,7 +15,12 @@ public:
     static constexpr qint64 kHighWaterBytes = 4 * 1024 * 1024;
     static constexpr qint64 kLowWaterBytes = 1 * 1024 * 1024;
 
-    using QObject::QObject;
+    explicit OutgoingFlow(QObject* parent = nullptr) : QObject(parent) {}
+    // A flow with marks of its own.
+    OutgoingFlow(qint64 highWaterBytes, qint64 lowWaterBytes, QObject* parent = nullptr)
+        : QObject(parent), m_high(highWaterBytes), m_low(lowWaterBytes)
+    {
+    }
 
     bool isBlocked() const { return m_blocked; }
     // Called with the socket's unsent byte count after every send and write.
@@ -26,6 +31,8 @@ Q_SIGNALS:
     void resumed();
 
 private:
+    qint64 m_high = kHighWaterBytes;
+    qint64 m_low = kLowWaterBytes;
     bool m_blocked = false;
 };
 

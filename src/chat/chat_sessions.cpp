@@ -57,16 +57,7 @@ ChatSessions::~ChatSessions()
 
 QString ChatSessions::standardFilePath(const Environment& env, const QString& home)
 {
-#ifdef Q_OS_MACOS
-    Q_UNUSED(env);
-    return home + QStringLiteral("/Library/Application Support/BrinmoorMacAgent/chat-sessions.json");
-#else
-    QString stateHome = env.value(QStringLiteral("XDG_STATE_HOME"));
-    // XDG's base directory rules ignore a relative XDG_STATE_HOME.
-    if (stateHome.isEmpty() || !QDir::isAbsolutePath(stateHome))
-        stateHome = home + QStringLiteral("/.local/state");
-    return stateHome + QStringLiteral("/brinmoor/chat-sessions.json");
-#endif
+    return agentStateFolder(env, home) + QStringLiteral("/chat-sessions.json");
 }
 
 bool ChatSessions::hasEstablishedChatSession(const QString& key) const

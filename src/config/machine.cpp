@@ -71,4 +71,18 @@ Environment currentEnvironment()
     return env;
 }
 
+QString agentStateFolder(const Environment& env, const QString& home)
+{
+#ifdef Q_OS_MACOS
+    Q_UNUSED(env);
+    return home + QStringLiteral("/Library/Application Support/BrinmoorMacAgent");
+#else
+    QString stateHome = env.value(QStringLiteral("XDG_STATE_HOME"));
+    // XDG's base directory rules ignore a relative XDG_STATE_HOME.
+    if (stateHome.isEmpty() || !QDir::isAbsolutePath(stateHome))
+        stateHome = home + QStringLiteral("/.local/state");
+    return stateHome + QStringLiteral("/brinmoor");
+#endif
+}
+
 } // namespace brinmoor

@@ -29,4 +29,9 @@ struct Machine {
 // The real process environment.
 Environment currentEnvironment();
 
+// The folder the agent keeps its state in (chat sessions, task output):
+// $XDG_STATE_HOME (default ~/.local/state)/brinmoor, on macOS
+// ~/Library/Application Support/BrinmoorMacAgent.
+QString agentStateFolder(const Environment& env, const QString& home);
+
 } // namespace brinmoor

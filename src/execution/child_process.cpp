@@ -20,9 +20,12 @@ namespace brinmoor {
 
 namespace {
 
-constexpr qsizetype kReadChunk = 256 * 1024;
+// A read of short lines is many messages (a 64 KiB read of `seq` is about a megabyte of
+// them), and what the pipe holds when the child exits is read at once: both are how far
+// a paced task's output may overshoot its pace, so both stay small.
+constexpr qsizetype kReadChunk = 64 * 1024;
 // A bigger pipe means fewer wake-ups for a chatty child.
-constexpr int kPipeSize = 1024 * 1024;
+constexpr int kPipeSize = 256 * 1024;
 // After the child exits, what is left in the pipes is read without waiting; a
 // background grandchild that keeps writing cannot hold the task open past this.
 constexpr qsizetype kDrainLimit = 16 * 1024 * 1024;
@@ -73,8 +76,9 @@ ChildProcess::CommandLine ChildProcess::commandLine(const QString& shell, bool r
 #endif
 }
 
-ChildProcess::ChildProcess(OutgoingFlow* flow, QObject* parent) : QObject(parent), m_flow(flow)
+ChildProcess::ChildProcess(OutgoingFlow* flow, QObject* parent) : QObject(parent)
 {
+    alsoWaitFor(flow);
     m_readBuffer.resize(kReadChunk);
 }
 
@@ -156,9 +160,9 @@ bool ChildProcess::start(const Launch& launch, QString* error)
     watch(m_out, outFds[0], false);
     if (!merged)
         watch(m_err, errFds[0], true);
-    if (m_flow)
-        connect(m_flow, &OutgoingFlow::resumed, this, &ChildProcess::resume);
-    if (m_flow && m_flow->isBlocked())
+    for (const QPointer<OutgoingFlow>& flow : std::as_const(m_flows))
+        connect(flow, &OutgoingFlow::resumed, this, &ChildProcess::resume);
+    if (isHeldBack())
         pause();
     return true;
 }
@@ -170,13 +174,13 @@ bool ChildProcess::isRunning() const
 
 void ChildProcess::onReadable(Pipe& pipe, bool isError)
 {
-    if (m_flow && m_flow->isBlocked()) {
+    if (isHeldBack()) {
         pause();
         return;
     }
     if (!readOnce(pipe, isError))
         closePipe(pipe);
-    if (m_flow && m_flow->isBlocked())
+    if (isHeldBack())
         pause();
 }
 
@@ -213,6 +217,21 @@ void ChildProcess::closePipe(Pipe& pipe)
     closeFd(pipe.fd);
 }
 
+void ChildProcess::alsoWaitFor(OutgoingFlow* flow)
+{
+    if (flow)
+        m_flows.append(flow);
+}
+
+bool ChildProcess::isHeldBack() const
+{
+    for (const QPointer<OutgoingFlow>& flow : m_flows) {
+        if (flow && flow->isBlocked())
+            return true;
+    }
+    return false;
+}
+
 void ChildProcess::pause()
 {
     if (m_paused)
@@ -226,7 +245,7 @@ void ChildProcess::pause()
 
 void ChildProcess::resume()
 {
-    if (!m_paused)
+    if (!m_paused || isHeldBack())
         return;
     m_paused = false;
     for (Pipe* pipe : {&m_out, &m_err}) {

@@ -17,8 +17,8 @@ class OutgoingFlow;
 
 // One task child: `/bin/zsh -lc TEXT` (or under `script` when it needs a terminal) in
 // its own process group, standard input on the null device, its output read through
-// the event loop and decoded as UTF-8. Reading pauses while the outgoing flow is
-// blocked, so a fast child cannot grow the agent's memory.
+// the event loop and decoded as UTF-8. Reading pauses while the outgoing flow (or the
+// pace of the task's readers) is blocked, so a fast child cannot grow the agent's memory.
 class ChildProcess : public QObject {
     Q_OBJECT
 
@@ -47,6 +47,9 @@ public:
 
     explicit ChildProcess(OutgoingFlow* flow, QObject* parent = nullptr);
     ~ChildProcess() override;
+
+    // Reading also waits while `flow` is blocked. Before `start`.
+    void alsoWaitFor(OutgoingFlow* flow);
 
     // Launches the child; false with the reason in `error` when it could not start.
     bool start(const Launch& launch, QString* error);
@@ -84,11 +87,12 @@ private:
     // Decodes the first `size` bytes of the read buffer and emits the text.
     void deliver(Pipe& pipe, qsizetype size, bool isError);
     void closePipe(Pipe& pipe);
+    bool isHeldBack() const;
     void pause();
     void resume();
     void onFinished(int exitCode, int exitStatus);
 
-    QPointer<OutgoingFlow> m_flow;
+    QList<QPointer<OutgoingFlow>> m_flows;
     QProcess* m_process = nullptr;
     Pipe m_out;
     Pipe m_err;

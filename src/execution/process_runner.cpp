@@ -5,6 +5,7 @@
 #include "config/settings_store.h"
 #include "execution/approval_slot.h"
 #include "execution/child_process.h"
+#include "execution/output_lines.h"
 #include "execution/task_host.h"
 #include "protocol/messages.h"
 
@@ -92,14 +93,20 @@ struct ProcessRunner::TaskOutput {
     std::optional<MarkedLineTracker> markedLines;
     // The child is being stopped (cancelled, timed out, disconnected): its end is final.
     bool stopping = false;
+    // Its output as task log lines, each stream on its own.
+    std::unique_ptr<OutputLines> outLines;
+    std::unique_ptr<OutputLines> errLines;
 };
 
 void sendOutput(TaskHost& host, const QString& taskId, const QString& text)
 {
     qsizetype start = 0;
+    const bool numbered = host.numbersOutputLines();
     while (true) {
         const qsizetype newline = text.indexOf(QLatin1Char('\n'), start);
         const qsizetype end = newline < 0 ? text.size() : newline;
+        if (newline < 0 && numbered && start == text.size() && start > 0)
+            break; // the read ended with its newline
         host.sendTaskLog(taskId, QStringView(text).mid(start, end - start));
         if (newline < 0)
             break;
@@ -118,6 +125,8 @@ void ProcessRunner::runTask(const RunRequest& request)
 
     m_output = std::make_unique<TaskOutput>();
     m_output->request = request;
+    m_output->outLines = std::make_unique<OutputLines>(m_host, request.taskId);
+    m_output->errLines = std::make_unique<OutputLines>(m_host, request.taskId);
     if (request.refreshCapabilitiesOnSuccess)
         m_output->markedLines.emplace(QLatin1String(kSuccessMarker));
     m_currentTaskId = request.taskId;
@@ -169,6 +178,7 @@ void ProcessRunner::launchTask(const QString& shell)
         return;
     const RunRequest& request = m_output->request;
     auto* child = new ChildProcess(m_host.outgoingFlow(), this);
+    child->alsoWaitFor(m_host.taskOutputFlow());
     m_child = child;
     connect(child, &ChildProcess::standardOutput, this, &ProcessRunner::onStandardOutput);
     connect(child, &ChildProcess::standardError, this, &ProcessRunner::onStandardError);
@@ -208,14 +218,14 @@ void ProcessRunner::onStandardOutput(const QString& text)
     if (request.output)
         request.output->standardOutput(text);
     else
-        sendOutput(m_host, request.taskId, text);
+        m_output->outLines->take(text);
 }
 
 void ProcessRunner::onStandardError(const QString& text)
 {
     if (!m_output)
         return;
-    sendOutput(m_host, m_output->request.taskId, text);
+    m_output->errLines->take(text);
     if (m_output->request.output)
         m_output->request.output->standardError(text);
 }
@@ -233,6 +243,8 @@ void ProcessRunner::onExited(int status)
         return;
     }
     const RunRequest request = m_output->request;
+    m_output->outLines->flush();
+    m_output->errLines->flush();
     if (request.output)
         request.output->endOfOutput();
     diag(QStringLiteral("runTask process terminated taskId=") + logValue(request.taskId) +

@@ -56,7 +56,8 @@ struct RunRequest {
 };
 
 // Sends one decoded piece of output as a "task.log" per line, empty lines too, in the
-// pieces in which it was read: a line cut by a read boundary arrives as two lines.
+// pieces in which it was read: a line cut by a read boundary arrives as two lines. Where
+// lines are numbered, a piece that ends with a newline gives no empty last line.
 void sendOutput(TaskHost& host, const QString& taskId, const QString& text);
 
 // Runs the one task child of the agent, streams its output as messages and reports

@@ -18,14 +18,22 @@ class SettingsStore;
 class TaskHost {
 public:
     virtual void sendJSON(const QJsonObject& message) = 0;
-    // The same as sending Messages::taskLog, without building the object.
+    // A line of what the task's child printed: the same as sending Messages::taskLog,
+    // without building the object (the agent keeps it, and numbers it for a server that
+    // reads numbered lines).
     virtual void sendTaskLog(const QString& taskId, QStringView line) = 0;
+    // Whether output lines are numbered: a read that ends with a newline then gives no
+    // empty last line (without numbers, the empty piece after it is sent too).
+    virtual bool numbersOutputLines() const { return false; }
     virtual void reportStatus(const QString& text) = 0;
     // The agent id the status line names ("Ready: " + id).
     virtual QString agentId() const = 0;
     // Producers of output stop reading while the connection is too far behind; none
     // when nothing limits them.
     virtual OutgoingFlow* outgoingFlow() = 0;
+    // Producers of a task's output also stop reading while its slowest reader is too far
+    // behind; none when no reader paces tasks.
+    virtual OutgoingFlow* taskOutputFlow() { return nullptr; }
     virtual ApprovalSlot& approvals() = 0;
     virtual SettingsStore& defaults() = 0;
     virtual const Environment& environment() const = 0;

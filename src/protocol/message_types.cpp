@@ -12,6 +12,13 @@ const QStringList& terminalCommands()
     return types;
 }
 
+const QStringList& taskOutputCommands()
+{
+    static const QStringList types{QStringLiteral("task.ack"), QStringLiteral("task.output.read"),
+                                   QStringLiteral("tasks.list")};
+    return types;
+}
+
 const QStringList& agentCommands()
 {
     static const QStringList types =

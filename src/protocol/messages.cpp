@@ -134,12 +134,16 @@ void appendJsonString(QString& out, QStringView text)
     out.append(QLatin1Char('"'));
 }
 
-QString taskLogText(QStringView taskId, QStringView line)
+QString taskLogText(QStringView taskId, QStringView line, std::optional<qint64> number)
 {
     QString out;
-    out.reserve(line.size() + taskId.size() + 48);
+    out.reserve(line.size() + taskId.size() + 64);
     out.append(QLatin1String("{\"line\":"));
     appendJsonString(out, line);
+    if (number) {
+        out.append(QLatin1String(",\"number\":"));
+        out.append(QString::number(*number));
+    }
     out.append(QLatin1String(",\"taskId\":"));
     appendJsonString(out, taskId);
     out.append(QLatin1String(",\"type\":\"task.log\"}"));

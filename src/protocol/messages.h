@@ -52,7 +52,8 @@ QJsonObject taskStarted(const QString& taskId);
 QJsonObject taskLog(const QString& taskId, const QString& line);
 // The serialised "task.log" message, written without building an object: output
 // lines are the agent's hottest path. Parses to the same object as `taskLog`.
-QString taskLogText(QStringView taskId, QStringView line);
+// With a `number`, the line's number in the task's kept output ("number").
+QString taskLogText(QStringView taskId, QStringView line, std::optional<qint64> number = std::nullopt);
 // Appends a JSON string literal (quotes included) for the text.
 void appendJsonString(QString& out, QStringView text);
 QJsonObject taskCommentary(const QString& taskId, const QString& text);

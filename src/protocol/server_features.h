@@ -36,6 +36,10 @@ struct ServerFeatures {
     // A proposal may be approved in part: "task.awaiting_approval" says so with
     // "fileChoice", and the agent applies the files a "task.approval" names.
     bool files = false;
+    // The agent keeps each task's output: "task.log" lines of it carry their "number",
+    // readers pace it ("task.ack"), and clients read it back ("task.output.read",
+    // "tasks.list").
+    bool lines = false;
     // The newest seq the server has of this agent (0: none).
     qint64 serverHas = 0;
 

@@ -121,13 +121,13 @@ private Q_SLOTS:
         server.send(shellTask(QStringLiteral("t1"), QStringLiteral("echo hello")));
         QVERIFY(server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t1")));
         // After the registration and the agent's state:
-        QCOMPARE(server.trace().split(QLatin1Char('\n')).mid(2),
-                 (QStringList{QStringLiteral("task.log workspace.resolve action=shell requestedProjectPath= "
-                                             "resolvedWorkingDir=") +
-                                  agent.repo.path(),
-                              QStringLiteral(R"({"taskId":"t1","type":"task.started"})"),
-                              QStringLiteral("task.log hello"), QStringLiteral("task.log "),
-                              QStringLiteral(R"({"exitCode":0,"taskId":"t1","type":"task.finished"})")}));
+        QCOMPARE(
+            server.trace().split(QLatin1Char('\n')).mid(2),
+            (QStringList{QStringLiteral("task.log workspace.resolve action=shell requestedProjectPath= "
+                                        "resolvedWorkingDir=") +
+                             agent.repo.path(),
+                         QStringLiteral(R"({"taskId":"t1","type":"task.started"})"), QStringLiteral("task.log hello"),
+                         QStringLiteral(R"({"exitCode":0,"taskId":"t1","type":"task.finished"})")}));
         QCOMPARE(server.messages().first().value(QStringLiteral("type")).toString(), QStringLiteral("agent.register"));
 
         ::kill(static_cast<pid_t>(agent.process.processId()), SIGTERM);

@@ -318,7 +318,6 @@ private Q_SLOTS:
                  (QStringList{QStringLiteral("task.started"),
                               QStringLiteral("log Error: thread/resume: thread/resume failed: no rollout found for "
                                              "thread id th-123 (code -32600)"),
-                              QStringLiteral("log "),
                               QStringLiteral("log [codex.retry] the thread is gone; starting a new one"),
                               QStringLiteral("chunk First. [conv-t]"), QStringLiteral("log [command] ls"),
                               QStringLiteral("chunk \nSecond. [conv-t]"),
@@ -395,7 +394,6 @@ private Q_SLOTS:
             chatTrace(f, QStringLiteral("r2")).mid(1),
             (QStringList{QStringLiteral("task.started"),
                          QStringLiteral("log Error: Session ID ") + session + QStringLiteral(" is already in use."),
-                         QStringLiteral("log "),
                          QStringLiteral("log [claude.retry] the session exists already; continuing it with "
                                         "--resume"),
                          QStringLiteral("chunk Hel [conv-r]"), QStringLiteral("chunk lo, all done. [conv-r]"),

@@ -23,6 +23,14 @@ QString resolveLine(const AgentFixture& f)
            QStringLiteral(" resolvedWorkingDir=") + f.repo.path();
 }
 
+// A relay that does not number task output: each read is cut into lines as it came.
+ServerFeatures perRead()
+{
+    ServerFeatures features = ServerFeatures::all();
+    features.lines = false;
+    return features;
+}
+
 } // namespace
 
 class TstProcessRunner : public QObject {
@@ -32,6 +40,7 @@ private Q_SLOTS:
     void echoHelloRoundTrip()
     {
         AgentFixture f;
+        f.server.setFeatures(perRead());
         QVERIFY(f.connect());
         DiagRecorder log;
         f.shell(QStringLiteral("t1"), QStringLiteral("echo hello"));
@@ -60,6 +69,7 @@ private Q_SLOTS:
     void outputReadInOnePieceYieldsAFinalEmptyLine()
     {
         AgentFixture f;
+        f.server.setFeatures(perRead());
         QVERIFY(f.connect());
         f.shell(QStringLiteral("t"), QStringLiteral("printf 'a\\nb\\n'"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t")));
@@ -71,12 +81,48 @@ private Q_SLOTS:
     void standardErrorLinesAreTaskLogs()
     {
         AgentFixture f;
+        f.server.setFeatures(perRead());
         QVERIFY(f.connect());
         f.shell(QStringLiteral("t"), QStringLiteral("echo oops >&2"));
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t")));
         QCOMPARE(f.taskTrace(QStringLiteral("t")).mid(2),
                  (QStringList{QStringLiteral("task.log oops"), QStringLiteral("task.log "),
                               QStringLiteral("task.finished 0")}));
+    }
+
+    // To our relay, lines are numbered and whole: a line cut by reads arrives as one, a
+    // read's last newline gives no empty line, and a blank line the program printed stays.
+    void numberedLinesArriveWhole()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        f.shell(QStringLiteral("t"),
+                QStringLiteral("printf 'a\\nhal'; printf 'f li'; printf 'ne\\n\\nend'; print -u2 oops"));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t")));
+        QStringList numbered;
+        for (const QJsonObject& m : f.server.messagesOfType(QStringLiteral("task.log"), QStringLiteral("t"))) {
+            if (m.contains(QStringLiteral("number")))
+                numbered.append(QString::number(m.value(QStringLiteral("number")).toInteger()) + QLatin1Char(' ') +
+                                m.value(QStringLiteral("line")).toString());
+        }
+        QCOMPARE(numbered, (QStringList{u"1 a"_qs, u"2 half line"_qs, u"3 "_qs, u"4 oops"_qs, u"5 end"_qs}));
+    }
+
+    // A line that waits for input is shown without its newline once 50 ms pass.
+    void aLineWithoutItsNewlineIsShownSoon()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        f.shell(QStringLiteral("t"), QStringLiteral("printf 'Password: '; sleep 1; print done"));
+        QVERIFY(f.server.waitFor([](const QJsonObject& m) {
+            return m.value(QStringLiteral("line")).toString() == QLatin1String("Password: ");
+        }));
+        QVERIFY(f.server.messagesOfType(QStringLiteral("task.finished"), QStringLiteral("t")).isEmpty());
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t")));
+        QCOMPARE(f.server.messagesOfType(QStringLiteral("task.log"), QStringLiteral("t"))
+                     .last()
+                     .value(QStringLiteral("line")),
+                 QJsonValue(QStringLiteral("done")));
     }
 
     void nonZeroExitFailsWithTheStatus()
@@ -92,6 +138,7 @@ private Q_SLOTS:
     void multiByteCharactersCutByReadsAreKept()
     {
         AgentFixture f;
+        f.server.setFeatures(perRead());
         QVERIFY(f.connect());
         PieceWriter pieces(f.repo.path() + QStringLiteral("/pieces"));
         QVERIFY(f.startCat(QStringLiteral("t"), pieces));
@@ -113,6 +160,7 @@ private Q_SLOTS:
     void readWithInvalidBytesIsDropped()
     {
         AgentFixture f;
+        f.server.setFeatures(perRead());
         QVERIFY(f.connect());
         PieceWriter pieces(f.repo.path() + QStringLiteral("/pieces"));
         QVERIFY(f.startCat(QStringLiteral("t"), pieces));
@@ -152,8 +200,7 @@ private Q_SLOTS:
         // The end is said once the process is gone: the agent is free at once.
         QVERIFY(!f.runtime->currentTaskId());
         QCOMPARE(f.taskTrace(QStringLiteral("t")).mid(2),
-                 (QStringList{QStringLiteral("task.log started"), QStringLiteral("task.log "),
-                              QStringLiteral("task.cancelled 130")}));
+                 (QStringList{QStringLiteral("task.log started"), QStringLiteral("task.cancelled 130")}));
         QCOMPARE(log.texts().mid(0, 2), (QStringList{QStringLiteral("task.cancel taskId=t"),
                                                      QStringLiteral("stopRunningProcessIfAny terminating taskId=t")}));
     }
@@ -212,8 +259,7 @@ private Q_SLOTS:
              {QStringLiteral("payload"), QJsonObject{{QStringLiteral("decision"), QStringLiteral("approve")}}}});
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t")));
         QCOMPARE(f.taskTrace(QStringLiteral("t")).mid(2),
-                 (QStringList{QStringLiteral("task.log done"), QStringLiteral("task.log "),
-                              QStringLiteral("task.finished 0")}));
+                 (QStringList{QStringLiteral("task.log done"), QStringLiteral("task.finished 0")}));
         QVERIFY(f.server.messagesOfType(QStringLiteral("task.cancelled")).isEmpty());
     }
 
@@ -358,7 +404,7 @@ private Q_SLOTS:
                              f.repo.path(),
                          QStringLiteral("task.started"),
                          QStringLiteral("task.log deploy /apps/It's --no-password in ") + f.repo.path(),
-                         QStringLiteral("task.log "), QStringLiteral("task.finished 0")}));
+                         QStringLiteral("task.finished 0")}));
     }
 
     void shellTaskInTheCreateProjectRootRegistersTheNewProject()

@@ -328,7 +328,7 @@ private Q_SLOTS:
         QCOMPARE(f.taskTrace(QStringLiteral("p3")).mid(1),
                  (QStringList{QStringLiteral("task.started"), QStringLiteral("task.progress"),
                               QStringLiteral("task.artifact"), QStringLiteral("task.log {\"type\":\"turn.completed\"}"),
-                              QStringLiteral("task.log "), QStringLiteral("task.finished 0")}));
+                              QStringLiteral("task.finished 0")}));
     }
 
     void theProbesNeverSeeTheToken()

@@ -467,12 +467,12 @@ private Q_SLOTS:
                                         {QStringLiteral("projectPath"), QStringLiteral("App")},
                                         {QStringLiteral("prompt"), QStringLiteral("it's time")}});
         QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("d1")));
-        QCOMPARE(stable(trace(f, QStringLiteral("d1"))),
-                 (QStringList{
-                     QStringLiteral("task.log workspace.resolve action=ai_task…"), QStringLiteral("task.started"),
-                     QStringLiteral("task.progress prepare AI task accepted (apply) 5"),
-                     QStringLiteral("task.artifact prompt text/plain it's time"), QStringLiteral("task.log planned"),
-                     QStringLiteral("task.log "), QStringLiteral("task.finished")}));
+        QCOMPARE(
+            stable(trace(f, QStringLiteral("d1"))),
+            (QStringList{QStringLiteral("task.log workspace.resolve action=ai_task…"), QStringLiteral("task.started"),
+                         QStringLiteral("task.progress prepare AI task accepted (apply) 5"),
+                         QStringLiteral("task.artifact prompt text/plain it's time"),
+                         QStringLiteral("task.log planned"), QStringLiteral("task.finished")}));
         QVERIFY(f.statuses.contains(QStringLiteral("Running AI task d1")));
         QCOMPARE(
             trace(f, QStringLiteral("d1")).first(),

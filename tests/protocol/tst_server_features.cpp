@@ -38,7 +38,7 @@ private Q_SLOTS:
         QCOMPARE(
             QJsonDocument(all.hello()).toJson(QJsonDocument::Compact),
             QByteArray(
-                R"({"payload":{"features":["seq","ack","grace","state","pacing","end","projects","files"],"seq":42},)"
+                R"({"payload":{"features":["seq","ack","grace","state","pacing","end","projects","files","lines"],"seq":42},)"
                 R"("type":"agent.hello"})"));
         const std::optional<ServerFeatures> features = offered(QJsonDocument(all.hello()).toJson());
         QVERIFY(features);

@@ -182,13 +182,23 @@ private Q_SLOTS:
                                                   {QStringLiteral("command"), QStringLiteral("echo hello")}});
         QVERIFY(!taskId.isEmpty());
         QVERIFY(waitForTaskEnd(phone, taskId));
-        QCOMPARE(taskTrace(phone, taskId),
-                 (QStringList{QStringLiteral("task.created"),
-                              QStringLiteral(
-                                  "task.log workspace.resolve action=shell requestedProjectPath= resolvedWorkingDir=") +
-                                  m_agent->repo.path(),
-                              QStringLiteral("task.started"), QStringLiteral("task.log hello"),
-                              QStringLiteral("task.log "), QStringLiteral("task.finished")}));
+        QCOMPARE(
+            taskTrace(phone, taskId),
+            (QStringList{
+                QStringLiteral("task.created"),
+                QStringLiteral("task.log workspace.resolve action=shell requestedProjectPath= resolvedWorkingDir=") +
+                    m_agent->repo.path(),
+                QStringLiteral("task.started"), QStringLiteral("task.log hello"), QStringLiteral("task.finished")}));
+        // The line of output is numbered; the agent's own line is not.
+        const auto numbered = [&](const QString& text) {
+            return phone.waitFor([&](const QJsonObject& m) {
+                return typeOf(m) == QLatin1String("task.log") && m.value(QStringLiteral("line")).toString() == text;
+            });
+        };
+        QCOMPARE(numbered(QStringLiteral("hello"))->value(QStringLiteral("number")), QJsonValue(1));
+        QVERIFY(!numbered(QStringLiteral("workspace.resolve action=shell requestedProjectPath= resolvedWorkingDir=") +
+                          m_agent->repo.path())
+                     ->contains(QStringLiteral("number")));
         // The agent asked for the shell's registration refresh; the relay keeps the latest.
         QVERIFY(httpExchange(m_relay->port,
                              "GET /v1/agents HTTP/1.1\r\nAuthorization: Bearer " + m_relay->token.toUtf8() + "\r\n\r\n")
@@ -599,6 +609,114 @@ private Q_SLOTS:
         QVERIFY(waitUntil([&] { return reader.tail().contains("AFTER-YES"); }, 20000));
         QVERIFY(!reader.isClosed());
         QVERIFY(m_relay->lines().filter(QStringLiteral("client.dropped")).isEmpty());
+    }
+
+    // A page that takes a task's output slowly paces it: it gets every line, in order,
+    // and is never dropped, though unpaced the relay would drop it (its output comes 8
+    // times as fast as the page reads, 30 MB of messages).
+    void aSlowReaderGetsEveryLineOfATask()
+    {
+        QVERIFY(startBoth());
+        brinmoor::relay::PacedTerminalReader reader(m_relay->port, "tok-4e1f9a7c2b6d8035e0a3c1f7",
+                                                    QStringLiteral("cli-agent"), QStringLiteral("s"), 4 * 1024 * 1024);
+        QVERIFY(waitUntil([&] { return reader.isUpgraded(); }));
+        // A first task, whose line the reader takes, makes it pace the next from its start.
+        const auto create = [&](const QString& command) {
+            reader.send({{QStringLiteral("type"), QStringLiteral("task.create")},
+                         {QStringLiteral("agentId"), QStringLiteral("cli-agent")},
+                         {QStringLiteral("payload"), QJsonObject{{QStringLiteral("action"), QStringLiteral("shell")},
+                                                                 {QStringLiteral("command"), command}}}});
+        };
+        create(QStringLiteral("echo first"));
+        QVERIFY(waitUntil([&] { return reader.types().contains(QStringLiteral("task.finished")); }));
+        QCOMPARE(reader.taskLines().size(), 1);
+        const auto ends = [&] { return reader.types().count(QStringLiteral("task.finished")); };
+        reader.send(
+            {{QStringLiteral("type"), QStringLiteral("task.create")},
+             {QStringLiteral("agentId"), QStringLiteral("cli-agent")},
+             {QStringLiteral("payload"), QJsonObject{{QStringLiteral("action"), QStringLiteral("shell")},
+                                                     {QStringLiteral("command"), QStringLiteral("seq 1 300000")}}}});
+        QVERIFY(waitUntil([&] { return ends() == 2 || reader.isClosed(); }, 120000));
+        QVERIFY2(!reader.isClosed(), qPrintable(m_relay->lines().join(QLatin1Char('\n'))));
+        QVERIFY(m_relay->lines().filter(QStringLiteral("client.dropped")).isEmpty());
+        const QList<QPair<qint64, QString>> lines = reader.taskLines().mid(1);
+        QCOMPARE(lines.size(), 300000);
+        for (qsizetype i = 0; i < lines.size(); ++i) {
+            if (lines[i].first != i + 1 || lines[i].second != QString::number(i + 1))
+                QFAIL(
+                    qPrintable(QStringLiteral("line %1 is %2 %3").arg(i + 1).arg(lines[i].first).arg(lines[i].second)));
+        }
+    }
+
+    // What the agent keeps of a task is read back by the client that asks, alone.
+    void aTasksOutputIsReadBackFromTheAgent()
+    {
+        QVERIFY(startBoth());
+        RelayClient phone;
+        QVERIFY(phone.open(m_relay->port, m_relay->token));
+        RelayClient other;
+        QVERIFY(other.open(m_relay->port, m_relay->token));
+        const QString taskId = createTask(phone, {{QStringLiteral("action"), QStringLiteral("shell")},
+                                                  {QStringLiteral("command"), QStringLiteral("seq 1 30000")}});
+        QVERIFY(waitForTaskEnd(phone, taskId, 60000));
+        const auto ask = [&](QJsonObject message) {
+            message.insert(QStringLiteral("agentId"), QStringLiteral("cli-agent"));
+            phone.send(message);
+            const std::optional<QJsonObject> answer = phone.waitFor([&](const QJsonObject& m) {
+                return m.value(QStringLiteral("requestId")) == message.value(QStringLiteral("requestId"));
+            });
+            return answer.value_or(QJsonObject());
+        };
+        const auto json = [](const QJsonObject& object) {
+            return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
+        };
+        QCOMPARE(json(ask({{QStringLiteral("type"), QStringLiteral("task.output.read")},
+                           {QStringLiteral("taskId"), taskId},
+                           {QStringLiteral("from"), 29998},
+                           {QStringLiteral("count"), 5},
+                           {QStringLiteral("requestId"), QStringLiteral("a")}})),
+                 QStringLiteral(R"({"agentId":"cli-agent","ended":true,"from":29998,"lines":["29998","29999","30000"],)"
+                                R"("requestId":"a","taskId":"%1","total":30000,"type":"task.output"})")
+                     .arg(taskId));
+        QCOMPARE(json(ask({{QStringLiteral("type"), QStringLiteral("task.output.read")},
+                           {QStringLiteral("taskId"), taskId},
+                           {QStringLiteral("match"), QStringLiteral("9999")},
+                           {QStringLiteral("count"), 3},
+                           {QStringLiteral("requestId"), QStringLiteral("b")}})),
+                 QStringLiteral(R"({"agentId":"cli-agent","ended":true,"lines":["9999","19999","29999"],)"
+                                R"("numbers":[9999,19999,29999],"requestId":"b","taskId":"%1","total":30000,)"
+                                R"("type":"task.output"})")
+                     .arg(taskId));
+        QCOMPARE(json(ask({{QStringLiteral("type"), QStringLiteral("task.output.read")},
+                           {QStringLiteral("taskId"), QStringLiteral("nope")},
+                           {QStringLiteral("count"), 3},
+                           {QStringLiteral("requestId"), QStringLiteral("c")}})),
+                 QStringLiteral(R"({"agentId":"cli-agent","error":"no output is kept for task nope",)"
+                                R"("requestId":"c","taskId":"nope","type":"task.output"})"));
+        QCOMPARE(
+            json(ask({{QStringLiteral("type"), QStringLiteral("task.output.read")},
+                      {QStringLiteral("taskId"), taskId},
+                      {QStringLiteral("requestId"), QStringLiteral("d")}})),
+            QStringLiteral("{\"code\":\"BAD_REQUEST\",\"message\":\"task.output.read needs \\\"count\\\" as a whole "
+                           "number\",\"requestId\":\"d\",\"type\":\"error\"}"));
+        const QJsonObject kept = ask({{QStringLiteral("type"), QStringLiteral("tasks.list")},
+                                      {QStringLiteral("requestId"), QStringLiteral("e")}});
+        QCOMPARE(kept.value(QStringLiteral("type")).toString(), QStringLiteral("tasks.kept"));
+        QVERIFY(!kept.contains(QStringLiteral("seq")));
+        const QJsonObject task = kept.value(QStringLiteral("tasks")).toArray().first().toObject();
+        QCOMPARE(task.value(QStringLiteral("taskId")).toString(), taskId);
+        QCOMPARE(task.value(QStringLiteral("kind")).toString(), QStringLiteral("shell"));
+        QCOMPARE(task.value(QStringLiteral("status")).toString(), QStringLiteral("finished"));
+        QCOMPARE(task.value(QStringLiteral("exitCode")), QJsonValue(0));
+        QCOMPARE(task.value(QStringLiteral("lines")), QJsonValue(30000));
+        QVERIFY(task.value(QStringLiteral("endedAt")).toDouble() >= task.value(QStringLiteral("startedAt")).toDouble());
+        QVERIFY(task.value(QStringLiteral("startedAt")).toDouble() > 1.7e12);
+        // The other client heard none of it.
+        QVERIFY(phone.waitForType(QStringLiteral("task.finished")).has_value());
+        for (const QJsonObject& m : other.messages()) {
+            QVERIFY(typeOf(m) != QLatin1String("task.output"));
+            QVERIFY(typeOf(m) != QLatin1String("tasks.kept"));
+        }
     }
 
     // The app's own server dies (a crash, a kill): the app says so, starts it again on the

@@ -34,9 +34,12 @@ QString typeOf(const QJsonObject& message)
 }
 
 // What the server told an agent, without its confirmations of what it received.
+// What the agent was sent but the relay's confirmations and the paces of its tasks.
 QList<QJsonObject> withoutAcks(QList<QJsonObject> messages)
 {
-    messages.removeIf([](const QJsonObject& m) { return typeOf(m) == QLatin1String("agent.ack"); });
+    messages.removeIf([](const QJsonObject& m) {
+        return typeOf(m) == QLatin1String("agent.ack") || typeOf(m) == QLatin1String("task.ack");
+    });
     return messages;
 }
 
@@ -676,6 +679,33 @@ private Q_SLOTS:
             << QStringLiteral("{\"type\":\"terminal.close\",\"agentId\":\"a\",\"payload\":{}}")
             << QStringLiteral(
                    "{\"type\":\"error\",\"code\":\"AGENT_OFFLINE\",\"message\":\"agent is not connected: a\"}");
+        QTest::newRow("task ack without task")
+            << QStringLiteral("{\"type\":\"task.ack\",\"agentId\":\"a\",\"line\":3}")
+            << QStringLiteral(
+                   "{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"task.ack needs a string \\\"taskId\\\"\"}");
+        QTest::newRow("task ack line")
+            << QStringLiteral("{\"type\":\"task.ack\",\"agentId\":\"a\",\"taskId\":\"t\",\"line\":-1}")
+            << QStringLiteral(
+                   "{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"task.ack needs \\\"line\\\" as a whole number\"}");
+        QTest::newRow("read without agent")
+            << QStringLiteral("{\"type\":\"tasks.list\"}")
+            << QStringLiteral(
+                   "{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"tasks.list needs a string \\\"agentId\\\"\"}");
+        QTest::newRow("read from zero")
+            << QStringLiteral(
+                   "{\"type\":\"task.output.read\",\"agentId\":\"a\",\"taskId\":\"t\",\"count\":1,\"from\":0}")
+            << QStringLiteral(
+                   "{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"task.output.read needs \\\"from\\\" as a whole number from 1\"}");
+        QTest::newRow("read match")
+            << QStringLiteral(
+                   "{\"type\":\"task.output.read\",\"agentId\":\"a\",\"taskId\":\"t\",\"count\":1,\"match\":1}")
+            << QStringLiteral(
+                   "{\"type\":\"error\",\"code\":\"BAD_REQUEST\",\"message\":\"task.output.read needs \\\"match\\\" as a string\"}");
+        QTest::newRow("read offline")
+            << QStringLiteral(
+                   "{\"type\":\"task.output.read\",\"agentId\":\"a\",\"taskId\":\"t\",\"count\":1,\"requestId\":\"r7\"}")
+            << QStringLiteral(
+                   "{\"type\":\"error\",\"code\":\"AGENT_OFFLINE\",\"message\":\"agent is not connected: a\",\"requestId\":\"r7\"}");
         QTest::newRow("decision without id")
             << QStringLiteral("{\"type\":\"permission.decision\",\"decision\":\"allow\"}")
             << QStringLiteral(
@@ -702,6 +732,118 @@ private Q_SLOTS:
         QVERIFY(error);
         QCOMPARE(*error, json(answer.toUtf8().constData()));
         QVERIFY(client.isConnected());
+    }
+
+    // Reads of a task's kept output go to the agent with the relay's own id, and the
+    // answer to the client that asked alone; a client waits for at most 16 at once.
+    // Readers pace only a task the relay knows as running.
+    void routesReadsAndPacesTasks()
+    {
+        QVERIFY(startRelay());
+        RelayClient agent;
+        RelayClient client;
+        connectAgentAndClient(agent, client);
+        RelayClient other;
+        QVERIFY(other.open(m_relay->port, m_relay->token));
+        client.send(json(
+            R"({"type":"task.output.read","agentId":"mac-1","taskId":"t","from":2,"count":3,"match":"x","requestId":"q"})"));
+        const auto read = agent.waitForType(QStringLiteral("task.output.read"));
+        QVERIFY(read);
+        QCOMPARE(
+            *read,
+            json(
+                R"({"type":"task.output.read","taskId":"t","payload":{"count":3,"from":2,"match":"x","readId":"r1"}})"));
+        agent.send(json(
+            R"({"type":"task.output","taskId":"t","readId":"r1","lines":["ax"],"numbers":[4],"total":9,"ended":true})"));
+        const auto answer = client.waitForType(QStringLiteral("task.output"));
+        QVERIFY(answer);
+        QCOMPARE(
+            *answer,
+            json(
+                R"({"type":"task.output","taskId":"t","agentId":"mac-1","requestId":"q","lines":["ax"],"numbers":[4],"total":9,"ended":true})"));
+        // An answer nobody waits for (any more) goes nowhere.
+        agent.send(json(R"({"type":"task.output","taskId":"t","readId":"r1","lines":[]})"));
+        client.send(json(R"({"type":"tasks.list","agentId":"mac-1","requestId":"l"})"));
+        QCOMPARE(*agent.waitForType(QStringLiteral("tasks.list")),
+                 json(R"({"type":"tasks.list","payload":{"readId":"r2"}})"));
+        agent.send(json(R"({"type":"tasks.kept","readId":"r2","tasks":[]})"));
+        QCOMPARE(*client.waitForType(QStringLiteral("tasks.kept")),
+                 json(R"({"type":"tasks.kept","agentId":"mac-1","requestId":"l","tasks":[]})"));
+        QCOMPARE(std::count_if(client.messages().cbegin(), client.messages().cend(),
+                               [](const QJsonObject& m) {
+                                   return m.value(QStringLiteral("type")) == QStringLiteral("task.output");
+                               }),
+                 1);
+        QVERIFY(!other.trace().contains(QStringLiteral("task.output")));
+        QVERIFY(!other.trace().contains(QStringLiteral("tasks.kept")));
+
+        // Sixteen reads wait at most.
+        for (int i = 0; i < 16; ++i)
+            client.send(json(R"({"type":"tasks.list","agentId":"mac-1"})"));
+        client.send(json(R"({"type":"tasks.list","agentId":"mac-1","requestId":"17"})"));
+        const auto refused = client.waitForType(QStringLiteral("error"));
+        QVERIFY(refused);
+        QCOMPARE(
+            *refused,
+            json(
+                R"({"type":"error","code":"TOO_MANY_READS","message":"a client waits for at most 16 reads at once","requestId":"17"})"));
+
+        // Pacing: the agent hears the slowest line of a running task, and that no one paces
+        // it once its reader goes.
+        const QString taskId = createTask(client, agent, {{QStringLiteral("action"), QStringLiteral("shell")}});
+        client.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("task.ack")},
+                                {QStringLiteral("agentId"), QStringLiteral("mac-1")},
+                                {QStringLiteral("taskId"), QStringLiteral("not-running")},
+                                {QStringLiteral("line"), 5}});
+        client.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("task.ack")},
+                                {QStringLiteral("agentId"), QStringLiteral("mac-1")},
+                                {QStringLiteral("taskId"), taskId},
+                                {QStringLiteral("line"), 40}});
+        // The task went to the agent with word that no client paces it yet.
+        QCOMPARE(*agent.waitForType(QStringLiteral("task.ack")),
+                 QJsonObject({{QStringLiteral("type"), QStringLiteral("task.ack")},
+                              {QStringLiteral("taskId"), taskId},
+                              {QStringLiteral("payload"), QJsonObject()}}));
+        const auto window = agent.waitFor([](const QJsonObject& m) {
+            return m.value(QStringLiteral("type")) == QStringLiteral("task.ack") &&
+                   !m.value(QStringLiteral("payload")).toObject().isEmpty();
+        });
+        QVERIFY(window);
+        QCOMPARE(*window, QJsonObject({{QStringLiteral("type"), QStringLiteral("task.ack")},
+                                       {QStringLiteral("taskId"), taskId},
+                                       {QStringLiteral("payload"), QJsonObject{{QStringLiteral("line"), 40}}}}));
+        // The client that paced a task paces the next from its first line.
+        RelayClient next;
+        QVERIFY(next.open(m_relay->port, m_relay->token));
+        agent.send(
+            QJsonObject{{QStringLiteral("type"), QStringLiteral("task.finished")}, {QStringLiteral("taskId"), taskId}});
+        QVERIFY(client.waitFor(
+            [&](const QJsonObject& m) { return m.value(QStringLiteral("type")) == QStringLiteral("task.finished"); }));
+        client.send(
+            QJsonObject{{QStringLiteral("type"), QStringLiteral("task.create")},
+                        {QStringLiteral("agentId"), QStringLiteral("mac-1")},
+                        {QStringLiteral("payload"), QJsonObject{{QStringLiteral("action"), QStringLiteral("shell")}}}});
+        const auto created = client.waitFor([&](const QJsonObject& m) {
+            return m.value(QStringLiteral("type")) == QStringLiteral("task.created") &&
+                   m.value(QStringLiteral("taskId")).toString() != taskId;
+        });
+        QVERIFY(created);
+        const QString second = created->value(QStringLiteral("taskId")).toString();
+        QVERIFY(agent.waitFor([&](const QJsonObject& m) {
+            return m.value(QStringLiteral("taskId")).toString() == second &&
+                   m.value(QStringLiteral("payload")).toObject() == QJsonObject{{QStringLiteral("line"), 0}};
+        }));
+        client.close();
+        QVERIFY(agent.waitFor([&](const QJsonObject& m) {
+            return m.value(QStringLiteral("type")) == QStringLiteral("task.ack") &&
+                   m.value(QStringLiteral("taskId")).toString() == second &&
+                   m.value(QStringLiteral("payload")).toObject().isEmpty();
+        }));
+        QCOMPARE(std::count_if(agent.messages().cbegin(), agent.messages().cend(),
+                               [](const QJsonObject& m) {
+                                   return m.value(QStringLiteral("type")) == QStringLiteral("task.ack");
+                               }),
+                 4);
     }
 
     void aNewerConnectionOfAnAgentReplacesTheOlder()

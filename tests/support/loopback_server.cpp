@@ -68,7 +68,7 @@ void LoopbackServer::onNewConnection()
         });
         m_nextSeq = 0;
         m_streaming = false;
-        ServerFeatures features = ServerFeatures::all();
+        ServerFeatures features = m_features;
         features.serverHas = m_newestSeq;
         send(features.hello());
         for (const QJsonObject& message : std::as_const(m_greeting))

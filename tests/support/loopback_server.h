@@ -1,7 +1,10 @@
 #pragma once
 
+#include "protocol/server_features.h"
+
 #include <QJsonObject>
 #include <QList>
+
 #include <QObject>
 #include <QPointer>
 #include <QString>
@@ -49,6 +52,8 @@ public:
     }
     // Whether each message is confirmed with "agent.ack" (it is by default).
     void setAcknowledging(bool acknowledging) { m_acknowledging = acknowledging; }
+    // What its hello announces (everything our relay offers, by default).
+    void setFeatures(const ServerFeatures& features) { m_features = features; }
     // Messages sent to every new connection right after the hello, as the relay sends
     // the paces of terminals.
     void setGreeting(const QList<QJsonObject>& messages) { m_greeting = messages; }
@@ -92,6 +97,7 @@ private:
     qint64 m_newestSeq = 0;
     bool m_acknowledging = true;
     QList<QJsonObject> m_greeting;
+    ServerFeatures m_features = ServerFeatures::all();
     int m_connectionCount = 0;
     QUrl m_lastRequestURL;
     std::optional<QByteArray> m_lastAuthorization;

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+#include <QTimer>
+
+namespace brinmoor {
+
+class TaskHost;
+
+// Cuts one stream of a task child's output into task log lines. Without numbered lines
+// each read is cut as it came (sendOutput): a line cut by a read boundary arrives as two.
+// With numbered lines the piece after a read's last newline waits for the rest of its
+// line: until the next read brings it, the output ends (`flush`), or 50 ms pass while
+// the child is not held back (a prompt that waits for input is shown).
+class OutputLines : public QObject {
+    Q_OBJECT
+
+public:
+    static constexpr int kWaitMilliseconds = 50;
+
+    OutputLines(TaskHost& host, QString taskId, QObject* parent = nullptr);
+
+    void take(const QString& text);
+    // Sends the piece that waits, if any.
+    void flush();
+
+private:
+    TaskHost& m_host;
+    QString m_taskId;
+    QString m_partial;
+    QTimer m_wait;
+};
+
+} // namespace brinmoor
