@@ -134,7 +134,7 @@ void AgentRuntime::beginTaskOutput(const TaskAssignment& task)
     kept.projectPath = task.projectPath;
     kept.conversationId = m_task.conversationId;
     m_taskOutput.begin(kept);
-    m_taskPace.begin(task.taskId, m_features.lines);
+    m_taskPace.begin(task.taskId);
 }
 
 void AgentRuntime::endTaskOutput(const QString& type, const QJsonObject& message)

@@ -14,6 +14,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace brinmoor {
@@ -221,6 +222,18 @@ void ChildProcess::alsoWaitFor(OutgoingFlow* flow)
 {
     if (flow)
         m_flows.append(flow);
+}
+
+bool ChildProcess::hasOutputComing() const
+{
+    if (isHeldBack())
+        return true;
+    for (const Pipe* pipe : {&m_out, &m_err}) {
+        int unread = 0;
+        if (pipe->open() && ::ioctl(pipe->fd, FIONREAD, &unread) == 0 && unread > 0)
+            return true;
+    }
+    return false;
 }
 
 bool ChildProcess::isHeldBack() const

@@ -221,16 +221,15 @@ private Q_SLOTS:
         const QString resolved =
             QStringLiteral("task.log workspace.resolve action=shell requestedProjectPath= resolvedWorkingDir=") +
             m_agent->repo.path();
-        QCOMPARE(taskTrace(phone, first), (QStringList{QStringLiteral("task.created"), resolved,
-                                                       QStringLiteral("task.started"), QStringLiteral("task.log first"),
-                                                       QStringLiteral("task.log "), QStringLiteral("task.finished")}));
+        QCOMPARE(taskTrace(phone, first),
+                 (QStringList{QStringLiteral("task.created"), resolved, QStringLiteral("task.started"),
+                              QStringLiteral("task.log first"), QStringLiteral("task.finished")}));
         QStringList ran = taskTrace(phone, second);
         QCOMPARE(ran.mid(0, 2), (QStringList{QStringLiteral("task.created"), QStringLiteral("task.queued")}));
         ran.removeAll(QStringLiteral("task.queued"));
         ran.removeAll(QStringLiteral("task.unqueued"));
         QCOMPARE(ran, (QStringList{QStringLiteral("task.created"), resolved, QStringLiteral("task.started"),
-                                   QStringLiteral("task.log second"), QStringLiteral("task.log "),
-                                   QStringLiteral("task.finished")}));
+                                   QStringLiteral("task.log second"), QStringLiteral("task.finished")}));
         // One after the other: the second started once the first had ended.
         const auto at = [&](const QString& taskId, const char* type) {
             for (qsizetype i = 0; i < phone.messages().size(); ++i) {
