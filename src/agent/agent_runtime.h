@@ -132,7 +132,7 @@ public:
     SettingsStore& defaults() override { return m_defaults; }
     const Environment& environment() const override { return m_env; }
     OutgoingFlow* outgoingFlow() override { return &m_flow; }
-    OutgoingFlow* taskOutputFlow() override { return m_taskPace.flow(); }
+    OutgoingFlow* taskOutputFlow() override { return m_features.lines ? m_taskPace.flow() : nullptr; }
     bool numbersOutputLines() const override { return m_features.lines; }
     void reportStatus(const QString& text) override;
 
