@@ -515,6 +515,7 @@ void followYes(int seconds)
     QProcess agent;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.path());
+    env.insert(QStringLiteral("XDG_STATE_HOME"), home.path() + QStringLiteral("/state"));
     env.insert(QStringLiteral("ZDOTDIR"), home.path());
     env.insert(QStringLiteral("BRINMOOR_SERVER_URL"), QStringLiteral("http://127.0.0.1:%1").arg(server.port));
     env.insert(QStringLiteral("BRINMOOR_SHARED_TOKEN"), QString::fromLatin1(kToken));

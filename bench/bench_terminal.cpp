@@ -128,6 +128,7 @@ int main(int argc, char** argv)
     QProcess agent;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.path());
+    env.insert(QStringLiteral("XDG_STATE_HOME"), home.path() + QStringLiteral("/state"));
     env.insert(QStringLiteral("BRINMOOR_SERVER_URL"), QStringLiteral("http://127.0.0.1:%1").arg(server.port()));
     env.insert(QStringLiteral("BRINMOOR_REPO_ROOT"), home.path());
     // A plain prompt keeps the echo measurement about the agent, not the shell's theme.

@@ -21,6 +21,15 @@ bool isActive(const QString& status)
     return status == kRunning || status == kAwaitingApproval;
 }
 
+// A running chat's answer so far; a chat the relay did not hear from its start has said
+// what it does not know.
+void addAnswer(QJsonObject& task, const std::optional<ChatAnswers::Answer>& answer)
+{
+    task.insert(QStringLiteral("answer"), answer ? answer->text : QString());
+    if (!answer || answer->cut)
+        task.insert(QStringLiteral("answerCut"), true);
+}
+
 } // namespace
 
 AgentSnapshot::Task& AgentSnapshot::task(const QString& taskId)
@@ -39,8 +48,15 @@ void AgentSnapshot::taskCreated(const QString& taskId, const QJsonObject& payloa
     // A task without an action is a build, as the agent reads it.
     created.kind = payload.value(QStringLiteral("action")).toString(QStringLiteral("build_ios"));
     created.projectPath = text(payload, "projectPath");
-    if (created.kind == QLatin1String("chat"))
+    if (created.kind == QLatin1String("chat")) {
         created.conversationId = text(payload, "conversationId");
+        m_answers.begin(taskId);
+    }
+}
+
+void AgentSnapshot::taskWithdrawn(const QString& taskId)
+{
+    m_tasks.removeIf([&](const Task& known) { return known.taskId == taskId; });
 }
 
 void AgentSnapshot::observe(const QJsonObject& message)
@@ -51,8 +67,16 @@ void AgentSnapshot::observe(const QJsonObject& message)
         message.value(QStringLiteral("exitCode")).isDouble()
             ? std::optional<qint64>(qint64(message.value(QStringLiteral("exitCode")).toDouble()))
             : std::nullopt;
-    if ((type == QLatin1String("task.started") || type == QLatin1String("task.heartbeat")) && !taskId.isEmpty()) {
+    if (type == QLatin1String("task.started") && !taskId.isEmpty()) {
+        // What the task says from here on is heard whole.
+        if (isActive(task(taskId).status))
+            m_answers.begin(taskId);
+    } else if (type == QLatin1String("task.heartbeat") && !taskId.isEmpty()) {
         task(taskId);
+    } else if (type == QLatin1String("task.chat.chunk") && runs(taskId)) {
+        m_answers.chunk(taskId, text(message, "chunk"));
+    } else if (type == QLatin1String("task.chat.final") && runs(taskId)) {
+        m_answers.finalText(taskId, text(message, "text"));
     } else if (type == QLatin1String("task.awaiting_approval") && !taskId.isEmpty()) {
         Task& waiting = task(taskId);
         if (isActive(waiting.status))
@@ -84,6 +108,7 @@ void AgentSnapshot::endTask(const QString& taskId, const QString& status, std::o
         ended.status = status;
         ended.exitCode = exitCode;
     }
+    m_answers.end(taskId);
     if (m_proposal && text(*m_proposal, "taskId") == taskId)
         m_proposal.reset();
     forgetOldEndedTasks();
@@ -124,8 +149,10 @@ void AgentSnapshot::restate(const QJsonObject& state)
     // What the relay thought running and the agent no longer runs ended without a word:
     // the agent started afresh.
     for (Task& known : m_tasks) {
-        if (isActive(known.status) && !announced.contains(known.taskId))
+        if (isActive(known.status) && !announced.contains(known.taskId)) {
             known.status = QStringLiteral("lost");
+            m_answers.end(known.taskId);
+        }
     }
     const QJsonValue proposal = state.value(QStringLiteral("proposal"));
     if (proposal.isObject())
@@ -184,6 +211,12 @@ void AgentSnapshot::forgetOldEndedTasks()
     }
 }
 
+bool AgentSnapshot::runs(const QString& taskId) const
+{
+    return std::any_of(m_tasks.cbegin(), m_tasks.cend(),
+                       [&](const Task& known) { return known.taskId == taskId && isActive(known.status); });
+}
+
 QStringList AgentSnapshot::runningTaskIds() const
 {
     QStringList running;
@@ -206,6 +239,8 @@ QJsonObject AgentSnapshot::toJson() const
             object.insert(QStringLiteral("conversationId"), known.conversationId);
         if (known.exitCode)
             object.insert(QStringLiteral("exitCode"), *known.exitCode);
+        if (isActive(known.status) && known.kind == QLatin1String("chat"))
+            addAnswer(object, m_answers.answer(known.taskId));
         tasks.append(object);
     }
     QJsonArray terminals;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "chat_answers.h"
+
 #include <QJsonObject>
 #include <QList>
 #include <QString>
@@ -9,15 +11,18 @@
 namespace brinmoor::relay {
 
 // The present of one agent as the relay knows it, for clients that were not there
-// when it happened: its tasks running or ended lately, the proposal waiting for
-// approval, and its open terminal sessions. Learnt from the agent's messages (an
-// "agent.state" restates it all after a reconnect) and from the clients' commands.
+// when it happened: its tasks running or ended lately (a running chat with its answer
+// so far), the proposal waiting for approval, and its open terminal sessions. Learnt
+// from the agent's messages (an "agent.state" restates it all after a reconnect) and
+// from the clients' commands.
 class AgentSnapshot {
 public:
     static constexpr int kEndedTasksKept = 20;
 
     // A client created a task with this "task.assign" payload.
     void taskCreated(const QString& taskId, const QJsonObject& payload);
+    // The agent refused the task as busy before it began: it waits at the relay again.
+    void taskWithdrawn(const QString& taskId);
     // A message of the agent.
     void observe(const QJsonObject& message);
     // A client's decision on the task's proposal went to the agent.
@@ -48,6 +53,7 @@ private:
     };
 
     Task& task(const QString& taskId);
+    bool runs(const QString& taskId) const;
     void endTask(const QString& taskId, const QString& status, std::optional<qint64> exitCode);
     void restate(const QJsonObject& state);
     void openTerminal(const QString& sessionId, const QString& projectPath, const QString& mode);
@@ -57,6 +63,7 @@ private:
     QList<Task> m_tasks; // in the order the relay learnt of them
     std::optional<QJsonObject> m_proposal;
     QList<Terminal> m_terminals;
+    ChatAnswers m_answers;
 };
 
 } // namespace brinmoor::relay

@@ -170,6 +170,31 @@ QByteArray taskAssign(const QString& taskId, const QJsonObject& payload)
     return json(message);
 }
 
+QByteArray taskQueued(const QString& agentId, const QString& taskId, int place, const QJsonObject& payload,
+                      const QStringList& waiting)
+{
+    QJsonObject message = typed("task.queued");
+    message.insert(QStringLiteral("agentId"), agentId);
+    message.insert(QStringLiteral("taskId"), taskId);
+    message.insert(QStringLiteral("place"), place);
+    message.insert(QStringLiteral("payload"), payload);
+    message.insert(QStringLiteral("waiting"), QJsonArray::fromStringList(waiting));
+    return json(message);
+}
+
+QByteArray taskUnqueued(const QString& agentId, const QString& taskId, const QString& reason,
+                        const QStringList& waiting, const QString& error)
+{
+    QJsonObject message = typed("task.unqueued");
+    message.insert(QStringLiteral("agentId"), agentId);
+    message.insert(QStringLiteral("taskId"), taskId);
+    message.insert(QStringLiteral("reason"), reason);
+    message.insert(QStringLiteral("waiting"), QJsonArray::fromStringList(waiting));
+    if (!error.isEmpty())
+        message.insert(QStringLiteral("error"), error);
+    return json(message);
+}
+
 QByteArray agentCommand(const QString& type, const QJsonValue& taskId, const QJsonValue& payload)
 {
     QJsonObject message{{QStringLiteral("type"), type}};

@@ -5,6 +5,7 @@
 #include <QJsonObject>
 #include <QJsonValue>
 #include <QString>
+#include <QStringList>
 
 #include <optional>
 
@@ -61,6 +62,12 @@ QByteArray agentOffline(const QString& agentId);
 QByteArray taskCreated(const QString& taskId, const QString& agentId, const QJsonValue& requestId);
 QByteArray error(const QString& code, const QString& message, const QJsonValue& requestId);
 QByteArray taskAssign(const QString& taskId, const QJsonObject& payload);
+// A task waits for its agent at `place` (1 goes next); `waiting` is the queue after the change.
+QByteArray taskQueued(const QString& agentId, const QString& taskId, int place, const QJsonObject& payload,
+                      const QStringList& waiting);
+// A task left the queue: "assigned", "cancelled" or "failed" (with an error).
+QByteArray taskUnqueued(const QString& agentId, const QString& taskId, const QString& reason,
+                        const QStringList& waiting, const QString& error);
 // "task.cancel", "task.approval" and the terminal commands as the agent reads them.
 QByteArray agentCommand(const QString& type, const QJsonValue& taskId, const QJsonValue& payload);
 QByteArray permissionRequest(const PermissionRequest& request);

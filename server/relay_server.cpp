@@ -9,7 +9,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QTcpSocket>
-#include <QUuid>
 
 #include <algorithm>
 #include <charconv>
@@ -30,11 +29,11 @@ constexpr int kListenBacklog = 512;
 // After the kernel refuses an accept (out of files), accepting resumes a little later.
 constexpr int kAcceptRetryMs = 1'000;
 
-// Messages an agent sends in bulk; relayed without being parsed.
+// Messages an agent sends in bulk; relayed without being parsed. (A chat's chunks are
+// read: the agent's present has the answer so far.)
 constexpr QByteArrayView kStreamingTypes[] = {
     "\"type\":\"task.log\"",
     "\"type\":\"terminal.output\"",
-    "\"type\":\"task.chat.chunk\"",
 };
 constexpr int kTerminalOutput = 1; // its index above
 // A client that catches up is sent the log while less than this waits for it (and
@@ -124,7 +123,8 @@ QByteArray error(int status, const QString& text, QByteArrayView extraHeaders = 
 RelayServer::RelayServer(RelayConfig config, QObject* parent)
     : QObject(parent), m_config(std::move(config)), m_listener(new RelayListener(this)),
       m_auth(m_config.token, m_config.guesses), m_origins(m_config.allowedOrigins), m_hosts(m_config.allowedHosts),
-      m_permissions(m_config.approvalTimeoutMs), m_terminalFlow(m_config.maxPacedSessions)
+      m_permissions(m_config.approvalTimeoutMs), m_queue(m_config.queueOfflineWaitMs),
+      m_terminalFlow(m_config.maxPacedSessions)
 {
     m_clock.start();
     m_turnTimer.setSingleShot(true);
@@ -149,6 +149,10 @@ RelayServer::RelayServer(RelayConfig config, QObject* parent)
                                       const QString& reason) {
         logEvent("permission.resolved", {{"requestId", request.requestId}, {"decision", decision}, {"reason", reason}});
         broadcastText(RelayMessages::permissionResolved(request.requestId, decision, reason));
+    };
+    m_queue.onBroadcast = [this](const QByteArray& text) { broadcastText(text); };
+    m_queue.onEnded = [this](const QString& agentId, const WaitingTask& task, const QString& end) {
+        endWaitingTask(agentId, task, end);
     };
     // Logs of agents that stay quiet still age.
     m_trimTimer.setInterval(kTrimIntervalMs);
@@ -492,6 +496,7 @@ void RelayServer::acceptAgent(RelayConnection& connection, const HttpRequest& re
     agent.history = &historyOf(agentId);
     m_agents.insert(agentId, agent);
     m_agentIds.insert(&connection, agentId);
+    m_queue.agentOnline(agentId);
     connection.upgrade(RelayConnection::Role::Agent, request.header("sec-websocket-key"), {});
     connection.sendText(RelayMessages::agentHello(agent.history->log.headSeq()));
     // The agent's first message (its register) crosses the hello. An agent that takes up
@@ -690,6 +695,8 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
         // every seq it has given before.
         const qint64 made = std::max(QDateTime::currentMSecsSinceEpoch() * 1000, agent.history->log.headSeq() + 1);
         startStream(agent, made, made);
+        // Nor does it restate what it runs.
+        agent.restated = true;
     }
     const qint64 seq = agent.nextSeq++;
     scheduleAck(agent);
@@ -705,6 +712,8 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
     if (parsed && answerTaskRead(agent.agentId, *parsed))
         return; // for one client alone, not logged
     if (parsed) {
+        if (refusedAsBusy(agent, *parsed))
+            return;
         observeAgentMessage(agent, history, *parsed);
         if (parsed->contains(QStringLiteral("agentId"))) {
             // The relay names the sender; an agent does not get to name another.
@@ -810,6 +819,7 @@ void RelayServer::observeAgentMessage(Agent& agent, AgentHistory& history, const
     } else if (type == QLatin1String("task.heartbeat") || type == QLatin1String("task.started")) {
         if (agent.currentTaskId.isEmpty())
             agent.currentTaskId = taskId;
+        m_queue.agentReported(agent.agentId, taskId);
     } else if (type == QLatin1String("task.finished") || type == QLatin1String("task.failed") ||
                type == QLatin1String("task.cancelled")) {
         endTask(agent, taskId);
@@ -834,6 +844,9 @@ void RelayServer::observeAgentMessage(Agent& agent, AgentHistory& history, const
         for (const QString& kept : running)
             m_taskAgents.insert(kept, agent.agentId);
         agent.currentTaskId = running.value(0);
+        agent.restated = true;
+        m_queue.agentReported(agent.agentId, QString());
+        startWaitingTaskSoon(agent.agentId);
         // The sessions it no longer has are paced no more.
         m_terminalFlow.keepSessions(agent.agentId,
                                     [&](const QString& sessionId) { return history.snapshot.hasTerminal(sessionId); });
@@ -851,6 +864,8 @@ void RelayServer::endTask(Agent& agent, const QString& taskId)
     m_taskAgents.remove(taskId);
     m_taskFlow.removeSession(agent.agentId, taskId);
     m_permissions.endTask(taskId);
+    m_queue.agentReported(agent.agentId, taskId);
+    startWaitingTaskSoon(agent.agentId);
 }
 
 void RelayServer::dropAgent(Agent& agent)
@@ -859,6 +874,7 @@ void RelayServer::dropAgent(Agent& agent)
     const QString agentId = agent.agentId;
     m_agents.remove(agentId);
     m_pendingWindows.remove(agentId);
+    m_queue.agentOffline(agentId);
     const auto history = m_histories.find(agentId);
     if (history != m_histories.end() && !history->second.numbered)
         m_histories.erase(history);
@@ -898,38 +914,6 @@ void RelayServer::clientMessage(RelayConnection& client, QByteArrayView payload)
                    message.value(QStringLiteral("requestId")));
 }
 
-void RelayServer::createTask(RelayConnection& client, const QJsonObject& message)
-{
-    const QJsonValue requestId = message.value(QStringLiteral("requestId"));
-    const QString agentId = message.value(QStringLiteral("agentId")).toString();
-    const QJsonValue payload = message.value(QStringLiteral("payload"));
-    if (agentId.isEmpty()) {
-        replyError(client, QStringLiteral("BAD_REQUEST"), QStringLiteral("task.create needs a string \"agentId\""),
-                   requestId);
-        return;
-    }
-    if (!payload.isObject()) {
-        replyError(client, QStringLiteral("BAD_REQUEST"), QStringLiteral("task.create needs an object \"payload\""),
-                   requestId);
-        return;
-    }
-    Agent* agent = connectedAgent(client, agentId, requestId);
-    if (!agent)
-        return;
-    const QString taskId = QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
-    const QByteArray assign = RelayMessages::taskAssign(taskId, payload.toObject());
-    if (!agentTakes(client, *agent, assign.size(), requestId))
-        return;
-    m_taskAgents.insert(taskId, agentId);
-    if (agent->currentTaskId.isEmpty())
-        agent->currentTaskId = taskId;
-    historyOf(agentId).snapshot.taskCreated(taskId, payload.toObject());
-    logEvent("task.create", {{"taskId", taskId}, {"agentId", agentId}});
-    agent->connection->sendText(assign);
-    startTaskPace(agentId, taskId);
-    client.sendText(RelayMessages::taskCreated(taskId, agentId, requestId));
-}
-
 void RelayServer::forwardToAgent(RelayConnection& client, const QString& type, const QJsonObject& message)
 {
     const QJsonValue requestId = message.value(QStringLiteral("requestId"));
@@ -947,6 +931,9 @@ void RelayServer::forwardToAgent(RelayConnection& client, const QString& type, c
         replyError(client, QStringLiteral("BAD_REQUEST"), problem, requestId);
         return;
     }
+    // A waiting task is cancelled at the relay, whether its agent is connected or not.
+    if (type == QLatin1String("task.cancel") && m_queue.cancel(agentId, taskId.toString()))
+        return;
     const Agent* agent = connectedAgent(client, agentId, requestId);
     if (!agent)
         return;
@@ -1081,7 +1068,8 @@ void RelayServer::resume(RelayConnection& client, const QString& agentId, qint64
 void RelayServer::sendGap(RelayConnection& client, const QString& agentId, qint64 since)
 {
     AgentHistory& history = historyOf(agentId);
-    client.sendText(RelayMessages::resumeGap(agentId, since, history.log.headSeq(), history.snapshot.toJson()));
+    client.sendText(
+        RelayMessages::resumeGap(agentId, since, history.log.headSeq(), presentOf(agentId, history.snapshot)));
 }
 
 void RelayServer::pump(RelayConnection& client)
@@ -1349,11 +1337,11 @@ QList<AgentRecord> RelayServer::helloRecords() const
         record.registration = history.registration;
         record.online = m_agents.contains(agentId);
         record.seq = history.log.headSeq();
-        record.snapshot = history.snapshot.toJson();
+        record.snapshot = presentOf(agentId, history.snapshot);
     }
     for (AgentRecord& record : records) {
         if (record.snapshot.isEmpty())
-            record.snapshot = AgentSnapshot().toJson();
+            record.snapshot = presentOf(record.agentId, AgentSnapshot());
     }
     return records.values();
 }

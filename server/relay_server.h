@@ -10,6 +10,7 @@
 #include "relay_messages.h"
 #include "resume_cursors.h"
 #include "served_hosts.h"
+#include "task_queue.h"
 #include "task_reads.h"
 #include "terminal_flow.h"
 #include "tls_context.h"
@@ -40,9 +41,10 @@ struct RelayConfig {
     RelayLimits limits;
     int maxPacedSessions = 64; // terminal sessions one client may pace
     int approvalTimeoutMs = 600'000;
-    QStringList allowedOrigins; // besides the relay's own, normalized (the public URL's is one)
-    QStringList allowedHosts;   // names and addresses Host may give besides the relay's own, normalized
-                                // (the public URL's host is one)
+    int queueOfflineWaitMs = 600'000; // how long waiting tasks wait for an agent that went away
+    QStringList allowedOrigins;       // besides the relay's own, normalized (the public URL's is one)
+    QStringList allowedHosts;         // names and addresses Host may give besides the relay's own, normalized
+                                      // (the public URL's host is one)
     GuessLimits guesses;
     EventLogLimits eventLog;
     TrustedProxies trustedProxies;
@@ -86,6 +88,9 @@ private:
         qint64 skipThrough = 0; // messages up to this seq the server has already
         qint64 acked = 0;       // the seq last confirmed to the agent
         bool ackScheduled = false;
+        // It said what it runs on this connection ("agent.state"), or never will (it does not
+        // number its messages): until then no waiting task goes to it.
+        bool restated = false;
         AgentHistory* history = nullptr; // kept while the agent is connected
         // Until the agent says whether it numbers its messages ("agent.stream") or its
         // pong says it will not, what it sends waits here.
@@ -144,6 +149,18 @@ private:
     void dropAgent(Agent& agent);
     void clientMessage(RelayConnection& client, QByteArrayView payload);
     void createTask(RelayConnection& client, const QJsonObject& message);
+    // Whether the agent runs a task, as far as the relay knows.
+    bool agentRuns(const Agent& agent) const;
+    void assignTask(Agent& agent, const WaitingTask& task);
+    // Once the messages being read have gone out, the first waiting task goes to the agent
+    // if it is free.
+    void startWaitingTaskSoon(const QString& agentId);
+    // The agent's refusal of a task the relay sent it as busy: the task waits again, and the
+    // refusal is not relayed.
+    bool refusedAsBusy(Agent& agent, const QJsonObject& message);
+    void endWaitingTask(const QString& agentId, const WaitingTask& task, const QString& end);
+    // The snapshot of "server.hello" and "resume.gap": the agent's present and its queue.
+    QJsonObject presentOf(const QString& agentId, const AgentSnapshot& snapshot) const;
     void forwardToAgent(RelayConnection& client, const QString& type, const QJsonObject& message);
     void decidePermission(RelayConnection& client, const QJsonObject& message);
     void resumeClient(RelayConnection& client, const QJsonObject& message);
@@ -197,6 +214,7 @@ private:
     bool m_stopping = false;
     bool m_stopped = false;
     PermissionRequests m_permissions;
+    TaskQueue m_queue;
     QElapsedTimer m_clock;
     qint64 m_batchTime = 0;        // m_clock when the messages being read began to arrive
     QMap<QString, Agent> m_agents; // by agent id, so lists come out in a stable order

@@ -46,17 +46,12 @@ void RelayServer::tellAgentTaskWindow(const TerminalFlow::Window& window)
 
 void RelayServer::startTaskPace(const QString& agentId, const QString& taskId)
 {
-    // The agent holds a new task's output back until it hears who paces it: the clients
-    // that paced its earlier tasks have taken nothing of this one yet, and without them
-    // nothing holds it.
-    bool paced = false;
+    // The clients that paced the agent's earlier tasks have taken nothing of this one yet:
+    // said right after the task itself, the agent hears it before the task's first output.
     for (RelayConnection* client : m_taskPacers.value(agentId)) {
-        paced = true;
         if (const std::optional<TerminalFlow::Window> window = m_taskFlow.acknowledge(client, agentId, taskId, 0))
             tellAgentTaskWindow(*window);
     }
-    if (!paced)
-        tellAgentTaskWindow({agentId, taskId, std::nullopt});
 }
 
 void RelayServer::readTaskOutput(RelayConnection& client, const QString& type, const QJsonObject& message)
@@ -101,11 +96,13 @@ void RelayServer::readTaskOutput(RelayConnection& client, const QString& type, c
             payload.insert(QStringLiteral("match"), match);
     }
     // The id is made only once the agent takes the read: one it does not take is not waited for.
-    const QByteArray probe = RelayMessages::agentCommand(type, list ? QJsonValue(QJsonValue::Undefined) : taskId, payload);
+    const QByteArray probe =
+        RelayMessages::agentCommand(type, list ? QJsonValue(QJsonValue::Undefined) : taskId, payload);
     if (!agentTakes(client, *agent, probe.size() + 32, requestId))
         return;
     payload.insert(QStringLiteral("readId"), m_taskReads.add(&client, agentId, requestId));
-    agent->connection->sendText(RelayMessages::agentCommand(type, list ? QJsonValue(QJsonValue::Undefined) : taskId, payload));
+    agent->connection->sendText(
+        RelayMessages::agentCommand(type, list ? QJsonValue(QJsonValue::Undefined) : taskId, payload));
 }
 
 bool RelayServer::answerTaskRead(const QString& agentId, const QJsonObject& message)

@@ -66,6 +66,13 @@ std::variant<RelayConfig, QString> configFromEnvironment(const QProcessEnvironme
                env.value(QStringLiteral("BRINMOOR_APPROVAL_TIMEOUT_SEC"));
     config.approvalTimeoutMs = int(*approvalSeconds * 1000);
 
+    const std::optional<qint64> queueSeconds =
+        positive(env, QStringLiteral("BRINMOOR_QUEUE_OFFLINE_SEC"), config.queueOfflineWaitMs / 1000);
+    if (!queueSeconds || *queueSeconds > 24 * 3600)
+        return QStringLiteral("brinmoor-server: BRINMOOR_QUEUE_OFFLINE_SEC is not a number of seconds: ") +
+               env.value(QStringLiteral("BRINMOOR_QUEUE_OFFLINE_SEC"));
+    config.queueOfflineWaitMs = int(*queueSeconds * 1000);
+
     const std::optional<qint64> backlog =
         positive(env, QStringLiteral("BRINMOOR_CLIENT_BACKLOG_BYTES"), config.limits.maxBacklog);
     if (!backlog)

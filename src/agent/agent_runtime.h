@@ -123,6 +123,7 @@ public:
     // Where temporary files of tasks go (the MCP configuration, proposal copies).
     QString temporaryFolder() const override;
     bool oneEndPerTask() const override { return m_features.end; }
+    bool offersFileChoice() const override { return m_features.files; }
 
     // --- configuration, read afresh at every use ---
     AgentProfile loadProfile() const;
@@ -131,7 +132,7 @@ public:
     SettingsStore& defaults() override { return m_defaults; }
     const Environment& environment() const override { return m_env; }
     OutgoingFlow* outgoingFlow() override { return &m_flow; }
-    OutgoingFlow* taskOutputFlow() override { return m_taskPace.flow(); }
+    OutgoingFlow* taskOutputFlow() override { return m_features.lines ? m_taskPace.flow() : nullptr; }
     bool numbersOutputLines() const override { return m_features.lines; }
     void reportStatus(const QString& text) override;
 
@@ -170,6 +171,8 @@ private:
     void handleTaskAssign(const AgentCommand& command);
     void handleServerCommand(const AgentCommand& command);
     void handleTerminalCommand(const AgentCommand& command);
+    // Lists the projects under the repository root, off the loop, for "projects.listed".
+    void listProjects();
     // "task.ack", "task.output.read" and "tasks.list" of a server that reads numbered lines.
     void handleTaskOutputCommand(const AgentCommand& command);
     // The task's output is kept from here, and paced from its first line.
@@ -208,6 +211,8 @@ private:
     TaskOutputStore m_taskOutput;
     TaskOutputPace m_taskPace;
     TerminalSessionManager* m_terminalSessionManager = nullptr;
+    // A walk for "projects.list" is under way: a request meanwhile takes its answer.
+    bool m_listingProjects = false;
 };
 
 } // namespace brinmoor

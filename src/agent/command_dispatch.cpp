@@ -19,6 +19,29 @@
 
 namespace brinmoor {
 
+namespace {
+
+// The files a "task.approval" names: absent without "files" (or null): all of them. One that
+// is not a list of names names no file.
+std::optional<QStringList> approvedFiles(const AgentCommand& command)
+{
+    const JSONValue* files = command.member(QStringLiteral("files"));
+    if (!files || files->isNull())
+        return std::nullopt;
+    QStringList names;
+    if (files->kind() != JSONValue::Kind::Array)
+        return names;
+    for (const JSONValue& item : files->arrayValue()) {
+        const std::optional<QString> name = item.stringValue();
+        if (!name)
+            return QStringList();
+        names.append(*name);
+    }
+    return names;
+}
+
+} // namespace
+
 bool AgentRuntime::handleCommandData(const QByteArray& data, QString* error)
 {
     const std::optional<AgentCommand> decoded = AgentCommand::decode(data, error);
@@ -47,8 +70,10 @@ bool AgentRuntime::handleCommandData(const QByteArray& data, QString* error)
             stopRunningProcessIfAny(true);
     } else if (command.type == QLatin1String("task.approval")) {
         if (command.taskId && command.taskId == m_approvals.pendingApprovalTaskId())
-            m_approvals.resolvePendingApproval(command.stringMember(QStringLiteral("decision")) ==
-                                               QLatin1String("approve"));
+            m_approvals.resolvePendingApproval(
+                command.stringMember(QStringLiteral("decision")) == QLatin1String("approve"), approvedFiles(command));
+    } else if (command.type == QLatin1String("projects.list") && m_features.projects) {
+        listProjects();
     } else if (command.type.startsWith(QLatin1String("terminal."))) {
         handleTerminalCommand(command);
     }
@@ -109,7 +134,7 @@ void AgentRuntime::beginTaskOutput(const TaskAssignment& task)
     kept.projectPath = task.projectPath;
     kept.conversationId = m_task.conversationId;
     m_taskOutput.begin(kept);
-    m_taskPace.begin(task.taskId, m_features.lines);
+    m_taskPace.begin(task.taskId);
 }
 
 void AgentRuntime::endTaskOutput(const QString& type, const QJsonObject& message)

@@ -31,12 +31,9 @@ QJsonObject kept(const QString& readId, const QList<KeptTask>& tasks)
 {
     QJsonArray list;
     for (const KeptTask& task : tasks) {
-        QJsonObject entry{{QStringLiteral("taskId"), task.taskId},
-                          {QStringLiteral("kind"), task.kind},
-                          {QStringLiteral("projectPath"), task.projectPath},
-                          {QStringLiteral("status"), task.status},
-                          {QStringLiteral("startedAt"), task.startedAt},
-                          {QStringLiteral("lines"), task.keptLines}};
+        QJsonObject entry{{QStringLiteral("taskId"), task.taskId},           {QStringLiteral("kind"), task.kind},
+                          {QStringLiteral("projectPath"), task.projectPath}, {QStringLiteral("status"), task.status},
+                          {QStringLiteral("startedAt"), task.startedAt},     {QStringLiteral("lines"), task.keptLines}};
         if (task.exitCode)
             entry.insert(QStringLiteral("exitCode"), *task.exitCode);
         if (task.endedAt > 0)

@@ -2,12 +2,12 @@
 
 namespace brinmoor {
 
-void TaskOutputPace::begin(const QString& taskId, bool held)
+void TaskOutputPace::begin(const QString& taskId)
 {
     m_taskId = taskId;
     m_lines.clear();
     m_sentBytes = 0;
-    m_taken = held ? std::optional<qint64>(0) : std::nullopt;
+    m_taken.reset();
     update();
 }
 

@@ -21,9 +21,8 @@ public:
     // The flow the task's child waits on.
     OutgoingFlow* flow() { return &m_flow; }
 
-    // A task starts: no line sent; `held` when it waits for its pace from the start (the
-    // server says at once who paces it).
-    void begin(const QString& taskId, bool held);
+    // A task starts: no line sent, no pace.
+    void begin(const QString& taskId);
     // Line `number` of the task went out, taking `bytes`.
     void sent(const QString& taskId, qint64 number, qint64 bytes);
     // The slowest client pacing the task has taken its lines up to `line`; none: no

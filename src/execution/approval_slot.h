@@ -2,6 +2,7 @@
 
 #include <QObject>
 #include <QString>
+#include <QStringList>
 #include <QTimer>
 
 #include <functional>
@@ -21,15 +22,19 @@ public:
     // Waits for the phone's decision on the task, or `timeoutSec`; `done` gets true only
     // for an approval in time. A wait stored earlier is replaced without being resumed.
     void waitForApproval(const QString& taskId, qint64 timeoutSec, std::function<void(bool)> done);
+    // The same, and `done` also gets the files the approval names: absent when it names
+    // none, so that everything is approved.
+    using Decision = std::function<void(bool, const std::optional<QStringList>&)>;
+    void waitForDecision(const QString& taskId, qint64 timeoutSec, Decision done);
     // Resumes the pending waiter, whatever task it waits for; nothing when none waits.
-    void resolvePendingApproval(bool approved);
+    void resolvePendingApproval(bool approved, const std::optional<QStringList>& files = std::nullopt);
 
     bool hasPendingApproval() const { return static_cast<bool>(m_continuation); }
     const std::optional<QString>& pendingApprovalTaskId() const { return m_taskId; }
 
 private:
     std::optional<QString> m_taskId;
-    std::function<void(bool)> m_continuation;
+    Decision m_continuation;
     QTimer m_timeout;
 };
 

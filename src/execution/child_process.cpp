@@ -14,28 +14,31 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace brinmoor {
 
 namespace {
 
+constexpr qsizetype kReadChunk = 256 * 1024;
 // A read of short lines is many messages (a 64 KiB read of `seq` is about a megabyte of
 // them), and what the pipe holds when the child exits is read at once: both are how far
-// a paced task's output may overshoot its pace, so both stay small.
-constexpr qsizetype kReadChunk = 64 * 1024;
-// A bigger pipe means fewer wake-ups for a chatty child.
-constexpr int kPipeSize = 256 * 1024;
+// a paced task's output may overshoot its pace, so both stay small for one.
+constexpr qsizetype kPacedReadChunk = 64 * 1024;
+// A bigger pipe means fewer wake-ups for a chatty child; a paced one's stays small.
+constexpr int kPipeSize = 1024 * 1024;
+constexpr int kPacedPipeSize = 256 * 1024;
 // After the child exits, what is left in the pipes is read without waiting; a
 // background grandchild that keeps writing cannot hold the task open past this.
 constexpr qsizetype kDrainLimit = 16 * 1024 * 1024;
 
-bool makePipe(int fds[2])
+bool makePipe(int fds[2], int size)
 {
     if (::pipe2(fds, O_CLOEXEC) != 0)
         return false;
 #ifdef F_SETPIPE_SZ
-    ::fcntl(fds[0], F_SETPIPE_SZ, kPipeSize);
+    ::fcntl(fds[0], F_SETPIPE_SZ, size);
 #endif
     return true;
 }
@@ -106,7 +109,8 @@ bool ChildProcess::start(const Launch& launch, QString* error)
     int outFds[2] = {-1, -1};
     int errFds[2] = {-1, -1};
     const bool merged = launch.channels == Channels::Merged;
-    if (!makePipe(outFds) || (!merged && !makePipe(errFds))) {
+    const int pipeSize = m_flows.size() > 1 ? kPacedPipeSize : kPipeSize;
+    if (!makePipe(outFds, pipeSize) || (!merged && !makePipe(errFds, pipeSize))) {
         if (error)
             *error = QString::fromLocal8Bit(std::strerror(errno));
         closeFd(outFds[0]);
@@ -219,8 +223,23 @@ void ChildProcess::closePipe(Pipe& pipe)
 
 void ChildProcess::alsoWaitFor(OutgoingFlow* flow)
 {
-    if (flow)
-        m_flows.append(flow);
+    if (!flow)
+        return;
+    if (!m_flows.isEmpty())
+        m_readBuffer.resize(kPacedReadChunk); // read as paced
+    m_flows.append(flow);
+}
+
+bool ChildProcess::hasOutputComing() const
+{
+    if (isHeldBack())
+        return true;
+    for (const Pipe* pipe : {&m_out, &m_err}) {
+        int unread = 0;
+        if (pipe->open() && ::ioctl(pipe->fd, FIONREAD, &unread) == 0 && unread > 0)
+            return true;
+    }
+    return false;
 }
 
 bool ChildProcess::isHeldBack() const

@@ -54,6 +54,8 @@ public:
     // Launches the child; false with the reason in `error` when it could not start.
     bool start(const Launch& launch, QString* error);
     qint64 pid() const { return m_pid; }
+    // Whether more output is on its way: reading waits, or a pipe holds unread bytes.
+    bool hasOutputComing() const;
     bool isRunning() const;
 
     // SIGTERM to the child's whole process group, then SIGKILL to what is left of it

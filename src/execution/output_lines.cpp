@@ -1,7 +1,5 @@
 #include "execution/output_lines.h"
 
-#include "base/outgoing_flow.h"
-
 #include "execution/process_runner.h"
 #include "execution/task_host.h"
 
@@ -13,13 +11,10 @@ OutputLines::OutputLines(TaskHost& host, QString taskId, QObject* parent)
     m_wait.setSingleShot(true);
     m_wait.setInterval(kWaitMilliseconds);
     connect(&m_wait, &QTimer::timeout, this, [this] {
-        // While the agent holds the child back, the rest of the line is in the pipe.
-        const OutgoingFlow* const flows[] = {m_host.outgoingFlow(), m_host.taskOutputFlow()};
-        for (const OutgoingFlow* flow : flows) {
-            if (flow && flow->isBlocked()) {
-                m_wait.start();
-                return;
-            }
+        // While the child is held back, or its pipe holds more, the rest of the line comes.
+        if (moreComing && moreComing()) {
+            m_wait.start();
+            return;
         }
         flush();
     });

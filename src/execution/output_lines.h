@@ -4,6 +4,8 @@
 #include <QString>
 #include <QTimer>
 
+#include <functional>
+
 namespace brinmoor {
 
 class TaskHost;
@@ -11,8 +13,8 @@ class TaskHost;
 // Cuts one stream of a task child's output into task log lines. Without numbered lines
 // each read is cut as it came (sendOutput): a line cut by a read boundary arrives as two.
 // With numbered lines the piece after a read's last newline waits for the rest of its
-// line: until the next read brings it, the output ends (`flush`), or 50 ms pass while
-// the child is not held back (a prompt that waits for input is shown).
+// line: until the next read brings it, the output ends (`flush`), or 50 ms pass with no
+// more on its way (a prompt that waits for input is shown).
 class OutputLines : public QObject {
     Q_OBJECT
 
@@ -22,6 +24,9 @@ public:
     OutputLines(TaskHost& host, QString taskId, QObject* parent = nullptr);
 
     void take(const QString& text);
+    // Whether more of the child's output is on its way (it is held back, or its pipe
+    // holds some): a piece then waits on.
+    std::function<bool()> moreComing;
     // Sends the piece that waits, if any.
     void flush();
 

@@ -180,6 +180,9 @@ void ProcessRunner::launchTask(const QString& shell)
     auto* child = new ChildProcess(m_host.outgoingFlow(), this);
     child->alsoWaitFor(m_host.taskOutputFlow());
     m_child = child;
+    const QPointer<ChildProcess> watched = child;
+    for (OutputLines* lines : {m_output->outLines.get(), m_output->errLines.get()})
+        lines->moreComing = [watched] { return watched && watched->hasOutputComing(); };
     connect(child, &ChildProcess::standardOutput, this, &ProcessRunner::onStandardOutput);
     connect(child, &ChildProcess::standardError, this, &ProcessRunner::onStandardError);
     connect(child, &ChildProcess::exited, this, &ProcessRunner::onExited);

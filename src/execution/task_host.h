@@ -45,6 +45,8 @@ public:
     // "task.cancelled" alone, once its process has exited. Otherwise a cancellation is
     // said at once, and the stopped process's own end follows.
     virtual bool oneEndPerTask() const { return false; }
+    // Whether the server's clients may approve some of a proposal's files and not others.
+    virtual bool offersFileChoice() const { return false; }
 
 protected:
     ~TaskHost() = default;

@@ -25,14 +25,10 @@ constexpr qint64 kSaveMilliseconds = 2000;
 
 QJsonObject toJson(const KeptTask& task)
 {
-    QJsonObject object{{QStringLiteral("taskId"), task.taskId},
-                       {QStringLiteral("kind"), task.kind},
-                       {QStringLiteral("projectPath"), task.projectPath},
-                       {QStringLiteral("status"), task.status},
-                       {QStringLiteral("startedAt"), task.startedAt},
-                       {QStringLiteral("lines"), task.lines},
-                       {QStringLiteral("keptLines"), task.keptLines},
-                       {QStringLiteral("bytes"), task.bytes}};
+    QJsonObject object{{QStringLiteral("taskId"), task.taskId},           {QStringLiteral("kind"), task.kind},
+                       {QStringLiteral("projectPath"), task.projectPath}, {QStringLiteral("status"), task.status},
+                       {QStringLiteral("startedAt"), task.startedAt},     {QStringLiteral("lines"), task.lines},
+                       {QStringLiteral("keptLines"), task.keptLines},     {QStringLiteral("bytes"), task.bytes}};
     if (!task.conversationId.isEmpty())
         object.insert(QStringLiteral("conversationId"), task.conversationId);
     if (task.exitCode)
@@ -145,8 +141,8 @@ QPair<qint64, qint64> countLines(const QString& path)
         if (block.isEmpty())
             break;
         const char* data = block.constData();
-        for (const char* at = data; (at = static_cast<const char*>(std::memchr(at, '\n', size_t(data + block.size() - at))));
-             ++at) {
+        for (const char* at = data;
+             (at = static_cast<const char*>(std::memchr(at, '\n', size_t(data + block.size() - at)))); ++at) {
             ++lines;
             bytes = read + (at - data) + 1;
         }

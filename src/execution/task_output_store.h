@@ -92,8 +92,8 @@ private:
     QString m_folder;
     qint64 m_maxTasks;
     qint64 m_maxBytes;
-    QList<KeptTask> m_tasks; // oldest first
-    QString m_running;       // the task being appended to
+    QList<KeptTask> m_tasks;  // oldest first
+    QString m_running;        // the task being appended to
     qint64 m_othersBytes = 0; // what the files of the other tasks take
     QFile m_file;
     QByteArray m_pending;

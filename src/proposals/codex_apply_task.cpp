@@ -205,6 +205,8 @@ void CodexApplyTask::onDiff(const QString& diff, const QString& error)
     }
     m_commentary = *commentary;
     m_files = WorkspaceDiff::changedFiles(diff);
+    m_changes = ProposalFiles::split(diff);
+    m_applying = m_changes;
     Messages::Proposal proposal;
     proposal.proposalId = QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
     proposal.summary = NarrativeText::proposalSummary(m_commentary);
@@ -225,21 +227,23 @@ void CodexApplyTask::onDiff(const QString& diff, const QString& error)
             Messages::taskProgress(taskId, QStringLiteral("apply"), QStringLiteral("Applying approved changes"), 75));
         return apply();
     }
+    proposal.fileChoice = m_host.offersFileChoice();
     m_host.sendJSON(Messages::taskAwaitingApproval(taskId, proposal));
     QPointer<CodexApplyTask> self(this);
-    m_host.approvals().waitForApproval(taskId, m_request.timeoutSec, [self](bool approved) {
-        // Resumed after whatever resolved the wait has finished its own work.
-        QMetaObject::invokeMethod(
-            self.data(),
-            [self, approved] {
-                if (self)
-                    self->onApproval(approved);
-            },
-            Qt::QueuedConnection);
-    });
+    m_host.approvals().waitForDecision(taskId, m_request.timeoutSec,
+                                       [self](bool approved, const std::optional<QStringList>& files) {
+                                           // Resumed after whatever resolved the wait has finished its own work.
+                                           QMetaObject::invokeMethod(
+                                               self.data(),
+                                               [self, approved, files] {
+                                                   if (self)
+                                                       self->onApproval(approved, files);
+                                               },
+                                               Qt::QueuedConnection);
+                                       });
 }
 
-void CodexApplyTask::onApproval(bool approved)
+void CodexApplyTask::onApproval(bool approved, const std::optional<QStringList>& files)
 {
     if (!isCurrent())
         return finish();
@@ -247,7 +251,22 @@ void CodexApplyTask::onApproval(bool approved)
         log(QStringLiteral("proposal.approval rejected_or_timed_out"));
         return fail(QStringLiteral("changes rejected by client approval"), QStringLiteral("APPROVAL_REJECTED"));
     }
-    log(QStringLiteral("proposal.approval approved"));
+    if (!files) {
+        log(QStringLiteral("proposal.approval approved"));
+    } else {
+        // Only the files named; a name the proposal does not change refuses it all.
+        const QStringList unknown = ProposalFiles::unknownNames(m_changes, *files);
+        if (!unknown.isEmpty()) {
+            return fail(QStringLiteral("the approval names files the proposal does not change: ") +
+                            unknown.join(QStringLiteral(", ")),
+                        QStringLiteral("APPROVAL_FILES_UNKNOWN"));
+        }
+        m_applying = ProposalFiles::select(m_changes, *files);
+        m_partly = true;
+        log(QStringLiteral("proposal.approval approved files=%1 of %2").arg(m_applying.size()).arg(m_changes.size()));
+        if (m_applying.isEmpty())
+            return fail(QStringLiteral("no file of the proposal was approved"), QStringLiteral("APPROVAL_REJECTED"));
+    }
     m_host.sendJSON(Messages::taskProgress(m_request.taskId, QStringLiteral("apply"),
                                            QStringLiteral("Applying approved changes"), 75));
     apply();
@@ -255,13 +274,14 @@ void CodexApplyTask::onApproval(bool approved)
 
 void CodexApplyTask::apply()
 {
-    const QString diff = m_diff;
+    const QList<ProposalFiles::FileChange> changes = m_applying;
     const QString workingDir = m_request.workingDir;
+    const QString copy = m_copy;
     const QString temporary = m_host.temporaryFolder();
     offLoop(
-        [diff, workingDir, temporary] {
+        [changes, workingDir, copy, temporary] {
             try {
-                WorkspaceDiff::applyProposalDiff(diff, workingDir, temporary);
+                ProposalFiles::apply(changes, workingDir, copy, temporary);
                 return QString();
             } catch (const AgentError& error) {
                 return error.message;
@@ -275,9 +295,20 @@ void CodexApplyTask::onApplied(const QString& error)
     if (!error.isEmpty())
         return fail(QStringLiteral("failed to apply approved diff: ") + error, QStringLiteral("APPLY_DIFF_FAILED"));
     const QString& taskId = m_request.taskId;
-    m_host.sendJSON(Messages::taskArtifact(taskId, QStringLiteral("result"),
-                                           NarrativeText::applyCompletionSummary(m_files, m_commentary),
-                                           QStringLiteral("text/plain")));
+    QStringList applied;
+    for (const ProposalFiles::FileChange& change : m_applying)
+        applied.append(change.name);
+    if (m_partly) {
+        for (const ProposalFiles::FileChange& change : m_changes) {
+            log((applied.contains(change.name) ? QStringLiteral("proposal.applied ")
+                                               : QStringLiteral("proposal.left ")) +
+                change.name);
+        }
+    }
+    m_host.sendJSON(
+        Messages::taskArtifact(taskId, QStringLiteral("result"),
+                               NarrativeText::applyCompletionSummary(m_partly ? applied : m_files, m_commentary),
+                               QStringLiteral("text/plain")));
     m_host.sendJSON(Messages::taskFinished(taskId));
     registerManagedProjectIfPresent(m_rawOutput, m_host.defaults(), m_host.environment());
     finish();

@@ -1,10 +1,13 @@
 #pragma once
 
 #include "execution/shell_execution_result.h"
+#include "proposals/proposal_files.h"
 
 #include <QObject>
 #include <QString>
 #include <QStringList>
+
+#include <optional>
 
 namespace brinmoor {
 
@@ -14,7 +17,8 @@ class TaskHost;
 // Drives one "ai_task" that proposes changes: copies the project, lets `codex` edit
 // the copy while its narrative streams to the phone, diffs the copy against the
 // project, sends the proposal with the assistant's explanation, waits for approval
-// when asked to, applies the diff with `git apply` and reports the outcome. Every step
+// when asked to, applies the diff with `git apply` (all of it, or the files the approval
+// names, binary ones from the copy) and reports the outcome. Every step
 // that can take long (copy, command, diff, apply, removal) runs off the event loop or
 // as a child process, so heartbeats, cancellation and terminals keep flowing. The copy
 // is removed on every path; a task cancelled meanwhile stops without another word.
@@ -41,7 +45,7 @@ private:
     void runProposalCommand();
     void onCommandFinished(const ShellExecutionResult& result);
     void onDiff(const QString& diff, const QString& error);
-    void onApproval(bool approved);
+    void onApproval(bool approved, const std::optional<QStringList>& files);
     void apply();
     void onApplied(const QString& error);
 
@@ -63,6 +67,10 @@ private:
     QString m_diff;
     QString m_commentary;
     QStringList m_files;
+    // The diff file by file, and what of it is applied (all, or what the approval named).
+    QList<ProposalFiles::FileChange> m_changes;
+    QList<ProposalFiles::FileChange> m_applying;
+    bool m_partly = false;
     bool m_finished = false;
 };
 

@@ -48,6 +48,11 @@ QString normalizeDiffOutput(const QString& output, const QString& original, cons
     text = text.trimmed();
     text.replace(QLatin1Char('a') + withLeadingSlash(original) + QLatin1Char('/'), QLatin1String("a/"));
     text.replace(QLatin1Char('b') + withLeadingSlash(proposal) + QLatin1Char('/'), QLatin1String("b/"));
+    // A renamed file's lines name both folders in full.
+    text.replace(QStringLiteral("\nrename from ") + withLeadingSlash(original) + QLatin1Char('/'),
+                 QLatin1String("\nrename from "));
+    text.replace(QStringLiteral("\nrename to ") + withLeadingSlash(proposal) + QLatin1Char('/'),
+                 QLatin1String("\nrename to "));
     return filterIgnoredProposalDiff(text);
 }
 

@@ -19,7 +19,7 @@ QString diffCommand(const QString& original, const QString& proposal);
 QString applyCommand(const QString& patchPath);
 
 // The diff as the phone sees it: from git's standard output, carriage returns made
-// line feeds, trimmed, header paths made relative, build output dropped.
+// line feeds, trimmed, header and rename paths made relative, build output dropped.
 QString normalizeDiffOutput(const QString& output, const QString& original, const QString& proposal);
 
 // Drops the blocks of ignored or unreadable paths and any text before the first block.

@@ -22,7 +22,8 @@ const QStringList& taskOutputCommands()
 const QStringList& agentCommands()
 {
     static const QStringList types =
-        QStringList{QStringLiteral("task.cancel"), QStringLiteral("task.approval")} + terminalCommands();
+        QStringList{QStringLiteral("task.cancel"), QStringLiteral("task.approval"), QStringLiteral("projects.list")} +
+        terminalCommands();
     return types;
 }
 

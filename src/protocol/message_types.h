@@ -12,7 +12,8 @@ const QStringList& terminalCommands();
 const QStringList& taskOutputCommands();
 
 // What a client may send an agent through the relay, besides "task.create": the
-// cancellation and approval of a task and the terminal commands.
+// cancellation and approval of a task, the request for the projects under the
+// repository root, and the terminal commands.
 const QStringList& agentCommands();
 
 } // namespace brinmoor::MessageTypes

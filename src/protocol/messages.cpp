@@ -26,6 +26,8 @@ QJsonObject proposalMessage(const char* type, const QString& taskId, const Propo
     message.insert(QStringLiteral("proposalCommentary"), proposal.commentary);
     message.insert(QStringLiteral("proposalDiff"), proposal.diff);
     message.insert(QStringLiteral("proposalFiles"), QJsonArray::fromStringList(proposal.files));
+    if (proposal.fileChoice)
+        message.insert(QStringLiteral("fileChoice"), true);
     return message;
 }
 
@@ -250,6 +252,17 @@ QJsonObject taskProposalReady(const QString& taskId, const Proposal& proposal)
 QJsonObject taskAwaitingApproval(const QString& taskId, const Proposal& proposal)
 {
     return proposalMessage("task.awaiting_approval", taskId, proposal);
+}
+
+QJsonObject projectsListed(const QList<FoundProject>& projects)
+{
+    QJsonArray list;
+    for (const FoundProject& project : projects) {
+        list.append(QJsonObject{{QStringLiteral("path"), project.path},
+                                {QStringLiteral("name"), project.name},
+                                {QStringLiteral("markers"), QJsonArray::fromStringList(project.markers)}});
+    }
+    return QJsonObject{{QStringLiteral("type"), QStringLiteral("projects.listed")}, {QStringLiteral("projects"), list}};
 }
 
 QJsonObject terminalOpened(const QString& sessionId, const QString& projectPath, bool interactive,

@@ -73,9 +73,20 @@ struct Proposal {
     QString commentary;
     QString diff;
     QStringList files;
+    // The clients may approve some of the files and not others (our relay's only).
+    bool fileChoice = false;
 };
 QJsonObject taskProposalReady(const QString& taskId, const Proposal& proposal);
 QJsonObject taskAwaitingApproval(const QString& taskId, const Proposal& proposal);
+
+// A folder under the repository root that looks like a project: its path relative to
+// the root, its name, and what marks it (".git", "package.json", …).
+struct FoundProject {
+    QString path;
+    QString name;
+    QStringList markers;
+};
+QJsonObject projectsListed(const QList<FoundProject>& projects);
 
 // Terminal sessions.
 // "projectPathMissing" says that the project's folder was not there and the shell

@@ -11,17 +11,17 @@ namespace {
 // The features in the order of names().
 QList<bool*> flags(ServerFeatures& features)
 {
-    return {&features.seq,    &features.ack, &features.grace, &features.state,
-            &features.pacing, &features.end, &features.lines};
+    return {&features.seq, &features.ack,      &features.grace, &features.state, &features.pacing,
+            &features.end, &features.projects, &features.files, &features.lines};
 }
 
 } // namespace
 
 const QStringList& ServerFeatures::names()
 {
-    static const QStringList names{QStringLiteral("seq"),   QStringLiteral("ack"),    QStringLiteral("grace"),
-                                   QStringLiteral("state"), QStringLiteral("pacing"), QStringLiteral("end"),
-                                   QStringLiteral("lines")};
+    static const QStringList names{QStringLiteral("seq"),      QStringLiteral("ack"),    QStringLiteral("grace"),
+                                   QStringLiteral("state"),    QStringLiteral("pacing"), QStringLiteral("end"),
+                                   QStringLiteral("projects"), QStringLiteral("files"),  QStringLiteral("lines")};
     return names;
 }
 

@@ -10,7 +10,7 @@ namespace brinmoor {
 struct AgentCommand;
 
 // What a server offers beyond the agent protocol. Our relay announces it in its hello,
-//   {"type":"agent.hello","payload":{"seq":N,"features":["seq","ack","grace","state","pacing","end","lines"]}},
+//   {"type":"agent.hello","payload":{"seq":N,"features":["seq","ack","grace","state","pacing",…]}},
 // and the agent uses nothing that the hello does not name. A hello without a list of
 // features, or no hello at all, offers nothing: the agent then speaks the plain protocol.
 struct ServerFeatures {
@@ -30,6 +30,12 @@ struct ServerFeatures {
     // Each task ends once: a cancelled task with "task.cancelled" alone, when its process
     // has exited.
     bool end = false;
+    // Clients ask for the projects under the repository root ("projects.list"); the agent
+    // answers "projects.listed".
+    bool projects = false;
+    // A proposal may be approved in part: "task.awaiting_approval" says so with
+    // "fileChoice", and the agent applies the files a "task.approval" names.
+    bool files = false;
     // The agent keeps each task's output: "task.log" lines of it carry their "number",
     // readers pace it ("task.ack"), and clients read it back ("task.output.read",
     // "tasks.list").

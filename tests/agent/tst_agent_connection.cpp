@@ -51,12 +51,14 @@ private Q_SLOTS:
         const QString registered = QStringLiteral("register profile=ios-local actions=[\"build_ios\", \"ai_task\", "
                                                   "\"chat\", \"shell\", \"terminal_session\"] projects=[]");
         QVERIFY(waitUntil([&] { return log.texts().size() >= 6; }));
-        QCOMPARE(log.texts(),
-                 (QStringList{QStringLiteral("start requested"),
-                              QStringLiteral("connected serverURL=") + url + QStringLiteral(" agentId=test-agent"),
-                              registered, QStringLiteral("received agent.hello"),
-                              QStringLiteral("server.extensions features=seq,ack,grace,state,pacing,end,lines seq=0"),
-                              registered}));
+        QCOMPARE(
+            log.texts(),
+            (QStringList{
+                QStringLiteral("start requested"),
+                QStringLiteral("connected serverURL=") + url + QStringLiteral(" agentId=test-agent"), registered,
+                QStringLiteral("received agent.hello"),
+                QStringLiteral("server.extensions features=seq,ack,grace,state,pacing,end,projects,files,lines seq=0"),
+                registered}));
         QCOMPARE(f.server.preludes().size(), 1);
         QCOMPARE(f.server.preludes().first(), reg);
         QCOMPARE(f.server.streams().size(), 1);

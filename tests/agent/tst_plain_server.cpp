@@ -20,6 +20,7 @@
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QThreadPool>
 #include <QWebSocket>
 
 #include <memory>
@@ -740,6 +741,8 @@ private Q_SLOTS:
         QCOMPARE(awaiting->value(QStringLiteral("proposalCommentary")).toString(), kExplanation);
         QVERIFY(awaiting->value(QStringLiteral("proposalDiff")).toString().contains(QStringLiteral("-hello\n+bye")));
         QCOMPARE(awaiting->value(QStringLiteral("proposalId")).toString().size(), 36);
+        // The choice of files is our relay's clients' alone.
+        QVERIFY(!awaiting->contains(QStringLiteral("fileChoice")));
         QCOMPARE(m_server->messages(QStringLiteral("task.progress"), QStringLiteral("p1")).value(0),
                  (QJsonObject{{QStringLiteral("type"), QStringLiteral("task.progress")},
                               {QStringLiteral("taskId"), QStringLiteral("p1")},
@@ -795,6 +798,23 @@ private Q_SLOTS:
         QCOMPARE(test::readFile(greeting), QByteArray("bye\n"));
         QVERIFY(m_server->messages(QStringLiteral("task.finished"), QStringLiteral("p2")).isEmpty());
         QVERIFY(waitUntil([&] { return !m_agent->runtime->currentTaskId() && leftovers().isEmpty(); }));
+    }
+
+    // The projects under the repository root are listed to our relay's clients only: asked
+    // as they ask, the agent says nothing.
+    void projectsAreNotListed()
+    {
+        startAgent();
+        PLAIN_VERIFY(m_server->waitForType(QStringLiteral("agent.register")));
+        m_server->sendOutsideTheProtocol({{QStringLiteral("type"), QStringLiteral("projects.list")}});
+        PLAIN_VERIFY(barrier());
+        // Whatever the agent read in the meantime it has reported by the next round trip.
+        QThreadPool::globalInstance()->waitForDone();
+        QCoreApplication::processEvents();
+        PLAIN_VERIFY(barrier());
+        QCOMPARE(typesOf(m_server->frames()),
+                 (QStringList{QStringLiteral("agent.register"), QStringLiteral("terminal.error"),
+                              QStringLiteral("terminal.error")}));
     }
 
     void terminals()

@@ -935,6 +935,7 @@ private Q_SLOTS:
                   {"type", "task.artifact"}}),
             json(
                 {{"agentId", "cli-agent"},
+                 {"fileChoice", true},
                  {"proposalCommentary", explanation},
                  {"proposalDiff", "diff --git a/notes.txt b/notes.txt\nindex b97116f..f09bce4 100644\n--- a/notes.txt\n"
                                   "+++ b/notes.txt\n@@ -1 +1 @@\n-teh notes\n+the notes"},

@@ -7,6 +7,7 @@
 #include "support/test_support.h"
 
 #include <QDir>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QTest>
 
@@ -233,6 +234,89 @@ private Q_SLOTS:
                               QStringLiteral("task.log proposal.approval rejected_or_timed_out"),
                               QStringLiteral("task.failed APPROVAL_REJECTED 1 changes rejected by client approval")}));
         QCOMPARE(test::readFile(project(f) + QStringLiteral("/greeting.txt")), QByteArray("hello\n"));
+        QVERIFY(cleanAfterwards(f));
+    }
+
+    // Three files: one changed, one new, one deleted; the approval names some of them.
+    void setUpThreeFiles(AgentFixture& f)
+    {
+        setUp(f);
+        test::writeFile(project(f) + QStringLiteral("/old.txt"), "old\n");
+        write(QStringLiteral("codex.script"), "print bye > greeting.txt; print new > new.txt; rm old.txt\n");
+    }
+
+    void approve(AgentFixture& f, const QString& taskId, const QJsonValue& files)
+    {
+        f.server.send({{QStringLiteral("type"), QStringLiteral("task.approval")},
+                       {QStringLiteral("taskId"), taskId},
+                       {QStringLiteral("payload"), QJsonObject{{QStringLiteral("decision"), QStringLiteral("approve")},
+                                                               {QStringLiteral("files"), files}}}});
+    }
+
+    void someFilesApproved()
+    {
+        AgentFixture f;
+        setUpThreeFiles(f);
+        QVERIFY(f.connect());
+        assignApply(f, QStringLiteral("f1"));
+        const std::optional<QJsonObject> awaiting =
+            f.server.waitForTask(QStringLiteral("task.awaiting_approval"), QStringLiteral("f1"));
+        QVERIFY2(awaiting, qPrintable(f.server.trace()));
+        // Our relay's clients may choose files.
+        QCOMPARE(awaiting->value(QStringLiteral("fileChoice")), QJsonValue(true));
+        approve(f, QStringLiteral("f1"), QJsonArray{QStringLiteral("old.txt"), QStringLiteral("greeting.txt")});
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("f1")));
+        const QStringList lines = trace(f, QStringLiteral("f1"));
+        QCOMPARE(lines.mid(lines.indexOf(QStringLiteral("task.awaiting_approval"))),
+                 (QStringList{
+                     QStringLiteral("task.awaiting_approval"),
+                     QStringLiteral("task.log proposal.approval approved files=2 of 3"),
+                     QStringLiteral("task.progress apply Applying approved changes 75"),
+                     QStringLiteral("task.log proposal.applied greeting.txt"),
+                     QStringLiteral("task.log proposal.left new.txt"),
+                     QStringLiteral("task.log proposal.applied old.txt"),
+                     QStringLiteral("task.artifact result text/plain Applied the approved changes to 2 files.\n\n") +
+                         kExplanation,
+                     QStringLiteral("task.finished"),
+                 }));
+        QCOMPARE(test::readFile(project(f) + QStringLiteral("/greeting.txt")), QByteArray("bye\n"));
+        QVERIFY(!QFileInfo::exists(project(f) + QStringLiteral("/old.txt")));
+        QVERIFY(!QFileInfo::exists(project(f) + QStringLiteral("/new.txt")));
+        QCOMPARE(test::readFile(project(f) + QStringLiteral("/keep.txt")), QByteArray("same\n"));
+        QVERIFY(cleanAfterwards(f));
+    }
+
+    void approvalsThatApplyNothing_data()
+    {
+        QTest::addColumn<QJsonValue>("files");
+        QTest::addColumn<QStringList>("end");
+        const QStringList none{QStringLiteral("task.log proposal.approval approved files=0 of 3"),
+                               QStringLiteral("task.failed APPROVAL_REJECTED 1 no file of the proposal was approved")};
+        QTest::newRow("no file") << QJsonValue(QJsonArray()) << none;
+        QTest::newRow("not a list") << QJsonValue(QStringLiteral("greeting.txt")) << none;
+        QTest::newRow("not names") << QJsonValue(QJsonArray{QStringLiteral("greeting.txt"), 3}) << none;
+        QTest::newRow("a file the proposal does not change")
+            << QJsonValue(QJsonArray{QStringLiteral("greeting.txt"), QStringLiteral("keep.txt"), QStringLiteral("x y")})
+            << QStringList{QStringLiteral("task.failed APPROVAL_FILES_UNKNOWN 1 the approval names files the proposal "
+                                          "does not change: keep.txt, x y")};
+    }
+
+    void approvalsThatApplyNothing()
+    {
+        QFETCH(QJsonValue, files);
+        QFETCH(QStringList, end);
+        AgentFixture f;
+        setUpThreeFiles(f);
+        QVERIFY(f.connect());
+        assignApply(f, QStringLiteral("f2"));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.awaiting_approval"), QStringLiteral("f2")));
+        approve(f, QStringLiteral("f2"), files);
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.failed"), QStringLiteral("f2")));
+        const QStringList lines = trace(f, QStringLiteral("f2"));
+        QCOMPARE(lines.mid(lines.indexOf(QStringLiteral("task.awaiting_approval")) + 1), end);
+        QCOMPARE(test::readFile(project(f) + QStringLiteral("/greeting.txt")), QByteArray("hello\n"));
+        QCOMPARE(test::readFile(project(f) + QStringLiteral("/old.txt")), QByteArray("old\n"));
+        QVERIFY(!QFileInfo::exists(project(f) + QStringLiteral("/new.txt")));
         QVERIFY(cleanAfterwards(f));
     }
 

@@ -35,13 +35,15 @@ private Q_SLOTS:
     {
         ServerFeatures all = ServerFeatures::all();
         all.serverHas = 42;
-        QCOMPARE(QJsonDocument(all.hello()).toJson(QJsonDocument::Compact),
-                 QByteArray(R"({"payload":{"features":["seq","ack","grace","state","pacing","end","lines"],"seq":42},)"
-                            R"("type":"agent.hello"})"));
+        QCOMPARE(
+            QJsonDocument(all.hello()).toJson(QJsonDocument::Compact),
+            QByteArray(
+                R"({"payload":{"features":["seq","ack","grace","state","pacing","end","projects","files","lines"],"seq":42},)"
+                R"("type":"agent.hello"})"));
         const std::optional<ServerFeatures> features = offered(QJsonDocument(all.hello()).toJson());
         QVERIFY(features);
         QVERIFY(features->seq && features->ack && features->grace && features->state && features->pacing &&
-                features->end);
+                features->end && features->projects && features->files);
         QVERIFY(features->keepsUnconfirmed());
         QCOMPARE(features->serverHas, 42);
         QCOMPARE(features->named(), ServerFeatures::names());
@@ -50,9 +52,11 @@ private Q_SLOTS:
     void onlyWhatIsNamedIsOffered()
     {
         const std::optional<ServerFeatures> features =
-            offered(R"({"type":"agent.hello","payload":{"features":["pacing","push",7,"grace"]}})");
+            offered(R"({"type":"agent.hello","payload":{"features":["files","pacing","push",7,"grace"]}})");
         QVERIFY(features);
-        QCOMPARE(features->named(), (QStringList{QStringLiteral("grace"), QStringLiteral("pacing")}));
+        QCOMPARE(features->named(),
+                 (QStringList{QStringLiteral("grace"), QStringLiteral("pacing"), QStringLiteral("files")}));
+        QVERIFY(features->files && !features->projects);
         QCOMPARE(features->serverHas, 0);
         QVERIFY(!features->keepsUnconfirmed());
         // An empty list is an announcement of nothing.

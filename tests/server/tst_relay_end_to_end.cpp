@@ -205,6 +205,43 @@ private Q_SLOTS:
                     .contains("\"agentId\":\"cli-agent\",\"busy\":false"));
     }
 
+    // The agent runs one task at a time: a second created at once waits at the relay and
+    // runs when the first has ended.
+    void tasksCreatedBackToBackRunOneAfterTheOther()
+    {
+        QVERIFY(startBoth());
+        RelayClient phone;
+        QVERIFY(phone.open(m_relay->port, m_relay->token));
+        const QString first = createTask(phone, {{QStringLiteral("action"), QStringLiteral("shell")},
+                                                 {QStringLiteral("command"), QStringLiteral("echo first")}});
+        const QString second = createTask(phone, {{QStringLiteral("action"), QStringLiteral("shell")},
+                                                  {QStringLiteral("command"), QStringLiteral("echo second")}});
+        QVERIFY(waitForTaskEnd(phone, first));
+        QVERIFY(waitForTaskEnd(phone, second));
+        const QString resolved =
+            QStringLiteral("task.log workspace.resolve action=shell requestedProjectPath= resolvedWorkingDir=") +
+            m_agent->repo.path();
+        QCOMPARE(taskTrace(phone, first),
+                 (QStringList{QStringLiteral("task.created"), resolved, QStringLiteral("task.started"),
+                              QStringLiteral("task.log first"), QStringLiteral("task.finished")}));
+        QStringList ran = taskTrace(phone, second);
+        QCOMPARE(ran.mid(0, 2), (QStringList{QStringLiteral("task.created"), QStringLiteral("task.queued")}));
+        ran.removeAll(QStringLiteral("task.queued"));
+        ran.removeAll(QStringLiteral("task.unqueued"));
+        QCOMPARE(ran, (QStringList{QStringLiteral("task.created"), resolved, QStringLiteral("task.started"),
+                                   QStringLiteral("task.log second"), QStringLiteral("task.finished")}));
+        // One after the other: the second started once the first had ended.
+        const auto at = [&](const QString& taskId, const char* type) {
+            for (qsizetype i = 0; i < phone.messages().size(); ++i) {
+                const QJsonObject& m = phone.messages()[i];
+                if (m.value(QStringLiteral("taskId")).toString() == taskId && typeOf(m) == QLatin1String(type))
+                    return i;
+            }
+            return qsizetype(-1);
+        };
+        QVERIFY(at(first, "task.finished") < at(second, "task.started"));
+    }
+
     void aChatAsksThePhoneBeforeItWrites()
     {
         QVERIFY(startBoth());
@@ -292,6 +329,95 @@ private Q_SLOTS:
         const auto closed = phone.waitForType(QStringLiteral("terminal.closed"));
         QVERIFY(closed);
         QCOMPARE(closed->value(QStringLiteral("sessionId")).toString(), QStringLiteral("s1"));
+    }
+
+    // A page asks the agent what lies under its repository root; every client hears it.
+    void listsTheProjectsUnderTheRepositoryRoot()
+    {
+        QVERIFY(startBoth());
+        const QString repo = m_agent->repo.path();
+        QVERIFY(QDir().mkpath(repo + QStringLiteral("/App/.git")));
+        writeFile(repo + QStringLiteral("/proj/Tool/Cargo.toml"), "[package]\n");
+        writeFile(repo + QStringLiteral("/.hidden/package.json"), "{}");
+        writeFile(repo + QStringLiteral("/notes/todo.txt"), "none\n");
+        RelayClient phone;
+        QVERIFY(phone.open(m_relay->port, m_relay->token));
+        RelayClient other;
+        QVERIFY(other.open(m_relay->port, m_relay->token));
+        phone.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("projects.list")},
+                               {QStringLiteral("agentId"), QStringLiteral("cli-agent")}});
+        std::optional<QJsonObject> listed = other.waitForType(QStringLiteral("projects.listed"));
+        QVERIFY2(listed, qPrintable(other.trace()));
+        QVERIFY(listed->value(QStringLiteral("seq")).isDouble());
+        listed->remove(QStringLiteral("seq"));
+        QCOMPARE(
+            QJsonDocument(*listed).toJson(QJsonDocument::Compact),
+            QByteArray(R"({"agentId":"cli-agent","projects":[{"markers":[".git"],"name":"App","path":"App"},)"
+                       R"({"markers":["Cargo.toml"],"name":"Tool","path":"proj/Tool"}],"type":"projects.listed"})"));
+        QVERIFY(phone.waitForType(QStringLiteral("projects.listed")));
+        // The relay's own answers.
+        phone.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("projects.list")}});
+        phone.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("projects.list")},
+                               {QStringLiteral("agentId"), QStringLiteral("gone-agent")}});
+        const auto error = [&](int index) {
+            QList<QJsonObject> errors;
+            for (const QJsonObject& m : phone.messages()) {
+                if (typeOf(m) == QLatin1String("error"))
+                    errors.append(m);
+            }
+            return errors.value(index);
+        };
+        QVERIFY(waitUntil([&] { return !error(1).isEmpty(); }));
+        QCOMPARE(error(0), (QJsonObject{{QStringLiteral("type"), QStringLiteral("error")},
+                                        {QStringLiteral("code"), QStringLiteral("BAD_REQUEST")},
+                                        {QStringLiteral("message"),
+                                         QStringLiteral("projects.list needs a string \"agentId\"")}}));
+        QCOMPARE(error(1),
+                 (QJsonObject{{QStringLiteral("type"), QStringLiteral("error")},
+                              {QStringLiteral("code"), QStringLiteral("AGENT_OFFLINE")},
+                              {QStringLiteral("message"), QStringLiteral("agent is not connected: gone-agent")}}));
+    }
+
+    // A page approves two of a proposal's three files: the agent applies those two.
+    void approvesSomeFilesThroughTheRelay()
+    {
+        QVERIFY(startBoth());
+        const QString app = m_agent->repo.path() + QStringLiteral("/App");
+        writeFile(app + QStringLiteral("/a.txt"), "a\n");
+        writeFile(app + QStringLiteral("/b.txt"), "b\n");
+        writeFile(m_fake->path() + QStringLiteral("/codex.script"),
+                  "print A > a.txt; print B > b.txt; print C > c.txt\n");
+        writeFile(m_fake->path() + QStringLiteral("/codex.stream"),
+                  codexAgentMessages({QStringLiteral("I changed a.txt and b.txt and added c.txt.")}));
+        RelayClient phone;
+        QVERIFY(phone.open(m_relay->port, m_relay->token));
+        const QString taskId = createTask(phone, {{QStringLiteral("action"), QStringLiteral("ai_task")},
+                                                  {QStringLiteral("system"), QStringLiteral("codex")},
+                                                  {QStringLiteral("mode"), QStringLiteral("apply")},
+                                                  {QStringLiteral("approvalMode"), QStringLiteral("on_request")},
+                                                  {QStringLiteral("projectPath"), QStringLiteral("App")},
+                                                  {QStringLiteral("prompt"), QStringLiteral("change them")}});
+        const std::optional<QJsonObject> awaiting = phone.waitForType(QStringLiteral("task.awaiting_approval"), 20000);
+        QVERIFY2(awaiting, qPrintable(phone.trace()));
+        QCOMPARE(awaiting->value(QStringLiteral("fileChoice")), QJsonValue(true));
+        phone.send(QJsonObject{
+            {QStringLiteral("type"), QStringLiteral("task.approval")},
+            {QStringLiteral("agentId"), QStringLiteral("cli-agent")},
+            {QStringLiteral("taskId"), taskId},
+            {QStringLiteral("payload"),
+             QJsonObject{{QStringLiteral("decision"), QStringLiteral("approve")},
+                         {QStringLiteral("files"), QJsonArray{QStringLiteral("c.txt"), QStringLiteral("a.txt")}}}}});
+        QVERIFY(waitForTaskEnd(phone, taskId));
+        const QStringList trace = taskTrace(phone, taskId);
+        QCOMPARE(trace.mid(trace.indexOf(QStringLiteral("task.log proposal.approval approved files=2 of 3"))),
+                 (QStringList{QStringLiteral("task.log proposal.approval approved files=2 of 3"),
+                              QStringLiteral("task.progress"), QStringLiteral("task.log proposal.applied a.txt"),
+                              QStringLiteral("task.log proposal.left b.txt"),
+                              QStringLiteral("task.log proposal.applied c.txt"), QStringLiteral("task.artifact"),
+                              QStringLiteral("task.finished")}));
+        QCOMPARE(readFile(app + QStringLiteral("/a.txt")), QByteArray("A\n"));
+        QCOMPARE(readFile(app + QStringLiteral("/b.txt")), QByteArray("b\n"));
+        QCOMPARE(readFile(app + QStringLiteral("/c.txt")), QByteArray("C\n"));
     }
 
     void theAgentComesBackWhenTheServerRestarts()

@@ -233,7 +233,8 @@ private Q_SLOTS:
                                                                {"projectPath", "App"},
                                                                {"status", "awaiting_approval"}}}},
                               {"proposal", waiting},
-                              {"terminals", QJsonArray()}}));
+                              {"terminals", QJsonArray()},
+                              {"queue", QJsonArray()}}));
         QCOMPARE(agentRecord.value("online"), QJsonValue(true));
         back.send(QJsonObject{{"type", "task.approval"},
                               {"agentId", "mac-1"},
@@ -286,7 +287,8 @@ private Q_SLOTS:
                                                                                         {"projectPath", "A"},
                                                                                         {"status", "running"}}}},
                                                        {"proposal", QJsonValue()},
-                                                       {"terminals", QJsonArray()}}}}));
+                                                       {"terminals", QJsonArray()},
+                                                       {"queue", QJsonArray()}}}}));
         QCOMPARE(seqOf(back.messages().at(2)), head + 1);
         // What the log still has is given to those it reaches.
         RelayClient recent;
@@ -511,7 +513,7 @@ private Q_SLOTS:
         QVERIFY(agent.openAgent(m_relay->port, QStringLiteral("mac-1"), m_relay->token, false));
         QCOMPARE(agent.messages().first(),
                  json("{\"type\":\"agent.hello\",\"payload\":{\"seq\":0,\"features\":[\"seq\",\"ack\",\"grace\","
-                      "\"state\",\"pacing\",\"end\",\"lines\"]}}"));
+                      "\"state\",\"pacing\",\"end\",\"projects\",\"files\",\"lines\"]}}"));
         agent.send(json("{\"type\":\"agent.stream\",\"first\":100,\"next\":100}"));
         for (int i = 1; i <= 3; ++i)
             agent.sendText(logLine(QStringLiteral("t"), i));
@@ -523,7 +525,7 @@ private Q_SLOTS:
         QVERIFY(again.openAgent(m_relay->port, QStringLiteral("mac-1"), m_relay->token, false));
         QCOMPARE(again.messages().first(),
                  json("{\"type\":\"agent.hello\",\"payload\":{\"seq\":102,\"features\":[\"seq\",\"ack\",\"grace\","
-                      "\"state\",\"pacing\",\"end\",\"lines\"]}}"));
+                      "\"state\",\"pacing\",\"end\",\"projects\",\"files\",\"lines\"]}}"));
         again.send(json("{\"type\":\"agent.stream\",\"first\":100,\"next\":101}"));
         for (int i = 2; i <= 4; ++i)
             again.sendText(logLine(QStringLiteral("t"), i));

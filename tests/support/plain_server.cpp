@@ -505,6 +505,11 @@ void PlainServer::sendCommand(const QJsonObject& command)
         if (!row->contains(it.key()))
             violation(0, QStringLiteral("the test sent a member not in the row of ") + type, compact(command));
     }
+    sendOutsideTheProtocol(command);
+}
+
+void PlainServer::sendOutsideTheProtocol(const QJsonObject& command)
+{
     for (qsizetype i = m_connections.size() - 1; i >= 0; --i) {
         if (m_connections[i].socket) {
             m_connections[i].socket->sendTextMessage(QString::fromUtf8(compact(command)));

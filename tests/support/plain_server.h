@@ -136,6 +136,9 @@ public:
     // "terminal.open", "terminal.attach", "terminal.input", "terminal.complete",
     // "terminal.resize", "terminal.signal" or "terminal.close".
     void terminal(const QString& type, const QJsonObject& payload);
+    // A command of our relay's clients that this server would never send, sent as it is,
+    // for tests that show the agent keeps to the protocol all the same.
+    void sendOutsideTheProtocol(const QJsonObject& command);
     // The test is about to make the agent reload its configuration, which re-registers.
     void expectRegistration() { ++m_reloadsExpected; }
 

@@ -87,15 +87,16 @@ test('the tasks with one that ran', async () => {
   assert.deepEqual(await violations(), []);
 });
 
-test('a proposal waiting for review, with its diff', async () => {
+test('a proposal waiting for review, with its files to apply and its diff', async () => {
   writeFileSync(join(world.project, 'greeting.txt'), 'hello\n');
-  world.fakeFile('codex.script', 'print bye > greeting.txt\n');
+  world.fakeFile('codex.script', 'print bye > greeting.txt; print hi > hello.txt\n');
   world.fakeFile('codex.stream', codexStream(['I changed the greeting to bye.'], 'th-a11y'));
   await click('button[role=tab] .tab-label', 'Changes');
   await page.waitForSelector('textarea[name=change-prompt]', { visible: true });
   await page.type('textarea[name=change-prompt]', 'Say bye');
   await click('.change-form button[type=submit]', 'Start');
   await page.waitForSelector('.change-detail .diff-body .d2h-del');
+  await page.waitForSelector('.change-detail .files-to-apply input');
   assert.deepEqual(await violations(), []);
 });
 

@@ -178,6 +178,7 @@ export class World {
         ...process.env,
         PATH: `${this.fakeTools}:${process.env.PATH}`,
         XDG_CONFIG_HOME: join(this.root, 'config'),
+        XDG_STATE_HOME: join(this.root, 'state'),
         BRINMOOR_SERVER_URL: this.relayURL,
         ...(this.authority ? { BRINMOOR_TLS_CA: this.authority } : {}),
         BRINMOOR_AGENT_ID: kAgentId,

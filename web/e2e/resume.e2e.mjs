@@ -29,11 +29,16 @@ const test = testLeavingPictures(nodeTest, 'resume-', () => [
   [other, '-other'],
 ]);
 
-// Watches the page's sockets through DevTools: their addresses, and the resume frames.
+// Watches the page's sockets through DevTools: their addresses, the resume frames, and the
+// cancellations the page sent.
 async function watchSockets(target) {
   const session = await target.createCDPSession();
-  const seen = { urls: [], resumes: [] };
+  const seen = { urls: [], resumes: [], cancels: [] };
   session.on('Network.webSocketCreated', (event) => seen.urls.push(event.url));
+  session.on('Network.webSocketFrameSent', (event) => {
+    const payload = event.response.payloadData;
+    if (payload.includes('"task.cancel"')) seen.cancels.push(JSON.parse(payload));
+  });
   session.on('Network.webSocketFrameReceived', (event) => {
     const payload = event.response.payloadData;
     if (payload.length > 65536 || !payload.includes('"resume.')) return;
@@ -173,6 +178,115 @@ test('a reload while a task runs loses nothing', async () => {
   const earlier = await page.evaluate(() => window.brinmoor.navigation.place.taskId);
   assert.deepEqual(await logOf(earlier), numbered('T', 60));
 });
+
+// A fake `claude` that says its answer in parts: the first at once, each next one once the
+// file GATE-N exists (N from 1), then its result.
+function gatedClaude(parts, gate) {
+  const line = (event) => `print -r -- '${JSON.stringify(event)}'\n`;
+  let text = '';
+  let script = line({ type: 'system', subtype: 'init', session_id: 's' });
+  parts.forEach((part, i) => {
+    if (i > 0) script += `while [[ ! -e ${gate}-${i} ]]; do sleep 0.05; done\n`;
+    text += part;
+    script += line({ type: 'assistant', message: { content: [{ type: 'text', text }] } });
+  });
+  return script + line({ type: 'result', subtype: 'success', is_error: false, result: text, session_id: 's' }) + 'exit 0\n';
+}
+
+// Opens a new chat with Claude in the project and sends its first message.
+async function startChat(prompt) {
+  if (!(await page.$('button[role=tab]'))) await click(page, '.project .project-name', 'App');
+  await click(page, 'button[role=tab] .tab-label', 'Chat');
+  // At phone size an open chat covers the list until "All chats".
+  if (await page.evaluate(() => window.brinmoor.navigation.place.conversationId)) {
+    await page.waitForSelector('.back-to-list', { visible: true });
+    await page.click('.back-to-list');
+  }
+  await page.waitForSelector('.chat-view:not(.has-open) .new-chat-button', { visible: true });
+  await click(page, '.new-chat-button', 'New chat');
+  await page.waitForSelector('textarea[name=prompt]', { visible: true });
+  await page.type('textarea[name=prompt]', prompt);
+  await click(page, '.composer button', 'Send');
+}
+
+// Opens every gate of a gated answer, so that a test that fails leaves no chat running.
+function openGates(gate, count) {
+  for (let i = 1; i <= count; i++) writeFileSync(`${gate}-${i}`, '');
+}
+
+function answerText(target = page) {
+  return target.$$eval('.message.assistant .markdown', (all) => all.map((e) => e.textContent.trim()));
+}
+
+test('a reload mid-answer on another view keeps what was said, and the answer goes on once', async () => {
+  const gate = join(world.root, 'answer-gate');
+  const parts = ['First, the plan. ', 'Second, the work. ', 'Third, the end.'];
+  world.fakeFile('claude.script', gatedClaude(parts, gate));
+  try {
+    await reloadMidAnswer(gate, parts);
+  } finally {
+    openGates(gate, 2);
+  }
+});
+
+async function reloadMidAnswer(gate, parts) {
+  await startChat('Tell me in three parts');
+  await waitText(page, '.message.assistant.streaming .markdown', 'First, the plan.');
+  const conversationId = await page.evaluate(() => window.brinmoor.navigation.place.conversationId);
+  await click(page, 'button[role=tab] .tab-label', 'Tasks');
+  await page.reload();
+  await page.waitForFunction(() => window.brinmoor?.connection.state === 'open');
+  // Said while the chat is not on the screen: the page takes it into the answer.
+  writeFileSync(gate + '-1', '');
+  await page.waitForFunction(
+    (id) => window.brinmoor.conversations.get(id)?.messages?.[1]?.chunks.join('').includes('Second'),
+    {},
+    conversationId,
+  );
+  await click(page, 'button[role=tab] .tab-label', 'Chat');
+  await waitText(page, '.message.assistant.streaming .markdown', 'First, the plan. Second, the work.');
+  assert.deepEqual(await answerText(), ['First, the plan. Second, the work.']);
+  writeFileSync(gate + '-2', '');
+  await page.waitForSelector('.message.assistant.done');
+  assert.deepEqual(await answerText(), [parts.join('')]);
+  assert.deepEqual(await page.$$eval('.message .note, .message .error', (all) => all.map((e) => e.textContent)), []);
+  assert.deepEqual(await page.$$eval('.message.user .bubble', (all) => all.map((e) => e.textContent)), ['Tell me in three parts']);
+  // The ended answer is kept with the chat.
+  await page.reload();
+  await page.waitForSelector('.message.assistant.done');
+  assert.deepEqual(await answerText(), [parts.join('')]);
+}
+
+test('after a reload mid-answer Stop cancels it, and the next message is answered', async () => {
+  const gate = join(world.root, 'stop-gate');
+  world.fakeFile('claude.script', gatedClaude(['Thinking it over. ', 'This is never said.'], gate));
+  try {
+    await stopAfterReload();
+  } finally {
+    openGates(gate, 1);
+  }
+});
+
+async function stopAfterReload() {
+  await startChat('Take your time');
+  await waitText(page, '.message.assistant.streaming .markdown', 'Thinking it over.');
+  const chatTask = await page.$eval('.message.assistant', (e) => e.dataset.task);
+  await page.reload();
+  await waitText(page, '.message.assistant.streaming .markdown', 'Thinking it over.');
+  const cancels = sockets.cancels.length;
+  await click(page, '.message.assistant button.link', 'Stop');
+  await waitText(page, '.message.assistant.cancelled .note', 'Cancelled');
+  assert.deepEqual(sockets.cancels.slice(cancels), [{ type: 'task.cancel', agentId: kAgentId, taskId: chatTask }]);
+  assert.equal(await page.evaluate((id) => window.brinmoor.tasks.get(id)?.status, chatTask), 'cancelled');
+  assert.deepEqual(await answerText(), ['Thinking it over.']);
+  world.fakeFile('claude.script', '');
+  world.fakeFile('claude.stream', claudeStream(['Here I am again.']));
+  await page.type('textarea[name=prompt]', 'Are you there?');
+  await click(page, '.composer button', 'Send');
+  await page.waitForSelector('.messages > .message.assistant:last-child.done');
+  assert.deepEqual(await answerText(), ['Thinking it over.', 'Here I am again.']);
+  assert.deepEqual(await page.$$eval('.message .error', (all) => all.map((e) => e.textContent)), []);
+}
 
 test('a page away longer than the relay keeps messages reads what it missed from the computer', async () => {
   const go = join(world.root, 'go');

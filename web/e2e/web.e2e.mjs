@@ -177,24 +177,6 @@ test('a long task output scrolls by the keyboard', async () => {
   await page.waitForFunction(() => document.querySelector('.task-log').scrollTop === 0);
 });
 
-test('a task refused as busy says what the agent is busy with, and shows it', async () => {
-  const run = async (command) => {
-    await page.click('input[name=command]', { clickCount: 3 });
-    await page.keyboard.press('Backspace');
-    await type('input[name=command]', command);
-    await click('.run-form button', 'Run');
-  };
-  await run('sleep 30');
-  await waitText('.task-detail .task-status', 'Running…');
-  const sleeping = await page.$eval('.task-detail', (detail) => detail.dataset.task);
-  await run('echo second');
-  await waitText('.task-detail .busy-note', 'The agent is busy with “sleep 30”. Run this again once it has ended. Show it');
-  await click('.busy-note .show-busy', 'Show it');
-  await page.waitForFunction((id) => document.querySelector('.task-detail')?.dataset.task === id, {}, sleeping);
-  await click('.task-detail button', 'Cancel');
-  await waitText('.task-detail .task-status', 'Cancelled');
-});
-
 test('chats with claude: the answer streams in, and the next message continues the conversation', async () => {
   world.fakeFile('claude.stream', claudeStream(['Hello', ' from **Claude**.', '\n\n```js\nconst x = 1;\n```\n']));
   await click('button[role=tab]', 'Chat');

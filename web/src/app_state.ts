@@ -101,7 +101,7 @@ export class AppState {
     this.tasks = new TasksStore({
       createTask: (agentId, payload) => relay().createTask(agentId, payload),
       cancelTask: (agentId, taskId) => relay().cancelTask(agentId, taskId),
-      decideProposal: (agentId, taskId, approve) => relay().decideProposal(agentId, taskId, approve),
+      decideProposal: (agentId, taskId, approve, files) => relay().decideProposal(agentId, taskId, approve, files),
       ackTaskOutput: (agentId, taskId, line) => this.connection.client?.ackTaskOutput(agentId, taskId, line) ?? false,
       readTaskOutput: async (agentId, taskId, query) => relay().readTaskOutput(agentId, taskId, query),
       listTasks: async (agentId) => relay().listTasks(agentId),
@@ -140,6 +140,12 @@ export class AppState {
       this.conversations.handle(message);
       this.terminals.handle(message);
       if (message.type === 'server.hello') this.terminals.attachAll();
+      // What each agent finds under its repository root, asked of it whenever it is there.
+      if (message.type === 'server.hello') {
+        for (const agent of message.agents) if (agent.online) client.listProjects(agent.agentId);
+      } else if (message.type === 'agent.online') {
+        client.listProjects(message.agentId);
+      }
     });
     this.connection.replace(client);
     client.start();

@@ -100,12 +100,97 @@ describe('ConversationsStore', () => {
       { taskId: 'T1', kind: 'chat', projectPath: 'App', status: 'finished', exitCode: 0 },
       { taskId: 'T2', kind: 'chat', projectPath: 'App', status: 'running' },
     ];
-    store.handle(m({ type: 'resume.gap', agentId: 'mac', since: 3, seq: 80, snapshot: { tasks, proposal: null, terminals: [] } }));
+    store.handle(m({ type: 'resume.gap', agentId: 'mac', since: 3, seq: 80, snapshot: { tasks, proposal: null, terminals: [], queue: [] } }));
     expect([ended.status, ended.text, ended.missed]).toEqual(['done', 'Hal', true]);
     expect([going.status, going.missed]).toEqual(['streaming', true]);
     expect([elsewhere.status, elsewhere.missed]).toEqual(['streaming', undefined]);
     store.handle(m({ type: 'task.chat.chunk', agentId: 'mac', taskId: 'T2', conversationId: conversation.id, chunk: 'rest' }));
     expect(going.chunks).toEqual(['rest']);
     expect(kMissedOutputNotice).toBe('Some output was missed here: the relay no longer had it when this page came back.');
+  });
+
+  const hello = (seq: number, tasks: Record<string, unknown>[]) =>
+    m({ type: 'server.hello', agents: [{ agentId: 'mac', busy: true, registration: null, online: true, seq, snapshot: { tasks, proposal: null, terminals: [], queue: [] } }] });
+  const chunk = (conversationId: string, seq: number, text: string) =>
+    m({ type: 'task.chat.chunk', agentId: 'mac', taskId: 'T1', conversationId, chunk: text, seq });
+
+  it('takes an answer that streamed while the page was loaded from the relay, in its place, and goes on once', async () => {
+    const db = await ConversationDB.open(indexedDB, 'chat-test-4');
+    const cancelled: string[] = [];
+    const sender = {
+      run: async () => ({ taskId: 'T1' }),
+      cancel: (_agentId: string, taskId: string) => cancelled.push(taskId) > 0,
+    };
+    const first = new ConversationsStore(db, sender, () => 42);
+    const conversation = first.start('mac', 'App', 'claude');
+    await first.send(conversation.id, 'Tell me');
+    first.handle(chunk(conversation.id, 11, 'Hal'));
+
+    // The page is loaded again on another view: the chat is not loaded yet.
+    const reloaded = new ConversationsStore(db, sender);
+    const running = { taskId: 'T1', kind: 'chat', projectPath: 'App', status: 'running', conversationId: conversation.id };
+    reloaded.handle(hello(12, [{ ...running, answer: 'Hallo, ' }]));
+    // What the relay replays up to the hello's seq is in the answer already.
+    reloaded.handle(chunk(conversation.id, 11, 'Hal'));
+    reloaded.handle(chunk(conversation.id, 12, 'lo, '));
+    reloaded.handle(chunk(conversation.id, 13, 'world'));
+    await until(() => reloaded.get(conversation.id)?.messages?.length === 2);
+    reloaded.handle(chunk(conversation.id, 14, '!'));
+    const answer = reloaded.get(conversation.id)!.messages![1];
+    expect([answer.index, answer.status, answer.chunks.join('')]).toEqual([1, 'streaming', 'Hallo, world!']);
+    expect(reloaded.cancel(answer)).toBe(true);
+    expect(cancelled).toEqual(['T1']);
+    reloaded.handle(m({ type: 'task.cancelled', agentId: 'mac', taskId: 'T1', exitCode: 130, seq: 15 }));
+    expect([answer.status, answer.text]).toEqual(['cancelled', 'Hallo, world!']);
+
+    const later = new ConversationsStore(db, sender);
+    later.list('mac', 'App');
+    await until(() => later.get(conversation.id) !== undefined);
+    const kept = await later.open(conversation.id);
+    expect(kept!.messages!.map((x) => [x.role, x.text, x.status])).toEqual([
+      ['user', 'Tell me', 'done'],
+      ['assistant', 'Hallo, world!', 'cancelled'],
+    ]);
+    db.close();
+  });
+
+  it('puts the answer in place of an open chat, ends one that ended first, and after a gap takes the present', async () => {
+    const db = await ConversationDB.open(indexedDB, 'chat-test-5');
+    let next = 0;
+    const sender = { run: async () => ({ taskId: 'T' + ++next }), cancel: () => true };
+    const first = new ConversationsStore(db, sender);
+    const conversation = first.start('mac', 'App', 'codex');
+    await first.send(conversation.id, 'Go');
+
+    // The chat is on the screen before the relay says hello: it reads as interrupted, then
+    // goes on.
+    const shown = new ConversationsStore(db, sender);
+    shown.list('mac', 'App');
+    await until(() => shown.get(conversation.id) !== undefined);
+    const open = (await shown.open(conversation.id))!;
+    expect(open.messages![1].status).toBe('interrupted');
+    const running = { taskId: 'T1', kind: 'chat', projectPath: 'App', status: 'running', conversationId: conversation.id };
+    shown.handle(hello(20, [{ ...running, answer: 'One, ' }]));
+    await until(() => open.messages![1].status === 'streaming');
+    expect(open.messages![1].chunks).toEqual(['One, ']);
+    // After a gap the present is the truth: its answer is whole, or says it is not.
+    shown.handle(m({ type: 'resume.gap', agentId: 'mac', since: 3, seq: 40, snapshot: { tasks: [{ ...running, answer: 'One, two, ', answerCut: true }], proposal: null, terminals: [], queue: [] } }));
+    shown.handle(chunk(conversation.id, 41, 'three.'));
+    expect([open.messages![1].chunks.join(''), open.messages![1].missed]).toEqual(['One, two, three.', true]);
+    shown.handle(m({ type: 'task.finished', agentId: 'mac', taskId: 'T1', exitCode: 0, seq: 42 }));
+    expect([open.messages![1].status, open.messages![1].text]).toEqual(['done', 'One, two, three.']);
+
+    // An answer whose task ends before its chat is loaded is kept as it ended.
+    const second = await first.send(conversation.id, 'Again');
+    const away = new ConversationsStore(db, sender);
+    away.handle(hello(50, [{ ...running, taskId: second.taskId, answer: 'Partly' }]));
+    away.handle(m({ type: 'task.failed', agentId: 'mac', taskId: second.taskId, error: 'it broke', errorCode: 'X', exitCode: 1, seq: 51 }));
+    away.list('mac', 'App');
+    await until(() => away.get(conversation.id)?.messages?.length === 4);
+    expect(away.get(conversation.id)!.messages!.slice(2).map((x) => [x.text, x.status, x.error])).toEqual([
+      ['Again', 'done', ''],
+      ['Partly', 'error', 'it broke'],
+    ]);
+    db.close();
   });
 });

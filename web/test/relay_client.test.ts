@@ -49,7 +49,7 @@ function saves(h: Harness) {
   return h.timers.filter((timer) => timer.ms === 1500 && !timer.cleared);
 }
 
-const empty = { tasks: [], proposal: null, terminals: [] };
+const empty = { tasks: [], proposal: null, terminals: [], queue: [] };
 const agent = (agentId: string, seq: number) => ({ agentId, busy: false, registration: null, online: true, seq, snapshot: empty });
 const log = (agentId: string, seq: number, line = 'x') => ({ type: 'task.log', agentId, taskId: 'T', line, seq });
 const since = (socket: FakeSocket) => {
@@ -284,6 +284,9 @@ describe('RelayClient', () => {
     h.client.decidePermission('R3', false);
     h.client.decideProposal('mac', 'T', true);
     h.client.decideProposal('mac', 'T', false);
+    h.client.decideProposal('mac', 'T', true, ['a.c', 'b.c']);
+    h.client.decideProposal('mac', 'T', false, ['a.c']);
+    h.client.listProjects('mac');
     h.client.cancelTask('mac', 'T');
     h.client.terminal('terminal.input', 'mac', { sessionId: 'S', dataBase64: 'aGk=' });
     h.client.ackTerminal('mac', 'S', 131072);
@@ -294,6 +297,9 @@ describe('RelayClient', () => {
       { type: 'permission.decision', requestId: 'R3', decision: 'deny' },
       { type: 'task.approval', agentId: 'mac', taskId: 'T', payload: { decision: 'approve' } },
       { type: 'task.approval', agentId: 'mac', taskId: 'T', payload: { decision: 'reject' } },
+      { type: 'task.approval', agentId: 'mac', taskId: 'T', payload: { decision: 'approve', files: ['a.c', 'b.c'] } },
+      { type: 'task.approval', agentId: 'mac', taskId: 'T', payload: { decision: 'reject' } },
+      { type: 'projects.list', agentId: 'mac' },
       { type: 'task.cancel', agentId: 'mac', taskId: 'T' },
       { type: 'terminal.input', agentId: 'mac', payload: { sessionId: 'S', dataBase64: 'aGk=' } },
       { type: 'terminal.ack', agentId: 'mac', payload: { sessionId: 'S', offset: 131072 } },

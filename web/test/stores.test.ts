@@ -89,6 +89,22 @@ describe('AgentsStore', () => {
     store.forgetFolder('a', 'web/');
     expect(store.projects('a')).toEqual(['/r/App']);
   });
+
+  it('lists the projects found under the repository root after the others, each folder once', () => {
+    const store = new AgentsStore(new MemoryStorage());
+    store.handle(m({ type: 'server.hello', agents: [{ agentId: 'a', busy: false, registration, online: true }] }));
+    store.rememberFolder('a', 'web');
+    const found = (path: string) => ({ path, name: path.split('/').pop(), markers: ['.git'] });
+    store.handle(m({ type: 'projects.listed', agentId: 'a', seq: 9, projects: [found('App'), found('Lib'), found('web/'), found('proj/Tool')] }));
+    expect(store.projects('a')).toEqual(['/r/App', 'web', 'Lib', 'proj/Tool']);
+    // Found, not remembered: nothing to forget.
+    expect(store.isRemembered('a', 'Lib')).toBe(false);
+    expect(store.rememberFolder('a', '/r/Lib')).toBe('Lib');
+    // Another agent's list is its own; a newer list replaces the older.
+    expect(store.projects('b')).toEqual([]);
+    store.handle(m({ type: 'projects.listed', agentId: 'a', seq: 10, projects: [found('Lib')] }));
+    expect(store.projects('a')).toEqual(['/r/App', 'web', 'Lib']);
+  });
 });
 
 describe('LogLines', () => {
@@ -125,7 +141,8 @@ describe('TasksStore', () => {
       {
         createTask: async () => 'T' + ++next,
         cancelTask: (agentId, taskId) => sent.push('cancel ' + agentId + ' ' + taskId) > 0,
-        decideProposal: (agentId, taskId, approve) => sent.push(`${approve ? 'approve' : 'reject'} ${agentId} ${taskId}`) > 0,
+        decideProposal: (agentId, taskId, approve, files) =>
+          sent.push(`${approve ? 'approve' : 'reject'} ${agentId} ${taskId}${files ? ' ' + files.join(',') : ''}`) > 0,
       },
       storage,
       () => (clock += 500),
@@ -170,6 +187,18 @@ describe('TasksStore', () => {
     store.handle(m({ type: 'task.progress', agentId: 'mac', taskId: 'A', phase: 'apply', message: 'Applying approved changes', percent: 75 }));
     expect(store.get('A')!.status).toBe('running');
     expect(sent).toEqual(['approve mac A']);
+  });
+
+  it('approves some of the files of a proposal that lets them be chosen', () => {
+    const { store, sent } = tasks();
+    const proposal = { proposalId: 'P', proposalSummary: '2 files', proposalCommentary: 'why', proposalDiff: 'diff', proposalFiles: ['a.c', 'b.c'] };
+    store.handle(m({ type: 'task.awaiting_approval', agentId: 'mac', taskId: 'A', ...proposal, fileChoice: true }));
+    store.handle(m({ type: 'task.proposal_ready', agentId: 'mac', taskId: 'B', ...proposal, fileChoice: true }));
+    expect(store.get('A')!.proposal!.fileChoice).toBe(true);
+    // A proposal applied without a review offers no choice.
+    expect(store.get('B')!.proposal!.fileChoice).toBeUndefined();
+    expect(store.decide(store.get('A')!, true, ['b.c'])).toBe(true);
+    expect(sent).toEqual(['approve mac A b.c']);
   });
 });
 
@@ -475,6 +504,7 @@ describe('TasksStore snapshots', () => {
     ],
     proposal,
     terminals: [],
+    queue: [],
   };
   const hello = (agents: unknown[]) => m({ type: 'server.hello', agents });
   const record = (seq: number, snap: unknown) => ({ agentId: 'a', busy: true, registration: null, online: true, seq, snapshot: snap });

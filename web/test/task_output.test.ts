@@ -192,7 +192,7 @@ describe('OutputPacer', () => {
 });
 
 describe('TasksStore with an agent that keeps output', () => {
-  const record = (agentId: string, online = true) => ({ agentId, busy: false, registration: null, online, seq: 10, snapshot: { tasks: [], proposal: null, terminals: [] } });
+  const record = (agentId: string, online = true) => ({ agentId, busy: false, registration: null, online, seq: 10, snapshot: { tasks: [], proposal: null, terminals: [], queue: [] } });
   const hello = (...agents: ReturnType<typeof record>[]) => m({ type: 'server.hello', agents });
   const line = (taskId: string, number: number, text = String(number), s?: number) => m({ type: 'task.log', agentId: 'mac', taskId, line: text, number, seq: s });
 
@@ -279,7 +279,7 @@ describe('TasksStore with an agent that keeps output', () => {
     tasks.handle(m({ type: 'task.started', agentId: 'mac', taskId: 'C' }));
     tasks.handle(m({ type: 'agent.register', agentId: 'mac' }));
     // A chat known from a snapshot is an assistant's task.
-    tasks.handle(m({ type: 'resume.gap', agentId: 'mac', since: 1, seq: 5, snapshot: { tasks: [{ taskId: 'C', kind: 'chat', projectPath: '/r', status: 'running' }], proposal: null, terminals: [] } }));
+    tasks.handle(m({ type: 'resume.gap', agentId: 'mac', since: 1, seq: 5, snapshot: { tasks: [{ taskId: 'C', kind: 'chat', projectPath: '/r', status: 'running' }], proposal: null, terminals: [], queue: [] } }));
     tasks.handle(line('C', 1, '[command] make'));
     tasks.handle(line('C', 2, 'said'));
     tasks.handle(line('C', 3, ''));
@@ -296,7 +296,7 @@ describe('TasksStore with an agent that keeps output', () => {
     const { tasks } = store();
     tasks.handle(m({ type: 'task.started', agentId: 'mac', taskId: 'S', seq: 1 }));
     tasks.handle(line('S', 1, 'one', 2));
-    const snapshot = { tasks: [{ taskId: 'S', kind: 'shell', projectPath: '/r', status: 'running' }], proposal: null, terminals: [] };
+    const snapshot = { tasks: [{ taskId: 'S', kind: 'shell', projectPath: '/r', status: 'running' }], proposal: null, terminals: [], queue: [] };
     tasks.handle(m({ type: 'resume.gap', agentId: 'mac', since: 2, seq: 90, snapshot }));
     tasks.handle(line('S', 5000, 'later', 91));
     const output = tasks.get('S')!.output!;
@@ -315,7 +315,7 @@ describe('TasksStore with an agent that keeps output', () => {
     // no longer names it.
     tasks.handle(hello(record('mac')));
     await new Promise((resolve) => setTimeout(resolve, 0));
-    const snapshot = { tasks: [], proposal: null, terminals: [] };
+    const snapshot = { tasks: [], proposal: null, terminals: [], queue: [] };
     tasks.handle(m({ type: 'resume.gap', agentId: 'mac', since: 2, seq: 90, snapshot }));
     clock.advance(1000);
     expect(acks).toEqual(['mac K 1', 'mac L 1']);

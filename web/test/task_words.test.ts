@@ -24,7 +24,7 @@ function tasks(storage = new MemoryStorage()) {
 }
 
 const hello = (seq: number, snapshotTasks: unknown[] = []) =>
-  m({ type: 'server.hello', agents: [{ agentId: 'a', busy: false, registration: null, online: true, seq, snapshot: { tasks: snapshotTasks, proposal: null, terminals: [] } }] });
+  m({ type: 'server.hello', agents: [{ agentId: 'a', busy: false, registration: null, online: true, seq, snapshot: { tasks: snapshotTasks, proposal: null, terminals: [], queue: [] } }] });
 const proposal = { proposalId: 'P1', proposalSummary: 'Renamed it.', proposalCommentary: 'Renamed it.\n\nBecause **x**.', proposalDiff: '', proposalFiles: ['x'] };
 
 describe('how a task ended, in words', () => {

@@ -26,6 +26,10 @@ export interface SnapshotTask {
   status: SnapshotTaskStatus;
   exitCode?: number;
   conversationId?: string;
+  // A running chat's answer so far, as of the snapshot's seq; "answerCut" when its
+  // beginning is not in it.
+  answer?: string;
+  answerCut?: boolean;
 }
 
 export interface SnapshotTerminal {
@@ -34,10 +38,17 @@ export interface SnapshotTerminal {
   mode: 'interactive' | 'line';
 }
 
+// A task waiting at the relay for its agent to be free.
+export interface QueuedTask {
+  taskId: string;
+  payload: TaskPayload;
+}
+
 export interface AgentSnapshot {
   tasks: SnapshotTask[];
   proposal: (Proposal & { taskId: string }) | null;
   terminals: SnapshotTerminal[];
+  queue: QueuedTask[]; // first to go first
 }
 
 export interface AgentRecord {
@@ -55,6 +66,16 @@ export interface Proposal {
   proposalCommentary: string;
   proposalDiff: string;
   proposalFiles: string[];
+  // The agent applies the files an approval names, and leaves the others.
+  fileChoice?: boolean;
+}
+
+// A folder under an agent's repository root that looks like a project: its path
+// relative to the root, its name, and what marks it (".git", "package.json", …).
+export interface FoundProject {
+  path: string;
+  name: string;
+  markers: string[];
 }
 
 // Present on every message the relay passes on from an agent. "seq" is the agent's own
@@ -81,6 +102,16 @@ export type ServerMessage =
   | { type: 'resume.gap'; agentId: string; since: number; seq: number; snapshot: AgentSnapshot }
   | ({ type: 'agent.register' } & FromAgent & Registration)
   | { type: 'task.created'; taskId: string; agentId: string; requestId?: string }
+  // The relay's queue: "waiting" is the order of the tasks that wait after the change.
+  | { type: 'task.queued'; agentId: string; taskId: string; place: number; payload: TaskPayload; waiting: string[] }
+  | {
+      type: 'task.unqueued';
+      agentId: string;
+      taskId: string;
+      reason: 'assigned' | 'cancelled' | 'failed';
+      waiting: string[];
+      error?: string;
+    }
   | { type: 'error'; code: string; message: string; requestId?: string }
   | ({ type: 'task.started' } & TaskMessage)
   | ({ type: 'task.heartbeat' } & TaskMessage)
@@ -98,6 +129,7 @@ export type ServerMessage =
   | ({ type: 'task.artifact'; kind: string; summary: string; mimeType: string } & TaskMessage)
   | ({ type: 'task.proposal_ready' } & TaskMessage & Proposal)
   | ({ type: 'task.awaiting_approval' } & TaskMessage & Proposal)
+  | ({ type: 'projects.listed'; projects: FoundProject[] } & FromAgent)
   | ({ type: 'terminal.opened'; status: string; mode?: string } & TerminalMessage)
   // "offset": the session's output so far, this piece included, in UTF-16 code units; only
   // live output has it.
@@ -156,7 +188,8 @@ export type TerminalCommandType =
 export type ClientMessage =
   | { type: 'task.create'; agentId: string; payload: TaskPayload; requestId?: string }
   | { type: 'task.cancel'; agentId: string; taskId: string; requestId?: string }
-  | { type: 'task.approval'; agentId: string; taskId: string; payload: { decision: 'approve' | 'reject' }; requestId?: string }
+  | { type: 'task.approval'; agentId: string; taskId: string; payload: { decision: 'approve' | 'reject'; files?: string[] }; requestId?: string }
+  | { type: 'projects.list'; agentId: string }
   | { type: TerminalCommandType; agentId: string; payload: Record<string, unknown>; requestId?: string }
   | {
       type: 'permission.decision';
@@ -194,6 +227,8 @@ const shapes: Record<ServerMessageType, Shape> = {
   'resume.gap': { ...agentShape, since: 'number', seq: 'number', snapshot: 'object' },
   'agent.register': agentShape,
   'task.created': taskShape,
+  'task.queued': { ...taskShape, place: 'number', payload: 'object', waiting: 'strings' },
+  'task.unqueued': { ...taskShape, reason: 'string', waiting: 'strings' },
   error: { code: 'string', message: 'string' },
   'task.started': taskShape,
   'task.heartbeat': taskShape,
@@ -209,6 +244,7 @@ const shapes: Record<ServerMessageType, Shape> = {
   'task.artifact': { ...taskShape, kind: 'string', summary: 'string', mimeType: 'string' },
   'task.proposal_ready': proposalShape,
   'task.awaiting_approval': proposalShape,
+  'projects.listed': { ...agentShape, projects: 'any' },
   'terminal.opened': { ...terminalShape, status: 'string' },
   'terminal.output': { ...terminalShape, data: 'string' },
   'terminal.status': { ...terminalShape, status: 'string', message: 'string' },
@@ -273,7 +309,7 @@ function objects(value: unknown): Record<string, unknown>[] {
 const kSnapshotStatuses: readonly string[] = ['running', 'awaiting_approval', 'finished', 'failed', 'cancelled', 'lost'];
 
 function decodeSnapshotTask(raw: Record<string, unknown>): SnapshotTask | null {
-  const { taskId, kind, projectPath, status, exitCode, conversationId } = raw;
+  const { taskId, kind, projectPath, status, exitCode, conversationId, answer, answerCut } = raw;
   if (typeof taskId !== 'string' || typeof status !== 'string' || !kSnapshotStatuses.includes(status)) return null;
   const task: SnapshotTask = {
     taskId,
@@ -283,7 +319,23 @@ function decodeSnapshotTask(raw: Record<string, unknown>): SnapshotTask | null {
   };
   if (typeof exitCode === 'number') task.exitCode = exitCode;
   if (typeof conversationId === 'string') task.conversationId = conversationId;
+  if (typeof answer === 'string') task.answer = answer;
+  if (answerCut === true) task.answerCut = true;
   return task;
+}
+
+const kPayloadTexts = ['projectPath', 'command', 'system', 'mode', 'approvalMode', 'prompt', 'conversationId'] as const;
+
+// A payload as a client sent it, with what a view reads checked: members of another kind
+// are left out.
+export function decodePayload(value: unknown): TaskPayload {
+  const raw = isObject(value) ? value : {};
+  const payload: TaskPayload = { action: typeof raw.action === 'string' ? raw.action : '' };
+  for (const name of kPayloadTexts) {
+    if (typeof raw[name] === 'string') payload[name] = raw[name] as string;
+  }
+  if (typeof raw.timeoutSec === 'number') payload.timeoutSec = raw.timeoutSec;
+  return payload;
 }
 
 function decodeSnapshotProposal(raw: unknown): AgentSnapshot['proposal'] {
@@ -291,7 +343,8 @@ function decodeSnapshotProposal(raw: unknown): AgentSnapshot['proposal'] {
   const { taskId, proposalId, proposalSummary, proposalCommentary, proposalDiff, proposalFiles } = raw as unknown as Proposal & {
     taskId: string;
   };
-  return { taskId, proposalId, proposalSummary, proposalCommentary, proposalDiff, proposalFiles };
+  const proposal = { taskId, proposalId, proposalSummary, proposalCommentary, proposalDiff, proposalFiles };
+  return raw.fileChoice === true ? { ...proposal, fileChoice: true } : proposal;
 }
 
 // A snapshot with what is malformed in it left out: an empty present rather than no message.
@@ -307,7 +360,10 @@ export function decodeSnapshot(value: unknown): AgentSnapshot {
       projectPath: t.projectPath as string,
       mode: t.mode === 'line' ? ('line' as const) : ('interactive' as const),
     }));
-  return { tasks, proposal: decodeSnapshotProposal(raw.proposal), terminals };
+  const queue = objects(raw.queue)
+    .filter((q) => typeof q.taskId === 'string')
+    .map((q) => ({ taskId: q.taskId as string, payload: decodePayload(q.payload) }));
+  return { tasks, proposal: decodeSnapshotProposal(raw.proposal), terminals, queue };
 }
 
 function decodeAgents(value: unknown): AgentRecord[] | null {
@@ -355,6 +411,13 @@ export function decodeServerMessage(text: string): ServerMessage | null {
     message.agents = agents;
   } else if (type === 'agent.register') {
     Object.assign(message, decodeRegistration(message));
+  } else if (type === 'projects.listed') {
+    // The projects well formed; the rest left out.
+    message.projects = objects(message.projects)
+      .filter((p) => typeof p.path === 'string' && p.path !== '' && typeof p.name === 'string')
+      .map((p) => ({ path: p.path as string, name: p.name as string, markers: strings(p.markers) }));
+  } else if ((type === 'task.awaiting_approval' || type === 'task.proposal_ready') && message.fileChoice !== true) {
+    delete message.fileChoice;
   } else if (type === 'permission.resolved' && message.decision !== 'allow' && message.decision !== 'deny') {
     return null;
   } else if (type === 'task.log' && message.number !== undefined && !isLineNumber(message.number)) {
@@ -363,6 +426,11 @@ export function decodeServerMessage(text: string): ServerMessage | null {
     return null;
   } else if (type === 'tasks.kept') {
     message.tasks = decodeKeptTasks(message.tasks);
+  } else if (type === 'task.queued') {
+    message.payload = decodePayload(message.payload);
+  } else if (type === 'task.unqueued') {
+    if (!['assigned', 'cancelled', 'failed'].includes(message.reason as string)) return null;
+    if (typeof message.error !== 'string') delete message.error;
   }
   return message as unknown as ServerMessage;
 }

@@ -255,8 +255,16 @@ export class RelayClient {
     return this.send({ type: 'task.cancel', agentId, taskId });
   }
 
-  decideProposal(agentId: string, taskId: string, approve: boolean): boolean {
-    return this.send({ type: 'task.approval', agentId, taskId, payload: { decision: approve ? 'approve' : 'reject' } });
+  // An approval of some of the proposal's files names them (`files`); without, of all.
+  decideProposal(agentId: string, taskId: string, approve: boolean, files?: string[]): boolean {
+    const payload: { decision: 'approve' | 'reject'; files?: string[] } = { decision: approve ? 'approve' : 'reject' };
+    if (approve && files) payload.files = files;
+    return this.send({ type: 'task.approval', agentId, taskId, payload });
+  }
+
+  // Asks the agent for the projects under its repository root ("projects.listed").
+  listProjects(agentId: string): boolean {
+    return this.send({ type: 'projects.list', agentId });
   }
 
   decidePermission(requestId: string, allow: boolean, message?: string): boolean {

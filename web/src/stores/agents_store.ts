@@ -1,4 +1,4 @@
-import type { Registration, ServerMessage } from '../protocol/messages';
+import type { FoundProject, Registration, ServerMessage } from '../protocol/messages';
 import { Observable, readJSON, type KeyValueStorage } from './observable';
 
 export interface Agent {
@@ -11,10 +11,12 @@ export interface Agent {
 const kFoldersKey = 'brinmoor.folders';
 
 // Every agent of the relay, online or not, with its project folders: those its
-// registration lists and those the user typed in this browser (an agent that finds no
-// project folder still resolves a folder under its repository root).
+// registration lists, those the user typed in this browser (an agent that finds no
+// project folder still resolves a folder under its repository root), and those the agent
+// found under its repository root.
 export class AgentsStore extends Observable {
   private readonly agents = new Map<string, Agent>();
+  private readonly found = new Map<string, FoundProject[]>();
   private folders: Record<string, string[]>;
 
   constructor(private readonly storage: KeyValueStorage) {
@@ -30,18 +32,21 @@ export class AgentsStore extends Observable {
     return this.agents.get(agentId);
   }
 
-  // The registration's folders, then the ones remembered here that are not among them
-  // (whether typed as a path under the repository root or in full).
+  // The registration's folders, then the ones remembered here, then the ones found under
+  // the repository root, each folder once (whether named as a path under the repository
+  // root or in full).
   projects(agentId: string): string[] {
     const listed = this.agents.get(agentId)?.registration?.projects ?? [];
     const seen = new Set(listed.map((folder) => this.folderKey(agentId, folder)));
-    const typed = (this.folders[agentId] ?? []).filter((folder) => {
+    const unseen = (folder: string) => {
       const key = this.folderKey(agentId, folder);
       if (seen.has(key)) return false;
       seen.add(key);
       return true;
-    });
-    return [...listed, ...typed];
+    };
+    const typed = (this.folders[agentId] ?? []).filter(unseen);
+    const found = (this.found.get(agentId) ?? []).map((project) => project.path).filter(unseen);
+    return [...listed, ...typed, ...found];
   }
 
   // Whether a folder of the list was remembered here (and so can be forgotten).
@@ -98,6 +103,9 @@ export class AgentsStore extends Observable {
         break;
       case 'agent.offline':
         this.upsert(message.agentId, { online: false, busy: false });
+        break;
+      case 'projects.listed':
+        this.found.set(message.agentId, message.projects);
         break;
       case 'agent.register': {
         const { type: _type, agentId, seq: _seq, ...registration } = message;

@@ -1,4 +1,4 @@
-import type { ServerMessage, SnapshotTaskStatus, TaskPayload } from '../protocol/messages';
+import type { AgentSnapshot, ServerMessage, SnapshotTask, SnapshotTaskStatus, TaskPayload } from '../protocol/messages';
 import { randomId } from '../protocol/relay_client';
 import { readAssistantLogLine, type ActivityLine } from '../protocol/task_log';
 import { toolUseText } from './approvals_store';
@@ -72,12 +72,19 @@ function toRecord(message: ChatMessage): MessageRecord {
 // Conversations with `claude` and `codex`, per agent and project folder, kept in
 // IndexedDB. A new message continues its conversation (the same conversation id); the
 // answer grows as "task.chat.chunk" arrives, and the task's log lines are its activity.
+// An answer that was streaming when the page was loaded comes back from the relay's
+// present (its "answer" so far) and goes on with the chunks that follow it.
 export class ConversationsStore extends Observable {
   private readonly conversations = new Map<string, Conversation>();
   private readonly byTask = new Map<string, ChatMessage>();
+  // Answers taken from the relay's present whose conversation is not loaded yet.
+  private readonly detached = new Map<string, ChatMessage>();
+  // Answers whose text the relay gave: their agent, and the seq up to which the text has
+  // what they said (what is replayed up to it is there already).
+  private readonly given = new Map<string, { agentId: string; upTo: number }>();
   // The tool uses of the answers being written, until someone decides them.
   private readonly toolUses = new Map<string, { answer: ChatMessage; text: string }>();
-  private readonly loadedScopes = new Set<string>();
+  private readonly scopes = new Map<string, Promise<void>>();
 
   private readonly db: Promise<ConversationDB | null>;
 
@@ -97,11 +104,7 @@ export class ConversationsStore extends Observable {
 
   // The conversations of one project, most recent first (loads them on first use).
   list(agentId: string, projectPath: string): Conversation[] {
-    const scope = JSON.stringify([agentId, projectPath]);
-    if (!this.loadedScopes.has(scope)) {
-      this.loadedScopes.add(scope);
-      void this.loadScope(agentId, projectPath);
-    }
+    void this.loadScope(agentId, projectPath);
     return [...this.conversations.values()]
       .filter((c) => c.agentId === agentId && c.projectPath === projectPath)
       .sort((a, b) => b.updatedAt - a.updatedAt);
@@ -114,6 +117,7 @@ export class ConversationsStore extends Observable {
     const db = await this.db;
     const records = db ? await db.messages(conversationId) : [];
     conversation.messages ??= records.map(fromRecord);
+    this.place(conversation);
     this.changed();
     return conversation;
   }
@@ -172,8 +176,14 @@ export class ConversationsStore extends Observable {
   }
 
   handle(message: ServerMessage): void {
+    if (message.type === 'server.hello') {
+      for (const agent of message.agents) this.takeAnswers(agent.agentId, agent.snapshot, agent.seq);
+      return;
+    }
     if (message.type === 'resume.gap') {
-      this.missed(message.agentId, new Map(message.snapshot.tasks.map((task) => [task.taskId, task.status])));
+      this.takeAnswers(message.agentId, message.snapshot, message.seq, true);
+      const queued = new Set(message.snapshot.queue.map((task) => task.taskId));
+      this.missed(message.agentId, new Map(message.snapshot.tasks.map((task) => [task.taskId, task.status])), queued);
       return;
     }
     if (message.type === 'permission.resolved') {
@@ -183,6 +193,9 @@ export class ConversationsStore extends Observable {
     if (!('taskId' in message)) return;
     const answer = this.byTask.get(message.taskId);
     if (!answer) return;
+    const given = this.given.get(message.taskId);
+    const said = message.type === 'task.chat.chunk' || message.type === 'task.chat.final';
+    if (said && given && 'seq' in message && message.seq !== undefined && message.seq <= given.upTo) return;
     switch (message.type) {
       case 'permission.request':
         this.toolUses.set(message.requestId, { answer, text: toolUseText(message.toolName, message.toolInput) });
@@ -213,6 +226,11 @@ export class ConversationsStore extends Observable {
       case 'task.failed':
         this.finish(answer, 'error', answer.error || message.error);
         break;
+      // Cancelled, or failed, while it waited in the relay's queue.
+      case 'task.unqueued':
+        if (message.reason === 'assigned') return;
+        this.finish(answer, message.reason === 'cancelled' ? 'cancelled' : 'error', message.error ?? '');
+        break;
       default:
         return;
     }
@@ -238,18 +256,94 @@ export class ConversationsStore extends Observable {
   async clear(): Promise<void> {
     this.conversations.clear();
     this.byTask.clear();
+    this.detached.clear();
+    this.given.clear();
     this.toolUses.clear();
-    this.loadedScopes.clear();
+    this.scopes.clear();
     await (await this.db)?.clear();
     this.changed();
   }
 
+  // The answers of an agent's running chats as the relay's present (as of `seq`) has them.
+  // One this page does not follow (it was loaded while the answer streamed) is taken as
+  // it is, into its place in the conversation this browser keeps; after a gap the present
+  // is the truth for those it follows too.
+  private takeAnswers(agentId: string, snapshot: AgentSnapshot, seq: number, gap = false): void {
+    for (const task of snapshot.tasks) {
+      if (task.answer === undefined || !task.conversationId) continue;
+      if (task.status !== 'running' && task.status !== 'awaiting_approval') continue;
+      const followed = this.byTask.get(task.taskId);
+      if (followed && !gap) continue;
+      const answer = followed ?? this.adopt(task, task.conversationId);
+      answer.chunks = task.answer === '' ? [] : [task.answer];
+      if (task.answerCut) answer.missed = true;
+      this.given.set(task.taskId, { agentId, upTo: seq });
+      if (!followed) void this.placeLater(agentId, task.projectPath, task.conversationId, task.taskId);
+    }
+    this.changed();
+  }
+
+  private adopt(task: SnapshotTask, conversationId: string): ChatMessage {
+    const answer: ChatMessage = {
+      conversationId,
+      index: -1,
+      role: 'assistant',
+      text: '',
+      taskId: task.taskId,
+      status: 'streaming',
+      activity: [],
+      details: [],
+      error: '',
+      at: this.now(),
+      chunks: [],
+    };
+    this.byTask.set(task.taskId, answer);
+    this.detached.set(task.taskId, answer);
+    return answer;
+  }
+
+  // Loads the conversation of an answer taken from the relay, to put the answer in its
+  // place; an answer of a chat this browser does not keep is not shown.
+  private async placeLater(agentId: string, projectPath: string, conversationId: string, taskId: string): Promise<void> {
+    try {
+      await this.loadScope(agentId, projectPath);
+      const conversation = await this.open(conversationId);
+      if (conversation) this.place(conversation);
+    } finally {
+      if (this.detached.delete(taskId)) {
+        this.byTask.delete(taskId);
+        this.given.delete(taskId);
+      }
+    }
+  }
+
+  // Puts the answers taken from the relay in place of the messages they continue.
+  private place(conversation: Conversation): void {
+    const messages = conversation.messages;
+    if (!messages || this.detached.size === 0) return;
+    messages.forEach((message, i) => {
+      // The answer was streaming when the page that sent it went away.
+      const answer = message.status === 'interrupted' ? this.detached.get(message.taskId) : undefined;
+      if (!answer) return;
+      this.detached.delete(message.taskId);
+      Object.assign(answer, { index: message.index, at: message.at });
+      messages[i] = answer;
+      // It ended before it found its place.
+      if (answer.status === 'streaming') return;
+      conversation.updatedAt = this.now();
+      void this.persist(conversation, [answer]);
+    });
+    this.changed();
+  }
+
   // The answers of an agent's chats that the relay could not give whole: each says so, and
-  // one whose task has ended (or is not named any more) ends here too.
-  private missed(agentId: string, statuses: Map<string, SnapshotTaskStatus>): void {
+  // one whose task has ended (or is not named any more) ends here too. One still waiting in
+  // the relay's queue has missed nothing.
+  private missed(agentId: string, statuses: Map<string, SnapshotTaskStatus>, queued: Set<string>): void {
     const ends: Partial<Record<SnapshotTaskStatus, MessageStatus>> = { finished: 'done', cancelled: 'cancelled', failed: 'error' };
     for (const answer of [...this.byTask.values()]) {
-      if (this.conversations.get(answer.conversationId)?.agentId !== agentId) continue;
+      const agent = this.conversations.get(answer.conversationId)?.agentId ?? this.given.get(answer.taskId)?.agentId;
+      if (agent !== agentId || queued.has(answer.taskId)) continue;
       answer.missed = true;
       const status = statuses.get(answer.taskId);
       if (status !== 'running' && status !== 'awaiting_approval') this.finish(answer, (status && ends[status]) ?? 'interrupted');
@@ -263,8 +357,10 @@ export class ConversationsStore extends Observable {
     answer.text = answer.chunks.join('');
     answer.chunks = answer.text === '' ? [] : [answer.text];
     this.byTask.delete(answer.taskId);
+    this.given.delete(answer.taskId);
     const conversation = this.conversations.get(answer.conversationId);
-    if (conversation) {
+    // One taken from the relay is kept once it is in its place.
+    if (conversation && !this.detached.has(answer.taskId)) {
       conversation.updatedAt = this.now();
       void this.persist(conversation, [answer]);
     }
@@ -277,7 +373,15 @@ export class ConversationsStore extends Observable {
     await (await this.db)?.save(record, messages.map(toRecord)).catch(() => undefined);
   }
 
-  private async loadScope(agentId: string, projectPath: string): Promise<void> {
+  // The conversations of one project, loaded once.
+  private loadScope(agentId: string, projectPath: string): Promise<void> {
+    const scope = JSON.stringify([agentId, projectPath]);
+    let loading = this.scopes.get(scope);
+    if (!loading) this.scopes.set(scope, (loading = this.readScope(agentId, projectPath)));
+    return loading;
+  }
+
+  private async readScope(agentId: string, projectPath: string): Promise<void> {
     const db = await this.db;
     if (!db) return;
     const records = await db.conversations(agentId, projectPath).catch(() => []);

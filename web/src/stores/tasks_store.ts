@@ -1,5 +1,5 @@
 import type { KeptTask } from '../protocol/kept_output';
-import type { AgentSnapshot, Proposal, ServerMessage, TaskPayload } from '../protocol/messages';
+import type { AgentSnapshot, MessageOf, Proposal, ServerMessage, TaskPayload } from '../protocol/messages';
 import type { Seqs } from '../protocol/relay_client';
 import type { ActivityLine } from '../protocol/task_log';
 import { LogLines } from './log_lines';
@@ -9,10 +9,12 @@ import type { PaceTimers } from './output_pacer';
 import { mergeKept, payloadOfKind, putInStartOrder } from './past_tasks';
 import { TaskLines } from './task_lines';
 import type { TaskOutput } from './task_output';
+import { placeInQueue, statusAfterQueue } from './queue';
 
 export type TaskKind = 'shell' | 'build' | 'chat' | 'ai_task' | 'task';
-// "lost": the agent no longer knew the task when the relay last heard of it.
-export type TaskStatus = 'starting' | 'running' | 'awaiting_approval' | 'finished' | 'failed' | 'cancelled' | 'lost';
+// "queued": waiting at the relay for the agent to be free. "lost": the agent no longer knew
+// the task when the relay last heard of it.
+export type TaskStatus = 'queued' | 'starting' | 'running' | 'awaiting_approval' | 'finished' | 'failed' | 'cancelled' | 'lost';
 
 // The line a task's log shows where the relay no longer had what the page missed.
 export const kMissedOutputNotice = 'Some output was missed here: the relay no longer had it when this page came back.';
@@ -59,6 +61,7 @@ export interface Task extends TaskTimes {
   payload: TaskPayload | null; // null for a task another client started
   projectPath: string;
   status: TaskStatus;
+  place?: number; // in the relay's queue, while it waits: 1 goes next
   exitCode?: number;
   error?: string;
   errorCode?: string;
@@ -84,7 +87,7 @@ export interface Task extends TaskTimes {
 export interface TaskSender extends OutputSender {
   createTask(agentId: string, payload: TaskPayload): Promise<string>;
   cancelTask(agentId: string, taskId: string): boolean;
-  decideProposal(agentId: string, taskId: string, approve: boolean): boolean;
+  decideProposal(agentId: string, taskId: string, approve: boolean, files?: string[]): boolean;
   listTasks?(agentId: string): Promise<KeptTask[]>;
 }
 
@@ -219,8 +222,9 @@ export class TasksStore extends Observable {
     return true;
   }
 
-  decide(task: Task, approve: boolean): boolean {
-    if (!task.proposal || !this.sender.decideProposal(task.agentId, task.taskId, approve)) return false;
+  // An approval of some of the files names them; without `files`, all are approved.
+  decide(task: Task, approve: boolean, files?: string[]): boolean {
+    if (!task.proposal || !this.sender.decideProposal(task.agentId, task.taskId, approve, files)) return false;
     task.proposal = { ...task.proposal, decision: approve ? 'approve' : 'reject' };
     this.changed();
     return true;
@@ -261,6 +265,11 @@ export class TasksStore extends Observable {
       return;
     }
     if (message.type === 'agent.online') this.listKept(message.agentId);
+    if (message.type === 'task.queued' || message.type === 'task.unqueued') {
+      this.queueChanged(message);
+      this.changed();
+      return;
+    }
     if (!message.type.startsWith('task.') || message.type === 'task.created' || message.type === 'task.output') return;
     if (!('taskId' in message)) return;
     if (message.type === 'task.heartbeat') return;
@@ -276,7 +285,7 @@ export class TasksStore extends Observable {
     };
     switch (message.type) {
       case 'task.started':
-        task.status = task.status === 'starting' ? 'running' : task.status;
+        task.status = task.status === 'starting' || task.status === 'queued' ? 'running' : task.status;
         task.programStarted = true;
         stamp('startedAt');
         break;
@@ -297,9 +306,10 @@ export class TasksStore extends Observable {
         break;
       case 'task.awaiting_approval':
       case 'task.proposal_ready': {
-        const { proposalId, proposalSummary, proposalCommentary, proposalDiff, proposalFiles } = message;
+        const { proposalId, proposalSummary, proposalCommentary, proposalDiff, proposalFiles, fileChoice } = message;
         const needsApproval = message.type === 'task.awaiting_approval';
         task.proposal = { proposalId, proposalSummary, proposalCommentary, proposalDiff, proposalFiles, needsApproval };
+        if (needsApproval && fileChoice) task.proposal.fileChoice = true;
         if (needsApproval && !isEnded(task.status)) {
           task.status = 'awaiting_approval';
           stamp('awaitingAt');
@@ -371,9 +381,17 @@ export class TasksStore extends Observable {
       if (entry.exitCode !== undefined) task.exitCode = entry.exitCode;
       if (isEnded(task.status)) this.outputs.ended(task);
     }
+    // The queue is the relay's present alone: its changes are not replayed.
+    for (const entry of snapshot.queue) this.ensure(entry.taskId, agentId, entry.payload).status = 'queued';
+    for (const task of this.tasks.values()) {
+      const after = task.agentId === agentId && task.status === 'queued' ? statusAfterQueue(snapshot, task.taskId) : null;
+      if (after && isEnded(after.status)) this.end(task, after.status, after.exitCode);
+      else if (after) task.status = after.status;
+    }
+    placeInQueue(this.tasks.values(), agentId, snapshot.queue.map((entry) => entry.taskId));
     if (gap) {
       for (const task of this.tasks.values()) {
-        if (task.agentId !== agentId || named.has(task.taskId) || isEnded(task.status)) continue;
+        if (task.agentId !== agentId || named.has(task.taskId) || isEnded(task.status) || task.status === 'queued') continue;
         task.status = 'lost';
         this.outputs.ended(task);
         if (!task.output) task.log.notice(kMissedOutputNotice);
@@ -387,7 +405,25 @@ export class TasksStore extends Observable {
     }
   }
 
-  private end(task: Task, status: TaskStatus, exitCode: number): void {
+  // A task joined the relay's queue, or left it: for the agent, or ended there.
+  private queueChanged(message: MessageOf<'task.queued'> | MessageOf<'task.unqueued'>): void {
+    const task = this.ensure(message.taskId, message.agentId, message.type === 'task.queued' ? message.payload : null);
+    if (message.type === 'task.queued' && !isEnded(task.status)) {
+      task.status = 'queued';
+    } else if (message.type === 'task.unqueued' && task.status === 'queued') {
+      if (message.reason === 'assigned') {
+        task.status = 'starting';
+      } else {
+        if (message.error !== undefined) task.error = message.error;
+        this.end(task, message.reason === 'cancelled' ? 'cancelled' : 'failed');
+        task.endedAt = this.now();
+        this.noteTimes(task);
+      }
+    }
+    placeInQueue(this.tasks.values(), message.agentId, message.waiting);
+  }
+
+  private end(task: Task, status: TaskStatus, exitCode?: number): void {
     task.status = status;
     task.exitCode = exitCode;
     this.endSeen.add(task.taskId);

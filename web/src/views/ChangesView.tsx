@@ -2,9 +2,11 @@ import { lazy, Suspense } from 'preact/compat';
 import { useMemo, useState } from 'preact/hooks';
 import { useStores } from '../lib/use_store';
 import { changeResult, isEnded, taskEnd, type Task } from '../stores/tasks_store';
+import { proposalFileNames } from '../protocol/proposal_files';
 import { Activity } from './Activity';
 import { TaskError } from './BusyNote';
 import { DetailsRow } from './DetailsRow';
+import { approveLabel, FilesToApply } from './FilesToApply';
 import { MarkdownView } from './MarkdownView';
 import type { ProjectProps } from './ProjectView';
 import { taskStatusText, useElapsed } from './TasksView';
@@ -74,7 +76,7 @@ export function ChangesView({ state, agentId, projectPath }: ProjectProps) {
           ))}
           {tasks.length === 0 && <li class="muted empty-note">Ask an assistant for a change; you review it before it is applied.</li>}
         </ul>
-        {chosen && <ChangeDetail state={state} task={chosen} />}
+        {chosen && <ChangeDetail key={chosen.taskId} state={state} task={chosen} />}
       </div>
     </div>
   );
@@ -88,12 +90,24 @@ function ChangeDetail({ state, task }: { state: ProjectProps['state']; task: Tas
   const commentary = proposal?.proposalCommentary || task.commentary;
   const result = changeResult(task);
   const deciding = proposal?.needsApproval && proposal.decision === undefined && task.status === 'awaiting_approval';
+  // An agent that applies some files and not others lets the user untick files.
+  const diff = proposal?.proposalDiff ?? '';
+  const names = useMemo(() => (proposal?.fileChoice ? proposalFileNames(diff) : []), [proposal?.fileChoice, diff]);
+  const [left, setLeft] = useState<string[]>([]);
+  const choosing = deciding && names.length > 1;
+  const approved = names.filter((name) => !left.includes(name));
+  const partly = choosing && approved.length < names.length;
   return (
     <div class="task-detail change-detail" data-task={task.taskId}>
       <header class="task-head">
         <span class="task-title">{task.title}</span>
         <span class={'task-status ' + (end ?? task.status)}>{taskStatusText(task)}</span>
         {elapsed && <span class="muted task-duration">{elapsed}</span>}
+        {task.status === 'queued' && (
+          <button class="danger" onClick={() => state.tasks.cancel(task)}>
+            Cancel
+          </button>
+        )}
       </header>
       {task.progress && !ended && !proposal && !commentary && !task.answer && <p class="progress-text">{task.progress.message}</p>}
       <Activity lines={task.activity} />
@@ -102,14 +116,17 @@ function ChangeDetail({ state, task }: { state: ProjectProps['state']; task: Tas
       {proposal && (
         <section class="proposal">
           {!sayAlready(commentary, proposal.proposalSummary) && <p class="muted proposal-summary">{proposal.proposalSummary}</p>}
+          {choosing && <FilesToApply names={names} left={left} onChange={setLeft} />}
           {deciding && (
             <div class="actions sticky-actions">
               <button class="danger" onClick={() => state.tasks.decide(task, false)}>
                 Reject
               </button>
-              <button class="primary" onClick={() => state.tasks.decide(task, true)}>
-                Approve
-              </button>
+              {(!choosing || approved.length > 0) && (
+                <button class="primary" onClick={() => state.tasks.decide(task, true, partly ? approved : undefined)}>
+                  {choosing ? approveLabel(approved.length, names.length) : 'Approve'}
+                </button>
+              )}
             </div>
           )}
           {!proposal.needsApproval && <p class="note">Proposed only: this proposal is not applied from here.</p>}

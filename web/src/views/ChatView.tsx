@@ -7,6 +7,7 @@ import { Activity } from './Activity';
 import { DetailsRow } from './DetailsRow';
 import { Icon } from './icons';
 import { MarkdownView } from './MarkdownView';
+import { queuedText } from './names';
 import type { ProjectProps } from './ProjectView';
 
 const kSystemNames: Record<string, string> = { claude: 'Claude', codex: 'Codex' };
@@ -115,7 +116,7 @@ function ConversationPane({
         }}
       >
         {messages.map((message) => (
-          <MessageView key={message.index} message={message} onCancel={() => state.conversations.cancel(message)} />
+          <MessageView key={message.index} state={state} message={message} onCancel={() => state.conversations.cancel(message)} />
         ))}
       </div>
       <form class="composer" onSubmit={send}>
@@ -148,7 +149,7 @@ const kStatusTexts: Partial<Record<ChatMessage['status'], string>> = {
   interrupted: 'The page was closed before this answer ended.',
 };
 
-function MessageView({ message, onCancel }: { message: ChatMessage; onCancel: () => void }) {
+function MessageView({ state, message, onCancel }: { state: ProjectProps['state']; message: ChatMessage; onCancel: () => void }) {
   if (message.role === 'user') {
     return (
       <div class="message user">
@@ -161,7 +162,7 @@ function MessageView({ message, onCancel }: { message: ChatMessage; onCancel: ()
     <div class={'message assistant ' + message.status} data-task={message.taskId}>
       <Activity lines={message.activity} />
       <MarkdownView chunks={message.chunks} streaming={streaming} />
-      {streaming && message.chunks.length === 0 && <div class="typing" aria-label="Waiting for the answer" />}
+      {streaming && message.chunks.length === 0 && <Waiting state={state} taskId={message.taskId} onCancel={onCancel} />}
       {message.error && (
         <div class="error" role="alert">
           {message.error}
@@ -175,6 +176,22 @@ function MessageView({ message, onCancel }: { message: ChatMessage; onCancel: ()
         </button>
       )}
       <DetailsRow lines={message.details} version={message.details.length} />
+    </div>
+  );
+}
+
+// An answer not begun yet: waiting in the relay's queue, with its place and a way to cancel
+// it, or for the assistant.
+function Waiting({ state, taskId, onCancel }: { state: ProjectProps['state']; taskId: string; onCancel: () => void }) {
+  useStores(state.tasks);
+  const task = state.tasks.get(taskId);
+  if (task?.status !== 'queued') return <div class="typing" aria-label="Waiting for the answer" />;
+  return (
+    <div class="note queued-note">
+      {queuedText(task.place)}{' '}
+      <button class="link cancel-queued" onClick={onCancel}>
+        Cancel
+      </button>
     </div>
   );
 }

@@ -1,9 +1,10 @@
 import { useEffect, useState } from 'preact/hooks';
 import { useStores } from '../lib/use_store';
+import { RelayError } from '../protocol/relay_client';
 import { isEnded, runTime, taskEnd, type Task } from '../stores/tasks_store';
-import { TaskError } from './BusyNote';
+import { QueueFullNote, TaskError } from './BusyNote';
 import { DetailsRow } from './DetailsRow';
-import { duration } from './names';
+import { duration, queuedText } from './names';
 import type { ProjectProps } from './ProjectView';
 import { TaskLog } from './TaskLog';
 import { WholeOutput } from './WholeOutput';
@@ -11,6 +12,8 @@ import { WholeOutput } from './WholeOutput';
 // The words a task's state is shown with.
 export function taskStatusText(task: Task): string {
   switch (task.status) {
+    case 'queued':
+      return queuedText(task.place);
     case 'starting':
       return 'Starting…';
     case 'running':
@@ -52,7 +55,7 @@ export function useElapsed(task: Task | undefined): string {
 export function TasksView({ state, agentId, projectPath }: ProjectProps) {
   useStores(state.tasks, state.navigation, state.agents);
   const [command, setCommand] = useState('');
-  const [problem, setProblem] = useState('');
+  const [problem, setProblem] = useState<RelayError | Error | null>(null);
   const tasks = state.tasks.list(
     (t) => t.agentId === agentId && t.projectPath === projectPath && (t.kind === 'shell' || t.kind === 'build'),
   );
@@ -60,12 +63,12 @@ export function TasksView({ state, agentId, projectPath }: ProjectProps) {
   const chosen = tasks.find((t) => t.taskId === chosenId) ?? tasks[0];
   const actions = state.agents.get(agentId)?.registration?.actions ?? [];
   const run = async (payload: { action: string; command?: string }) => {
-    setProblem('');
+    setProblem(null);
     try {
       const task = await state.tasks.run(agentId, { ...payload, projectPath });
       state.navigation.go({ taskId: task.taskId });
     } catch (error) {
-      setProblem(error instanceof Error ? error.message : String(error));
+      setProblem(error instanceof Error ? error : new Error(String(error)));
     }
   };
   return (
@@ -95,10 +98,14 @@ export function TasksView({ state, agentId, projectPath }: ProjectProps) {
           </button>
         )}
       </form>
-      {problem && (
-        <p class="error" role="alert">
-          {problem}
-        </p>
+      {problem instanceof RelayError && problem.code === 'QUEUE_FULL' ? (
+        <QueueFullNote state={state} agentId={agentId} />
+      ) : (
+        problem && (
+          <p class="error" role="alert">
+            {problem.message}
+          </p>
+        )
       )}
       <div class="tasks-split">
         <ul class="task-history" aria-label="Tasks">

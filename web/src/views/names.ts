@@ -14,3 +14,12 @@ export function duration(ms: number): string {
 export function fileCount(count: number): string {
   return count === 1 ? '1 file' : `${count} files`;
 }
+
+// Where a task waits in the relay's queue: "Queued · next in line", "Queued · 2nd in line".
+export function queuedText(place: number | undefined): string {
+  if (place === undefined) return 'Queued';
+  if (place === 1) return 'Queued · next in line';
+  const tens = place % 100;
+  const suffix = tens >= 11 && tens <= 13 ? 'th' : ({ 1: 'st', 2: 'nd', 3: 'rd' } as Record<number, string>)[place % 10] ?? 'th';
+  return `Queued · ${place}${suffix} in line`;
+}
