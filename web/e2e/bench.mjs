@@ -1,6 +1,7 @@
 // Brinmoor Web's figures, in headless Chromium against a real relay and agent on
 // loopback: what the first load fetches, the time to the agent list, terminal throughput
-// and responsiveness, keystroke echo, and the cost of a streamed answer's chunks.
+// and responsiveness, keystroke echo, the cost of a streamed answer's chunks, and a task's
+// 2,000,000 lines reaching a page.
 import { writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { codexStream, focusTerminal, kAgentId, kToken, World } from './harness.mjs';
@@ -242,12 +243,51 @@ async function chat() {
   await page.close();
 }
 
+// A shell task printing 2,000,000 lines to a desktop page, paced by it: how long after its
+// process ended the page shows "Finished", and whether every line arrived, at full speed
+// and with the page's processor four times slower.
+async function taskOutput(throttling) {
+  const page = await world.page(kDesktop);
+  await page.bringToFront();
+  const cdp = await page.createCDPSession();
+  await cdp.send('Emulation.setCPUThrottlingRate', { rate: throttling });
+  await page.goto(`${world.origin}/#token=${kToken}`);
+  await page.waitForSelector('.project');
+  await page.click('.project');
+  await page.evaluate(() => window.brinmoor.navigation.go({ tab: 'tasks' }));
+  await page.waitForSelector('input[name=command]');
+  await page.type('input[name=command]', 'seq 1 2000000');
+  const began = Date.now();
+  await page.click('.run-form button[type=submit]');
+  await page.waitForFunction(() => window.brinmoor.navigation.place.taskId);
+  const taskId = await page.evaluate(() => window.brinmoor.navigation.place.taskId);
+  const shown = page.waitForFunction(
+    () => document.querySelector('.task-detail .task-status')?.textContent === 'Finished' && Date.now(),
+    { polling: 'mutation', timeout: 900_000 },
+  );
+  await world.waitFor(() => world.agentLog.includes(`runTask process terminated taskId=${taskId}`), 'the end of seq', 900_000);
+  const ended = Date.now();
+  const finished = await (await shown).jsonValue();
+  const [last, total] = await page.evaluate((id) => {
+    const output = window.brinmoor.tasks.get(id).output;
+    return [output?.last ?? 0, output?.total ?? 0];
+  }, taskId);
+  const label = throttling === 1 ? 'task output' : `task output, CPU ${throttling}x slower`;
+  print(`${label}: seq 1 2000000, start to process end`, ((ended - began) / 1000).toFixed(1), 's');
+  print(`${label}: process end to "Finished" shown`, Math.max(0, finished - ended), 'ms');
+  print(`${label}: last line the page took / lines in all`, `${last} / ${total}`, '', '2000000 / 2000000');
+  const dropped = world.relayLog.match(/client\.dropped [^\n]*/g) ?? [];
+  print(`${label}: times the relay dropped a page for being slow, so far`, dropped.length);
+  await page.close();
+}
+
+// BRINMOOR_BENCH_ONLY=taskOutput (names, comma-separated) runs only those steps.
+const steps = { firstLoad, terminal, echoWithoutInputDeferral, chat, taskOutput: async () => (await taskOutput(1), await taskOutput(4)) };
+const only = process.env.BRINMOOR_BENCH_ONLY?.split(',');
+
 try {
   await world.start();
-  await firstLoad();
-  await terminal();
-  await echoWithoutInputDeferral();
-  await chat();
+  for (const [name, step] of Object.entries(steps)) if (!only || only.includes(name)) await step();
 } finally {
   await world.stop();
 }

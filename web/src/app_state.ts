@@ -102,6 +102,9 @@ export class AppState {
       createTask: (agentId, payload) => relay().createTask(agentId, payload),
       cancelTask: (agentId, taskId) => relay().cancelTask(agentId, taskId),
       decideProposal: (agentId, taskId, approve, files) => relay().decideProposal(agentId, taskId, approve, files),
+      ackTaskOutput: (agentId, taskId, line) => this.connection.client?.ackTaskOutput(agentId, taskId, line) ?? false,
+      readTaskOutput: async (agentId, taskId, query) => relay().readTaskOutput(agentId, taskId, query),
+      listTasks: async (agentId) => relay().listTasks(agentId),
     }, storage);
     this.approvals = new ApprovalsStore({
       decidePermission: (requestId, allow, message) => relay().decidePermission(requestId, allow, message),

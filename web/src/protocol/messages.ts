@@ -2,6 +2,7 @@
 // Everything that arrives is untrusted: `decodeServerMessage` checks the members each
 // type needs and turns anything else into null, so stores never see a malformed message.
 // Members the client does not know are kept (a later relay may add them) and ignored.
+import { decodeKeptTasks, decodeTaskOutput, isLineNumber, type KeptTask, type OutputLines, type OutputQuery } from './kept_output';
 
 export interface Registration {
   profiles: string[];
@@ -114,7 +115,9 @@ export type ServerMessage =
   | { type: 'error'; code: string; message: string; requestId?: string }
   | ({ type: 'task.started' } & TaskMessage)
   | ({ type: 'task.heartbeat' } & TaskMessage)
-  | ({ type: 'task.log'; line: string } & TaskMessage)
+  // "number": the line's number in the task's output kept on the computer (from 1), on the
+  // lines of the program's own output of an agent that keeps it.
+  | ({ type: 'task.log'; line: string; number?: number } & TaskMessage)
   | ({ type: 'task.commentary'; text: string } & TaskMessage)
   | ({ type: 'task.chat.chunk'; conversationId: string; chunk: string } & TaskMessage)
   | ({ type: 'task.chat.final'; conversationId: string; text: string } & TaskMessage)
@@ -150,9 +153,14 @@ export type ServerMessage =
       toolInput: unknown;
       toolUseId?: string;
     }
-  | { type: 'permission.resolved'; requestId: string; decision: 'allow' | 'deny'; reason: string };
+  | { type: 'permission.resolved'; requestId: string; decision: 'allow' | 'deny'; reason: string }
+  // The answer to "task.output.read": kept lines of a task, or why there are none.
+  | ({ type: 'task.output'; agentId: string; taskId: string; requestId?: string } & (OutputLines | { error: string }))
+  // The answer to "tasks.list": the tasks the agent keeps the output of, newest first.
+  | { type: 'tasks.kept'; agentId?: string; requestId: string; tasks: KeptTask[] };
 
 export type ServerMessageType = ServerMessage['type'];
+export type { KeptTask, OutputLines };
 export type MessageOf<T extends ServerMessageType> = Extract<ServerMessage, { type: T }>;
 
 // What "task.assign" carries; the agent applies defaults to what is missing.
@@ -190,7 +198,11 @@ export type ClientMessage =
       message?: string;
       updatedInput?: Record<string, unknown>;
     }
-  | { type: 'terminal.ack'; agentId: string; payload: { sessionId: string; offset?: number } };
+  | { type: 'terminal.ack'; agentId: string; payload: { sessionId: string; offset?: number } }
+  // Paces a task's output: the newest numbered line taken; without "line", no longer paced.
+  | { type: 'task.ack'; agentId: string; taskId: string; line?: number }
+  | ({ type: 'task.output.read'; agentId: string; taskId: string; requestId?: string } & OutputQuery)
+  | { type: 'tasks.list'; agentId: string; requestId?: string };
 
 type Shape = Record<string, 'string' | 'number' | 'boolean' | 'strings' | 'object' | 'any'>;
 
@@ -247,6 +259,8 @@ const shapes: Record<ServerMessageType, Shape> = {
   'terminal.error': { ...terminalShape, message: 'string' },
   'permission.request': { requestId: 'string', taskId: 'string', agentId: 'string', toolName: 'string', toolInput: 'any' },
   'permission.resolved': { requestId: 'string', decision: 'string', reason: 'string' },
+  'task.output': taskShape,
+  'tasks.kept': { requestId: 'string', tasks: 'any' },
 };
 
 function hasKind(value: unknown, kind: Shape[string]): boolean {
@@ -406,6 +420,12 @@ export function decodeServerMessage(text: string): ServerMessage | null {
     delete message.fileChoice;
   } else if (type === 'permission.resolved' && message.decision !== 'allow' && message.decision !== 'deny') {
     return null;
+  } else if (type === 'task.log' && message.number !== undefined && !isLineNumber(message.number)) {
+    delete message.number;
+  } else if (type === 'task.output' && !decodeTaskOutput(message)) {
+    return null;
+  } else if (type === 'tasks.kept') {
+    message.tasks = decodeKeptTasks(message.tasks);
   } else if (type === 'task.queued') {
     message.payload = decodePayload(message.payload);
   } else if (type === 'task.unqueued') {

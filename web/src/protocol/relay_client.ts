@@ -7,6 +7,7 @@
 // in the address of every new socket ("?since="), so the relay replays what the page
 // missed, nothing twice. The seqs are kept in the browser too, so a reload resumes; what
 // is kept there is never newer than what the stores can rebuild (`keepFrom`).
+import type { KeptTask, OutputLines, OutputQuery } from './kept_output';
 import {
   decodeServerMessage,
   type ClientMessage,
@@ -117,6 +118,9 @@ export function socketURL(origin: string, since: Seqs = {}): string {
   const url = origin.replace(/^http/, 'ws') + '/v1/ws/client';
   return Object.keys(since).length === 0 ? url : url + '?since=' + encodeURIComponent(JSON.stringify(since));
 }
+
+// The messages that answer a request, carrying its "requestId" back.
+const kAnswers: readonly string[] = ['task.created', 'error', 'task.output', 'tasks.kept'];
 
 type MessageListener = (message: ServerMessage) => void;
 type StateListener = (state: ConnectionState) => void;
@@ -229,7 +233,8 @@ export class RelayClient {
   }
 
   // Sends a message with a fresh "requestId" and waits for the answer that carries it
-  // back ("task.created", or an "error" that becomes a RelayError).
+  // back ("task.created", "task.output", "tasks.kept", or an "error" that becomes a
+  // RelayError).
   request(message: ClientMessage): Promise<ServerMessage> {
     const requestId = randomId(this.options.random);
     return new Promise((resolve, reject) => {
@@ -270,6 +275,26 @@ export class RelayClient {
 
   terminal(type: TerminalCommandType, agentId: string, payload: Record<string, unknown>): boolean {
     return this.send({ type, agentId, payload });
+  }
+
+  // Paces a task's output: this page has taken its numbered lines up to `line`. Without
+  // a line, the page stops pacing it.
+  ackTaskOutput(agentId: string, taskId: string, line?: number): boolean {
+    return this.send(line === undefined ? { type: 'task.ack', agentId, taskId } : { type: 'task.ack', agentId, taskId, line });
+  }
+
+  // Lines of a task's output kept on the computer; rejects with the agent's reason when it
+  // keeps none.
+  async readTaskOutput(agentId: string, taskId: string, query: OutputQuery): Promise<OutputLines> {
+    const answer = (await this.request({ type: 'task.output.read', agentId, taskId, ...query })) as MessageOf<'task.output'>;
+    if ('error' in answer) throw new RelayError('OUTPUT_NOT_KEPT', answer.error);
+    return answer;
+  }
+
+  // The tasks an agent keeps the output of, newest first.
+  async listTasks(agentId: string): Promise<KeptTask[]> {
+    const answer = (await this.request({ type: 'tasks.list', agentId })) as MessageOf<'tasks.kept'>;
+    return answer.tasks;
   }
 
   // Paces a terminal session: this page has rendered its live output up to `offset`.
@@ -340,7 +365,7 @@ export class RelayClient {
       this.noteSeq(message.agentId, message.seq);
     }
     const requestId = 'requestId' in message && message.type !== 'permission.request' ? message.requestId : undefined;
-    if (requestId !== undefined && (message.type === 'task.created' || message.type === 'error')) {
+    if (requestId !== undefined && kAnswers.includes(message.type)) {
       const waiter = this.pending.get(requestId);
       if (waiter) {
         this.pending.delete(requestId);

@@ -1,9 +1,14 @@
-import { CodexEventReader } from '../protocol/codex_events';
+import type { KeptTask } from '../protocol/kept_output';
 import type { AgentSnapshot, MessageOf, Proposal, ServerMessage, TaskPayload } from '../protocol/messages';
 import type { Seqs } from '../protocol/relay_client';
-import { readAssistantLogLine, readCommandLogLine, type ActivityLine, type TaskLogLine } from '../protocol/task_log';
+import type { ActivityLine } from '../protocol/task_log';
 import { LogLines } from './log_lines';
 import { Observable, readJSON, type KeyValueStorage } from './observable';
+import { KeptOutputs, isAssistant, type OutputSender } from './kept_outputs';
+import type { PaceTimers } from './output_pacer';
+import { mergeKept, payloadOfKind, putInStartOrder } from './past_tasks';
+import { TaskLines } from './task_lines';
+import type { TaskOutput } from './task_output';
 import { placeInQueue, statusAfterQueue } from './queue';
 
 export type TaskKind = 'shell' | 'build' | 'chat' | 'ai_task' | 'task';
@@ -30,7 +35,6 @@ const kTimesKept = 50;
 export const kAgentTimeLimitSec = 1200;
 // How many of the agent's own lines (and an assistant's command output) a task keeps.
 const kDetailsKept = 2000;
-const kActivityKept = 1000;
 
 export interface TaskProposal extends Proposal {
   needsApproval: boolean;
@@ -61,7 +65,9 @@ export interface Task extends TaskTimes {
   exitCode?: number;
   error?: string;
   errorCode?: string;
-  log: LogLines; // the program's own output
+  log: LogLines; // the program's own output, from an agent that does not number it
+  // The program's own output, numbered, of an agent that keeps it on the computer.
+  output?: TaskOutput;
   details: LogLines; // the agent's bookkeeping, and what an assistant's commands printed
   activity: ActivityLine[]; // what an assistant did, in plain words
   answer: string; // what Codex said in a plan, as Markdown
@@ -76,11 +82,13 @@ export interface Task extends TaskTimes {
   since?: number;
 }
 
-// What the tasks store asks of the relay.
-export interface TaskSender {
+// What the tasks store asks of the relay; of an agent that keeps its tasks' output, also
+// to pace it, read it back (OutputSender), and list the tasks it keeps.
+export interface TaskSender extends OutputSender {
   createTask(agentId: string, payload: TaskPayload): Promise<string>;
   cancelTask(agentId: string, taskId: string): boolean;
   decideProposal(agentId: string, taskId: string, approve: boolean, files?: string[]): boolean;
+  listTasks?(agentId: string): Promise<KeptTask[]>;
 }
 
 export function taskKind(payload: TaskPayload | null): TaskKind {
@@ -168,17 +176,20 @@ export class TasksStore extends Observable {
   // Per agent, the seq of the newest message the relay had when this socket said hello:
   // a message up to it is a replay of something that happened earlier.
   private readonly replayedUpTo = new Map<string, number>();
-  private readonly codex = new Map<string, CodexEventReader>();
+  private readonly lines = new TaskLines();
+  readonly outputs: KeptOutputs;
 
   constructor(
     private readonly sender: TaskSender,
     private readonly storage: KeyValueStorage,
     private readonly now: () => number = Date.now,
     private readonly logCapacity?: number,
+    paceTimers?: PaceTimers,
   ) {
     super();
     this.payloads = readJSON(storage, kPayloadsKey, {});
     this.times = readJSON(storage, kTimesKey, {});
+    this.outputs = new KeptOutputs(sender, () => this.changed(), logCapacity, paceTimers);
   }
 
   get(taskId: string): Task | undefined {
@@ -199,6 +210,7 @@ export class TasksStore extends Observable {
     const taskId = await this.sender.createTask(agentId, payload);
     this.remember(taskId, payload);
     const task = this.ensure(taskId, agentId, payload);
+    this.outputs.started(task);
     this.changed();
     return task;
   }
@@ -237,24 +249,29 @@ export class TasksStore extends Observable {
 
   handle(message: ServerMessage): void {
     if (message.type === 'server.hello') {
+      this.outputs.reconnected();
       for (const agent of message.agents) {
         this.replayedUpTo.set(agent.agentId, agent.seq);
         this.applySnapshot(agent.agentId, agent.snapshot, agent.seq, false);
       }
       this.changed();
+      for (const agent of message.agents) if (agent.online) this.listKept(agent.agentId);
       return;
     }
     if (message.type === 'resume.gap') {
       this.applySnapshot(message.agentId, message.snapshot, message.seq, true);
       this.changed();
+      this.listKept(message.agentId);
       return;
     }
+    if (message.type === 'agent.online') this.listKept(message.agentId);
     if (message.type === 'task.queued' || message.type === 'task.unqueued') {
       this.queueChanged(message);
       this.changed();
       return;
     }
-    if (!message.type.startsWith('task.') || message.type === 'task.created' || !('taskId' in message)) return;
+    if (!message.type.startsWith('task.') || message.type === 'task.created' || message.type === 'task.output') return;
+    if (!('taskId' in message)) return;
     if (message.type === 'task.heartbeat') return;
     const task = this.ensure(message.taskId, message.agentId, null);
     const seq = 'seq' in message ? message.seq : undefined;
@@ -273,7 +290,9 @@ export class TasksStore extends Observable {
         stamp('startedAt');
         break;
       case 'task.log':
-        this.readLine(task, message.line);
+        if (message.number === undefined) this.lines.read(task, message.line);
+        else if (!isAssistant(task)) return void this.outputs.take(task, message.number, message.line, !isEnded(task.status));
+        else if (this.outputs.take(task, message.number, message.line, !isEnded(task.status))) this.lines.read(task, message.line, true);
         break;
       case 'task.commentary':
         task.commentary = message.text;
@@ -312,6 +331,36 @@ export class TasksStore extends Observable {
     this.changed();
   }
 
+  // Asks an agent for the tasks it keeps, and lists those the page does not know.
+  private listKept(agentId: string): void {
+    this.sender.listTasks?.(agentId).then(
+      (kept) => this.mergeKept(agentId, kept),
+      () => undefined, // an agent that keeps no tasks' output, or one gone meanwhile
+    );
+  }
+
+  private mergeKept(agentId: string, kept: KeptTask[]): void {
+    // Oldest first: a task the page did not know is added as the newest so far.
+    for (const entry of [...kept].reverse()) {
+      const known = this.tasks.has(entry.taskId);
+      const task = this.described(entry.taskId, agentId, entry.kind, entry.projectPath);
+      mergeKept(task, entry, known, this.endSeen.has(task.taskId));
+      if (entry.startedAt !== undefined) this.noteTimes(task);
+      this.outputs.kept(task, entry.lines, isEnded(task.status));
+    }
+    putInStartOrder(this.tasks);
+    this.changed();
+  }
+
+  // A task as the relay or the agent names it: described by its action alone when the
+  // page does not have what it was asked with.
+  private described(taskId: string, agentId: string, kind: string, projectPath: string): Task {
+    const task = this.ensure(taskId, agentId, null);
+    const payload = payloadOfKind(kind);
+    if (!task.payload) Object.assign(task, { kind: taskKind(payload), title: taskTitle(payload), projectPath });
+    return task;
+  }
+
   // The agent's present as the relay knows it. Tasks the page does not know are added as
   // they are; a hello leaves the ones it knows to the messages that follow (the relay
   // replays what the page missed). After a gap the snapshot is the truth: a task the page
@@ -322,17 +371,15 @@ export class TasksStore extends Observable {
     for (const entry of snapshot.tasks) {
       named.add(entry.taskId);
       const known = this.tasks.has(entry.taskId);
-      const task = this.ensure(entry.taskId, agentId, null);
-      if (!task.payload) {
-        const payload: TaskPayload | null = entry.kind === '' ? null : { action: entry.kind };
-        Object.assign(task, { kind: taskKind(payload), title: taskTitle(payload), projectPath: entry.projectPath });
-      }
+      const task = this.described(entry.taskId, agentId, entry.kind, entry.projectPath);
       if (entry.conversationId !== undefined) task.conversationId = entry.conversationId;
       task.since ??= seq;
-      if (gap && !this.endSeen.has(task.taskId)) task.log.notice(kMissedOutputNotice);
+      // Numbered output is kept on the computer: nothing of it is missed.
+      if (gap && !this.endSeen.has(task.taskId) && !task.output) task.log.notice(kMissedOutputNotice);
       if (known && !gap) continue;
       task.status = entry.status;
       if (entry.exitCode !== undefined) task.exitCode = entry.exitCode;
+      if (isEnded(task.status)) this.outputs.ended(task);
     }
     // The queue is the relay's present alone: its changes are not replayed.
     for (const entry of snapshot.queue) this.ensure(entry.taskId, agentId, entry.payload).status = 'queued';
@@ -346,7 +393,8 @@ export class TasksStore extends Observable {
       for (const task of this.tasks.values()) {
         if (task.agentId !== agentId || named.has(task.taskId) || isEnded(task.status) || task.status === 'queued') continue;
         task.status = 'lost';
-        task.log.notice(kMissedOutputNotice);
+        this.outputs.ended(task);
+        if (!task.output) task.log.notice(kMissedOutputNotice);
       }
     }
     const proposal = snapshot.proposal;
@@ -379,25 +427,7 @@ export class TasksStore extends Observable {
     task.status = status;
     task.exitCode = exitCode;
     this.endSeen.add(task.taskId);
-  }
-
-  // A line of the task's log, where the agent's own words stand among the program's output.
-  private readLine(task: Task, line: string): void {
-    let read: TaskLogLine[];
-    if (task.kind === 'ai_task' || task.kind === 'chat') {
-      // A plan by Codex prints its events as they are: they make its answer.
-      let codex = this.codex.get(task.taskId);
-      if (!codex && task.kind === 'ai_task' && line.startsWith('{"type":')) this.codex.set(task.taskId, (codex = new CodexEventReader()));
-      read = codex?.read(line) ?? [readAssistantLogLine(line)];
-      if (codex) task.answer = codex.answer;
-    } else {
-      read = [readCommandLogLine(line, task.programStarted)];
-    }
-    for (const entry of read) {
-      if (entry.kind === 'output') task.log.output(entry.text);
-      else if (entry.kind === 'detail') task.details.push(entry.text);
-      else if (task.activity.length < kActivityKept) task.activity.push({ text: entry.text, tone: entry.tone });
-    }
+    this.outputs.ended(task);
   }
 
   private noteTimes(task: Task): void {

@@ -7,6 +7,7 @@ import { DetailsRow } from './DetailsRow';
 import { duration, queuedText } from './names';
 import type { ProjectProps } from './ProjectView';
 import { TaskLog } from './TaskLog';
+import { WholeOutput } from './WholeOutput';
 
 // The words a task's state is shown with.
 export function taskStatusText(task: Task): string {
@@ -150,7 +151,11 @@ function TaskDetail({ state, task, rerun }: { state: ProjectProps['state']; task
       </header>
       {task.error && <TaskError state={state} task={task} />}
       <DetailsRow key={task.taskId} lines={task.details} version={state.tasks.version} />
-      <TaskLog log={task.log} version={state.tasks.version} ended={isEnded(task.status)} />
+      {task.output ? (
+        <WholeOutput key={task.taskId} tasks={state.tasks} task={task} />
+      ) : (
+        <TaskLog log={task.log} version={state.tasks.version} ended={isEnded(task.status)} />
+      )}
     </div>
   );
 }
