@@ -261,13 +261,20 @@ async function taskOutput(throttling) {
   await page.click('.run-form button[type=submit]');
   await page.waitForFunction(() => window.brinmoor.navigation.place.taskId);
   const taskId = await page.evaluate(() => window.brinmoor.navigation.place.taskId);
-  const shown = page.waitForFunction(
-    () => document.querySelector('.task-detail .task-status')?.textContent === 'Finished' && Date.now(),
-    { polling: 'mutation', timeout: 900_000 },
-  );
+  // The page notes when it shows "Finished"; asked only afterwards, in short calls, since a
+  // page this busy answers a long-waiting call too late for DevTools.
+  await page.evaluate(() => {
+    const note = () => {
+      if (document.querySelector('.task-detail .task-status')?.textContent !== 'Finished') return false;
+      window.brinmoorFinishedAt = Date.now();
+      return true;
+    };
+    if (!note()) new MutationObserver((_, observer) => note() && observer.disconnect()).observe(document.body, { subtree: true, childList: true, characterData: true });
+  });
   await world.waitFor(() => world.agentLog.includes(`runTask process terminated taskId=${taskId}`), 'the end of seq', 900_000);
   const ended = Date.now();
-  const finished = await (await shown).jsonValue();
+  let finished;
+  while (!(finished = await page.evaluate(() => window.brinmoorFinishedAt))) await new Promise((resolve) => setTimeout(resolve, 100));
   const [last, total] = await page.evaluate((id) => {
     const output = window.brinmoor.tasks.get(id).output;
     return [output?.last ?? 0, output?.total ?? 0];
