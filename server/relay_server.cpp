@@ -35,7 +35,10 @@ constexpr QByteArrayView kStreamingTypes[] = {
     "\"type\":\"task.log\"",
     "\"type\":\"terminal.output\"",
 };
-constexpr int kTerminalOutput = 1; // its index above
+constexpr int kTaskLog = 0; // their indexes above
+constexpr int kTerminalOutput = 1;
+constexpr QByteArrayView kSessionIdKey = "\"sessionId\":\"";
+constexpr QByteArrayView kTaskIdKey = "\"taskId\":\"";
 // A client that catches up is sent the log while less than this waits for it (and
 // less than a quarter of what would get it dropped): what is replayed is a copy of the
 // client's own.
@@ -65,12 +68,12 @@ std::optional<QList<QPair<QString, qint64>>> sinceList(const QJsonValue& value)
     return since;
 }
 
-// The raw JSON text of a terminal output's "sessionId" (escapes kept), found without
-// parsing the message: it is the output's one member of that name, and a quote inside
-// a string is always escaped.
-QByteArrayView terminalSession(QByteArrayView message)
+// The raw JSON text of a streamed message's string member `key` ("\"sessionId\":\"" of a
+// terminal's output, "\"taskId\":\"" of a task's line; escapes kept), found without parsing
+// the message: it is the message's one member of that name, and a quote inside a string
+// is always escaped.
+QByteArrayView quotedValue(QByteArrayView message, QByteArrayView key)
 {
-    static constexpr QByteArrayView key = "\"sessionId\":\"";
     const qsizetype at = message.lastIndexOf(key);
     if (at < 0)
         return {};
@@ -158,6 +161,9 @@ RelayServer::RelayServer(RelayConfig config, QObject* parent)
     m_trimTimer.setInterval(kTrimIntervalMs);
     connect(&m_trimTimer, &QTimer::timeout, this, &RelayServer::trimHistories);
     m_trimTimer.start();
+    // A stalled pacer is let go within a quarter of the time it may owe an acknowledgement.
+    m_paceTimer.setInterval(std::max(50, m_config.paceStallMs / 4));
+    connect(&m_paceTimer, &QTimer::timeout, this, &RelayServer::dropStalledPacers);
 }
 
 RelayServer::~RelayServer()
@@ -741,13 +747,19 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
     *out++ = ',';
     std::memcpy(out, rest.data(), size_t(rest.size()));
     const qint64 memoryBefore = history.log.memory();
-    history.log.append(m_batchTime, seq, frame,
-                       streamingType == kTerminalOutput ? terminalSession(rest) : QByteArrayView());
+    const QByteArrayView terminal =
+        streamingType == kTerminalOutput ? quotedValue(rest, kSessionIdKey) : QByteArrayView();
+    history.log.append(m_batchTime, seq, frame, terminal);
     m_logMemory += history.log.memory() - memoryBefore;
     history.numbered = true;
     if (m_logMemory > m_config.eventLog.maxTotalBytes)
         trimToTotal();
     deliver(agent.agentId, history, seq, frame);
+    // Those that pace what was sent owe an acknowledgement for it.
+    if (streamingType == kTerminalOutput && !m_terminalFlow.isEmpty())
+        m_terminalFlow.sent(agent.agentId, QString::fromUtf8(terminal), m_clock.elapsed());
+    else if (streamingType == kTaskLog && !m_taskFlow.isEmpty())
+        m_taskFlow.sent(agent.agentId, QString::fromUtf8(quotedValue(rest, kTaskIdKey)), m_clock.elapsed());
 }
 
 void RelayServer::scheduleAck(Agent& agent)
@@ -1003,6 +1015,7 @@ void RelayServer::acknowledgeTerminal(RelayConnection& client, const QJsonObject
         &client, agentId, sessionId, offset < 0 ? std::nullopt : std::optional<qint64>(offset));
     if (window)
         tellAgentWindow(*window);
+    watchPace();
 }
 
 void RelayServer::tellAgentWindow(const TerminalFlow::Window& window)

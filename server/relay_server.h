@@ -42,6 +42,7 @@ struct RelayConfig {
     int maxPacedSessions = 64; // terminal sessions one client may pace
     int approvalTimeoutMs = 600'000;
     int queueOfflineWaitMs = 600'000; // how long waiting tasks wait for an agent that went away
+    int paceStallMs = 30'000;         // a client that owes an acknowledgement this long no longer paces
     QStringList allowedOrigins;       // besides the relay's own, normalized (the public URL's is one)
     QStringList allowedHosts;         // names and addresses Host may give besides the relay's own, normalized
                                       // (the public URL's host is one)
@@ -177,6 +178,9 @@ private:
     // Whether the agent's message answers a read; if so it went to the client that asked.
     bool answerTaskRead(const QString& agentId, const QJsonObject& message);
     void tellPendingWindows(RelayConnection& agentConnection);
+    // Pacers that stopped acknowledging (relay_pace_stalls.cpp).
+    void watchPace();
+    void dropStalledPacers();
     // Whether the agent takes a client's command of `size` bytes now: a client's commands
     // never pile up for an agent that does not read them; the client is told instead.
     bool agentTakes(RelayConnection& client, const Agent& agent, qsizetype size, const QJsonValue& requestId);
@@ -232,6 +236,7 @@ private:
     TaskReads m_taskReads;
     QHash<QString, QSet<RelayConnection*>> m_taskPacers; // agent id: the clients that pace its tasks
     QTimer m_trimTimer;
+    QTimer m_paceTimer; // runs while some client paces something
 };
 
 } // namespace brinmoor::relay

@@ -34,6 +34,7 @@ void RelayServer::acknowledgeTask(RelayConnection& client, const QJsonObject& me
         m_taskFlow.acknowledge(&client, agentId, taskId, line < 0 ? std::nullopt : std::optional<qint64>(line));
     if (window)
         tellAgentTaskWindow(*window);
+    watchPace();
 }
 
 void RelayServer::tellAgentTaskWindow(const TerminalFlow::Window& window)
@@ -52,6 +53,7 @@ void RelayServer::startTaskPace(const QString& agentId, const QString& taskId)
         if (const std::optional<TerminalFlow::Window> window = m_taskFlow.acknowledge(client, agentId, taskId, 0))
             tellAgentTaskWindow(*window);
     }
+    watchPace();
 }
 
 void RelayServer::readTaskOutput(RelayConnection& client, const QString& type, const QJsonObject& message)

@@ -73,6 +73,13 @@ std::variant<RelayConfig, QString> configFromEnvironment(const QProcessEnvironme
                env.value(QStringLiteral("BRINMOOR_QUEUE_OFFLINE_SEC"));
     config.queueOfflineWaitMs = int(*queueSeconds * 1000);
 
+    const std::optional<qint64> stallSeconds =
+        positive(env, QStringLiteral("BRINMOOR_PACE_STALL_SEC"), config.paceStallMs / 1000);
+    if (!stallSeconds || *stallSeconds > 3600)
+        return QStringLiteral("brinmoor-server: BRINMOOR_PACE_STALL_SEC is not a number of seconds: ") +
+               env.value(QStringLiteral("BRINMOOR_PACE_STALL_SEC"));
+    config.paceStallMs = int(*stallSeconds * 1000);
+
     const std::optional<qint64> backlog =
         positive(env, QStringLiteral("BRINMOOR_CLIENT_BACKLOG_BYTES"), config.limits.maxBacklog);
     if (!backlog)

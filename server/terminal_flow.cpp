@@ -13,10 +13,12 @@ std::optional<TerminalFlow::Window> TerminalFlow::acknowledge(const RelayConnect
         if (!session.offsets.contains(client))
             ++m_paced[client];
         session.offsets.insert(client, *offset);
+        session.owedSince.remove(client);
     } else {
         const auto session = m_sessions.find(key);
         if (session == m_sessions.end() || !session->offsets.remove(client))
             return std::nullopt;
+        session->owedSince.remove(client);
         if (--m_paced[client] == 0)
             m_paced.remove(client);
     }
@@ -37,6 +39,7 @@ QList<TerminalFlow::Window> TerminalFlow::removeClient(const RelayConnection* cl
         return {};
     QList<Key> paced;
     for (auto it = m_sessions.begin(); it != m_sessions.end(); ++it) {
+        it->owedSince.remove(client);
         if (it->offsets.remove(client))
             paced.append(it.key());
     }
@@ -85,6 +88,36 @@ QList<TerminalFlow::Window> TerminalFlow::windowsOf(const QString& agentId) cons
             windows.append(Window{agentId, it.key().second, it->told});
     }
     return windows;
+}
+
+void TerminalFlow::sent(const QString& agentId, const QString& sessionId, qint64 nowMs)
+{
+    const auto session = m_sessions.find(Key{agentId, sessionId});
+    if (session == m_sessions.end() || session->owedSince.size() == session->offsets.size())
+        return;
+    for (auto client = session->offsets.keyBegin(); client != session->offsets.keyEnd(); ++client) {
+        if (!session->owedSince.contains(*client))
+            session->owedSince.insert(*client, nowMs);
+    }
+}
+
+QList<TerminalFlow::Window> TerminalFlow::dropStalled(qint64 nowMs, qint64 limitMs, QList<Stall>& stalls)
+{
+    QList<Stall> found;
+    for (auto it = m_sessions.cbegin(); it != m_sessions.cend(); ++it) {
+        for (auto owed = it->owedSince.cbegin(); owed != it->owedSince.cend(); ++owed) {
+            if (nowMs - owed.value() >= limitMs)
+                found.append(Stall{owed.key(), it.key().first, it.key().second});
+        }
+    }
+    QList<Window> changed;
+    for (const Stall& stall : std::as_const(found)) {
+        if (const std::optional<Window> window =
+                acknowledge(stall.client, stall.agentId, stall.sessionId, std::nullopt))
+            changed.append(*window);
+    }
+    stalls.append(found);
+    return changed;
 }
 
 std::optional<TerminalFlow::Window> TerminalFlow::update(const Key& key)

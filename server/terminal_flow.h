@@ -18,7 +18,8 @@ class RelayConnection;
 // reading the terminal while its output is a window ahead of it. Clients that never
 // acknowledge do not pace anything. What it keeps is bounded: an entry per client and
 // session it paces, for sessions the relay knows as open, and at most so many sessions
-// per client.
+// per client. A client that owes an acknowledgement (it was sent output after its last
+// one) for too long no longer paces: a page the browser froze does not hold a process.
 class TerminalFlow {
 public:
     explicit TerminalFlow(int maxSessionsPerClient = 64) : m_maxSessionsPerClient(maxSessionsPerClient) {}
@@ -47,11 +48,25 @@ public:
     void keepSessions(const QString& agentId, const std::function<bool(const QString& sessionId)>& isOpen);
     // The windows of the sessions some client paces, for an agent that connects.
     QList<Window> windowsOf(const QString& agentId) const;
+    // Output of the session went to its clients at `nowMs`: those that had acknowledged
+    // all they were sent owe an acknowledgement from then.
+    void sent(const QString& agentId, const QString& sessionId, qint64 nowMs);
+    // A client that stopped pacing a session because it owed an acknowledgement too long.
+    struct Stall {
+        const RelayConnection* client;
+        QString agentId;
+        QString sessionId;
+    };
+    // The clients that have owed an acknowledgement since `limitMs` before `nowMs` or
+    // longer no longer pace (added to `stalls`); the windows that changed.
+    QList<Window> dropStalled(qint64 nowMs, qint64 limitMs, QList<Stall>& stalls);
+    bool isEmpty() const { return m_sessions.isEmpty(); }
 
 private:
     using Key = QPair<QString, QString>; // agent id, session id
     struct Session {
         QHash<const RelayConnection*, qint64> offsets;
+        QHash<const RelayConnection*, qint64> owedSince; // when each was first sent what it has not acknowledged
         std::optional<qint64> told;
     };
 

@@ -274,6 +274,36 @@ private Q_SLOTS:
         QCOMPARE(flow.removeClient(client(3)).size(), 0);
     }
 
+    void aClientThatOwesAnAcknowledgementTooLongStopsPacing()
+    {
+        TerminalFlow flow;
+        flow.acknowledge(client(1), "a", "s", 10);
+        flow.acknowledge(client(2), "a", "s", 20);
+        QList<TerminalFlow::Stall> stalls;
+        // Nothing was sent: however long it has been, nobody owes anything.
+        QVERIFY(flow.dropStalled(100'000, 1'000, stalls).isEmpty());
+        // Output at 1,000 ms: both owe from then; the first to acknowledge owes no more, and
+        // output after that does not make the other owe from later.
+        flow.sent("a", "s", 1'000);
+        flow.acknowledge(client(1), "a", "s", 30);
+        flow.sent("a", "s", 1'500);
+        QVERIFY(flow.dropStalled(1'999, 1'000, stalls).isEmpty());
+        const QList<TerminalFlow::Window> changed = flow.dropStalled(2'000, 1'000, stalls);
+        QCOMPARE(stalls.size(), 1);
+        QCOMPARE(stalls.first().client, client(2));
+        QCOMPARE(stalls.first().sessionId, QStringLiteral("s"));
+        QCOMPARE(changed.size(), 1);
+        QCOMPARE(changed.first().offset, std::optional<qint64>(30));
+        // The first owes from 1,500 ms, and goes in its turn; nobody paces the session then.
+        QCOMPARE(flow.dropStalled(2'500, 1'000, stalls).first().offset, std::optional<qint64>());
+        QCOMPARE(stalls.size(), 2);
+        QVERIFY(flow.isEmpty());
+        // Sent to a session nobody paces, or one never heard of: nothing to owe.
+        flow.sent("a", "s", 3'000);
+        flow.sent("b", "x", 3'000);
+        QVERIFY(flow.dropStalled(10'000, 1'000, stalls).isEmpty());
+    }
+
     void aClientPacesAtMostSoManySessions()
     {
         TerminalFlow flow(2);

@@ -161,6 +161,10 @@ private Q_SLOTS:
                            QStringLiteral("BRINMOOR_TRUSTED_PROXIES=127.0.0.1, proxy.lan")}
             << QStringLiteral("brinmoor-server: BRINMOOR_TRUSTED_PROXIES has an entry that is "
                               "not an IP address or subnet: proxy.lan\n");
+        QTest::newRow("bad pace stall")
+            << QStringList{QStringLiteral("BRINMOOR_SHARED_TOKEN=%1").arg(QLatin1String(kLongToken)),
+                           QStringLiteral("BRINMOOR_PACE_STALL_SEC=3601")}
+            << QStringLiteral("brinmoor-server: BRINMOOR_PACE_STALL_SEC is not a number of seconds: 3601\n");
     }
 
     void refusesToStartWithoutAUsableSetting()
@@ -839,6 +843,66 @@ private Q_SLOTS:
                                    return m.value(QStringLiteral("type")) == QStringLiteral("task.ack");
                                }),
                  3);
+    }
+
+    void aClientThatStopsAcknowledgingNoLongerPaces()
+    {
+        QVERIFY(startRelay({QStringLiteral("BRINMOOR_PACE_STALL_SEC=1")}));
+        RelayClient agent;
+        RelayClient frozen;
+        connectAgentAndClient(agent, frozen);
+        RelayClient live;
+        QVERIFY(live.open(m_relay->port, m_relay->token));
+        const QString taskId = createTask(frozen, agent, {{QStringLiteral("action"), QStringLiteral("shell")}});
+        const auto ack = [&](RelayClient& client, int line) {
+            client.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("task.ack")},
+                                    {QStringLiteral("agentId"), QStringLiteral("mac-1")},
+                                    {QStringLiteral("taskId"), taskId},
+                                    {QStringLiteral("line"), line}});
+        };
+        const auto windows = [&] {
+            QList<QJsonObject> told;
+            for (const QJsonObject& m : agent.messages()) {
+                if (typeOf(m) == QLatin1String("task.ack"))
+                    told.append(m.value(QStringLiteral("payload")).toObject());
+            }
+            return told;
+        };
+        const auto line = [&](int number) {
+            agent.send(QJsonObject{{QStringLiteral("type"), QStringLiteral("task.log")},
+                                   {QStringLiteral("taskId"), taskId},
+                                   {QStringLiteral("line"), QString::number(number)},
+                                   {QStringLiteral("number"), number}});
+        };
+        const auto hasLine = [&](RelayClient& client, int number) {
+            return client.waitFor([&](const QJsonObject& m) {
+                return typeOf(m) == QLatin1String("task.log") && m.value(QStringLiteral("number")).toInt() == number;
+            });
+        };
+        ack(frozen, 0);
+        ack(live, 0);
+        QVERIFY(waitUntil([&] { return windows() == QList<QJsonObject>{{{QStringLiteral("line"), 0}}}; }));
+        // Both are sent a line; one acknowledges it, the other never does.
+        line(1);
+        QVERIFY(hasLine(live, 1));
+        QVERIFY(hasLine(frozen, 1));
+        ack(live, 1);
+        // The one that owes it is let go after the limit; the agent hears the other's line.
+        QVERIFY(m_relay->waitForLine(
+            QStringLiteral("client.unpaced address=127.0.0.1 agentId=mac-1 taskId=%1 waited=1s").arg(taskId)));
+        QVERIFY(waitUntil([&] { return windows().size() == 2; }));
+        QCOMPARE(windows().last(), QJsonObject({{QStringLiteral("line"), 1}}));
+        // The one that owed nothing, idle as long, still paces: its next line is the window.
+        line(2);
+        QVERIFY(hasLine(live, 2));
+        ack(live, 2);
+        QVERIFY(waitUntil([&] { return windows().size() == 3; }));
+        QCOMPARE(windows().last(), QJsonObject({{QStringLiteral("line"), 2}}));
+        // The frozen one wakes up: acknowledging, it paces again.
+        ack(frozen, 1);
+        QVERIFY(waitUntil([&] { return windows().size() == 4; }));
+        QCOMPARE(windows().last(), QJsonObject({{QStringLiteral("line"), 1}}));
+        QCOMPARE(m_relay->lines().filter(QStringLiteral("client.unpaced")).size(), 1);
     }
 
     void aNewerConnectionOfAnAgentReplacesTheOlder()
