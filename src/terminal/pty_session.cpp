@@ -247,6 +247,14 @@ bool PtySession::resize(quint16 cols, quint16 rows, QString* error)
     return true;
 }
 
+std::optional<PtySession::WindowSize> PtySession::windowSize() const
+{
+    winsize window{};
+    if (m_master < 0 || ::ioctl(m_master, TIOCGWINSZ, &window) != 0)
+        return std::nullopt;
+    return WindowSize{window.ws_col, window.ws_row};
+}
+
 bool PtySession::sendSignal(int signal)
 {
     // While the process object has not reaped the shell, its id cannot be reused.

@@ -75,6 +75,12 @@ public:
     bool interrupt(QString* error);
     // Sets the window size; false with the reason when the terminal refuses it.
     bool resize(quint16 cols, quint16 rows, QString* error);
+    struct WindowSize {
+        quint16 cols;
+        quint16 rows;
+    };
+    // The window size the terminal has now; none once it is let go.
+    std::optional<WindowSize> windowSize() const;
     // Signals the shell when it is still running; true when a signal was sent.
     bool sendSignal(int signal);
     // Stops reading and asks the shell to end: SIGTERM, then SIGKILL when it still runs

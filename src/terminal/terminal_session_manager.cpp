@@ -211,7 +211,15 @@ void TerminalSessionManager::attach(const QString& rawSessionId)
     const PtySession* session = m_sessions.value(sessionId);
     if (!session)
         return sendError(sessionId, QString(), kNotFound);
-    m_sendEvent(Messages::terminalAttached(session->sessionId(), session->projectPath()));
+    QJsonObject attached = Messages::terminalAttached(session->sessionId(), session->projectPath());
+    // Our relay's clients draw the replay at the width its newest output was made for.
+    const std::optional<PtySession::WindowSize> size =
+        m_extended && session->isInteractive() ? session->windowSize() : std::nullopt;
+    if (size) {
+        attached.insert(QStringLiteral("cols"), size->cols);
+        attached.insert(QStringLiteral("rows"), size->rows);
+    }
+    m_sendEvent(attached);
     const QStringList chunks = session->buffer();
     for (const QString& chunk : chunks) {
         if (!chunk.isEmpty())

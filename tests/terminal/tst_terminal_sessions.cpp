@@ -557,6 +557,40 @@ private Q_SLOTS:
         QCOMPARE(error->value(QStringLiteral("projectPath")).toString(), QString());
     }
 
+    void anAttachSaysTheTerminalSizeWhereExtensionsWereAnnounced()
+    {
+        TerminalFixture f;
+        QVERIFY(f.connect());
+        TerminalSessionManager& manager = f.runtime->terminalSessionManager();
+        f.open(QStringLiteral("w"), QStringLiteral("W"), QStringLiteral("interactive"));
+        f.open(QStringLiteral("l"), QStringLiteral("L"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("w")));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("l")));
+        f.send("terminal.resize", QStringLiteral("w"), {{QStringLiteral("cols"), 132}, {QStringLiteral("rows"), 40}});
+        const auto attachedOf = [&](const QString& sessionId) {
+            f.server.clearMessages();
+            f.send("terminal.attach", sessionId);
+            return f.barrier() ? f.events(QStringLiteral("terminal.opened"), sessionId).value(0) : QJsonObject();
+        };
+        // What the terminal is sized to now: the width of the output the replay ends with.
+        QCOMPARE(attachedOf(QStringLiteral("w")),
+                 QJsonObject({{QStringLiteral("type"), QStringLiteral("terminal.opened")},
+                              {QStringLiteral("sessionId"), QStringLiteral("w")},
+                              {QStringLiteral("projectPath"), QStringLiteral("W")},
+                              {QStringLiteral("status"), QStringLiteral("running")},
+                              {QStringLiteral("cols"), 132},
+                              {QStringLiteral("rows"), 40}}));
+        // A line-mode session has no window to say.
+        QVERIFY(!attachedOf(QStringLiteral("l")).contains(QStringLiteral("cols")));
+        // To a server that announced nothing, an attach is answered as ever.
+        manager.setExtended(false);
+        QCOMPARE(attachedOf(QStringLiteral("w")),
+                 QJsonObject({{QStringLiteral("type"), QStringLiteral("terminal.opened")},
+                              {QStringLiteral("sessionId"), QStringLiteral("w")},
+                              {QStringLiteral("projectPath"), QStringLiteral("W")},
+                              {QStringLiteral("status"), QStringLiteral("running")}}));
+    }
+
     void sessionsSurviveAReconnection()
     {
         TerminalFixture f;
