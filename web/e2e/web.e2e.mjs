@@ -366,6 +366,23 @@ async function longDiffChecks() {
   const after = await gutters();
   assert.notDeepEqual(after, before);
   assert.deepEqual(after.filter(([gutter, line]) => Math.abs(gutter - line) > 1), []);
+  // On a wide screen, side by side, the long line scrolls within its side: the page
+  // stays as wide as the window.
+  await page.setViewport(kDesktop);
+  try {
+    await page.waitForSelector('.change-detail .d2h-file-side-diff');
+    assert.ok(await page.$eval('.change-detail', (detail) => detail.getBoundingClientRect().right <= innerWidth));
+    const sides = await page.$$eval('.change-detail .d2h-file-side-diff', (all) =>
+      all.map((side) => [side.getBoundingClientRect().right <= innerWidth, side.scrollWidth > side.clientWidth]),
+    );
+    assert.deepEqual(sides, [
+      [true, false],
+      [true, true],
+    ]);
+  } finally {
+    await page.setViewport(kPhone);
+  }
+  await page.waitForSelector('.change-detail .diff-body .d2h-ins .d2h-code-line-ctn');
   // An added line is readable, in light and in dark mode.
   assert.ok((await contrastOf('.change-detail .d2h-ins .d2h-code-line-ctn')) >= 4.5);
   await page.emulateMediaFeatures([{ name: 'prefers-color-scheme', value: 'dark' }]);
@@ -493,12 +510,95 @@ test('the key bar sends Home, End, Page Up and Down, Ctrl-C, Ctrl-D and Ctrl-Z',
 });
 
 test('a terminal left for another tab shows its output and prompt on return', async () => {
+  const shown = await terminalText();
+  // The terminal is kept while away: nothing is replayed on return.
+  await page.evaluate(() => {
+    window.brinmoorResets = 0;
+    window.brinmoorTerminalTap = (_sessionId, _data, reset) => reset && window.brinmoorResets++;
+  });
   await click('button[role=tab]', 'Tasks');
   await page.waitForFunction(() => !document.querySelector('.xterm-rows'));
   await click('button[role=tab]', 'Terminal');
   await page.waitForFunction(() => document.querySelector('.xterm-rows')?.innerText.includes('after-5'));
+  assert.equal(await terminalText(), shown);
   await typeInTerminal('echo again-$((3+4))');
   await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('again-7'));
+  assert.equal(await page.evaluate(() => window.brinmoorResets), 0);
+  await page.evaluate(() => (window.brinmoorTerminalTap = undefined));
+});
+
+test('a terminal another page made wider is replayed at that width, then fitted to this one', async () => {
+  // This page looks elsewhere meanwhile: a terminal in view gives the agent its own size.
+  await click('button[role=tab]', 'Tasks');
+  const context = await world.browser.createBrowserContext();
+  try {
+    const wide = await world.page(kDesktop, context);
+    await wide.goto(`${world.origin}/#token=${kToken}`);
+    await clickText(wide, '.project .project-name', 'App');
+    await clickText(wide, 'button[role=tab]', 'Terminal');
+    await wide.waitForSelector('.terminal-head .status-dot.online');
+    // Column 90 is on the line "left" starts only where the terminal is that wide.
+    await focusTerminal(wide);
+    await wide.keyboard.type("printf 'left\\e[90Gright\\n'");
+    await wide.keyboard.press('Enter');
+    await wide.waitForFunction(() => /left {80,}right/.test(document.querySelector('.xterm-rows').innerText));
+  } finally {
+    await context.close();
+  }
+  const rows = () => page.$$eval('.xterm-rows > div', (all) => all.map((row) => row.textContent.trimEnd()));
+  await page.reload();
+  await page.waitForFunction(() => window.brinmoor?.connection.state === 'open');
+  await click('button[role=tab]', 'Terminal');
+  await page.waitForSelector('.terminal-head .status-dot.online');
+  // Drawn at the wide page's width and rewrapped to this page's: the line "left" starts
+  // goes on over as many rows as it takes, "right" 89 columns after its start (drawn
+  // narrow, the line would end in "r" at this page's last column).
+  await page.waitForFunction(() => [...document.querySelectorAll('.xterm-rows > div')].some((row) => row.textContent.trim() === 'right'));
+  const cols = await page.evaluate(() => JSON.parse(localStorage.getItem('brinmoor.terminals'))[0].cols);
+  const line = 'left' + ' '.repeat(85) + 'right';
+  const wrapped = Array.from({ length: Math.ceil(line.length / cols) }, (_, i) => line.slice(i * cols, (i + 1) * cols).trimEnd());
+  const shown = await rows();
+  const left = shown.findIndex((row) => row.startsWith('left'));
+  assert.ok(cols >= 30 && cols < 89, String(cols));
+  assert.deepEqual(shown.slice(left, left + wrapped.length), wrapped, shown.join('\n'));
+});
+
+test('full screen, and a phone keyboard, give the terminal the whole window', async () => {
+  const shown = (selector) => page.$eval(selector, (e) => e.getBoundingClientRect().height > 0);
+  const hostHeight = () => page.$eval('.terminal-host', (e) => Math.round(e.getBoundingClientRect().height));
+  const before = await hostHeight();
+  assert.deepEqual([await shown('.topbar'), await shown('.tabs')], [true, true]);
+  await page.click('.terminal-head button[aria-label="Full screen"]');
+  await page.waitForFunction(() => document.querySelector('.tabs').getBoundingClientRect().height === 0);
+  assert.equal(await shown('.topbar'), false);
+  assert.ok((await hostHeight()) > before + 100);
+  assert.equal(await page.$eval('.terminal-head button.full-screen', (b) => [b.getAttribute('aria-label'), b.title].join(' / ')), 'Exit full screen / Exit full screen');
+  await shoot('terminal-full');
+  await page.click('.terminal-head button[aria-label="Exit full screen"]');
+  await page.waitForFunction(() => document.querySelector('.tabs').getBoundingClientRect().height > 0);
+  assert.equal(await hostHeight(), before);
+  // A keyboard that takes 400 pixels: the bars go, and the keys end above it.
+  await page.evaluate(() => {
+    Object.defineProperty(visualViewport, 'height', { configurable: true, get: () => innerHeight - 400 });
+    visualViewport.dispatchEvent(new Event('resize'));
+  });
+  await page.waitForFunction(() => document.querySelector('.tabs').getBoundingClientRect().height === 0);
+  assert.equal(await shown('.topbar'), false);
+  const keys = await page.$eval('.key-bar', (bar) => Math.round(bar.getBoundingClientRect().bottom));
+  assert.ok(keys <= 844 - 400, String(keys));
+  await page.evaluate(() => {
+    delete visualViewport.height;
+    visualViewport.dispatchEvent(new Event('resize'));
+  });
+  await page.waitForFunction(() => document.querySelector('.tabs').getBoundingClientRect().height > 0);
+  // Leaving the terminal leaves neither mode behind.
+  await page.click('.terminal-head button[aria-label="Full screen"]');
+  await page.waitForFunction(() => document.querySelector('.tabs').getBoundingClientRect().height === 0);
+  await page.evaluate(() => window.brinmoor.navigation.go({ tab: 'tasks' }));
+  await page.waitForFunction(() => document.querySelector('.tabs').getBoundingClientRect().height > 0);
+  assert.equal(await page.evaluate(() => /terminal-full|keyboard-open/.test(document.documentElement.className)), false);
+  await click('button[role=tab]', 'Terminal');
+  await page.waitForSelector('.terminal-head .status-dot.online');
 });
 
 test('a line-mode terminal completes a path, runs the line and keeps a history', async () => {

@@ -1,5 +1,6 @@
 import { describe, expect, it } from 'vitest';
 import type { ServerMessage } from '../src/protocol/messages';
+import { decodeServerMessage } from '../src/protocol/messages';
 import { AgentsStore } from '../src/stores/agents_store';
 import { ApprovalsStore, describeToolInput } from '../src/stores/approvals_store';
 import { Credentials } from '../src/stores/credentials';
@@ -325,6 +326,10 @@ describe('TerminalsStore', () => {
       store.handle(m({ type: 'terminal.output', agentId: 'mac', sessionId: session.sessionId, projectPath: 'App', data, snapshot }));
     out('before ');
     store.attachAll();
+    // What the relay gives a page that resumes, before the agent answers the attach, is in
+    // the replay.
+    out('resumed ');
+    store.handle(m({ type: 'terminal.opened', agentId: 'mac', sessionId: session.sessionId, projectPath: 'App', status: 'running' }));
     out('re', true);
     out('play', true);
     out(' live');
@@ -332,6 +337,65 @@ describe('TerminalsStore', () => {
     store.connect(session.sessionId, { output: (data, reset) => void seen.push(`${reset ? 'RESET:' : ''}${data}`) });
     out('!');
     expect(seen).toEqual(['RESET:replay live', '!']);
+  });
+
+  it('gives a replay the width its output was made for, and live output none', () => {
+    const { store, storage } = terminals();
+    const session = store.open('mac', 'App', 'interactive');
+    store.handle(m({ type: 'terminal.opened', agentId: 'mac', sessionId: session.sessionId, projectPath: 'App', status: 'running' }));
+    store.resize(session, 150, 40);
+    const seen: unknown[] = [];
+    const out = (data: string, snapshot?: boolean) =>
+      store.handle(m({ type: 'terminal.output', agentId: 'mac', sessionId: session.sessionId, projectPath: 'App', data, snapshot }));
+    store.connect(session.sessionId, { output: (data, reset, _rendered, cols) => void seen.push([data, reset, cols]) });
+    // After a reload: the width this page last gave the terminal, kept with the session.
+    const later = terminals(storage);
+    const kept = later.store.get(session.sessionId)!;
+    expect([kept.cols, kept.rows]).toEqual([150, 40]);
+    later.store.attachAll();
+    const laterSeen: unknown[] = [];
+    later.store.connect(session.sessionId, { output: (data, reset, _rendered, cols) => void laterSeen.push([data, reset, cols]) });
+    later.store.handle(m({ type: 'terminal.opened', agentId: 'mac', sessionId: session.sessionId, projectPath: 'App', status: 'running' }));
+    later.store.handle(m({ type: 'terminal.output', agentId: 'mac', sessionId: session.sessionId, projectPath: 'App', data: 'old', snapshot: true }));
+    expect(laterSeen).toEqual([['old', true, 150]]);
+    // The agent says the size the terminal has (another page may have resized it since).
+    store.attachAll();
+    store.handle(m({ type: 'terminal.opened', agentId: 'mac', sessionId: session.sessionId, projectPath: 'App', status: 'running', cols: 44, rows: 30 }));
+    out('re', true);
+    out('play', true);
+    out('live');
+    expect(seen).toEqual([
+      ['re', true, 44],
+      ['play', false, 44],
+      ['live', false, undefined],
+    ]);
+    // A size that is no size is not taken.
+    const decoded = decodeServerMessage(JSON.stringify({ type: 'terminal.opened', agentId: 'mac', sessionId: 'S', projectPath: 'App', status: 'running', cols: 0, rows: 30 }));
+    expect(decoded).toEqual({ type: 'terminal.opened', agentId: 'mac', sessionId: 'S', projectPath: 'App', status: 'running' });
+  });
+
+  it('takes from a resuming relay neither output nor answers from before its attach', () => {
+    const { store } = terminals();
+    const session = store.open('mac', 'App', 'interactive');
+    const seen: unknown[] = [];
+    store.connect(session.sessionId, { output: (data, reset, _rendered, cols) => void seen.push([data, reset, cols]) });
+    const said = (seq: number, message: Record<string, unknown>) =>
+      store.handle(m({ agentId: 'mac', sessionId: session.sessionId, projectPath: 'App', seq, ...message }));
+    store.handle(m({ type: 'server.hello', agents: [{ agentId: 'mac', busy: false, registration: null, online: true, seq: 10, snapshot: { tasks: [], proposal: null, terminals: [], queue: [] } }] }));
+    store.attachAll();
+    // The relay gives what came since the page's last message: all of it is older.
+    said(5, { type: 'terminal.output', data: 'typed', offset: 5 });
+    said(7, { type: 'terminal.opened', status: 'running', cols: 50, rows: 20 });
+    said(8, { type: 'terminal.output', data: 'another page', snapshot: true });
+    said(9, { type: 'terminal.output', data: 'more typed', offset: 9 });
+    // Then the answer to this attach, its replay, and what is new.
+    said(11, { type: 'terminal.opened', status: 'running', cols: 142, rows: 45 });
+    said(12, { type: 'terminal.output', data: 'replay', snapshot: true });
+    said(13, { type: 'terminal.output', data: 'new', offset: 20 });
+    expect(seen).toEqual([
+      ['replay', true, 142],
+      ['new', false, undefined],
+    ]);
   });
 
   it('encodes input as UTF-8 base64', () => {

@@ -130,7 +130,8 @@ export type ServerMessage =
   | ({ type: 'task.proposal_ready' } & TaskMessage & Proposal)
   | ({ type: 'task.awaiting_approval' } & TaskMessage & Proposal)
   | ({ type: 'projects.listed'; projects: FoundProject[] } & FromAgent)
-  | ({ type: 'terminal.opened'; status: string; mode?: string } & TerminalMessage)
+  // An attach's answer says the size of the terminal (an interactive one) when it has one.
+  | ({ type: 'terminal.opened'; status: string; mode?: string; cols?: number; rows?: number } & TerminalMessage)
   // "offset": the session's output so far, this piece included, in UTF-16 code units; only
   // live output has it.
   | ({ type: 'terminal.output'; data: string; snapshot?: boolean; offset?: number } & TerminalMessage)
@@ -420,6 +421,9 @@ export function decodeServerMessage(text: string): ServerMessage | null {
     delete message.fileChoice;
   } else if (type === 'permission.resolved' && message.decision !== 'allow' && message.decision !== 'deny') {
     return null;
+  } else if (type === 'terminal.opened' && !(isLineNumber(message.cols) && isLineNumber(message.rows))) {
+    delete message.cols;
+    delete message.rows;
   } else if (type === 'task.log' && message.number !== undefined && !isLineNumber(message.number)) {
     delete message.number;
   } else if (type === 'task.output' && !decodeTaskOutput(message)) {

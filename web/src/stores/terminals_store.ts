@@ -12,6 +12,9 @@ export interface TerminalSession {
   status: 'opening' | 'running' | 'closed';
   exitCode?: number;
   message: string; // the agent's latest status or error text
+  // The size the page last gave the agent's terminal: what its output was made for.
+  cols?: number;
+  rows?: number;
   // Output characters the terminal has processed (its write callbacks), what the
   // benchmark measures; the relay is paced by the offsets of the output instead.
   processed?: number;
@@ -21,8 +24,10 @@ export type Completion = Omit<MessageOf<'terminal.completion'>, 'type' | 'agentI
 
 export interface TerminalSink {
   // `reset` is true for the first piece of a replay: what the view showed is replaced.
-  // The view calls `rendered` once its terminal has processed the piece.
-  output(data: string, reset: boolean, rendered: () => void): void;
+  // The view calls `rendered` once its terminal has processed the piece. A piece of a
+  // replay has `replayCols`, the width the terminal had when the replay was asked for
+  // (none when the page never gave it one): what its output was made for.
+  output(data: string, reset: boolean, rendered: () => void, replayCols?: number): void;
   completion?(completion: Completion): void;
 }
 
@@ -69,8 +74,17 @@ export function encodeBase64(text: string): string {
 export class TerminalsStore extends Observable {
   private readonly sessions = new Map<string, TerminalSession>();
   private readonly sinks = new Map<string, TerminalSink>();
-  private readonly held = new Map<string, { data: string[]; bytes: number; reset: boolean; offset?: number }>();
+  private readonly held = new Map<string, { data: string[]; bytes: number; reset: boolean; offset?: number; replayCols?: number }>();
   private readonly replaying = new Set<string>();
+  // Sessions attached and not answered yet, with the seq of their agent's newest message
+  // when the attach went out: what came before (what the relay gives a page that resumes)
+  // is in the replay that follows the answer, and an answer to another attach says
+  // nothing of this one.
+  private readonly awaitingAnswer = new Map<string, number>();
+  // The seq of each agent's newest message this page knows of.
+  private readonly newest = new Map<string, number>();
+  // The width each session had when its replay was asked for.
+  private readonly replayCols = new Map<string, number | undefined>();
   private readonly paces = new Map<string, Pace>();
   // Sessions whose view went away (another tab): a new view starts from a fresh replay.
   private readonly left = new Set<string>();
@@ -83,7 +97,9 @@ export class TerminalsStore extends Observable {
   ) {
     super();
     for (const saved of readJSON<TerminalSession[]>(storage, kSessionsKey, [])) {
-      if (typeof saved?.sessionId === 'string') this.sessions.set(saved.sessionId, { ...saved, status: 'opening', message: '' });
+      if (typeof saved?.sessionId !== 'string') continue;
+      const size = (n: unknown) => (Number.isInteger(n) && (n as number) > 0 ? (n as number) : undefined);
+      this.sessions.set(saved.sessionId, { ...saved, cols: size(saved.cols), rows: size(saved.rows), status: 'opening', message: '' });
     }
   }
 
@@ -134,7 +150,7 @@ export class TerminalsStore extends Observable {
     if (held) {
       this.held.delete(sessionId);
       const data = held.data.join('');
-      sink.output(data, held.reset, this.renderedCallback(sessionId, data.length, held.offset));
+      sink.output(data, held.reset, this.renderedCallback(sessionId, data.length, held.offset), held.replayCols);
     }
     return () => {
       if (this.sinks.get(sessionId) !== sink) return;
@@ -153,7 +169,13 @@ export class TerminalsStore extends Observable {
   }
 
   resize(session: TerminalSession, cols: number, rows: number): boolean {
-    return this.command(session, 'terminal.resize', { cols, rows });
+    if (!this.command(session, 'terminal.resize', { cols, rows })) return false;
+    if (session.cols !== cols || session.rows !== rows) {
+      session.cols = cols;
+      session.rows = rows;
+      this.save();
+    }
+    return true;
   }
 
   signal(session: TerminalSession, signal: 'interrupt' | 'terminate' | 'kill'): boolean {
@@ -178,16 +200,35 @@ export class TerminalsStore extends Observable {
     if (message.type === 'server.hello') {
       // A new connection: the relay paces nothing for it until told again.
       for (const pace of this.paces.values()) pace.acked = undefined;
+      for (const agent of message.agents) this.noteSeq(agent.agentId, agent.seq);
       for (const agent of message.agents) this.applySnapshot(agent.agentId, agent.snapshot);
       return;
     }
+    if (message.type === 'agent.online') {
+      // An attach the agent never had (it was away) is asked again.
+      for (const session of this.sessions.values()) {
+        if (session.agentId === message.agentId && this.awaitingAnswer.has(session.sessionId)) this.attach(session);
+      }
+      return;
+    }
     if (message.type === 'resume.gap') {
+      this.noteSeq(message.agentId, message.seq);
       for (const session of this.applySnapshot(message.agentId, message.snapshot)) this.attach(session);
       return;
     }
     if (!message.type.startsWith('terminal.') || !('sessionId' in message)) return;
+    const seq = 'seq' in message && typeof message.seq === 'number' ? message.seq : undefined;
+    if (seq !== undefined) this.noteSeq(message.agentId, seq);
     const session = this.sessions.get(message.sessionId);
     if (!session) return;
+    const before = this.awaitingAnswer.get(session.sessionId);
+    if (before !== undefined) {
+      // Until the attach is answered, output is what the replay after the answer holds (or
+      // another attach's replay), and an answer from before the attach is another's.
+      if (message.type === 'terminal.output') return;
+      if (message.type === 'terminal.opened' && seq !== undefined && seq <= before) return;
+      if (message.type !== 'terminal.status' && message.type !== 'terminal.completion') this.awaitingAnswer.delete(session.sessionId);
+    }
     switch (message.type) {
       case 'terminal.output':
         this.deliver(session.sessionId, message.data, message.snapshot === true, message.offset);
@@ -195,6 +236,9 @@ export class TerminalsStore extends Observable {
       case 'terminal.opened':
         session.status = 'running';
         session.message = '';
+        // The replay that follows was made for the terminal's size, not for the one this
+        // page last gave it (another page may have given it since).
+        if (message.cols !== undefined && this.replaying.has(session.sessionId)) this.replayCols.set(session.sessionId, message.cols);
         break;
       case 'terminal.status':
         session.message = message.message;
@@ -220,6 +264,10 @@ export class TerminalsStore extends Observable {
     this.changed();
   }
 
+  private noteSeq(agentId: string, seq: number): void {
+    if (seq > (this.newest.get(agentId) ?? 0)) this.newest.set(agentId, seq);
+  }
+
   forget(): void {
     this.sessions.clear();
     this.storage.removeItem(kSessionsKey);
@@ -228,6 +276,8 @@ export class TerminalsStore extends Observable {
 
   private attach(session: TerminalSession): void {
     this.replaying.add(session.sessionId);
+    this.awaitingAnswer.set(session.sessionId, this.newest.get(session.agentId) ?? 0);
+    this.replayCols.set(session.sessionId, session.cols);
     this.sender.terminal('terminal.attach', session.agentId, { sessionId: session.sessionId });
   }
 
@@ -296,8 +346,10 @@ export class TerminalsStore extends Observable {
   }
 
   private deliver(sessionId: string, data: string, snapshot: boolean, offset: number | undefined): void {
+    if (!snapshot && this.awaitingAnswer.has(sessionId)) return;
     const reset = snapshot && this.replaying.delete(sessionId);
     if (!snapshot) this.replaying.delete(sessionId);
+    const replayCols = snapshot ? this.replayCols.get(sessionId) : undefined;
     const sink = this.sinks.get(sessionId);
     if (sink) {
       if (offset !== undefined) {
@@ -305,12 +357,14 @@ export class TerminalsStore extends Observable {
         pace.received = Math.max(pace.received ?? offset, offset);
         if (pace.rendered !== undefined) this.scheduleAcks();
       }
-      sink.output(data, reset, this.renderedCallback(sessionId, data.length, offset));
+      sink.output(data, reset, this.renderedCallback(sessionId, data.length, offset), replayCols);
       return;
     }
     let held = this.held.get(sessionId);
+    // What is held is shown at one width: live output after a replay is shown at the
+    // replay's, and the view's next output brings it to its own.
     if (!held || reset) {
-      held = { data: [], bytes: 0, reset };
+      held = { data: [], bytes: 0, reset, replayCols };
       this.held.set(sessionId, held);
     }
     held.data.push(data);
@@ -326,7 +380,7 @@ export class TerminalsStore extends Observable {
   private save(): void {
     const open = [...this.sessions.values()]
       .filter((s) => s.status !== 'closed')
-      .map(({ sessionId, agentId, projectPath, mode }) => ({ sessionId, agentId, projectPath, mode }));
+      .map(({ sessionId, agentId, projectPath, mode, cols, rows }) => ({ sessionId, agentId, projectPath, mode, cols, rows }));
     this.storage.setItem(kSessionsKey, JSON.stringify(open));
   }
 }

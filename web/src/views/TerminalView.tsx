@@ -1,11 +1,8 @@
 import '@xterm/xterm/css/xterm.css';
-import { FitAddon } from '@xterm/addon-fit';
-import { Terminal } from '@xterm/xterm';
 import { useEffect, useRef, useState } from 'preact/hooks';
-import { withAdoptedStyles } from '../lib/adopted_styles';
-import { openOutside } from '../lib/outside_links';
-import { skipEmptySelectionRedraws } from '../lib/terminal_redraws';
+import { terminalController, type TerminalController } from '../lib/terminal_controller';
 import { useStores } from '../lib/use_store';
+import { Icon } from './icons';
 import type { Completion, TerminalSession } from '../stores/terminals_store';
 import type { ProjectProps } from './ProjectView';
 
@@ -31,6 +28,33 @@ const kKeys: { label: string; data?: string; ctrl?: true; name: string }[] = [
   { label: '/', data: '/', name: 'Slash' },
 ];
 
+// A keyboard on the screen takes at least this much of the window's height.
+const kKeyboardPx = 120;
+
+// While the terminal is shown: "full screen" (asked for) and "keyboard open" (a phone's
+// keyboard takes the lower half) give the terminal the whole window, the top bar and the
+// tab bar hidden, and the height the keyboard leaves.
+function useScreenModes(full: boolean) {
+  useEffect(() => {
+    const root = document.documentElement;
+    root.classList.toggle('terminal-full', full);
+    const viewport = window.visualViewport;
+    const measure = () => {
+      const open = !!viewport && window.innerHeight - viewport.height >= kKeyboardPx;
+      root.classList.toggle('keyboard-open', open);
+      if (open) root.style.setProperty('--visible-height', `${viewport!.height}px`);
+      else root.style.removeProperty('--visible-height');
+    };
+    measure();
+    viewport?.addEventListener('resize', measure);
+    return () => {
+      viewport?.removeEventListener('resize', measure);
+      root.classList.remove('terminal-full', 'keyboard-open');
+      root.style.removeProperty('--visible-height');
+    };
+  }, [full]);
+}
+
 // Ctrl with a key: the control character of a letter (and of the few others that have one).
 export function withControl(data: string): string {
   if (data.length !== 1) return data;
@@ -39,18 +63,6 @@ export function withControl(data: string): string {
   if (data === ' ') return '\x00';
   if (data === '?') return '\x7f';
   return data;
-}
-
-// The browser tests check every byte a terminal is given through this function, which
-// only they define.
-type TerminalTap = (sessionId: string, data: string, reset: boolean) => void;
-const testTap = (): TerminalTap | undefined => (globalThis as { brinmoorTerminalTap?: TerminalTap }).brinmoorTerminalTap;
-
-function theme() {
-  const dark = matchMedia('(prefers-color-scheme: dark)').matches;
-  return dark
-    ? { background: '#101217', foreground: '#d8dde6', cursor: '#8ab4ff', selectionBackground: '#33415c' }
-    : { background: '#fbfbfc', foreground: '#1d2330', cursor: '#3b5bdb', selectionBackground: '#c9d6ff' };
 }
 
 // The project's terminal: an interactive shell on the agent's pty in xterm.js, or a
@@ -78,11 +90,13 @@ export default function TerminalView({ state, agentId, projectPath }: ProjectPro
 
 function TerminalScreen({ state, session }: { state: State; session: TerminalSession }) {
   const host = useRef<HTMLDivElement>(null);
-  const terminal = useRef<Terminal | null>(null);
+  const controller = useRef<TerminalController | null>(null);
   const [title, setTitle] = useState('');
   const [ctrl, setCtrl] = useState(false);
   const ctrlRef = useRef(false);
   const [completion, setCompletion] = useState<Completion | null>(null);
+  const [full, setFull] = useState(false);
+  useScreenModes(full);
   const interactive = session.mode === 'interactive';
   const running = session.status === 'running';
 
@@ -96,64 +110,22 @@ function TerminalScreen({ state, session }: { state: State; session: TerminalSes
   };
 
   useEffect(() => {
-    const term = withAdoptedStyles(document, () => new Terminal({
-      fontFamily: 'ui-monospace, "SF Mono", Menlo, "DejaVu Sans Mono", monospace',
-      fontSize: matchMedia('(max-width: 600px)').matches ? 12 : 13,
-      cursorBlink: interactive,
-      disableStdin: !interactive,
-      // A line-mode shell has no terminal to turn its line ends into CR LF.
-      convertEol: !interactive,
-      scrollback: 5000,
-      theme: theme(),
-      allowProposedApi: false,
-      // A program's hyperlink (OSC 8) opens outside the app, never into it.
-      linkHandler: { activate: (_event, uri) => openOutside(uri) },
-    }));
-    const fit = new FitAddon();
-    term.loadAddon(fit);
-    withAdoptedStyles(document, () => term.open(host.current!));
-    if (!skipEmptySelectionRedraws(term)) console.warn('Brinmoor Web: this xterm.js draws every row twice while output scrolls');
-    terminal.current = term;
-    const refit = () => {
-      try {
-        fit.fit();
-      } catch {
-        // not laid out yet
-      }
-    };
-    refit();
-    const subscriptions = [
-      term.onData((data) => send(data)),
-      term.onResize(({ cols, rows }) => state.terminals.resize(session, cols, rows)),
-      // A title set by a program is shown as text, never as markup.
-      term.onTitleChange((text) => setTitle(text)),
-    ];
-    const disconnect = state.terminals.connect(session.sessionId, {
-      output: (data, reset, rendered) => {
-        if (reset) term.reset();
-        testTap()?.(session.sessionId, data, reset);
-        term.write(data, rendered);
-      },
-      completion: (answer) => setCompletion(answer),
-    });
-    const observer = new ResizeObserver(refit);
-    observer.observe(host.current!);
-    window.addEventListener('orientationchange', refit);
-    if (interactive) term.focus();
+    const kept = terminalController(state.terminals, session);
+    controller.current = kept;
+    setTitle(kept.title);
+    kept.listener = { data: send, title: setTitle, completion: setCompletion };
+    const unmount = kept.mount(host.current!);
+    if (interactive) kept.focus();
     return () => {
-      disconnect();
-      observer.disconnect();
-      window.removeEventListener('orientationchange', refit);
-      subscriptions.forEach((s) => s.dispose());
-      term.dispose();
-      terminal.current = null;
+      kept.listener = {};
+      unmount();
+      controller.current = null;
     };
   }, [session.sessionId]);
 
   // Once the agent has the session, it learns the size the page shows.
   useEffect(() => {
-    const term = terminal.current;
-    if (running && term) state.terminals.resize(session, term.cols, term.rows);
+    if (running) controller.current?.sizeToAgent();
   }, [running]);
 
   return (
@@ -170,6 +142,14 @@ function TerminalScreen({ state, session }: { state: State; session: TerminalSes
         </button>
         <button class="secondary small" onClick={() => state.terminals.close(session)} disabled={!running}>
           Close
+        </button>
+        <button
+          class="secondary small full-screen"
+          aria-label={full ? 'Exit full screen' : 'Full screen'}
+          title={full ? 'Exit full screen' : 'Full screen'}
+          onClick={() => setFull(!full)}
+        >
+          <Icon name={full ? 'shrink' : 'expand'} />
         </button>
       </header>
       <div class="terminal-host" ref={host} />
@@ -189,7 +169,7 @@ function TerminalScreen({ state, session }: { state: State; session: TerminalSes
                 } else {
                   send(key.data!);
                 }
-                terminal.current?.focus();
+                controller.current?.focus();
               }}
             >
               {key.label}
@@ -202,7 +182,7 @@ function TerminalScreen({ state, session }: { state: State; session: TerminalSes
           session={session}
           completion={completion}
           onCompleted={() => setCompletion(null)}
-          echo={(line) => terminal.current?.write(`\x1b[1;34m›\x1b[0m ${line.replace(/\x1b/g, '^[')}\r\n`)}
+          echo={(line) => controller.current?.echo(line)}
         />
       )}
     </div>
