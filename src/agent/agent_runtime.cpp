@@ -66,6 +66,8 @@ AgentRuntime::AgentRuntime(SettingsStore& defaults, Environment env, Machine mac
     m_reconnectTimer.setTimerType(Qt::PreciseTimer);
     m_reconnectTimer.setInterval(intervals.reconnectMilliseconds);
     connect(&m_reconnectTimer, &QTimer::timeout, this, &AgentRuntime::attemptConnect);
+    // The list of kept tasks says which cancellation was the time limit's.
+    connect(m_runner.get(), &ProcessRunner::timeLimitReached, &m_taskOutput, &TaskOutputStore::markTimedOut);
     m_connectTimeout.setSingleShot(true);
     m_connectTimeout.setInterval(intervals.connectTimeoutMilliseconds);
     connect(&m_connectTimeout, &QTimer::timeout, this, [this, intervals] {

@@ -40,6 +40,8 @@ QJsonObject kept(const QString& readId, const QList<KeptTask>& tasks)
             entry.insert(QStringLiteral("endedAt"), task.endedAt);
         if (!task.conversationId.isEmpty())
             entry.insert(QStringLiteral("conversationId"), task.conversationId);
+        if (task.timedOut)
+            entry.insert(QStringLiteral("timedOut"), true);
         list.append(entry);
     }
     return {{QStringLiteral("type"), QStringLiteral("tasks.kept")},

@@ -207,8 +207,10 @@ void ProcessRunner::launchTask(const QString& shell)
 
 void ProcessRunner::onTimeLimit(const QString& taskId)
 {
-    if (m_currentTaskId == taskId && m_child && m_child->isRunning())
-        stopRunningProcessIfAny(true);
+    if (m_currentTaskId != taskId || !m_child || !m_child->isRunning())
+        return;
+    Q_EMIT timeLimitReached(taskId);
+    stopRunningProcessIfAny(true);
 }
 
 void ProcessRunner::onStandardOutput(const QString& text)

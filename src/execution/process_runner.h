@@ -108,6 +108,8 @@ public:
 Q_SIGNALS:
     // The current task is forgotten (cleanupFinishedTask): its end, if any, is said.
     void taskEnded();
+    // The task's time limit is reached: it is stopped, and ends as a cancellation.
+    void timeLimitReached(const QString& taskId);
 
 private:
     struct TaskOutput;

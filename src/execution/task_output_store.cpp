@@ -35,6 +35,8 @@ QJsonObject toJson(const KeptTask& task)
         object.insert(QStringLiteral("exitCode"), *task.exitCode);
     if (task.endedAt > 0)
         object.insert(QStringLiteral("endedAt"), task.endedAt);
+    if (task.timedOut)
+        object.insert(QStringLiteral("timedOut"), true);
     return object;
 }
 
@@ -53,6 +55,7 @@ KeptTask fromJson(const QJsonObject& object)
     task.lines = qint64(object.value(QStringLiteral("lines")).toDouble());
     task.keptLines = qint64(object.value(QStringLiteral("keptLines")).toDouble());
     task.bytes = qint64(object.value(QStringLiteral("bytes")).toDouble());
+    task.timedOut = object.value(QStringLiteral("timedOut")).toBool();
     return task;
 }
 
@@ -338,6 +341,12 @@ void TaskOutputStore::flush()
         save();
 }
 
+void TaskOutputStore::markTimedOut(const QString& taskId)
+{
+    if (!m_running.isEmpty() && taskId == m_running)
+        m_tasks.last().timedOut = true;
+}
+
 void TaskOutputStore::end(const QString& taskId, const QString& status, std::optional<int> exitCode)
 {
     if (m_running.isEmpty() || taskId != m_running)
@@ -348,6 +357,7 @@ void TaskOutputStore::end(const QString& taskId, const QString& status, std::opt
     KeptTask& task = m_tasks.last();
     task.status = status;
     task.exitCode = exitCode;
+    task.timedOut = task.timedOut && status == QLatin1String("cancelled");
     task.endedAt = QDateTime::currentMSecsSinceEpoch();
     save();
 }

@@ -21,11 +21,12 @@ struct KeptTask {
     QString conversationId; // chats only
     QString status;         // "running", "finished", "failed", "cancelled" or "lost"
     std::optional<int> exitCode;
-    qint64 startedAt = 0; // milliseconds since 1970
-    qint64 endedAt = 0;   // 0 while it runs
-    qint64 lines = 0;     // lines numbered so far
-    qint64 keptLines = 0; // of which the file holds the first so many
-    qint64 bytes = 0;     // what the file takes
+    qint64 startedAt = 0;  // milliseconds since 1970
+    qint64 endedAt = 0;    // 0 while it runs
+    qint64 lines = 0;      // lines numbered so far
+    qint64 keptLines = 0;  // of which the file holds the first so many
+    qint64 bytes = 0;      // what the file takes
+    bool timedOut = false; // cancelled because it reached its time limit
 };
 
 // Some lines of a task's kept output, as a read found them.
@@ -63,6 +64,8 @@ public:
     void begin(const KeptTask& task);
     // A line of the running task's output; its number, or none for a task not running.
     std::optional<qint64> append(const QString& taskId, QStringView line);
+    // The running task reached its time limit: the cancellation that follows is its end.
+    void markTimedOut(const QString& taskId);
     // The running task ended (the first end counts).
     void end(const QString& taskId, const QString& status, std::optional<int> exitCode);
     // The tasks kept, newest first.

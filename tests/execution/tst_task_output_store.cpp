@@ -75,6 +75,30 @@ private Q_SLOTS:
         QCOMPARE(page.lines.last(), QStringLiteral("10000"));
     }
 
+    void remembersATaskCancelledAtItsTimeLimit()
+    {
+        QTemporaryDir folder;
+        {
+            TaskOutputStore store(folder.path(), 20, 1 << 20);
+            store.begin(kept(QStringLiteral("limit")));
+            store.markTimedOut(QStringLiteral("other"));
+            store.markTimedOut(QStringLiteral("limit"));
+            store.end(QStringLiteral("limit"), QStringLiteral("cancelled"), 15);
+            // Marked, but it ended otherwise before the stop took: no time-out.
+            store.begin(kept(QStringLiteral("raced")));
+            store.markTimedOut(QStringLiteral("raced"));
+            store.end(QStringLiteral("raced"), QStringLiteral("finished"), 0);
+            store.begin(kept(QStringLiteral("asked")));
+            store.end(QStringLiteral("asked"), QStringLiteral("cancelled"), 15);
+        }
+        // Kept across a restart of the agent.
+        TaskOutputStore store(folder.path(), 20, 1 << 20);
+        QList<bool> timedOut;
+        for (const KeptTask& task : store.tasks())
+            timedOut.append(task.timedOut);
+        QCOMPARE(timedOut, (QList<bool>{false, false, true}));
+    }
+
     void findsLinesThatHoldAText()
     {
         QTemporaryDir folder;

@@ -121,8 +121,8 @@ test('a task ends as Finished, Failed · exit N, Cancelled, Timed out or Rejecte
   await clickText(fresh, '.project .project-name', 'App');
   await clickText(fresh, 'button[role=tab] .tab-label', 'Tasks');
   await fresh.waitForFunction(() => document.querySelectorAll('.task-history .task-state').length === 4);
-  // The agent cancels a task at its time limit as it cancels one it is asked to.
-  assert.deepEqual(await texts('.task-history .task-state', fresh), ['Cancelled', 'Cancelled', 'Failed · exit 3', 'Finished']);
+  // The agent's list says which cancellation was the time limit's.
+  assert.deepEqual(await texts('.task-history .task-state', fresh), ['Timed out', 'Cancelled', 'Failed · exit 3', 'Finished']);
   await clickText(fresh, '.task-history .task-state', 'Finished');
   await waitForText(fresh, '.task-detail .task-status', 'Finished');
   await pageSettled(fresh);

@@ -412,6 +412,8 @@ describe('TasksStore with an agent that keeps output', () => {
       mac: [
         { taskId: 'A', kind: 'shell', projectPath: '/r', status: 'finished', exitCode: 0, startedAt: 100, endedAt: 200, lines: 1 },
         { taskId: 'B', kind: 'shell', projectPath: '/r', status: 'finished', exitCode: 0, startedAt: 100, endedAt: 200, lines: 1 },
+        { taskId: 'C', kind: 'shell', projectPath: '/r', status: 'cancelled', exitCode: 15, startedAt: 100, endedAt: 1100, lines: 0, timedOut: true },
+        { taskId: 'D', kind: 'shell', projectPath: '/r', status: 'cancelled', exitCode: 15, startedAt: 100, endedAt: 700_000, lines: 0 },
       ],
     });
     tasks.handle(m({ type: 'task.started', agentId: 'mac', taskId: 'A', seq: 20 }));
@@ -421,6 +423,8 @@ describe('TasksStore with an agent that keeps output', () => {
     await new Promise((resolve) => setTimeout(resolve, 0));
     expect([tasks.get('A')!.status, tasks.get('A')!.endedAt]).toEqual(['finished', 200]);
     expect(tasks.get('B')!.status).toBe('cancelled');
+    // The agent says which cancellation was its time limit's, however long the task ran.
+    expect([taskStatusText(tasks.get('C')!), taskStatusText(tasks.get('D')!)]).toEqual(['Timed out', 'Cancelled']);
   });
 });
 
@@ -448,13 +452,17 @@ describe('the messages of kept output', () => {
       expect(decodeServerMessage(`{"type":"task.output","agentId":"a","taskId":"T",${bad}}`)).toBeNull();
     }
     const kept = decodeServerMessage(
-      '{"type":"tasks.kept","agentId":"a","requestId":"R","tasks":[{"taskId":"T","kind":"shell","projectPath":"/p","status":"finished","exitCode":0,"startedAt":5,"endedAt":9,"lines":3},{"taskId":"U","status":"queued"},7]}',
+      '{"type":"tasks.kept","agentId":"a","requestId":"R","tasks":[{"taskId":"T","kind":"shell","projectPath":"/p","status":"finished","exitCode":0,"startedAt":5,"endedAt":9,"lines":3},{"taskId":"U","status":"queued"},7,{"taskId":"V","status":"cancelled","timedOut":true,"lines":0},{"taskId":"W","status":"failed","timedOut":true,"lines":0}]}',
     );
     expect(kept).toEqual({
       type: 'tasks.kept',
       agentId: 'a',
       requestId: 'R',
-      tasks: [{ taskId: 'T', kind: 'shell', projectPath: '/p', status: 'finished', exitCode: 0, startedAt: 5, endedAt: 9, lines: 3 }],
+      tasks: [
+        { taskId: 'T', kind: 'shell', projectPath: '/p', status: 'finished', exitCode: 0, startedAt: 5, endedAt: 9, lines: 3 },
+        { taskId: 'V', kind: '', projectPath: '', status: 'cancelled', lines: 0, timedOut: true },
+        { taskId: 'W', kind: '', projectPath: '', status: 'failed', lines: 0 },
+      ],
     });
   });
 

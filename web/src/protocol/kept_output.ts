@@ -33,6 +33,7 @@ export interface KeptTask {
   endedAt?: number;
   lines: number;
   conversationId?: string;
+  timedOut?: true; // cancelled at its time limit
 }
 
 // The most lines one read may ask for.
@@ -73,7 +74,7 @@ export function decodeKeptTasks(value: unknown): KeptTask[] {
   const tasks: KeptTask[] = [];
   for (const raw of value) {
     if (typeof raw !== 'object' || raw === null || Array.isArray(raw)) continue;
-    const { taskId, kind, projectPath, status, exitCode, startedAt, endedAt, lines, conversationId } = raw as Record<string, unknown>;
+    const { taskId, kind, projectPath, status, exitCode, startedAt, endedAt, lines, conversationId, timedOut } = raw as Record<string, unknown>;
     if (typeof taskId !== 'string' || typeof status !== 'string' || !kKeptStatuses.includes(status)) continue;
     const task: KeptTask = {
       taskId,
@@ -86,6 +87,7 @@ export function decodeKeptTasks(value: unknown): KeptTask[] {
     if (isTime(startedAt)) task.startedAt = startedAt;
     if (isTime(endedAt)) task.endedAt = endedAt;
     if (typeof conversationId === 'string') task.conversationId = conversationId;
+    if (timedOut === true && status === 'cancelled') task.timedOut = true;
     tasks.push(task);
   }
   return tasks;

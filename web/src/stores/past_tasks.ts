@@ -11,6 +11,7 @@ interface Merged {
   startedAt?: number;
   endedAt?: number;
   conversationId?: string;
+  timedOut?: boolean;
 }
 
 const kEnded: readonly string[] = ['finished', 'failed', 'cancelled', 'lost'];
@@ -28,6 +29,7 @@ export function mergeKept<T extends Merged>(task: T, kept: KeptTask, known: bool
   if (kept.startedAt !== undefined) task.startedAt = kept.startedAt;
   if (kept.endedAt !== undefined) task.endedAt = kept.endedAt;
   if (kept.conversationId !== undefined) task.conversationId = kept.conversationId;
+  if (kept.timedOut) task.timedOut = true;
   const pageEnded = kEnded.includes(task.status);
   const take = !known || (!endSeen && !pageEnded && (kEnded.includes(kept.status) || task.status === 'starting'));
   if (!take) return;

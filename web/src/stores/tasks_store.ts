@@ -47,10 +47,12 @@ export interface TaskTimes {
   awaitingAt?: number; // when its proposal began to wait for a review
   endedAt?: number;
   cancelAsked?: boolean; // this page asked the agent to cancel it
+  timedOut?: boolean; // the agent says it cancelled it at its time limit
 }
 
 // How a task ended, in the words a person reads: the agent cancels a task that reached its
-// time limit as it cancels one it was asked to, and fails a proposal that was rejected.
+// time limit as it cancels one it was asked to (its list of kept tasks tells them apart;
+// the page guesses for an agent that keeps none), and fails a proposal that was rejected.
 export type TaskEnd = 'finished' | 'cancelled' | 'timed_out' | 'rejected' | 'failed' | 'lost';
 
 export interface Task extends TaskTimes {
@@ -145,7 +147,7 @@ export function taskEnd(task: Task): TaskEnd | null {
     case 'lost':
       return task.status;
     case 'cancelled':
-      return !task.cancelAsked && reachedLimit(task, task.startedAt) ? 'timed_out' : 'cancelled';
+      return task.timedOut || (!task.cancelAsked && reachedLimit(task, task.startedAt)) ? 'timed_out' : 'cancelled';
     case 'failed':
       if (task.errorCode !== 'APPROVAL_REJECTED') return 'failed';
       // Nobody deciding in time counts as a rejection too.
