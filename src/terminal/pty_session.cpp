@@ -321,14 +321,25 @@ void PtySession::deliver(const QByteArray& data)
     // A character cut by the read waits for the next one; a read that is not UTF-8
     // at all is dropped.
     const std::optional<QString> text = m_decoder.decode(data.constData(), data.size());
-    if (!text || text->isEmpty())
+    if (text)
+        keep(*text);
+}
+
+void PtySession::echo(const QString& text)
+{
+    keep(text);
+}
+
+void PtySession::keep(const QString& text)
+{
+    if (text.isEmpty())
         return;
     if (m_buffer.size() >= kMaxBufferedChunks)
         m_buffer.erase(m_buffer.begin(), m_buffer.end() - (kMaxBufferedChunks - 1));
-    m_buffer.append(*text);
-    m_outputOffset += text->size();
+    m_buffer.append(text);
+    m_outputOffset += text.size();
     touch();
-    Q_EMIT output(*text);
+    Q_EMIT output(text);
 }
 
 void PtySession::onFinished(int exitCode, bool crashed)

@@ -90,6 +90,9 @@ public:
     // The owner is done with the session: it deletes itself once its shell is reaped.
     void release();
 
+    // Output of the agent's own (a line-mode command as it was given), delivered as the
+    // terminal's is: kept for a replay and counted in the offsets.
+    void echo(const QString& text);
     // The replay buffer: the newest output chunks, oldest first.
     const QStringList& buffer() const { return m_buffer; }
     // How much output has been delivered so far, in UTF-16 code units.
@@ -101,6 +104,7 @@ public:
     // listened) counts as rendered, or no client could ever catch up with it.
     void countOutputAsRendered() { m_renderedFloor = m_outputOffset; }
     QString currentDirectory;
+    QString unfinishedLine; // line-mode input after its last line end, not echoed yet
     QDateTime startedAt;
     QDateTime updatedAt;
     void touch() { updatedAt = QDateTime::currentDateTimeUtc(); }
@@ -130,6 +134,8 @@ private:
     // returns how much was read and tells whether the terminal has ended.
     qsizetype readAvailable(qsizetype limit, bool* ended);
     void deliver(const QByteArray& data);
+    // Into the replay buffer and out as output.
+    void keep(const QString& text);
     void onFinished(int exitCode, bool crashed);
     void stopReading();
     void closeMaster();

@@ -20,6 +20,29 @@ namespace {
 
 const QString kNotFound = QStringLiteral("Terminal session not found.");
 
+// The echo of line-mode input: each whole line after a bold blue "›", its control
+// characters shown as ^X so that no command can steer the terminal that shows it. What
+// follows the last line end waits in `unfinished` for the rest of its line.
+QString lineModeEcho(const QString& input, QString& unfinished)
+{
+    QString echo;
+    QStringList lines = QString(unfinished + input).split(QLatin1Char('\n'));
+    unfinished = lines.takeLast();
+    for (QString line : std::as_const(lines)) {
+        if (line.endsWith(QLatin1Char('\r')))
+            line.chop(1);
+        QString shown;
+        for (const QChar c : std::as_const(line)) {
+            if (c.unicode() < 0x20 || c.unicode() == 0x7f)
+                shown += QLatin1Char('^') + QChar(c.unicode() ^ 0x40);
+            else
+                shown += c;
+        }
+        echo += QStringLiteral("\x1b[1;34m\u203a\x1b[0m ") + shown + QStringLiteral("\r\n");
+    }
+    return echo;
+}
+
 } // namespace
 
 TerminalWorkspace resolveTerminalWorkspacePath(const QString& repoRoot, const QString& projectPath)
@@ -241,6 +264,10 @@ void TerminalSessionManager::sendInput(const QString& sessionId, const QString& 
         return sendError(session->sessionId(), session->projectPath(),
                          QStringLiteral("Failed to write to terminal session: ") + error);
     const QByteArray& input = decoded.decoded;
+    // A line-mode shell echoes nothing: our relay's clients see each command above its
+    // output, as a terminal shows it, in a replay and on every page alike.
+    if (m_extended && !session->isInteractive() && isValidUtf8(input))
+        session->echo(lineModeEcho(QString::fromUtf8(input), session->unfinishedLine));
     if (isValidUtf8(input))
         session->currentDirectory =
             PathCompletion::directoryAfterInput(QString::fromUtf8(input), session->currentDirectory, QDir::homePath());

@@ -483,6 +483,8 @@ private Q_SLOTS:
     {
         TerminalFixture f;
         QVERIFY(f.connect());
+        // The bytes as the shell wrote them, without the agent's echo of each command.
+        f.runtime->terminalSessionManager().setExtended(false);
         f.open(QStringLiteral("u"), QStringLiteral("U"));
         QVERIFY(f.waitForOutput(QStringLiteral("u"), QStringLiteral("[try: pwd, ls, codex, claude]\n")));
         // "a" and the first byte of "é"; the second byte comes only once "a" has arrived.

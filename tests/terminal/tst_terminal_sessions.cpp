@@ -60,8 +60,9 @@ private Q_SLOTS:
         QVERIFY2(text.contains(QStringLiteral("App:") + (term.isEmpty() ? QStringLiteral("xterm-256color") : term) +
                                QLatin1Char(':') + f.repo.path() + QStringLiteral("\r\n")),
                  qPrintable(text));
-        // The command itself is not echoed back.
-        QVERIFY(!text.contains(QStringLiteral("echo \"$BRINMOOR")));
+        // The shell does not echo the command; the agent shows it once, above its output.
+        QCOMPARE(text.count(QStringLiteral("echo \"$BRINMOOR")), 1);
+        QVERIFY(text.contains(QStringLiteral("\x1b[1;34m\u203a\x1b[0m echo \"$BRINMOOR")));
     }
 
     void interactiveModeEchoesAndRunsALoginShell()
@@ -185,7 +186,8 @@ private Q_SLOTS:
         // apart: at least one chunk per line, 130 lines in all.
         for (int i = 1; i <= 130; ++i) {
             f.type(QStringLiteral("r"), "echo line" + QByteArray::number(i) + "\n");
-            QVERIFY(f.waitForOutput(QStringLiteral("r"), QStringLiteral("line%1\r\n").arg(i)));
+            // The line the shell prints, after the agent's echo of the command.
+            QVERIFY(f.waitForOutput(QStringLiteral("r"), QStringLiteral("\r\nline%1\r\n").arg(i)));
         }
         QStringList chunks = f.chunks(QStringLiteral("r"));
         chunks.removeFirst(); // the greeting
@@ -275,7 +277,9 @@ private Q_SLOTS:
         f.send("terminal.signal", QStringLiteral("b"), {{QStringLiteral("signal"), QStringLiteral("Ctrl_C")}});
         f.type(QStringLiteral("b"), "\n");
         QVERIFY(f.waitForOutput(QStringLiteral("b"), QStringLiteral(" 03\r\n")));
-        QCOMPARE(f.output(QStringLiteral("b")).section(QStringLiteral("ready\r\n"), 1), QStringLiteral(" 03\r\n"));
+        // The empty line that ends the read is shown as entered.
+        QCOMPARE(f.output(QStringLiteral("b")).section(QStringLiteral("ready\r\n"), 1),
+                 QStringLiteral("\x1b[1;34m\u203a\x1b[0m \r\n 03\r\n"));
     }
 
     void lineModeInterruptReachesTheForegroundJob()
@@ -472,7 +476,10 @@ private Q_SLOTS:
             given += output.value(QStringLiteral("data")).toString().size();
             QCOMPARE(output.value(QStringLiteral("offset")), QJsonValue(given));
         }
-        QCOMPARE(given, qint64(QStringLiteral("extended-2\r\n").size()));
+        // The command first, as the agent echoes it in line mode to our relay.
+        const QString echoed = QStringLiteral("\x1b[1;34m\u203a\x1b[0m echo extended-$((1+1))\r\n");
+        QCOMPARE(f.output(QStringLiteral("em")).right(echoed.size() + 12), echoed + QStringLiteral("extended-2\r\n"));
+        QCOMPARE(given, qint64(echoed.size() + QStringLiteral("extended-2\r\n").size()));
         // A replay has been counted already: no offset, extended or not.
         f.send("terminal.attach", QStringLiteral("em"));
         QVERIFY(f.barrier());
@@ -589,6 +596,48 @@ private Q_SLOTS:
                               {QStringLiteral("sessionId"), QStringLiteral("w")},
                               {QStringLiteral("projectPath"), QStringLiteral("W")},
                               {QStringLiteral("status"), QStringLiteral("running")}}));
+    }
+
+    void aLineModeCommandIsShownAboveItsOutputToOurRelay()
+    {
+        TerminalFixture f;
+        QVERIFY(f.connect());
+        TerminalSessionManager& manager = f.runtime->terminalSessionManager();
+        f.open(QStringLiteral("e"), QStringLiteral("E"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("e")));
+        // Two lines at once, one with an escape that would colour the terminal, and a
+        // piece of a line that is not one yet.
+        f.type(QStringLiteral("e"), "echo one\nprint -r -- '\x1b[31mred'\necho tw");
+        f.type(QStringLiteral("e"), "o\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("e"), QStringLiteral("red\r\ntwo\r\n")));
+        const QString sign = QStringLiteral("\x1b[1;34m\u203a\x1b[0m ");
+        const QString output = f.output(QStringLiteral("e"));
+        // Each command before what it prints; the piece of a line waited for its end.
+        const QStringList expected{sign + QStringLiteral("echo one\r\n"),
+                                   sign + QStringLiteral("print -r -- '^[[31mred'\r\n"), QStringLiteral("one\r\n"),
+                                   QStringLiteral("\x1b[31mred\r\n"), QStringLiteral("two\r\n")};
+        QVERIFY(output.indexOf(sign + QStringLiteral("echo two\r\n")) < output.indexOf(QStringLiteral("two\r\n")));
+        qsizetype at = 0;
+        for (const QString& piece : expected) {
+            const qsizetype found = output.indexOf(piece, at);
+            QVERIFY2(found >= at, qPrintable(QString::fromLatin1(QJsonDocument(QJsonArray{piece, output}).toJson())));
+            at = found + piece.size();
+        }
+        // A replay has the commands too.
+        f.server.clearMessages();
+        f.send("terminal.attach", QStringLiteral("e"));
+        QVERIFY(f.barrier());
+        QString replayed;
+        for (const QJsonObject& m : f.events(QStringLiteral("terminal.output"), QStringLiteral("e")))
+            replayed += m.value(QStringLiteral("data")).toString();
+        QVERIFY(replayed.contains(sign + QStringLiteral("echo one\r\n")));
+        // To a server that announced nothing, a line-mode shell echoes nothing, as ever.
+        manager.setExtended(false);
+        f.server.clearMessages();
+        f.type(QStringLiteral("e"), "echo plain\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("e"), QStringLiteral("plain\r\n")));
+        QCOMPARE(f.output(QStringLiteral("e")), QStringLiteral("plain\r\n"));
+        QVERIFY(!f.output(QStringLiteral("e")).contains(QStringLiteral("\u203a")));
     }
 
     void sessionsSurviveAReconnection()

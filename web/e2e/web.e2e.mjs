@@ -614,6 +614,11 @@ test('a line-mode terminal completes a path, runs the line and keeps a history',
   assert.equal(await page.$eval('input[name=line]', (input) => input.value), '');
   await page.keyboard.press('ArrowUp');
   assert.equal(await page.$eval('input[name=line]', (input) => input.value), 'ls Package.swift');
+  // The command stays above its output after a reload: the agent shows it, and replays it.
+  await page.reload();
+  await page.waitForSelector('.terminal-head .status-dot.online');
+  await page.waitForFunction(() => /› ls Package\.swift\s+Package\.swift/.test(document.querySelector('.xterm-rows').innerText));
+  assert.equal((await terminalText()).match(/› ls Package\.swift/g).length, 1);
 });
 
 test('Forget this server clears the token and asks again', async () => {

@@ -130,11 +130,6 @@ export class TerminalController {
     this.term.focus();
   }
 
-  // A line-mode command as the page sent it, shown above its output.
-  echo(line: string): void {
-    this.term.write(`\x1b[1;34m›\x1b[0m ${line.replace(/\x1b/g, '^[')}\r\n`);
-  }
-
   dispose(): void {
     clearTimeout(this.backToSize);
     this.disconnect();

@@ -182,7 +182,6 @@ function TerminalScreen({ state, session }: { state: State; session: TerminalSes
           session={session}
           completion={completion}
           onCompleted={() => setCompletion(null)}
-          echo={(line) => controller.current?.echo(line)}
         />
       )}
     </div>
@@ -196,13 +195,11 @@ function LineEditor({
   session,
   completion,
   onCompleted,
-  echo,
 }: {
   state: State;
   session: TerminalSession;
   completion: Completion | null;
   onCompleted: () => void;
-  echo: (line: string) => void;
 }) {
   const [line, setLine] = useState('');
   const history = useRef<string[]>([]);
@@ -220,7 +217,7 @@ function LineEditor({
 
   const submit = (event: Event) => {
     event.preventDefault();
-    echo(line);
+    // The agent shows the line above its output, on every page and in a replay.
     state.terminals.input(session, line + '\n');
     if (line.trim() !== '' && history.current[history.current.length - 1] !== line) history.current.push(line);
     position.current = history.current.length;
