@@ -8,6 +8,8 @@ find_program(BRINMOOR_NODE node REQUIRED)
 set(web_source ${PROJECT_SOURCE_DIR}/web)
 set(web_build ${CMAKE_BINARY_DIR}/web)
 set(web_dist ${web_build}/dist)
+# The stamps are written here; Ninja makes an output's folder itself, Make does not.
+file(MAKE_DIRECTORY ${web_build})
 
 file(GLOB_RECURSE web_inputs CONFIGURE_DEPENDS
   ${web_source}/src/*
