@@ -1,8 +1,8 @@
 import { useEffect, useLayoutEffect, useRef, useState } from 'preact/hooks';
 import type { TaskOutput } from '../stores/task_output';
+import { LogFrame, kRowHeight } from './LogFrame';
 import { notKeptEarlier } from './output_words';
 
-const kRowHeight = 18; // px; the same as .task-log's line-height
 const kOverscan = 20;
 // The tallest scroll space the log makes; browsers lay out nothing much taller. A longer
 // output is scrolled through proportionally, a pixel of it standing for several.
@@ -96,23 +96,14 @@ export function OutputLog({ output, version, ended, show, target }: Props) {
     );
   }
   return (
-    <div
-      class="task-log"
-      ref={scroller}
-      role="log"
-      aria-label="Output"
-      // Scrolled by the keyboard too (arrows, Page Up and Down) once focused.
-      tabIndex={0}
-      onScroll={(event) => {
-        const element = event.currentTarget;
-        pinned.current = element.scrollHeight - element.scrollTop - element.clientHeight < kRowHeight * 2;
-        setView({ top: element.scrollTop, height: element.clientHeight });
-      }}
+    <LogFrame
+      scroller={scroller}
+      pinned={pinned}
+      scrolled={setView}
+      space={space}
+      empty={rows === 0 ? (ended ? 'No output.' : 'No output yet.') : null}
     >
-      <div class="log-space" style={{ height: space }}>
-        {lines}
-      </div>
-      {rows === 0 && <div class="muted log-empty">{ended ? 'No output.' : 'No output yet.'}</div>}
-    </div>
+      {lines}
+    </LogFrame>
   );
 }

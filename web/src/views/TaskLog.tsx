@@ -1,7 +1,7 @@
 import { useLayoutEffect, useRef, useState } from 'preact/hooks';
 import type { LogLines } from '../stores/log_lines';
+import { LogFrame, kRowHeight } from './LogFrame';
 
-const kRowHeight = 18; // px; the same as .task-log's line-height
 const kOverscan = 20;
 
 // A task's output, however long: only the lines in view are in the page, and the view
@@ -38,23 +38,14 @@ export function TaskLog({ log, version, ended = false }: { log: LogLines; versio
     }
   }
   return (
-    <div
-      class="task-log"
-      ref={scroller}
-      role="log"
-      aria-label="Output"
-      // Scrolled by the keyboard too (arrows, Page Up and Down) once focused.
-      tabIndex={0}
-      onScroll={(event) => {
-        const element = event.currentTarget;
-        pinned.current = element.scrollHeight - element.scrollTop - element.clientHeight < kRowHeight * 2;
-        setView({ top: element.scrollTop, height: element.clientHeight });
-      }}
+    <LogFrame
+      scroller={scroller}
+      pinned={pinned}
+      scrolled={setView}
+      space={rows * kRowHeight}
+      empty={rows === 0 ? (ended ? 'No output.' : 'No output yet.') : null}
     >
-      <div class="log-space" style={{ height: rows * kRowHeight }}>
-        {lines}
-      </div>
-      {rows === 0 && <div class="muted log-empty">{ended ? 'No output.' : 'No output yet.'}</div>}
-    </div>
+      {lines}
+    </LogFrame>
   );
 }
