@@ -273,8 +273,8 @@ async function taskOutput(throttling) {
   });
   await world.waitFor(() => world.agentLog.includes(`runTask process terminated taskId=${taskId}`), 'the end of seq', 900_000);
   const ended = Date.now();
-  let finished;
-  while (!(finished = await page.evaluate(() => window.brinmoorFinishedAt))) await new Promise((resolve) => setTimeout(resolve, 100));
+  // Seconds after the process ends at most, well within what DevTools waits for a call.
+  const finished = await (await page.waitForFunction(() => window.brinmoorFinishedAt, { timeout: 120_000, polling: 100 })).jsonValue();
   const [last, total] = await page.evaluate((id) => {
     const output = window.brinmoor.tasks.get(id).output;
     return [output?.last ?? 0, output?.total ?? 0];
