@@ -57,7 +57,10 @@ export class TerminalController {
     this.term = withAdoptedStyles(document, () => new Terminal({
       fontFamily: 'ui-monospace, "SF Mono", Menlo, "DejaVu Sans Mono", monospace',
       fontSize: matchMedia('(max-width: 600px)').matches ? 12 : 13,
-      cursorBlink: interactive,
+      // A steady cursor: a blinking one asks for a frame on every key, and Chromium then
+      // holds the page's tasks, the echo's socket message among them, until that frame is
+      // drawn, so the echo came a frame late.
+      cursorBlink: false,
       disableStdin: !interactive,
       // A line-mode shell has no terminal to turn its line ends into CR LF.
       convertEol: !interactive,
