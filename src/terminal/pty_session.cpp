@@ -48,6 +48,7 @@ PtySession::PtySession(const QString& sessionId, const QString& projectPath, con
       m_sessionId(sessionId), m_projectPath(projectPath), m_workingDir(workingDir), m_flow(flow),
       m_diag(std::move(diag))
 {
+    m_clock.start();
 }
 
 PtySession::~PtySession()
@@ -390,6 +391,10 @@ void PtySession::closeMaster()
 void PtySession::pace(std::optional<qint64> rendered)
 {
     m_rendered = rendered ? std::optional<qint64>(std::max(*rendered, m_renderedFloor)) : std::nullopt;
+    if (m_rendered)
+        m_window.rendered(*m_rendered, m_clock.elapsed());
+    else
+        m_window.reset();
     updateReading();
 }
 
@@ -397,7 +402,7 @@ bool PtySession::mayRead() const
 {
     if (m_flow && m_flow->isBlocked())
         return false;
-    return !m_rendered || m_outputOffset - *m_rendered < kOutputWindow;
+    return !m_rendered || m_outputOffset - *m_rendered < m_window.size();
 }
 
 void PtySession::updateReading()

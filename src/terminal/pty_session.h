@@ -1,9 +1,11 @@
 #pragma once
 
 #include "base/utf8_stream_decoder.h"
+#include "terminal/read_ahead_window.h"
 
 #include <QByteArray>
 #include <QDateTime>
+#include <QElapsedTimer>
 #include <QObject>
 #include <QPointer>
 #include <QStringList>
@@ -45,9 +47,6 @@ public:
     // Input the terminal has not taken yet. A phone that sends more while the shell
     // does not read is refused rather than held without bound.
     static constexpr qsizetype kMaxPendingInput = 1024 * 1024;
-    // Output read ahead of what the slowest pacing client has rendered, in UTF-16 code
-    // units; past it the terminal is not read, and its program waits.
-    static constexpr qint64 kOutputWindow = 256 * 1024;
 
     PtySession(const QString& sessionId, const QString& projectPath, const QString& workingDir, OutgoingFlow* flow,
                std::function<void(const QString&)> diag, QObject* parent = nullptr);
@@ -161,6 +160,10 @@ private:
     qint64 m_outputOffset = 0;
     std::optional<qint64> m_rendered;
     qint64 m_renderedFloor = 0;
+    // Past what the slowest pacing client has rendered, the terminal is read no further
+    // than this, and its program waits.
+    ReadAheadWindow m_window;
+    QElapsedTimer m_clock;
     bool m_closed = false;
     bool m_released = false;
 };

@@ -2,6 +2,7 @@
 #include "support/terminal_fixture.h"
 #include "support/test_support.h"
 #include "terminal/pty_session.h"
+#include "terminal/read_ahead_window.h"
 #include "terminal/terminal_session_manager.h"
 
 #include <QDir>
@@ -320,22 +321,22 @@ private Q_SLOTS:
         };
         f.server.send(pace(0));
         f.type(QStringLiteral("p"), "yes\n");
-        QVERIFY(waitUntil([&] { return newest() >= PtySession::kOutputWindow; }));
+        QVERIFY(waitUntil([&] { return newest() >= ReadAheadWindow::kMinimum; }));
         // Round trips through the agent, each giving its reader turns: it reads no further.
         for (int i = 0; i < 5; ++i)
             QVERIFY(f.barrier());
         const qint64 held = newest();
-        QVERIFY2(held < PtySession::kOutputWindow + 64 * 1024, qPrintable(QString::number(held)));
+        QVERIFY2(held < ReadAheadWindow::kMinimum + 64 * 1024, qPrintable(QString::number(held)));
         // The reader has rendered it all: the terminal goes on.
         f.server.send(pace(held));
-        QVERIFY(waitUntil([&] { return newest() >= held + PtySession::kOutputWindow; }));
+        QVERIFY(waitUntil([&] { return newest() >= held + ReadAheadWindow::kMinimum; }));
         // The connection is lost for a while and comes back with the pace from before it:
         // what the session gave meanwhile, never sent, does not hold it back.
         const qint64 before = newest();
         const quint16 port = f.server.port();
         f.server.close();
         const PtySession* session = f.runtime->terminalSessionManager().session(QStringLiteral("p"));
-        QVERIFY(waitUntil([&] { return session->outputOffset() > before + 4 * PtySession::kOutputWindow; }));
+        QVERIFY(waitUntil([&] { return session->outputOffset() > before + 4 * ReadAheadWindow::kMinimum; }));
         f.server.setGreeting({pace(before)});
         QVERIFY(f.server.listen(port));
         QVERIFY(f.server.waitForConnections(2));
