@@ -22,9 +22,6 @@ namespace brinmoor {
 
 namespace {
 
-// Reads gathered into one output chunk per wake-up; with 128 chunks kept for replay
-// this bounds a session's replay buffer to a few megabytes.
-constexpr qsizetype kChunkLimit = 16 * 1024;
 // After the shell exits, what is left in the terminal is read without waiting; a
 // background job that keeps writing cannot hold the session open past this.
 constexpr qsizetype kDrainLimit = 1024 * 1024;
@@ -289,7 +286,7 @@ void PtySession::onReadable()
     // The master reports the end of the shell's side as end of file or EIO; the
     // session ends when the process object reports the shell's exit.
     bool ended = false;
-    readAvailable(kChunkLimit, &ended);
+    readAvailable(m_chunkLimit, &ended);
     if (ended)
         stopReading();
     else
@@ -301,7 +298,7 @@ qsizetype PtySession::readAvailable(qsizetype limit, bool* ended)
     QByteArray data;
     char buffer[kReadSize];
     while (data.size() < limit) {
-        const ssize_t n = ::read(m_master, buffer, sizeof buffer);
+        const ssize_t n = ::read(m_master, buffer, size_t(std::min<qsizetype>(kReadSize, limit - data.size())));
         if (n > 0) {
             data.append(buffer, n);
             continue;
@@ -335,9 +332,7 @@ void PtySession::keep(const QString& text)
 {
     if (text.isEmpty())
         return;
-    if (m_buffer.size() >= kMaxBufferedChunks)
-        m_buffer.erase(m_buffer.begin(), m_buffer.end() - (kMaxBufferedChunks - 1));
-    m_buffer.append(text);
+    m_buffer.keep(text);
     m_outputOffset += text.size();
     touch();
     Q_EMIT output(text);
@@ -349,8 +344,8 @@ void PtySession::onFinished(int exitCode, bool crashed)
     // outlive it, then let the terminal go.
     bool ended = !m_reader;
     for (qsizetype drained = 0; !ended && drained < kDrainLimit;) {
-        const qsizetype read = readAvailable(kChunkLimit, &ended);
-        if (read < kChunkLimit)
+        const qsizetype read = readAvailable(m_chunkLimit, &ended);
+        if (read < m_chunkLimit)
             break;
         drained += read;
     }

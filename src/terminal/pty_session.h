@@ -2,6 +2,7 @@
 
 #include "base/utf8_stream_decoder.h"
 #include "terminal/read_ahead_window.h"
+#include "terminal/replay_buffer.h"
 
 #include <QByteArray>
 #include <QDateTime>
@@ -43,7 +44,6 @@ public:
         QStringList environment;
     };
 
-    static constexpr int kMaxBufferedChunks = 128;
     // Input the terminal has not taken yet. A phone that sends more while the shell
     // does not read is refused rather than held without bound.
     static constexpr qsizetype kMaxPendingInput = 1024 * 1024;
@@ -93,12 +93,18 @@ public:
     // terminal's is: kept for a replay and counted in the offsets.
     void echo(const QString& text);
     // The replay buffer: the newest output chunks, oldest first.
-    const QStringList& buffer() const { return m_buffer; }
+    const QStringList& buffer() const { return m_buffer.reads(); }
     // How much output has been delivered so far, in UTF-16 code units.
     qint64 outputOffset() const { return m_outputOffset; }
     // Clients pace the session and the slowest has rendered output up to `rendered`;
     // without it nobody paces it.
     void pace(std::optional<qint64> rendered);
+    // Reads gathered into one output chunk per wake-up: 16 KiB, or 64 KiB for our relay's
+    // pages, which take a flood faster in fewer, larger pieces (a `cat` reached a page at
+    // 8 to 16 MB/s in pieces of 16 KiB, 14 to 17 MB/s in pieces of 64 KiB).
+    static constexpr qsizetype kChunkLimit = 16 * 1024;
+    static constexpr qsizetype kLargeChunkLimit = 64 * 1024;
+    void setLargeChunks(bool large) { m_chunkLimit = large ? kLargeChunkLimit : kChunkLimit; }
     // A new connection: output given before it (some of it never sent, while no server
     // listened) counts as rendered, or no client could ever catch up with it.
     void countOutputAsRendered() { m_renderedFloor = m_outputOffset; }
@@ -156,7 +162,8 @@ private:
     // Input the terminal has not taken yet.
     QByteArray m_pendingInput;
     Utf8StreamDecoder m_decoder;
-    QStringList m_buffer;
+    ReplayBuffer m_buffer;
+    qsizetype m_chunkLimit = kChunkLimit;
     qint64 m_outputOffset = 0;
     std::optional<qint64> m_rendered;
     qint64 m_renderedFloor = 0;

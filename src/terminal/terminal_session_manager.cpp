@@ -93,6 +93,13 @@ TerminalSessionManager::TerminalSessionManager(std::function<AgentProfile()> pro
 // process object reaps it later, so nothing outlives the manager and nothing waits.
 TerminalSessionManager::~TerminalSessionManager() = default;
 
+void TerminalSessionManager::setExtended(bool extended)
+{
+    m_extended = extended;
+    for (PtySession* session : m_sessions)
+        session->setLargeChunks(extended);
+}
+
 QList<PtySession*> TerminalSessionManager::liveSessions() const
 {
     QList<PtySession*> live;
@@ -151,6 +158,7 @@ void TerminalSessionManager::open(const QString& rawSessionId, const QString& ra
     // A missing folder starts the shell in the repository root.
     const TerminalWorkspace workspace = resolveTerminalWorkspacePath(profile.repoRoot, projectPath);
     auto* session = new PtySession(sessionId, projectPath, workspace.path, m_flow, m_diag, this);
+    session->setLargeChunks(m_extended);
     start(session, mode.trimmed().toLower() == QLatin1String("interactive"), workspace.projectPathMissing, profile);
 }
 

@@ -19,7 +19,7 @@ class PtySession;
 
 // Terminal sessions for the phone: an interactive login shell or a line-mode shell,
 // each a PtySession. One live session per project; output is kept for replay (the
-// newest 128 reads) so that a phone that reconnects can attach again. Everything runs
+// newest reads, a ReplayBuffer) so that a phone that reconnects can attach again. Everything runs
 // on the event loop, which serialises all access, so no lock guards the maps.
 class TerminalSessionManager : public QObject {
     Q_OBJECT
@@ -55,7 +55,7 @@ public:
     // Whether the server announced our relay's extensions. Only then does live output
     // carry "offset" and does "terminal.opened" say "projectPathMissing": a server
     // that knows only the plain protocol never sees members it did not ask for.
-    void setExtended(bool extended) { m_extended = extended; }
+    void setExtended(bool extended);
     bool isExtended() const { return m_extended; }
 
     // The ids of the sessions not closed yet, for closing them all when the agent stops.

@@ -890,6 +890,33 @@ private Q_SLOTS:
         }
         QCOMPARE(replayed, before);
 
+        // A flood: one piece per read of at most 16 KiB, and an attach replays the newest
+        // 128 of them, however large.
+        input(QStringLiteral("line"), "head -c 3000000 /dev/zero | tr '\\0' y; echo; echo flood-$((6*7))\n");
+        PLAIN_VERIFY(waitUntil(
+            [&] { return liveOutput(QStringLiteral("line"), 1).contains(QStringLiteral("flood-42")); }, 30000));
+        PLAIN_VERIFY(barrier());
+        QStringList pieces;
+        for (const QJsonObject& m : terminalEvents(QStringLiteral("terminal.output"), QStringLiteral("line"))) {
+            if (!m.contains(QStringLiteral("snapshot")))
+                pieces.append(m.value(QStringLiteral("data")).toString());
+        }
+        QVERIFY(pieces.size() > 128);
+        for (const QString& piece : std::as_const(pieces))
+            QVERIFY2(piece.size() <= 16 * 1024, qPrintable(QString::number(piece.size())));
+        const auto replays = [&] {
+            QStringList replay;
+            for (const QJsonObject& m : terminalEvents(QStringLiteral("terminal.output"), QStringLiteral("line"))) {
+                if (m.contains(QStringLiteral("snapshot")))
+                    replay.append(m.value(QStringLiteral("data")).toString());
+            }
+            return replay;
+        };
+        const qsizetype replayedBefore = replays().size();
+        m_server->terminal(QStringLiteral("terminal.attach"), {{QStringLiteral("sessionId"), QStringLiteral("line")}});
+        PLAIN_VERIFY(barrier());
+        QCOMPARE(replays().mid(replayedBefore), pieces.mid(pieces.size() - 128));
+
         // Close: the shell ends and says so.
         const qint64 linePid = loggedNumber(log, QStringLiteral("terminal.open sessionId=line projectPath=Term pid="));
         QVERIFY(linePid > 0);

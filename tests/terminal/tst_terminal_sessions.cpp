@@ -3,6 +3,7 @@
 #include "support/test_support.h"
 #include "terminal/pty_session.h"
 #include "terminal/read_ahead_window.h"
+#include "terminal/replay_buffer.h"
 #include "terminal/terminal_session_manager.h"
 
 #include <QDir>
@@ -207,6 +208,31 @@ private Q_SLOTS:
         }
         QCOMPARE(replayed, chunks.mid(chunks.size() - 128));
         QVERIFY(!replayed.join(QString()).contains(QStringLiteral("[terminal started")));
+    }
+
+    void aFloodIsReplayedFromItsNewestReads()
+    {
+        TerminalFixture f;
+        QVERIFY(f.connect());
+        f.open(QStringLiteral("big"), QStringLiteral("B"), QStringLiteral("interactive"));
+        QVERIFY(f.waitForEvent(QStringLiteral("terminal.opened"), QStringLiteral("big")));
+        f.type(QStringLiteral("big"), "head -c 3000000 /dev/zero | tr '\\0' x; echo; echo replay-$((40+2))\n");
+        QVERIFY(f.waitForOutput(QStringLiteral("big"), QStringLiteral("replay-42"), 30000));
+        const QStringList chunks = f.chunks(QStringLiteral("big"));
+        f.server.clearMessages();
+        f.send("terminal.attach", QStringLiteral("big"));
+        QVERIFY(f.barrier());
+        QStringList replayed;
+        for (const QJsonObject& m : f.events(QStringLiteral("terminal.output"), QStringLiteral("big")))
+            replayed.append(m.value(QStringLiteral("data")).toString());
+        // Our relay's pages take pieces of up to 64 KiB.
+        for (const QString& chunk : chunks)
+            QVERIFY2(chunk.size() <= PtySession::kLargeChunkLimit, qPrintable(QString::number(chunk.size())));
+        // The newest reads, whole, within the replay buffer's bounds.
+        QCOMPARE(replayed, chunks.mid(chunks.size() - replayed.size()));
+        QVERIFY(replayed.size() <= ReplayBuffer::kMaxReads);
+        QVERIFY(replayed.join(QString()).size() <= ReplayBuffer::kMaxUnits);
+        QVERIFY(replayed.join(QString()).contains(QStringLiteral("replay-42")));
     }
 
     void attachToAnUnknownSession()

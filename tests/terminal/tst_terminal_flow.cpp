@@ -1,10 +1,13 @@
 #include "terminal/read_ahead_window.h"
+#include "terminal/replay_buffer.h"
 
 #include <QTest>
 
 using namespace brinmoor;
 
-class TstReadAheadWindow : public QObject {
+// How much of a terminal's output is read ahead of its reader, and how much is kept for
+// a reader that attaches.
+class TstTerminalFlow : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
@@ -65,7 +68,44 @@ private Q_SLOTS:
         window.rendered(100 + 512 * 1024, 400);
         QCOMPARE(window.size(), 512 * 1024);
     }
+    void theReplayKeepsTheNewest128Reads()
+    {
+        ReplayBuffer buffer;
+        for (int i = 1; i <= 130; ++i)
+            buffer.keep(QStringLiteral("read %1\n").arg(i));
+        QCOMPARE(buffer.reads().size(), ReplayBuffer::kMaxReads);
+        QCOMPARE(buffer.reads().first(), QStringLiteral("read 3\n"));
+        QCOMPARE(buffer.reads().last(), QStringLiteral("read 130\n"));
+        QCOMPARE(buffer.units(), buffer.reads().join(QString()).size());
+    }
+
+    void theReplayKeepsAtMostTwoMebiCharacters()
+    {
+        ReplayBuffer buffer;
+        const QString piece(64 * 1024, QLatin1Char('x'));
+        for (int i = 0; i < 40; ++i)
+            buffer.keep(piece);
+        // 32 pieces of 64 Ki are 2 Mi; the 33rd would go past it.
+        QCOMPARE(buffer.reads().size(), 32);
+        QCOMPARE(buffer.units(), ReplayBuffer::kMaxUnits);
+        buffer.keep(QStringLiteral("prompt$ "));
+        QCOMPARE(buffer.reads().size(), 32);
+        QCOMPARE(buffer.reads().last(), QStringLiteral("prompt$ "));
+        QCOMPARE(buffer.units(), ReplayBuffer::kMaxUnits - piece.size() + 8);
+    }
+
+    void aReadLargerThanTheReplayIsKeptWhole()
+    {
+        ReplayBuffer buffer;
+        buffer.keep(QStringLiteral("before"));
+        const QString huge(ReplayBuffer::kMaxUnits + 10, QLatin1Char('y'));
+        buffer.keep(huge);
+        QCOMPARE(buffer.reads(), QStringList{huge});
+        buffer.keep(QStringLiteral("after"));
+        QCOMPARE(buffer.reads(), QStringList{QStringLiteral("after")});
+        QCOMPARE(buffer.units(), 5);
+    }
 };
 
-QTEST_GUILESS_MAIN(TstReadAheadWindow)
-#include "tst_read_ahead_window.moc"
+QTEST_GUILESS_MAIN(TstTerminalFlow)
+#include "tst_terminal_flow.moc"
