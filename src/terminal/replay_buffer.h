@@ -10,7 +10,9 @@ namespace brinmoor {
 class ReplayBuffer {
 public:
     static constexpr qsizetype kMaxReads = 128;
-    static constexpr qsizetype kMaxUnits = 2 * 1024 * 1024;
+    // 2 Mi, and room for 128 reads of 16 KiB that each begin with the rest of a character
+    // the read before cut: a server without our extensions always gets 128 reads.
+    static constexpr qsizetype kMaxUnits = 2 * 1024 * 1024 + kMaxReads * 4;
 
     void keep(const QString& read);
     const QStringList& reads() const { return m_reads; }

@@ -87,11 +87,16 @@ private Q_SLOTS:
             buffer.keep(piece);
         // 32 pieces of 64 Ki are 2 Mi; the 33rd would go past it.
         QCOMPARE(buffer.reads().size(), 32);
-        QCOMPARE(buffer.units(), ReplayBuffer::kMaxUnits);
-        buffer.keep(QStringLiteral("prompt$ "));
+        QCOMPARE(buffer.units(), 2 * 1024 * 1024);
+        buffer.keep(QString(600, QLatin1Char('z')));
         QCOMPARE(buffer.reads().size(), 32);
-        QCOMPARE(buffer.reads().last(), QStringLiteral("prompt$ "));
-        QCOMPARE(buffer.units(), ReplayBuffer::kMaxUnits - piece.size() + 8);
+        QCOMPARE(buffer.reads().last(), QString(600, QLatin1Char('z')));
+        QCOMPARE(buffer.units(), 2 * 1024 * 1024 - piece.size() + 600);
+        // 128 reads of 16 KiB, each with a character's rest, are all kept.
+        ReplayBuffer plain;
+        for (int i = 0; i < 200; ++i)
+            plain.keep(QString(16 * 1024 + 3, QLatin1Char('p')));
+        QCOMPARE(plain.reads().size(), ReplayBuffer::kMaxReads);
     }
 
     void aReadLargerThanTheReplayIsKeptWhole()
