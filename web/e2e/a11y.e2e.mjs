@@ -40,7 +40,10 @@ async function violations() {
       await pageSettled(page);
       if (!(await page.evaluate(() => typeof window.axe === 'object'))) await page.addScriptTag({ content: axeSource });
       const result = await page.evaluate(() =>
-        window.axe.run(document, { runOnly: { type: 'tag', values: ['wcag2a', 'wcag2aa', 'wcag21a', 'wcag21aa'] }, resultTypes: ['violations'] }),
+        window.axe.run(document, {
+          runOnly: { type: 'tag', values: ['wcag2a', 'wcag2aa', 'wcag21a', 'wcag21aa'] },
+          resultTypes: ['violations'],
+        }),
       );
       for (const violation of result.violations) {
         for (const node of violation.nodes) found.push(`${scheme} ${width}: ${violation.id} ${node.target.join(' ')}`);

@@ -30,7 +30,8 @@ before(async () => {
   page = await world.page(kPhone);
   // This page remembers App as typed ("App/"), beside its registration, and Lib.
   await page.evaluateOnNewDocument((agentId) => {
-    if (!localStorage.getItem('brinmoor.folders')) localStorage.setItem('brinmoor.folders', JSON.stringify({ [agentId]: ['App/', './Lib'] }));
+    if (!localStorage.getItem('brinmoor.folders'))
+      localStorage.setItem('brinmoor.folders', JSON.stringify({ [agentId]: ['App/', './Lib'] }));
   }, kAgentId);
   await page.goto(`${world.origin}/#token=${kToken}`);
 });
@@ -93,7 +94,9 @@ test('a proposal of three files approved with one unticked applies the other two
   assert.deepEqual(await texts('.change-detail .actions button'), ['Reject']);
   for (const name of ['greeting.txt', 'old.txt']) await (await elementWithText(page, '.file-to-apply', name)).click();
   await click('.change-detail .actions button', 'Approve 2 of 3 files');
-  await page.waitForFunction(() => document.querySelector('.change-detail .task-status')?.textContent.includes('Finished'), { timeout: 20000 });
+  await page.waitForFunction(() => document.querySelector('.change-detail .task-status')?.textContent.includes('Finished'), {
+    timeout: 20000,
+  });
   assert.equal(readFileSync(join(world.project, 'greeting.txt'), 'utf8'), 'bye\n');
   assert.equal(existsSync(join(world.project, 'old.txt')), false);
   assert.equal(existsSync(join(world.project, 'new.txt')), false);

@@ -211,7 +211,10 @@ export class World {
 
   // A fresh page at phone size (or the given viewport), recording what the page's
   // policy refused and every uncaught error.
-  async page(viewport = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: true, hasTouch: true }, context = this.browser.defaultBrowserContext()) {
+  async page(
+    viewport = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: true, hasTouch: true },
+    context = this.browser.defaultBrowserContext(),
+  ) {
     const page = await context.newPage();
     await page.setViewport(viewport);
     // BRINMOOR_WEB_COLOR_SCHEME=dark shows every page as a browser in dark mode does.
@@ -244,7 +247,9 @@ export class World {
 
   // The arguments of the N-th call of a fake tool.
   fakeArgs(tool, call) {
-    return readFileSync(join(this.fake, `${tool}.${call}.args`), 'utf8').split('\0').slice(0, -1);
+    return readFileSync(join(this.fake, `${tool}.${call}.args`), 'utf8')
+      .split('\0')
+      .slice(0, -1);
   }
 
   // Kills the relay (SIGKILL, as a crash), runs `whileDown`, and starts it again on the

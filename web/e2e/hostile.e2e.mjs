@@ -66,7 +66,10 @@ async function shoot(name) {
   const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;
   if (!folder) return;
   mkdirSync(folder, { recursive: true });
-  for (const [size, viewport] of [['phone', kPhone], ['desktop', kDesktop]]) {
+  for (const [size, viewport] of [
+    ['phone', kPhone],
+    ['desktop', kDesktop],
+  ]) {
     await page.setViewport(viewport);
     await page.waitForFunction(() => new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(() => resolve(true)))));
     await page.screenshot({ path: join(folder, `web-${name}-${size}.png`) });
@@ -79,14 +82,23 @@ async function shoot(name) {
 // with its payload and the times it saw; all are the page's own doing, as is `ignored`
 // (where the user went).
 function pageState(ignored = []) {
-  return page.evaluate((skip) => {
-    const kept = {};
-    for (let i = 0; i < localStorage.length; i++) {
-      const key = localStorage.key(i);
-      if (!skip.includes(key)) kept[key] = localStorage.getItem(key);
-    }
-    return { href: location.href, title: document.title, token: localStorage.getItem('brinmoor.token'), kept, pwned: window.__pwned ?? null };
-  }, ['brinmoor.seqs', 'brinmoor.taskPayloads', 'brinmoor.taskTimes', ...ignored]);
+  return page.evaluate(
+    (skip) => {
+      const kept = {};
+      for (let i = 0; i < localStorage.length; i++) {
+        const key = localStorage.key(i);
+        if (!skip.includes(key)) kept[key] = localStorage.getItem(key);
+      }
+      return {
+        href: location.href,
+        title: document.title,
+        token: localStorage.getItem('brinmoor.token'),
+        kept,
+        pwned: window.__pwned ?? null,
+      };
+    },
+    ['brinmoor.seqs', 'brinmoor.taskPayloads', 'brinmoor.taskTimes', ...ignored],
+  );
 }
 
 // The pages the browser has open: a link that opened one is seen here.
@@ -99,10 +111,9 @@ async function openPages() {
 function appPartCounts() {
   return page.evaluate(() =>
     Object.fromEntries(
-      ['.sheet-backdrop', '.sheet', '.topbar', '.tabs', '.token-page', 'iframe', 'script', 'dialog', 'math', '[popover]', '[onerror]'].map((selector) => [
-        selector,
-        document.querySelectorAll(selector).length,
-      ]),
+      ['.sheet-backdrop', '.sheet', '.topbar', '.tabs', '.token-page', 'iframe', 'script', 'dialog', 'math', '[popover]', '[onerror]'].map(
+        (selector) => [selector, document.querySelectorAll(selector).length],
+      ),
     ),
   );
 }
@@ -111,7 +122,9 @@ function appPartCounts() {
 function foreignElements(selector) {
   return page.$$eval(selector + ' *', (elements) =>
     elements
-      .filter((e) => e.matches('form, input, button, select, textarea, iframe, script, style, object, embed, a, [id], [style], [onerror], [popover]'))
+      .filter((e) =>
+        e.matches('form, input, button, select, textarea, iframe, script, style, object, embed, a, [id], [style], [onerror], [popover]'),
+      )
       .map((e) => e.outerHTML.slice(0, 200)),
   );
 }
@@ -140,7 +153,9 @@ function escapes(rootSelector, boxSelector) {
         }
         if (right <= left || bottom <= top) continue;
         if (left < box.left - 0.5 || top < box.top - 0.5 || right > box.right + 0.5 || bottom > box.bottom + 0.5) {
-          found.push(`${element.tagName} at ${[left, top, right, bottom].map(Math.round)} outside ${[box.left, box.top, box.right, box.bottom].map(Math.round)}`);
+          found.push(
+            `${element.tagName} at ${[left, top, right, bottom].map(Math.round)} outside ${[box.left, box.top, box.right, box.bottom].map(Math.round)}`,
+          );
         }
       }
       return found;
@@ -180,7 +195,9 @@ function hostileAnswer(origin) {
     '',
     '<script>window.__pwned=2</script><img src="x" onerror="window.__pwned=3"><object data="/"></object><embed src="/">',
     '',
-    '<dialog open>a dialog</dialog><meta http-equiv="refresh" content="0;url=/#token=' + kEvilToken + '"><base href="https://evil.example/"><style>.sheet{display:block}</style><link rel="stylesheet" href="/x.css">',
+    '<dialog open>a dialog</dialog><meta http-equiv="refresh" content="0;url=/#token=' +
+      kEvilToken +
+      '"><base href="https://evil.example/"><style>.sheet{display:block}</style><link rel="stylesheet" href="/x.css">',
     '',
     '<svg width="5000" height="5000" style="position:fixed;left:0;top:0"><a href="javascript:window.__pwned=6"><rect width="5000" height="5000"/></a><foreignObject width="500" height="500"><div class="sheet">svg</div></foreignObject></svg>',
     '',
@@ -226,19 +243,57 @@ test('an answer poses as nothing, stays in its box and runs no script', async ()
   assert.deepEqual(await appPartCounts(), parts);
   const kept = await page.$$eval(answer + ' .markdown *', (elements) => ({
     tags: [...new Set(elements.map((e) => e.tagName.toLowerCase()))].sort(),
-    classes: [...new Set(elements.flatMap((e) => [...e.classList]))].filter((c) => c !== 'md-block' && c !== 'md-tail' && c !== 'hljs' && !/^hljs-/.test(c) && !/^language-/.test(c)),
+    classes: [...new Set(elements.flatMap((e) => [...e.classList]))].filter(
+      (c) => c !== 'md-block' && c !== 'md-tail' && c !== 'hljs' && !/^hljs-/.test(c) && !/^language-/.test(c),
+    ),
     attributes: [...new Set(elements.flatMap((e) => e.getAttributeNames()))].sort(),
   }));
   assert.deepEqual(kept.classes, []);
-  for (const tag of ['form', 'input', 'button', 'select', 'textarea', 'label', 'option', 'iframe', 'script', 'style', 'svg', 'math', 'object', 'embed', 'dialog', 'meta', 'base', 'link']) {
+  for (const tag of [
+    'form',
+    'input',
+    'button',
+    'select',
+    'textarea',
+    'label',
+    'option',
+    'iframe',
+    'script',
+    'style',
+    'svg',
+    'math',
+    'object',
+    'embed',
+    'dialog',
+    'meta',
+    'base',
+    'link',
+  ]) {
     assert.ok(!kept.tags.includes(tag), `an answer keeps no ${tag}: ${kept.tags.join(' ')}`);
   }
-  for (const attribute of ['id', 'name', 'style', 'popover', 'tabindex', 'aria-checked', 'data-agent', 'data-request', 'width', 'height', 'onerror']) {
+  for (const attribute of [
+    'id',
+    'name',
+    'style',
+    'popover',
+    'tabindex',
+    'aria-checked',
+    'data-agent',
+    'data-request',
+    'width',
+    'height',
+    'onerror',
+  ]) {
     assert.ok(!kept.attributes.includes(attribute), `an answer keeps no ${attribute}: ${kept.attributes.join(' ')}`);
   }
   // Only the link out of the app is a link; it opens outside, and tells nothing.
   const links = await page.$$eval(answer + ' .markdown a', (anchors) =>
-    anchors.map((a) => ({ text: a.textContent, href: a.getAttribute('href'), target: a.getAttribute('target'), rel: a.getAttribute('rel') })),
+    anchors.map((a) => ({
+      text: a.textContent,
+      href: a.getAttribute('href'),
+      target: a.getAttribute('target'),
+      rel: a.getAttribute('rel'),
+    })),
   );
   assert.deepEqual(
     links.filter((link) => link.href !== null),
@@ -322,7 +377,9 @@ test('a terminal shows a title as text, writes no clipboard, and its hyperlink c
   // The hyperlink: hovered, then clicked, as a user does.
   const pages = await openPages();
   // The last row that starts with the link's text is the output, not the command typed.
-  const row = await page.evaluateHandle(() => [...document.querySelectorAll('.xterm-rows > div')].filter((line) => line.textContent.startsWith('click-me')).pop());
+  const row = await page.evaluateHandle(() =>
+    [...document.querySelectorAll('.xterm-rows > div')].filter((line) => line.textContent.startsWith('click-me')).pop(),
+  );
   const box = await row.boundingBox();
   await page.mouse.move(box.x + 10, box.y + box.height / 2);
   // xterm.js shows the pointer once it has found the link under the mouse.
@@ -363,7 +420,10 @@ async function sheetContent() {
     content: request.querySelector('.file-content')?.textContent ?? null,
     json: request.querySelector('pre.json')?.textContent ?? null,
     // In the order shown: by name, as the relay sends them.
-    fields: [...request.querySelectorAll('.other-field')].map((f) => [f.querySelector('.field-name').textContent, f.querySelector('.field-value').textContent]),
+    fields: [...request.querySelectorAll('.other-field')].map((f) => [
+      f.querySelector('.field-name').textContent,
+      f.querySelector('.field-value').textContent,
+    ]),
   }));
   return { labels, shown };
 }
@@ -462,7 +522,10 @@ test('the approval sheet shows an unknown tool input field by field, a long valu
   askingClaude('WebSearch', `{"__proto__":{"polluted":true},"limit":3,"query":"${query}"}`);
   await newChat('Search');
   await thenDeny(async () => {
-    assert.equal(await page.$eval('.sheet .other-field:last-child .field-value', (value) => value.textContent), JSON.stringify(query).slice(0, kFoldCharacters));
+    assert.equal(
+      await page.$eval('.sheet .other-field:last-child .field-value', (value) => value.textContent),
+      JSON.stringify(query).slice(0, kFoldCharacters),
+    );
     const { labels, shown } = await sheetContent();
     assert.deepEqual(labels, ['Show all (1 line, 5,002 characters)']);
     assert.deepEqual(shown.fields, [
@@ -475,7 +538,11 @@ test('the approval sheet shows an unknown tool input field by field, a long valu
 });
 
 const kHostileName = '<img src=x onerror=window.__pwned=9> class=sheet.txt';
-const kHostileLines = ['<div class="sheet-backdrop"><button class="primary">Allow</button></div>', '<script>window.__pwned=10</script>', '[pair](/#token=evil)'];
+const kHostileLines = [
+  '<div class="sheet-backdrop"><button class="primary">Allow</button></div>',
+  '<script>window.__pwned=10</script>',
+  '[pair](/#token=evil)',
+];
 
 test('file names and content in a diff are text', async () => {
   await click('button[role=tab]', 'Changes');
@@ -507,11 +574,16 @@ test('a task output with escape sequences is text and changes nothing', async ()
   await click('.run-form button', 'Run');
   await page.waitForFunction(() => [...document.querySelectorAll('.task-log .log-line')].some((line) => line.textContent === 'end'));
   const lines = await page.$$eval('.task-log .log-line', (rows) => rows.map((row) => row.textContent));
-  assert.ok(lines.some((line) => line.includes('\x1b]8;;') && line.includes('click-me') && line.includes('<b class=sheet>bold</b>')), lines.join('\n'));
+  assert.ok(
+    lines.some((line) => line.includes('\x1b]8;;') && line.includes('click-me') && line.includes('<b class=sheet>bold</b>')),
+    lines.join('\n'),
+  );
   // Lines of text, and nothing else: the log's own rows are all it has.
   assert.deepEqual(
     await page.$$eval('.task-log *', (elements) =>
-      elements.filter((e) => !e.matches('.log-space, .log-line') || (e.matches('.log-line') && e.children.length > 0)).map((e) => e.outerHTML),
+      elements
+        .filter((e) => !e.matches('.log-space, .log-line') || (e.matches('.log-line') && e.children.length > 0))
+        .map((e) => e.outerHTML),
     ),
     [],
   );
@@ -555,7 +627,10 @@ test('a page of another name that leads to the relay gets nothing from it', asyn
     return [health.status, agents.status, socket];
   }, kToken);
   assert.deepEqual(answers, [421, 421, 'refused']);
-  await world.waitFor(() => world.relayLog.includes(`host.refused address=127.0.0.1 path=/v1/ws/client host=${host}\n`), 'the socket refused');
+  await world.waitFor(
+    () => world.relayLog.includes(`host.refused address=127.0.0.1 path=/v1/ws/client host=${host}\n`),
+    'the socket refused',
+  );
   for (const path of ['/', '/v1/health', '/v1/agents']) {
     assert.ok(world.relayLog.includes(`host.refused address=127.0.0.1 path=${path} host=${host}\n`), path);
   }

@@ -164,10 +164,18 @@ test('search finds a line among 300,000 and takes the log there', async () => {
   await page.waitForFunction(() => document.querySelectorAll('.output-match').length === 200);
   await clickText(page, '.output-matches button', 'More matches');
   await page.waitForFunction(() => document.querySelectorAll('.output-match').length === 400);
-  assert.deepEqual(await listed(), matching('777').slice(0, 400).map((line) => 'Line ' + line));
+  assert.deepEqual(
+    await listed(),
+    matching('777')
+      .slice(0, 400)
+      .map((line) => 'Line ' + line),
+  );
   await search('2345'); // 160 lines
   await page.waitForFunction(() => document.querySelectorAll('.output-match').length === 160);
-  assert.deepEqual(await listed(), matching('2345').map((line) => 'Line ' + line));
+  assert.deepEqual(
+    await listed(),
+    matching('2345').map((line) => 'Line ' + line),
+  );
   assert.equal(await page.$('.output-matches button.link'), null);
 
   await search('no such line');
@@ -198,7 +206,10 @@ test('Copy puts all 300,000 lines on the clipboard, Download saves them as a fil
   const notes = await page.evaluate(() => window.brinmoorNotes);
   assert.equal(notes.at(-1), 'Downloaded 300,000 lines');
   assert.ok(notes.includes('Downloading… 150,000 of 300,000 lines'), notes.join('\n'));
-  assert.ok(notes.slice(0, -1).every((note) => /^Downloading… [\d,]+ of 300,000 lines$/.test(note)), notes.join('\n'));
+  assert.ok(
+    notes.slice(0, -1).every((note) => /^Downloading… [\d,]+ of 300,000 lines$/.test(note)),
+    notes.join('\n'),
+  );
   await world.waitFor(() => existsSync(file) && readFileSync(file, 'utf8').endsWith('300000\n'), 'the saved file', 30_000);
   const saved = readFileSync(file, 'utf8');
   assert.equal(saved, Array.from({ length: 300_000 }, (_, i) => String(i + 1)).join('\n') + '\n');
@@ -239,7 +250,10 @@ test('after the relay restarts the task is still listed, finished, with its dura
   await waitText('.task-detail .task-status', 'Finished');
   await waitForRow(300_000);
   // The agent's times, which win over those this page saw.
-  const [startedAt, endedAt] = await page.evaluate((id) => [window.brinmoor.tasks.get(id).startedAt, window.brinmoor.tasks.get(id).endedAt], seqTask);
+  const [startedAt, endedAt] = await page.evaluate(
+    (id) => [window.brinmoor.tasks.get(id).startedAt, window.brinmoor.tasks.get(id).endedAt],
+    seqTask,
+  );
   const took = await page.$eval('.task-detail .task-duration', (e) => e.textContent);
   assert.ok(endedAt > startedAt && took !== '', `${startedAt} ${endedAt} ${took}`);
 
@@ -261,5 +275,8 @@ test('after the relay restarts the task is still listed, finished, with its dura
 
 test('nothing was refused by the page policy and no error reached the console', async () => {
   const unreachable = /^console error: (WebSocket connection to .* failed|Failed to load resource: net::ERR_CONNECTION_REFUSED)/;
-  assert.deepEqual(page.problems.filter((problem) => !unreachable.test(problem)), []);
+  assert.deepEqual(
+    page.problems.filter((problem) => !unreachable.test(problem)),
+    [],
+  );
 });

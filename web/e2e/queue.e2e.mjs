@@ -57,7 +57,8 @@ async function chooseTask(title) {
 async function listedState(title) {
   return page.$$eval(
     '.task-history .task-item',
-    (items, wanted) => items.find((item) => item.querySelector('.task-title').textContent === wanted)?.querySelector('.task-state').textContent,
+    (items, wanted) =>
+      items.find((item) => item.querySelector('.task-title').textContent === wanted)?.querySelector('.task-state').textContent,
     title,
   );
 }

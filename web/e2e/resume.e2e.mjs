@@ -14,7 +14,17 @@ import { createHash, randomBytes } from 'node:crypto';
 import { mkdirSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
-import { claudeStream, clickText, codexStream, focusTerminal, kAgentId, kToken, testLeavingPictures, waitForText, World } from './harness.mjs';
+import {
+  claudeStream,
+  clickText,
+  codexStream,
+  focusTerminal,
+  kAgentId,
+  kToken,
+  testLeavingPictures,
+  waitForText,
+  World,
+} from './harness.mjs';
 
 // A small event log, so that a page away long enough finds a gap.
 const world = new World({ relayEnv: { BRINMOOR_EVENT_LOG_BYTES: String(1024 * 1024) } });
@@ -104,7 +114,12 @@ function logOf(taskId) {
 }
 
 function waitForLine(taskId, line) {
-  return page.waitForFunction((id, wanted) => window.brinmoorHeld(window.brinmoor.tasks.get(id)).includes(wanted), { timeout: 20000 }, taskId, line);
+  return page.waitForFunction(
+    (id, wanted) => window.brinmoorHeld(window.brinmoor.tasks.get(id)).includes(wanted),
+    { timeout: 20000 },
+    taskId,
+    line,
+  );
 }
 
 // The agent says so when a task's process has ended.
@@ -291,7 +306,9 @@ async function stopAfterReload() {
 test('a page away longer than the relay keeps messages reads what it missed from the computer', async () => {
   const go = join(world.root, 'go');
   // About 3 MB of output while the page is away: more than the relay's log holds.
-  const taskId = await runTask(`print G-start; while [[ ! -e ${go} ]]; do sleep 0.05; done; for i in {1..12000}; do print G-$i-${'x'.repeat(240)}; done; print G-end`);
+  const taskId = await runTask(
+    `print G-start; while [[ ! -e ${go} ]]; do sleep 0.05; done; for i in {1..12000}; do print G-$i-${'x'.repeat(240)}; done; print G-end`,
+  );
   await waitForLine(taskId, 'G-start');
   const resumes = sockets.resumes.length;
   await away(async () => {
@@ -306,7 +323,10 @@ test('a page away longer than the relay keeps messages reads what it missed from
   await page.waitForFunction(() => [...document.querySelectorAll('.task-log .log-line')].at(-1)?.textContent === 'G-end');
   assert.equal(await page.$('.task-log .log-line.notice'), null);
   // ...and the page can have them all.
-  const read = await page.evaluate(async (id) => (await window.brinmoor.tasks.outputs.reads.readAll(window.brinmoor.tasks.get(id))).flat(), taskId);
+  const read = await page.evaluate(
+    async (id) => (await window.brinmoor.tasks.outputs.reads.readAll(window.brinmoor.tasks.get(id))).flat(),
+    taskId,
+  );
   assert.deepEqual(read, all);
   await shoot('resume-gap');
 });
@@ -409,7 +429,12 @@ test('50 MB through a slow network in a paced terminal: every byte, no disconnec
     window.brinmoor.connection.client.onState((state) => window.brinmoorStates.push(state));
   });
   const connected = count(world.relayLog, /^client\.connected /gm);
-  await cdp.send('Network.emulateNetworkConditions', { offline: false, latency: 0, downloadThroughput: kThrottledBytesPerSecond, uploadThroughput: -1 });
+  await cdp.send('Network.emulateNetworkConditions', {
+    offline: false,
+    latency: 0,
+    downloadThroughput: kThrottledBytesPerSecond,
+    uploadThroughput: -1,
+  });
   const began = Date.now();
   await focusTerminal(page);
   await page.keyboard.type(`echo CAT-BEGIN-$((6*7)); cat ${file}; echo CAT-END-$((6*7))`);
@@ -472,7 +497,10 @@ test('while the relay is down the page offers "Retry now", which connects at onc
   // The attempts that met no relay are all the console heard of.
   const heard = page.problems.splice(problems);
   const unreachable = /^console error: (WebSocket connection to .* failed|Failed to load resource: net::ERR_CONNECTION_REFUSED)/;
-  assert.deepEqual(heard.filter((problem) => !unreachable.test(problem)), []);
+  assert.deepEqual(
+    heard.filter((problem) => !unreachable.test(problem)),
+    [],
+  );
 });
 
 test('nothing was refused by the page policy and no error reached the console', async () => {

@@ -20,7 +20,12 @@ if (!existsSync(join(env.BRINMOOR_BIN_DIR, 'brinmoor-server'))) {
 }
 
 const named = process.argv.slice(2).map((name) => (name.endsWith('.e2e.mjs') ? name : `${name}.e2e.mjs`));
-const suites = named.length > 0 ? named : readdirSync(here).filter((name) => name.endsWith('.e2e.mjs')).sort();
+const suites =
+  named.length > 0
+    ? named
+    : readdirSync(here)
+        .filter((name) => name.endsWith('.e2e.mjs'))
+        .sort();
 const failed = [];
 for (const suite of suites) {
   console.log(`e2e: ${suite}`);

@@ -7,10 +7,20 @@
 // A page is hidden the way a phone hides it: another tab comes to the front (headless
 // Chromium keeps its tabs in one window, so the page behind it reports "hidden").
 import assert from 'node:assert/strict';
-import { mkdirSync, readFileSync, writeFileSync } from 'node:fs';
+import { mkdirSync, readFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
-import { claudeStream, clickText, focusTerminal, kAgentId, kAskingClaude, kTestHost, kToken, testLeavingPictures, World } from './harness.mjs';
+import {
+  claudeStream,
+  clickText,
+  focusTerminal,
+  kAgentId,
+  kAskingClaude,
+  kTestHost,
+  kToken,
+  testLeavingPictures,
+  World,
+} from './harness.mjs';
 
 const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
 const kOffer = 'Get a notification when an approval or a review waits for you.';
@@ -33,7 +43,6 @@ before(async () => {
 after(async () => {
   await world.stop();
 });
-
 
 async function shoot(target, name) {
   const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;
@@ -87,7 +96,8 @@ test('the service worker is active for the whole origin and keeps only the shell
   const worker = await page.evaluate(async () => {
     const registration = await navigator.serviceWorker.ready;
     const active = registration.active;
-    if (active.state !== 'activated') await new Promise((resolve) => active.addEventListener('statechange', () => active.state === 'activated' && resolve()));
+    if (active.state !== 'activated')
+      await new Promise((resolve) => active.addEventListener('statechange', () => active.state === 'activated' && resolve()));
     return { scope: registration.scope, script: active.scriptURL, state: active.state };
   });
   assert.deepEqual(worker, { scope: world.origin + '/', script: world.origin + '/sw.js', state: 'activated' });
@@ -151,7 +161,10 @@ test('an old http:// link to the port goes on over https with its token', async 
   const response = await fresh.goto(plainLink);
   // The relay's redirect, not the browser's own upgrade.
   const chain = response.request().redirectChain();
-  assert.deepEqual(chain.map((request) => [request.url(), request.response().status()]), [[plainLink, 308]]);
+  assert.deepEqual(
+    chain.map((request) => [request.url(), request.response().status()]),
+    [[plainLink, 308]],
+  );
   await fresh.waitForSelector(`[data-agent="${kAgentId}"] .project`);
   assert.equal(await fresh.evaluate(() => location.href), world.origin + '/');
   assert.equal(await fresh.evaluate(() => localStorage.getItem('brinmoor.token')), kToken);
@@ -213,13 +226,17 @@ test('a permission request arriving while the page is hidden is a notification',
   await page.waitForFunction(() => document.visibilityState === 'visible');
   assert.equal(await textOf(page, '.sheet .tool-name'), 'Write');
   await click(page, '.sheet button', 'Allow');
-  await page.waitForFunction(() => document.querySelector('.message.assistant.done:last-of-type .markdown')?.textContent.trim() === 'Wrote notes.txt.');
+  await page.waitForFunction(
+    () => document.querySelector('.message.assistant.done:last-of-type .markdown')?.textContent.trim() === 'Wrote notes.txt.',
+  );
   assert.equal(readFileSync(join(world.project, 'notes.txt'), 'utf8'), 'written\n');
   world.fakeFile('claude.script', '');
 });
 
 test('with the network gone the app shell still loads, and nothing of the relay is cached', async () => {
-  const workerTarget = await world.browser.waitForTarget((target) => target.type() === 'service_worker' && target.url() === world.origin + '/sw.js');
+  const workerTarget = await world.browser.waitForTarget(
+    (target) => target.type() === 'service_worker' && target.url() === world.origin + '/sw.js',
+  );
   const worker = await workerTarget.createCDPSession();
   const offline = (on) => ({ offline: on, latency: 0, downloadThroughput: -1, uploadThroughput: -1 });
   await worker.send('Network.enable');
@@ -231,14 +248,25 @@ test('with the network gone the app shell still loads, and nothing of the relay 
     await page.waitForSelector('.topbar');
     assert.notEqual(await textOf(page, '.connection-text'), 'Connected');
     // The page's own fetch of the relay fails too: the network really is gone.
-    assert.equal(await page.evaluate(() => fetch('/v1/health').then(() => 'answered', () => 'failed')), 'failed');
+    assert.equal(
+      await page.evaluate(() =>
+        fetch('/v1/health').then(
+          () => 'answered',
+          () => 'failed',
+        ),
+      ),
+      'failed',
+    );
   } finally {
     await page.setOfflineMode(false);
     await worker.send('Network.emulateNetworkConditions', offline(false));
   }
   await page.waitForFunction(() => document.querySelector('.connection-text')?.textContent === 'Connected', { timeout: 20000 });
   const cached = Object.values(await cachedRequests(page)).flat();
-  assert.deepEqual(cached.filter((path) => path.startsWith('/v1') || path.includes(kToken)), []);
+  assert.deepEqual(
+    cached.filter((path) => path.startsWith('/v1') || path.includes(kToken)),
+    [],
+  );
   assert.deepEqual([...cached].sort(), [...shell.files].sort());
 });
 
@@ -261,7 +289,11 @@ test('over plain HTTP at a network address the page says it is not encrypted, un
     assert.equal(await insecure.evaluate(() => window.isSecureContext), false);
     assert.equal(await insecure.evaluate(() => 'serviceWorker' in navigator), false);
     assert.equal(await textOf(insecure, '.notice.unencrypted .notice-text'), 'This connection is not encrypted');
-    const link = await insecure.$eval('.notice.unencrypted a', (a) => ({ text: a.textContent, href: a.getAttribute('href'), target: a.target }));
+    const link = await insecure.$eval('.notice.unencrypted a', (a) => ({
+      text: a.textContent,
+      href: a.getAttribute('href'),
+      target: a.target,
+    }));
     assert.deepEqual(link, { text: 'How to encrypt it', href: '/help/reach-it-from-anywhere.html', target: '_blank' });
     // No offer of notifications: the browser has none for this page.
     assert.equal(await insecure.$('.notice.offer'), null);

@@ -83,7 +83,10 @@ async function shoot(name) {
   const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;
   if (!folder) return;
   mkdirSync(folder, { recursive: true });
-  for (const [size, viewport] of [['phone', kPhone], ['desktop', kDesktop]]) {
+  for (const [size, viewport] of [
+    ['phone', kPhone],
+    ['desktop', kDesktop],
+  ]) {
     await page.setViewport(viewport);
     await page.waitForFunction(() => new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(() => resolve(true)))));
     await page.screenshot({ path: join(folder, `web-${name}-${size}.png`) });
@@ -216,7 +219,6 @@ test('chats with codex, continued on its thread', async () => {
   assert.ok(args.includes('resume') && args.includes('th-e2e'), 'the second message resumes the thread: ' + args.join(' '));
 });
 
-
 test('a tool approval appears wherever the user is, and Allow lets the assistant write', async () => {
   world.fakeFile('claude.script', kAskingClaude);
   // Back in the first conversation, below its streamed answer.
@@ -279,9 +281,10 @@ test('a proposal is reviewed as a diff, and Approve applies it', async () => {
   world.fakeFile('codex.stream', codexStream([kExplanation], 'th-p'));
   await propose('Say bye');
   // Only Codex, which works on a copy, is asked for changes here.
-  assert.deepEqual(await page.$$eval('.change-form .segmented', (groups) => groups.map((g) => [g.getAttribute('aria-label'), g.innerText.split('\n')])), [
-    ['Mode', ['Propose changes', 'Plan only']],
-  ]);
+  assert.deepEqual(
+    await page.$$eval('.change-form .segmented', (groups) => groups.map((g) => [g.getAttribute('aria-label'), g.innerText.split('\n')])),
+    [['Mode', ['Propose changes', 'Plan only']]],
+  );
   assert.equal(
     await textOf('.change-form .change-note'),
     'Codex works on a copy of the project: you review its changes before any is applied. Claude works in Chat, where you approve each tool use.',
@@ -308,7 +311,11 @@ function gutters() {
 // The contrast ratio of an element's text against the background it is drawn on.
 function contrastOf(selector) {
   return page.$eval(selector, (element) => {
-    const rgb = (text) => text.match(/[\d.]+/g).slice(0, 4).map(Number);
+    const rgb = (text) =>
+      text
+        .match(/[\d.]+/g)
+        .slice(0, 4)
+        .map(Number);
     const luminance = ([r, g, b]) => {
       const channel = (v) => ((v /= 255) <= 0.03928 ? v / 12.92 : ((v + 0.055) / 1.055) ** 2.4);
       return 0.2126 * channel(r) + 0.7152 * channel(g) + 0.0722 * channel(b);
@@ -317,7 +324,8 @@ function contrastOf(selector) {
     const layers = [];
     for (let at = element; at; at = at.parentElement) layers.push(rgb(getComputedStyle(at).backgroundColor));
     let drawn = [255, 255, 255];
-    for (const [r, g, b, a = 1] of layers.reverse()) drawn = [r * a + drawn[0] * (1 - a), g * a + drawn[1] * (1 - a), b * a + drawn[2] * (1 - a)];
+    for (const [r, g, b, a = 1] of layers.reverse())
+      drawn = [r * a + drawn[0] * (1 - a), g * a + drawn[1] * (1 - a), b * a + drawn[2] * (1 - a)];
     const text = luminance(rgb(getComputedStyle(element).color));
     const back = luminance(drawn);
     return (Math.max(text, back) + 0.05) / (Math.min(text, back) + 0.05);
@@ -328,7 +336,7 @@ test('a long diff on a phone: line numbers stay with their lines, long lines wra
   // 120 lines, the sixth of them 360 characters long.
   world.fakeFile(
     'codex.script',
-    "{ for i in {1..5}; do print \"line $i\"; done; printf 'a long line %.0s' {1..30}; print; for i in {7..120}; do print \"line $i\"; done } > long.txt\n",
+    '{ for i in {1..5}; do print "line $i"; done; printf \'a long line %.0s\' {1..30}; print; for i in {7..120}; do print "line $i"; done } > long.txt\n',
   );
   world.fakeFile('codex.stream', codexStream(['I wrote long.txt.'], 'th-long'));
   await propose('Write a long file');
@@ -346,7 +354,10 @@ async function longDiffChecks() {
   await page.waitForSelector('.change-detail .diff-body .d2h-ins');
   // Unified, and nothing to scroll sideways: the long line wraps.
   assert.equal(await page.$('.change-detail .d2h-file-side-diff'), null);
-  assert.equal(await page.$eval('.change-detail .diff-body', (body) => [body.getAttribute('aria-label'), body.tabIndex].join(' ')), 'Changes to long.txt 0');
+  assert.equal(
+    await page.$eval('.change-detail .diff-body', (body) => [body.getAttribute('aria-label'), body.tabIndex].join(' ')),
+    'Changes to long.txt 0',
+  );
   assert.ok(await page.$eval('.change-detail .diff-body', (body) => body.scrollWidth <= body.clientWidth));
   // A short line takes one row, the long one (360 characters) a dozen or so, not one a
   // character.
@@ -359,13 +370,19 @@ async function longDiffChecks() {
   const before = await gutters();
   // The hunk's header and its 120 lines.
   assert.equal(before.length, 121);
-  assert.deepEqual(before.filter(([gutter, line]) => Math.abs(gutter - line) > 1), []);
+  assert.deepEqual(
+    before.filter(([gutter, line]) => Math.abs(gutter - line) > 1),
+    [],
+  );
   // Scrolled, every number is still beside its line.
   await page.evaluate(() => document.querySelector('.change-detail .diff-body').scrollIntoView({ block: 'end' }));
   await pageSettled(page);
   const after = await gutters();
   assert.notDeepEqual(after, before);
-  assert.deepEqual(after.filter(([gutter, line]) => Math.abs(gutter - line) > 1), []);
+  assert.deepEqual(
+    after.filter(([gutter, line]) => Math.abs(gutter - line) > 1),
+    [],
+  );
   // On a wide screen, side by side, the long line scrolls within its side: the page
   // stays as wide as the window.
   await page.setViewport(kDesktop);
@@ -437,7 +454,10 @@ test('an interactive terminal echoes what is typed, and its title is text', asyn
   await typeInTerminal('echo brinmoor-$((6*7))');
   await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('brinmoor-42'));
   // This xterm.js still lets the view skip the redraw that doubles the cost of scrolling.
-  assert.deepEqual(warnings.filter((text) => text.includes('xterm.js')), []);
+  assert.deepEqual(
+    warnings.filter((text) => text.includes('xterm.js')),
+    [],
+  );
   // A word is selected by a double click, and the selection is drawn; a click clears it.
   const row = await page.evaluateHandle(() =>
     [...document.querySelectorAll('.xterm-rows > div')].find((line) => line.textContent.trim() === 'brinmoor-42'),
@@ -482,8 +502,10 @@ test('the key bar sends control keys', async () => {
 test('the key bar sends Home, End, Page Up and Down, Ctrl-C, Ctrl-D and Ctrl-Z', async () => {
   // The shell reads the keys raw and prints their bytes.
   await typeInTerminal("stty raw -echo; head -c 17 | od -An -tx1 | tr -d ' \\n'; stty sane; echo");
-  await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes("stty sane; echo"));
-  const labels = await page.$$eval('.key-bar button', (buttons) => buttons.map((button) => [button.textContent, button.getAttribute('aria-label')]));
+  await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('stty sane; echo'));
+  const labels = await page.$$eval('.key-bar button', (buttons) =>
+    buttons.map((button) => [button.textContent, button.getAttribute('aria-label')]),
+  );
   assert.deepEqual(labels, [
     ['Esc', 'Esc'],
     ['Tab', 'Tab'],
@@ -572,7 +594,10 @@ test('full screen, and a phone keyboard, give the terminal the whole window', as
   await page.waitForFunction(() => document.querySelector('.tabs').getBoundingClientRect().height === 0);
   assert.equal(await shown('.topbar'), false);
   assert.ok((await hostHeight()) > before + 100);
-  assert.equal(await page.$eval('.terminal-head button.full-screen', (b) => [b.getAttribute('aria-label'), b.title].join(' / ')), 'Exit full screen / Exit full screen');
+  assert.equal(
+    await page.$eval('.terminal-head button.full-screen', (b) => [b.getAttribute('aria-label'), b.title].join(' / ')),
+    'Exit full screen / Exit full screen',
+  );
   await shoot('terminal-full');
   await page.click('.terminal-head button[aria-label="Exit full screen"]');
   await page.waitForFunction(() => document.querySelector('.tabs').getBoundingClientRect().height > 0);

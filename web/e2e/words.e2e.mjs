@@ -83,7 +83,12 @@ test('a task ends as Finished, Failed · exit N, Cancelled, Timed out or Rejecte
   // The page offers no time limit: this task is given one as another client would.
   const limited = await page.evaluate(async (agentId) => {
     const state = window.brinmoor;
-    const task = await state.tasks.run(agentId, { action: 'shell', command: 'sleep 20', projectPath: state.navigation.place.projectPath, timeoutSec: 1 });
+    const task = await state.tasks.run(agentId, {
+      action: 'shell',
+      command: 'sleep 20',
+      projectPath: state.navigation.place.projectPath,
+      timeoutSec: 1,
+    });
     state.navigation.go({ taskId: task.taskId });
     return task.taskId;
   }, kAgentId);
@@ -164,7 +169,10 @@ function codexEvents(events) {
     { type: 'thread.started', thread_id: 'th-words' },
     { type: 'turn.started' },
     { type: 'item.started', item: { id: 'c1', type: 'command_execution', command: 'ls' } },
-    { type: 'item.completed', item: { id: 'c1', type: 'command_execution', command: 'ls', aggregated_output: 'Package.swift\n', exit_code: 0 } },
+    {
+      type: 'item.completed',
+      item: { id: 'c1', type: 'command_execution', command: 'ls', aggregated_output: 'Package.swift\n', exit_code: 0 },
+    },
     ...events,
     { type: 'turn.completed', usage: { input_tokens: 1, output_tokens: 1 } },
   ];
@@ -258,7 +266,10 @@ test('what Claude said before a tool use stays in the answer, and an allowed or 
 test('a plan by Codex reads as an answer, and a proposal\u2019s commentary as Markdown said once', async () => {
   world.fakeFile('codex.script', '');
   const plan = '## Plan\n\n1. Read **Package.swift**\n2. Add a test';
-  world.fakeFile('codex.stream', codexEvents([{ type: 'item.started', item: { id: 'm1', type: 'agent_message', text: '## Plan' } }, message(plan, 'm1')]));
+  world.fakeFile(
+    'codex.stream',
+    codexEvents([{ type: 'item.started', item: { id: 'm1', type: 'agent_message', text: '## Plan' } }, message(plan, 'm1')]),
+  );
   await tab('Changes');
   await click('.change-form .segmented button', 'Plan only');
   await page.type('textarea[name=change-prompt]', 'Plan a test');

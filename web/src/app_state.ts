@@ -98,14 +98,17 @@ export class AppState {
     this.credentials = new Credentials(storage);
     this.navigation = new Navigation(storage);
     this.agents = new AgentsStore(storage);
-    this.tasks = new TasksStore({
-      createTask: (agentId, payload) => relay().createTask(agentId, payload),
-      cancelTask: (agentId, taskId) => relay().cancelTask(agentId, taskId),
-      decideProposal: (agentId, taskId, approve, files) => relay().decideProposal(agentId, taskId, approve, files),
-      ackTaskOutput: (agentId, taskId, line) => this.connection.client?.ackTaskOutput(agentId, taskId, line) ?? false,
-      readTaskOutput: async (agentId, taskId, query) => relay().readTaskOutput(agentId, taskId, query),
-      listTasks: async (agentId) => relay().listTasks(agentId),
-    }, storage);
+    this.tasks = new TasksStore(
+      {
+        createTask: (agentId, payload) => relay().createTask(agentId, payload),
+        cancelTask: (agentId, taskId) => relay().cancelTask(agentId, taskId),
+        decideProposal: (agentId, taskId, approve, files) => relay().decideProposal(agentId, taskId, approve, files),
+        ackTaskOutput: (agentId, taskId, line) => this.connection.client?.ackTaskOutput(agentId, taskId, line) ?? false,
+        readTaskOutput: async (agentId, taskId, query) => relay().readTaskOutput(agentId, taskId, query),
+        listTasks: async (agentId) => relay().listTasks(agentId),
+      },
+      storage,
+    );
     this.approvals = new ApprovalsStore({
       decidePermission: (requestId, allow, message) => relay().decidePermission(requestId, allow, message),
     });

@@ -39,12 +39,43 @@ describe('ConversationsStore', () => {
     expect([answer.status, answer.text, answer.activity]).toEqual(['done', 'Two files.', [{ text: 'Ran ls', tone: 'step' }]]);
 
     const second = await store.send(conversation.id, 'And now?');
-    store.handle(m({ type: 'task.chat.error', agentId: 'mac', taskId: 'T2', conversationId: conversation.id, message: 'command exited with status 1' }));
-    store.handle(m({ type: 'task.failed', agentId: 'mac', taskId: 'T2', error: 'command exited with status 1', errorCode: 'COMMAND_EXIT_NONZERO', exitCode: 1 }));
+    store.handle(
+      m({
+        type: 'task.chat.error',
+        agentId: 'mac',
+        taskId: 'T2',
+        conversationId: conversation.id,
+        message: 'command exited with status 1',
+      }),
+    );
+    store.handle(
+      m({
+        type: 'task.failed',
+        agentId: 'mac',
+        taskId: 'T2',
+        error: 'command exited with status 1',
+        errorCode: 'COMMAND_EXIT_NONZERO',
+        exitCode: 1,
+      }),
+    );
     expect([second.status, second.error]).toEqual(['error', 'command exited with status 1']);
     expect(payloads).toEqual([
-      { action: 'chat', system: 'codex', projectPath: 'App', prompt: 'What is in here?\nDetails follow', conversationId: conversation.id, approvalMode: 'on_request' },
-      { action: 'chat', system: 'codex', projectPath: 'App', prompt: 'And now?', conversationId: conversation.id, approvalMode: 'on_request' },
+      {
+        action: 'chat',
+        system: 'codex',
+        projectPath: 'App',
+        prompt: 'What is in here?\nDetails follow',
+        conversationId: conversation.id,
+        approvalMode: 'on_request',
+      },
+      {
+        action: 'chat',
+        system: 'codex',
+        projectPath: 'App',
+        prompt: 'And now?',
+        conversationId: conversation.id,
+        approvalMode: 'on_request',
+      },
     ]);
 
     const reloaded = new ConversationsStore(db, sender);
@@ -100,7 +131,9 @@ describe('ConversationsStore', () => {
       { taskId: 'T1', kind: 'chat', projectPath: 'App', status: 'finished', exitCode: 0 },
       { taskId: 'T2', kind: 'chat', projectPath: 'App', status: 'running' },
     ];
-    store.handle(m({ type: 'resume.gap', agentId: 'mac', since: 3, seq: 80, snapshot: { tasks, proposal: null, terminals: [], queue: [] } }));
+    store.handle(
+      m({ type: 'resume.gap', agentId: 'mac', since: 3, seq: 80, snapshot: { tasks, proposal: null, terminals: [], queue: [] } }),
+    );
     expect([ended.status, ended.text, ended.missed]).toEqual(['done', 'Hal', true]);
     expect([going.status, going.missed]).toEqual(['streaming', true]);
     expect([elsewhere.status, elsewhere.missed]).toEqual(['streaming', undefined]);
@@ -110,7 +143,19 @@ describe('ConversationsStore', () => {
   });
 
   const hello = (seq: number, tasks: Record<string, unknown>[]) =>
-    m({ type: 'server.hello', agents: [{ agentId: 'mac', busy: true, registration: null, online: true, seq, snapshot: { tasks, proposal: null, terminals: [], queue: [] } }] });
+    m({
+      type: 'server.hello',
+      agents: [
+        {
+          agentId: 'mac',
+          busy: true,
+          registration: null,
+          online: true,
+          seq,
+          snapshot: { tasks, proposal: null, terminals: [], queue: [] },
+        },
+      ],
+    });
   const chunk = (conversationId: string, seq: number, text: string) =>
     m({ type: 'task.chat.chunk', agentId: 'mac', taskId: 'T1', conversationId, chunk: text, seq });
 
@@ -174,7 +219,15 @@ describe('ConversationsStore', () => {
     await until(() => open.messages![1].status === 'streaming');
     expect(open.messages![1].chunks).toEqual(['One, ']);
     // After a gap the present is the truth: its answer is whole, or says it is not.
-    shown.handle(m({ type: 'resume.gap', agentId: 'mac', since: 3, seq: 40, snapshot: { tasks: [{ ...running, answer: 'One, two, ', answerCut: true }], proposal: null, terminals: [], queue: [] } }));
+    shown.handle(
+      m({
+        type: 'resume.gap',
+        agentId: 'mac',
+        since: 3,
+        seq: 40,
+        snapshot: { tasks: [{ ...running, answer: 'One, two, ', answerCut: true }], proposal: null, terminals: [], queue: [] },
+      }),
+    );
     shown.handle(chunk(conversation.id, 41, 'three.'));
     expect([open.messages![1].chunks.join(''), open.messages![1].missed]).toEqual(['One, two, three.', true]);
     shown.handle(m({ type: 'task.finished', agentId: 'mac', taskId: 'T1', exitCode: 0, seq: 42 }));
@@ -187,7 +240,12 @@ describe('ConversationsStore', () => {
     away.handle(m({ type: 'task.failed', agentId: 'mac', taskId: second.taskId, error: 'it broke', errorCode: 'X', exitCode: 1, seq: 51 }));
     away.list('mac', 'App');
     await until(() => away.get(conversation.id)?.messages?.length === 4);
-    expect(away.get(conversation.id)!.messages!.slice(2).map((x) => [x.text, x.status, x.error])).toEqual([
+    expect(
+      away
+        .get(conversation.id)!
+        .messages!.slice(2)
+        .map((x) => [x.text, x.status, x.error]),
+    ).toEqual([
       ['Again', 'done', ''],
       ['Partly', 'error', 'it broke'],
     ]);

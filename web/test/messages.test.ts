@@ -40,8 +40,15 @@ describe('decodeServerMessage', () => {
     });
   });
 
-  it('reads each agent\'s seq and snapshot in the hello, leaving out what is malformed', () => {
-    const proposal = { taskId: 'P', proposalId: 'p1', proposalSummary: 's', proposalCommentary: 'c', proposalDiff: 'd', proposalFiles: ['x'] };
+  it("reads each agent's seq and snapshot in the hello, leaving out what is malformed", () => {
+    const proposal = {
+      taskId: 'P',
+      proposalId: 'p1',
+      proposalSummary: 's',
+      proposalCommentary: 'c',
+      proposalDiff: 'd',
+      proposalFiles: ['x'],
+    };
     const message = decodeServerMessage(
       JSON.stringify({
         type: 'server.hello',
@@ -55,16 +62,32 @@ describe('decodeServerMessage', () => {
             snapshot: {
               tasks: [
                 { taskId: 'T', kind: 'shell', projectPath: '/r/App', status: 'failed', exitCode: 2 },
-                { taskId: 'C', kind: 'chat', projectPath: '/r/App', status: 'running', conversationId: 'conv', exitCode: 'x', answer: 'So far', answerCut: true },
+                {
+                  taskId: 'C',
+                  kind: 'chat',
+                  projectPath: '/r/App',
+                  status: 'running',
+                  conversationId: 'conv',
+                  exitCode: 'x',
+                  answer: 'So far',
+                  answerCut: true,
+                },
                 { taskId: 'D', kind: 'chat', projectPath: '/r/App', status: 'running', answer: 7, answerCut: 'yes' },
                 { taskId: 'U', kind: '', projectPath: '/r/App', status: 'exploded' },
                 { kind: 'shell', status: 'running' },
                 'junk',
               ],
               proposal,
-              terminals: [{ sessionId: 'S', projectPath: '/r/App', mode: 'line' }, { sessionId: 'Q', projectPath: '/r/App' }, { sessionId: 3 }],
+              terminals: [
+                { sessionId: 'S', projectPath: '/r/App', mode: 'line' },
+                { sessionId: 'Q', projectPath: '/r/App' },
+                { sessionId: 3 },
+              ],
               queue: [
-                { taskId: 'W', payload: { action: 'shell', command: 'make', projectPath: '/r/App', timeoutSec: 60, prompt: 7, extra: { x: 1 } } },
+                {
+                  taskId: 'W',
+                  payload: { action: 'shell', command: 'make', projectPath: '/r/App', timeoutSec: 60, prompt: 7, extra: { x: 1 } },
+                },
                 { taskId: 'V', payload: 'junk' },
                 { payload: { action: 'shell' } },
                 'junk',
@@ -87,7 +110,15 @@ describe('decodeServerMessage', () => {
           snapshot: {
             tasks: [
               { taskId: 'T', kind: 'shell', projectPath: '/r/App', status: 'failed', exitCode: 2 },
-              { taskId: 'C', kind: 'chat', projectPath: '/r/App', status: 'running', conversationId: 'conv', answer: 'So far', answerCut: true },
+              {
+                taskId: 'C',
+                kind: 'chat',
+                projectPath: '/r/App',
+                status: 'running',
+                conversationId: 'conv',
+                answer: 'So far',
+                answerCut: true,
+              },
               { taskId: 'D', kind: 'chat', projectPath: '/r/App', status: 'running' },
             ],
             proposal,
@@ -107,12 +138,16 @@ describe('decodeServerMessage', () => {
     });
   });
 
-  it('reads the queue\'s messages, refusing an unknown reason', () => {
+  it("reads the queue's messages, refusing an unknown reason", () => {
     expect(
-      decodeServerMessage('{"type":"task.queued","agentId":"mac","taskId":"T","place":2,"payload":{"action":"shell","command":1},"waiting":["S","T"]}'),
+      decodeServerMessage(
+        '{"type":"task.queued","agentId":"mac","taskId":"T","place":2,"payload":{"action":"shell","command":1},"waiting":["S","T"]}',
+      ),
     ).toEqual({ type: 'task.queued', agentId: 'mac', taskId: 'T', place: 2, payload: { action: 'shell' }, waiting: ['S', 'T'] });
     expect(decodeServerMessage('{"type":"task.queued","agentId":"mac","taskId":"T","place":2,"payload":{},"waiting":[1]}')).toBeNull();
-    expect(decodeServerMessage('{"type":"task.unqueued","agentId":"mac","taskId":"T","reason":"failed","waiting":[],"error":"gone"}')).toEqual({
+    expect(
+      decodeServerMessage('{"type":"task.unqueued","agentId":"mac","taskId":"T","reason":"failed","waiting":[],"error":"gone"}'),
+    ).toEqual({
       type: 'task.unqueued',
       agentId: 'mac',
       taskId: 'T',
@@ -120,7 +155,9 @@ describe('decodeServerMessage', () => {
       waiting: [],
       error: 'gone',
     });
-    expect(decodeServerMessage('{"type":"task.unqueued","agentId":"mac","taskId":"T","reason":"assigned","waiting":["S"],"error":3}')).toEqual({
+    expect(
+      decodeServerMessage('{"type":"task.unqueued","agentId":"mac","taskId":"T","reason":"assigned","waiting":["S"],"error":3}'),
+    ).toEqual({
       type: 'task.unqueued',
       agentId: 'mac',
       taskId: 'T',
@@ -131,15 +168,21 @@ describe('decodeServerMessage', () => {
   });
 
   it('reads resume.ok and resume.gap, and the offset of live terminal output', () => {
-    expect(decodeServerMessage('{"type":"resume.ok","agentId":"mac","since":41}')).toEqual({ type: 'resume.ok', agentId: 'mac', since: 41 });
-    expect(decodeServerMessage('{"type":"resume.ok","agentId":"mac"}')).toBeNull();
-    expect(decodeServerMessage('{"type":"resume.gap","agentId":"mac","since":1,"seq":90,"snapshot":{"tasks":[],"proposal":null}}')).toEqual({
-      type: 'resume.gap',
+    expect(decodeServerMessage('{"type":"resume.ok","agentId":"mac","since":41}')).toEqual({
+      type: 'resume.ok',
       agentId: 'mac',
-      since: 1,
-      seq: 90,
-      snapshot: kEmpty,
+      since: 41,
     });
+    expect(decodeServerMessage('{"type":"resume.ok","agentId":"mac"}')).toBeNull();
+    expect(decodeServerMessage('{"type":"resume.gap","agentId":"mac","since":1,"seq":90,"snapshot":{"tasks":[],"proposal":null}}')).toEqual(
+      {
+        type: 'resume.gap',
+        agentId: 'mac',
+        since: 1,
+        seq: 90,
+        snapshot: kEmpty,
+      },
+    );
     expect(decodeServerMessage('{"type":"resume.gap","agentId":"mac","since":1,"seq":90}')).toBeNull();
     const output = '{"type":"terminal.output","agentId":"a","sessionId":"S","projectPath":"","data":"x","offset":';
     expect(decodeServerMessage(output + '12}')).toMatchObject({ offset: 12 });
@@ -151,7 +194,13 @@ describe('decodeServerMessage', () => {
       type: 'projects.listed',
       agentId: 'mac',
       seq: 5,
-      projects: [{ path: 'App', name: 'App', markers: ['.git', 3] }, { path: 'proj/Tool', name: 'Tool' }, { path: 7, name: 'x' }, 'Lib', { path: '', name: '' }],
+      projects: [
+        { path: 'App', name: 'App', markers: ['.git', 3] },
+        { path: 'proj/Tool', name: 'Tool' },
+        { path: 7, name: 'x' },
+        'Lib',
+        { path: '', name: '' },
+      ],
     });
     expect(decodeServerMessage(text)).toEqual({
       type: 'projects.listed',
@@ -167,11 +216,24 @@ describe('decodeServerMessage', () => {
   });
 
   it('says a proposal lets files be chosen only with "fileChoice": true', () => {
-    const proposal = '{"type":"task.awaiting_approval","agentId":"a","taskId":"T","proposalId":"p","proposalSummary":"","proposalCommentary":"","proposalDiff":"","proposalFiles":[]';
+    const proposal =
+      '{"type":"task.awaiting_approval","agentId":"a","taskId":"T","proposalId":"p","proposalSummary":"","proposalCommentary":"","proposalDiff":"","proposalFiles":[]';
     expect(decodeServerMessage(proposal + ',"fileChoice":true}')).toMatchObject({ fileChoice: true });
     expect(decodeServerMessage(proposal + ',"fileChoice":"yes"}')).not.toHaveProperty('fileChoice');
     expect(decodeServerMessage(proposal + '}')).not.toHaveProperty('fileChoice');
-    const snapshot = { tasks: [], terminals: [], proposal: { taskId: 'T', proposalId: 'p', proposalSummary: '', proposalCommentary: '', proposalDiff: '', proposalFiles: [], fileChoice: true } };
+    const snapshot = {
+      tasks: [],
+      terminals: [],
+      proposal: {
+        taskId: 'T',
+        proposalId: 'p',
+        proposalSummary: '',
+        proposalCommentary: '',
+        proposalDiff: '',
+        proposalFiles: [],
+        fileChoice: true,
+      },
+    };
     expect(decodeServerMessage(JSON.stringify({ type: 'resume.gap', agentId: 'a', since: 1, seq: 2, snapshot }))).toMatchObject({
       snapshot: { proposal: { taskId: 'T', fileChoice: true } },
     });
@@ -202,7 +264,10 @@ describe('decodeServerMessage', () => {
     ['no type', '{"agentId":"a"}'],
     ['an unknown type', '{"type":"task.unheard_of","agentId":"a","taskId":"T"}'],
     ['a line that is not a string', '{"type":"task.log","agentId":"a","taskId":"T","line":5}'],
-    ['files that are not strings', '{"type":"task.awaiting_approval","agentId":"a","taskId":"T","proposalId":"p","proposalSummary":"","proposalCommentary":"","proposalDiff":"","proposalFiles":[1]}'],
+    [
+      'files that are not strings',
+      '{"type":"task.awaiting_approval","agentId":"a","taskId":"T","proposalId":"p","proposalSummary":"","proposalCommentary":"","proposalDiff":"","proposalFiles":[1]}',
+    ],
     ['an unknown decision', '{"type":"permission.resolved","requestId":"r","decision":"maybe","reason":"client"}'],
     ['a request without its input', '{"type":"permission.request","requestId":"r","taskId":"T","agentId":"a","toolName":"Write"}'],
   ])('refuses %s', (_what, text) => {

@@ -48,7 +48,17 @@ const kDiff = [
 
 describe('proposalFileNames', () => {
   it('names each file as the agent does: its new path, its old one when deleted', () => {
-    expect(proposalFileNames(kDiff)).toEqual(['README', 'src/main.c', 'my notes.txt', 'new.txt', 'logo.png', 'icon.png', 'old.bin', 'empty', 'run.sh']);
+    expect(proposalFileNames(kDiff)).toEqual([
+      'README',
+      'src/main.c',
+      'my notes.txt',
+      'new.txt',
+      'logo.png',
+      'icon.png',
+      'old.bin',
+      'empty',
+      'run.sh',
+    ]);
     expect(proposalFileNames('')).toEqual([]);
   });
 });

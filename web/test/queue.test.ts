@@ -11,7 +11,11 @@ const shell = (command: string) => ({ action: 'shell', command, projectPath: 'Ap
 
 function store() {
   let next = 0;
-  return new TasksStore({ createTask: async () => 'T' + ++next, cancelTask: () => true, decideProposal: () => true }, new MemoryStorage(), () => 5000);
+  return new TasksStore(
+    { createTask: async () => 'T' + ++next, cancelTask: () => true, decideProposal: () => true },
+    new MemoryStorage(),
+    () => 5000,
+  );
 }
 
 const queued = (taskId: string, place: number, command: string, waiting: string[]) =>
@@ -19,9 +23,10 @@ const queued = (taskId: string, place: number, command: string, waiting: string[
 const unqueued = (taskId: string, reason: string, waiting: string[], error?: string) =>
   m({ type: 'task.unqueued', agentId: 'a', taskId, reason, waiting, ...(error ? { error } : {}) });
 const snapshot = (tasks: unknown[], queue: unknown[]) => ({ tasks, proposal: null, terminals: [], queue });
-const hello = (snap: unknown) => m({ type: 'server.hello', agents: [{ agentId: 'a', busy: true, registration: null, online: true, seq: 9, snapshot: snap }] });
+const hello = (snap: unknown) =>
+  m({ type: 'server.hello', agents: [{ agentId: 'a', busy: true, registration: null, online: true, seq: 9, snapshot: snap }] });
 
-describe('the relay\'s queue', () => {
+describe("the relay's queue", () => {
   it('says where a task waits: next, then 2nd, 3rd, 4th … in line', () => {
     expect([1, 2, 3, 4, 11, 12, 13, 20, 21, 22, 23, 101].map(queuedText)).toEqual([
       'Queued · next in line',
@@ -68,12 +73,28 @@ describe('the relay\'s queue', () => {
     expect([taskStatusText(cancelled), taskEnd(cancelled), cancelled.endedAt]).toEqual(['Cancelled', 'cancelled', 5000]);
     expect(failed.place).toBe(1);
     tasks.handle(unqueued(failed.taskId, 'failed', [], 'the agent stayed offline for 600 s; the task never started'));
-    expect([taskStatusText(failed), failed.error, failed.place]).toEqual(['Failed', 'the agent stayed offline for 600 s; the task never started', undefined]);
+    expect([taskStatusText(failed), failed.error, failed.place]).toEqual([
+      'Failed',
+      'the agent stayed offline for 600 s; the task never started',
+      undefined,
+    ]);
   });
 
   it('takes the queue of a hello as it is, and learns what became of the tasks it thought waiting', () => {
     const tasks = store();
-    tasks.handle(hello(snapshot([], [{ taskId: 'A', payload: shell('a') }, { taskId: 'B', payload: shell('b') }, { taskId: 'C', payload: shell('c') }, { taskId: 'D', payload: shell('d') }])));
+    tasks.handle(
+      hello(
+        snapshot(
+          [],
+          [
+            { taskId: 'A', payload: shell('a') },
+            { taskId: 'B', payload: shell('b') },
+            { taskId: 'C', payload: shell('c') },
+            { taskId: 'D', payload: shell('d') },
+          ],
+        ),
+      ),
+    );
     expect(tasks.list().map((t) => [t.taskId, t.title, taskStatusText(t)])).toEqual([
       ['D', 'd', 'Queued · 4th in line'],
       ['C', 'c', 'Queued · 3rd in line'],
@@ -103,7 +124,9 @@ describe('the relay\'s queue', () => {
   it('leaves a waiting task waiting after a gap', () => {
     const tasks = store();
     tasks.handle(queued('W', 1, 'w', ['W']));
-    tasks.handle(m({ type: 'resume.gap', agentId: 'a', since: 1, seq: 20, snapshot: snapshot([], [{ taskId: 'W', payload: shell('w') }]) }));
+    tasks.handle(
+      m({ type: 'resume.gap', agentId: 'a', since: 1, seq: 20, snapshot: snapshot([], [{ taskId: 'W', payload: shell('w') }]) }),
+    );
     expect([tasks.get('W')!.status, tasks.get('W')!.place]).toEqual(['queued', 1]);
   });
 
@@ -114,7 +137,18 @@ describe('the relay\'s queue', () => {
     const first = await chats.send(conversation.id, 'one');
     const second = await chats.send(conversation.id, 'two');
     const third = await chats.send(conversation.id, 'three');
-    chats.handle(m({ type: 'resume.gap', agentId: 'a', since: 1, seq: 20, snapshot: snapshot([], ['T1', 'T2', 'T3'].map((taskId) => ({ taskId, payload: {} }))) }));
+    chats.handle(
+      m({
+        type: 'resume.gap',
+        agentId: 'a',
+        since: 1,
+        seq: 20,
+        snapshot: snapshot(
+          [],
+          ['T1', 'T2', 'T3'].map((taskId) => ({ taskId, payload: {} })),
+        ),
+      }),
+    );
     expect([first.status, first.missed]).toEqual(['streaming', undefined]);
     chats.handle(unqueued('T1', 'cancelled', []));
     chats.handle(unqueued('T2', 'failed', [], 'the agent stayed offline for 600 s; the task never started'));

@@ -246,7 +246,7 @@ describe('RelayClient', () => {
     expect(h.client.lastSeq()).toEqual({ mac: 90, linux: 5 });
   });
 
-  it('drops a message it already has, and goes on after a gap from the snapshot\'s seq', () => {
+  it("drops a message it already has, and goes on after a gap from the snapshot's seq", () => {
     const h = harness();
     const seen: unknown[] = [];
     h.client.onMessage((m) => seen.push(m.type === 'task.log' ? m.seq : m.type));
@@ -273,7 +273,7 @@ describe('RelayClient', () => {
     expect(harness(storage).client.lastSeq()).toEqual({});
   });
 
-  it('sends decisions in the relay\'s words', () => {
+  it("sends decisions in the relay's words", () => {
     const h = harness();
     h.client.start();
     const socket = FakeSocket.last();

@@ -18,7 +18,13 @@ const request = { requestId: 'R1', taskId: 'T1', agentId: 'mac', toolName: 'Writ
 
 function proposalTask() {
   const store = new TasksStore({ createTask: async () => 'T', cancelTask: () => true, decideProposal: () => true }, new MemoryStorage());
-  const proposal = { proposalId: 'P', proposalSummary: '2 files', proposalCommentary: 'why', proposalDiff: 'diff', proposalFiles: ['a.txt', 'b.txt'] };
+  const proposal = {
+    proposalId: 'P',
+    proposalSummary: '2 files',
+    proposalCommentary: 'why',
+    proposalDiff: 'diff',
+    proposalFiles: ['a.txt', 'b.txt'],
+  };
   store.handle({ type: 'task.awaiting_approval', agentId: 'mac', taskId: 'P1', ...proposal } as unknown as ServerMessage);
   return store.awaitingApproval()[0];
 }
@@ -170,7 +176,8 @@ describe('shellRoute', () => {
 });
 
 describe('the README section page', () => {
-  const readme = '# Title\n\n## First\n\none\n\n## Reach it from anywhere\n\nSee [docs/protocol.md](docs/protocol.md), [above](#first), [below](#a-local-certificate-authority-mkcert) and [mkcert](https://github.com/FiloSottile/mkcert).\n\n### A local certificate authority: mkcert\n\n<b>x</b> & y\n\n## After\n\nnot this\n';
+  const readme =
+    '# Title\n\n## First\n\none\n\n## Reach it from anywhere\n\nSee [docs/protocol.md](docs/protocol.md), [above](#first), [below](#a-local-certificate-authority-mkcert) and [mkcert](https://github.com/FiloSottile/mkcert).\n\n### A local certificate authority: mkcert\n\n<b>x</b> & y\n\n## After\n\nnot this\n';
 
   it('takes the section up to the next one', () => {
     expect(readmeSection(readme, 'Reach it from anywhere').split('\n')).toEqual([

@@ -12,7 +12,16 @@ import { taskStatusText } from '../src/views/TasksView';
 import { TerminalsStore, encodeBase64, kRenderAhead } from '../src/stores/terminals_store';
 
 const m = (message: Record<string, unknown>) => message as unknown as ServerMessage;
-const registration = { profiles: ['p'], projects: ['/r/App'], createProjectRoot: '', actions: ['build_ios'], taskKinds: [], buildTemplate: '', repoRoot: '/r', supportsApproval: true };
+const registration = {
+  profiles: ['p'],
+  projects: ['/r/App'],
+  createProjectRoot: '',
+  actions: ['build_ios'],
+  taskKinds: [],
+  buildTemplate: '',
+  repoRoot: '/r',
+  supportsApproval: true,
+};
 
 describe('Credentials', () => {
   it('takes the token out of the fragment the page was opened with and keeps it', () => {
@@ -46,18 +55,41 @@ describe('Credentials', () => {
 describe('AgentsStore', () => {
   it('follows hello, online, offline, registration and busy', () => {
     const store = new AgentsStore(new MemoryStorage());
-    store.handle(m({ type: 'server.hello', agents: [{ agentId: 'b', busy: true, registration: null, online: true }, { agentId: 'a', busy: false, registration, online: true }, { agentId: 'gone', busy: false, registration: null, online: false }] }));
-    expect(store.list().map((a) => [a.agentId, a.online, a.busy])).toEqual([['a', true, false], ['b', true, true], ['gone', false, false]]);
+    store.handle(
+      m({
+        type: 'server.hello',
+        agents: [
+          { agentId: 'b', busy: true, registration: null, online: true },
+          { agentId: 'a', busy: false, registration, online: true },
+          { agentId: 'gone', busy: false, registration: null, online: false },
+        ],
+      }),
+    );
+    expect(store.list().map((a) => [a.agentId, a.online, a.busy])).toEqual([
+      ['a', true, false],
+      ['b', true, true],
+      ['gone', false, false],
+    ]);
     store.handle(m({ type: 'task.finished', agentId: 'b', taskId: 'T', exitCode: 0 }));
     store.handle(m({ type: 'agent.offline', agentId: 'a' }));
     store.handle(m({ type: 'agent.online', agentId: 'c' }));
     store.handle(m({ type: 'agent.register', agentId: 'c', seq: 3, ...registration, projects: ['/r/Other'] }));
     store.handle(m({ type: 'task.started', agentId: 'c', taskId: 'U' }));
     store.handle(m({ type: 'task.failed', agentId: 'c', taskId: 'V', error: 'agent is busy', errorCode: 'AGENT_BUSY', exitCode: 1 }));
-    expect(store.list().map((a) => [a.agentId, a.online, a.busy])).toEqual([['a', false, false], ['b', true, false], ['c', true, true], ['gone', false, false]]);
+    expect(store.list().map((a) => [a.agentId, a.online, a.busy])).toEqual([
+      ['a', false, false],
+      ['b', true, false],
+      ['c', true, true],
+      ['gone', false, false],
+    ]);
     expect(store.get('c')!.registration).toEqual({ ...registration, projects: ['/r/Other'] });
     store.handle(m({ type: 'server.hello', agents: [{ agentId: 'c', busy: false, registration, online: true }] }));
-    expect(store.list().map((a) => [a.agentId, a.online])).toEqual([['a', false], ['b', false], ['c', true], ['gone', false]]);
+    expect(store.list().map((a) => [a.agentId, a.online])).toEqual([
+      ['a', false],
+      ['b', false],
+      ['c', true],
+      ['gone', false],
+    ]);
   });
 
   it('remembers the folders typed for an agent', () => {
@@ -96,7 +128,9 @@ describe('AgentsStore', () => {
     store.handle(m({ type: 'server.hello', agents: [{ agentId: 'a', busy: false, registration, online: true }] }));
     store.rememberFolder('a', 'web');
     const found = (path: string) => ({ path, name: path.split('/').pop(), markers: ['.git'] });
-    store.handle(m({ type: 'projects.listed', agentId: 'a', seq: 9, projects: [found('App'), found('Lib'), found('web/'), found('proj/Tool')] }));
+    store.handle(
+      m({ type: 'projects.listed', agentId: 'a', seq: 9, projects: [found('App'), found('Lib'), found('web/'), found('proj/Tool')] }),
+    );
     expect(store.projects('a')).toEqual(['/r/App', 'web', 'Lib', 'proj/Tool']);
     // Found, not remembered: nothing to forget.
     expect(store.isRemembered('a', 'Lib')).toBe(false);
@@ -169,30 +203,58 @@ describe('TasksStore', () => {
     store.handle(m({ type: 'task.log', agentId: 'mac', taskId: 'T1', line: 'ok' }));
     store.handle(m({ type: 'task.heartbeat', agentId: 'mac', taskId: 'T1' }));
     store.cancel(task);
-    store.handle(m({ type: 'task.failed', agentId: 'mac', taskId: 'T1', error: 'command exited with status 2', errorCode: 'COMMAND_EXIT_NONZERO', exitCode: 2 }));
+    store.handle(
+      m({
+        type: 'task.failed',
+        agentId: 'mac',
+        taskId: 'T1',
+        error: 'command exited with status 2',
+        errorCode: 'COMMAND_EXIT_NONZERO',
+        exitCode: 2,
+      }),
+    );
     expect(task.log.text()).toBe('ok');
-    expect([task.status, task.exitCode, task.error, task.errorCode]).toEqual(['failed', 2, 'command exited with status 2', 'COMMAND_EXIT_NONZERO']);
+    expect([task.status, task.exitCode, task.error, task.errorCode]).toEqual([
+      'failed',
+      2,
+      'command exited with status 2',
+      'COMMAND_EXIT_NONZERO',
+    ]);
     expect(task.endedAt! - task.startedAt!).toBe(500);
     expect(sent).toEqual(['cancel mac T1']);
   });
 
   it('holds a proposal until the user decides, and shows a ready one read-only', () => {
     const { store, sent } = tasks();
-    const proposal = { proposalId: 'P', proposalSummary: '1 file', proposalCommentary: 'why', proposalDiff: 'diff', proposalFiles: ['a.txt'] };
+    const proposal = {
+      proposalId: 'P',
+      proposalSummary: '1 file',
+      proposalCommentary: 'why',
+      proposalDiff: 'diff',
+      proposalFiles: ['a.txt'],
+    };
     store.handle(m({ type: 'task.awaiting_approval', agentId: 'mac', taskId: 'A', ...proposal }));
     store.handle(m({ type: 'task.proposal_ready', agentId: 'mac', taskId: 'B', ...proposal }));
     expect(store.awaitingApproval().map((t) => t.taskId)).toEqual(['A']);
     expect(store.get('B')!.proposal!.needsApproval).toBe(false);
     expect(store.decide(store.get('A')!, true)).toBe(true);
     expect(store.awaitingApproval()).toEqual([]);
-    store.handle(m({ type: 'task.progress', agentId: 'mac', taskId: 'A', phase: 'apply', message: 'Applying approved changes', percent: 75 }));
+    store.handle(
+      m({ type: 'task.progress', agentId: 'mac', taskId: 'A', phase: 'apply', message: 'Applying approved changes', percent: 75 }),
+    );
     expect(store.get('A')!.status).toBe('running');
     expect(sent).toEqual(['approve mac A']);
   });
 
   it('approves some of the files of a proposal that lets them be chosen', () => {
     const { store, sent } = tasks();
-    const proposal = { proposalId: 'P', proposalSummary: '2 files', proposalCommentary: 'why', proposalDiff: 'diff', proposalFiles: ['a.c', 'b.c'] };
+    const proposal = {
+      proposalId: 'P',
+      proposalSummary: '2 files',
+      proposalCommentary: 'why',
+      proposalDiff: 'diff',
+      proposalFiles: ['a.c', 'b.c'],
+    };
     store.handle(m({ type: 'task.awaiting_approval', agentId: 'mac', taskId: 'A', ...proposal, fileChoice: true }));
     store.handle(m({ type: 'task.proposal_ready', agentId: 'mac', taskId: 'B', ...proposal, fileChoice: true }));
     expect(store.get('A')!.proposal!.fileChoice).toBe(true);
@@ -207,7 +269,14 @@ describe('ApprovalsStore', () => {
   it('keeps requests until they are resolved, by anyone', () => {
     const decisions: string[] = [];
     const store = new ApprovalsStore({ decidePermission: (id, allow, message) => decisions.push(`${id} ${allow} ${message}`) > 0 });
-    const request = { type: 'permission.request', requestId: 'R1', taskId: 'T', agentId: 'a', toolName: 'Write', toolInput: { file_path: 'x' } };
+    const request = {
+      type: 'permission.request',
+      requestId: 'R1',
+      taskId: 'T',
+      agentId: 'a',
+      toolName: 'Write',
+      toolInput: { file_path: 'x' },
+    };
     store.handle(m(request));
     store.handle(m({ ...request, requestId: 'R2' }));
     expect(store.count).toBe(2);
@@ -220,8 +289,18 @@ describe('ApprovalsStore', () => {
   });
 
   it('shows a tool input as a command, a file or fields, and leaves no field out', () => {
-    expect(describeToolInput({ command: 'rm -rf build', description: 'Clean' })).toEqual({ kind: 'command', command: 'rm -rf build', description: 'Clean', others: [] });
-    expect(describeToolInput({ command: ['git', 'status'] })).toEqual({ kind: 'command', command: 'git status', description: '', others: [] });
+    expect(describeToolInput({ command: 'rm -rf build', description: 'Clean' })).toEqual({
+      kind: 'command',
+      command: 'rm -rf build',
+      description: 'Clean',
+      others: [],
+    });
+    expect(describeToolInput({ command: ['git', 'status'] })).toEqual({
+      kind: 'command',
+      command: 'git status',
+      description: '',
+      others: [],
+    });
     expect(describeToolInput({ cmd: 'ls' })).toEqual({ kind: 'command', command: 'ls', description: '', others: [] });
     expect(describeToolInput({ file_path: 'a.txt', content: 'hi' })).toEqual({ kind: 'file', path: 'a.txt', content: 'hi', others: [] });
     // A second command or path beside the one shown is shown too, as is anything else.
@@ -245,7 +324,10 @@ describe('ApprovalsStore', () => {
         { name: 'description', json: '""' },
       ],
     });
-    expect(describeToolInput({ command: ['rm', 1] })).toEqual({ kind: 'fields', others: [{ name: 'command', json: '[\n  "rm",\n  1\n]' }] });
+    expect(describeToolInput({ command: ['rm', 1] })).toEqual({
+      kind: 'fields',
+      others: [{ name: 'command', json: '[\n  "rm",\n  1\n]' }],
+    });
     expect(describeToolInput({ url: 'x' })).toEqual({ kind: 'fields', others: [{ name: 'url', json: '"x"' }] });
     expect(describeToolInput(JSON.parse('{"__proto__":{"a":1},"file_path":"p"}'))).toEqual({
       kind: 'file',
@@ -306,8 +388,16 @@ describe('TerminalsStore', () => {
     const first = store.open('mac', 'App', 'interactive');
     const second = store.open('mac', 'App', 'line');
     expect(sent).toEqual([
-      { type: 'terminal.open', agentId: 'mac', payload: { sessionId: first.sessionId, projectPath: 'App', replace: true, mode: 'interactive' } },
-      { type: 'terminal.open', agentId: 'mac', payload: { sessionId: second.sessionId, projectPath: 'App', replace: true, replaceSessionId: first.sessionId } },
+      {
+        type: 'terminal.open',
+        agentId: 'mac',
+        payload: { sessionId: first.sessionId, projectPath: 'App', replace: true, mode: 'interactive' },
+      },
+      {
+        type: 'terminal.open',
+        agentId: 'mac',
+        payload: { sessionId: second.sessionId, projectPath: 'App', replace: true, replaceSessionId: first.sessionId },
+      },
     ]);
     store.handle(m({ type: 'terminal.opened', agentId: 'mac', sessionId: second.sessionId, projectPath: 'App', status: 'running' }));
     expect(store.forProject('mac', 'App')!.status).toBe('running');
@@ -356,11 +446,23 @@ describe('TerminalsStore', () => {
     const laterSeen: unknown[] = [];
     later.store.connect(session.sessionId, { output: (data, reset, _rendered, cols) => void laterSeen.push([data, reset, cols]) });
     later.store.handle(m({ type: 'terminal.opened', agentId: 'mac', sessionId: session.sessionId, projectPath: 'App', status: 'running' }));
-    later.store.handle(m({ type: 'terminal.output', agentId: 'mac', sessionId: session.sessionId, projectPath: 'App', data: 'old', snapshot: true }));
+    later.store.handle(
+      m({ type: 'terminal.output', agentId: 'mac', sessionId: session.sessionId, projectPath: 'App', data: 'old', snapshot: true }),
+    );
     expect(laterSeen).toEqual([['old', true, 150]]);
     // The agent says the size the terminal has (another page may have resized it since).
     store.attachAll();
-    store.handle(m({ type: 'terminal.opened', agentId: 'mac', sessionId: session.sessionId, projectPath: 'App', status: 'running', cols: 44, rows: 30 }));
+    store.handle(
+      m({
+        type: 'terminal.opened',
+        agentId: 'mac',
+        sessionId: session.sessionId,
+        projectPath: 'App',
+        status: 'running',
+        cols: 44,
+        rows: 30,
+      }),
+    );
     out('re', true);
     out('play', true);
     out('live');
@@ -370,7 +472,9 @@ describe('TerminalsStore', () => {
       ['live', false, undefined],
     ]);
     // A size that is no size is not taken.
-    const decoded = decodeServerMessage(JSON.stringify({ type: 'terminal.opened', agentId: 'mac', sessionId: 'S', projectPath: 'App', status: 'running', cols: 0, rows: 30 }));
+    const decoded = decodeServerMessage(
+      JSON.stringify({ type: 'terminal.opened', agentId: 'mac', sessionId: 'S', projectPath: 'App', status: 'running', cols: 0, rows: 30 }),
+    );
     expect(decoded).toEqual({ type: 'terminal.opened', agentId: 'mac', sessionId: 'S', projectPath: 'App', status: 'running' });
   });
 
@@ -381,7 +485,21 @@ describe('TerminalsStore', () => {
     store.connect(session.sessionId, { output: (data, reset, _rendered, cols) => void seen.push([data, reset, cols]) });
     const said = (seq: number, message: Record<string, unknown>) =>
       store.handle(m({ agentId: 'mac', sessionId: session.sessionId, projectPath: 'App', seq, ...message }));
-    store.handle(m({ type: 'server.hello', agents: [{ agentId: 'mac', busy: false, registration: null, online: true, seq: 10, snapshot: { tasks: [], proposal: null, terminals: [], queue: [] } }] }));
+    store.handle(
+      m({
+        type: 'server.hello',
+        agents: [
+          {
+            agentId: 'mac',
+            busy: false,
+            registration: null,
+            online: true,
+            seq: 10,
+            snapshot: { tasks: [], proposal: null, terminals: [], queue: [] },
+          },
+        ],
+      }),
+    );
     store.attachAll();
     // The relay gives what came since the page's last message: all of it is older.
     said(5, { type: 'terminal.output', data: 'typed', offset: 5 });
@@ -420,8 +538,32 @@ describe('TerminalsStore', () => {
     const mine = store.open('mac', 'App', 'interactive');
     sent.length = 0;
     const snapshot = (terminals: unknown[]) => ({ tasks: [], proposal: null, terminals });
-    store.handle(m({ type: 'server.hello', agents: [{ agentId: 'mac', busy: false, registration: null, online: true, seq: 9, snapshot: snapshot([{ sessionId: mine.sessionId, projectPath: 'App', mode: 'interactive' }, { sessionId: 'S2', projectPath: 'Lib', mode: 'line' }]) }] }));
-    expect(store.forProject('mac', 'Lib')).toEqual({ sessionId: 'S2', agentId: 'mac', projectPath: 'Lib', mode: 'line', status: 'running', message: '' });
+    store.handle(
+      m({
+        type: 'server.hello',
+        agents: [
+          {
+            agentId: 'mac',
+            busy: false,
+            registration: null,
+            online: true,
+            seq: 9,
+            snapshot: snapshot([
+              { sessionId: mine.sessionId, projectPath: 'App', mode: 'interactive' },
+              { sessionId: 'S2', projectPath: 'Lib', mode: 'line' },
+            ]),
+          },
+        ],
+      }),
+    );
+    expect(store.forProject('mac', 'Lib')).toEqual({
+      sessionId: 'S2',
+      agentId: 'mac',
+      projectPath: 'Lib',
+      mode: 'line',
+      status: 'running',
+      message: '',
+    });
     expect(store.forProject('mac', 'App')).toBe(mine);
     store.attachAll();
     expect(sent).toEqual([
@@ -429,7 +571,15 @@ describe('TerminalsStore', () => {
       { type: 'terminal.attach', agentId: 'mac', payload: { sessionId: 'S2' } },
     ]);
     // After a gap, a session another client opened for the project replaced this one.
-    store.handle(m({ type: 'resume.gap', agentId: 'mac', since: 9, seq: 40, snapshot: snapshot([{ sessionId: 'S3', projectPath: 'App', mode: 'interactive' }]) }));
+    store.handle(
+      m({
+        type: 'resume.gap',
+        agentId: 'mac',
+        since: 9,
+        seq: 40,
+        snapshot: snapshot([{ sessionId: 'S3', projectPath: 'App', mode: 'interactive' }]),
+      }),
+    );
     expect(mine.status).toBe('closed');
     expect(store.forProject('mac', 'App')!.sessionId).toBe('S3');
     expect(sent[2]).toEqual({ type: 'terminal.attach', agentId: 'mac', payload: { sessionId: 'S3' } });
@@ -439,7 +589,16 @@ describe('TerminalsStore', () => {
   it('marks a session the agent no longer has as closed', () => {
     const { store } = terminals();
     const session = store.open('mac', 'App', 'interactive');
-    store.handle(m({ type: 'terminal.error', agentId: 'mac', sessionId: session.sessionId, projectPath: '', error: 'Terminal session not found.', message: 'Terminal session not found.' }));
+    store.handle(
+      m({
+        type: 'terminal.error',
+        agentId: 'mac',
+        sessionId: session.sessionId,
+        projectPath: '',
+        error: 'Terminal session not found.',
+        message: 'Terminal session not found.',
+      }),
+    );
     expect([session.status, session.message]).toEqual(['closed', 'Terminal session not found.']);
   });
 });
@@ -468,7 +627,9 @@ describe('TerminalsStore pacing', () => {
     const session = h.store.open('mac', 'App', 'interactive');
     h.sent.length = 0;
     const out = (data: string, offset?: number, snapshot?: boolean) =>
-      h.store.handle(m({ type: 'terminal.output', agentId: 'mac', sessionId: session.sessionId, projectPath: 'App', data, offset, snapshot }));
+      h.store.handle(
+        m({ type: 'terminal.output', agentId: 'mac', sessionId: session.sessionId, projectPath: 'App', data, offset, snapshot }),
+      );
     const rendered: (() => void)[] = [];
     const connect = () => h.store.connect(session.sessionId, { output: (_data, _reset, done) => void rendered.push(done) });
     const ack = (offset?: number) => ({
@@ -558,7 +719,14 @@ describe('TerminalsStore pacing', () => {
 });
 
 describe('TasksStore snapshots', () => {
-  const proposal = { taskId: 'P', proposalId: 'p1', proposalSummary: '1 file changed', proposalCommentary: 'Renames it.', proposalDiff: '--- a/x\n+++ b/x\n', proposalFiles: ['x'] };
+  const proposal = {
+    taskId: 'P',
+    proposalId: 'p1',
+    proposalSummary: '1 file changed',
+    proposalCommentary: 'Renames it.',
+    proposalDiff: '--- a/x\n+++ b/x\n',
+    proposalFiles: ['x'],
+  };
   const snapshot = {
     tasks: [
       { taskId: 'S', kind: 'shell', projectPath: '/r/App', status: 'running' },
@@ -572,7 +740,8 @@ describe('TasksStore snapshots', () => {
   };
   const hello = (agents: unknown[]) => m({ type: 'server.hello', agents });
   const record = (seq: number, snap: unknown) => ({ agentId: 'a', busy: true, registration: null, online: true, seq, snapshot: snap });
-  const store = () => new TasksStore({ createTask: async () => 'T', cancelTask: () => true, decideProposal: () => true }, new MemoryStorage(), () => 1000);
+  const store = () =>
+    new TasksStore({ createTask: async () => 'T', cancelTask: () => true, decideProposal: () => true }, new MemoryStorage(), () => 1000);
 
   it('shows what a page that never saw the agent finds in the hello', () => {
     const tasks = store();
@@ -632,11 +801,20 @@ describe('TasksStore snapshots', () => {
     tasks.handle(m({ type: 'task.started', agentId: 'a', taskId: 'Done', seq: 4 }));
     tasks.handle(m({ type: 'task.finished', agentId: 'a', taskId: 'Done', exitCode: 0, seq: 5 }));
     tasks.handle(m({ type: 'task.started', agentId: 'b', taskId: 'Other', seq: 6 }));
-    const later = { ...snapshot, tasks: [{ taskId: 'S', kind: 'shell', projectPath: '/r/App', status: 'finished', exitCode: 2 }, snapshot.tasks[1]] };
+    const later = {
+      ...snapshot,
+      tasks: [{ taskId: 'S', kind: 'shell', projectPath: '/r/App', status: 'finished', exitCode: 2 }, snapshot.tasks[1]],
+    };
     tasks.handle(m({ type: 'resume.gap', agentId: 'a', since: 5, seq: 90, snapshot: later }));
     const s = tasks.get('S')!;
     expect([s.status, s.exitCode]).toEqual(['finished', 2]);
-    expect([s.log.length, s.log.at(0), s.log.at(1), s.log.isNotice(0), s.log.isNotice(1)]).toEqual([2, 'one', kMissedOutputNotice, false, true]);
+    expect([s.log.length, s.log.at(0), s.log.at(1), s.log.isNotice(0), s.log.isNotice(1)]).toEqual([
+      2,
+      'one',
+      kMissedOutputNotice,
+      false,
+      true,
+    ]);
     expect(tasks.get('Gone')!.status).toBe('lost');
     expect(tasks.get('Gone')!.log.text()).toBe(kMissedOutputNotice);
     expect(tasks.get('E')!.log.text()).toBe(kMissedOutputNotice);

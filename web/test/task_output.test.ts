@@ -98,7 +98,8 @@ describe('TaskOutput', () => {
     for (let page = 0; page < kPagesKept + 5; page++) {
       const from = page * kPageLines + 1;
       output.read({ from, count: kPageLines }, { from, lines: seq(from, 1000), total: 100_000, ended: true });
-      if (page === 10) output.touch(1, 1); // the first page is in view
+      if (page === 10)
+        output.touch(1, 1); // the first page is in view
       else output.touch(from, from);
     }
     expect(output.pagesHeld).toBe(kPagesKept);
@@ -192,9 +193,17 @@ describe('OutputPacer', () => {
 });
 
 describe('TasksStore with an agent that keeps output', () => {
-  const record = (agentId: string, online = true) => ({ agentId, busy: false, registration: null, online, seq: 10, snapshot: { tasks: [], proposal: null, terminals: [], queue: [] } });
+  const record = (agentId: string, online = true) => ({
+    agentId,
+    busy: false,
+    registration: null,
+    online,
+    seq: 10,
+    snapshot: { tasks: [], proposal: null, terminals: [], queue: [] },
+  });
   const hello = (...agents: ReturnType<typeof record>[]) => m({ type: 'server.hello', agents });
-  const line = (taskId: string, number: number, text = String(number), s?: number) => m({ type: 'task.log', agentId: 'mac', taskId, line: text, number, seq: s });
+  const line = (taskId: string, number: number, text = String(number), s?: number) =>
+    m({ type: 'task.log', agentId: 'mac', taskId, line: text, number, seq: s });
 
   function store(kept: Record<string, KeptTask[]> = {}, storage = new MemoryStorage()) {
     const clock = new Clock();
@@ -226,7 +235,12 @@ describe('TasksStore with an agent that keeps output', () => {
     const { tasks, clock, acks } = store();
     tasks.handle(m({ type: 'task.started', agentId: 'mac', taskId: 'S' }));
     tasks.handle(m({ type: 'task.log', agentId: 'mac', taskId: 'S', line: 'a note of the agent' }));
-    for (const [n, text] of [[1, 'one'], [2, ''], [3, 'three']] as const) tasks.handle(line('S', n, text));
+    for (const [n, text] of [
+      [1, 'one'],
+      [2, ''],
+      [3, 'three'],
+    ] as const)
+      tasks.handle(line('S', n, text));
     const task = tasks.get('S')!;
     expect([task.output!.line(1), task.output!.line(2), task.output!.line(3)]).toEqual(['one', '', 'three']);
     expect(task.log.length).toBe(0);
@@ -274,12 +288,25 @@ describe('TasksStore with an agent that keeps output', () => {
     expect(acks).toEqual([]);
   });
 
-  it('paces an assistant\'s numbered output and reads it as its activity', () => {
+  it("paces an assistant's numbered output and reads it as its activity", () => {
     const { tasks, clock, acks } = store();
     tasks.handle(m({ type: 'task.started', agentId: 'mac', taskId: 'C' }));
     tasks.handle(m({ type: 'agent.register', agentId: 'mac' }));
     // A chat known from a snapshot is an assistant's task.
-    tasks.handle(m({ type: 'resume.gap', agentId: 'mac', since: 1, seq: 5, snapshot: { tasks: [{ taskId: 'C', kind: 'chat', projectPath: '/r', status: 'running' }], proposal: null, terminals: [], queue: [] } }));
+    tasks.handle(
+      m({
+        type: 'resume.gap',
+        agentId: 'mac',
+        since: 1,
+        seq: 5,
+        snapshot: {
+          tasks: [{ taskId: 'C', kind: 'chat', projectPath: '/r', status: 'running' }],
+          proposal: null,
+          terminals: [],
+          queue: [],
+        },
+      }),
+    );
     tasks.handle(line('C', 1, '[command] make'));
     tasks.handle(line('C', 2, 'said'));
     tasks.handle(line('C', 3, ''));
@@ -296,7 +323,12 @@ describe('TasksStore with an agent that keeps output', () => {
     const { tasks } = store();
     tasks.handle(m({ type: 'task.started', agentId: 'mac', taskId: 'S', seq: 1 }));
     tasks.handle(line('S', 1, 'one', 2));
-    const snapshot = { tasks: [{ taskId: 'S', kind: 'shell', projectPath: '/r', status: 'running' }], proposal: null, terminals: [], queue: [] };
+    const snapshot = {
+      tasks: [{ taskId: 'S', kind: 'shell', projectPath: '/r', status: 'running' }],
+      proposal: null,
+      terminals: [],
+      queue: [],
+    };
     tasks.handle(m({ type: 'resume.gap', agentId: 'mac', since: 2, seq: 90, snapshot }));
     tasks.handle(line('S', 5000, 'later', 91));
     const output = tasks.get('S')!.output!;
@@ -306,7 +338,9 @@ describe('TasksStore with an agent that keeps output', () => {
   });
 
   it('stops pacing a task the agent or the relay says has ended, and says nothing was missed', async () => {
-    const { tasks, clock, acks } = store({ mac: [{ taskId: 'K', kind: 'shell', projectPath: '/r', status: 'finished', exitCode: 0, lines: 3 }] });
+    const { tasks, clock, acks } = store({
+      mac: [{ taskId: 'K', kind: 'shell', projectPath: '/r', status: 'finished', exitCode: 0, lines: 3 }],
+    });
     for (const taskId of ['K', 'L']) {
       tasks.handle(m({ type: 'task.started', agentId: 'mac', taskId }));
       tasks.handle(line(taskId, 1));
@@ -319,7 +353,12 @@ describe('TasksStore with an agent that keeps output', () => {
     tasks.handle(m({ type: 'resume.gap', agentId: 'mac', since: 2, seq: 90, snapshot }));
     clock.advance(1000);
     expect(acks).toEqual(['mac K 1', 'mac L 1']);
-    expect([tasks.get('K')!.status, tasks.get('K')!.output!.ended, tasks.get('L')!.status, tasks.get('L')!.output!.ended]).toEqual(['finished', true, 'lost', true]);
+    expect([tasks.get('K')!.status, tasks.get('K')!.output!.ended, tasks.get('L')!.status, tasks.get('L')!.output!.ended]).toEqual([
+      'finished',
+      true,
+      'lost',
+      true,
+    ]);
     expect([tasks.get('K')!.log.length, tasks.get('L')!.log.length]).toEqual([0, 0]);
   });
 
@@ -355,7 +394,12 @@ describe('TasksStore with an agent that keeps output', () => {
     const task = tasks.get('S')!;
     const found = tasks.outputs.reads.search(task, 'needle');
     expect(reads[0].query).toEqual({ from: 1, count: 200, match: 'needle' });
-    reads[0].answer({ numbers: Array.from({ length: 200 }, (_, i) => 10 * i + 7), lines: Array(200).fill('a needle'), total: 5000, ended: false });
+    reads[0].answer({
+      numbers: Array.from({ length: 200 }, (_, i) => 10 * i + 7),
+      lines: Array(200).fill('a needle'),
+      total: 5000,
+      ended: false,
+    });
     expect(await found).toMatchObject({ next: 1998 });
     const none = tasks.outputs.reads.search(task, 'hay', 1998);
     reads[1].answer({ numbers: [], lines: [], total: 5000, ended: false });
@@ -376,12 +420,21 @@ describe('TasksStore with an agent that keeps output', () => {
     expect(progress).toEqual(['10000/25000', '20000/25000', '25000/25000']);
   });
 
-  it('lists the tasks each online agent keeps on every hello, with the agent\'s times and status', async () => {
+  it("lists the tasks each online agent keeps on every hello, with the agent's times and status", async () => {
     const storage = new MemoryStorage();
     storage.setItem(kTimesKey, JSON.stringify({ Old: { startedAt: 1, endedAt: 2 } }));
     const kept: KeptTask[] = [
       { taskId: 'New', kind: 'shell', projectPath: '/r/App', status: 'running', startedAt: 30_000, lines: 12 },
-      { taskId: 'Old', kind: 'shell', projectPath: '/r/App', status: 'finished', exitCode: 0, startedAt: 10_000, endedAt: 14_500, lines: 300_000 },
+      {
+        taskId: 'Old',
+        kind: 'shell',
+        projectPath: '/r/App',
+        status: 'finished',
+        exitCode: 0,
+        startedAt: 10_000,
+        endedAt: 14_500,
+        lines: 300_000,
+      },
       { taskId: 'Gone', kind: 'build_ios', projectPath: '/r/App', status: 'lost', startedAt: 20_000, endedAt: 21_000, lines: 0 },
     ];
     const { tasks, lists } = store({ mac: kept }, storage);
@@ -397,7 +450,14 @@ describe('TasksStore with an agent that keeps output', () => {
       ['Mine', 'task', 'running', 5000],
     ]);
     const old = tasks.get('Old')!;
-    expect([old.title, old.projectPath, old.exitCode, runTime(old, 0), old.output!.total, old.output!.ended]).toEqual(['Shell command', '/r/App', 0, 4500, 300_000, true]);
+    expect([old.title, old.projectPath, old.exitCode, runTime(old, 0), old.output!.total, old.output!.ended]).toEqual([
+      'Shell command',
+      '/r/App',
+      0,
+      4500,
+      300_000,
+      true,
+    ]);
     expect(taskStatusText(old)).toBe('Finished');
     expect(tasks.get('New')!.output!.ended).toBe(false);
     // The agent's times are kept for the next page.
@@ -407,12 +467,22 @@ describe('TasksStore with an agent that keeps output', () => {
     expect(lists).toEqual(['mac', 'old', 'away']);
   });
 
-  it('takes the agent\'s word for a task it did not see end, and keeps the end it saw', async () => {
+  it("takes the agent's word for a task it did not see end, and keeps the end it saw", async () => {
     const { tasks } = store({
       mac: [
         { taskId: 'A', kind: 'shell', projectPath: '/r', status: 'finished', exitCode: 0, startedAt: 100, endedAt: 200, lines: 1 },
         { taskId: 'B', kind: 'shell', projectPath: '/r', status: 'finished', exitCode: 0, startedAt: 100, endedAt: 200, lines: 1 },
-        { taskId: 'C', kind: 'shell', projectPath: '/r', status: 'cancelled', exitCode: 15, startedAt: 100, endedAt: 1100, lines: 0, timedOut: true },
+        {
+          taskId: 'C',
+          kind: 'shell',
+          projectPath: '/r',
+          status: 'cancelled',
+          exitCode: 15,
+          startedAt: 100,
+          endedAt: 1100,
+          lines: 0,
+          timedOut: true,
+        },
         { taskId: 'D', kind: 'shell', projectPath: '/r', status: 'cancelled', exitCode: 15, startedAt: 100, endedAt: 700_000, lines: 0 },
       ],
     });
@@ -436,7 +506,9 @@ describe('the messages of kept output', () => {
   it('decodes a numbered line, a read, an error and the kept tasks', () => {
     expect(decodeServerMessage('{"type":"task.log","agentId":"a","taskId":"T","line":"x","number":7}')).toMatchObject({ number: 7 });
     expect(decodeServerMessage('{"type":"task.log","agentId":"a","taskId":"T","line":"x","number":0}')).not.toHaveProperty('number');
-    expect(decodeServerMessage('{"type":"task.output","agentId":"a","taskId":"T","requestId":"R","from":3,"lines":["c"],"total":9}')).toEqual({
+    expect(
+      decodeServerMessage('{"type":"task.output","agentId":"a","taskId":"T","requestId":"R","from":3,"lines":["c"],"total":9}'),
+    ).toEqual({
       type: 'task.output',
       agentId: 'a',
       taskId: 'T',
@@ -446,9 +518,20 @@ describe('the messages of kept output', () => {
       total: 9,
       ended: false,
     });
-    expect(decodeServerMessage('{"type":"task.output","agentId":"a","taskId":"T","requestId":"R","numbers":[4],"lines":["d"],"total":9,"ended":true}')).toMatchObject({ numbers: [4], ended: true });
-    expect(decodeServerMessage('{"type":"task.output","agentId":"a","taskId":"T","requestId":"R","error":"no output is kept for task T"}')).toMatchObject({ error: 'no output is kept for task T' });
-    for (const bad of ['"lines":[1],"from":1,"total":1', '"lines":["a"],"total":1', '"numbers":[1,2],"lines":["a"],"total":1', '"lines":["a"],"from":1']) {
+    expect(
+      decodeServerMessage(
+        '{"type":"task.output","agentId":"a","taskId":"T","requestId":"R","numbers":[4],"lines":["d"],"total":9,"ended":true}',
+      ),
+    ).toMatchObject({ numbers: [4], ended: true });
+    expect(
+      decodeServerMessage('{"type":"task.output","agentId":"a","taskId":"T","requestId":"R","error":"no output is kept for task T"}'),
+    ).toMatchObject({ error: 'no output is kept for task T' });
+    for (const bad of [
+      '"lines":[1],"from":1,"total":1',
+      '"lines":["a"],"total":1',
+      '"numbers":[1,2],"lines":["a"],"total":1',
+      '"lines":["a"],"from":1',
+    ]) {
       expect(decodeServerMessage(`{"type":"task.output","agentId":"a","taskId":"T",${bad}}`)).toBeNull();
     }
     const kept = decodeServerMessage(
@@ -466,8 +549,12 @@ describe('the messages of kept output', () => {
     });
   });
 
-  it('asks in the relay\'s words and matches the answers by requestId', async () => {
-    const client = new RelayClient({ origin: 'http://relay.test', token: 'secret', createSocket: (url, protocols) => new FakeSocket(url, protocols) });
+  it("asks in the relay's words and matches the answers by requestId", async () => {
+    const client = new RelayClient({
+      origin: 'http://relay.test',
+      token: 'secret',
+      createSocket: (url, protocols) => new FakeSocket(url, protocols),
+    });
     client.start();
     const socket = FakeSocket.last();
     socket.open();
@@ -490,8 +577,26 @@ describe('the messages of kept output', () => {
     ]);
     socket.receive({ type: 'tasks.kept', agentId: 'mac', requestId: ids[5], tasks: [] });
     socket.receive({ type: 'task.output', agentId: 'mac', taskId: 'Gone', requestId: ids[4], error: 'no output is kept for task Gone' });
-    socket.receive({ type: 'task.output', agentId: 'mac', taskId: 'T', requestId: ids[3], numbers: [42], lines: ['a needle'], total: 50, ended: true });
-    socket.receive({ type: 'task.output', agentId: 'mac', taskId: 'T', requestId: ids[2], from: 1, lines: ['one'], total: 50, ended: true });
+    socket.receive({
+      type: 'task.output',
+      agentId: 'mac',
+      taskId: 'T',
+      requestId: ids[3],
+      numbers: [42],
+      lines: ['a needle'],
+      total: 50,
+      ended: true,
+    });
+    socket.receive({
+      type: 'task.output',
+      agentId: 'mac',
+      taskId: 'T',
+      requestId: ids[2],
+      from: 1,
+      lines: ['one'],
+      total: 50,
+      ended: true,
+    });
     await expect(read).resolves.toMatchObject({ from: 1, lines: ['one'], total: 50, ended: true });
     await expect(search).resolves.toMatchObject({ numbers: [42], lines: ['a needle'] });
     await expect(missing).rejects.toEqual(new RelayError('OUTPUT_NOT_KEPT', 'no output is kept for task Gone'));
@@ -499,9 +604,14 @@ describe('the messages of kept output', () => {
   });
 });
 
-describe('the words of a task\'s whole output', () => {
+describe("the words of a task's whole output", () => {
   it('are these', () => {
-    expect([words.kSearchLabel, words.kSearching, words.kNoMatches, words.kMoreMatches]).toEqual(['Search output', 'Searching…', 'No matches', 'More matches']);
+    expect([words.kSearchLabel, words.kSearching, words.kNoMatches, words.kMoreMatches]).toEqual([
+      'Search output',
+      'Searching…',
+      'No matches',
+      'More matches',
+    ]);
     expect(words.matchLine(123456)).toBe('Line 123456');
     expect(words.copying(10_000, 300_000)).toBe('Copying… 10,000 of 300,000 lines');
     expect(words.copied(300_000)).toBe('Copied 300,000 lines');

@@ -24,8 +24,26 @@ function tasks(storage = new MemoryStorage()) {
 }
 
 const hello = (seq: number, snapshotTasks: unknown[] = []) =>
-  m({ type: 'server.hello', agents: [{ agentId: 'a', busy: false, registration: null, online: true, seq, snapshot: { tasks: snapshotTasks, proposal: null, terminals: [], queue: [] } }] });
-const proposal = { proposalId: 'P1', proposalSummary: 'Renamed it.', proposalCommentary: 'Renamed it.\n\nBecause **x**.', proposalDiff: '', proposalFiles: ['x'] };
+  m({
+    type: 'server.hello',
+    agents: [
+      {
+        agentId: 'a',
+        busy: false,
+        registration: null,
+        online: true,
+        seq,
+        snapshot: { tasks: snapshotTasks, proposal: null, terminals: [], queue: [] },
+      },
+    ],
+  });
+const proposal = {
+  proposalId: 'P1',
+  proposalSummary: 'Renamed it.',
+  proposalCommentary: 'Renamed it.\n\nBecause **x**.',
+  proposalDiff: '',
+  proposalFiles: ['x'],
+};
 
 describe('how a task ended, in words', () => {
   it('says Finished, Cancelled, Rejected and Failed · exit N', async () => {
@@ -36,14 +54,32 @@ describe('how a task ended, in words', () => {
     expect(taskStatusText(shell)).toBe('Finished');
 
     const failing = await store.run('a', { action: 'shell', command: 'exit 3', projectPath: 'App' });
-    store.handle(m({ type: 'task.failed', agentId: 'a', taskId: failing.taskId, error: 'command exited with status 3', errorCode: 'COMMAND_EXIT_NONZERO', exitCode: 3 }));
+    store.handle(
+      m({
+        type: 'task.failed',
+        agentId: 'a',
+        taskId: failing.taskId,
+        error: 'command exited with status 3',
+        errorCode: 'COMMAND_EXIT_NONZERO',
+        exitCode: 3,
+      }),
+    );
     expect(taskStatusText(failing)).toBe('Failed · exit 3');
 
     const change = await store.run('a', { action: 'ai_task', system: 'codex', mode: 'apply', prompt: 'x', projectPath: 'App' });
     store.handle(m({ type: 'task.awaiting_approval', agentId: 'a', taskId: change.taskId, ...proposal }));
     expect(taskStatusText(change)).toBe('Waiting for your review');
     store.decide(change, false);
-    store.handle(m({ type: 'task.failed', agentId: 'a', taskId: change.taskId, error: 'changes rejected by client approval', errorCode: 'APPROVAL_REJECTED', exitCode: 1 }));
+    store.handle(
+      m({
+        type: 'task.failed',
+        agentId: 'a',
+        taskId: change.taskId,
+        error: 'changes rejected by client approval',
+        errorCode: 'APPROVAL_REJECTED',
+        exitCode: 1,
+      }),
+    );
     expect([taskEnd(change), taskStatusText(change)]).toEqual(['rejected', 'Rejected']);
   });
 
@@ -53,7 +89,16 @@ describe('how a task ended, in words', () => {
     store.handle(m({ type: 'task.started', agentId: 'a', taskId: task.taskId }));
     expect(store.cancel(task)).toBe(true);
     store.handle(m({ type: 'task.cancelled', agentId: 'a', taskId: task.taskId, exitCode: 130 }));
-    store.handle(m({ type: 'task.failed', agentId: 'a', taskId: task.taskId, error: 'command exited with status 15', errorCode: 'COMMAND_EXIT_NONZERO', exitCode: 15 }));
+    store.handle(
+      m({
+        type: 'task.failed',
+        agentId: 'a',
+        taskId: task.taskId,
+        error: 'command exited with status 15',
+        errorCode: 'COMMAND_EXIT_NONZERO',
+        exitCode: 15,
+      }),
+    );
     expect([task.status, task.exitCode, task.error, taskStatusText(task)]).toEqual(['cancelled', 130, undefined, 'Cancelled']);
   });
 
@@ -92,7 +137,16 @@ describe('how a task ended, in words', () => {
     store.handle(m({ type: 'task.started', agentId: 'a', taskId: waiting.taskId }));
     store.handle(m({ type: 'task.awaiting_approval', agentId: 'a', taskId: waiting.taskId, ...proposal }));
     clock.now += kAgentTimeLimitSec * 1000;
-    store.handle(m({ type: 'task.failed', agentId: 'a', taskId: waiting.taskId, error: 'changes rejected by client approval', errorCode: 'APPROVAL_REJECTED', exitCode: 1 }));
+    store.handle(
+      m({
+        type: 'task.failed',
+        agentId: 'a',
+        taskId: waiting.taskId,
+        error: 'changes rejected by client approval',
+        errorCode: 'APPROVAL_REJECTED',
+        exitCode: 1,
+      }),
+    );
     expect(taskStatusText(waiting)).toBe('Timed out');
   });
 });
@@ -129,10 +183,12 @@ describe('how long a task took', () => {
 
   it('gives no time to a task known from a snapshot alone', () => {
     const { store, clock } = tasks();
-    store.handle(hello(50, [
-      { taskId: 'R', kind: 'shell', projectPath: 'App', status: 'running' },
-      { taskId: 'E', kind: 'shell', projectPath: 'App', status: 'failed', exitCode: 1 },
-    ]));
+    store.handle(
+      hello(50, [
+        { taskId: 'R', kind: 'shell', projectPath: 'App', status: 'running' },
+        { taskId: 'E', kind: 'shell', projectPath: 'App', status: 'failed', exitCode: 1 },
+      ]),
+    );
     expect([runTime(store.get('R')!, clock.now), runTime(store.get('E')!, clock.now)]).toEqual([null, null]);
     expect(taskStatusText(store.get('E')!)).toBe('Failed · exit 1');
     store.handle(hello(50, [{ taskId: 'X', kind: 'shell', projectPath: 'App', status: 'failed' }]));
@@ -158,8 +214,16 @@ describe('the agent\u2019s words in a task log', () => {
     expect(readAssistantLogLine('proposal.approval rejected_or_timed_out').kind).toBe('detail');
     expect(readAssistantLogLine('[command] make test')).toEqual({ kind: 'activity', tone: 'step', text: 'Ran make test' });
     expect(readAssistantLogLine('[command.output] a\nb')).toEqual({ kind: 'detail', text: 'a\nb' });
-    expect(readAssistantLogLine('[tool.error] Write: permission denied')).toEqual({ kind: 'activity', tone: 'problem', text: 'Write failed: permission denied' });
-    expect(readAssistantLogLine('[claude.error] overloaded')).toEqual({ kind: 'activity', tone: 'problem', text: 'Claude reported an error: overloaded' });
+    expect(readAssistantLogLine('[tool.error] Write: permission denied')).toEqual({
+      kind: 'activity',
+      tone: 'problem',
+      text: 'Write failed: permission denied',
+    });
+    expect(readAssistantLogLine('[claude.error] overloaded')).toEqual({
+      kind: 'activity',
+      tone: 'problem',
+      text: 'Claude reported an error: overloaded',
+    });
     expect(readAssistantLogLine('[codex.turn.failed] quota')).toEqual({ kind: 'activity', tone: 'problem', text: 'Codex stopped: quota' });
     expect(readAssistantLogLine('[codex.retry] the thread is gone; starting a new one').kind).toBe('detail');
     expect(readAssistantLogLine('[later.marker] something').kind).toBe('detail');
@@ -174,14 +238,27 @@ describe('the agent\u2019s words in a task log', () => {
     line(shell.taskId, 'workspace.resolve action=shell requestedProjectPath=App resolvedWorkingDir=/r/App');
     store.handle(m({ type: 'task.started', agentId: 'a', taskId: shell.taskId }));
     line(shell.taskId, 'Package.swift');
-    expect([shell.details.text(), shell.log.text()]).toEqual(['workspace.resolve action=shell requestedProjectPath=App resolvedWorkingDir=/r/App', 'Package.swift']);
+    expect([shell.details.text(), shell.log.text()]).toEqual([
+      'workspace.resolve action=shell requestedProjectPath=App resolvedWorkingDir=/r/App',
+      'Package.swift',
+    ]);
 
     const change = await store.run('a', { action: 'ai_task', system: 'codex', mode: 'apply', prompt: 'x', projectPath: 'App' });
-    for (const text of ['workspace.resolve action=ai_task requestedProjectPath=App resolvedWorkingDir=/r/App', 'proposal.command shell=codex exec', '[command] ls', '[command.output] Package.swift', '[tool.error] Write: nope']) {
+    for (const text of [
+      'workspace.resolve action=ai_task requestedProjectPath=App resolvedWorkingDir=/r/App',
+      'proposal.command shell=codex exec',
+      '[command] ls',
+      '[command.output] Package.swift',
+      '[tool.error] Write: nope',
+    ]) {
       line(change.taskId, text);
     }
     expect(change.log.length).toBe(0);
-    expect(change.details.slice(0, 3)).toEqual(['workspace.resolve action=ai_task requestedProjectPath=App resolvedWorkingDir=/r/App', 'proposal.command shell=codex exec', 'Package.swift']);
+    expect(change.details.slice(0, 3)).toEqual([
+      'workspace.resolve action=ai_task requestedProjectPath=App resolvedWorkingDir=/r/App',
+      'proposal.command shell=codex exec',
+      'Package.swift',
+    ]);
     expect(change.activity).toEqual([
       { text: 'Ran ls', tone: 'step' },
       { text: 'Write failed: nope', tone: 'problem' },
@@ -196,9 +273,27 @@ describe('the agent\u2019s words in a task log', () => {
   it('shows what applying a change came to without repeating the commentary', () => {
     const { store } = tasks();
     store.handle(m({ type: 'task.awaiting_approval', agentId: 'a', taskId: 'C', ...proposal }));
-    store.handle(m({ type: 'task.artifact', agentId: 'a', taskId: 'C', kind: 'result', summary: 'Applied the approved changes to 1 file.\n\n' + proposal.proposalCommentary, mimeType: 'text/plain' }));
+    store.handle(
+      m({
+        type: 'task.artifact',
+        agentId: 'a',
+        taskId: 'C',
+        kind: 'result',
+        summary: 'Applied the approved changes to 1 file.\n\n' + proposal.proposalCommentary,
+        mimeType: 'text/plain',
+      }),
+    );
     expect(changeResult(store.get('C')!)).toBe('Applied the approved changes to 1 file.');
-    store.handle(m({ type: 'task.artifact', agentId: 'a', taskId: 'D', kind: 'result', summary: 'Applied approved changes to x.', mimeType: 'text/plain' }));
+    store.handle(
+      m({
+        type: 'task.artifact',
+        agentId: 'a',
+        taskId: 'D',
+        kind: 'result',
+        summary: 'Applied approved changes to x.',
+        mimeType: 'text/plain',
+      }),
+    );
     expect(changeResult(store.get('D')!)).toBe('Applied approved changes to x.');
   });
 });
@@ -216,7 +311,10 @@ describe('a plan by Codex', () => {
       '',
       event({ type: 'turn.started' }),
       event({ type: 'item.started', item: { id: 'c1', type: 'command_execution', command: 'ls' } }),
-      event({ type: 'item.completed', item: { id: 'c1', type: 'command_execution', command: 'ls', aggregated_output: 'Package.swift\n', exit_code: 0 } }),
+      event({
+        type: 'item.completed',
+        item: { id: 'c1', type: 'command_execution', command: 'ls', aggregated_output: 'Package.swift\n', exit_code: 0 },
+      }),
       message('## Plan', 'm1', 'item.started'),
       message('## Plan\n\n1. Do **this**', 'm1', 'item.updated'),
       message('## Plan\n\n1. Do **this**', 'm1'),
@@ -243,7 +341,9 @@ describe('a plan by Codex', () => {
     expect(reader.read('{"type":"item.comp')).toEqual([]);
     expect(reader.read(message('More.'))).toEqual([{ kind: 'output', text: '{"type":"item.comp' }]);
     expect(reader.answer).toBe('A long answer.\n\nMore.');
-    expect(reader.read(event({ type: 'turn.failed', error: { message: 'quota' } }))).toEqual([{ kind: 'activity', tone: 'problem', text: 'Codex stopped: quota' }]);
+    expect(reader.read(event({ type: 'turn.failed', error: { message: 'quota' } }))).toEqual([
+      { kind: 'activity', tone: 'problem', text: 'Codex stopped: quota' },
+    ]);
     expect(reader.read('{"type":"unknown"}')).toEqual([{ kind: 'output', text: '{"type":"unknown"}' }]);
   });
 });
@@ -254,7 +354,8 @@ describe('a chat answer\u2019s activity', () => {
     const store = new ConversationsStore(null, { run: async () => ({ taskId: 'T' + ++next }), cancel: () => true });
     const conversation = store.start('mac', 'App', 'claude');
     const answer = await store.send(conversation.id, 'Take a note');
-    const send = (message: Record<string, unknown>) => store.handle(m({ agentId: 'mac', taskId: 'T1', conversationId: conversation.id, ...message }));
+    const send = (message: Record<string, unknown>) =>
+      store.handle(m({ agentId: 'mac', taskId: 'T1', conversationId: conversation.id, ...message }));
     send({ type: 'task.log', line: 'workspace.resolve action=chat requestedProjectPath=App resolvedWorkingDir=/r/App' });
     send({ type: 'task.chat.chunk', chunk: 'Let me write it down.' });
     send({ type: 'permission.request', requestId: 'R1', toolName: 'Write', toolInput: { file_path: 'notes.txt', content: 'milk' } });
@@ -286,15 +387,27 @@ describe('a chat answer\u2019s activity', () => {
 
   it('reads the log lines an older page kept as they came', async () => {
     const db = await ConversationDB.open(indexedDB, 'chat-words-1');
-    await db.save(
-      { id: 'c', agentId: 'mac', projectPath: 'App', system: 'codex', title: 't', createdAt: 1, updatedAt: 1 },
-      [{ conversationId: 'c', index: 0, role: 'assistant', text: 'x', taskId: 'T', status: 'done', activity: ['workspace.resolve action=chat requestedProjectPath=App resolvedWorkingDir=/r', '[command] ls'] as never, error: '', at: 1 }],
-    );
+    await db.save({ id: 'c', agentId: 'mac', projectPath: 'App', system: 'codex', title: 't', createdAt: 1, updatedAt: 1 }, [
+      {
+        conversationId: 'c',
+        index: 0,
+        role: 'assistant',
+        text: 'x',
+        taskId: 'T',
+        status: 'done',
+        activity: ['workspace.resolve action=chat requestedProjectPath=App resolvedWorkingDir=/r', '[command] ls'] as never,
+        error: '',
+        at: 1,
+      },
+    ]);
     const store = new ConversationsStore(db, { run: async () => ({ taskId: 'T' }), cancel: () => true });
     store.list('mac', 'App');
     await new Promise((resolve) => setTimeout(resolve, 20));
     const loaded = (await store.open('c'))!.messages![0];
-    expect([loaded.activity, loaded.details]).toEqual([[{ text: 'Ran ls', tone: 'step' }], ['workspace.resolve action=chat requestedProjectPath=App resolvedWorkingDir=/r']]);
+    expect([loaded.activity, loaded.details]).toEqual([
+      [{ text: 'Ran ls', tone: 'step' }],
+      ['workspace.resolve action=chat requestedProjectPath=App resolvedWorkingDir=/r'],
+    ]);
     db.close();
   });
 

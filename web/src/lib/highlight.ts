@@ -22,7 +22,28 @@ import typescript from 'highlight.js/lib/languages/typescript';
 import xml from 'highlight.js/lib/languages/xml';
 import yaml from 'highlight.js/lib/languages/yaml';
 
-const languages = { bash, c, cpp, css, diff, go, java, javascript, json, kotlin, markdown, objectivec, python, rust, shell, sql, swift, typescript, xml, yaml };
+const languages = {
+  bash,
+  c,
+  cpp,
+  css,
+  diff,
+  go,
+  java,
+  javascript,
+  json,
+  kotlin,
+  markdown,
+  objectivec,
+  python,
+  rust,
+  shell,
+  sql,
+  swift,
+  typescript,
+  xml,
+  yaml,
+};
 for (const [name, language] of Object.entries(languages)) hljs.registerLanguage(name, language);
 hljs.configure({ ignoreUnescapedHTML: true });
 

@@ -54,22 +54,26 @@ export class TerminalController {
   ) {
     const interactive = session.mode === 'interactive';
     this.frame.className = 'terminal-frame';
-    this.term = withAdoptedStyles(document, () => new Terminal({
-      fontFamily: 'ui-monospace, "SF Mono", Menlo, "DejaVu Sans Mono", monospace',
-      fontSize: matchMedia('(max-width: 600px)').matches ? 12 : 13,
-      // A steady cursor: a blinking one asks for a frame on every key, and Chromium then
-      // holds the page's tasks, the echo's socket message among them, until that frame is
-      // drawn, so the echo came a frame late.
-      cursorBlink: false,
-      disableStdin: !interactive,
-      // A line-mode shell has no terminal to turn its line ends into CR LF.
-      convertEol: !interactive,
-      scrollback: 5000,
-      theme: theme(),
-      allowProposedApi: false,
-      // A program's hyperlink (OSC 8) opens outside the app, never into it.
-      linkHandler: { activate: (_event, uri) => openOutside(uri) },
-    }));
+    this.term = withAdoptedStyles(
+      document,
+      () =>
+        new Terminal({
+          fontFamily: 'ui-monospace, "SF Mono", Menlo, "DejaVu Sans Mono", monospace',
+          fontSize: matchMedia('(max-width: 600px)').matches ? 12 : 13,
+          // A steady cursor: a blinking one asks for a frame on every key, and Chromium then
+          // holds the page's tasks, the echo's socket message among them, until that frame is
+          // drawn, so the echo came a frame late.
+          cursorBlink: false,
+          disableStdin: !interactive,
+          // A line-mode shell has no terminal to turn its line ends into CR LF.
+          convertEol: !interactive,
+          scrollback: 5000,
+          theme: theme(),
+          allowProposedApi: false,
+          // A program's hyperlink (OSC 8) opens outside the app, never into it.
+          linkHandler: { activate: (_event, uri) => openOutside(uri) },
+        }),
+    );
     this.term.loadAddon(this.fit);
     this.subscriptions = [
       this.term.onData((data) => this.listener.data?.(data)),

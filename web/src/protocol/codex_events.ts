@@ -19,7 +19,16 @@ function text(value: unknown): string {
   return typeof value === 'string' ? value.trim() : '';
 }
 
-const kEventTypes = new Set(['thread.started', 'turn.started', 'turn.completed', 'turn.failed', 'item.started', 'item.updated', 'item.completed', 'error']);
+const kEventTypes = new Set([
+  'thread.started',
+  'turn.started',
+  'turn.completed',
+  'turn.failed',
+  'item.started',
+  'item.updated',
+  'item.completed',
+  'error',
+]);
 
 export class CodexEventReader {
   private pending = '';
@@ -106,7 +115,12 @@ export class CodexEventReader {
         return;
       }
       case 'file_change': {
-        const changes = Array.isArray(item.changes) ? item.changes.filter(isObject).map((change) => text(change.path)).filter(Boolean) : [];
+        const changes = Array.isArray(item.changes)
+          ? item.changes
+              .filter(isObject)
+              .map((change) => text(change.path))
+              .filter(Boolean)
+          : [];
         if (changes.length > 0) lines.push({ kind: 'activity', tone: 'step', text: 'Changed ' + changes.join(', ') });
         return;
       }

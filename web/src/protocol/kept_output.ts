@@ -74,7 +74,10 @@ export function decodeKeptTasks(value: unknown): KeptTask[] {
   const tasks: KeptTask[] = [];
   for (const raw of value) {
     if (typeof raw !== 'object' || raw === null || Array.isArray(raw)) continue;
-    const { taskId, kind, projectPath, status, exitCode, startedAt, endedAt, lines, conversationId, timedOut } = raw as Record<string, unknown>;
+    const { taskId, kind, projectPath, status, exitCode, startedAt, endedAt, lines, conversationId, timedOut } = raw as Record<
+      string,
+      unknown
+    >;
     if (typeof taskId !== 'string' || typeof status !== 'string' || !kKeptStatuses.includes(status)) continue;
     const task: KeptTask = {
       taskId,

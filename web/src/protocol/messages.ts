@@ -178,18 +178,18 @@ export interface TaskPayload {
 }
 
 export type TerminalCommandType =
-  | 'terminal.open'
-  | 'terminal.attach'
-  | 'terminal.input'
-  | 'terminal.complete'
-  | 'terminal.resize'
-  | 'terminal.signal'
-  | 'terminal.close';
+  'terminal.open' | 'terminal.attach' | 'terminal.input' | 'terminal.complete' | 'terminal.resize' | 'terminal.signal' | 'terminal.close';
 
 export type ClientMessage =
   | { type: 'task.create'; agentId: string; payload: TaskPayload; requestId?: string }
   | { type: 'task.cancel'; agentId: string; taskId: string; requestId?: string }
-  | { type: 'task.approval'; agentId: string; taskId: string; payload: { decision: 'approve' | 'reject'; files?: string[] }; requestId?: string }
+  | {
+      type: 'task.approval';
+      agentId: string;
+      taskId: string;
+      payload: { decision: 'approve' | 'reject'; files?: string[] };
+      requestId?: string;
+    }
   | { type: 'projects.list'; agentId: string }
   | { type: TerminalCommandType; agentId: string; payload: Record<string, unknown>; requestId?: string }
   | {

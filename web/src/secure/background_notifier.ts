@@ -15,8 +15,7 @@ export interface Attention {
 
 // What a click on the notification opens.
 export type NotificationTarget =
-  | { kind: 'approval'; requestId: string }
-  | { kind: 'proposal'; agentId: string; projectPath: string; taskId: string };
+  { kind: 'approval'; requestId: string } | { kind: 'proposal'; agentId: string; projectPath: string; taskId: string };
 
 export function approvalAttention(request: PermissionRequest, assistant: string | undefined): Attention {
   return {

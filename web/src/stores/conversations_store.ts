@@ -45,7 +45,13 @@ function titleOf(prompt: string): string {
 function fromRecord(record: MessageRecord): ChatMessage {
   // An answer that was still streaming when the page went away will not continue here.
   const status: MessageStatus = record.status === 'streaming' ? 'interrupted' : record.status;
-  const message: ChatMessage = { ...record, status, activity: [], details: [...(record.details ?? [])], chunks: record.text === '' ? [] : [record.text] };
+  const message: ChatMessage = {
+    ...record,
+    status,
+    activity: [],
+    details: [...(record.details ?? [])],
+    chunks: record.text === '' ? [] : [record.text],
+  };
   // An older page kept the log's lines as they came.
   for (const line of record.activity as (ActivityLine | string)[]) {
     if (typeof line === 'string') addLogLine(message, line);

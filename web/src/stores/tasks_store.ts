@@ -160,7 +160,11 @@ export function taskEnd(task: Task): TaskEnd | null {
 // What applying a change came to ("Applied the approved changes to 1 file."), without the
 // commentary the agent repeats after it.
 export function changeResult(task: Task): string {
-  const result = task.artifacts.filter((artifact) => artifact.kind === 'result').pop()?.summary.trim() ?? '';
+  const result =
+    task.artifacts
+      .filter((artifact) => artifact.kind === 'result')
+      .pop()
+      ?.summary.trim() ?? '';
   const commentary = (task.proposal?.proposalCommentary || task.commentary).trim();
   if (commentary !== '' && result.endsWith(commentary) && result.length > commentary.length) {
     return result.slice(0, result.length - commentary.length).trim();
@@ -324,7 +328,11 @@ export class TasksStore extends Observable {
         // The first end counts: a cancelled task's process may report its own end after.
         if (this.endSeen.has(task.taskId)) break;
         if (message.type === 'task.failed') Object.assign(task, { error: message.error, errorCode: message.errorCode });
-        this.end(task, message.type === 'task.finished' ? 'finished' : message.type === 'task.cancelled' ? 'cancelled' : 'failed', message.exitCode);
+        this.end(
+          task,
+          message.type === 'task.finished' ? 'finished' : message.type === 'task.cancelled' ? 'cancelled' : 'failed',
+          message.exitCode,
+        );
         stamp('endedAt');
         break;
       default:
@@ -390,7 +398,11 @@ export class TasksStore extends Observable {
       if (after && isEnded(after.status)) this.end(task, after.status, after.exitCode);
       else if (after) task.status = after.status;
     }
-    placeInQueue(this.tasks.values(), agentId, snapshot.queue.map((entry) => entry.taskId));
+    placeInQueue(
+      this.tasks.values(),
+      agentId,
+      snapshot.queue.map((entry) => entry.taskId),
+    );
     if (gap) {
       for (const task of this.tasks.values()) {
         if (task.agentId !== agentId || named.has(task.taskId) || isEnded(task.status) || task.status === 'queued') continue;

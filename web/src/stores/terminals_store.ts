@@ -105,9 +105,7 @@ export class TerminalsStore extends Observable {
 
   // The open session of a project, if any.
   forProject(agentId: string, projectPath: string): TerminalSession | undefined {
-    return [...this.sessions.values()].find(
-      (s) => s.agentId === agentId && s.projectPath === projectPath && s.status !== 'closed',
-    );
+    return [...this.sessions.values()].find((s) => s.agentId === agentId && s.projectPath === projectPath && s.status !== 'closed');
   }
 
   get(sessionId: string): TerminalSession | undefined {

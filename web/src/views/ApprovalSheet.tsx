@@ -30,7 +30,12 @@ export function ApprovalSheet({ state }: { state: AppState }) {
             class="proposal-link"
             onClick={() => {
               state.approvals.dismiss();
-              state.navigation.go({ agentId: task.agentId, projectPath: task.projectPath || state.navigation.place.projectPath, tab: 'changes', taskId: task.taskId });
+              state.navigation.go({
+                agentId: task.agentId,
+                projectPath: task.projectPath || state.navigation.place.projectPath,
+                tab: 'changes',
+                taskId: task.taskId,
+              });
             }}
           >
             <span>Review proposed changes</span>
@@ -126,7 +131,17 @@ function ToolInput({ input }: { input: ToolInputView }) {
 
 // A value shown whole, or, when it is long, folded with a button that says how long it
 // is and unfolds it.
-function FoldedText({ text, class: className, tag = 'pre', prefix }: { text: string; class: string; tag?: 'pre' | 'p'; prefix?: preact.ComponentChildren }) {
+function FoldedText({
+  text,
+  class: className,
+  tag = 'pre',
+  prefix,
+}: {
+  text: string;
+  class: string;
+  tag?: 'pre' | 'p';
+  prefix?: preact.ComponentChildren;
+}) {
   const [unfolded, setUnfolded] = useState(false);
   const folded = unfolded ? null : fold(text);
   const Tag = tag;

@@ -29,7 +29,19 @@ export function QueueFullNote({ state, agentId }: { state: AppState; agentId: st
 
 // "The agent is busy with “TITLE”" and what follows, with "Show it" leading to that task;
 // `children` when the page knows of nothing the agent runs.
-function BusyNote({ state, agentId, except, after, children }: { state: AppState; agentId: string; except?: string; after: string; children: string }) {
+function BusyNote({
+  state,
+  agentId,
+  except,
+  after,
+  children,
+}: {
+  state: AppState;
+  agentId: string;
+  except?: string;
+  after: string;
+  children: string;
+}) {
   const running = state.tasks.list((t) => t.agentId === agentId && t.taskId !== except && t.status !== 'queued' && !isEnded(t.status))[0];
   if (!running) {
     return (

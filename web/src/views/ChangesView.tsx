@@ -31,7 +31,14 @@ export function ChangesView({ state, agentId, projectPath }: ProjectProps) {
     event.preventDefault();
     setProblem('');
     try {
-      const task = await state.tasks.run(agentId, { action: 'ai_task', system, mode, prompt: prompt.trim(), projectPath, approvalMode: 'on_request' });
+      const task = await state.tasks.run(agentId, {
+        action: 'ai_task',
+        system,
+        mode,
+        prompt: prompt.trim(),
+        projectPath,
+        approvalMode: 'on_request',
+      });
       setPrompt('');
       state.navigation.go({ taskId: task.taskId });
     } catch (error) {
@@ -44,17 +51,30 @@ export function ChangesView({ state, agentId, projectPath }: ProjectProps) {
         <div class="form-row">
           <div class="segmented" role="radiogroup" aria-label="Mode">
             {(['apply', 'plan'] as const).map((name) => (
-              <button type="button" key={name} role="radio" aria-checked={mode === name} class={mode === name ? 'current' : ''} onClick={() => setMode(name)}>
+              <button
+                type="button"
+                key={name}
+                role="radio"
+                aria-checked={mode === name}
+                class={mode === name ? 'current' : ''}
+                onClick={() => setMode(name)}
+              >
                 {name === 'apply' ? 'Propose changes' : 'Plan only'}
               </button>
             ))}
           </div>
         </div>
         <p class="muted change-note">
-          Codex works on a copy of the project: you review its changes before any is applied. Claude works in Chat, where
-          you approve each tool use.
+          Codex works on a copy of the project: you review its changes before any is applied. Claude works in Chat, where you approve each
+          tool use.
         </p>
-        <textarea name="change-prompt" rows={3} placeholder="What should change?" value={prompt} onInput={(event) => setPrompt(event.currentTarget.value)} />
+        <textarea
+          name="change-prompt"
+          rows={3}
+          placeholder="What should change?"
+          value={prompt}
+          onInput={(event) => setPrompt(event.currentTarget.value)}
+        />
         <button type="submit" class="primary" disabled={prompt.trim() === ''}>
           Start
         </button>
@@ -68,7 +88,10 @@ export function ChangesView({ state, agentId, projectPath }: ProjectProps) {
         <ul class="task-history" aria-label="Change requests">
           {tasks.map((task) => (
             <li key={task.taskId}>
-              <button class={'task-item ' + (taskEnd(task) ?? task.status) + (task === chosen ? ' current' : '')} onClick={() => state.navigation.go({ taskId: task.taskId })}>
+              <button
+                class={'task-item ' + (taskEnd(task) ?? task.status) + (task === chosen ? ' current' : '')}
+                onClick={() => state.navigation.go({ taskId: task.taskId })}
+              >
                 <span class="task-title">{task.title}</span>
                 <span class="task-state">{taskStatusText(task)}</span>
               </button>
@@ -130,9 +153,7 @@ function ChangeDetail({ state, task }: { state: ProjectProps['state']; task: Tas
             </div>
           )}
           {!proposal.needsApproval && <p class="note">Proposed only: this proposal is not applied from here.</p>}
-          {proposal.decision && !ended && (
-            <p class="note decision">{proposal.decision === 'approve' ? 'Approved' : 'Rejected'}</p>
-          )}
+          {proposal.decision && !ended && <p class="note decision">{proposal.decision === 'approve' ? 'Approved' : 'Rejected'}</p>}
           <Suspense fallback={<div class="loading">Loading the diff…</div>}>
             <ProposalReview diff={proposal.proposalDiff} />
           </Suspense>

@@ -122,7 +122,13 @@ export function TasksView({ state, agentId, projectPath }: ProjectProps) {
           ))}
           {tasks.length === 0 && <li class="muted empty-note">Tasks you run here are listed for this session.</li>}
         </ul>
-        {chosen && <TaskDetail state={state} task={chosen} rerun={() => void run({ action: chosen.payload?.action ?? 'shell', command: chosen.payload?.command })} />}
+        {chosen && (
+          <TaskDetail
+            state={state}
+            task={chosen}
+            rerun={() => void run({ action: chosen.payload?.action ?? 'shell', command: chosen.payload?.command })}
+          />
+        )}
       </div>
     </div>
   );

@@ -73,7 +73,9 @@ export default function TerminalView({ state, agentId, projectPath }: ProjectPro
   if (!session) {
     return (
       <div class="terminal-start">
-        <p class="muted">A shell in {projectPath} on {agentId}. It keeps running when you leave this page.</p>
+        <p class="muted">
+          A shell in {projectPath} on {agentId}. It keeps running when you leave this page.
+        </p>
         <div class="actions">
           <button class="primary" onClick={() => state.terminals.open(agentId, projectPath, 'interactive')}>
             Open terminal
@@ -177,12 +179,7 @@ function TerminalScreen({ state, session }: { state: State; session: TerminalSes
           ))}
         </div>
       ) : (
-        <LineEditor
-          state={state}
-          session={session}
-          completion={completion}
-          onCompleted={() => setCompletion(null)}
-        />
+        <LineEditor state={state} session={session} completion={completion} onCompleted={() => setCompletion(null)} />
       )}
     </div>
   );

@@ -21,14 +21,12 @@ export function TokenPrompt({ state, refused }: { state: AppState; refused: 'una
         )}
         {refused === 'blocked' && (
           <p class="error" role="alert">
-            This server did not accept the token, and after too many wrong ones from this network it waits a minute
-            before it tries again. Check the token and enter it again.
+            This server did not accept the token, and after too many wrong ones from this network it waits a minute before it tries again.
+            Check the token and enter it again.
           </p>
         )}
         {refused === null && (
-          <p class="muted">
-            Open the link the agent shows (its "Web" QR code), or enter the token from its pairing details.
-          </p>
+          <p class="muted">Open the link the agent shows (its "Web" QR code), or enter the token from its pairing details.</p>
         )}
         <label class="field">
           <span>Token</span>

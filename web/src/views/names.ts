@@ -20,6 +20,6 @@ export function queuedText(place: number | undefined): string {
   if (place === undefined) return 'Queued';
   if (place === 1) return 'Queued · next in line';
   const tens = place % 100;
-  const suffix = tens >= 11 && tens <= 13 ? 'th' : ({ 1: 'st', 2: 'nd', 3: 'rd' } as Record<number, string>)[place % 10] ?? 'th';
+  const suffix = tens >= 11 && tens <= 13 ? 'th' : (({ 1: 'st', 2: 'nd', 3: 'rd' } as Record<number, string>)[place % 10] ?? 'th');
   return `Queued · ${place}${suffix} in line`;
 }
