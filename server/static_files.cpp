@@ -9,11 +9,18 @@
 
 #include <optional>
 
+#ifdef BRINMOOR_WITHOUT_WEB_CLIENT
+// A relay built without the web client (BRINMOOR_WITH_WEB=OFF) serves no page.
+constexpr bool kWebClientBuilt = false;
+static void initWebResources() {}
+#else
+constexpr bool kWebClientBuilt = true;
 // The resource is compiled into this library; naming it keeps the linker from dropping it.
 static void initWebResources()
 {
     Q_INIT_RESOURCE(brinmoor_web);
 }
+#endif
 
 namespace brinmoor::relay::StaticFiles {
 
@@ -200,6 +207,10 @@ Response response(const HttpRequest& request)
         return {
             head(405, "application/json", body.size(), "Allow: GET, HEAD\r\nCache-Control: no-store\r\n" + security),
             body};
+    }
+    if (!kWebClientBuilt) {
+        const QByteArray body = RelayMessages::httpError(QStringLiteral("web client not built"));
+        return {head(404, "application/json", body.size(), "Cache-Control: no-store\r\n" + security), body};
     }
     const auto found = files().constFind(request.path);
     if (found == files().constEnd()) {
