@@ -26,13 +26,13 @@ QList<QSslCertificate> certificatesFrom(const QProcessEnvironment& env, const QS
     const QString path = env.value(variable);
     if (path.isEmpty() || !unavailable.isEmpty())
         return {};
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        unavailable = QStringLiteral("cannot read ") + variable + QLatin1Char(' ') + path + QStringLiteral(": ") +
-                      file.errorString();
+    const auto text = TlsTrust::readFile(path);
+    if (const QString* reason = std::get_if<QString>(&text)) {
+        unavailable =
+            QStringLiteral("cannot read ") + variable + QLatin1Char(' ') + path + QStringLiteral(": ") + *reason;
         return {};
     }
-    const QList<QSslCertificate> certificates = QSslCertificate::fromData(file.readAll(), QSsl::Pem);
+    const QList<QSslCertificate> certificates = TlsTrust::certificatesIn(std::get<QByteArray>(text));
     if (certificates.isEmpty())
         unavailable = variable + QStringLiteral(" holds no PEM certificate: ") + path;
     return certificates;
@@ -74,8 +74,9 @@ ApprovalSettings settingsFromEnvironment()
                                    QStringLiteral(": ") + file.errorString();
     }
     settings.taskId = env.value(QStringLiteral("BRINMOOR_TASK_ID"));
-    settings.authorities = certificatesFrom(env, QStringLiteral("BRINMOOR_TLS_CA"), settings.unavailable);
-    settings.pinned = certificatesFrom(env, QStringLiteral("BRINMOOR_TLS_PINNED_CERT"), settings.unavailable).value(0);
+    settings.trust.authorities = certificatesFrom(env, QStringLiteral("BRINMOOR_TLS_CA"), settings.unavailable);
+    settings.trust.pinned =
+        certificatesFrom(env, QStringLiteral("BRINMOOR_TLS_PINNED_CERT"), settings.unavailable).value(0);
     bool ok = false;
     const int seconds = env.value(QStringLiteral("BRINMOOR_APPROVAL_WAIT_SEC")).toInt(&ok);
     if (ok && seconds > 0 && seconds <= 24 * 3600)
@@ -136,15 +137,12 @@ void ApprovalClient::request(qint64 key, const QString& toolName, const QJsonVal
                      {QStringLiteral("toolInput"), toolInput}};
     if (!toolUseId.isEmpty())
         body.insert(QStringLiteral("toolUseId"), toolUseId);
-    if (!m_settings.authorities.isEmpty()) {
-        QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
-        tls.addCaCertificates(m_settings.authorities);
-        request.setSslConfiguration(tls);
-    }
+    if (url.scheme() == QLatin1String("https"))
+        request.setSslConfiguration(m_settings.trust.configure());
     QNetworkReply* reply = m_network.post(request, json(body));
-    if (!m_settings.pinned.isNull()) {
+    if (m_settings.trust.isPinned()) {
         connect(reply, &QNetworkReply::sslErrors, reply, [this, reply] {
-            if (reply->sslConfiguration().peerCertificate() == m_settings.pinned)
+            if (m_settings.trust.overrulesErrors(reply->sslConfiguration().peerCertificate()))
                 reply->ignoreSslErrors();
         });
     }

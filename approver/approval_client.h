@@ -1,10 +1,11 @@
 #pragma once
 
+#include "tls/tls_trust.h"
+
 #include <QByteArray>
 #include <QJsonValue>
 #include <QNetworkAccessManager>
 #include <QObject>
-#include <QSslCertificate>
 #include <QString>
 
 #include <functional>
@@ -20,10 +21,10 @@ struct ApprovalSettings {
     QString taskId;
     int waitMs = 630'000; // a little longer than the server holds a request
     // Authorities to trust besides the system's (BRINMOOR_TLS_CA), and the certificate of
-    // a server the agent pins (BRINMOOR_TLS_PINNED_CERT): that server is trusted by its
-    // certificate alone, whatever name it is reached by.
-    QList<QSslCertificate> authorities;
-    QSslCertificate pinned;
+    // a server the agent pins (BRINMOOR_TLS_PINNED_CERT), trusted the way the agent
+    // trusts: a pinned server by its certificate alone, whatever name it is reached by,
+    // and then no authority counts.
+    TlsTrust::ServerTrust trust;
     // Why no request can be made (an unreadable token or certificate file); empty when
     // one can.
     QString unavailable;

@@ -1,8 +1,8 @@
 #include "tls_context.h"
 
 #include "relay_log.h"
+#include "tls/tls_trust.h"
 
-#include <QFile>
 #include <QSslCertificate>
 #include <QSslKey>
 #include <QSslSocket>
@@ -23,14 +23,9 @@ QString isoText(const QDateTime& time)
 
 std::variant<QByteArray, QString> readFile(const char* variable, const QString& path)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return QLatin1String(variable) + QStringLiteral(" cannot be read: ") + path + QStringLiteral(": ") +
-               file.errorString();
-    const QByteArray text = file.readAll();
-    if (file.error() != QFileDevice::NoError)
-        return QLatin1String(variable) + QStringLiteral(" cannot be read: ") + path + QStringLiteral(": ") +
-               file.errorString();
+    auto text = TlsTrust::readFile(path);
+    if (const QString* reason = std::get_if<QString>(&text))
+        return QLatin1String(variable) + QStringLiteral(" cannot be read: ") + path + QStringLiteral(": ") + *reason;
     return text;
 }
 
@@ -81,8 +76,8 @@ std::variant<QSslConfiguration, QString> loadTlsConfiguration(const TlsFiles& fi
     const auto certificateText = readFile("BRINMOOR_TLS_CERT", files.certificate);
     if (const QString* problem = std::get_if<QString>(&certificateText))
         return *problem;
-    const QList<QSslCertificate> chain = QSslCertificate::fromData(std::get<QByteArray>(certificateText), QSsl::Pem);
-    if (chain.isEmpty() || chain.first().isNull())
+    const QList<QSslCertificate> chain = TlsTrust::certificatesIn(std::get<QByteArray>(certificateText));
+    if (chain.isEmpty())
         return QStringLiteral("BRINMOOR_TLS_CERT holds no PEM certificate: ") + files.certificate;
     // Browsers and phones refuse such a certificate: better said once here than by every
     // client.

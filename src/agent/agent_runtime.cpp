@@ -262,30 +262,25 @@ void AgentRuntime::attemptConnect()
 
 std::variant<QSslConfiguration, QString> AgentRuntime::tlsConfiguration(const ConnectionSettings& settings)
 {
-    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
-    m_pinned.clear();
+    m_trust = TlsTrust::ServerTrust();
     if (m_pinnedFile) {
+        // A pin is the whole of the trust: "tlsCA" does not count then.
         const auto pinned = ServerCertificate::load(*m_pinnedFile);
         if (const QString* problem = std::get_if<QString>(&pinned))
             return *problem;
-        m_pinned = std::get<QList<QSslCertificate>>(pinned).first();
-        // No authority vouches for a pinned server, so every certificate comes to
-        // onSslErrors, where the pin decides before anything (the token) is sent.
-        configuration.setCaCertificates({});
-        return configuration;
-    }
-    if (!settings.tlsCA.isEmpty()) {
+        m_trust.pinned = std::get<QList<QSslCertificate>>(pinned).first();
+    } else if (!settings.tlsCA.isEmpty()) {
         const auto authorities = ServerCertificate::load(settings.tlsCA);
         if (const QString* problem = std::get_if<QString>(&authorities))
             return *problem;
-        configuration.addCaCertificates(std::get<QList<QSslCertificate>>(authorities));
+        m_trust.authorities = std::get<QList<QSslCertificate>>(authorities);
     }
-    return configuration;
+    return m_trust.configure();
 }
 
 bool AgentRuntime::presentsPinnedCertificate() const
 {
-    return m_socket && !m_pinned.isNull() && m_socket->sslConfiguration().peerCertificate() == m_pinned;
+    return m_socket && m_trust.overrulesErrors(m_socket->sslConfiguration().peerCertificate());
 }
 
 void AgentRuntime::onSslErrors(const QList<QSslError>& errors)

@@ -13,6 +13,7 @@
 #include "execution/task_output_store.h"
 #include "protocol/messages.h"
 #include "protocol/server_features.h"
+#include "tls/tls_trust.h"
 
 #include <QJsonObject>
 #include <QObject>
@@ -189,8 +190,8 @@ private:
     bool m_connected = false;
     QUrl m_socketURL;
     std::optional<QString> m_pinnedFile;
-    QSslCertificate m_pinned;     // the server's own in the pinned file, read at the last connect
-    QString m_certificateRefusal; // why this connection's certificate was refused
+    TlsTrust::ServerTrust m_trust; // whom to trust, read from the files at the last connect
+    QString m_certificateRefusal;  // why this connection's certificate was refused
     QTimer m_reconnectTimer;
     QTimer m_connectTimeout;
     QTimer m_heartbeatTimer;

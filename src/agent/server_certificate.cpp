@@ -1,16 +1,16 @@
 #include "agent/server_certificate.h"
 
-#include <QFile>
+#include "tls/tls_trust.h"
 
 namespace brinmoor::ServerCertificate {
 
 std::variant<QList<QSslCertificate>, QString> load(const QString& path)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return QStringLiteral("cannot read ") + path + QStringLiteral(": ") + file.errorString();
-    const QList<QSslCertificate> certificates = QSslCertificate::fromData(file.readAll(), QSsl::Pem);
-    if (certificates.isEmpty() || certificates.first().isNull())
+    const auto text = TlsTrust::readFile(path);
+    if (const QString* reason = std::get_if<QString>(&text))
+        return QStringLiteral("cannot read ") + path + QStringLiteral(": ") + *reason;
+    const QList<QSslCertificate> certificates = TlsTrust::certificatesIn(std::get<QByteArray>(text));
+    if (certificates.isEmpty())
         return QStringLiteral("no PEM certificate in ") + path;
     return certificates;
 }

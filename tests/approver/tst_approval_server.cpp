@@ -382,6 +382,18 @@ private Q_SLOTS:
             QStringLiteral(
                 "{\"behavior\":\"deny\",\"message\":\"approval server refused the request (HTTP 404): unknown task: T1\"}"));
 
+        // A pin is the whole of the trust: the authority it is also told of does not
+        // make another server's certificate good, even one issued for this address.
+        Approver pinnedElsewhere(
+            {QStringLiteral("BRINMOOR_SERVER_URL=") + second.url(), QStringLiteral("BRINMOOR_TOKEN=") + second.token,
+             QStringLiteral("BRINMOOR_TASK_ID=T1"), QStringLiteral("BRINMOOR_TLS_CA=") + authority.rootCertificate(),
+             QStringLiteral("BRINMOOR_TLS_PINNED_CERT=") + named.certificate});
+        pinnedElsewhere.call(1, json("{\"tool_name\":\"Bash\"}"));
+        const QString notThePin = Approver::decision(pinnedElsewhere.next());
+        QVERIFY2(notThePin.startsWith(QLatin1String(
+                     "{\"behavior\":\"deny\",\"message\":\"approval server unreachable: SSL handshake failed")),
+                 qPrintable(notThePin));
+
         // Files it cannot use.
         Approver missing(base + QStringList{QStringLiteral("BRINMOOR_TLS_CA=/nonexistent/ca.pem")});
         missing.call(1, json("{\"tool_name\":\"Bash\"}"));
