@@ -52,22 +52,6 @@ constexpr qint64 kLargestStreamStart = 9007199254740991LL - (qint64(1) << 40);
 constexpr quint16 kPolicyViolationCloseCode = 1008;
 constexpr const char* kSeqRangeReason = "seqs must stay below 2^53";
 
-// What a client has seen, {"AGENT":SEQ,…}; none when the value is not such an object.
-std::optional<QList<QPair<QString, qint64>>> sinceList(const QJsonValue& value)
-{
-    if (!value.isObject())
-        return std::nullopt;
-    QList<QPair<QString, qint64>> since;
-    const QJsonObject object = value.toObject();
-    for (auto it = object.begin(); it != object.end(); ++it) {
-        const qint64 seq = wholeNumber(it.value());
-        if (it.key().isEmpty() || seq < 0)
-            return std::nullopt;
-        since.append({it.key(), seq});
-    }
-    return since;
-}
-
 // The raw JSON text of a streamed message's string member `key` ("\"sessionId\":\"" of a
 // terminal's output, "\"taskId\":\"" of a task's line; escapes kept), found without parsing
 // the message: it is the message's one member of that name, and a quote inside a string
@@ -525,7 +509,7 @@ void RelayServer::acceptClient(RelayConnection& connection, const HttpRequest& r
     const QByteArray sinceText = request.queryItem("since");
     if (!sinceText.isEmpty()) {
         const QJsonDocument document = QJsonDocument::fromJson(sinceText);
-        const auto parsed = document.isObject() ? sinceList(document.object()) : std::nullopt;
+        const auto parsed = document.isObject() ? ClientCommands::sinceList(document.object()) : std::nullopt;
         if (!parsed) {
             connection.respond(error(400, QStringLiteral("since must be a JSON object of agent ids and seqs")));
             return;
@@ -657,7 +641,7 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
         if (document.isObject() && document.object().value(QStringLiteral("type")).isString())
             parsed = document.object();
     }
-    const bool announces = parsed && parsed->value(QStringLiteral("type")).toString() == QLatin1String("agent.stream");
+    const bool announces = parsed && parsed->value(QStringLiteral("type")).toString() == MessageTypes::AgentStream;
     if (agent.learning && !announces && agent.prelude.size() >= kPreludeMessages) {
         // An agent says one message (its register) before its pong; one that says many
         // and never answers the ping does not number them either.
@@ -822,28 +806,28 @@ void RelayServer::observeAgentMessage(Agent& agent, AgentHistory& history, const
 {
     const QString type = message.value(QStringLiteral("type")).toString();
     const QString taskId = message.value(QStringLiteral("taskId")).toString();
-    if (type == QLatin1String("agent.register")) {
+    if (type == MessageTypes::AgentRegister) {
         QJsonObject registration = message;
         registration.remove(QStringLiteral("type"));
         registration.remove(QStringLiteral("agentId"));
         history.registration = registration;
         logEvent("agent.register", {{"agentId", agent.agentId}});
-    } else if (type == QLatin1String("task.heartbeat") || type == QLatin1String("task.started")) {
+    } else if (type == MessageTypes::TaskHeartbeat || type == MessageTypes::TaskStarted) {
         if (agent.currentTaskId.isEmpty())
             agent.currentTaskId = taskId;
         m_queue.agentReported(agent.agentId, taskId);
-    } else if (type == QLatin1String("task.finished") || type == QLatin1String("task.failed") ||
-               type == QLatin1String("task.cancelled")) {
+    } else if (type == MessageTypes::TaskFinished || type == MessageTypes::TaskFailed ||
+               type == MessageTypes::TaskCancelled) {
         endTask(agent, taskId);
-    } else if (type == QLatin1String("terminal.closed")) {
+    } else if (type == MessageTypes::TerminalClosed) {
         m_terminalFlow.removeSession(agent.agentId, message.value(QStringLiteral("sessionId")).toString());
-    } else if (type == QLatin1String("terminal.opened")) {
+    } else if (type == MessageTypes::TerminalOpened) {
         // A session that opens for a project replaces the project's old one.
         history.snapshot.observe(message);
         m_terminalFlow.keepSessions(agent.agentId,
                                     [&](const QString& sessionId) { return history.snapshot.hasTerminal(sessionId); });
         return;
-    } else if (type == QLatin1String("agent.state")) {
+    } else if (type == MessageTypes::AgentState) {
         // The agent restates what it runs: tasks the server thought running and the agent
         // does not know ended with the agent's earlier life.
         const QStringList before = history.snapshot.runningTaskIds();
@@ -894,125 +878,62 @@ void RelayServer::dropAgent(Agent& agent)
 
 void RelayServer::clientMessage(RelayConnection& client, QByteArrayView payload)
 {
-    const QJsonDocument document = QJsonDocument::fromJson(payload.toByteArray());
-    if (!document.isObject()) {
-        replyError(client, QStringLiteral("BAD_REQUEST"), QStringLiteral("messages must be JSON objects"),
-                   QJsonValue());
+    std::variant<ClientCommand, CommandRefusal> decoded = ClientCommands::decode(payload);
+    if (const CommandRefusal* refusal = std::get_if<CommandRefusal>(&decoded)) {
+        replyError(client, refusal->code, refusal->message, refusal->requestId);
         return;
     }
-    const QJsonObject message = document.object();
-    const QString type = message.value(QStringLiteral("type")).toString();
-    if (type.isEmpty()) {
-        replyError(client, QStringLiteral("BAD_REQUEST"), QStringLiteral("a message needs a string \"type\""),
-                   message.value(QStringLiteral("requestId")));
-        return;
-    }
-    if (type == QLatin1String("task.create"))
-        createTask(client, message);
-    else if (type == QLatin1String("client.resume"))
-        resumeClient(client, message);
-    else if (type == QLatin1String("terminal.ack"))
-        acknowledgeTerminal(client, message);
-    else if (type == QLatin1String("task.ack"))
-        acknowledgeTask(client, message);
-    else if (type == QLatin1String("task.output.read") || type == QLatin1String("tasks.list"))
-        readTaskOutput(client, type, message);
-    else if (MessageTypes::agentCommands().contains(type))
-        forwardToAgent(client, type, message);
-    else if (type == QLatin1String("permission.decision"))
-        decidePermission(client, message);
-    else
-        replyError(client, QStringLiteral("UNKNOWN_TYPE"), QStringLiteral("unknown message type: ") + type,
-                   message.value(QStringLiteral("requestId")));
+    std::visit([&](const auto& command) { run(client, command); }, std::get<ClientCommand>(decoded));
 }
 
-void RelayServer::forwardToAgent(RelayConnection& client, const QString& type, const QJsonObject& message)
+void RelayServer::run(RelayConnection& client, const ForwardToAgent& command)
 {
-    const QJsonValue requestId = message.value(QStringLiteral("requestId"));
-    const QString agentId = message.value(QStringLiteral("agentId")).toString();
-    const QJsonValue taskId = message.value(QStringLiteral("taskId"));
-    const QJsonValue payload = message.value(QStringLiteral("payload"));
-    QString problem;
-    if (agentId.isEmpty())
-        problem = type + QStringLiteral(" needs a string \"agentId\"");
-    else if (type.startsWith(QLatin1String("task.")) && !taskId.isString())
-        problem = type + QStringLiteral(" needs a string \"taskId\"");
-    else if (!payload.isUndefined() && !payload.isObject())
-        problem = type + QStringLiteral(" needs an object \"payload\"");
-    if (!problem.isEmpty()) {
-        replyError(client, QStringLiteral("BAD_REQUEST"), problem, requestId);
-        return;
-    }
+    const QString& agentId = command.agentId;
     // A waiting task is cancelled at the relay, whether its agent is connected or not.
-    if (type == QLatin1String("task.cancel") && m_queue.cancel(agentId, taskId.toString()))
+    if (command.type == MessageTypes::TaskCancel && m_queue.cancel(agentId, command.taskId.toString()))
         return;
-    const Agent* agent = connectedAgent(client, agentId, requestId);
+    const Agent* agent = connectedAgent(client, agentId, command.requestId);
     if (!agent)
         return;
-    const QByteArray command = RelayMessages::agentCommand(type, taskId, payload);
-    if (!agentTakes(client, *agent, command.size(), requestId))
+    const QByteArray text = RelayMessages::agentCommand(command.type, command.taskId, command.payload);
+    if (!agentTakes(client, *agent, text.size(), command.requestId))
         return;
-    agent->connection->sendText(command);
-    if (type == QLatin1String("task.approval")) {
-        historyOf(agentId).snapshot.approvalSent(taskId.toString());
-    } else if (type == QLatin1String("terminal.close")) {
+    agent->connection->sendText(text);
+    if (command.type == MessageTypes::TaskApproval) {
+        historyOf(agentId).snapshot.approvalSent(command.taskId.toString());
+    } else if (command.type == MessageTypes::TerminalClose) {
         // An interactive session ends without a word of the agent.
-        const QString sessionId = payload.toObject().value(QStringLiteral("sessionId")).toString();
+        const QString sessionId = command.payload.toObject().value(QStringLiteral("sessionId")).toString();
         historyOf(agentId).snapshot.terminalClosing(sessionId);
         m_terminalFlow.removeSession(agentId, sessionId);
     }
 }
 
-void RelayServer::resumeClient(RelayConnection& client, const QJsonObject& message)
+void RelayServer::run(RelayConnection& client, const ResumeFrom& command)
 {
-    const std::optional<QList<QPair<QString, qint64>>> since = sinceList(message.value(QStringLiteral("since")));
-    if (!since) {
-        replyError(client, QStringLiteral("BAD_REQUEST"),
-                   QStringLiteral("client.resume needs an object \"since\" of agent ids and seqs"),
-                   message.value(QStringLiteral("requestId")));
-        return;
-    }
-    for (const auto& [agentId, seq] : *since)
+    for (const auto& [agentId, seq] : command.since)
         resume(client, agentId, seq);
 }
 
-void RelayServer::acknowledgeTerminal(RelayConnection& client, const QJsonObject& message)
+void RelayServer::run(RelayConnection& client, const AcknowledgeTerminal& command)
 {
-    const QJsonValue requestId = message.value(QStringLiteral("requestId"));
-    const QString agentId = message.value(QStringLiteral("agentId")).toString();
-    const QJsonObject payload = message.value(QStringLiteral("payload")).toObject();
-    const QString sessionId = payload.value(QStringLiteral("sessionId")).toString();
-    const QJsonValue offsetValue = payload.value(QStringLiteral("offset"));
-    const qint64 offset = wholeNumber(offsetValue);
-    QString problem;
-    if (agentId.isEmpty())
-        problem = QStringLiteral("terminal.ack needs a string \"agentId\"");
-    else if (!message.value(QStringLiteral("payload")).isObject())
-        problem = QStringLiteral("terminal.ack needs an object \"payload\"");
-    else if (sessionId.isEmpty())
-        problem = QStringLiteral("terminal.ack needs a string \"sessionId\"");
-    else if (!offsetValue.isUndefined() && !offsetValue.isNull() && offset < 0)
-        problem = QStringLiteral("terminal.ack needs \"offset\" as a whole number");
-    if (!problem.isEmpty()) {
-        replyError(client, QStringLiteral("BAD_REQUEST"), problem, requestId);
-        return;
-    }
-    if (offset >= 0) {
+    const QString& agentId = command.agentId;
+    if (command.offset) {
         // Only sessions the agent has open are paced; an acknowledgement of any other (one
         // that closed a moment ago, or never was) changes nothing.
         const auto history = m_histories.find(agentId);
-        if (history == m_histories.end() || !history->second.snapshot.hasTerminal(sessionId))
+        if (history == m_histories.end() || !history->second.snapshot.hasTerminal(command.sessionId))
             return;
-        if (!m_terminalFlow.canPace(&client, agentId, sessionId)) {
+        if (!m_terminalFlow.canPace(&client, agentId, command.sessionId)) {
             replyError(
                 client, QStringLiteral("TOO_MANY_SESSIONS"),
                 QStringLiteral("a client paces at most %1 terminal sessions").arg(m_terminalFlow.maxSessionsPerClient()),
-                requestId);
+                command.requestId);
             return;
         }
     }
-    const std::optional<TerminalFlow::Window> window = m_terminalFlow.acknowledge(
-        &client, agentId, sessionId, offset < 0 ? std::nullopt : std::optional<qint64>(offset));
+    const std::optional<TerminalFlow::Window> window =
+        m_terminalFlow.acknowledge(&client, agentId, command.sessionId, command.offset);
     if (window)
         tellAgentWindow(*window);
     watchPace();
@@ -1193,28 +1114,15 @@ void RelayServer::trimToTotal()
     }
 }
 
-void RelayServer::decidePermission(RelayConnection& client, const QJsonObject& message)
+void RelayServer::run(RelayConnection& client, const DecidePermission& command)
 {
-    const QJsonValue requestId = message.value(QStringLiteral("requestId"));
-    const QString decision = message.value(QStringLiteral("decision")).toString();
-    if (!requestId.isString()) {
-        replyError(client, QStringLiteral("BAD_REQUEST"),
-                   QStringLiteral("permission.decision needs a string \"requestId\""), requestId);
-        return;
-    }
-    if (decision != QLatin1String("allow") && decision != QLatin1String("deny")) {
-        replyError(client, QStringLiteral("BAD_REQUEST"),
-                   QStringLiteral("permission.decision needs \"decision\" \"allow\" or \"deny\""), requestId);
-        return;
-    }
-    if (!m_permissions.contains(requestId.toString())) {
+    const QString requestId = command.requestId.toString();
+    if (!m_permissions.contains(requestId)) {
         replyError(client, QStringLiteral("UNKNOWN_REQUEST"),
-                   QStringLiteral("no pending permission request: ") + requestId.toString(), requestId);
+                   QStringLiteral("no pending permission request: ") + requestId, command.requestId);
         return;
     }
-    m_permissions.decide(requestId.toString(), decision == QLatin1String("allow"),
-                         message.value(QStringLiteral("message")).toString(),
-                         message.value(QStringLiteral("updatedInput")));
+    m_permissions.decide(requestId, command.allow, command.message, command.updatedInput);
 }
 
 void RelayServer::connectionClosed(RelayConnection& connection)

@@ -2,6 +2,7 @@
 
 #include "agent_snapshot.h"
 #include "auth_guard.h"
+#include "client_commands.h"
 #include "connections_by_address.h"
 #include "event_log.h"
 #include "origin_policy.h"
@@ -149,7 +150,15 @@ private:
     void endTask(Agent& agent, const QString& taskId);
     void dropAgent(Agent& agent);
     void clientMessage(RelayConnection& client, QByteArrayView payload);
-    void createTask(RelayConnection& client, const QJsonObject& message);
+    // The client commands, each once it is decoded and its shape checked.
+    void run(RelayConnection& client, const CreateTask& command);
+    void run(RelayConnection& client, const ForwardToAgent& command);
+    void run(RelayConnection& client, const ResumeFrom& command);
+    void run(RelayConnection& client, const AcknowledgeTerminal& command);
+    void run(RelayConnection& client, const DecidePermission& command);
+    // Tasks' kept output (relay_task_output.cpp).
+    void run(RelayConnection& client, const AcknowledgeTask& command);
+    void run(RelayConnection& client, const ReadTaskOutput& command);
     // Whether the agent runs a task, as far as the relay knows.
     bool agentRuns(const Agent& agent) const;
     void assignTask(Agent& agent, const WaitingTask& task);
@@ -162,19 +171,12 @@ private:
     void endWaitingTask(const QString& agentId, const WaitingTask& task, const QString& end);
     // The snapshot of "server.hello" and "resume.gap": the agent's present and its queue.
     QJsonObject presentOf(const QString& agentId, const AgentSnapshot& snapshot) const;
-    void forwardToAgent(RelayConnection& client, const QString& type, const QJsonObject& message);
-    void decidePermission(RelayConnection& client, const QJsonObject& message);
-    void resumeClient(RelayConnection& client, const QJsonObject& message);
-    void acknowledgeTerminal(RelayConnection& client, const QJsonObject& message);
     // Tells the agent a session's window; while the agent has much waiting for it, only
     // the latest window of each session is kept, and told once it has read the rest.
     void tellAgentWindow(const TerminalFlow::Window& window);
-    // Tasks' kept output (relay_task_output.cpp).
-    void acknowledgeTask(RelayConnection& client, const QJsonObject& message);
     void tellAgentTaskWindow(const TerminalFlow::Window& window);
     // A task went to the agent: who paces it from its first line.
     void startTaskPace(const QString& agentId, const QString& taskId);
-    void readTaskOutput(RelayConnection& client, const QString& type, const QJsonObject& message);
     // Whether the agent's message answers a read; if so it went to the client that asked.
     bool answerTaskRead(const QString& agentId, const QJsonObject& message);
     void tellPendingWindows(RelayConnection& agentConnection);
