@@ -122,7 +122,9 @@ const QHash<QString, Shape>& shapes()
             {Types::TaskCreate, {{agentId, payload}, makeCreateTask}},
             {Types::ClientResume, {{{QLatin1String("since"), Kind::Since}}, makeResumeFrom}},
             {Types::TerminalAck,
-             {{agentId, payload, {QLatin1String("sessionId"), Kind::Id, Presence::Required, true},
+             {{agentId,
+               payload,
+               {QLatin1String("sessionId"), Kind::Id, Presence::Required, true},
                {QLatin1String("offset"), Kind::Count, Presence::Nullable, true}},
               makeAcknowledgeTerminal}},
             {Types::TaskAck,
@@ -156,21 +158,14 @@ const QHash<QString, Shape>& shapes()
 bool holds(const QJsonValue& value, Kind kind)
 {
     switch (kind) {
-    case Kind::Id:
-        return !value.toString().isEmpty();
+    case Kind::Id: return !value.toString().isEmpty();
     case Kind::String:
-    case Kind::Text:
-        return value.isString();
-    case Kind::Object:
-        return value.isObject();
-    case Kind::Count:
-        return wholeNumber(value) >= 0;
-    case Kind::Position:
-        return wholeNumber(value) >= 1;
-    case Kind::Since:
-        return sinceList(value).has_value();
-    case Kind::Decision:
-        return value.toString() == QLatin1String("allow") || value.toString() == QLatin1String("deny");
+    case Kind::Text: return value.isString();
+    case Kind::Object: return value.isObject();
+    case Kind::Count: return wholeNumber(value) >= 0;
+    case Kind::Position: return wholeNumber(value) >= 1;
+    case Kind::Since: return sinceList(value).has_value();
+    case Kind::Decision: return value.toString() == QLatin1String("allow") || value.toString() == QLatin1String("deny");
     }
     return false;
 }
@@ -180,20 +175,13 @@ QString problem(const QString& type, const Field& field)
     const QString name = field.name;
     switch (field.kind) {
     case Kind::Id:
-    case Kind::String:
-        return QStringLiteral("%1 needs a string \"%2\"").arg(type, name);
-    case Kind::Object:
-        return QStringLiteral("%1 needs an object \"%2\"").arg(type, name);
-    case Kind::Count:
-        return QStringLiteral("%1 needs \"%2\" as a whole number").arg(type, name);
-    case Kind::Position:
-        return QStringLiteral("%1 needs \"%2\" as a whole number from 1").arg(type, name);
-    case Kind::Text:
-        return QStringLiteral("%1 needs \"%2\" as a string").arg(type, name);
-    case Kind::Since:
-        return QStringLiteral("%1 needs an object \"%2\" of agent ids and seqs").arg(type, name);
-    case Kind::Decision:
-        return QStringLiteral("%1 needs \"%2\" \"allow\" or \"deny\"").arg(type, name);
+    case Kind::String: return QStringLiteral("%1 needs a string \"%2\"").arg(type, name);
+    case Kind::Object: return QStringLiteral("%1 needs an object \"%2\"").arg(type, name);
+    case Kind::Count: return QStringLiteral("%1 needs \"%2\" as a whole number").arg(type, name);
+    case Kind::Position: return QStringLiteral("%1 needs \"%2\" as a whole number from 1").arg(type, name);
+    case Kind::Text: return QStringLiteral("%1 needs \"%2\" as a string").arg(type, name);
+    case Kind::Since: return QStringLiteral("%1 needs an object \"%2\" of agent ids and seqs").arg(type, name);
+    case Kind::Decision: return QStringLiteral("%1 needs \"%2\" \"allow\" or \"deny\"").arg(type, name);
     }
     return {};
 }

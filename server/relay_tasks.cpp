@@ -76,12 +76,11 @@ bool RelayServer::refusedAsBusy(Agent& agent, const QJsonObject& message)
 void RelayServer::endWaitingTask(const QString& agentId, const WaitingTask& task, const QString& end)
 {
     m_taskAgents.remove(task.taskId);
-    const auto history = m_histories.find(agentId);
-    if (history == m_histories.end())
+    AgentHistory* history = m_replay.find(agentId);
+    if (!history)
         return;
-    history->second.snapshot.taskCreated(task.taskId, task.payload);
-    history->second.snapshot.observe(
-        QJsonObject{{QStringLiteral("type"), end}, {QStringLiteral("taskId"), task.taskId}});
+    history->snapshot.taskCreated(task.taskId, task.payload);
+    history->snapshot.observe(QJsonObject{{QStringLiteral("type"), end}, {QStringLiteral("taskId"), task.taskId}});
 }
 
 QJsonObject RelayServer::presentOf(const QString& agentId, const AgentSnapshot& snapshot) const
