@@ -1,5 +1,8 @@
 #include "event_log.h"
 
+#include "event_log_ring.h"
+
+#include <algorithm>
 #include <cstring>
 
 namespace brinmoor::relay {
@@ -10,9 +13,19 @@ namespace {
 constexpr qsizetype kCompactAfter = 1024;
 constexpr qsizetype kSmallestRing = 64;
 
+using Entry = EventLogEntry;
+
+// An entry, and the ring's room for one more, fit in what a message is counted besides its frame.
+static_assert(sizeof(Entry) * 2 <= EventLog::kEntryOverhead);
+
+qint64 cost(const Entry& entry)
+{
+    return EventLog::kEntryOverhead + std::max(entry.size, 0);
+}
+
 } // namespace
 
-void EventLog::Entries::push_back(Entry&& entry)
+void EventLogRing::push_back(Entry&& entry)
 {
     if (m_count == m_capacity)
         resize(std::max(kSmallestRing, m_capacity * 2));
@@ -20,7 +33,7 @@ void EventLog::Entries::push_back(Entry&& entry)
     ++m_count;
 }
 
-void EventLog::Entries::pop_front()
+void EventLogRing::pop_front()
 {
     front() = Entry();
     m_head = (m_head + 1) & (m_capacity - 1);
@@ -29,7 +42,7 @@ void EventLog::Entries::pop_front()
         resize(m_capacity / 2);
 }
 
-void EventLog::Entries::resize(qsizetype capacity)
+void EventLogRing::resize(qsizetype capacity)
 {
     auto slots = std::make_unique<Entry[]>(size_t(capacity));
     for (qsizetype i = 0; i < m_count; ++i)
@@ -39,7 +52,7 @@ void EventLog::Entries::resize(qsizetype capacity)
     m_head = 0;
 }
 
-qsizetype EventLog::Entries::firstAbove(qint64 seq) const
+qsizetype EventLogRing::firstAbove(qint64 seq) const
 {
     qsizetype low = 0;
     qsizetype high = m_count;
@@ -53,7 +66,7 @@ qsizetype EventLog::Entries::firstAbove(qint64 seq) const
     return low;
 }
 
-void EventLog::Entries::dropRemoved()
+void EventLogRing::dropRemoved()
 {
     qsizetype kept = 0;
     for (qsizetype i = 0; i < m_count; ++i) {
@@ -65,7 +78,16 @@ void EventLog::Entries::dropRemoved()
     m_count = kept;
 }
 
-EventLog::EventLog(EventLogLimits limits) : m_limits(limits) {}
+EventLog::EventLog(EventLogLimits limits) : m_limits(limits), m_entries(std::make_unique<EventLogRing>()) {}
+
+EventLog::EventLog(EventLog&& other) noexcept = default;
+EventLog& EventLog::operator=(EventLog&& other) noexcept = default;
+EventLog::~EventLog() = default;
+
+qsizetype EventLog::size() const
+{
+    return m_entries->size() - m_removed;
+}
 
 void EventLog::append(qint64 nowMs, qint64 seq, const QByteArray& frame, QByteArrayView terminalSession)
 {
@@ -92,9 +114,9 @@ void EventLog::append(qint64 nowMs, qint64 seq, const QByteArray& frame, QByteAr
     }
     m_bytes += cost(entry);
     m_head = seq;
-    if (m_entries.empty())
+    if (m_entries->empty())
         m_oldestTime = nowMs;
-    m_entries.push_back(std::move(entry));
+    m_entries->push_back(std::move(entry));
     if (outputs) {
         outputs->push_back(seq);
         if (qsizetype(outputs->size()) > kTerminalOutputKept) {
@@ -103,7 +125,7 @@ void EventLog::append(qint64 nowMs, qint64 seq, const QByteArray& frame, QByteAr
             remove(oldest);
         }
     }
-    while (!m_entries.empty() && m_bytes > m_limits.maxBytes)
+    while (!m_entries->empty() && m_bytes > m_limits.maxBytes)
         popFront();
     trimByAge(nowMs);
 }
@@ -137,7 +159,7 @@ void EventLog::releaseBlocksBefore(qint64 position)
 void EventLog::trimByAge(qint64 nowMs)
 {
     const qint64 oldestKept = nowMs - m_limits.maxAgeMs;
-    while (!m_entries.empty() && m_oldestTime < oldestKept)
+    while (!m_entries->empty() && m_oldestTime < oldestKept)
         popFront();
 }
 
@@ -148,7 +170,7 @@ void EventLog::markLostThrough(qint64 seq)
 
 void EventLog::popFront()
 {
-    Entry& entry = m_entries.front();
+    Entry& entry = m_entries->front();
     // A terminal output at the front is its session's oldest.
     if (entry.session >= 0) {
         std::deque<qint64>& outputs = m_sessions[size_t(entry.session)];
@@ -161,13 +183,13 @@ void EventLog::popFront()
         releaseBlocksBefore(entry.start + entry.size);
     }
     m_bytes -= cost(entry);
-    m_entries.pop_front();
-    while (!m_entries.empty() && m_entries.front().size < 0) {
-        m_bytes -= cost(m_entries.front());
+    m_entries->pop_front();
+    while (!m_entries->empty() && m_entries->front().size < 0) {
+        m_bytes -= cost(m_entries->front());
         --m_removed;
-        m_entries.pop_front();
+        m_entries->pop_front();
     }
-    if (m_entries.empty()) {
+    if (m_entries->empty()) {
         // Nothing left: the blocks go too, and the next message starts a new one.
         m_blocks.clear();
         m_spare.reset();
@@ -175,28 +197,28 @@ void EventLog::popFront()
         m_blocksStart = m_blocksEnd;
         return;
     }
-    m_oldestTime = m_entries.front().time;
+    m_oldestTime = m_entries->front().time;
 }
 
 void EventLog::remove(qint64 seq)
 {
-    const qsizetype index = m_entries.firstAbove(seq - 1);
-    if (index == m_entries.size() || m_entries.at(index).seq != seq || m_entries.at(index).size < 0)
+    const qsizetype index = m_entries->firstAbove(seq - 1);
+    if (index == m_entries->size() || m_entries->at(index).seq != seq || m_entries->at(index).size < 0)
         return;
     if (index == 0) {
         popFront();
         return;
     }
     // A removed output is no loss: its session's newer output is kept.
-    Entry& entry = m_entries.at(index);
+    Entry& entry = m_entries->at(index);
     m_bytes -= cost(entry);
     entry.aside = QByteArray();
     entry.size = -1;
     m_bytes += cost(entry);
     ++m_removed;
-    if (m_removed > kCompactAfter && m_removed * 2 > m_entries.size()) {
+    if (m_removed > kCompactAfter && m_removed * 2 > m_entries->size()) {
         m_bytes -= m_removed * kEntryOverhead;
-        m_entries.dropRemoved();
+        m_entries->dropRemoved();
         m_removed = 0;
     }
 }
@@ -209,7 +231,7 @@ qint64 EventLog::memory() const
 
 bool EventLog::dropOldest()
 {
-    if (m_entries.empty())
+    if (m_entries->empty())
         return false;
     popFront();
     return true;
@@ -217,12 +239,12 @@ bool EventLog::dropOldest()
 
 QByteArray EventLog::next(qint64 after, qint64* seq) const
 {
-    qsizetype index = m_entries.firstAbove(after);
-    while (index < m_entries.size() && m_entries.at(index).size < 0)
+    qsizetype index = m_entries->firstAbove(after);
+    while (index < m_entries->size() && m_entries->at(index).size < 0)
         ++index;
-    if (index == m_entries.size())
+    if (index == m_entries->size())
         return QByteArray();
-    const Entry& entry = m_entries.at(index);
+    const Entry& entry = m_entries->at(index);
     *seq = entry.seq;
     if (entry.start < 0)
         return entry.aside;

@@ -4,12 +4,13 @@
 #include <QByteArrayView>
 #include <QHash>
 
-#include <algorithm>
 #include <deque>
 #include <memory>
 #include <vector>
 
 namespace brinmoor::relay {
+
+class EventLogRing;
 
 // How much of an agent's recent traffic the relay keeps for clients that come back.
 struct EventLogLimits {
@@ -37,6 +38,9 @@ public:
     static constexpr qsizetype kBlockSize = 256 * 1024;
 
     explicit EventLog(EventLogLimits limits);
+    EventLog(EventLog&& other) noexcept;
+    EventLog& operator=(EventLog&& other) noexcept;
+    ~EventLog();
 
     // Appends a message at time `nowMs` (of the caller's clock); seq must be above every
     // one appended before. `terminalSession` names the session of a "terminal.output"
@@ -58,7 +62,7 @@ public:
     // to kBlockSize more).
     qint64 bytes() const { return m_bytes; }
     // Kept messages.
-    qsizetype size() const { return qsizetype(m_entries.size()) - m_removed; }
+    qsizetype size() const;
     // The memory the log holds: its messages as bytes() counts them, and the room left in
     // its blocks and its spare block.
     qint64 memory() const;
@@ -66,55 +70,18 @@ public:
     bool dropOldest();
 
 private:
-    struct Entry {
-        qint64 seq = 0;
-        qint64 time = 0;
-        qint64 start = -1;   // where its frame starts in the blocks; -1 when kept aside
-        qint32 size = 0;     // of its frame; -1 once it is removed
-        qint32 session = -1; // of a terminal output, an index into m_sessions
-        QByteArray aside;    // the frame of a terminal output or of one too big for a block
-    };
-
-    // The entries, oldest first, in a ring that doubles when full and halves when mostly
-    // empty: letting the front go allocates and frees nothing.
-    class Entries {
-    public:
-        bool empty() const { return m_count == 0; }
-        qsizetype size() const { return m_count; }
-        Entry& at(qsizetype i) { return m_slots[size_t((m_head + i) & (m_capacity - 1))]; }
-        const Entry& at(qsizetype i) const { return m_slots[size_t((m_head + i) & (m_capacity - 1))]; }
-        Entry& front() { return at(0); }
-        Entry& back() { return at(m_count - 1); }
-        void push_back(Entry&& entry);
-        void pop_front();
-        // The index of the first entry whose seq is above `seq` (or `size()`).
-        qsizetype firstAbove(qint64 seq) const;
-        // Keeps only the entries not removed.
-        void dropRemoved();
-
-    private:
-        void resize(qsizetype capacity);
-
-        std::unique_ptr<Entry[]> m_slots;
-        qsizetype m_capacity = 0; // a power of two
-        qsizetype m_head = 0;
-        qsizetype m_count = 0;
-    };
-
-    static_assert(sizeof(Entry) * 2 <= kEntryOverhead);
-
     void popFront();
     // Lets go of a terminal output in the middle of the log.
     void remove(qint64 seq);
     void compact();
-    static qint64 cost(const Entry& entry) { return kEntryOverhead + std::max(entry.size, 0); }
     // Copies a frame into the blocks; where it starts.
     qint64 store(const QByteArray& frame);
     // Lets the blocks go that end before `position`.
     void releaseBlocksBefore(qint64 position);
 
     EventLogLimits m_limits;
-    Entries m_entries;
+    // The entries, oldest first (event_log_ring.h).
+    std::unique_ptr<EventLogRing> m_entries;
     // The terminal sessions, by the raw JSON text of their id, and the seqs of each one's
     // kept output, oldest first.
     QHash<QByteArray, qint32> m_sessionIds;

@@ -4,7 +4,6 @@
 #include "trusted_proxies.h"
 
 #include <QHostAddress>
-#include <QRegularExpression>
 #include <QSslSocket>
 
 namespace brinmoor::relay {
@@ -16,9 +15,6 @@ namespace {
 // is a copy of each peer's own, so it is kept small: the kernel's buffer keeps a fast
 // peer busy between two turns of the event loop.
 constexpr qint64 kSocketWindow = 16 * 1024;
-// What an entry of the queue costs besides its bytes: it is counted in the backlog, so
-// that a peer sent many small frames is bounded by what it really holds.
-constexpr qsizetype kPendingCost = 64;
 // A response's body is handed to the socket in pieces of this size, each a view of the
 // body: a slow reader of a file holds no copy of it (over TLS, one encrypted piece).
 constexpr qsizetype kResponsePiece = 16 * 1024;
@@ -26,11 +22,6 @@ constexpr int kClosingGraceMs = 5'000;
 // A peer that keeps sending after its answer (a refused 16 MiB body) is not read for
 // long: past this much the socket is let go.
 constexpr qint64 kMaxDiscardedWhileClosing = 256 * 1024;
-// Every TLS connection starts with a handshake record; a plain request starts with a
-// letter.
-constexpr char kTlsHandshakeRecord = 0x16;
-// Browsers that reached the relay over TLS keep to TLS for it for a year.
-constexpr QByteArrayView kTransportSecurity = "Strict-Transport-Security: max-age=31536000\r\n";
 
 } // namespace
 
@@ -101,11 +92,6 @@ QHostAddress RelayConnection::localAddress() const
     return m_socket->localAddress();
 }
 
-bool RelayConnection::isEncrypted() const
-{
-    return m_tls && m_tls->isEncrypted();
-}
-
 qint64 RelayConnection::unsentBytes() const
 {
     return m_socket->bytesToWrite() + (m_tls ? m_tls->encryptedBytesToWrite() : 0);
@@ -113,53 +99,12 @@ qint64 RelayConnection::unsentBytes() const
 
 qsizetype RelayConnection::backlog() const
 {
-    return m_queued + unsentBytes();
+    return m_queue.bytes() + unsentBytes();
 }
 
 bool RelayConnection::writesAtOnce() const
 {
     return m_state == State::Open && m_queue.empty() && unsentBytes() < kSocketWindow;
-}
-
-void RelayConnection::startTls()
-{
-    char first = 0;
-    if (m_tls->peek(&first, 1) != 1)
-        return;
-    if (first == kTlsHandshakeRecord) {
-        m_tls->startServerEncryption();
-        return;
-    }
-    // A plain request on the TLS port is read as one, and answered in plain text (see
-    // answerPlainRequest).
-    logEvent("tls.failed", {{"address", m_address}, {"reason", QStringLiteral("not a TLS handshake")}});
-    m_plainOnTlsPort = true;
-}
-
-void RelayConnection::answerPlainRequest(const HttpRequest& request)
-{
-    // An old http:// link opened in a browser goes on at the same place over https; what
-    // is not a page (a WebSocket, a body, a request without a usable Host) is told why.
-    static const QRegularExpression host(QStringLiteral("^([A-Za-z0-9.-]+|\\[[0-9A-Fa-f:.]+\\])(:[0-9]{1,5})?$"));
-    const QByteArray body = "{\"error\":\"this port speaks TLS: use https:// or wss://\"}";
-    const bool page = (request.method == "GET" || request.method == "HEAD") && !request.hasHeader("upgrade") &&
-                      !request.hasHeader("content-length") &&
-                      host.match(QString::fromLatin1(request.header("host"))).hasMatch();
-    if (!page) {
-        respond(jsonResponse(400, body));
-        return;
-    }
-    QByteArray location = "https://" + request.header("host") + request.path;
-    if (!request.query.isEmpty())
-        location += '?' + request.query;
-    respond(jsonResponse(308, body, QByteArray("Location: " + location + "\r\n")));
-}
-
-QByteArray RelayConnection::withTransportSecurity(QByteArray head) const
-{
-    if (isEncrypted())
-        head.insert(head.indexOf("\r\n") + 2, kTransportSecurity.data(), kTransportSecurity.size());
-    return head;
 }
 
 void RelayConnection::onReadyRead()
@@ -359,8 +304,7 @@ void RelayConnection::sendFrame(const QByteArray& frame)
         m_socket->write(frame);
         return;
     }
-    m_queue.push_back(Pending{frame});
-    m_queued += frame.size() + kPendingCost;
+    m_queue.push(frame);
     dropWhenTooSlow();
 }
 
@@ -372,26 +316,13 @@ void RelayConnection::sendShared(SharedFrames& frames, const QByteArray& frame, 
         m_socket->write(frame);
         return;
     }
-    if (number < 0)
-        number = frames.append(frame);
-    m_shared = &frames;
-    if (!m_queue.empty() && m_queue.back().end == number) {
-        ++m_queue.back().end;
-        m_queued += frame.size();
-    } else {
-        m_queue.push_back(Pending{{}, number, number + 1});
-        m_queued += frame.size() + kPendingCost;
-    }
+    m_queue.pushShared(frames, frame, number);
     dropWhenTooSlow();
 }
 
 std::optional<qint64> RelayConnection::oldestShared() const
 {
-    for (const Pending& pending : m_queue) {
-        if (pending.first >= 0)
-            return pending.first;
-    }
-    return std::nullopt;
+    return m_queue.oldestShared();
 }
 
 void RelayConnection::dropWhenTooSlow()
@@ -399,7 +330,6 @@ void RelayConnection::dropWhenTooSlow()
     if (backlog() <= m_limits.maxBacklog)
         return;
     m_queue.clear();
-    m_queued = 0;
     close(ws::PolicyViolation,
           QByteArray("too slow: more than " + QByteArray::number(m_limits.maxBacklog) + " bytes waiting to be sent"));
 }
@@ -411,22 +341,8 @@ void RelayConnection::onBytesWritten()
 
 void RelayConnection::drainQueue()
 {
-    while (!m_queue.empty() && unsentBytes() < kSocketWindow) {
-        Pending& next = m_queue.front();
-        if (next.first < 0) {
-            m_queued -= next.frame.size() + kPendingCost;
-            m_socket->write(next.frame);
-            m_queue.pop_front();
-            continue;
-        }
-        const QByteArray& frame = m_shared->at(next.first++);
-        m_queued -= frame.size();
-        m_socket->write(frame);
-        if (next.first == next.end) {
-            m_queued -= kPendingCost;
-            m_queue.pop_front();
-        }
-    }
+    while (!m_queue.empty() && unsentBytes() < kSocketWindow)
+        m_queue.writeNext(*m_socket);
     if (m_endAfterQueue && m_queue.empty() && m_state == State::Closing) {
         m_endAfterQueue = false;
         m_socket->disconnectFromHost();
@@ -448,7 +364,6 @@ void RelayConnection::close(quint16 code, QByteArrayView reason)
         return;
     m_state = State::Closing;
     m_queue.clear();
-    m_queued = 0;
     m_closeReason = reason.toByteArray();
     m_socket->write(ws::closeFrame(code, reason));
     notifyClosed();
@@ -475,8 +390,7 @@ void RelayConnection::respond(const QByteArray& head, const QByteArray& body)
     m_body = body;
     for (qsizetype at = 0; at < body.size(); at += kResponsePiece) {
         const qsizetype size = std::min(kResponsePiece, body.size() - at);
-        m_queue.push_back(Pending{QByteArray::fromRawData(m_body.constData() + at, size)});
-        m_queued += size + kPendingCost;
+        m_queue.push(QByteArray::fromRawData(m_body.constData() + at, size));
     }
     notifyClosed();
     m_endAfterQueue = true;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "http_request.h"
+#include "outgoing_queue.h"
 #include "shared_frames.h"
 #include "websocket_frames.h"
 
@@ -10,7 +11,6 @@
 #include <QString>
 #include <QTimer>
 
-#include <deque>
 #include <optional>
 
 class QSslSocket;
@@ -174,19 +174,10 @@ private:
     qsizetype m_bodySize = 0; // announced by Content-Length
     qint64 m_discarded = 0;   // read and dropped while closing
     ws::FrameReader m_reader;
-    // What waits to be handed to the socket: a frame of the peer's own, or a run of
-    // shared frames [first, end).
-    struct Pending {
-        QByteArray frame;
-        qint64 first = -1;
-        qint64 end = -1;
-    };
-    std::deque<Pending> m_queue;
-    qsizetype m_queued = 0;           // their bytes and the cost of each entry
-    SharedFrames* m_shared = nullptr; // where the runs are
-    bool m_endAfterQueue = false;     // a response: the socket goes once the queue is sent
-    QByteArray m_body;                // the response's body, which the queue holds views of
-    QTimer m_deadline;                // the request head, and later the closing handshake, must not take forever
+    OutgoingQueue m_queue;        // what waits to be handed to the socket
+    bool m_endAfterQueue = false; // a response: the socket goes once the queue is sent
+    QByteArray m_body;            // the response's body, which the queue holds views of
+    QTimer m_deadline;            // the request head, and later the closing handshake, must not take forever
     bool m_notified = false;
     bool m_notifyDrained = false;
     QByteArray m_closeReason;

@@ -1,6 +1,8 @@
 #include "relay_messages.h"
 
+#include "http_request.h"
 #include "protocol/server_features.h"
+
 #include <QJsonArray>
 #include <QJsonDocument>
 
@@ -241,6 +243,11 @@ QByteArray deny(const QString& text)
 QByteArray httpError(const QString& text)
 {
     return json(QJsonObject{{QStringLiteral("error"), text}});
+}
+
+QByteArray httpErrorResponse(int status, const QString& text, QByteArrayView extraHeaders)
+{
+    return jsonResponse(status, httpError(text), extraHeaders);
 }
 
 } // namespace brinmoor::relay::RelayMessages

@@ -75,6 +75,8 @@ QByteArray permissionResolved(const QString& requestId, const QString& decision,
 QByteArray allow(const QJsonValue& updatedInput);
 QByteArray deny(const QString& message);
 QByteArray httpError(const QString& text);
+// A whole HTTP response carrying httpError(text).
+QByteArray httpErrorResponse(int status, const QString& text, QByteArrayView extraHeaders = {});
 
 } // namespace RelayMessages
 

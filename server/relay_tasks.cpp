@@ -1,3 +1,4 @@
+#include "protocol/message_types.h"
 #include "relay_log.h"
 #include "relay_server.h"
 
@@ -8,25 +9,14 @@
 // agent is free and keeps it waiting (TaskQueue) while the agent runs another.
 namespace brinmoor::relay {
 
-void RelayServer::createTask(RelayConnection& client, const QJsonObject& message)
+void RelayServer::run(RelayConnection& client, const CreateTask& command)
 {
-    const QJsonValue requestId = message.value(QStringLiteral("requestId"));
-    const QString agentId = message.value(QStringLiteral("agentId")).toString();
-    const QJsonValue payload = message.value(QStringLiteral("payload"));
-    if (agentId.isEmpty()) {
-        replyError(client, QStringLiteral("BAD_REQUEST"), QStringLiteral("task.create needs a string \"agentId\""),
-                   requestId);
-        return;
-    }
-    if (!payload.isObject()) {
-        replyError(client, QStringLiteral("BAD_REQUEST"), QStringLiteral("task.create needs an object \"payload\""),
-                   requestId);
-        return;
-    }
+    const QJsonValue& requestId = command.requestId;
+    const QString& agentId = command.agentId;
     Agent* agent = connectedAgent(client, agentId, requestId);
     if (!agent)
         return;
-    const WaitingTask task{QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper(), payload.toObject()};
+    const WaitingTask task{QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper(), command.payload};
     // A task for an agent that runs one waits its turn at the relay.
     const bool waits = agentRuns(*agent) || m_queue.holdsBack(agentId);
     if (waits && m_queue.isFull(agentId)) {
@@ -73,7 +63,7 @@ void RelayServer::startWaitingTaskSoon(const QString& agentId)
 bool RelayServer::refusedAsBusy(Agent& agent, const QJsonObject& message)
 {
     const QString taskId = message.value(QStringLiteral("taskId")).toString();
-    if (message.value(QStringLiteral("type")).toString() != QLatin1String("task.failed") ||
+    if (message.value(QStringLiteral("type")).toString() != MessageTypes::TaskFailed ||
         message.value(QStringLiteral("errorCode")).toString() != QLatin1String("AGENT_BUSY") ||
         !m_queue.refused(agent.agentId, taskId))
         return false;
@@ -86,12 +76,11 @@ bool RelayServer::refusedAsBusy(Agent& agent, const QJsonObject& message)
 void RelayServer::endWaitingTask(const QString& agentId, const WaitingTask& task, const QString& end)
 {
     m_taskAgents.remove(task.taskId);
-    const auto history = m_histories.find(agentId);
-    if (history == m_histories.end())
+    AgentHistory* history = m_replay.find(agentId);
+    if (!history)
         return;
-    history->second.snapshot.taskCreated(task.taskId, task.payload);
-    history->second.snapshot.observe(
-        QJsonObject{{QStringLiteral("type"), end}, {QStringLiteral("taskId"), task.taskId}});
+    history->snapshot.taskCreated(task.taskId, task.payload);
+    history->snapshot.observe(QJsonObject{{QStringLiteral("type"), end}, {QStringLiteral("taskId"), task.taskId}});
 }
 
 QJsonObject RelayServer::presentOf(const QString& agentId, const AgentSnapshot& snapshot) const

@@ -5,25 +5,20 @@ namespace brinmoor::MessageTypes {
 const QStringList& terminalCommands()
 {
     static const QStringList types{
-        QStringLiteral("terminal.open"),     QStringLiteral("terminal.attach"), QStringLiteral("terminal.input"),
-        QStringLiteral("terminal.complete"), QStringLiteral("terminal.resize"), QStringLiteral("terminal.signal"),
-        QStringLiteral("terminal.close"),
+        TerminalOpen, TerminalAttach, TerminalInput, TerminalComplete, TerminalResize, TerminalSignal, TerminalClose,
     };
     return types;
 }
 
 const QStringList& taskOutputCommands()
 {
-    static const QStringList types{QStringLiteral("task.ack"), QStringLiteral("task.output.read"),
-                                   QStringLiteral("tasks.list")};
+    static const QStringList types{TaskAck, TaskOutputRead, TasksList};
     return types;
 }
 
 const QStringList& agentCommands()
 {
-    static const QStringList types =
-        QStringList{QStringLiteral("task.cancel"), QStringLiteral("task.approval"), QStringLiteral("projects.list")} +
-        terminalCommands();
+    static const QStringList types = QStringList{TaskCancel, TaskApproval, ProjectsList} + terminalCommands();
     return types;
 }
 
