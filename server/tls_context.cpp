@@ -2,6 +2,8 @@
 
 #include "relay_log.h"
 
+#include "base/platform.h"
+
 #include <QFile>
 #include <QSslCertificate>
 #include <QSslKey>
@@ -50,7 +52,7 @@ QSslKey privateKey(const QByteArray& pem)
 bool opensslTakesThePair(const QSslConfiguration& configuration)
 {
     int ends[2];
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
+    if (!Platform::makeSocketPair(AF_UNIX, SOCK_STREAM, 0, ends))
         return false;
     bool failed = false;
     {

@@ -1,6 +1,7 @@
 #include "execution/child_process.h"
 
 #include "base/outgoing_flow.h"
+#include "base/platform.h"
 #include "base/process_group.h"
 #include "base/secret_environment.h"
 #include "execution/execution_resolution.h"
@@ -32,7 +33,7 @@ constexpr qsizetype kDrainLimit = 16 * 1024 * 1024;
 
 bool makePipe(int fds[2], int size)
 {
-    if (::pipe2(fds, O_CLOEXEC) != 0)
+    if (!Platform::makePipe(fds))
         return false;
 #ifdef F_SETPIPE_SZ
     ::fcntl(fds[0], F_SETPIPE_SZ, size);

@@ -1,5 +1,6 @@
 #include "server_host/local_server_runtime.h"
 
+#include "base/platform.h"
 #include "base/process_group.h"
 #include "config/runtime_defaults.h"
 #include "protocol/shared_token.h"
@@ -26,7 +27,7 @@ bool isExecutableFile(const QString& path)
 
 bool canBind(int port)
 {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int fd = Platform::makeSocket(AF_INET, SOCK_STREAM, 0);
     if (fd < 0)
         return false;
     const int yes = 1;

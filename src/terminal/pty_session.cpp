@@ -1,6 +1,7 @@
 #include "terminal/pty_session.h"
 
 #include "base/outgoing_flow.h"
+#include "base/platform.h"
 #include "base/process_group.h"
 
 #include <QFile>
@@ -11,7 +12,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <pty.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
@@ -28,11 +28,6 @@ constexpr qsizetype kReadSize = 64 * 1024;
 QString errnoText(int error)
 {
     return QString::fromLocal8Bit(std::strerror(error));
-}
-
-void setCloseOnExec(int fd)
-{
-    ::fcntl(fd, F_SETFD, ::fcntl(fd, F_GETFD) | FD_CLOEXEC);
 }
 
 } // namespace
@@ -71,13 +66,11 @@ bool PtySession::openTerminal(int* slave, QString* error)
     winsize window{};
     window.ws_row = 24;
     window.ws_col = 80;
-    if (::openpty(&m_master, slave, nullptr, nullptr, &window) != 0) {
+    if (!Platform::openTerminal(&m_master, slave, window)) {
         *error = errnoText(errno);
         m_master = -1;
         return false;
     }
-    setCloseOnExec(m_master);
-    setCloseOnExec(*slave);
     ::fcntl(m_master, F_SETFL, ::fcntl(m_master, F_GETFL) | O_NONBLOCK);
     if (m_mode == Mode::Line)
         disableEcho(*slave);

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <optional>
 #include <unistd.h>
 
 using namespace brinmoor;
@@ -73,6 +74,19 @@ void recordEnd(QProcess* process, Ending& ending, const QElapsedTimer& clock)
                      });
 }
 
+// Stops the group with the grace and waits for its leader to end, timed from the stop.
+std::optional<Ending> stopAndWait(ProcessGroup& group, int graceMilliseconds)
+{
+    QElapsedTimer clock;
+    clock.start();
+    Ending ending;
+    recordEnd(group.process(), ending, clock);
+    group.stop(graceMilliseconds);
+    const bool ended = waitUntil([&] { return ending.afterMilliseconds >= 0; });
+    group.process()->disconnect();
+    return ended ? std::optional<Ending>(ending) : std::nullopt;
+}
+
 } // namespace
 
 class TstProcessGroup : public QObject {
@@ -131,14 +145,10 @@ private Q_SLOTS:
         QVERIFY(waitUntil([&] { return process->canReadLine(); }));
         const qint64 background = process->readLine().trimmed().toLongLong();
         QVERIFY(processExists(background));
-        QElapsedTimer clock;
-        clock.start();
-        Ending ending;
-        recordEnd(process, ending, clock);
-        group.stop(60000);
-        QVERIFY(waitUntil([&] { return ending.afterMilliseconds >= 0; }));
-        QCOMPARE(ending.status, QProcess::CrashExit);
-        QCOMPARE(ending.exitCode, SIGTERM);
+        const std::optional<Ending> ending = stopAndWait(group, 60000);
+        QVERIFY(ending);
+        QCOMPARE(ending->status, QProcess::CrashExit);
+        QCOMPARE(ending->exitCode, SIGTERM);
         QVERIFY(waitUntil([&] { return !groupExists(group.id()); }));
         QVERIFY(!processExists(background));
     }
@@ -149,15 +159,11 @@ private Q_SLOTS:
         QProcess* process = shell(QStringLiteral("trap '' TERM; echo ready; sleep 300"));
         group.start(process, ProcessGroup::Leader::Group);
         QVERIFY(waitForLine(process, "ready"));
-        QElapsedTimer clock;
-        clock.start();
-        Ending ending;
-        recordEnd(process, ending, clock);
-        group.stop(700);
-        QVERIFY(waitUntil([&] { return ending.afterMilliseconds >= 0; }));
-        QCOMPARE(ending.status, QProcess::CrashExit);
-        QCOMPARE(ending.exitCode, SIGKILL);
-        QVERIFY2(ending.afterMilliseconds >= 700, qPrintable(QString::number(ending.afterMilliseconds)));
+        const std::optional<Ending> ending = stopAndWait(group, 700);
+        QVERIFY(ending);
+        QCOMPARE(ending->status, QProcess::CrashExit);
+        QCOMPARE(ending->exitCode, SIGKILL);
+        QVERIFY2(ending->afterMilliseconds >= 700, qPrintable(QString::number(ending->afterMilliseconds)));
         QVERIFY(waitUntil([&] { return !groupExists(group.id()); }));
     }
 
