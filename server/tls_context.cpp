@@ -1,5 +1,6 @@
 #include "tls_context.h"
 
+#include "base/platform.h"
 #include "relay_log.h"
 #include "tls/tls_trust.h"
 
@@ -45,7 +46,7 @@ QSslKey privateKey(const QByteArray& pem)
 bool opensslTakesThePair(const QSslConfiguration& configuration)
 {
     int ends[2];
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
+    if (!Platform::makeSocketPair(AF_UNIX, SOCK_STREAM, 0, ends))
         return false;
     bool failed = false;
     {

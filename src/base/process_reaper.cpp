@@ -1,5 +1,7 @@
 #include "base/process_reaper.h"
 
+#include "base/platform.h"
+
 #include <QMutex>
 #include <QMutexLocker>
 
@@ -130,7 +132,7 @@ bool start()
         return true;
     int fds[2];
     // Close-on-exec: no child of the agent keeps the pipe open after the agent is gone.
-    if (::pipe2(fds, O_CLOEXEC) != 0)
+    if (!Platform::makePipe(fds))
         return false;
     const pid_t pid = ::fork();
     if (pid < 0) {

@@ -1,5 +1,7 @@
 #include "base/unix_signal_watcher.h"
 
+#include "base/platform.h"
+
 #include <QSocketNotifier>
 
 #include <csignal>
@@ -22,7 +24,7 @@ void onSignal(int signal)
 
 UnixSignalWatcher::UnixSignalWatcher(std::initializer_list<int> signals, QObject* parent) : QObject(parent)
 {
-    if (g_pipe[0] < 0 && ::pipe2(g_pipe, O_CLOEXEC | O_NONBLOCK) != 0)
+    if (g_pipe[0] < 0 && !Platform::makePipe(g_pipe, true))
         return;
     m_notifier = new QSocketNotifier(g_pipe[0], QSocketNotifier::Read, this);
     connect(m_notifier, &QSocketNotifier::activated, this, [this] {

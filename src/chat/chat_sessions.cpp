@@ -13,6 +13,7 @@
 #include <QtConcurrent/QtConcurrentRun>
 
 #include <algorithm>
+#include <utility>
 
 namespace brinmoor {
 
@@ -52,7 +53,7 @@ ChatSessions::ChatSessions(QString filePath, QObject* parent) : QObject(parent),
 
 ChatSessions::~ChatSessions()
 {
-    flush();
+    writeAndWait();
 }
 
 QString ChatSessions::standardFilePath(const Environment& env, const QString& home)
@@ -181,11 +182,19 @@ void ChatSessions::onWritten()
     const QString error = m_write.result();
     if (!error.isEmpty())
         diag(QStringLiteral("chatSessions could not write ") + m_filePath + QStringLiteral(": ") + error);
-    if (m_dirty)
+    if (std::exchange(m_flushing, false))
+        writeNow();
+    else if (m_dirty)
         m_writeDelay.start();
 }
 
 void ChatSessions::flush()
+{
+    m_flushing = m_write.isRunning();
+    writeNow();
+}
+
+void ChatSessions::writeAndWait()
 {
     m_writeDelay.stop();
     m_write.waitForFinished();

@@ -42,7 +42,8 @@ public:
     // Stores the thread id under the conversation's scoped key.
     void recordCodexThreadID(const QString& threadId, const QString& conversationId, const QString& projectPath);
 
-    // Writes what changed now and waits for it (the agent stopping).
+    // Starts writing what changed at once, off the event loop, right after a write under
+    // way (the agent stopping). Going away, the object writes what is left and waits.
     void flush();
 
 private:
@@ -58,6 +59,8 @@ private:
     QByteArray serialized() const;
     void writeNow();
     void onWritten();
+    // The last write, on the calling thread once the one under way has ended.
+    void writeAndWait();
 
     const QString m_filePath;
     QHash<QString, Conversation> m_conversations;
@@ -65,6 +68,7 @@ private:
     QTimer m_writeDelay;
     QFutureWatcher<QString> m_write; // the error of the write under way, empty when it worked
     bool m_dirty = false;
+    bool m_flushing = false; // the next write follows the one under way at once
 };
 
 } // namespace brinmoor

@@ -1,17 +1,15 @@
 #include "execution/child_process.h"
 
 #include "base/outgoing_flow.h"
-#include "base/process_reaper.h"
+#include "base/platform.h"
+#include "base/process_group.h"
 #include "base/secret_environment.h"
 #include "execution/execution_resolution.h"
 
-#include <QCoreApplication>
 #include <QProcess>
 #include <QSocketNotifier>
-#include <QTimer>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -35,7 +33,7 @@ constexpr qsizetype kDrainLimit = 16 * 1024 * 1024;
 
 bool makePipe(int fds[2], int size)
 {
-    if (::pipe2(fds, O_CLOEXEC) != 0)
+    if (!Platform::makePipe(fds))
         return false;
 #ifdef F_SETPIPE_SZ
     ::fcntl(fds[0], F_SETPIPE_SZ, size);
@@ -79,7 +77,7 @@ ChildProcess::CommandLine ChildProcess::commandLine(const QString& shell, bool r
 #endif
 }
 
-ChildProcess::ChildProcess(OutgoingFlow* flow, QObject* parent) : QObject(parent)
+ChildProcess::ChildProcess(OutgoingFlow* flow, QObject* parent) : QObject(parent), m_group(new ProcessGroup(this))
 {
     alsoWaitFor(flow);
     m_readBuffer.resize(kReadChunk);
@@ -89,19 +87,7 @@ ChildProcess::~ChildProcess()
 {
     closePipe(m_out);
     closePipe(m_err);
-    if (m_process) {
-        m_process->disconnect(this);
-        if (m_process->state() != QProcess::NotRunning) {
-            // Never block the loop: kill the group and let the process object reap it.
-            signalGroup(m_pid, SIGKILL);
-            ProcessReaper::forgetGroup(m_pid);
-            QProcess* process = m_process;
-            process->setParent(nullptr);
-            QObject::connect(process, &QProcess::finished, process, &QObject::deleteLater);
-        } else {
-            delete m_process;
-        }
-    }
+    // A child still running is killed with its group by the group's owner, never waited for.
 }
 
 bool ChildProcess::start(const Launch& launch, QString* error)
@@ -119,56 +105,77 @@ bool ChildProcess::start(const Launch& launch, QString* error)
     }
 
     const CommandLine command = commandLine(launch.shell, launch.requiresTTY);
-    m_process = new QProcess(this);
-    m_process->setProgram(command.program);
-    m_process->setArguments(command.arguments);
-    m_process->setWorkingDirectory(launch.workingDir);
-    m_process->setProcessEnvironment(childEnvironment());
-    m_process->setStandardInputFile(QProcess::nullDevice());
+    auto* process = new QProcess(this);
+    process->setProgram(command.program);
+    process->setArguments(command.arguments);
+    process->setWorkingDirectory(launch.workingDir);
+    process->setProcessEnvironment(childEnvironment());
+    process->setStandardInputFile(QProcess::nullDevice());
     // Our own pipes replace QProcess's, so reading can pause without QProcess
     // buffering behind our back.
-    m_process->setProcessChannelMode(QProcess::ForwardedChannels);
+    process->setProcessChannelMode(QProcess::ForwardedChannels);
+    connect(process, &QProcess::started, this, &ChildProcess::onStarted);
+    connect(process, &QProcess::errorOccurred, this, [this](QProcess::ProcessError failure) {
+        if (failure == QProcess::FailedToStart)
+            onFailedToStart();
+    });
+    connect(process, &QProcess::finished, this,
+            [this](int exitCode, QProcess::ExitStatus status) { onFinished(exitCode, status); });
+
     const int outWrite = outFds[1];
     const int errWrite = merged ? outFds[1] : errFds[1];
-    m_process->setChildProcessModifier([outWrite, errWrite] {
-        ::setpgid(0, 0);
+    m_out.fd = outFds[0];
+    m_err.fd = errFds[0];
+    m_running = true;
+    m_starting = true;
+    m_group->start(process, ProcessGroup::Leader::Group, [outWrite, errWrite] {
         ::dup2(outWrite, STDOUT_FILENO);
         ::dup2(errWrite, STDERR_FILENO);
     });
-    connect(m_process, &QProcess::finished, this,
-            [this](int exitCode, QProcess::ExitStatus status) { onFinished(exitCode, status); });
-
-    m_process->start();
-    const bool started = m_process->waitForStarted(30000);
+    m_starting = false;
     closeFd(outFds[1]);
     closeFd(errFds[1]);
-    if (!started) {
+    m_pid = m_group->id();
+    if (!m_group->isRunning()) {
+        // Not even forked: the reason is known at once.
+        m_running = false;
         if (error)
-            *error = m_process->errorString();
-        closeFd(outFds[0]);
-        closeFd(errFds[0]);
-        m_process->disconnect(this);
+            *error = process->errorString();
+        closePipe(m_out);
+        closePipe(m_err);
         return false;
     }
-    m_pid = m_process->processId();
-    m_running = true;
-    ProcessReaper::watchGroup(m_pid);
+    return true;
+}
 
-    const auto watch = [this](Pipe& pipe, int fd, bool isError) {
-        pipe.fd = fd;
-        ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
-        pipe.notifier = new QSocketNotifier(fd, QSocketNotifier::Read, this);
+void ChildProcess::onStarted()
+{
+    // Reading starts with the program, so that its "started" comes before any output.
+    const auto watch = [this](Pipe& pipe, bool isError) {
+        if (!pipe.open())
+            return;
+        ::fcntl(pipe.fd, F_SETFL, ::fcntl(pipe.fd, F_GETFL) | O_NONBLOCK);
+        pipe.notifier = new QSocketNotifier(pipe.fd, QSocketNotifier::Read, this);
         connect(pipe.notifier, &QSocketNotifier::activated, this,
                 [this, &pipe, isError] { onReadable(pipe, isError); });
     };
-    watch(m_out, outFds[0], false);
-    if (!merged)
-        watch(m_err, errFds[0], true);
+    watch(m_out, false);
+    watch(m_err, true);
     for (const QPointer<OutgoingFlow>& flow : std::as_const(m_flows))
         connect(flow, &OutgoingFlow::resumed, this, &ChildProcess::resume);
     if (isHeldBack())
         pause();
-    return true;
+    Q_EMIT started();
+}
+
+void ChildProcess::onFailedToStart()
+{
+    if (!m_running || m_starting)
+        return; // a failure within start() is its answer
+    m_running = false;
+    closePipe(m_out);
+    closePipe(m_err);
+    Q_EMIT failedToStart(m_group->process()->errorString());
 }
 
 bool ChildProcess::isRunning() const
@@ -290,34 +297,18 @@ void ChildProcess::onFinished(int exitCode, int exitStatus)
         }
         closePipe(*pipe);
     }
-    // What the child left running in its group (`sleep 100 &`) ends with it.
-    if (signalGroup(m_pid, 0))
-        terminateTree(kGroupGraceMilliseconds);
-    else
-        ProcessReaper::forgetGroup(m_pid);
+    m_group->endRest(kGroupGraceMilliseconds);
     Q_EMIT exited(exitCode);
 }
 
 void ChildProcess::terminateTree(int graceMilliseconds)
 {
-    const qint64 group = m_pid;
-    if (group <= 0)
-        return;
-    signalGroup(group, SIGTERM);
-    // The check outlives this object: what ignores SIGTERM is killed even when the
-    // task has been cleaned up in the meantime. Until then the reaper knows the group,
-    // should the agent itself go first.
-    QTimer::singleShot(graceMilliseconds, Qt::PreciseTimer, QCoreApplication::instance(), [group] {
-        signalGroup(group, SIGKILL);
-        ProcessReaper::forgetGroup(group);
-    });
+    m_group->stop(graceMilliseconds);
 }
 
-bool ChildProcess::signalGroup(qint64 processGroup, int signal)
+void ChildProcess::kill()
 {
-    if (processGroup <= 0)
-        return false;
-    return ::kill(static_cast<pid_t>(-processGroup), signal) == 0;
+    m_group->kill();
 }
 
 } // namespace brinmoor

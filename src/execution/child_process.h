@@ -8,12 +8,12 @@
 #include <QString>
 #include <QStringList>
 
-class QProcess;
 class QSocketNotifier;
 
 namespace brinmoor {
 
 class OutgoingFlow;
+class ProcessGroup;
 
 // One task child: `/bin/zsh -lc TEXT` (or under `script` when it needs a terminal) in
 // its own process group, standard input on the null device, its output read through
@@ -51,7 +51,8 @@ public:
     // Reading also waits while `flow` is blocked. Before `start`.
     void alsoWaitFor(OutgoingFlow* flow);
 
-    // Launches the child; false with the reason in `error` when it could not start.
+    // Launches the child without waiting for it: `started` or `failedToStart` follows.
+    // False, with the reason in `error`, when not even that could begin.
     bool start(const Launch& launch, QString* error);
     qint64 pid() const { return m_pid; }
     // Whether more output is on its way: reading waits, or a pipe holds unread bytes.
@@ -63,10 +64,14 @@ public:
     // ended the same way.
     void terminateTree(int graceMilliseconds);
 
-    // Signals every member of a process group; true when the group still existed.
-    static bool signalGroup(qint64 processGroup, int signal);
+    // SIGKILL to the child's whole process group at once.
+    void kill();
 
 Q_SIGNALS:
+    // The program runs; its output is read from now on.
+    void started();
+    // The program could not be run (a missing working folder, a failed exec).
+    void failedToStart(const QString& error);
     // Decoded output, in the pieces in which it was read. Merged output comes as
     // standard output.
     void standardOutput(const QString& text);
@@ -92,15 +97,18 @@ private:
     bool isHeldBack() const;
     void pause();
     void resume();
+    void onStarted();
+    void onFailedToStart();
     void onFinished(int exitCode, int exitStatus);
 
     QList<QPointer<OutgoingFlow>> m_flows;
-    QProcess* m_process = nullptr;
+    ProcessGroup* m_group;
     Pipe m_out;
     Pipe m_err;
     QByteArray m_readBuffer;
     qint64 m_pid = 0;
     bool m_running = false;
+    bool m_starting = false;
     bool m_paused = false;
 };
 

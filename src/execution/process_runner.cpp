@@ -186,23 +186,33 @@ void ProcessRunner::launchTask(const QString& shell)
     connect(child, &ChildProcess::standardOutput, this, &ProcessRunner::onStandardOutput);
     connect(child, &ChildProcess::standardError, this, &ProcessRunner::onStandardError);
     connect(child, &ChildProcess::exited, this, &ProcessRunner::onExited);
+    connect(child, &ChildProcess::failedToStart, this, [this, child](const QString& error) {
+        if (child == m_child && m_output)
+            onLaunchFailed(error);
+    });
+    const QString taskId = request.taskId;
+    connect(child, &ChildProcess::started, this, [this, child, taskId] {
+        if (child == m_child && m_currentTaskId == taskId)
+            diag(QStringLiteral("runTask process started taskId=") + logValue(taskId) + QStringLiteral(" pid=") +
+                 QString::number(child->pid()));
+    });
 
     QString error;
-    if (!child->start({shell, request.workingDir, request.requiresTTY, ChildProcess::Channels::Separate}, &error)) {
-        m_host.sendJSON(Messages::taskFailed(request.taskId, QStringLiteral("failed to launch process: ") + error,
-                                             QStringLiteral("PROCESS_START_FAILED"), 1));
-        cleanupFinishedTask();
-        return;
-    }
-    diag(QStringLiteral("runTask process started taskId=") + logValue(request.taskId) + QStringLiteral(" pid=") +
-         QString::number(child->pid()));
+    if (!child->start({shell, request.workingDir, request.requiresTTY, ChildProcess::Channels::Separate}, &error))
+        return onLaunchFailed(error);
 
     // A time-out is reported exactly like a cancellation.
     m_timeLimit = new QTimer(this);
     m_timeLimit->setSingleShot(true);
-    const QString taskId = request.taskId;
     connect(m_timeLimit, &QTimer::timeout, this, [this, taskId] { onTimeLimit(taskId); });
     m_timeLimit->start(timeLimitMilliseconds(request.timeoutSec));
+}
+
+void ProcessRunner::onLaunchFailed(const QString& error)
+{
+    m_host.sendJSON(Messages::taskFailed(m_output->request.taskId, QStringLiteral("failed to launch process: ") + error,
+                                         QStringLiteral("PROCESS_START_FAILED"), 1));
+    cleanupFinishedTask();
 }
 
 void ProcessRunner::onTimeLimit(const QString& taskId)
@@ -309,13 +319,16 @@ void ProcessRunner::executeShellCapture(const QString& shell, const QString& wor
             child->deleteLater();
             done(ShellExecutionResult{status, *output, QString()});
         });
-        QString error;
-        if (!child->start({fitted, workingDir, requiresTTY, ChildProcess::Channels::Merged}, &error)) {
+        const auto failed = [this, child, done](const QString& error) {
             if (m_child == child)
                 m_child = nullptr;
             child->deleteLater();
             done(ShellExecutionResult{1, QString(), QStringLiteral("failed to launch process: ") + error});
-        }
+        };
+        connect(child, &ChildProcess::failedToStart, child, failed);
+        QString error;
+        if (!child->start({fitted, workingDir, requiresTTY, ChildProcess::Channels::Merged}, &error))
+            failed(error);
     };
     if (!registerAsCurrentProcess) {
         m_tools.prepare(shell, workingDir, this, launch);
@@ -370,7 +383,7 @@ void ProcessRunner::releaseChild()
         if (child->isRunning() && m_output) {
             // Let go, but not forgotten: the group is killed and its end logged when it comes.
             m_letGo.insert(child, m_output->request.taskId);
-            ChildProcess::signalGroup(child->pid(), SIGKILL);
+            child->kill();
         } else {
             child->disconnect(this);
             child->deleteLater();

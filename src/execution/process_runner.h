@@ -125,6 +125,8 @@ private:
     // before that ends the task.
     void launchCurrentTask(const QString& shell);
     void launchTask(const QString& shell);
+    // The current task's child could not run: the task fails.
+    void onLaunchFailed(const QString& error);
     // Lets go of the task's child and time limit.
     void releaseChild();
 

@@ -1,5 +1,7 @@
 #include "proposals/workspace_copy.h"
 
+#include "base/platform.h"
+
 #include <QDir>
 #include <QFile>
 #include <QUuid>
@@ -8,8 +10,6 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,55 +24,22 @@ QString lastError(const char* what, const QString& path)
     return QStringLiteral("%1 %2: %3").arg(QLatin1String(what), path, QString::fromLocal8Bit(std::strerror(errno)));
 }
 
-bool copyFileData(int from, int to, qint64 size)
+bool copyFile(int fromDir, const char* name, qint64 size, int toDir, int* to)
 {
-    // A clone shares the blocks until either side changes them.
-    if (::ioctl(to, FICLONE, from) == 0) {
-        ++t_stats.cloned;
-        return true;
+    const int from = ::openat(fromDir, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (from < 0)
+        return false;
+    const Platform::FileCopy way = Platform::copyFile(from, size, toDir, name, to);
+    const int error = errno;
+    ::close(from);
+    errno = error;
+    switch (way) {
+    case Platform::FileCopy::Cloned: ++t_stats.cloned; return true;
+    case Platform::FileCopy::InKernel: ++t_stats.inKernel; return true;
+    case Platform::FileCopy::ReadWrite: ++t_stats.readWrite; return true;
+    case Platform::FileCopy::Failed: break;
     }
-    qint64 left = size;
-    bool inKernel = true;
-    while (left > 0) {
-        const ssize_t n = ::copy_file_range(from, nullptr, to, nullptr, size_t(left), 0);
-        if (n > 0) {
-            left -= n;
-            continue;
-        }
-        if (n == 0)
-            break;
-        if (errno == EINTR)
-            continue;
-        inKernel = false;
-        break;
-    }
-    if (inKernel && left == 0) {
-        ++t_stats.inKernel;
-        return true;
-    }
-    // Some file systems refuse both: read and write what is left.
-    char buffer[256 * 1024];
-    while (true) {
-        const ssize_t n = ::read(from, buffer, sizeof buffer);
-        if (n == 0)
-            break;
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        for (ssize_t done = 0; done < n;) {
-            const ssize_t w = ::write(to, buffer + done, size_t(n - done));
-            if (w < 0) {
-                if (errno == EINTR)
-                    continue;
-                return false;
-            }
-            done += w;
-        }
-    }
-    ++t_stats.readWrite;
-    return true;
+    return false;
 }
 
 // Copies the contents of one open directory into another, recursively.
@@ -126,16 +93,13 @@ bool copyDirectory(int fromDir, int toDir, const QString& where, QString* error)
             if (!ok)
                 break;
         } else if (S_ISREG(info.st_mode)) {
-            const int from = ::openat(fromDir, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-            const int to = ::openat(toDir, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-            ok = from >= 0 && to >= 0 && copyFileData(from, to, info.st_size);
+            int to = -1;
+            ok = copyFile(fromDir, name, info.st_size, toDir, &to);
             if (ok)
                 ok = ::fchmod(to, info.st_mode & 07777) == 0;
             if (!ok)
                 *error = lastError("cannot copy", path);
             ++t_stats.files;
-            if (from >= 0)
-                ::close(from);
             if (to >= 0)
                 ::close(to);
             if (!ok)

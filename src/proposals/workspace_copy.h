@@ -14,9 +14,10 @@ QString proposalsFolder(const QString& temporaryFolder);
 
 // Copies the project folder whole (hidden files, version control data and build output
 // included) to proposalsFolder/<taskId>-<UUID>, keeping symbolic links as links and
-// file modes. Each file is cloned (FICLONE) where the file system can, else copied in
-// the kernel (copy_file_range), else read and written. Returns the copy's path; on
-// failure returns an empty path with the reason in `error` and removes what it made.
+// file modes. Each file is cloned (FICLONE; clonefile on macOS) where the file system
+// can, else copied in the kernel (copy_file_range; fcopyfile on macOS), else read and
+// written. Returns the copy's path; on failure returns an empty path with the reason in
+// `error` and removes what it made.
 QString copyProject(const QString& projectPath, const QString& taskId, const QString& temporaryFolder, QString* error);
 
 // Removes a folder tree; false when something remained.
@@ -26,7 +27,7 @@ bool removeTree(const QString& path);
 struct CopyStats {
     qint64 files = 0;
     qint64 cloned = 0;    // shared with the original (copy-on-write)
-    qint64 inKernel = 0;  // copy_file_range
+    qint64 inKernel = 0;  // copy_file_range (fcopyfile on macOS)
     qint64 readWrite = 0; // plain reads and writes
 };
 CopyStats lastCopyStats();

@@ -1,12 +1,12 @@
 #include "server_host/local_server_runtime.h"
 
-#include "base/process_reaper.h"
+#include "base/platform.h"
+#include "base/process_group.h"
 #include "config/runtime_defaults.h"
 #include "protocol/shared_token.h"
 
 #include <QFileInfo>
 #include <QProcess>
-#include <QTimer>
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -27,7 +27,7 @@ bool isExecutableFile(const QString& path)
 
 bool canBind(int port)
 {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int fd = Platform::makeSocket(AF_INET, SOCK_STREAM, 0);
     if (fd < 0)
         return false;
     const int yes = 1;
@@ -60,24 +60,21 @@ LocalServerRuntime::LocalServerRuntime(QObject* parent) : QObject(parent), print
             return;
         }
         // A start that fails is tried again, later each time.
-        if (!launch(*binary))
-            m_restart.start(m_backoff.next(0));
+        launch(*binary, true);
     });
 }
 
 LocalServerRuntime::~LocalServerRuntime()
 {
-    // The current server and any still stopping (a quit right after stop()) are ended and
-    // reaped here, not left to QProcess's destructor.
-    const QList<QProcess*> processes = findChildren<QProcess*>(Qt::FindDirectChildrenOnly);
-    for (QProcess* process : processes) {
-        process->disconnect(this);
-        if (process->state() == QProcess::NotRunning)
-            continue;
-        process->terminate();
-        if (!process->waitForFinished(3000))
-            process->kill();
-        process->waitForFinished(3000);
+    // The current server and any still stopping (a quit right after stop()) are ended
+    // without waiting for them: SIGTERM now, SIGKILL after the grace while the loop runs,
+    // and the reaper's own stop should the agent be gone first.
+    const QList<ProcessGroup*> servers = findChildren<ProcessGroup*>(Qt::FindDirectChildrenOnly);
+    for (ProcessGroup* server : servers) {
+        server->process()->disconnect(this);
+        if (server->isRunning())
+            server->stop(kStopGraceMilliseconds);
+        server->release();
     }
 }
 
@@ -122,7 +119,7 @@ std::optional<QString> LocalServerRuntime::resolveServerBinaryPath(const Environ
 
 bool LocalServerRuntime::isRunning() const
 {
-    return m_process && m_process->state() != QProcess::NotRunning;
+    return m_server && m_server->isRunning();
 }
 
 int RestartBackoff::next(qint64 ranMs)
@@ -155,13 +152,13 @@ int LocalServerRuntime::start(int port, const QString& token, Status status, con
                      .arg(kMinimumTokenLength));
         return m_port;
     }
-    launch(*binary);
+    launch(*binary, false);
     return m_port;
 }
 
-bool LocalServerRuntime::launch(const QString& binary)
+void LocalServerRuntime::launch(const QString& binary, bool retry)
 {
-    auto* process = new QProcess(this);
+    auto* process = new QProcess;
     process->setProgram(binary);
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("BRINMOOR_SERVER_PORT"), QString::number(m_port));
@@ -175,36 +172,45 @@ bool LocalServerRuntime::launch(const QString& binary)
     process->setProcessEnvironment(env);
     process->setProcessChannelMode(QProcess::MergedChannels);
     process->setStandardInputFile(QProcess::nullDevice());
-    // A group of its own, so that the reaper ends it should the agent die without a word.
-    process->setChildProcessModifier([] { ::setpgid(0, 0); });
     m_decoder.reset();
+    auto* server = new ProcessGroup(this);
     connect(process, &QProcess::readyReadStandardOutput, this, &LocalServerRuntime::relay);
     connect(process, &QProcess::finished, this,
-            [this, process](int exitCode, QProcess::ExitStatus) { ended(process, exitCode); });
-    process->start();
-    if (!process->waitForStarted(30000)) {
-        m_status(QStringLiteral("Server failed: ") + process->errorString());
-        process->disconnect(this);
-        process->deleteLater();
-        return false;
-    }
-    m_process = process;
+            [this, server](int exitCode, QProcess::ExitStatus) { ended(server, exitCode); });
+    connect(process, &QProcess::errorOccurred, this, [this, server, retry](QProcess::ProcessError failure) {
+        if (failure == QProcess::FailedToStart)
+            failed(server, retry);
+    });
+    // A group of its own, so that the reaper ends it should the agent die without a word.
+    m_server = server;
+    server->start(process, ProcessGroup::Leader::Group);
+    if (m_server != server)
+        return; // not even forked, and already reported
     m_running.start();
-    const qint64 pid = process->processId();
-    ProcessReaper::watchGroup(pid);
-    connect(process, &QProcess::finished, this, [pid] { ProcessReaper::forgetGroup(pid); });
     m_status(QStringLiteral("Server on :") + QString::number(m_port));
-    return true;
 }
 
-void LocalServerRuntime::ended(QProcess* process, int exitCode)
+void LocalServerRuntime::failed(ProcessGroup* server, bool retry)
+{
+    m_status(QStringLiteral("Server failed: ") + server->process()->errorString());
+    server->process()->disconnect(this);
+    server->deleteLater();
+    if (m_server != server)
+        return;
+    m_server = nullptr;
+    if (retry)
+        m_restart.start(m_backoff.next(0));
+}
+
+void LocalServerRuntime::ended(ProcessGroup* server, int exitCode)
 {
     // The termination status: the exit status, or the number of the signal that ended it.
     m_status(QStringLiteral("Server stopped (%1)").arg(exitCode));
-    process->deleteLater();
-    if (m_process != process)
+    server->forget();
+    server->deleteLater();
+    if (m_server != server)
         return; // stopped on purpose
-    m_process = nullptr;
+    m_server = nullptr;
     // Ended by itself (a crash, a kill): the phone and the agent lose their meeting place
     // until it is back.
     m_restart.start(m_backoff.next(m_running.elapsed()));
@@ -212,9 +218,9 @@ void LocalServerRuntime::ended(QProcess* process, int exitCode)
 
 void LocalServerRuntime::relay()
 {
-    if (!m_process)
+    if (!m_server)
         return;
-    const QByteArray data = m_process->readAllStandardOutput();
+    const QByteArray data = m_server->process()->readAllStandardOutput();
     if (data.isEmpty())
         return;
     // Only a character cut by the read waits for the next one; a read that is not
@@ -232,25 +238,20 @@ void LocalServerRuntime::relay()
 void LocalServerRuntime::stop()
 {
     m_restart.stop();
-    if (!m_process)
+    if (!m_server)
         return;
-    QProcess* process = m_process;
-    m_process = nullptr;
+    ProcessGroup* server = m_server;
+    m_server = nullptr;
     // Only the output handling is let go: the end of the server is still reported
     // ("Server stopped (15)"), and its handler lets go of the process.
-    disconnect(process, &QProcess::readyReadStandardOutput, this, &LocalServerRuntime::relay);
-    if (process->state() == QProcess::NotRunning) {
-        process->deleteLater();
+    disconnect(server->process(), &QProcess::readyReadStandardOutput, this, &LocalServerRuntime::relay);
+    if (!server->isRunning()) {
+        server->deleteLater();
         return;
     }
-    process->terminate();
     // A server that ignores SIGTERM must not hold the port forever: whatever is still
     // there 3 s later is killed (and reported like any other end).
-    QPointer<QProcess> guard(process);
-    QTimer::singleShot(3000, process, [guard] {
-        if (guard && guard->state() != QProcess::NotRunning)
-            guard->kill();
-    });
+    server->stop(kStopGraceMilliseconds);
 }
 
 } // namespace brinmoor

@@ -13,9 +13,9 @@
 #include <functional>
 #include <optional>
 
-class QProcess;
-
 namespace brinmoor {
+
+class ProcessGroup;
 
 // How long the agent waits before it starts a server that ended by itself again: 1 s,
 // doubling up to 60 s, and 1 s again after a server that ran for a minute.
@@ -74,11 +74,16 @@ public:
 
 private:
     void relay();
-    // Launches the server on `m_port`; false when it could not be.
-    bool launch(const QString& binary);
-    void ended(QProcess* process, int exitCode);
+    // Launches the server on `m_port` without waiting for it; a server that cannot be
+    // run is reported, and with `retry` tried again later.
+    void launch(const QString& binary, bool retry);
+    void failed(ProcessGroup* server, bool retry);
+    void ended(ProcessGroup* server, int exitCode);
 
-    QPointer<QProcess> m_process;
+    // SIGTERM to a server that is stopped, SIGKILL to what is left of it after this.
+    static constexpr int kStopGraceMilliseconds = 3000;
+
+    QPointer<ProcessGroup> m_server;
     Utf8StreamDecoder m_decoder;
     // What the server is started with, again after it ends by itself.
     int m_port = 0;

@@ -1,19 +1,17 @@
 #include "terminal/pty_session.h"
 
 #include "base/outgoing_flow.h"
-#include "base/process_reaper.h"
+#include "base/platform.h"
+#include "base/process_group.h"
 
 #include <QFile>
 #include <QProcess>
 #include <QSocketNotifier>
-#include <QTimer>
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <fcntl.h>
-#include <pty.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
@@ -32,18 +30,13 @@ QString errnoText(int error)
     return QString::fromLocal8Bit(std::strerror(error));
 }
 
-void setCloseOnExec(int fd)
-{
-    ::fcntl(fd, F_SETFD, ::fcntl(fd, F_GETFD) | FD_CLOEXEC);
-}
-
 } // namespace
 
 PtySession::PtySession(const QString& sessionId, const QString& projectPath, const QString& workingDir,
                        OutgoingFlow* flow, std::function<void(const QString&)> diag, QObject* parent)
     : QObject(parent), currentDirectory(workingDir), startedAt(QDateTime::currentDateTimeUtc()), updatedAt(startedAt),
       m_sessionId(sessionId), m_projectPath(projectPath), m_workingDir(workingDir), m_flow(flow),
-      m_diag(std::move(diag))
+      m_diag(std::move(diag)), m_group(new ProcessGroup(this))
 {
     m_clock.start();
 }
@@ -52,14 +45,7 @@ PtySession::~PtySession()
 {
     stopReading();
     closeMaster();
-    if (isRunning()) {
-        // Never block the loop: kill the shell and let the process object reap it.
-        m_process->disconnect(this);
-        ::kill(pid_t(m_pid), SIGKILL);
-        ProcessReaper::forgetGroup(m_pid);
-        m_process->setParent(nullptr);
-        QObject::connect(m_process, &QProcess::finished, m_process, &QObject::deleteLater);
-    }
+    // A shell still running is killed with its group by the group's owner, never waited for.
 }
 
 bool PtySession::start(const Launch& launch, QString* error)
@@ -68,14 +54,10 @@ bool PtySession::start(const Launch& launch, QString* error)
     int slave = -1;
     if (!openTerminal(&slave, error))
         return false;
-    createShell(launch, slave);
+    startShell(launch, slave);
     // The child is forked within start(); the parent's copy of its side goes at once.
-    m_process->start();
-    m_pid = m_process->processId();
+    m_pid = m_group->id();
     ::close(slave);
-    // The shell leads a session and a process group of its own; should the agent go
-    // first, the reaper ends that group.
-    ProcessReaper::watchGroup(m_pid);
     return true;
 }
 
@@ -84,22 +66,20 @@ bool PtySession::openTerminal(int* slave, QString* error)
     winsize window{};
     window.ws_row = 24;
     window.ws_col = 80;
-    if (::openpty(&m_master, slave, nullptr, nullptr, &window) != 0) {
+    if (!Platform::openTerminal(&m_master, slave, window)) {
         *error = errnoText(errno);
         m_master = -1;
         return false;
     }
-    setCloseOnExec(m_master);
-    setCloseOnExec(*slave);
     ::fcntl(m_master, F_SETFL, ::fcntl(m_master, F_GETFL) | O_NONBLOCK);
     if (m_mode == Mode::Line)
         disableEcho(*slave);
     return true;
 }
 
-void PtySession::createShell(const Launch& launch, int slave)
+void PtySession::startShell(const Launch& launch, int slave)
 {
-    m_process = new QProcess(this);
+    m_process = new QProcess;
     m_process->setProgram(QStringLiteral("/bin/zsh"));
     if (m_mode == Mode::Line) {
         m_process->setArguments({QStringLiteral("-f"), QStringLiteral("-c"),
@@ -115,8 +95,7 @@ void PtySession::createShell(const Launch& launch, int slave)
     // the phone reaches what runs in it. A login shell starts in its folder when it can
     // and in the agent's otherwise, where a line-mode shell fails to start.
     const QByteArray loginFolder = m_mode == Mode::Interactive ? QFile::encodeName(m_workingDir) : QByteArray();
-    m_process->setChildProcessModifier([slave, loginFolder] {
-        ::setsid();
+    const auto setup = [slave, loginFolder] {
         ::ioctl(slave, TIOCSCTTY, 0);
         ::dup2(slave, STDIN_FILENO);
         ::dup2(slave, STDOUT_FILENO);
@@ -124,7 +103,7 @@ void PtySession::createShell(const Launch& launch, int slave)
         if (!loginFolder.isEmpty()) {
             [[maybe_unused]] const int changed = ::chdir(loginFolder.constData());
         }
-    });
+    };
     // Reading starts with the shell, so that its "started" comes before any output; a
     // session closed in the meantime is not read at all.
     connect(m_process, &QProcess::started, this, [this] {
@@ -135,13 +114,15 @@ void PtySession::createShell(const Launch& launch, int slave)
     connect(m_process, &QProcess::errorOccurred, this, [this](QProcess::ProcessError failure) {
         if (failure != QProcess::FailedToStart)
             return;
-        ProcessReaper::forgetGroup(m_pid);
         Q_EMIT failedToStart(m_process->errorString());
         if (m_released)
             deleteLater();
     });
     connect(m_process, &QProcess::finished, this,
             [this](int exitCode, QProcess::ExitStatus status) { onFinished(exitCode, status == QProcess::CrashExit); });
+    // The shell leads a session and a process group of its own; should the agent go
+    // first, the reaper ends that group.
+    m_group->start(m_process, ProcessGroup::Leader::Session, setup);
 }
 
 void PtySession::watchMaster()
@@ -155,7 +136,7 @@ void PtySession::watchMaster()
 
 bool PtySession::isRunning() const
 {
-    return m_process && m_process->state() != QProcess::NotRunning;
+    return m_group->isRunning();
 }
 
 void PtySession::disableEcho(int fd)
@@ -255,17 +236,16 @@ std::optional<PtySession::WindowSize> PtySession::windowSize() const
 
 bool PtySession::sendSignal(int signal)
 {
-    // While the process object has not reaped the shell, its id cannot be reused.
-    return isRunning() && ::kill(pid_t(m_pid), signal) == 0;
+    return m_group->signalLeader(signal);
 }
 
 void PtySession::close(int graceMilliseconds)
 {
     m_closed = true;
     stopReading();
-    if (!sendSignal(SIGTERM))
+    if (!isRunning())
         return;
-    QTimer::singleShot(graceMilliseconds, Qt::PreciseTimer, this, [this] { sendSignal(SIGKILL); });
+    m_group->stop(graceMilliseconds);
     if (m_mode == Mode::Interactive)
         closeMaster();
 }
@@ -351,7 +331,7 @@ void PtySession::onFinished(int exitCode, bool crashed)
     }
     stopReading();
     closeMaster();
-    ProcessReaper::forgetGroup(m_pid);
+    m_group->forget();
     // A crashed child's exit code is the number of the signal that ended it. The
     // line-mode shell reports its termination status as it is (9 for SIGKILL); the
     // login shell reports 128 plus the signal, as a shell reports a killed job.

@@ -20,6 +20,7 @@ class QSocketNotifier;
 namespace brinmoor {
 
 class OutgoingFlow;
+class ProcessGroup;
 
 // One shell on a pseudo-terminal: the master, the shell's process, the reader (paused
 // while the connection is behind, or while the slowest client that paces the session
@@ -129,7 +130,7 @@ Q_SIGNALS:
 private:
     // The terminal, 80 by 24; false with the reason when none could be allocated.
     bool openTerminal(int* slave, QString* error);
-    void createShell(const Launch& launch, int slave);
+    void startShell(const Launch& launch, int slave);
     void watchMaster();
     void disableEcho(int fd);
     bool enqueue(const QByteArray& data, QString* error);
@@ -154,6 +155,7 @@ private:
     QPointer<OutgoingFlow> m_flow;
     std::function<void(const QString&)> m_diag;
     Mode m_mode = Mode::Line;
+    ProcessGroup* m_group;
     QProcess* m_process = nullptr;
     qint64 m_pid = 0;
     int m_master = -1;

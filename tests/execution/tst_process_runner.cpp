@@ -451,6 +451,8 @@ private Q_SLOTS:
         request.shell = QStringLiteral("true");
         request.workingDir = repo.path() + QStringLiteral("/missing-folder");
         runner.runTask(request);
+        // The launch is not waited for: its failure comes from the loop.
+        QVERIFY(waitUntil([&] { return host.sent.size() >= 2; }));
         QCOMPARE(host.sent.size(), 2);
         QCOMPARE(host.sent.at(0).value(QStringLiteral("type")).toString(), QStringLiteral("task.started"));
         QCOMPARE(host.sent.at(1).value(QStringLiteral("errorCode")).toString(), QStringLiteral("PROCESS_START_FAILED"));
