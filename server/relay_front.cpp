@@ -41,6 +41,22 @@ QByteArray error(int status, const QString& text, QByteArrayView extraHeaders = 
     return RelayMessages::httpErrorResponse(status, text, extraHeaders);
 }
 
+// A request refused for a header it gave: the log line names the header's value.
+struct Refusal {
+    const char* event;
+    const char* header;
+    QByteArray value;
+};
+
+void refuse(RelayConnection& connection, const HttpRequest& request, const Refusal& refusal, int status,
+            const QString& text)
+{
+    logEvent(refusal.event, {{"address", connection.address()},
+                             {"path", QString::fromUtf8(request.path)},
+                             {refusal.header, QString::fromUtf8(refusal.value)}});
+    connection.respond(error(status, text));
+}
+
 } // namespace
 
 RelayFront::RelayFront(const RelayConfig& config, const QElapsedTimer& clock, ConnectionsByAddress& unjudged,
@@ -187,10 +203,8 @@ bool RelayFront::hostServed(RelayConnection& connection, const HttpRequest& requ
     if (hosts.isEmpty() ||
         (hosts.size() == 1 && m_hosts.serves(hosts.first(), connection.localAddress(), m_clock.elapsed())))
         return true;
-    logEvent("host.refused", {{"address", connection.address()},
-                              {"path", QString::fromUtf8(request.path)},
-                              {"host", QString::fromUtf8(hosts.join(", "))}});
-    connection.respond(error(421, QStringLiteral("host not allowed: add it to BRINMOOR_ALLOWED_HOSTS")));
+    refuse(connection, request, {"host.refused", "host", hosts.join(", ")}, 421,
+           QStringLiteral("host not allowed: add it to BRINMOOR_ALLOWED_HOSTS"));
     return false;
 }
 
@@ -200,10 +214,8 @@ bool RelayFront::originAllowed(RelayConnection& connection, const HttpRequest& r
     if (!request.hasHeader("origin") ||
         m_origins.allows(request.header("origin"), request.header("host"), connection.isEncrypted()))
         return true;
-    logEvent("origin.refused", {{"address", connection.address()},
-                                {"path", QString::fromUtf8(request.path)},
-                                {"origin", QString::fromUtf8(request.header("origin"))}});
-    connection.respond(error(403, QStringLiteral("origin not allowed")));
+    refuse(connection, request, {"origin.refused", "origin", request.header("origin")}, 403,
+           QStringLiteral("origin not allowed"));
     return false;
 }
 

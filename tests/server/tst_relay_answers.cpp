@@ -6,6 +6,7 @@
 #include "support/loopback_server.h"
 #include "support/process_fixtures.h"
 #include "support/relay_client.h"
+#include "support/relay_fixture.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -17,11 +18,6 @@ using namespace brinmoor::relay;
 using namespace brinmoor::test;
 
 namespace {
-
-QJsonObject json(const char* text)
-{
-    return QJsonDocument::fromJson(text).object();
-}
 
 QString typeOf(const QJsonObject& message)
 {
@@ -63,18 +59,10 @@ QJsonObject runningChat(const QString& taskId, const QString& answer)
 
 } // namespace
 
-class TstRelayAnswers : public QObject {
+class TstRelayAnswers : public QObject, private RelayFixture {
     Q_OBJECT
 
 private:
-    std::unique_ptr<RelayProcess> m_relay;
-
-    bool startRelay(const QStringList& env = {})
-    {
-        m_relay = std::make_unique<RelayProcess>();
-        return m_relay->start(environment(env));
-    }
-
     // A fake agent, registered, and a client that has seen it do so.
     bool connectAgentAndClient(RelayClient& agent, RelayClient& client)
     {
@@ -113,7 +101,7 @@ private:
     }
 
 private Q_SLOTS:
-    void cleanup() { m_relay.reset(); }
+    void cleanup() { stopRelay(); }
 
     void aClientThatComesMidAnswerIsGivenWhatItSaidSoFar()
     {

@@ -4,6 +4,7 @@
 #include "support/loopback_server.h"
 #include "support/process_fixtures.h"
 #include "support/relay_client.h"
+#include "support/relay_fixture.h"
 #include "support/test_support.h"
 #include "websocket_client.h"
 
@@ -30,11 +31,6 @@ namespace ws = brinmoor::relay::ws;
 namespace {
 
 const QString kToken = QStringLiteral("relay-floods-token-0123456789");
-
-QJsonObject json(const QByteArray& text)
-{
-    return QJsonDocument::fromJson(text).object();
-}
 
 QString typeOf(const QJsonObject& message)
 {
@@ -160,18 +156,11 @@ private:
 
 } // namespace
 
-class TstRelayFloods : public QObject {
+class TstRelayFloods : public QObject, private RelayFixture {
     Q_OBJECT
 
 private:
-    std::unique_ptr<RelayProcess> m_relay;
-
-    bool startRelay(const QStringList& env = {})
-    {
-        m_relay = std::make_unique<RelayProcess>();
-        m_relay->token = kToken;
-        return m_relay->start(environment(env));
-    }
+    bool startRelay(const QStringList& env = {}) { return RelayFixture::startRelay(env, kToken); }
 
     // A raw agent "mac-1" that numbers its messages from 1, with the sessions open.
     std::unique_ptr<RawPeer> openAgent(const QStringList& sessions)

@@ -2,6 +2,7 @@
 // present it tells them, and the pace of terminal readers.
 #include "agent_snapshot.h"
 #include "event_log.h"
+#include "support/relay_fixture.h"
 #include "terminal_flow.h"
 
 #include <QJsonArray>
@@ -9,13 +10,9 @@
 #include <QTest>
 
 using namespace brinmoor::relay;
+using brinmoor::test::json;
 
 namespace {
-
-QJsonObject json(const char* text)
-{
-    return QJsonDocument::fromJson(text).object();
-}
 
 // The seqs the log still gives out after `after`, in order.
 QList<qint64> keptAfter(const EventLog& log, qint64 after)

@@ -4,6 +4,7 @@
 #include "support/loopback_server.h"
 #include "support/process_fixtures.h"
 #include "support/relay_client.h"
+#include "support/relay_fixture.h"
 #include "support/test_support.h"
 #include "websocket_client.h"
 
@@ -42,21 +43,17 @@ std::unique_ptr<QTcpSocket> openFrom(const QString& from, quint16 port, const QB
 
 } // namespace
 
-class TstRelayProxy : public QObject {
+class TstRelayProxy : public QObject, private RelayFixture {
     Q_OBJECT
 
 private:
-    std::unique_ptr<RelayProcess> m_relay;
-
     // As the README has it behind nginx: the proxy is trusted, and the name it passes on
     // as Host is the public URL's.
     bool startRelay(const QStringList& more = {})
     {
-        m_relay = std::make_unique<RelayProcess>();
-        return m_relay->start(
-            environment(QStringList{QStringLiteral("BRINMOOR_TRUSTED_PROXIES=") + QLatin1String(kProxy),
-                                    QStringLiteral("BRINMOOR_PUBLIC_URL=https://mymac.example.net")} +
-                        more));
+        return RelayFixture::startRelay(QStringList{QStringLiteral("BRINMOOR_TRUSTED_PROXIES=") + QLatin1String(kProxy),
+                                                    QStringLiteral("BRINMOOR_PUBLIC_URL=https://mymac.example.net")} +
+                                        more);
     }
 
     QString exchange(const QString& from, const QByteArray& request)
@@ -65,7 +62,7 @@ private:
     }
 
 private Q_SLOTS:
-    void cleanup() { m_relay.reset(); }
+    void cleanup() { stopRelay(); }
 
     void countsAndLogsTheClientTheProxyNames()
     {

@@ -3,6 +3,7 @@
 #include "support/loopback_server.h"
 #include "support/process_fixtures.h"
 #include "support/relay_client.h"
+#include "support/relay_fixture.h"
 #include "support/test_support.h"
 
 #include <QJsonArray>
@@ -14,11 +15,6 @@
 using namespace brinmoor::test;
 
 namespace {
-
-QJsonObject json(const char* text)
-{
-    return QJsonDocument::fromJson(text).object();
-}
 
 QString typeOf(const QJsonObject& message)
 {
@@ -111,18 +107,10 @@ QJsonObject snapshotOf(const QJsonObject& hello)
 
 } // namespace
 
-class TstRelayQueue : public QObject {
+class TstRelayQueue : public QObject, private RelayFixture {
     Q_OBJECT
 
 private:
-    std::unique_ptr<RelayProcess> m_relay;
-
-    bool startRelay(const QStringList& env = {})
-    {
-        m_relay = std::make_unique<RelayProcess>();
-        return m_relay->start(environment(env));
-    }
-
     bool connectAgentAndClient(RelayClient& agent, RelayClient& client)
     {
         if (!client.open(m_relay->port, m_relay->token) ||
@@ -185,7 +173,7 @@ private:
     }
 
 private Q_SLOTS:
-    void cleanup() { m_relay.reset(); }
+    void cleanup() { stopRelay(); }
 
     void refusesAnOfflineWaitThatIsNoNumberOfSeconds_data()
     {

@@ -4,6 +4,7 @@
 #include "support/loopback_server.h"
 #include "support/process_fixtures.h"
 #include "support/relay_client.h"
+#include "support/relay_fixture.h"
 #include "support/test_support.h"
 #include "websocket_client.h"
 
@@ -21,11 +22,6 @@ using namespace brinmoor::test;
 namespace ws = brinmoor::relay::ws;
 
 namespace {
-
-QJsonObject json(const char* text)
-{
-    return QJsonDocument::fromJson(text).object();
-}
 
 QString typeOf(const QJsonObject& message)
 {
@@ -92,18 +88,10 @@ QJsonObject terminalAck(const QString& sessionId, std::optional<qint64> offset)
 
 } // namespace
 
-class TstRelayResume : public QObject {
+class TstRelayResume : public QObject, private RelayFixture {
     Q_OBJECT
 
 private:
-    std::unique_ptr<RelayProcess> m_relay;
-
-    bool startRelay(const QStringList& env = {})
-    {
-        m_relay = std::make_unique<RelayProcess>();
-        return m_relay->start(environment(env));
-    }
-
     // A fake agent, registered, and a client that has seen it do so.
     bool connectAgentAndClient(RelayClient& agent, RelayClient& client)
     {
@@ -145,7 +133,7 @@ private:
     }
 
 private Q_SLOTS:
-    void cleanup() { m_relay.reset(); }
+    void cleanup() { stopRelay(); }
 
     void aClientThatComesBackGetsWhatItMissedOnceAndInOrder()
     {

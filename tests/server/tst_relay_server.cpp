@@ -1,6 +1,7 @@
 #include "support/loopback_server.h"
 #include "support/process_fixtures.h"
 #include "support/relay_client.h"
+#include "support/relay_fixture.h"
 #include "support/test_support.h"
 #include "websocket_client.h"
 
@@ -22,11 +23,6 @@ namespace {
 
 // A token the server takes, for its other settings to be judged.
 constexpr char kLongToken[] = "relay-token-7f3a9c1e5b2d4086";
-
-QJsonObject json(const char* text)
-{
-    return QJsonDocument::fromJson(text).object();
-}
 
 QString typeOf(const QJsonObject& message)
 {
@@ -65,18 +61,10 @@ struct HeldRequest {
 
 } // namespace
 
-class TstRelayServer : public QObject {
+class TstRelayServer : public QObject, private RelayFixture {
     Q_OBJECT
 
 private:
-    std::unique_ptr<RelayProcess> m_relay;
-
-    bool startRelay(const QStringList& env = {})
-    {
-        m_relay = std::make_unique<RelayProcess>();
-        return m_relay->start(environment(env));
-    }
-
     // A fake agent, registered, and a client that has seen it come online.
     void connectAgentAndClient(RelayClient& agent, RelayClient& client,
                                const QString& agentId = QStringLiteral("mac-1"))
@@ -101,7 +89,7 @@ private:
     }
 
 private Q_SLOTS:
-    void cleanup() { m_relay.reset(); }
+    void cleanup() { stopRelay(); }
 
     void refusesToStartWithoutAUsableSetting_data()
     {

@@ -4,6 +4,7 @@
 #include "support/loopback_server.h"
 #include "support/process_fixtures.h"
 #include "support/relay_client.h"
+#include "support/relay_fixture.h"
 #include "support/test_support.h"
 #include "test_certificate_authority.h"
 #include "websocket_client.h"
@@ -89,20 +90,18 @@ bool datedCertificate(const QString& dir, const QString& stem, const QStringList
 
 } // namespace
 
-class TstRelayTls : public QObject {
+class TstRelayTls : public QObject, private RelayFixture {
     Q_OBJECT
 
 private:
     std::unique_ptr<TestCertificateAuthority> m_ca;
-    std::unique_ptr<RelayProcess> m_relay;
     TestCertificateAuthority::Issued m_local;
 
     bool startRelay(const TestCertificateAuthority::Issued& files, const QStringList& env = {})
     {
-        m_relay = std::make_unique<RelayProcess>();
-        return m_relay->start(environment(QStringList{QStringLiteral("BRINMOOR_TLS_CERT=") + files.certificate,
-                                                      QStringLiteral("BRINMOOR_TLS_KEY=") + files.key} +
-                                          env));
+        return RelayFixture::startRelay(QStringList{QStringLiteral("BRINMOOR_TLS_CERT=") + files.certificate,
+                                                    QStringLiteral("BRINMOOR_TLS_KEY=") + files.key} +
+                                        env);
     }
 
 private Q_SLOTS:
@@ -114,7 +113,7 @@ private Q_SLOTS:
         QVERIFY(!m_local.certificate.isEmpty());
     }
 
-    void cleanup() { m_relay.reset(); }
+    void cleanup() { stopRelay(); }
 
     void servesEveryEndpointOverTls()
     {
@@ -378,7 +377,7 @@ private Q_SLOTS:
         QVERIFY(startRelay(soon));
         QVERIFY(
             m_relay->waitForLine(QStringLiteral("tls.expires.soon expires=") + expires + QStringLiteral(" days=7")));
-        m_relay.reset();
+        stopRelay();
 
         // A certificate valid for long says nothing of it; an expired one on SIGHUP is not
         // taken.
