@@ -7,21 +7,30 @@
 import { execFile, spawn } from 'node:child_process';
 import { mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
+import { createRequire } from 'node:module';
 import { join } from 'node:path';
+import { pathToFileURL } from 'node:url';
 import { promisify } from 'node:util';
-import puppeteer from 'puppeteer-core';
-
-export const kToken = 'e2e-token-5f1c8a3d9b0e7264c1f5';
-export const kAgentId = 'studio-mac';
-// A name Chromium resolves to loopback for the page, so that the page's origin is not this
-// machine's own address: such a page is a secure context only when it came over HTTPS.
-export const kTestHost = 'brinmoor.test';
 
 function required(name) {
   const value = process.env[name];
   if (!value) throw new Error(`${name} is not set (run through ctest, or set it to the build's folder)`);
   return value;
 }
+
+// The packages are those the build installed in its own folder (nothing is installed in
+// web/): $BRINMOOR_WEB_PACKAGES, by default the node_modules of the build whose binaries
+// run.
+export const packages = createRequire(
+  join(process.env.BRINMOOR_WEB_PACKAGES ?? join(required('BRINMOOR_BIN_DIR'), '../web/node_modules'), 'package.json'),
+);
+const { default: puppeteer } = await import(pathToFileURL(packages.resolve('puppeteer-core')).href);
+
+export const kToken = 'e2e-token-5f1c8a3d9b0e7264c1f5';
+export const kAgentId = 'studio-mac';
+// A name Chromium resolves to loopback for the page, so that the page's origin is not this
+// machine's own address: such a page is a secure context only when it came over HTTPS.
+export const kTestHost = 'brinmoor.test';
 
 // Resolves with the first line of `stream` that `match` accepts; rejects at the deadline.
 function waitForLine(child, stream, match, what, timeoutMs = 20000) {
