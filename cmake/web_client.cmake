@@ -45,6 +45,22 @@ add_custom_command(
   COMMENT "Building the web client (vite build)"
   VERBATIM)
 
+# The same client with the taps the browser tests and the benchmark read (vite build --mode
+# taps): the relay serves it only when BRINMOOR_TEST_WEB_ROOT names its folder, as their
+# harness (web/e2e/harness.mjs) does. After the build above, which checked the types.
+if(BRINMOOR_BUILD_TESTS OR BRINMOOR_BUILD_BENCH)
+  add_custom_command(
+    OUTPUT ${web_build}/dist-taps.stamp
+    COMMAND ${CMAKE_COMMAND} -E env BRINMOOR_BUILD_DIR=${CMAKE_BINARY_DIR}
+            ${BRINMOOR_NODE} ${web_source}/build_support/in_build.mjs taps --outDir ${web_build}/dist-taps --emptyOutDir --logLevel warn
+    COMMAND ${CMAKE_COMMAND} -E touch ${web_build}/dist-taps.stamp
+    DEPENDS ${web_build}/dist.stamp
+    WORKING_DIRECTORY ${web_build}
+    COMMENT "Building the web client with the test taps (vite build --mode taps)"
+    VERBATIM)
+  add_custom_target(brinmoor_web_taps ALL DEPENDS ${web_build}/dist-taps.stamp)
+endif()
+
 # The file names change with every build (they carry content hashes), so the .qrc is
 # written after the build, listing what is there.
 add_custom_command(

@@ -3,6 +3,7 @@
 // $BRINMOOR_BUILD_DIR or ../build), and here the packages are found there.
 //
 //   node build_support/in_build.mjs build [vite options]  type-checks and builds, in BUILD/web/tree
+//   node build_support/in_build.mjs taps [vite options]   builds the client with the test taps, likewise
 //   node build_support/in_build.mjs test [vitest options] the unit tests, in BUILD/web/tree
 //   node build_support/in_build.mjs check                 Prettier and ESLint over web/
 //   node build_support/in_build.mjs format                Prettier rewrites web/
@@ -48,6 +49,10 @@ switch (command) {
     run(tree, 'tsc', '--noEmit', '-p', 'tsconfig.sw.json');
     run(tree, 'vite', 'build', ...args);
     break;
+  case 'taps':
+    stage();
+    run(tree, 'vite', 'build', '--mode', 'taps', ...args);
+    break;
   case 'test':
     stage();
     run(tree, 'vitest', 'run', ...args);
@@ -68,7 +73,7 @@ switch (command) {
     console.error(
       `usage: node ${relative(process.cwd(), fileURLToPath(import.meta.url))
         .split(sep)
-        .join('/')} build|test|check|format [options]`,
+        .join('/')} build|taps|test|check|format [options]`,
     );
     process.exit(2);
 }
