@@ -8,7 +8,7 @@ import { execFile, spawn } from 'node:child_process';
 import { existsSync, mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { createRequire } from 'node:module';
-import { join } from 'node:path';
+import { join, resolve } from 'node:path';
 import { pathToFileURL } from 'node:url';
 import { promisify } from 'node:util';
 
@@ -22,7 +22,7 @@ function required(name) {
 // web/): $BRINMOOR_WEB_PACKAGES, by default the node_modules of the build whose binaries
 // run.
 export const packages = createRequire(
-  join(process.env.BRINMOOR_WEB_PACKAGES ?? join(required('BRINMOOR_BIN_DIR'), '../web/node_modules'), 'package.json'),
+  resolve(process.env.BRINMOOR_WEB_PACKAGES ?? join(required('BRINMOOR_BIN_DIR'), '../web/node_modules'), 'package.json'),
 );
 const { default: puppeteer } = await import(pathToFileURL(packages.resolve('puppeteer-core')).href);
 
@@ -278,7 +278,7 @@ export class World {
   // listens on. Unless told otherwise, it serves the client built with the taps the tests
   // and the benchmark read (BUILD/web/dist-taps), not the one it ships.
   async spawnRelay(env) {
-    const client = process.env.BRINMOOR_TEST_WEB_ROOT ?? join(this.bin, '../web/dist-taps');
+    const client = resolve(process.env.BRINMOOR_TEST_WEB_ROOT ?? join(this.bin, '../web/dist-taps'));
     if (this.taps && !existsSync(join(client, 'index.html')))
       throw new Error(`no client with the test taps in ${client}; build first (scripts/build)`);
     this.relay = spawn(join(this.bin, 'brinmoor-server'), [], {
