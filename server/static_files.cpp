@@ -4,6 +4,7 @@
 
 #include <QCryptographicHash>
 #include <QDirIterator>
+#include <QFile>
 #include <QHash>
 #include <QResource>
 
@@ -47,8 +48,21 @@ struct File {
     bool hasEncodings() const { return !gzip.bytes.isEmpty() || !brotli.bytes.isEmpty(); }
 };
 
+// Where the files are: the client compiled in, or the folder BRINMOOR_TEST_WEB_ROOT names.
+// Only the browser tests and the benchmark set it, to load a build of the client that
+// carries their taps (web/README.md); a relay serves its own client otherwise.
+QString webRoot()
+{
+    const QString folder = qEnvironmentVariable("BRINMOOR_TEST_WEB_ROOT");
+    return folder.isEmpty() ? QString::fromLatin1(kRoot) : QDir(folder).absolutePath();
+}
+
 QByteArray resourceBytes(const QString& path)
 {
+    if (!path.startsWith(u':')) {
+        QFile file(path);
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
     const QResource resource(path);
     if (!resource.isValid())
         return {};
@@ -91,12 +105,13 @@ const QHash<QByteArray, File>& files()
     static const QHash<QByteArray, File> table = [] {
         initWebResources();
         QHash<QByteArray, File> all;
-        QDirIterator it(QString::fromLatin1(kRoot), QDir::Files, QDirIterator::Subdirectories);
+        const QString root = webRoot();
+        QDirIterator it(root, QDir::Files, QDirIterator::Subdirectories);
         while (it.hasNext()) {
             const QString resourcePath = it.next();
             if (resourcePath.endsWith(QLatin1String(".gz")) || resourcePath.endsWith(QLatin1String(".br")))
                 continue;
-            QByteArray urlPath = resourcePath.mid(kRoot.size()).toUtf8();
+            QByteArray urlPath = resourcePath.mid(root.size()).toUtf8();
             File file{body(resourceBytes(resourcePath)), body(resourceBytes(resourcePath + QStringLiteral(".gz"))),
                       body(resourceBytes(resourcePath + QStringLiteral(".br"))), contentTypeOf(urlPath),
                       urlPath.startsWith(kHashedPrefix)};

@@ -106,7 +106,10 @@ function precompress(): Plugin {
   };
 }
 
-export default defineConfig({
+// `vite build --mode taps` is the client the browser tests and the benchmark load: it has
+// their taps (src/taps.d.ts), as have the unit tests. The client that ships has none.
+export default defineConfig(({ mode }) => ({
+  define: { __BRINMOOR_TAPS__: JSON.stringify(mode === 'taps' || mode === 'test') },
   esbuild: { jsx: 'automatic', jsxImportSource: 'preact' },
   build: {
     target: 'es2022',
@@ -126,4 +129,4 @@ export default defineConfig({
     environment: 'node',
     include: ['test/**/*.test.ts'],
   },
-});
+}));

@@ -3,13 +3,12 @@
 // 1440 pixels wide, in light and in dark mode.
 import assert from 'node:assert/strict';
 import { readFileSync, writeFileSync } from 'node:fs';
-import { createRequire } from 'node:module';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
-import { claudeStream, clickText, codexStream, kAgentId, kToken, pageSettled, testLeavingPictures, World } from './harness.mjs';
+import { claudeStream, clickText, codexStream, kAgentId, kToken, packages, pageSettled, testLeavingPictures, World } from './harness.mjs';
 
 const world = new World();
-const axeSource = readFileSync(createRequire(import.meta.url).resolve('axe-core/axe.min.js'), 'utf8');
+const axeSource = readFileSync(packages.resolve('axe-core/axe.min.js'), 'utf8');
 const kWidths = [320, 390, 1440];
 const kSchemes = ['light', 'dark'];
 let page;

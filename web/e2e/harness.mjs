@@ -5,23 +5,32 @@
 // authority, and Chromium takes exactly that certificate's key (no switch that ignores
 // every certificate error).
 import { execFile, spawn } from 'node:child_process';
-import { mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
+import { existsSync, mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
-import { join } from 'node:path';
+import { createRequire } from 'node:module';
+import { join, resolve } from 'node:path';
+import { pathToFileURL } from 'node:url';
 import { promisify } from 'node:util';
-import puppeteer from 'puppeteer-core';
-
-export const kToken = 'e2e-token-5f1c8a3d9b0e7264c1f5';
-export const kAgentId = 'studio-mac';
-// A name Chromium resolves to loopback for the page, so that the page's origin is not this
-// machine's own address: such a page is a secure context only when it came over HTTPS.
-export const kTestHost = 'brinmoor.test';
 
 function required(name) {
   const value = process.env[name];
   if (!value) throw new Error(`${name} is not set (run through ctest, or set it to the build's folder)`);
   return value;
 }
+
+// The packages are those the build installed in its own folder (nothing is installed in
+// web/): $BRINMOOR_WEB_PACKAGES, by default the node_modules of the build whose binaries
+// run.
+export const packages = createRequire(
+  resolve(process.env.BRINMOOR_WEB_PACKAGES ?? join(required('BRINMOOR_BIN_DIR'), '../web/node_modules'), 'package.json'),
+);
+const { default: puppeteer } = await import(pathToFileURL(packages.resolve('puppeteer-core')).href);
+
+export const kToken = 'e2e-token-5f1c8a3d9b0e7264c1f5';
+export const kAgentId = 'studio-mac';
+// A name Chromium resolves to loopback for the page, so that the page's origin is not this
+// machine's own address: such a page is a secure context only when it came over HTTPS.
+export const kTestHost = 'brinmoor.test';
 
 // Resolves with the first line of `stream` that `match` accepts; rejects at the deadline.
 function waitForLine(child, stream, match, what, timeoutMs = 20000) {
@@ -88,9 +97,11 @@ export class World {
   // host: the name the page is opened at (127.0.0.1, or kTestHost); tls: whether the relay
   // speaks HTTPS and WSS; relayEnv: settings of the relay beyond port, address and token;
   // networkEnabled: whether DevTools follows the pages' network traffic (the tests that
-  // watch the socket or take the network away need it).
-  constructor({ host = '127.0.0.1', tls = false, relayEnv = {}, networkEnabled = true } = {}) {
+  // watch the socket or take the network away need it); taps: whether the relay serves the
+  // client built with the tests' taps, or the one it ships.
+  constructor({ host = '127.0.0.1', tls = false, relayEnv = {}, networkEnabled = true, taps = true } = {}) {
     this.host = host;
+    this.taps = taps;
     this.networkEnabled = networkEnabled;
     this.tls = tls;
     this.relayEnv = relayEnv;
@@ -264,9 +275,16 @@ export class World {
   }
 
   // Starts the relay with this environment, its output added to relayLog; the port it
-  // listens on.
+  // listens on. Unless told otherwise, it serves the client built with the taps the tests
+  // and the benchmark read (BUILD/web/dist-taps), not the one it ships.
   async spawnRelay(env) {
-    this.relay = spawn(join(this.bin, 'brinmoor-server'), [], { env, stdio: ['ignore', 'pipe', 'inherit'] });
+    const client = resolve(process.env.BRINMOOR_TEST_WEB_ROOT ?? join(this.bin, '../web/dist-taps'));
+    if (this.taps && !existsSync(join(client, 'index.html')))
+      throw new Error(`no client with the test taps in ${client}; build first (scripts/build)`);
+    this.relay = spawn(join(this.bin, 'brinmoor-server'), [], {
+      env: this.taps ? { ...env, BRINMOOR_TEST_WEB_ROOT: client } : env,
+      stdio: ['ignore', 'pipe', 'inherit'],
+    });
     this.relay.stdout.setEncoding('utf8');
     this.relay.stdout.on('data', (data) => (this.relayLog += data));
     const port = await waitForLine(this.relay, this.relay.stdout, (line) => /^listening port=(\d+)$/.exec(line)?.[1], 'listening line');

@@ -1,14 +1,14 @@
 // Runs every browser suite (e2e/*.e2e.mjs, or those named on the command line) one
 // after another against a built relay and agent, and says which failed. The binaries are
 // found as the suites find them: BRINMOOR_BIN_DIR and BRINMOOR_FAKE_TOOLS_DIR, by
-// default those of the build folder beside web/.
+// default those of the build folder ($BRINMOOR_BUILD_DIR, or the one beside web/).
 import { spawnSync } from 'node:child_process';
 import { existsSync, readdirSync } from 'node:fs';
 import { dirname, join, resolve } from 'node:path';
 import { fileURLToPath } from 'node:url';
 
 const here = dirname(fileURLToPath(import.meta.url));
-const build = resolve(here, '../../build');
+const build = resolve(process.env.BRINMOOR_BUILD_DIR ?? join(here, '../../build'));
 const env = {
   ...process.env,
   BRINMOOR_BIN_DIR: process.env.BRINMOOR_BIN_DIR ?? join(build, 'bin'),

@@ -10,9 +10,8 @@ import { skipEmptySelectionRedraws } from './terminal_redraws';
 const kReplayIdleMs = 150;
 
 // The browser tests check every byte a terminal is given through this function, which
-// only they define.
+// only they define, in the build made for them.
 type TerminalTap = (sessionId: string, data: string, reset: boolean) => void;
-const testTap = (): TerminalTap | undefined => (globalThis as { brinmoorTerminalTap?: TerminalTap }).brinmoorTerminalTap;
 
 function theme() {
   const dark = matchMedia('(prefers-color-scheme: dark)').matches;
@@ -94,7 +93,7 @@ export class TerminalController {
         // Live output is made for the view's width: what came before is drawn first.
         if (replayCols === undefined && this.atReplayWidth) this.term.write('', () => this.refit());
         else this.drawReplayAt(replayCols);
-        testTap()?.(session.sessionId, data, reset);
+        if (__BRINMOOR_TAPS__) (globalThis as { brinmoorTerminalTap?: TerminalTap }).brinmoorTerminalTap?.(session.sessionId, data, reset);
         if (replayCols !== undefined) this.replayPieces++;
         this.term.write(data, () => {
           rendered();

@@ -1,0 +1,79 @@
+// Runs the web client's tools with the packages the build installed. Nothing is installed
+// in web/: the build runs `npm ci` in its own folder (BUILD/web, BUILD being
+// $BRINMOOR_BUILD_DIR or ../build), and here the packages are found there.
+//
+//   node build_support/in_build.mjs build [vite options]  type-checks and builds, in BUILD/web/tree
+//   node build_support/in_build.mjs taps [vite options]   builds the client with the test taps, likewise
+//   node build_support/in_build.mjs test [vitest options] the unit tests, in BUILD/web/tree
+//   node build_support/in_build.mjs check                 Prettier and ESLint over web/
+//   node build_support/in_build.mjs format                Prettier rewrites web/
+//
+// Vite, TypeScript and Vitest resolve a package from the folder of the file that imports
+// it, so they run in a copy of web/ made in BUILD/web/tree, beside the packages (the
+// README too, which the build makes a page of). Prettier and ESLint run over web/ itself,
+// so that what they report and rewrite is the developer's own files.
+import { spawnSync } from 'node:child_process';
+import { copyFileSync, cpSync, existsSync, rmSync } from 'node:fs';
+import { dirname, join, relative, resolve, sep } from 'node:path';
+import { fileURLToPath } from 'node:url';
+
+const web = resolve(dirname(fileURLToPath(import.meta.url)), '..');
+const build = resolve(process.env.BRINMOOR_BUILD_DIR ?? join(web, '../build'));
+const webBuild = join(build, 'web');
+const tree = join(webBuild, 'tree');
+const bin = (name) => join(webBuild, 'node_modules/.bin', name);
+
+function run(cwd, tool, ...args) {
+  const result = spawnSync(bin(tool), args, { cwd, stdio: 'inherit' });
+  if (result.error) throw result.error;
+  if (result.status !== 0) process.exit(result.status ?? 1);
+}
+
+// The sources as they are now, in place of the last copy.
+function stage() {
+  rmSync(tree, { recursive: true, force: true });
+  const skipped = new Set(['node_modules', 'dist'].map((name) => join(web, name)));
+  cpSync(web, tree, { recursive: true, filter: (path) => !skipped.has(path) });
+  copyFileSync(join(web, '../README.md'), join(webBuild, 'README.md'));
+}
+
+if (!existsSync(bin('vite'))) {
+  console.error(`web: no packages in ${join(webBuild, 'node_modules')}; build first (scripts/build), or set BRINMOOR_BUILD_DIR`);
+  process.exit(2);
+}
+const [command, ...args] = process.argv.slice(2);
+switch (command) {
+  case 'build':
+    stage();
+    run(tree, 'tsc', '--noEmit');
+    run(tree, 'tsc', '--noEmit', '-p', 'tsconfig.sw.json');
+    run(tree, 'vite', 'build', ...args);
+    break;
+  case 'taps':
+    stage();
+    run(tree, 'vite', 'build', '--mode', 'taps', ...args);
+    break;
+  case 'test':
+    stage();
+    run(tree, 'vitest', 'run', ...args);
+    break;
+  case 'check': {
+    run(web, 'prettier', '--check', '.');
+    // The configuration imports packages, so ESLint loads a copy of it from beside them;
+    // its patterns still apply to web/, the folder it runs in.
+    const config = join(webBuild, 'eslint.config.js');
+    copyFileSync(join(web, 'eslint.config.js'), config);
+    run(web, 'eslint', '--config', config, '.');
+    break;
+  }
+  case 'format':
+    run(web, 'prettier', '--write', '.');
+    break;
+  default:
+    console.error(
+      `usage: node ${relative(process.cwd(), fileURLToPath(import.meta.url))
+        .split(sep)
+        .join('/')} build|taps|test|check|format [options]`,
+    );
+    process.exit(2);
+}
