@@ -190,6 +190,9 @@ export class World {
         PATH: `${this.fakeTools}:${process.env.PATH}`,
         XDG_CONFIG_HOME: join(this.root, 'config'),
         XDG_STATE_HOME: join(this.root, 'state'),
+        // The assistants keep their sessions here, not in the home folder of whoever runs the tests.
+        CLAUDE_CONFIG_DIR: join(this.root, 'claude'),
+        CODEX_HOME: join(this.root, 'codex'),
         BRINMOOR_SERVER_URL: this.relayURL,
         ...(this.authority ? { BRINMOOR_TLS_CA: this.authority } : {}),
         BRINMOOR_AGENT_ID: kAgentId,
