@@ -13,13 +13,15 @@ class TaskHost;
 // Cuts one stream of a task child's output into task log lines. Without numbered lines
 // each read is cut as it came (sendOutput): a line cut by a read boundary arrives as two.
 // With numbered lines the piece after a read's last newline waits for the rest of its
-// line: until the next read brings it, the output ends (`flush`), or 50 ms pass with no
-// more on its way (a prompt that waits for input is shown).
+// line: until the next read brings it, the output ends (`flush`), or a second passes with
+// no more on its way ("Downloading… " before a pause is shown). A busy computer can keep
+// a program from writing the rest of its line for tens of milliseconds; a shorter wait
+// cut such lines in two.
 class OutputLines : public QObject {
     Q_OBJECT
 
 public:
-    static constexpr int kWaitMilliseconds = 50;
+    static constexpr int kWaitMilliseconds = 1000;
 
     OutputLines(TaskHost& host, QString taskId, QObject* parent = nullptr);
 

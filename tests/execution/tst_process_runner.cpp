@@ -108,12 +108,28 @@ private Q_SLOTS:
         QCOMPARE(numbered, (QStringList{u"1 a"_qs, u"2 half line"_qs, u"3 "_qs, u"4 oops"_qs, u"5 end"_qs}));
     }
 
-    // A line that waits for input is shown without its newline once 50 ms pass.
+    // A writer that a busy computer keeps from its next write for a moment still gives
+    // whole lines.
+    void aLineWhoseWriterPausesArrivesWhole()
+    {
+        AgentFixture f;
+        QVERIFY(f.connect());
+        f.shell(QStringLiteral("t"), QStringLiteral("printf '1\\n12'; sleep 0.3; printf '345\\n6\\n'"));
+        QVERIFY(f.server.waitForTask(QStringLiteral("task.finished"), QStringLiteral("t")));
+        QStringList lines;
+        for (const QJsonObject& m : f.server.messagesOfType(QStringLiteral("task.log"), QStringLiteral("t"))) {
+            if (m.contains(QStringLiteral("number")))
+                lines.append(m.value(QStringLiteral("line")).toString());
+        }
+        QCOMPARE(lines, (QStringList{u"1"_qs, u"12345"_qs, u"6"_qs}));
+    }
+
+    // A line without its newline is shown once a second passes with no more of it.
     void aLineWithoutItsNewlineIsShownSoon()
     {
         AgentFixture f;
         QVERIFY(f.connect());
-        f.shell(QStringLiteral("t"), QStringLiteral("printf 'Password: '; sleep 1; print done"));
+        f.shell(QStringLiteral("t"), QStringLiteral("printf 'Password: '; sleep 3; print done"));
         QVERIFY(f.server.waitFor([](const QJsonObject& m) {
             return m.value(QStringLiteral("line")).toString() == QLatin1String("Password: ");
         }));
