@@ -6,6 +6,8 @@
 #include <QHash>
 #include <QJsonDocument>
 
+#include <initializer_list>
+
 namespace brinmoor::relay::ClientCommands {
 
 namespace {
@@ -87,16 +89,29 @@ ClientCommand makeAcknowledgeTask(const QString&, const QJsonObject& message)
                            countOf(message.value(QStringLiteral("line")))};
 }
 
-ClientCommand makeReadTaskOutput(const QString& type, const QJsonObject& message)
+// The read's own members of `from`, those it has, to go to the agent.
+QJsonObject picked(const QJsonObject& from, std::initializer_list<const char*> keys)
 {
-    ReadTaskOutput read{requestIdOf(message), type, stringOf(message, "agentId"), {}, {}, {}, {}};
+    QJsonObject payload;
+    for (const char* key : keys) {
+        const QJsonValue value = from.value(QLatin1String(key));
+        if (!value.isUndefined())
+            payload.insert(QLatin1String(key), value);
+    }
+    return payload;
+}
+
+ClientCommand makeAgentRead(const QString& type, const QJsonObject& message)
+{
+    AgentRead read{requestIdOf(message), type, stringOf(message, "agentId"), QJsonValue(QJsonValue::Undefined), {}};
+    const QJsonObject payload = message.value(QStringLiteral("payload")).toObject();
     if (type == Types::TaskOutputRead) {
         read.taskId = message.value(QStringLiteral("taskId"));
-        read.count = message.value(QStringLiteral("count"));
-        read.from = message.value(QStringLiteral("from"));
-        read.match = message.value(QStringLiteral("match"));
-    } else {
-        read.taskId = QJsonValue(QJsonValue::Undefined);
+        read.payload = picked(message, {"count", "from", "match"});
+    } else if (type == Types::SessionsList) {
+        read.payload = picked(payload, {"projectPath"});
+    } else if (type == Types::SessionsRead) {
+        read.payload = picked(payload, {"tool", "id", "before"});
     }
     return read;
 }
@@ -136,8 +151,18 @@ const QHash<QString, Shape>& shapes()
                {QLatin1String("count"), Kind::Count},
                {QLatin1String("from"), Kind::Position, Presence::Optional},
                {QLatin1String("match"), Kind::Text, Presence::Optional}},
-              makeReadTaskOutput}},
-            {Types::TasksList, {{agentId}, makeReadTaskOutput}},
+              makeAgentRead}},
+            {Types::TasksList, {{agentId}, makeAgentRead}},
+            {Types::SessionsList,
+             {{agentId, payload, {QLatin1String("projectPath"), Kind::String, Presence::Required, true}},
+              makeAgentRead}},
+            {Types::SessionsRead,
+             {{agentId,
+               payload,
+               {QLatin1String("tool"), Kind::Id, Presence::Required, true},
+               {QLatin1String("id"), Kind::Id, Presence::Required, true},
+               {QLatin1String("before"), Kind::Count, Presence::Optional, true}},
+              makeAgentRead}},
             {Types::PermissionDecision,
              {{{QLatin1String("requestId"), Kind::String}, {QLatin1String("decision"), Kind::Decision}},
               makeDecidePermission}},

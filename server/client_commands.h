@@ -46,18 +46,17 @@ struct AcknowledgeTask {
     std::optional<qint64> line;
 };
 
-// "task.output.read" and "tasks.list": a read of what the agent keeps, answered to this
-// client alone. The values go to the agent as the client wrote them.
-struct ReadTaskOutput {
+// A read of what the agent keeps or finds, answered to this client alone:
+// "task.output.read" and "tasks.list" (its tasks' kept output), "sessions.list" and
+// "sessions.read" (the coding assistants' sessions). It goes to the agent as `type` with
+// `taskId` and `payload`, the values as the client wrote them, and the relay's "readId"
+// added to the payload.
+struct AgentRead {
     QJsonValue requestId;
     QString type;
     QString agentId;
-    QJsonValue taskId; // undefined for "tasks.list"
-    QJsonValue count;  // these three only for "task.output.read"
-    QJsonValue from;
-    QJsonValue match;
-
-    bool isList() const { return taskId.isUndefined(); }
+    QJsonValue taskId; // undefined but for "task.output.read"
+    QJsonObject payload;
 };
 
 // A command the relay hands the agent as it is ("task.cancel", the terminal commands, …).
@@ -77,7 +76,7 @@ struct DecidePermission {
     QJsonValue updatedInput;
 };
 
-using ClientCommand = std::variant<CreateTask, ResumeFrom, AcknowledgeTerminal, AcknowledgeTask, ReadTaskOutput,
+using ClientCommand = std::variant<CreateTask, ResumeFrom, AcknowledgeTerminal, AcknowledgeTask, AgentRead,
                                    ForwardToAgent, DecidePermission>;
 
 // Why a message was not taken: what the client is answered with an "error".

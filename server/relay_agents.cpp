@@ -117,7 +117,7 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
     QByteArray rewritten;
     QByteArrayView relayed = reading.body;
     if (std::optional<QJsonObject>& message = reading.message) {
-        if (answerTaskRead(agent.agentId, *message))
+        if (answerRead(agent.agentId, *message))
             return; // for one client alone, not logged
         if (refusedAsBusy(agent, *message))
             return;

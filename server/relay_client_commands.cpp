@@ -89,7 +89,7 @@ void RelayServer::clientClosed(RelayConnection& connection)
         tellAgentWindow(window);
     for (const TerminalFlow::Window& window : m_taskFlow.removeClient(&connection))
         tellAgentTaskWindow(window);
-    m_taskReads.removeClient(&connection);
+    m_reads.removeClient(&connection);
     for (QSet<RelayConnection*>& pacers : m_taskPacers)
         pacers.remove(&connection);
     if (connection.closeReason().isEmpty()) {

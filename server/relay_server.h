@@ -1,5 +1,6 @@
 #pragma once
 
+#include "agent_reads.h"
 #include "agent_stream.h"
 #include "client_broadcast.h"
 #include "client_commands.h"
@@ -11,7 +12,6 @@
 #include "relay_messages.h"
 #include "replay_service.h"
 #include "task_queue.h"
-#include "task_reads.h"
 #include "terminal_flow.h"
 
 #include <QElapsedTimer>
@@ -138,12 +138,15 @@ private:
 
     // Tasks' kept output (relay_task_output.cpp).
     void run(RelayConnection& client, const AcknowledgeTask& command);
-    void run(RelayConnection& client, const ReadTaskOutput& command);
     void tellAgentTaskWindow(const TerminalFlow::Window& window);
     // A task went to the agent: who paces it from its first line.
     void startTaskPace(const QString& agentId, const QString& taskId);
-    // Whether the agent's message answers a read; if so it went to the client that asked.
-    bool answerTaskRead(const QString& agentId, const QJsonObject& message);
+
+    // Reads of what an agent keeps or finds (relay_agent_reads.cpp).
+    void run(RelayConnection& client, const AgentRead& command);
+    // Whether the agent's message answers a read; if so it went to the client that asked,
+    // if that one still waits for it.
+    bool answerRead(const QString& agentId, const QJsonObject& message);
 
     // Pacers that stopped acknowledging (relay_pace_stalls.cpp).
     void watchPace();
@@ -172,7 +175,7 @@ private:
     QHash<QString, QHash<QString, std::optional<qint64>>> m_pendingWindows; // agent id, session id
     TerminalFlow m_terminalFlow;
     TerminalFlow m_taskFlow; // the same pace, of tasks' output: task ids, and lines for offsets
-    TaskReads m_taskReads;
+    AgentReads m_reads;
     QHash<QString, QSet<RelayConnection*>> m_taskPacers; // agent id: the clients that pace its tasks
     QTimer m_trimTimer;
     QTimer m_paceTimer; // runs while some client paces something

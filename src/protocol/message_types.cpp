@@ -16,6 +16,12 @@ const QStringList& taskOutputCommands()
     return types;
 }
 
+const QStringList& sessionsCommands()
+{
+    static const QStringList types{SessionsList, SessionsRead};
+    return types;
+}
+
 const QStringList& agentCommands()
 {
     static const QStringList types = QStringList{TaskCancel, TaskApproval, ProjectsList} + terminalCommands();

@@ -13,6 +13,8 @@ inline constexpr QLatin1String TaskAck("task.ack");
 inline constexpr QLatin1String TaskOutputRead("task.output.read");
 inline constexpr QLatin1String TasksList("tasks.list");
 inline constexpr QLatin1String ProjectsList("projects.list");
+inline constexpr QLatin1String SessionsList("sessions.list");
+inline constexpr QLatin1String SessionsRead("sessions.read");
 inline constexpr QLatin1String ClientResume("client.resume");
 inline constexpr QLatin1String PermissionDecision("permission.decision");
 inline constexpr QLatin1String TerminalOpen("terminal.open");
@@ -35,6 +37,8 @@ inline constexpr QLatin1String TaskFailed("task.failed");
 inline constexpr QLatin1String TaskCancelled("task.cancelled");
 inline constexpr QLatin1String TaskOutput("task.output");
 inline constexpr QLatin1String TasksKept("tasks.kept");
+inline constexpr QLatin1String SessionsListed("sessions.listed");
+inline constexpr QLatin1String SessionsHistory("sessions.history");
 inline constexpr QLatin1String TerminalOpened("terminal.opened");
 inline constexpr QLatin1String TerminalClosed("terminal.closed");
 
@@ -45,9 +49,15 @@ const QStringList& terminalCommands();
 // task's readers, and reads of what the agent keeps.
 const QStringList& taskOutputCommands();
 
-// What a client may send an agent through the relay, besides "task.create": the
+// What a relay that offers the coding assistants' sessions sends an agent: the reads of
+// a project's sessions and of one session's history, each with the relay's "readId".
+const QStringList& sessionsCommands();
+
+// What a client may send an agent through the relay as it is, besides "task.create": the
 // cancellation and approval of a task, the request for the projects under the
-// repository root, and the terminal commands.
+// repository root, and the terminal commands. Reads of what the agent keeps or finds
+// (taskOutputCommands(), sessionsCommands()) are not among them: the relay gives each
+// its own id.
 const QStringList& agentCommands();
 
 } // namespace brinmoor::MessageTypes

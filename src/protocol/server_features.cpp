@@ -12,7 +12,7 @@ namespace {
 QList<bool*> flags(ServerFeatures& features)
 {
     return {&features.seq, &features.ack,      &features.grace, &features.state, &features.pacing,
-            &features.end, &features.projects, &features.files, &features.lines};
+            &features.end, &features.projects, &features.files, &features.lines, &features.sessions};
 }
 
 } // namespace
@@ -21,7 +21,8 @@ const QStringList& ServerFeatures::names()
 {
     static const QStringList names{QStringLiteral("seq"),      QStringLiteral("ack"),    QStringLiteral("grace"),
                                    QStringLiteral("state"),    QStringLiteral("pacing"), QStringLiteral("end"),
-                                   QStringLiteral("projects"), QStringLiteral("files"),  QStringLiteral("lines")};
+                                   QStringLiteral("projects"), QStringLiteral("files"),  QStringLiteral("lines"),
+                                   QStringLiteral("sessions")};
     return names;
 }
 

@@ -40,6 +40,9 @@ struct ServerFeatures {
     // readers pace it ("task.ack"), and clients read it back ("task.output.read",
     // "tasks.list").
     bool lines = false;
+    // The agent lists and reads the coding assistants' sessions of a project, found on
+    // the computer: "sessions.list", "sessions.read".
+    bool sessions = false;
     // The newest seq the server has of this agent (0: none).
     qint64 serverHas = 0;
 

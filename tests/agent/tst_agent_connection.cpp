@@ -57,7 +57,8 @@ private Q_SLOTS:
                 QStringLiteral("start requested"),
                 QStringLiteral("connected serverURL=") + url + QStringLiteral(" agentId=test-agent"), registered,
                 QStringLiteral("received agent.hello"),
-                QStringLiteral("server.extensions features=seq,ack,grace,state,pacing,end,projects,files,lines seq=0"),
+                QStringLiteral(
+                    "server.extensions features=seq,ack,grace,state,pacing,end,projects,files,lines,sessions seq=0"),
                 registered}));
         QCOMPARE(f.server.preludes().size(), 1);
         QCOMPARE(f.server.preludes().first(), reg);

@@ -38,12 +38,12 @@ private Q_SLOTS:
         QCOMPARE(
             QJsonDocument(all.hello()).toJson(QJsonDocument::Compact),
             QByteArray(
-                R"({"payload":{"features":["seq","ack","grace","state","pacing","end","projects","files","lines"],"seq":42},)"
+                R"({"payload":{"features":["seq","ack","grace","state","pacing","end","projects","files","lines","sessions"],"seq":42},)"
                 R"("type":"agent.hello"})"));
         const std::optional<ServerFeatures> features = offered(QJsonDocument(all.hello()).toJson());
         QVERIFY(features);
         QVERIFY(features->seq && features->ack && features->grace && features->state && features->pacing &&
-                features->end && features->projects && features->files);
+                features->end && features->projects && features->files && features->lines && features->sessions);
         QVERIFY(features->keepsUnconfirmed());
         QCOMPARE(features->serverHas, 42);
         QCOMPARE(features->named(), ServerFeatures::names());
@@ -63,6 +63,25 @@ private Q_SLOTS:
         const std::optional<ServerFeatures> none = offered(R"({"type":"agent.hello","payload":{"features":[]}})");
         QVERIFY(none);
         QVERIFY(none->named().isEmpty());
+    }
+
+    void sessionsAreNamedLast()
+    {
+        QCOMPARE(ServerFeatures::names().last(), QStringLiteral("sessions"));
+        const std::optional<ServerFeatures> features =
+            offered(R"({"type":"agent.hello","payload":{"features":["sessions","lines"]}})");
+        QVERIFY(features);
+        QVERIFY(features->sessions && features->lines && !features->projects);
+        QCOMPARE(features->named(), (QStringList{QStringLiteral("lines"), QStringLiteral("sessions")}));
+        ServerFeatures only;
+        only.sessions = true;
+        QCOMPARE(QJsonDocument(only.hello()).toJson(QJsonDocument::Compact),
+                 QByteArray(R"({"payload":{"features":["sessions"],"seq":0},"type":"agent.hello"})"));
+        // A server that does not name it offers no sessions.
+        const std::optional<ServerFeatures> older =
+            offered(R"({"type":"agent.hello","payload":{"features":["seq","ack","lines"]}})");
+        QVERIFY(older);
+        QVERIFY(!older->sessions);
     }
 
     void confirmationsAreOfNumberedMessages()

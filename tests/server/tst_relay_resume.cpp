@@ -501,7 +501,7 @@ private Q_SLOTS:
         QVERIFY(agent.openAgent(m_relay->port, QStringLiteral("mac-1"), m_relay->token, false));
         QCOMPARE(agent.messages().first(),
                  json("{\"type\":\"agent.hello\",\"payload\":{\"seq\":0,\"features\":[\"seq\",\"ack\",\"grace\","
-                      "\"state\",\"pacing\",\"end\",\"projects\",\"files\",\"lines\"]}}"));
+                      "\"state\",\"pacing\",\"end\",\"projects\",\"files\",\"lines\",\"sessions\"]}}"));
         agent.send(json("{\"type\":\"agent.stream\",\"first\":100,\"next\":100}"));
         for (int i = 1; i <= 3; ++i)
             agent.sendText(logLine(QStringLiteral("t"), i));
@@ -513,7 +513,7 @@ private Q_SLOTS:
         QVERIFY(again.openAgent(m_relay->port, QStringLiteral("mac-1"), m_relay->token, false));
         QCOMPARE(again.messages().first(),
                  json("{\"type\":\"agent.hello\",\"payload\":{\"seq\":102,\"features\":[\"seq\",\"ack\",\"grace\","
-                      "\"state\",\"pacing\",\"end\",\"projects\",\"files\",\"lines\"]}}"));
+                      "\"state\",\"pacing\",\"end\",\"projects\",\"files\",\"lines\",\"sessions\"]}}"));
         again.send(json("{\"type\":\"agent.stream\",\"first\":100,\"next\":101}"));
         for (int i = 2; i <= 4; ++i)
             again.sendText(logLine(QStringLiteral("t"), i));

@@ -1,10 +1,18 @@
-#include "task_reads.h"
+#include "agent_reads.h"
 
+#include "protocol/message_types.h"
 #include "relay_messages.h"
 
 namespace brinmoor::relay {
 
-QString TaskReads::add(RelayConnection* client, const QString& agentId, const QJsonValue& requestId)
+bool AgentReads::isAnswer(const QJsonObject& message)
+{
+    const QString type = message.value(QStringLiteral("type")).toString();
+    return type == MessageTypes::TaskOutput || type == MessageTypes::TasksKept ||
+           type == MessageTypes::SessionsListed || type == MessageTypes::SessionsHistory;
+}
+
+QString AgentReads::add(RelayConnection* client, const QString& agentId, const QJsonValue& requestId)
 {
     const QString readId = QStringLiteral("r") + QString::number(++m_next);
     m_reads.insert(readId, {client, agentId, requestId});
@@ -12,7 +20,7 @@ QString TaskReads::add(RelayConnection* client, const QString& agentId, const QJ
     return readId;
 }
 
-std::optional<TaskReads::Reader> TaskReads::take(const QString& agentId, const QString& readId)
+std::optional<AgentReads::Reader> AgentReads::take(const QString& agentId, const QString& readId)
 {
     const auto found = m_reads.find(readId);
     if (found == m_reads.end() || found->agentId != agentId)
@@ -24,14 +32,14 @@ std::optional<TaskReads::Reader> TaskReads::take(const QString& agentId, const Q
     return reader;
 }
 
-void TaskReads::removeClient(const RelayConnection* client)
+void AgentReads::removeClient(const RelayConnection* client)
 {
     if (!m_perClient.remove(client))
         return;
     m_reads.removeIf([client](const QHash<QString, Reader>::iterator& read) { return read->client == client; });
 }
 
-QByteArray TaskReads::answer(QJsonObject message, const Reader& reader)
+QByteArray AgentReads::answer(QJsonObject message, const Reader& reader)
 {
     message.remove(QStringLiteral("readId"));
     message.remove(QStringLiteral("seq"));

@@ -12,11 +12,12 @@ namespace brinmoor::relay {
 
 class RelayConnection;
 
-// Reads of what agents keep of their tasks ("task.output.read", "tasks.list"): each goes
-// to the agent with an id of the relay's ("readId"), and the agent's answer goes to the
-// client that asked, alone, with the client's "requestId". Bounded: a client waits for
-// at most so many answers at once.
-class TaskReads {
+// Reads a client asks of an agent: what it keeps of its tasks ("task.output.read",
+// "tasks.list") and the coding assistants' sessions it finds ("sessions.list",
+// "sessions.read"). Each goes to the agent with an id of the relay's ("readId"), and the
+// agent's answer goes to the client that asked, alone, with the client's "requestId".
+// Bounded: a client waits for at most so many answers at once.
+class AgentReads {
 public:
     static constexpr int kMaxPerClient = 16;
 
@@ -25,6 +26,10 @@ public:
         QString agentId;
         QJsonValue requestId;
     };
+
+    // Whether the message is an agent's answer to a read ("task.output", "tasks.kept",
+    // "sessions.listed", "sessions.history").
+    static bool isAnswer(const QJsonObject& message);
 
     // Whether the client may ask one more.
     bool canRead(const RelayConnection* client) const { return m_perClient.value(client) < kMaxPerClient; }
