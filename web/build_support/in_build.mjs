@@ -55,11 +55,17 @@ function compileSuites() {
   run(suitesTree, 'tsc', '-p', 'tsconfig.e2e.json', '--outDir', suitesOut);
 }
 
-// Runs a compiled program of e2e/ with the binaries of this build folder.
+// Runs a compiled program of e2e/ with the binaries of this build folder, unless
+// BRINMOOR_BIN_DIR and BRINMOOR_FAKE_TOOLS_DIR name others.
 function runCompiled(name, args) {
   const result = spawnSync(process.execPath, [join(suitesOut, 'e2e', name), ...args], {
     stdio: 'inherit',
-    env: { ...process.env, BRINMOOR_BUILD_DIR: build },
+    env: {
+      BRINMOOR_BIN_DIR: join(build, 'bin'),
+      BRINMOOR_FAKE_TOOLS_DIR: join(build, 'tests/fake_tools'),
+      ...process.env,
+      BRINMOOR_BUILD_DIR: build,
+    },
   });
   if (result.error) throw result.error;
   process.exit(result.status ?? 1);
