@@ -47,7 +47,11 @@ add_custom_command(
 
 # The same client with the taps the browser tests and the benchmark read (vite build --mode
 # taps): the relay serves it only when BRINMOOR_TEST_WEB_ROOT names its folder, as their
-# harness (web/e2e/harness.mjs) does. After the build above, which checked the types.
+# harness (web/e2e/harness.ts) does. After the build above, which checked the types.
+#
+# The browser suites, their harness and the benchmark are TypeScript, which Node does not
+# run: they are type-checked and compiled into BUILD/web/e2e-js (e2e/*.js there), from a
+# copy of web/ of their own, when they or the page's sources their types come from change.
 if(BRINMOOR_BUILD_TESTS OR BRINMOOR_BUILD_BENCH)
   add_custom_command(
     OUTPUT ${web_build}/dist-taps.stamp
@@ -59,6 +63,18 @@ if(BRINMOOR_BUILD_TESTS OR BRINMOOR_BUILD_BENCH)
     COMMENT "Building the web client with the test taps (vite build --mode taps)"
     VERBATIM)
   add_custom_target(brinmoor_web_taps ALL DEPENDS ${web_build}/dist-taps.stamp)
+
+  file(GLOB web_suite_inputs CONFIGURE_DEPENDS ${web_source}/e2e/*)
+  add_custom_command(
+    OUTPUT ${web_build}/e2e-js.stamp
+    COMMAND ${CMAKE_COMMAND} -E env BRINMOOR_BUILD_DIR=${CMAKE_BINARY_DIR}
+            ${BRINMOOR_NODE} ${web_source}/build_support/in_build.mjs suites
+    COMMAND ${CMAKE_COMMAND} -E touch ${web_build}/e2e-js.stamp
+    DEPENDS ${web_build}/npm-ci.stamp ${web_suite_inputs} ${web_inputs} ${web_source}/tsconfig.e2e.json
+    WORKING_DIRECTORY ${web_build}
+    COMMENT "Compiling the browser tests and the web benchmark (tsc)"
+    VERBATIM)
+  add_custom_target(brinmoor_web_suites ALL DEPENDS ${web_build}/e2e-js.stamp)
 endif()
 
 # The file names change with every build (they carry content hashes), so the .qrc is

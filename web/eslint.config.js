@@ -19,7 +19,7 @@ export default tseslint.config(
     languageOptions: { globals: { ...globals.browser } },
   },
   {
-    files: ['e2e/**/*.mjs', 'test/**/*.mjs', 'build_support/**/*.{ts,mjs}', '*.config.{js,ts}'],
+    files: ['e2e/**/*.ts', 'test/**/*.mjs', 'build_support/**/*.{ts,mjs}', '*.config.{js,ts}'],
     languageOptions: { globals: { ...globals.node, ...globals.browser } },
   },
 );

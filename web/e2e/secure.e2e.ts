@@ -10,6 +10,7 @@ import assert from 'node:assert/strict';
 import { mkdirSync, readFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
+import type { Page } from 'puppeteer-core';
 import {
   claudeStream,
   clickText,
@@ -20,15 +21,16 @@ import {
   kToken,
   testLeavingPictures,
   World,
-} from './harness.mjs';
+  type TestPage,
+} from './harness.js';
 
 const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
 const kOffer = 'Get a notification when an approval or a review waits for you.';
 
 const world = new World({ tls: true, host: kTestHost });
-let page;
+let page: TestPage;
 // The page a failing test leaves a picture of.
-let current;
+let current: TestPage;
 
 const test = testLeavingPictures(nodeTest, '', () => [[current, '']]);
 
@@ -44,7 +46,7 @@ after(async () => {
   await world.stop();
 });
 
-async function shoot(target, name) {
+async function shoot(target: Page, name: string) {
   const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;
   if (!folder) return;
   mkdirSync(folder, { recursive: true });
@@ -55,19 +57,19 @@ async function shoot(target, name) {
 const click = clickText;
 
 // Types into a field once it is on the page (views render on the next frame).
-async function type(target, selector, text) {
+async function type(target: Page, selector: string, text: string) {
   await target.waitForSelector(selector, { visible: true });
   await target.type(selector, text);
 }
 
-function textOf(target, selector) {
+function textOf(target: Page, selector: string) {
   return target.$eval(selector, (e) => e.textContent);
 }
 
 // Every request URL the page's caches hold, by cache name.
-function cachedRequests(target) {
+function cachedRequests(target: Page) {
   return target.evaluate(async () => {
-    const all = {};
+    const all: Record<string, string[]> = {};
     for (const name of await caches.keys()) {
       all[name] = (await (await caches.open(name)).keys()).map((request) => new URL(request.url).pathname + new URL(request.url).search);
     }
@@ -76,11 +78,11 @@ function cachedRequests(target) {
 }
 
 // The shell the served worker keeps: the version and files written into it at build time.
-async function servedShell(target) {
+async function servedShell(target: Page) {
   const worker = await target.evaluate(() => fetch('/sw.js').then((response) => response.text()));
-  return JSON.parse(/\{"version":"[0-9a-f]{16}","files":\[[^\]]*\]\}/.exec(worker)[0]);
+  return JSON.parse(/\{"version":"[0-9a-f]{16}","files":\[[^\]]*\]\}/.exec(worker)![0]);
 }
-let shell;
+let shell: { version: string; files: string[] };
 
 test('over HTTPS the page is a secure context, pairs and shows no notice', async () => {
   assert.match(world.origin, /^https:\/\/brinmoor\.test:\d+$/);
@@ -95,9 +97,9 @@ test('over HTTPS the page is a secure context, pairs and shows no notice', async
 test('the service worker is active for the whole origin and keeps only the shell', async () => {
   const worker = await page.evaluate(async () => {
     const registration = await navigator.serviceWorker.ready;
-    const active = registration.active;
+    const active = registration.active!;
     if (active.state !== 'activated')
-      await new Promise((resolve) => active.addEventListener('statechange', () => active.state === 'activated' && resolve()));
+      await new Promise<void>((resolve) => active.addEventListener('statechange', () => active.state === 'activated' && resolve()));
     return { scope: registration.scope, script: active.scriptURL, state: active.state };
   });
   assert.deepEqual(worker, { scope: world.origin + '/', script: world.origin + '/sw.js', state: 'activated' });
@@ -113,7 +115,7 @@ test('the page can be installed as an app', async () => {
   const manifest = await session.send('Page.getAppManifest');
   assert.equal(manifest.url, world.origin + '/manifest.webmanifest');
   assert.deepEqual(manifest.errors, []);
-  assert.equal(JSON.parse(manifest.data).name, 'Brinmoor Web');
+  assert.equal(JSON.parse(manifest.data!).name, 'Brinmoor Web');
   assert.deepEqual((await session.send('Page.getInstallabilityErrors')).installabilityErrors, []);
   await session.detach();
 });
@@ -160,9 +162,9 @@ test('an old http:// link to the port goes on over https with its token', async 
   const plainLink = world.origin.replace(/^https:/, 'http:') + `/#token=${kToken}`;
   const response = await fresh.goto(plainLink);
   // The relay's redirect, not the browser's own upgrade.
-  const chain = response.request().redirectChain();
+  const chain = response!.request().redirectChain();
   assert.deepEqual(
-    chain.map((request) => [request.url(), request.response().status()]),
+    chain.map((request) => [request.url(), request.response()!.status()]),
     [[plainLink, 308]],
   );
   await fresh.waitForSelector(`[data-agent="${kAgentId}"] .project`);
@@ -190,7 +192,7 @@ test('a terminal echoes what is typed', async () => {
   await focusTerminal(page);
   await page.keyboard.type('echo secure-$((6*7))');
   await page.keyboard.press('Enter');
-  await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('secure-42'));
+  await page.waitForFunction(() => document.querySelector<HTMLElement>('.xterm-rows')!.innerText.includes('secure-42'));
   await click(page, '.terminal-head button', 'Close');
 });
 
@@ -203,7 +205,9 @@ test('a permission request arriving while the page is hidden is a notification',
   await front.bringToFront();
   await page.waitForFunction(() => document.visibilityState === 'hidden', { polling: 50 });
   // Sent from the hidden page, as a tap just before the phone locked.
-  await page.evaluate(() => [...document.querySelectorAll('.composer button')].find((b) => b.textContent.trim() === 'Send').click());
+  await page.evaluate(() =>
+    [...document.querySelectorAll<HTMLElement>('.composer button')].find((b) => b.textContent.trim() === 'Send')!.click(),
+  );
   const notifications = await page.waitForFunction(
     async () => {
       const shown = await (await navigator.serviceWorker.ready).getNotifications();
@@ -212,7 +216,10 @@ test('a permission request arriving while the page is hidden is a notification',
     // A hidden page draws no frames, so the condition is looked at on a timer.
     { timeout: 20000, polling: 50 },
   );
-  const [shown] = await notifications.jsonValue().then((all) => (assert.equal(all.length, 1), all));
+  // The condition holds once there is a list.
+  const [shown] = await notifications
+    .jsonValue()
+    .then((all) => (assert.equal((all as unknown[]).length, 1), all as Exclude<typeof all, false>));
   const requestId = shown.data.requestId;
   assert.deepEqual(shown, {
     title: 'Approval needed',
@@ -238,13 +245,13 @@ test('with the network gone the app shell still loads, and nothing of the relay 
     (target) => target.type() === 'service_worker' && target.url() === world.origin + '/sw.js',
   );
   const worker = await workerTarget.createCDPSession();
-  const offline = (on) => ({ offline: on, latency: 0, downloadThroughput: -1, uploadThroughput: -1 });
+  const offline = (on: boolean) => ({ offline: on, latency: 0, downloadThroughput: -1, uploadThroughput: -1 });
   await worker.send('Network.enable');
   await worker.send('Network.emulateNetworkConditions', offline(true));
   await page.setOfflineMode(true);
   try {
     const response = await page.reload();
-    assert.equal(response.fromServiceWorker(), true);
+    assert.equal(response!.fromServiceWorker(), true);
     await page.waitForSelector('.topbar');
     assert.notEqual(await textOf(page, '.connection-text'), 'Connected');
     // The page's own fetch of the relay fails too: the network really is gone.

@@ -8,6 +8,7 @@ import assert from 'node:assert/strict';
 import { mkdirSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
+import type { ElementHandle } from 'puppeteer-core';
 import {
   claudeStream,
   clickText,
@@ -20,10 +21,11 @@ import {
   testLeavingPictures,
   waitForText,
   World,
-} from './harness.mjs';
+  type TestPage,
+} from './harness.js';
 
 const world = new World();
-let page;
+let page: TestPage;
 const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
 const kDesktop = { width: 1440, height: 900, deviceScaleFactor: 1, isMobile: false, hasTouch: false };
 const kEvilToken = 'evil-token-0d1e';
@@ -33,7 +35,7 @@ const kFoldCharacters = 600;
 const test = testLeavingPictures(nodeTest, 'hostile-', () => [[page, '']]);
 
 // Dialogs the page opened (a terminal's hyperlink asks before it opens, by default).
-const dialogs = [];
+const dialogs: string[] = [];
 
 before(async () => {
   await world.start();
@@ -55,21 +57,21 @@ after(async () => {
   await world.stop();
 });
 
-const click = (selector, text) => clickText(page, selector, text);
+const click = (selector: string, text: string) => clickText(page, selector, text);
 
-async function type(selector, text) {
+async function type(selector: string, text: string) {
   await page.waitForSelector(selector, { visible: true });
   await page.type(selector, text);
 }
 
-async function shoot(name) {
+async function shoot(name: string) {
   const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;
   if (!folder) return;
   mkdirSync(folder, { recursive: true });
   for (const [size, viewport] of [
     ['phone', kPhone],
     ['desktop', kDesktop],
-  ]) {
+  ] as const) {
     await page.setViewport(viewport);
     await page.waitForFunction(() => new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(() => resolve(true)))));
     await page.screenshot({ path: join(folder, `web-${name}-${size}.png`) });
@@ -81,12 +83,12 @@ async function shoot(name) {
 // The seqs it resumes from move with every message, and a task the user starts is kept
 // with its payload and the times it saw; all are the page's own doing, as is `ignored`
 // (where the user went).
-function pageState(ignored = []) {
+function pageState(ignored: string[] = []) {
   return page.evaluate(
     (skip) => {
-      const kept = {};
+      const kept: Record<string, string | null> = {};
       for (let i = 0; i < localStorage.length; i++) {
-        const key = localStorage.key(i);
+        const key = localStorage.key(i)!;
         if (!skip.includes(key)) kept[key] = localStorage.getItem(key);
       }
       return {
@@ -119,7 +121,7 @@ function appPartCounts() {
 }
 
 // What under `selector` takes input, runs, links, or has an id or a style of its own.
-function foreignElements(selector) {
+function foreignElements(selector: string) {
   return page.$$eval(selector + ' *', (elements) =>
     elements
       .filter((e) =>
@@ -131,16 +133,16 @@ function foreignElements(selector) {
 
 // Every element under `root` that reaches out of `box`'s border box, once what its own
 // scroll areas inside `box` hide is taken away; and every element that is positioned.
-function escapes(rootSelector, boxSelector) {
+function escapes(rootSelector: string, boxSelector: string) {
   return page.evaluate(
     (rootSel, boxSel) => {
-      const root = document.querySelector(rootSel);
-      const box = document.querySelector(boxSel).getBoundingClientRect();
-      const found = [];
+      const root = document.querySelector(rootSel)!;
+      const box = document.querySelector(boxSel)!.getBoundingClientRect();
+      const found: string[] = [];
       for (const element of root.querySelectorAll('*')) {
         const position = getComputedStyle(element).position;
         if (position !== 'static') found.push(`${element.tagName} is ${position}`);
-        let rect = element.getBoundingClientRect();
+        const rect = element.getBoundingClientRect();
         if (rect.width === 0 && rect.height === 0) continue;
         let { left, top, right, bottom } = rect;
         for (let up = element.parentElement; up && up !== root.parentElement; up = up.parentElement) {
@@ -179,7 +181,7 @@ const kAppLookalike = [
   '<div class="actions"><button class="primary">Allow</button></div></section></div>',
 ].join('');
 
-function hostileAnswer(origin) {
+function hostileAnswer(origin: string) {
   return [
     'Here is the plan.',
     '',
@@ -349,7 +351,7 @@ test('a token in the address after the page opened is not taken', async () => {
 
 // Escape sequences a program may print to take over what shows it: a hyperlink to the
 // page with another token, a clipboard write, window titles, colours.
-function escapeSequences(origin) {
+function escapeSequences(origin: string) {
   return [
     `\\033]8;;${origin}/#token=${kEvilToken}\\033\\\\click-me\\033]8;;\\033\\\\`,
     `\\033]52;c;${Buffer.from('pwned-clipboard').toString('base64')}\\007`,
@@ -380,7 +382,7 @@ test('a terminal shows a title as text, writes no clipboard, and its hyperlink c
   const row = await page.evaluateHandle(() =>
     [...document.querySelectorAll('.xterm-rows > div')].filter((line) => line.textContent.startsWith('click-me')).pop(),
   );
-  const box = await row.boundingBox();
+  const box = (await (row as ElementHandle<Element>).boundingBox())!;
   await page.mouse.move(box.x + 10, box.y + box.height / 2);
   // xterm.js shows the pointer once it has found the link under the mouse.
   await page.waitForFunction(() => document.querySelector('.xterm.xterm-cursor-pointer, .xterm .xterm-cursor-pointer'));
@@ -396,7 +398,7 @@ test('a terminal shows a title as text, writes no clipboard, and its hyperlink c
 
 // A permission request's input, as the approval tool would send it, for a fake claude to
 // ask with; each call of it asks once, and the answer is kept in decision.N.
-function askingClaude(tool, json) {
+function askingClaude(tool: string, json: string) {
   world.fakeFile('input.json', json);
   world.fakeFile(
     'claude.script',
@@ -421,8 +423,8 @@ async function sheetContent() {
     json: request.querySelector('pre.json')?.textContent ?? null,
     // In the order shown: by name, as the relay sends them.
     fields: [...request.querySelectorAll('.other-field')].map((f) => [
-      f.querySelector('.field-name').textContent,
-      f.querySelector('.field-value').textContent,
+      f.querySelector('.field-name')!.textContent,
+      f.querySelector('.field-value')!.textContent,
     ]),
   }));
   return { labels, shown };
@@ -433,7 +435,7 @@ function settled() {
   return page.waitForFunction(() => new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(() => resolve(true)))));
 }
 
-async function newChat(prompt) {
+async function newChat(prompt: string) {
   await click('button[role=tab]', 'Chat');
   // On a phone an open chat hides the list. After a reload the page reads the chats
   // from its database before it shows the open one, so ask where the page is.
@@ -455,7 +457,7 @@ async function deny() {
 
 // Runs `checks` on the request in front, and denies it whatever they find, so that the
 // agent is free for the next test.
-async function thenDeny(checks) {
+async function thenDeny(checks: () => Promise<void>) {
   await page.waitForSelector('.sheet .request');
   try {
     await checks();
@@ -533,7 +535,7 @@ test('the approval sheet shows an unknown tool input field by field, a long valu
       ['limit', '3'],
       ['query', JSON.stringify(query)],
     ]);
-    assert.equal(await page.evaluate(() => ({}).polluted ?? null), null);
+    assert.equal(await page.evaluate(() => (({}) as { polluted?: unknown }).polluted ?? null), null);
   });
 });
 
@@ -614,8 +616,8 @@ test('a page of another name that leads to the relay gets nothing from it', asyn
   const rebound = await browser.newPage();
   const host = `rebound.test:${world.port}`;
   const response = await rebound.goto(`http://${host}/`);
-  assert.equal(response.status(), 421);
-  assert.equal(await response.text(), '{"error":"host not allowed: add it to BRINMOOR_ALLOWED_HOSTS"}');
+  assert.equal(response!.status(), 421);
+  assert.equal(await response!.text(), '{"error":"host not allowed: add it to BRINMOOR_ALLOWED_HOSTS"}');
   const answers = await rebound.evaluate(async (token) => {
     const health = await fetch('/v1/health');
     const agents = await fetch('/v1/agents', { headers: { Authorization: `Bearer ${token}` } });

@@ -5,13 +5,24 @@ import assert from 'node:assert/strict';
 import { readFileSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
-import { claudeStream, clickText, codexStream, kAgentId, kToken, packages, pageSettled, testLeavingPictures, World } from './harness.mjs';
+import {
+  claudeStream,
+  clickText,
+  codexStream,
+  kAgentId,
+  kToken,
+  packages,
+  pageSettled,
+  testLeavingPictures,
+  World,
+  type TestPage,
+} from './harness.js';
 
 const world = new World();
 const axeSource = readFileSync(packages.resolve('axe-core/axe.min.js'), 'utf8');
 const kWidths = [320, 390, 1440];
 const kSchemes = ['light', 'dark'];
-let page;
+let page: TestPage;
 
 const test = testLeavingPictures(nodeTest, 'a11y-', () => [[page, '']]);
 
@@ -26,7 +37,7 @@ after(async () => {
   await world.stop();
 });
 
-const click = (selector, text) => clickText(page, selector, text);
+const click = (selector: string, text: string) => clickText(page, selector, text);
 
 // What axe finds in the page as it is, at every width and in both modes: one line per
 // rule and element.

@@ -3,10 +3,10 @@
 // chat message waits in the chat; a full queue says what the agent is busy with.
 import assert from 'node:assert/strict';
 import { after, before, test as nodeTest } from 'node:test';
-import { claudeStream, clickText, kAgentId, kToken, testLeavingPictures, waitForText, World } from './harness.mjs';
+import { claudeStream, clickText, kAgentId, kToken, testLeavingPictures, waitForText, World, type TestPage } from './harness.js';
 
 const world = new World();
-let page;
+let page: TestPage;
 const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
 
 const test = testLeavingPictures(nodeTest, 'queue-', () => [[page, '']]);
@@ -22,21 +22,21 @@ after(async () => {
   await world.stop();
 });
 
-const click = (selector, text) => clickText(page, selector, text);
-const waitText = (selector, wanted, timeout) => waitForText(page, selector, wanted, timeout);
+const click = (selector: string, text: string) => clickText(page, selector, text);
+const waitText = (selector: string, wanted: string, timeout?: number) => waitForText(page, selector, wanted, timeout);
 
 // Types into a field once it is on the page (views render on the next frame).
-async function type(selector, text) {
+async function type(selector: string, text: string) {
   await page.waitForSelector(selector, { visible: true });
   await page.type(selector, text);
 }
 
-async function tab(name) {
+async function tab(name: string) {
   await click('button[role=tab] .tab-label', name);
 }
 
 // Runs a shell command from the Tasks tab and waits until the page shows its task.
-async function runCommand(command) {
+async function runCommand(command: string) {
   await tab('Tasks');
   await page.waitForSelector('input[name=command]', { visible: true });
   await page.click('input[name=command]', { clickCount: 3 });
@@ -48,26 +48,26 @@ async function runCommand(command) {
   await waitText('.task-detail .task-title', command);
 }
 
-async function chooseTask(title) {
+async function chooseTask(title: string) {
   await click('.task-history .task-title', title);
   await waitText('.task-detail .task-title', title);
 }
 
 // The state the tasks list shows beside a task.
-async function listedState(title) {
+async function listedState(title: string) {
   return page.$$eval(
     '.task-history .task-item',
     (items, wanted) =>
-      items.find((item) => item.querySelector('.task-title').textContent === wanted)?.querySelector('.task-state').textContent,
+      items.find((item) => item.querySelector('.task-title')!.textContent === wanted)?.querySelector('.task-state')!.textContent,
     title,
   );
 }
 
-function waitListed(title, wanted) {
+function waitListed(title: string, wanted: string) {
   return page.waitForFunction(
     (name, text) =>
       [...document.querySelectorAll('.task-history .task-item')].some(
-        (item) => item.querySelector('.task-title').textContent === name && item.querySelector('.task-state').textContent === text,
+        (item) => item.querySelector('.task-title')!.textContent === name && item.querySelector('.task-state')!.textContent === text,
       ),
     { timeout: 20000 },
     title,
@@ -86,7 +86,7 @@ test('a task run while another runs is queued with its place, and one cancelled 
   assert.equal(await listedState('sleep 30'), 'Running…');
 
   await chooseTask('echo second');
-  const second = await page.$eval('.task-detail', (detail) => detail.dataset.task);
+  const second = await page.$eval('.task-detail', (detail) => (detail as HTMLElement).dataset.task!);
   await click('.task-detail .task-head button', 'Cancel');
   await waitText('.task-detail .task-status', 'Cancelled');
   // The one behind it moves up; the agent never saw the cancelled one.
@@ -115,7 +115,7 @@ test('the waiting task runs once the running one has ended', async () => {
 test('a chat message sent while the agent is busy waits in the chat, and can be cancelled there', async () => {
   await runCommand('sleep 30');
   await waitText('.task-detail .task-status', 'Running…');
-  const sleeping = await page.$eval('.task-detail', (detail) => detail.dataset.task);
+  const sleeping = await page.$eval('.task-detail', (detail) => (detail as HTMLElement).dataset.task!);
   await tab('Chat');
   await click('.new-chat-button', 'New chat');
   await type('textarea[name=prompt]', 'Say hello');
@@ -129,7 +129,7 @@ test('a chat message sent while the agent is busy waits in the chat, and can be 
   await type('textarea[name=prompt]', 'Say hello again');
   await click('.composer button', 'Send');
   await waitText('.message.assistant:last-of-type .queued-note', 'Queued · next in line Cancel');
-  await page.evaluate((taskId) => window.brinmoor.tasks.cancel(window.brinmoor.tasks.get(taskId)), sleeping);
+  await page.evaluate((taskId) => window.brinmoor.tasks.cancel(window.brinmoor.tasks.get(taskId)!), sleeping);
   await waitText('.message.assistant:last-of-type .markdown', 'Hello from Claude.');
   assert.equal(await page.$('.message.assistant:last-of-type .queued-note'), null);
 });
@@ -137,7 +137,7 @@ test('a chat message sent while the agent is busy waits in the chat, and can be 
 test('a full queue is refused, saying what the agent is busy with, and Show it leads there', async () => {
   await runCommand('sleep 30');
   await waitText('.task-detail .task-status', 'Running…');
-  const sleeping = await page.$eval('.task-detail', (detail) => detail.dataset.task);
+  const sleeping = await page.$eval('.task-detail', (detail) => (detail as HTMLElement).dataset.task!);
   for (let n = 1; n <= 20; n++) await runCommand(`echo ${n}`);
   await waitText('.task-detail .task-status', 'Queued · 20th in line');
   await page.click('input[name=command]', { clickCount: 3 });
@@ -149,7 +149,7 @@ test('a full queue is refused, saying what the agent is busy with, and Show it l
     'The agent is busy with “sleep 30” and its queue is full. Run this again once a waiting task has started. Show it',
   );
   await click('.busy-note .show-busy', 'Show it');
-  await page.waitForFunction((id) => document.querySelector('.task-detail')?.dataset.task === id, {}, sleeping);
+  await page.waitForFunction((id) => document.querySelector<HTMLElement>('.task-detail')?.dataset.task === id, {}, sleeping);
   await waitText('.task-detail .task-status', 'Running…');
 });
 

@@ -4,15 +4,18 @@
 // relay has a certificate from a test authority made for the run, the agent trusts that
 // authority, and Chromium takes exactly that certificate's key (no switch that ignores
 // every certificate error).
-import { execFile, spawn } from 'node:child_process';
+import { execFile, spawn, type ChildProcess, type ChildProcessByStdio } from 'node:child_process';
 import { existsSync, mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { createRequire } from 'node:module';
 import { join, resolve } from 'node:path';
 import { pathToFileURL } from 'node:url';
 import { promisify } from 'node:util';
+import type { test as nodeTestType } from 'node:test';
+import type { Browser, BrowserContext, ElementHandle, Frame, Page, Viewport } from 'puppeteer-core';
+import type { Readable } from 'node:stream';
 
-function required(name) {
+function required(name: string): string {
   const value = process.env[name];
   if (!value) throw new Error(`${name} is not set (run through ctest, or set it to the build's folder)`);
   return value;
@@ -24,7 +27,12 @@ function required(name) {
 export const packages = createRequire(
   resolve(process.env.BRINMOOR_WEB_PACKAGES ?? join(required('BRINMOOR_BIN_DIR'), '../web/node_modules'), 'package.json'),
 );
-const { default: puppeteer } = await import(pathToFileURL(packages.resolve('puppeteer-core')).href);
+const { default: puppeteer } = (await import(pathToFileURL(packages.resolve('puppeteer-core')).href)) as typeof import('puppeteer-core');
+
+// A page of World.page(): what it reported that a test should not see.
+export type TestPage = Page & { problems: string[] };
+// What the helpers below look into: a page, or a frame in one.
+export type Target = Page | Frame;
 
 export const kToken = 'e2e-token-5f1c8a3d9b0e7264c1f5';
 export const kAgentId = 'studio-mac';
@@ -33,14 +41,20 @@ export const kAgentId = 'studio-mac';
 export const kTestHost = 'brinmoor.test';
 
 // Resolves with the first line of `stream` that `match` accepts; rejects at the deadline.
-function waitForLine(child, stream, match, what, timeoutMs = 20000) {
+function waitForLine<T>(
+  child: ChildProcess,
+  stream: Readable,
+  match: (line: string) => T | undefined,
+  what: string,
+  timeoutMs = 20000,
+): Promise<T> {
   return new Promise((resolve, reject) => {
     let buffer = '';
     const timer = setTimeout(() => {
       stream.off('data', onData);
       reject(new Error(`no ${what} within ${timeoutMs} ms; output so far:\n${buffer}`));
     }, timeoutMs);
-    const onData = (data) => {
+    const onData = (data: string) => {
       buffer += data;
       for (const line of buffer.split('\n')) {
         const found = match(line);
@@ -58,7 +72,7 @@ function waitForLine(child, stream, match, what, timeoutMs = 20000) {
   });
 }
 
-function stopProcess(child, signal = 'SIGTERM') {
+function stopProcess(child: ChildProcess | undefined, signal: NodeJS.Signals = 'SIGTERM'): Promise<void> {
   if (!child || child.exitCode !== null || child.signalCode !== null) return Promise.resolve();
   return new Promise((resolve) => {
     const kill = setTimeout(() => child.kill('SIGKILL'), 10000);
@@ -88,18 +102,54 @@ fi
 
 // Puts the keyboard in the terminal once xterm.js is in the page: the view draws its head
 // first and opens xterm.js in the effect after.
-export async function focusTerminal(page) {
+export async function focusTerminal(page: Page) {
   await page.waitForSelector('.xterm-helper-textarea');
   await page.focus('.xterm-helper-textarea');
 }
 
+interface WorldOptions {
+  host?: string;
+  tls?: boolean;
+  relayEnv?: Record<string, string>;
+  networkEnabled?: boolean;
+  taps?: boolean;
+}
+
 export class World {
+  // Set by the constructor.
+  declare host: string;
+  declare taps: boolean;
+  declare networkEnabled: boolean;
+  declare tls: boolean;
+  declare relayEnv: Record<string, string>;
+  declare bin: string;
+  declare fakeTools: string;
+  declare helper: string;
+  declare root: string;
+  declare repo: string;
+  declare project: string;
+  declare fake: string;
+  declare relayLog: string;
+  // Set by start().
+  declare agentLog: string;
+  declare spki?: string;
+  declare authority?: string;
+  declare relayProcessEnv: NodeJS.ProcessEnv;
+  declare port: number;
+  declare origin: string;
+  declare relayURL: string;
+  declare browserArgs: string[];
+  declare browsers: Browser[];
+  declare browser: Browser;
+  declare relay?: ChildProcessByStdio<null, Readable, null>;
+  declare agent?: ChildProcessByStdio<null, Readable, Readable>;
+
   // host: the name the page is opened at (127.0.0.1, or kTestHost); tls: whether the relay
   // speaks HTTPS and WSS; relayEnv: settings of the relay beyond port, address and token;
   // networkEnabled: whether DevTools follows the pages' network traffic (the tests that
   // watch the socket or take the network away need it); taps: whether the relay serves the
   // client built with the tests' taps, or the one it ships.
-  constructor({ host = '127.0.0.1', tls = false, relayEnv = {}, networkEnabled = true, taps = true } = {}) {
+  constructor({ host = '127.0.0.1', tls = false, relayEnv = {}, networkEnabled = true, taps = true }: WorldOptions = {}) {
     this.host = host;
     this.taps = taps;
     this.networkEnabled = networkEnabled;
@@ -125,7 +175,7 @@ export class World {
       for (const child of [this.agent, this.relay]) if (child && child.exitCode === null) child.kill('SIGKILL');
     });
     for (const signal of ['SIGINT', 'SIGTERM']) process.once(signal, () => process.exit(1));
-    const relayEnv = {
+    const relayEnv: NodeJS.ProcessEnv = {
       ...process.env,
       // The page's name is one the relay answers to, as a user would list it.
       ...(this.host === kTestHost ? { BRINMOOR_ALLOWED_HOSTS: kTestHost } : {}),
@@ -134,7 +184,7 @@ export class World {
       BRINMOOR_SERVER_PORT: '0',
       BRINMOOR_SERVER_BIND: '127.0.0.1',
     };
-    const browserArgs = [];
+    const browserArgs: string[] = [];
     if (this.tls) {
       const dir = join(this.root, 'tls');
       mkdirSync(dir);
@@ -159,7 +209,7 @@ export class World {
 
   // A Chromium for the pages, with switches beyond the ones every test uses; closed when
   // the world stops.
-  async launchBrowser(extraArgs = []) {
+  async launchBrowser(extraArgs: string[] = []): Promise<Browser> {
     const browser = await puppeteer.launch({
       executablePath: process.env.BRINMOOR_CHROMIUM ?? '/usr/bin/chromium',
       headless: true,
@@ -208,14 +258,14 @@ export class World {
     this.agentLog = '';
     this.agent.stdout.setEncoding('utf8');
     this.agent.stderr.setEncoding('utf8');
-    this.agent.stdout.on('data', (data) => (this.agentLog += data));
-    this.agent.stderr.on('data', (data) => (this.agentLog += data));
+    this.agent.stdout.on('data', (data: string) => (this.agentLog += data));
+    this.agent.stderr.on('data', (data: string) => (this.agentLog += data));
     await this.waitFor(() => this.relayLog.includes(`agent.register agentId=${kAgentId}\n`), 'the agent to register');
   }
 
   // Waits for a condition outside the page (a file, a log line) with a deadline, looking
   // again every 20 ms.
-  async waitFor(condition, what, timeoutMs = 20000) {
+  async waitFor(condition: () => unknown, what: string, timeoutMs = 20000) {
     const deadline = Date.now() + timeoutMs;
     while (!condition()) {
       if (Date.now() > deadline) throw new Error(`timed out waiting for ${what}`);
@@ -226,21 +276,21 @@ export class World {
   // A fresh page at phone size (or the given viewport), recording what the page's
   // policy refused and every uncaught error.
   async page(
-    viewport = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: true, hasTouch: true },
-    context = this.browser.defaultBrowserContext(),
-  ) {
-    const page = await context.newPage();
+    viewport: Viewport = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: true, hasTouch: true },
+    context: BrowserContext = this.browser.defaultBrowserContext(),
+  ): Promise<TestPage> {
+    const page = (await context.newPage()) as TestPage;
     await page.setViewport(viewport);
     // BRINMOOR_WEB_COLOR_SCHEME=dark shows every page as a browser in dark mode does.
     const scheme = process.env.BRINMOOR_WEB_COLOR_SCHEME;
     if (scheme) await page.emulateMediaFeatures([{ name: 'prefers-color-scheme', value: scheme }]);
     page.problems = [];
-    page.on('pageerror', (error) => page.problems.push('page error: ' + error.message));
+    page.on('pageerror', (error) => page.problems.push('page error: ' + (error as Error).message));
     page.on('console', (message) => {
       if (message.type() === 'error') page.problems.push('console error: ' + message.text());
     });
     // Reported to this process, so that what happened before a reload is kept too.
-    await page.exposeFunction('brinmoorPolicyViolation', (text) => page.problems.push('policy: ' + text));
+    await page.exposeFunction('brinmoorPolicyViolation', (text: string) => page.problems.push('policy: ' + text));
     await page.evaluateOnNewDocument(() => {
       document.addEventListener('securitypolicyviolation', (event) => {
         window.brinmoorPolicyViolation(
@@ -251,16 +301,16 @@ export class World {
     return page;
   }
 
-  fakeFile(name, content) {
+  fakeFile(name: string, content: string) {
     writeFileSync(join(this.fake, name), content);
   }
 
-  readFake(name) {
+  readFake(name: string) {
     return readFileSync(join(this.fake, name), 'utf8');
   }
 
   // The arguments of the N-th call of a fake tool.
-  fakeArgs(tool, call) {
+  fakeArgs(tool: string, call: number) {
     return readFileSync(join(this.fake, `${tool}.${call}.args`), 'utf8')
       .split('\0')
       .slice(0, -1);
@@ -268,8 +318,8 @@ export class World {
 
   // Kills the relay (SIGKILL, as a crash), runs `whileDown`, and starts it again on the
   // same port; the agent finds it by itself.
-  async restartRelay(whileDown) {
-    const old = this.relay;
+  async restartRelay(whileDown: () => unknown) {
+    const old = this.relay!;
     const gone = new Promise((resolve) => old.once('exit', resolve));
     old.kill('SIGKILL');
     await gone;
@@ -280,7 +330,7 @@ export class World {
   // Starts the relay with this environment, its output added to relayLog; the port it
   // listens on. Unless told otherwise, it serves the client built with the taps the tests
   // and the benchmark read (BUILD/web/dist-taps), not the one it ships.
-  async spawnRelay(env) {
+  async spawnRelay(env: NodeJS.ProcessEnv): Promise<number> {
     const client = resolve(process.env.BRINMOOR_TEST_WEB_ROOT ?? join(this.bin, '../web/dist-taps'));
     if (this.taps && !existsSync(join(client, 'index.html')))
       throw new Error(`no client with the test taps in ${client}; build first (scripts/build)`);
@@ -289,7 +339,7 @@ export class World {
       stdio: ['ignore', 'pipe', 'inherit'],
     });
     this.relay.stdout.setEncoding('utf8');
-    this.relay.stdout.on('data', (data) => (this.relayLog += data));
+    this.relay.stdout.on('data', (data: string) => (this.relayLog += data));
     const port = await waitForLine(this.relay, this.relay.stdout, (line) => /^listening port=(\d+)$/.exec(line)?.[1], 'listening line');
     return Number(port);
   }
@@ -314,7 +364,11 @@ export class World {
 // A node:test `test` that, when its body fails and logs are asked for
 // ($BRINMOOR_WEB_E2E_LOGS), leaves a picture and the text of each page `pages()` names
 // ([page, suffix] pairs) behind, named after the test.
-export function testLeavingPictures(nodeTest, prefix, pages) {
+export function testLeavingPictures(
+  nodeTest: typeof nodeTestType,
+  prefix: string,
+  pages: () => [TestPage | undefined, string][],
+): (name: string, body: () => Promise<void>) => Promise<void> {
   return (name, body) =>
     nodeTest(name, async () => {
       try {
@@ -339,26 +393,26 @@ export function testLeavingPictures(nodeTest, prefix, pages) {
 // The visible element matching `selector` whose trimmed text is `text`, waited for.
 // Waits until the page has run the tasks queued so far and drawn a frame: the barrier
 // after an action whose effect, if it had one, is queued (a navigation, a hashchange).
-export async function pageSettled(page) {
+export async function pageSettled(page: Target) {
   await page.evaluate(() => new Promise((resolve) => requestAnimationFrame(() => setTimeout(resolve, 0))));
 }
 
-export async function elementWithText(target, selector, text, timeout = 20000) {
+export async function elementWithText(target: Target, selector: string, text: string, timeout = 20000) {
   const handle = await target.waitForFunction(
     (sel, wanted) => [...document.querySelectorAll(sel)].find((e) => e.textContent.trim() === wanted && e.getClientRects().length > 0),
     { timeout },
     selector,
     text,
   );
-  return handle.asElement();
+  return handle.asElement() as ElementHandle<Element>;
 }
 
-export async function clickText(target, selector, text) {
+export async function clickText(target: Target, selector: string, text: string) {
   await (await elementWithText(target, selector, text)).click();
 }
 
 // Waits until the trimmed text of `selector` is `wanted`; the error says what it is.
-export async function waitForText(target, selector, wanted, timeout = 20000) {
+export async function waitForText(target: Target, selector: string, wanted: string, timeout = 20000) {
   try {
     await target.waitForFunction((sel, text) => document.querySelector(sel)?.textContent.trim() === text, { timeout }, selector, wanted);
   } catch (error) {
@@ -369,7 +423,7 @@ export async function waitForText(target, selector, wanted, timeout = 20000) {
 
 // Lines of an event stream of the fake `claude`: an answer streamed in pieces (a \x01 in
 // the stream makes the fake tool pause), then the result.
-export function claudeStream(pieces) {
+export function claudeStream(pieces: string[]) {
   let text = '';
   let stream = '{"type":"system","subtype":"init","session_id":"s"}\n';
   for (const piece of pieces) {
@@ -380,7 +434,7 @@ export function claudeStream(pieces) {
   return stream + JSON.stringify({ type: 'result', subtype: 'success', is_error: false, result: text, session_id: 's' }) + '\n';
 }
 
-export function codexStream(messages, threadId = 'th-e2e') {
+export function codexStream(messages: string[], threadId = 'th-e2e') {
   let stream = JSON.stringify({ type: 'thread.started', thread_id: threadId }) + '\n';
   stream += '{"type":"turn.started"}\n';
   stream += '{"type":"item.started","item":{"type":"command_execution","command":"ls"}}\n';

@@ -5,10 +5,20 @@ import assert from 'node:assert/strict';
 import { existsSync, mkdirSync, readFileSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
-import { clickText, codexStream, elementWithText, kAgentId, kToken, testLeavingPictures, waitForText, World } from './harness.mjs';
+import {
+  clickText,
+  codexStream,
+  elementWithText,
+  kAgentId,
+  kToken,
+  testLeavingPictures,
+  waitForText,
+  World,
+  type TestPage,
+} from './harness.js';
 
 const world = new World();
-let page;
+let page: TestPage;
 const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
 const kExplanation = 'I said bye in greeting.txt, added new.txt and removed old.txt.';
 
@@ -16,7 +26,7 @@ const test = testLeavingPictures(nodeTest, 'files-', () => [[page, '']]);
 
 // Folders under the repository root besides App (registered, with Package.swift): two
 // projects, a hidden one and a plain folder.
-function makeFolder(path, file) {
+function makeFolder(path: string, file?: string) {
   mkdirSync(join(world.repo, path), { recursive: true });
   if (file) writeFileSync(join(world.repo, path, file), '');
 }
@@ -40,8 +50,8 @@ after(async () => {
   await world.stop();
 });
 
-const click = (selector, text) => clickText(page, selector, text);
-const texts = (selector) => page.$$eval(selector, (elements) => elements.map((e) => e.textContent.trim()));
+const click = (selector: string, text: string) => clickText(page, selector, text);
+const texts = (selector: string) => page.$$eval(selector, (elements) => elements.map((e) => e.textContent.trim()));
 const projects = () => texts(`[data-agent="${kAgentId}"] .project-path`);
 
 test('the projects under the repository root are listed once each, after the registered and remembered ones', async () => {
@@ -66,7 +76,7 @@ test('the projects under the repository root are listed once each, after the reg
   await page.reload();
   await page.waitForFunction(() => document.querySelectorAll('.project-path').length === 3);
   assert.deepEqual(await projects(), [world.project, 'Lib', 'proj/Tool']);
-  assert.deepEqual(await page.evaluate(() => JSON.parse(localStorage.getItem('brinmoor.folders'))), { [kAgentId]: ['App/'] });
+  assert.deepEqual(await page.evaluate(() => JSON.parse(localStorage.getItem('brinmoor.folders')!)), { [kAgentId]: ['App/'] });
 });
 
 test('a proposal of three files approved with one unticked applies the other two', async () => {

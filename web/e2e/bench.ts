@@ -4,9 +4,10 @@
 // 2,000,000 lines reaching a page.
 import { spawn } from 'node:child_process';
 import { existsSync, mkdirSync, writeFileSync } from 'node:fs';
-import { createServer } from 'node:net';
+import { createServer, type AddressInfo } from 'node:net';
 import { join } from 'node:path';
-import { codexStream, focusTerminal, kAgentId, kToken, World } from './harness.mjs';
+import type { KeyInput, Page } from 'puppeteer-core';
+import { codexStream, focusTerminal, kAgentId, kToken, World } from './harness.js';
 
 const kDesktop = { width: 1280, height: 800, deviceScaleFactor: 1, isMobile: false, hasTouch: false };
 // DevTools' network domain would copy every WebSocket frame to this process, work that a
@@ -14,22 +15,22 @@ const kDesktop = { width: 1280, height: 800, deviceScaleFactor: 1, isMobile: fal
 // needs it.
 const world = new World({ networkEnabled: false });
 
-function median(values) {
+function median(values: number[]) {
   const sorted = [...values].sort((a, b) => a - b);
   return sorted[Math.floor(sorted.length / 2)];
 }
 
-function percentile(values, p) {
+function percentile(values: number[], p: number) {
   const sorted = [...values].sort((a, b) => a - b);
   return sorted[Math.min(sorted.length - 1, Math.floor((sorted.length * p) / 100))];
 }
 
-function print(name, value, unit, target) {
+function print(name: string, value: unknown, unit?: string, target?: string) {
   console.log(`${name}: ${value}${unit ? ' ' + unit : ''}${target ? `  (target ${target})` : ''}`);
 }
 
 // The bytes of a file as the server sends it to a browser that takes this encoding.
-async function servedSize(shipped, path, encoding = 'gzip') {
+async function servedSize(shipped: World, path: string, encoding = 'gzip') {
   const response = await fetch(shipped.origin + path, { headers: { 'Accept-Encoding': encoding } });
   await response.arrayBuffer();
   return Number(response.headers.get('content-length'));
@@ -47,7 +48,7 @@ async function firstLoad() {
   }
 }
 
-async function firstLoadOf(shipped) {
+async function firstLoadOf(shipped: World) {
   // The page, and what it names: its script, its style sheet, the preloaded modules and
   // the icon. The terminal, the diff view and the highlighter come later, when used.
   const index = await (await fetch(shipped.origin + '/')).text();
@@ -74,7 +75,7 @@ async function firstLoadOf(shipped) {
 }
 
 // The page, paired, on the project's terminal tab.
-async function showTerminalTab(page) {
+async function showTerminalTab(page: Page) {
   await page.goto(`${world.origin}/#token=${kToken}`);
   await page.waitForSelector('.project');
   await page.click('.project');
@@ -82,7 +83,7 @@ async function showTerminalTab(page) {
   await page.evaluate(() => window.brinmoor.navigation.go({ tab: 'terminal' }));
 }
 
-async function openTerminal(page) {
+async function openTerminal(page: Page) {
   await showTerminalTab(page);
   await page.waitForSelector('.terminal-start .primary');
   await page.click('.terminal-start .primary');
@@ -90,7 +91,7 @@ async function openTerminal(page) {
   await focusTerminal(page);
   return page.evaluate(() => {
     const { agentId, projectPath } = window.brinmoor.navigation.place;
-    return window.brinmoor.terminals.forProject(agentId, projectPath).sessionId;
+    return window.brinmoor.terminals.forProject(agentId!, projectPath!)!.sessionId;
   });
 }
 
@@ -102,7 +103,7 @@ function socketTap() {
   window.echoTap = {};
   const Native = window.WebSocket;
   window.WebSocket = class extends Native {
-    constructor(...args) {
+    constructor(...args: ConstructorParameters<typeof WebSocket>) {
       super(...args);
       this.addEventListener('message', () => (window.echoTap.arrived ??= performance.now()));
     }
@@ -110,25 +111,25 @@ function socketTap() {
   document.addEventListener('keydown', (event) => (window.echoTap = { key: event.timeStamp }), true);
 }
 
-async function echoTimes(page) {
+async function echoTimes(page: Page) {
   await page.keyboard.type('echo ');
-  await page.waitForFunction(() => document.querySelector('.xterm-rows').textContent.includes('echo '));
-  const arrived = [];
-  const drawn = [];
+  await page.waitForFunction(() => document.querySelector('.xterm-rows')!.textContent.includes('echo '));
+  const arrived: number[] = [];
+  const drawn: number[] = [];
   let typed = 'echo ';
   for (let i = 0; i < 40; i++) {
-    const key = 'abcdefghij'[i % 10];
+    const key = 'abcdefghij'[i % 10] as KeyInput;
     typed += key;
     await page.keyboard.press(key);
     const shown = await page.waitForFunction(
-      (text) => document.querySelector('.xterm-rows').textContent.includes(text) && performance.now(),
+      (text) => document.querySelector('.xterm-rows')!.textContent.includes(text) && performance.now(),
       { polling: 'mutation' },
       typed,
     );
     const at = await shown.jsonValue();
     const { key: down, arrived: given } = await page.evaluate(() => window.echoTap);
-    arrived.push(given - down);
-    drawn.push(at - down);
+    arrived.push(given! - down!);
+    drawn.push((at as number) - down!);
   }
   await page.keyboard.down('Control');
   await page.keyboard.press('u');
@@ -141,7 +142,7 @@ async function terminal() {
   await page.evaluateOnNewDocument(socketTap);
   await page.bringToFront();
   const sessionId = await openTerminal(page);
-  const processed = () => page.evaluate((id) => window.brinmoor.terminals.get(id).processed ?? 0, sessionId);
+  const processed = () => page.evaluate((id) => window.brinmoor.terminals.get(id)!.processed ?? 0, sessionId);
 
   const echo = await echoTimes(page);
   print(
@@ -167,7 +168,7 @@ async function terminal() {
   // was given the marker, since reading them every frame costs the page a layout.
   await page.evaluate(() => {
     let tail = '';
-    window.brinmoorTerminalTap = (id, data) => {
+    window.brinmoorTerminalTap = (_id, data) => {
       const seen = tail + data;
       if (seen.includes('cat-done-42')) window.brinmoorCatDone = true;
       tail = seen.slice(-16);
@@ -180,7 +181,7 @@ async function terminal() {
   const began = Date.now();
   await page.keyboard.type(`cat ${file}; echo cat-done-$((40+2))`);
   await page.keyboard.press('Enter');
-  const answers = [];
+  const answers: number[] = [];
   let done = false;
   const probe = (async () => {
     while (!done) {
@@ -190,9 +191,12 @@ async function terminal() {
       await new Promise((resolve) => setTimeout(resolve, 50));
     }
   })();
-  await page.waitForFunction(() => window.brinmoorCatDone && document.querySelector('.xterm-rows').innerText.includes('cat-done-42'), {
-    timeout: 240000,
-  });
+  await page.waitForFunction(
+    () => window.brinmoorCatDone && document.querySelector<HTMLElement>('.xterm-rows')!.innerText.includes('cat-done-42'),
+    {
+      timeout: 240000,
+    },
+  );
   const seconds = (Date.now() - began) / 1000;
   done = true;
   await probe;
@@ -222,7 +226,7 @@ async function echoWithoutInputDeferral() {
   await focusTerminal(page);
   await page.keyboard.type('clear');
   await page.keyboard.press('Enter');
-  await page.waitForFunction(() => !document.querySelector('.xterm-rows').innerText.includes('cat-done-42'));
+  await page.waitForFunction(() => !document.querySelector<HTMLElement>('.xterm-rows')!.innerText.includes('cat-done-42'));
   const echo = await echoTimes(page);
   print("without input deferral: keystroke to the echo's socket message (median of 40)", median(echo.arrived).toFixed(1), 'ms');
   print(
@@ -237,7 +241,7 @@ async function echoWithoutInputDeferral() {
 
 async function chat() {
   // 1 MB of answer in 1,000 pieces of Codex messages with paragraphs.
-  const paragraph = (i) => `Paragraph ${i}: ` + 'lorem ipsum dolor sit amet '.repeat(18) + '\n';
+  const paragraph = (i: number) => `Paragraph ${i}: ` + 'lorem ipsum dolor sit amet '.repeat(18) + '\n';
   const messages = Array.from({ length: 1000 }, (_, i) => paragraph(2 * i) + '\n' + paragraph(2 * i + 1));
   world.fakeFile('codex.stream', codexStream(messages).replaceAll('\x01', ''));
   const page = await world.page(kDesktop);
@@ -256,9 +260,9 @@ async function chat() {
   await page.waitForFunction(() => document.querySelector('.message.assistant.done'), { timeout: 120000 });
   const timings = await page.evaluate(() => window.brinmoorMarkdownTimings);
   // Renders while streaming, in order; each covers the chunks that arrived since the last.
-  const streamed = timings.slice(0, -1).filter((t) => t.chunks > 0);
+  const streamed = timings!.slice(0, -1).filter((t) => t.chunks > 0);
   const total = streamed.reduce((sum, t) => sum + t.chunks, 0);
-  const perChunk = (part) => {
+  const perChunk = (part: { chunks: number; ms: number }[]) => {
     const chunks = part.reduce((sum, t) => sum + t.chunks, 0);
     const ms = part.reduce((sum, t) => sum + t.ms, 0);
     return `${(ms / Math.max(1, chunks)).toFixed(3)} ms a chunk (${(ms / Math.max(1, part.length)).toFixed(2)} ms a render of ${(chunks / Math.max(1, part.length)).toFixed(1)} chunks)`;
@@ -266,8 +270,8 @@ async function chat() {
   // A render belongs to the start when it began in the first tenth of the chunks, to the
   // end when it finished in the last tenth.
   let seen = 0;
-  const first = [];
-  const last = [];
+  const first: { chunks: number; ms: number }[] = [];
+  const last: { chunks: number; ms: number }[] = [];
   for (const t of streamed) {
     if (seen < total * 0.1) first.push(t);
     if (seen + t.chunks > total * 0.9) last.push(t);
@@ -284,7 +288,7 @@ async function chat() {
 // A shell task printing 2,000,000 lines to a desktop page, paced by it: how long after its
 // process ended the page shows "Finished", and whether every line arrived, at full speed
 // and with the page's processor four times slower.
-async function taskOutput(throttling) {
+async function taskOutput(throttling: number) {
   const page = await world.page(kDesktop);
   await page.bringToFront();
   const cdp = await page.createCDPSession();
@@ -298,7 +302,7 @@ async function taskOutput(throttling) {
   const began = Date.now();
   await page.click('.run-form button[type=submit]');
   await page.waitForFunction(() => window.brinmoor.navigation.place.taskId);
-  const taskId = await page.evaluate(() => window.brinmoor.navigation.place.taskId);
+  const taskId = await page.evaluate(() => window.brinmoor.navigation.place.taskId!);
   // The page notes when it shows "Finished"; asked only afterwards, in short calls, since a
   // page this busy answers a long-waiting call too late for DevTools.
   await page.evaluate(() => {
@@ -319,12 +323,12 @@ async function taskOutput(throttling) {
   // Seconds after the process ends at most, well within what DevTools waits for a call.
   const finished = await (await page.waitForFunction(() => window.brinmoorFinishedAt, { timeout: 120_000, polling: 100 })).jsonValue();
   const [last, total] = await page.evaluate((id) => {
-    const output = window.brinmoor.tasks.get(id).output;
+    const output = window.brinmoor.tasks.get(id)!.output;
     return [output?.last ?? 0, output?.total ?? 0];
   }, taskId);
   const label = throttling === 1 ? 'task output' : `task output, CPU ${throttling}x slower`;
   print(`${label}: seq 1 2000000, start to process end`, ((ended - began) / 1000).toFixed(1), 's');
-  print(`${label}: process end to "Finished" shown`, Math.max(0, finished - ended), 'ms');
+  print(`${label}: process end to "Finished" shown`, Math.max(0, finished! - ended), 'ms');
   print(`${label}: last line the page took / lines in all`, `${last} / ${total}`, '', '2000000 / 2000000');
   const dropped = world.relayLog.match(/client\.dropped [^\n]*/g) ?? [];
   print(`${label}: times the relay dropped a page for being slow, so far`, dropped.length);
@@ -340,13 +344,13 @@ const kPeerRounds = 5;
 
 async function freePort() {
   const server = createServer();
-  await new Promise((resolve) => server.listen(0, '127.0.0.1', resolve));
-  const { port } = server.address();
+  await new Promise<void>((resolve) => server.listen(0, '127.0.0.1', resolve));
+  const { port } = server.address() as AddressInfo;
   await new Promise((resolve) => server.close(resolve));
   return port;
 }
 
-async function peerCat(page, file, run) {
+async function peerCat(page: Page, file: string, run: number) {
   // Each run's own end marker: a page that draws earlier output again (a replay when it
   // comes back to the front) shows the marker of a run before, never this one's.
   const marker = `cat-done-${1000 + run}`;
@@ -355,28 +359,28 @@ async function peerCat(page, file, run) {
   await page.keyboard.press('Enter');
   // textContent needs no layout; the typed command shows "$((…))", not the marker.
   await page.waitForFunction(
-    (text) => document.querySelector('.xterm-rows').textContent.includes(text),
+    (text) => document.querySelector('.xterm-rows')!.textContent.includes(text),
     { timeout: 150_000, polling: 100 },
     marker,
   );
   const rate = 50 / ((Date.now() - began) / 1000);
   await page.keyboard.type('clear');
   await page.keyboard.press('Enter');
-  await page.waitForFunction((text) => !document.querySelector('.xterm-rows').textContent.includes(text), {}, marker);
+  await page.waitForFunction((text) => !document.querySelector('.xterm-rows')!.textContent.includes(text), {}, marker);
   return rate;
 }
 
 // xterm.js alone in WeTTY's page: 50 MB of the cat's lines written from memory, at most
 // 256 KiB waiting, with nothing on the network; what this Chromium's xterm.js can take.
-async function xtermAlone(page) {
+async function xtermAlone(page: Page) {
   return page.evaluate(async () => {
-    const term = window.wetty_term;
+    const term = window.wetty_term!;
     const chunk = ('x'.repeat(79) + '\r\n').repeat(204);
     const total = 50 * 1024 * 1024;
     const began = performance.now();
     let given = 0;
     let waiting = 0;
-    await new Promise((resolve) => {
+    await new Promise<void>((resolve) => {
       const more = () => {
         while (waiting < 16 && given < total) {
           waiting++;
@@ -397,9 +401,9 @@ async function xtermAlone(page) {
   });
 }
 
-function range(values, digits = 1) {
+function range(values: number[], digits = 1) {
   const sorted = [...values].sort((a, b) => a - b);
-  return `${sorted[0].toFixed(digits)} to ${sorted.at(-1).toFixed(digits)} (median ${median(values).toFixed(digits)})`;
+  return `${sorted[0].toFixed(digits)} to ${sorted.at(-1)!.toFixed(digits)} (median ${median(values).toFixed(digits)})`;
 }
 
 async function peer() {
@@ -418,8 +422,8 @@ async function peer() {
     stdio: ['ignore', 'pipe', 'pipe'],
   });
   let log = '';
-  wetty.stdout.on('data', (data) => (log += data));
-  wetty.stderr.on('data', (data) => (log += data));
+  wetty.stdout.on('data', (data: Buffer) => (log += data));
+  wetty.stderr.on('data', (data: Buffer) => (log += data));
   try {
     await world.waitFor(() => log.includes('Starting server'), 'WeTTY to start');
     const file = join(world.root, 'big.txt');
@@ -438,13 +442,17 @@ async function peer() {
     // Without WebGL, WeTTY's renderer add-on throws as it loads and xterm.js keeps its own.
     await theirs.goto(`http://127.0.0.1:${port}/`);
     await theirs.waitForSelector('.xterm-rows');
-    await theirs.waitForFunction(() => window.wetty_term && document.querySelector('.xterm-rows').textContent.includes('wetty '));
-    const figures = { ours: { arrived: [], drawn: [], cat: [] }, theirs: { arrived: [], drawn: [], cat: [] } };
+    await theirs.waitForFunction(() => window.wetty_term && document.querySelector('.xterm-rows')!.textContent.includes('wetty '));
+    type Figures = { arrived: number[]; drawn: number[]; cat: number[] };
+    const figures: Record<'ours' | 'theirs', Figures> = {
+      ours: { arrived: [], drawn: [], cat: [] },
+      theirs: { arrived: [], drawn: [], cat: [] },
+    };
     for (let round = 0; round < kPeerRounds; round++) {
       for (const [name, page] of [
         ['ours', ours],
         ['theirs', theirs],
-      ]) {
+      ] as const) {
         await page.bringToFront();
         await focusTerminal(page);
         await page.mouse.move(0, 0);
@@ -454,19 +462,19 @@ async function peer() {
         figures[name].cat.push(await peerCat(page, file, round));
       }
     }
-    const alone = [];
+    const alone: number[] = [];
     await theirs.bringToFront();
     for (let i = 0; i < 3; i++) alone.push(await xtermAlone(theirs));
     for (const [name, label] of [
       ['ours', 'Brinmoor Web'],
       ['theirs', 'WeTTY 3.2.0'],
-    ]) {
+    ] as const) {
       const f = figures[name];
       print(`${label}: keystroke to echo's socket message (medians of 40, ${kPeerRounds} rounds)`, range(f.arrived), 'ms');
       print(`${label}: keystroke to rendered echo (medians of 40, ${kPeerRounds} rounds)`, range(f.drawn), 'ms');
       print(`${label}: cat of 50 MB to its end shown (${kPeerRounds} runs)`, range(f.cat), 'MB/s');
     }
-    const ratio = (a, b) => (median(a) / median(b)).toFixed(2);
+    const ratio = (a: number[], b: number[]) => (median(a) / median(b)).toFixed(2);
     print('ratio Brinmoor Web / WeTTY: rendered echo (lower is faster)', ratio(figures.ours.drawn, figures.theirs.drawn), '', '<= 1');
     print('ratio Brinmoor Web / WeTTY: cat throughput', ratio(figures.ours.cat, figures.theirs.cat), '', '>= 1');
     print('xterm.js alone in the same Chromium, 50 MB from memory (3 runs)', range(alone), 'MB/s');

@@ -5,6 +5,7 @@ import assert from 'node:assert/strict';
 import { existsSync, mkdirSync, readFileSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
+import type { ElementHandle } from 'puppeteer-core';
 import {
   claudeStream,
   clickText,
@@ -18,10 +19,11 @@ import {
   testLeavingPictures,
   waitForText,
   World,
-} from './harness.mjs';
+  type TestPage,
+} from './harness.js';
 
 const world = new World();
-let page;
+let page: TestPage;
 // Switching isMobile or hasTouch reloads a page in puppeteer, so both sizes keep them off;
 // the phone layout follows the width.
 const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
@@ -31,7 +33,7 @@ const kScript = '<img src=x onerror=window.__pwned=1>';
 const test = testLeavingPictures(nodeTest, '', () => [[page, '']]);
 
 // What the page warned of on its console.
-const warnings = [];
+const warnings: string[] = [];
 
 before(async () => {
   await world.start();
@@ -43,12 +45,12 @@ after(async () => {
   await world.stop();
 });
 
-const byText = (selector, text, timeout) => elementWithText(page, selector, text, timeout);
-const click = (selector, text) => clickText(page, selector, text);
-const waitText = (selector, wanted, timeout) => waitForText(page, selector, wanted, timeout);
+const byText = (selector: string, text: string, timeout?: number) => elementWithText(page, selector, text, timeout);
+const click = (selector: string, text: string) => clickText(page, selector, text);
+const waitText = (selector: string, wanted: string, timeout?: number) => waitForText(page, selector, wanted, timeout);
 
 // Waits until the text of `selector` includes `wanted`.
-function waitIncludes(selector, wanted, timeout) {
+function waitIncludes(selector: string, wanted: string, timeout?: number) {
   return page.waitForFunction(
     (sel, text) => [...document.querySelectorAll(sel)].some((e) => e.textContent.includes(text)),
     { timeout: timeout ?? 20000 },
@@ -58,7 +60,7 @@ function waitIncludes(selector, wanted, timeout) {
 }
 
 // Types into a field once it is on the page (views render on the next frame).
-async function type(selector, text) {
+async function type(selector: string, text: string) {
   await page.waitForSelector(selector, { visible: true });
   await page.type(selector, text);
 }
@@ -75,18 +77,18 @@ function forgetExpectedProblems() {
   );
 }
 
-async function textOf(selector) {
+async function textOf(selector: string) {
   return page.$eval(selector, (e) => e.textContent);
 }
 
-async function shoot(name) {
+async function shoot(name: string) {
   const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;
   if (!folder) return;
   mkdirSync(folder, { recursive: true });
   for (const [size, viewport] of [
     ['phone', kPhone],
     ['desktop', kDesktop],
-  ]) {
+  ] as const) {
     await page.setViewport(viewport);
     await page.waitForFunction(() => new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(() => resolve(true)))));
     await page.screenshot({ path: join(folder, `web-${name}-${size}.png`) });
@@ -94,7 +96,7 @@ async function shoot(name) {
   await page.setViewport(kPhone);
 }
 
-async function sendChat(prompt) {
+async function sendChat(prompt: string) {
   await type('textarea[name=prompt]', prompt);
   await click('.composer button', 'Send');
 }
@@ -112,7 +114,7 @@ test('a page without a token asks for one, and a wrong token is said plainly', a
   await stranger.goto('about:blank');
   await stranger.goto(world.origin + '/#token=wrong-token');
   const alert = await stranger.waitForSelector('.token-card .error');
-  assert.equal(await alert.evaluate((e) => e.textContent), 'This server did not accept the token. Check it and enter it again.');
+  assert.equal(await alert!.evaluate((e) => e.textContent), 'This server did not accept the token. Check it and enter it again.');
   assert.equal(await stranger.evaluate(() => location.hash), '');
   await context.close();
 });
@@ -148,7 +150,7 @@ test('a folder typed again is not listed twice, and one remembered here can be r
   await click('.forget-folder', '×');
   await page.waitForFunction(() => document.querySelectorAll('.project-path').length === 1);
   assert.deepEqual(await projects(), [world.project]);
-  assert.deepEqual(await page.evaluate(() => JSON.parse(localStorage.getItem('brinmoor.folders'))), { [kAgentId]: [] });
+  assert.deepEqual(await page.evaluate(() => JSON.parse(localStorage.getItem('brinmoor.folders')!)), { [kAgentId]: [] });
 });
 
 test('runs a shell task and shows its output, exit status and history', async () => {
@@ -171,13 +173,16 @@ test('a long task output scrolls by the keyboard', async () => {
   await type('input[name=command]', 'seq 1 400');
   await click('.run-form button', 'Run');
   await waitText('.task-detail .task-status', 'Finished');
-  assert.equal(await page.$eval('.task-log', (log) => [log.getAttribute('aria-label'), log.tabIndex].join(' ')), 'Output 0');
+  assert.equal(
+    await page.$eval('.task-log', (log) => [log.getAttribute('aria-label'), (log as HTMLElement).tabIndex].join(' ')),
+    'Output 0',
+  );
   // Pinned to the newest line; focused, Home goes to the top.
   await page.focus('.task-log');
-  assert.equal(await page.evaluate(() => document.activeElement.className), 'task-log');
+  assert.equal(await page.evaluate(() => document.activeElement!.className), 'task-log');
   assert.ok(await page.$eval('.task-log', (log) => log.scrollTop > 0));
   await page.keyboard.press('Home');
-  await page.waitForFunction(() => document.querySelector('.task-log').scrollTop === 0);
+  await page.waitForFunction(() => document.querySelector('.task-log')!.scrollTop === 0);
 });
 
 test('chats with claude: the answer streams in, and the next message continues the conversation', async () => {
@@ -269,7 +274,7 @@ test('an answer with markup runs no script', async () => {
 
 const kExplanation = 'The greeting said hello; I changed it to bye in greeting.txt.';
 
-async function propose(prompt) {
+async function propose(prompt: string) {
   await click('button[role=tab]', 'Changes');
   await type('textarea[name=change-prompt]', prompt);
   await click('.change-form button[type=submit]', 'Start');
@@ -282,7 +287,9 @@ test('a proposal is reviewed as a diff, and Approve applies it', async () => {
   await propose('Say bye');
   // Only Codex, which works on a copy, is asked for changes here.
   assert.deepEqual(
-    await page.$$eval('.change-form .segmented', (groups) => groups.map((g) => [g.getAttribute('aria-label'), g.innerText.split('\n')])),
+    await page.$$eval('.change-form .segmented', (groups) =>
+      groups.map((g) => [g.getAttribute('aria-label'), (g as HTMLElement).innerText.split('\n')]),
+    ),
     [['Mode', ['Propose changes', 'Plan only']]],
   );
   assert.equal(
@@ -304,25 +311,25 @@ test('a proposal is reviewed as a diff, and Approve applies it', async () => {
 // Where each line number of the review stands against its line, as [number top, line top].
 function gutters() {
   return page.$$eval('.change-detail .diff-body .d2h-code-linenumber', (cells) =>
-    cells.map((cell) => [Math.round(cell.getBoundingClientRect().top), Math.round(cell.closest('tr').getBoundingClientRect().top)]),
+    cells.map((cell) => [Math.round(cell.getBoundingClientRect().top), Math.round(cell.closest('tr')!.getBoundingClientRect().top)]),
   );
 }
 
 // The contrast ratio of an element's text against the background it is drawn on.
-function contrastOf(selector) {
+function contrastOf(selector: string) {
   return page.$eval(selector, (element) => {
-    const rgb = (text) =>
+    const rgb = (text: string) =>
       text
-        .match(/[\d.]+/g)
+        .match(/[\d.]+/g)!
         .slice(0, 4)
         .map(Number);
-    const luminance = ([r, g, b]) => {
-      const channel = (v) => ((v /= 255) <= 0.03928 ? v / 12.92 : ((v + 0.055) / 1.055) ** 2.4);
+    const luminance = ([r, g, b]: number[]) => {
+      const channel = (v: number) => ((v /= 255) <= 0.03928 ? v / 12.92 : ((v + 0.055) / 1.055) ** 2.4);
       return 0.2126 * channel(r) + 0.7152 * channel(g) + 0.0722 * channel(b);
     };
     // The background as drawn: each translucent layer over the ones below it.
-    const layers = [];
-    for (let at = element; at; at = at.parentElement) layers.push(rgb(getComputedStyle(at).backgroundColor));
+    const layers: number[][] = [];
+    for (let at: Element | null = element; at; at = at.parentElement) layers.push(rgb(getComputedStyle(at).backgroundColor));
     let drawn = [255, 255, 255];
     for (const [r, g, b, a = 1] of layers.reverse())
       drawn = [r * a + drawn[0] * (1 - a), g * a + drawn[1] * (1 - a), b * a + drawn[2] * (1 - a)];
@@ -355,7 +362,7 @@ async function longDiffChecks() {
   // Unified, and nothing to scroll sideways: the long line wraps.
   assert.equal(await page.$('.change-detail .d2h-file-side-diff'), null);
   assert.equal(
-    await page.$eval('.change-detail .diff-body', (body) => [body.getAttribute('aria-label'), body.tabIndex].join(' ')),
+    await page.$eval('.change-detail .diff-body', (body) => [body.getAttribute('aria-label'), (body as HTMLElement).tabIndex].join(' ')),
     'Changes to long.txt 0',
   );
   assert.ok(await page.$eval('.change-detail .diff-body', (body) => body.scrollWidth <= body.clientWidth));
@@ -375,7 +382,7 @@ async function longDiffChecks() {
     [],
   );
   // Scrolled, every number is still beside its line.
-  await page.evaluate(() => document.querySelector('.change-detail .diff-body').scrollIntoView({ block: 'end' }));
+  await page.evaluate(() => document.querySelector('.change-detail .diff-body')!.scrollIntoView({ block: 'end' }));
   await pageSettled(page);
   const after = await gutters();
   assert.notDeepEqual(after, before);
@@ -437,10 +444,10 @@ test('a file name with markup in a diff runs no script', async () => {
 });
 
 async function terminalText() {
-  return page.$eval('.xterm-rows', (rows) => rows.innerText);
+  return page.$eval('.xterm-rows', (rows) => (rows as HTMLElement).innerText);
 }
 
-async function typeInTerminal(text) {
+async function typeInTerminal(text: string) {
   await focusTerminal(page);
   await page.keyboard.type(text);
   await page.keyboard.press('Enter');
@@ -452,7 +459,7 @@ test('an interactive terminal echoes what is typed, and its title is text', asyn
   await page.waitForSelector('.terminal-head .status-dot.online');
   await page.waitForSelector('.key-bar button[aria-label=Ctrl]');
   await typeInTerminal('echo brinmoor-$((6*7))');
-  await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('brinmoor-42'));
+  await page.waitForFunction(() => document.querySelector<HTMLElement>('.xterm-rows')!.innerText.includes('brinmoor-42'));
   // This xterm.js still lets the view skip the redraw that doubles the cost of scrolling.
   assert.deepEqual(
     warnings.filter((text) => text.includes('xterm.js')),
@@ -462,7 +469,7 @@ test('an interactive terminal echoes what is typed, and its title is text', asyn
   const row = await page.evaluateHandle(() =>
     [...document.querySelectorAll('.xterm-rows > div')].find((line) => line.textContent.trim() === 'brinmoor-42'),
   );
-  const box = await row.boundingBox();
+  const box = (await (row as ElementHandle<Element>).boundingBox())!;
   await page.mouse.click(box.x + 20, box.y + box.height / 2, { count: 2 });
   await page.waitForFunction(() => document.querySelectorAll('.xterm-selection div').length > 0);
   await page.mouse.click(box.x + 20, box.y + box.height / 2);
@@ -483,9 +490,9 @@ test('an interactive terminal echoes what is typed, and its title is text', asyn
 test('after a reload the terminal is attached again with its output', async () => {
   await page.reload();
   await page.waitForSelector('.terminal-head .status-dot.online');
-  await page.waitForFunction(() => document.querySelector('.xterm-rows')?.innerText.includes('brinmoor-42'));
+  await page.waitForFunction(() => document.querySelector<HTMLElement>('.xterm-rows')?.innerText.includes('brinmoor-42'));
   await typeInTerminal('echo back-$((1+1))');
-  await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('back-2'));
+  await page.waitForFunction(() => document.querySelector<HTMLElement>('.xterm-rows')!.innerText.includes('back-2'));
   assert.match(await terminalText(), /back-2/);
 });
 
@@ -493,16 +500,16 @@ test('the key bar sends control keys', async () => {
   await focusTerminal(page);
   await page.keyboard.type('sleep 30');
   await page.keyboard.press('Enter');
-  await (await page.$('.key-bar button[aria-label=Ctrl]')).click();
+  await (await page.$('.key-bar button[aria-label=Ctrl]'))!.click();
   await page.keyboard.type('c');
   await typeInTerminal('echo after-$((2+3))');
-  await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('after-5'));
+  await page.waitForFunction(() => document.querySelector<HTMLElement>('.xterm-rows')!.innerText.includes('after-5'));
 });
 
 test('the key bar sends Home, End, Page Up and Down, Ctrl-C, Ctrl-D and Ctrl-Z', async () => {
   // The shell reads the keys raw and prints their bytes.
   await typeInTerminal("stty raw -echo; head -c 17 | od -An -tx1 | tr -d ' \\n'; stty sane; echo");
-  await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('stty sane; echo'));
+  await page.waitForFunction(() => document.querySelector<HTMLElement>('.xterm-rows')!.innerText.includes('stty sane; echo'));
   const labels = await page.$$eval('.key-bar button', (buttons) =>
     buttons.map((button) => [button.textContent, button.getAttribute('aria-label')]),
   );
@@ -526,9 +533,11 @@ test('the key bar sends Home, End, Page Up and Down, Ctrl-C, Ctrl-D and Ctrl-Z',
     ['/', 'Slash'],
   ]);
   for (const name of ['Home', 'End', 'PgUp', 'PgDn', 'Control C', 'Control D', 'Control Z']) {
-    await (await page.$(`.key-bar button[aria-label="${name}"]`)).click();
+    await (await page.$(`.key-bar button[aria-label="${name}"]`))!.click();
   }
-  await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('1b5b481b5b461b5b357e1b5b367e03041a'));
+  await page.waitForFunction(() =>
+    document.querySelector<HTMLElement>('.xterm-rows')!.innerText.includes('1b5b481b5b461b5b357e1b5b367e03041a'),
+  );
 });
 
 test('a terminal left for another tab shows its output and prompt on return', async () => {
@@ -541,10 +550,10 @@ test('a terminal left for another tab shows its output and prompt on return', as
   await click('button[role=tab]', 'Tasks');
   await page.waitForFunction(() => !document.querySelector('.xterm-rows'));
   await click('button[role=tab]', 'Terminal');
-  await page.waitForFunction(() => document.querySelector('.xterm-rows')?.innerText.includes('after-5'));
+  await page.waitForFunction(() => document.querySelector<HTMLElement>('.xterm-rows')?.innerText.includes('after-5'));
   assert.equal(await terminalText(), shown);
   await typeInTerminal('echo again-$((3+4))');
-  await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('again-7'));
+  await page.waitForFunction(() => document.querySelector<HTMLElement>('.xterm-rows')!.innerText.includes('again-7'));
   assert.equal(await page.evaluate(() => window.brinmoorResets), 0);
   await page.evaluate(() => (window.brinmoorTerminalTap = undefined));
 });
@@ -563,7 +572,7 @@ test('a terminal another page made wider is replayed at that width, then fitted 
     await focusTerminal(wide);
     await wide.keyboard.type("printf 'left\\e[90Gright\\n'");
     await wide.keyboard.press('Enter');
-    await wide.waitForFunction(() => /left {80,}right/.test(document.querySelector('.xterm-rows').innerText));
+    await wide.waitForFunction(() => /left {80,}right/.test(document.querySelector<HTMLElement>('.xterm-rows')!.innerText));
   } finally {
     await context.close();
   }
@@ -576,7 +585,7 @@ test('a terminal another page made wider is replayed at that width, then fitted 
   // goes on over as many rows as it takes, "right" 89 columns after its start (drawn
   // narrow, the line would end in "r" at this page's last column).
   await page.waitForFunction(() => [...document.querySelectorAll('.xterm-rows > div')].some((row) => row.textContent.trim() === 'right'));
-  const cols = await page.evaluate(() => JSON.parse(localStorage.getItem('brinmoor.terminals'))[0].cols);
+  const cols = await page.evaluate(() => JSON.parse(localStorage.getItem('brinmoor.terminals')!)[0].cols);
   const line = 'left' + ' '.repeat(85) + 'right';
   const wrapped = Array.from({ length: Math.ceil(line.length / cols) }, (_, i) => line.slice(i * cols, (i + 1) * cols).trimEnd());
   const shown = await rows();
@@ -586,12 +595,12 @@ test('a terminal another page made wider is replayed at that width, then fitted 
 });
 
 test('full screen, and a phone keyboard, give the terminal the whole window', async () => {
-  const shown = (selector) => page.$eval(selector, (e) => e.getBoundingClientRect().height > 0);
+  const shown = (selector: string) => page.$eval(selector, (e) => e.getBoundingClientRect().height > 0);
   const hostHeight = () => page.$eval('.terminal-host', (e) => Math.round(e.getBoundingClientRect().height));
   const before = await hostHeight();
   assert.deepEqual([await shown('.topbar'), await shown('.tabs')], [true, true]);
   await page.click('.terminal-head button[aria-label="Full screen"]');
-  await page.waitForFunction(() => document.querySelector('.tabs').getBoundingClientRect().height === 0);
+  await page.waitForFunction(() => document.querySelector('.tabs')!.getBoundingClientRect().height === 0);
   assert.equal(await shown('.topbar'), false);
   assert.ok((await hostHeight()) > before + 100);
   assert.equal(
@@ -600,27 +609,27 @@ test('full screen, and a phone keyboard, give the terminal the whole window', as
   );
   await shoot('terminal-full');
   await page.click('.terminal-head button[aria-label="Exit full screen"]');
-  await page.waitForFunction(() => document.querySelector('.tabs').getBoundingClientRect().height > 0);
+  await page.waitForFunction(() => document.querySelector('.tabs')!.getBoundingClientRect().height > 0);
   assert.equal(await hostHeight(), before);
   // A keyboard that takes 400 pixels: the bars go, and the keys end above it.
   await page.evaluate(() => {
     Object.defineProperty(visualViewport, 'height', { configurable: true, get: () => innerHeight - 400 });
-    visualViewport.dispatchEvent(new Event('resize'));
+    visualViewport!.dispatchEvent(new Event('resize'));
   });
-  await page.waitForFunction(() => document.querySelector('.tabs').getBoundingClientRect().height === 0);
+  await page.waitForFunction(() => document.querySelector('.tabs')!.getBoundingClientRect().height === 0);
   assert.equal(await shown('.topbar'), false);
   const keys = await page.$eval('.key-bar', (bar) => Math.round(bar.getBoundingClientRect().bottom));
   assert.ok(keys <= 844 - 400, String(keys));
   await page.evaluate(() => {
-    delete visualViewport.height;
-    visualViewport.dispatchEvent(new Event('resize'));
+    delete (visualViewport as { height?: number }).height;
+    visualViewport!.dispatchEvent(new Event('resize'));
   });
-  await page.waitForFunction(() => document.querySelector('.tabs').getBoundingClientRect().height > 0);
+  await page.waitForFunction(() => document.querySelector('.tabs')!.getBoundingClientRect().height > 0);
   // Leaving the terminal leaves neither mode behind.
   await page.click('.terminal-head button[aria-label="Full screen"]');
-  await page.waitForFunction(() => document.querySelector('.tabs').getBoundingClientRect().height === 0);
+  await page.waitForFunction(() => document.querySelector('.tabs')!.getBoundingClientRect().height === 0);
   await page.evaluate(() => window.brinmoor.navigation.go({ tab: 'tasks' }));
-  await page.waitForFunction(() => document.querySelector('.tabs').getBoundingClientRect().height > 0);
+  await page.waitForFunction(() => document.querySelector('.tabs')!.getBoundingClientRect().height > 0);
   assert.equal(await page.evaluate(() => /terminal-full|keyboard-open/.test(document.documentElement.className)), false);
   await click('button[role=tab]', 'Terminal');
   await page.waitForSelector('.terminal-head .status-dot.online');
@@ -633,17 +642,21 @@ test('a line-mode terminal completes a path, runs the line and keeps a history',
   assert.equal(await page.$eval('input[name=line]', (input) => input.getAttribute('aria-label')), 'Command line');
   await type('input[name=line]', 'ls Pack');
   await page.keyboard.press('Tab');
-  await page.waitForFunction(() => document.querySelector('input[name=line]').value === 'ls Package.swift');
+  await page.waitForFunction(() => document.querySelector<HTMLInputElement>('input[name=line]')!.value === 'ls Package.swift');
   await page.keyboard.press('Enter');
-  await page.waitForFunction(() => /› ls Package\.swift\s+Package\.swift/.test(document.querySelector('.xterm-rows').innerText));
+  await page.waitForFunction(() =>
+    /› ls Package\.swift\s+Package\.swift/.test(document.querySelector<HTMLElement>('.xterm-rows')!.innerText),
+  );
   assert.equal(await page.$eval('input[name=line]', (input) => input.value), '');
   await page.keyboard.press('ArrowUp');
   assert.equal(await page.$eval('input[name=line]', (input) => input.value), 'ls Package.swift');
   // The command stays above its output after a reload: the agent shows it, and replays it.
   await page.reload();
   await page.waitForSelector('.terminal-head .status-dot.online');
-  await page.waitForFunction(() => /› ls Package\.swift\s+Package\.swift/.test(document.querySelector('.xterm-rows').innerText));
-  assert.equal((await terminalText()).match(/› ls Package\.swift/g).length, 1);
+  await page.waitForFunction(() =>
+    /› ls Package\.swift\s+Package\.swift/.test(document.querySelector<HTMLElement>('.xterm-rows')!.innerText),
+  );
+  assert.equal((await terminalText()).match(/› ls Package\.swift/g)!.length, 1);
 });
 
 test('Forget this server clears the token and asks again', async () => {

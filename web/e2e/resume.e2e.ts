@@ -14,6 +14,8 @@ import { createHash, randomBytes } from 'node:crypto';
 import { mkdirSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
+import type { CDPSession, Page } from 'puppeteer-core';
+import type { RelayClientOptions } from '../src/protocol/relay_client';
 import {
   claudeStream,
   clickText,
@@ -24,15 +26,25 @@ import {
   testLeavingPictures,
   waitForText,
   World,
-} from './harness.mjs';
+  type TestPage,
+} from './harness.js';
 
 // A small event log, so that a page away long enough finds a gap.
 const world = new World({ relayEnv: { BRINMOOR_EVENT_LOG_BYTES: String(1024 * 1024) } });
 const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
-let page;
-let other; // a second page of the test running, if any
-let cdp;
-let sockets; // what the page's sockets did, as DevTools saw it
+let page: TestPage;
+let other: TestPage | undefined; // a second page of the test running, if any
+let cdp: CDPSession;
+let sockets: Sockets; // what the page's sockets did, as DevTools saw it
+
+interface Sockets {
+  urls: string[];
+  resumes: string[];
+  cancels: unknown[];
+}
+
+// What the page's connection is given to wait with; the tests put it off.
+type ClientWithOptions = { options: Required<Pick<RelayClientOptions, 'setTimer'>> };
 
 const test = testLeavingPictures(nodeTest, 'resume-', () => [
   [page, ''],
@@ -41,9 +53,9 @@ const test = testLeavingPictures(nodeTest, 'resume-', () => [
 
 // Watches the page's sockets through DevTools: their addresses, the resume frames, and the
 // cancellations the page sent.
-async function watchSockets(target) {
+async function watchSockets(target: Page) {
   const session = await target.createCDPSession();
-  const seen = { urls: [], resumes: [], cancels: [] };
+  const seen: Sockets = { urls: [], resumes: [], cancels: [] };
   session.on('Network.webSocketCreated', (event) => seen.urls.push(event.url));
   session.on('Network.webSocketFrameSent', (event) => {
     const payload = event.response.payloadData;
@@ -59,7 +71,7 @@ async function watchSockets(target) {
   return { session, seen };
 }
 
-async function offline(on) {
+async function offline(on: boolean) {
   await cdp.send('Network.emulateNetworkConditions', { offline: on, latency: 0, downloadThroughput: -1, uploadThroughput: -1 });
 }
 
@@ -85,7 +97,7 @@ after(async () => {
 const click = clickText;
 const waitText = waitForText;
 
-async function shoot(name) {
+async function shoot(name: string) {
   const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;
   if (!folder) return;
   mkdirSync(folder, { recursive: true });
@@ -94,7 +106,7 @@ async function shoot(name) {
 }
 
 // Runs a shell command from the Tasks tab; the new task's id.
-async function runTask(command) {
+async function runTask(command: string) {
   await click(page, 'button[role=tab] .tab-label', 'Tasks');
   await page.waitForSelector('input[name=command]', { visible: true });
   // The field keeps the last command; it is emptied as a user does it.
@@ -104,16 +116,16 @@ async function runTask(command) {
   const before = await page.evaluate(() => window.brinmoor.tasks.list().length);
   await click(page, '.run-form button', 'Run');
   await page.waitForFunction((n) => window.brinmoor.tasks.list().length > n, {}, before);
-  return page.evaluate(() => window.brinmoor.navigation.place.taskId);
+  return page.evaluate(() => window.brinmoor.navigation.place.taskId!);
 }
 
 // The lines of a task's output the page holds: those it took one after another, in
 // memory (what came before them is read from the computer when shown).
-function logOf(taskId) {
+function logOf(taskId: string) {
   return page.evaluate((id) => window.brinmoorHeld(window.brinmoor.tasks.get(id)), taskId);
 }
 
-function waitForLine(taskId, line) {
+function waitForLine(taskId: string, line: string) {
   return page.waitForFunction(
     (id, wanted) => window.brinmoorHeld(window.brinmoor.tasks.get(id)).includes(wanted),
     { timeout: 20000 },
@@ -123,18 +135,18 @@ function waitForLine(taskId, line) {
 }
 
 // The agent says so when a task's process has ended.
-function waitForTaskEnd(taskId) {
+function waitForTaskEnd(taskId: string) {
   return world.waitFor(() => world.agentLog.includes(`runTask process terminated taskId=${taskId}`), `the end of task ${taskId}`);
 }
 
-function count(text, pattern) {
+function count(text: string, pattern: RegExp) {
   return (text.match(pattern) ?? []).length;
 }
 
-const numbered = (tag, n) => Array.from({ length: n }, (_, i) => `${tag}-${i + 1}`);
+const numbered = (tag: string, n: number) => Array.from({ length: n }, (_, i) => `${tag}-${i + 1}`);
 
 // Takes the page offline, proves its socket is gone, runs `whileAway`, and brings it back.
-async function away(whileAway) {
+async function away(whileAway: () => Promise<unknown>) {
   const disconnected = count(world.relayLog, /^client\.disconnected /gm);
   const opened = sockets.urls.length;
   await offline(true);
@@ -148,7 +160,7 @@ async function away(whileAway) {
   await world.waitFor(() => count(world.relayLog, /^client\.disconnected /gm) > disconnected, 'the relay to see the socket go');
   assert.ok(sockets.urls.length > opened, 'a new socket was opened');
   const url = new URL(sockets.urls[sockets.urls.length - 1]);
-  assert.deepEqual(Object.keys(JSON.parse(url.searchParams.get('since'))), [kAgentId]);
+  assert.deepEqual(Object.keys(JSON.parse(url.searchParams.get('since')!)), [kAgentId]);
 }
 
 test('a page offline during a running task and a streaming chat finds every line, the end and the whole answer', async () => {
@@ -171,7 +183,7 @@ test('a page offline during a running task and a streaming chat finds every line
   await page.type('textarea[name=prompt]', 'Tell me in pieces');
   await click(page, '.composer button', 'Send');
   await page.waitForFunction(() => document.querySelector('.message.assistant .markdown')?.textContent.includes('Piece 1 '));
-  const chatTask = await page.$eval('.message.assistant', (e) => e.dataset.task);
+  const chatTask = await page.$eval('.message.assistant', (e) => (e as HTMLElement).dataset.task!);
   await away(() => waitForTaskEnd(chatTask));
   await page.waitForSelector('.message.assistant.done');
   assert.equal(await page.$eval('.message.assistant .markdown', (e) => e.textContent.trim()), pieces.join('').trim());
@@ -190,14 +202,14 @@ test('a reload while a task runs loses nothing', async () => {
   // The tasks before it came back with their output too.
   await click(page, '.task-history .task-title', 'for i in {1..60}; do print T-$i; sleep 0.05; done');
   await waitText(page, '.task-detail .task-status', 'Finished');
-  const earlier = await page.evaluate(() => window.brinmoor.navigation.place.taskId);
+  const earlier = await page.evaluate(() => window.brinmoor.navigation.place.taskId!);
   assert.deepEqual(await logOf(earlier), numbered('T', 60));
 });
 
 // A fake `claude` that says its answer in parts: the first at once, each next one once the
 // file GATE-N exists (N from 1), then its result.
-function gatedClaude(parts, gate) {
-  const line = (event) => `print -r -- '${JSON.stringify(event)}'\n`;
+function gatedClaude(parts: string[], gate: string) {
+  const line = (event: object) => `print -r -- '${JSON.stringify(event)}'\n`;
   let text = '';
   let script = line({ type: 'system', subtype: 'init', session_id: 's' });
   parts.forEach((part, i) => {
@@ -209,7 +221,7 @@ function gatedClaude(parts, gate) {
 }
 
 // Opens a new chat with Claude in the project and sends its first message.
-async function startChat(prompt) {
+async function startChat(prompt: string) {
   if (!(await page.$('button[role=tab]'))) await click(page, '.project .project-name', 'App');
   await click(page, 'button[role=tab] .tab-label', 'Chat');
   // At phone size an open chat covers the list until "All chats".
@@ -225,11 +237,11 @@ async function startChat(prompt) {
 }
 
 // Opens every gate of a gated answer, so that a test that fails leaves no chat running.
-function openGates(gate, count) {
+function openGates(gate: string, count: number) {
   for (let i = 1; i <= count; i++) writeFileSync(`${gate}-${i}`, '');
 }
 
-function answerText(target = page) {
+function answerText(target: Page = page) {
   return target.$$eval('.message.assistant .markdown', (all) => all.map((e) => e.textContent.trim()));
 }
 
@@ -244,10 +256,10 @@ test('a reload mid-answer on another view keeps what was said, and the answer go
   }
 });
 
-async function reloadMidAnswer(gate, parts) {
+async function reloadMidAnswer(gate: string, parts: string[]) {
   await startChat('Tell me in three parts');
   await waitText(page, '.message.assistant.streaming .markdown', 'First, the plan.');
-  const conversationId = await page.evaluate(() => window.brinmoor.navigation.place.conversationId);
+  const conversationId = await page.evaluate(() => window.brinmoor.navigation.place.conversationId!);
   await click(page, 'button[role=tab] .tab-label', 'Tasks');
   await page.reload();
   await page.waitForFunction(() => window.brinmoor?.connection.state === 'open');
@@ -285,7 +297,7 @@ test('after a reload mid-answer Stop cancels it, and the next message is answere
 async function stopAfterReload() {
   await startChat('Take your time');
   await waitText(page, '.message.assistant.streaming .markdown', 'Thinking it over.');
-  const chatTask = await page.$eval('.message.assistant', (e) => e.dataset.task);
+  const chatTask = await page.$eval('.message.assistant', (e) => (e as HTMLElement).dataset.task!);
   await page.reload();
   await waitText(page, '.message.assistant.streaming .markdown', 'Thinking it over.');
   const cancels = sockets.cancels.length;
@@ -319,12 +331,12 @@ test('a page away longer than the relay keeps messages reads what it missed from
   assert.deepEqual(sockets.resumes.slice(resumes), ['resume.gap']);
   // Nothing is missed: the log has every line, the last ones read from the computer...
   const all = ['G-start', ...Array.from({ length: 12000 }, (_, i) => `G-${i + 1}-${'x'.repeat(240)}`), 'G-end'];
-  assert.equal(await page.evaluate((id) => window.brinmoor.tasks.get(id).output.total, taskId), all.length);
+  assert.equal(await page.evaluate((id) => window.brinmoor.tasks.get(id)!.output!.total, taskId), all.length);
   await page.waitForFunction(() => [...document.querySelectorAll('.task-log .log-line')].at(-1)?.textContent === 'G-end');
   assert.equal(await page.$('.task-log .log-line.notice'), null);
   // ...and the page can have them all.
   const read = await page.evaluate(
-    async (id) => (await window.brinmoor.tasks.outputs.reads.readAll(window.brinmoor.tasks.get(id))).flat(),
+    async (id) => (await window.brinmoor.tasks.outputs.reads.readAll(window.brinmoor.tasks.get(id)!)).flat(),
     taskId,
   );
   assert.deepEqual(read, all);
@@ -359,7 +371,7 @@ test('a page that never saw the agent shows its running task, the waiting propos
   await focusTerminal(page);
   await page.keyboard.type('echo seen-$((6*7))');
   await page.keyboard.press('Enter');
-  await page.waitForFunction(() => document.querySelector('.xterm-rows').innerText.includes('seen-42'));
+  await page.waitForFunction(() => document.querySelector<HTMLElement>('.xterm-rows')!.innerText.includes('seen-42'));
   writeFileSync(join(world.project, 'greeting.txt'), 'hello\n');
   world.fakeFile('codex.script', 'print bye > greeting.txt\n');
   world.fakeFile('codex.stream', codexStream(['I changed the greeting to bye.'], 'th-resume'));
@@ -375,7 +387,7 @@ test('a page that never saw the agent shows its running task, the waiting propos
   await waitText(second.fresh, '.change-detail .task-status', 'Waiting for your review');
   await second.fresh.waitForSelector('.diff-body .d2h-del');
   await click(second.fresh, 'button[role=tab] .tab-label', 'Terminal');
-  await second.fresh.waitForFunction(() => document.querySelector('.xterm-rows')?.innerText.includes('seen-42'));
+  await second.fresh.waitForFunction(() => document.querySelector<HTMLElement>('.xterm-rows')?.innerText.includes('seen-42'));
   await click(second.fresh, 'button[role=tab] .tab-label', 'Changes');
   await click(second.fresh, '.change-detail .actions button', 'Approve');
   await page.waitForFunction(() => document.querySelector('.change-detail .task-status')?.textContent.startsWith('Finished'));
@@ -385,7 +397,7 @@ test('a page that never saw the agent shows its running task, the waiting propos
 // What xterm.js is given, kept in the page by the terminal's test hook, and the marks
 // asked for that it has seen (looked for as the pieces come, so the page never searches
 // all of it).
-function tapTerminal(marks) {
+function tapTerminal(marks: string[]) {
   return page.evaluateOnNewDocument((watched) => {
     window.brinmoorTapped = [];
     window.brinmoorTappedLength = 0;
@@ -426,7 +438,7 @@ test('50 MB through a slow network in a paced terminal: every byte, no disconnec
   await page.waitForSelector('.terminal-head .status-dot.online');
   await page.evaluate(() => {
     window.brinmoorStates = [];
-    window.brinmoor.connection.client.onState((state) => window.brinmoorStates.push(state));
+    window.brinmoor.connection.client!.onState((state) => window.brinmoorStates.push(state));
   });
   const connected = count(world.relayLog, /^client\.connected /gm);
   await cdp.send('Network.emulateNetworkConditions', {
@@ -475,7 +487,7 @@ test('while the relay is down the page offers "Retry now", which connects at onc
   const problems = page.problems.length;
   // The page's own next attempts are put off for an hour: only the button brings it back.
   await page.evaluate(() => {
-    const options = window.brinmoor.connection.client.options;
+    const options = (window.brinmoor.connection.client as unknown as ClientWithOptions).options;
     window.brinmoorSetTimer = options.setTimer;
     options.setTimer = (run, ms) => window.brinmoorSetTimer(run, Math.max(ms, 3_600_000));
   });
@@ -484,7 +496,7 @@ test('while the relay is down the page offers "Retry now", which connects at onc
     await waitText(page, '.retry-now', 'Retry now');
     await shoot('retry-now');
   });
-  const sinceRestart = () => world.relayLog.split('listening port=').pop();
+  const sinceRestart = () => world.relayLog.split('listening port=').pop()!;
   await world.waitFor(() => /^agent\.register /m.test(sinceRestart()), 'the agent on the new relay');
   // The page has not come back by itself.
   assert.equal(await page.evaluate(() => window.brinmoor.connection.state), 'waiting');
@@ -493,7 +505,9 @@ test('while the relay is down the page offers "Retry now", which connects at onc
   await waitText(page, '.connection-text', 'Connected');
   assert.equal(count(sinceRestart(), /^client\.connected /gm), 1);
   assert.equal(await page.$('.retry-now'), null);
-  await page.evaluate(() => (window.brinmoor.connection.client.options.setTimer = window.brinmoorSetTimer));
+  await page.evaluate(
+    () => ((window.brinmoor.connection.client as unknown as ClientWithOptions).options.setTimer = window.brinmoorSetTimer),
+  );
   // The attempts that met no relay are all the console heard of.
   const heard = page.problems.splice(problems);
   const unreachable = /^console error: (WebSocket connection to .* failed|Failed to load resource: net::ERR_CONNECTION_REFUSED)/;

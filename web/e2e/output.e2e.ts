@@ -7,15 +7,16 @@ import assert from 'node:assert/strict';
 import { existsSync, readFileSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
-import { clickText, kToken, pageSettled, testLeavingPictures, waitForText, World } from './harness.mjs';
+import type { CDPSession } from 'puppeteer-core';
+import { clickText, kToken, pageSettled, testLeavingPictures, waitForText, World, type TestPage } from './harness.js';
 
 // DevTools does not follow the network: copying every frame to this process would slow the
 // page down more than the throttling does.
 const world = new World({ networkEnabled: false });
 const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
-let page;
-let fresh;
-let cdp;
+let page: TestPage;
+let fresh: TestPage | undefined;
+let cdp: CDPSession;
 
 const test = testLeavingPictures(nodeTest, 'output-', () => [
   [page, ''],
@@ -39,11 +40,11 @@ after(async () => {
   await world.stop();
 });
 
-const waitText = (selector, wanted, timeout) => waitForText(page, selector, wanted, timeout);
+const waitText = (selector: string, wanted: string, timeout?: number) => waitForText(page, selector, wanted, timeout);
 
 // Waits as long as `timeout` in waits of 30 s: DevTools gives up on a call it has
 // waited three minutes for, and a page four times slower on a busy machine takes longer.
-async function waitTextLong(selector, wanted, timeout) {
+async function waitTextLong(selector: string, wanted: string, timeout: number) {
   const deadline = Date.now() + timeout;
   for (;;) {
     try {
@@ -55,7 +56,7 @@ async function waitTextLong(selector, wanted, timeout) {
 }
 
 // A picture of the page for docs/, when the screenshots are being taken.
-async function shoot(name) {
+async function shoot(name: string) {
   const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;
   if (!folder) return;
   await pageSettled(page);
@@ -63,7 +64,7 @@ async function shoot(name) {
 }
 
 // Runs a shell command from the Tasks tab; the new task's id.
-async function runTask(command) {
+async function runTask(command: string) {
   await page.waitForSelector('input[name=command]', { visible: true });
   await page.click('input[name=command]', { clickCount: 3 });
   await page.keyboard.press('Backspace');
@@ -71,26 +72,26 @@ async function runTask(command) {
   const before = await page.evaluate(() => window.brinmoor.tasks.list().length);
   await clickText(page, '.run-form button', 'Run');
   await page.waitForFunction((n) => window.brinmoor.tasks.list().length > n, {}, before);
-  return page.evaluate(() => window.brinmoor.navigation.place.taskId);
+  return page.evaluate(() => window.brinmoor.navigation.place.taskId!);
 }
 
 // The numbers and texts of the rows the log shows, and how many wait to be read.
 function rows(target = page) {
   return target.$$eval('.task-log .log-line', (elements) => ({
-    lines: elements.filter((e) => e.dataset.line).map((e) => [Number(e.dataset.line), e.textContent]),
+    lines: (elements as HTMLElement[]).filter((e) => e.dataset.line).map((e) => [Number(e.dataset.line), e.textContent]),
     reading: elements.filter((e) => e.classList.contains('reading')).length,
   }));
 }
 
 // Waits until the log shows line `number` with its text, read and in view.
-async function waitForRow(number, text = String(number), target = page) {
+async function waitForRow(number: number, text = String(number), target: TestPage = page) {
   await target.waitForFunction(
     (n, wanted) => {
       const log = document.querySelector('.task-log');
       const row = log?.querySelector(`.log-line[data-line="${n}"]`);
       if (!row || row.textContent !== wanted) return false;
       const box = row.getBoundingClientRect();
-      const view = log.getBoundingClientRect();
+      const view = log!.getBoundingClientRect();
       return box.top >= view.top - 1 && box.bottom <= view.bottom + 1;
     },
     { timeout: 30000 },
@@ -100,7 +101,7 @@ async function waitForRow(number, text = String(number), target = page) {
 }
 
 // Lines number..number+count-1 as the log shows them, once none waits to be read.
-async function contiguous(from, count) {
+async function contiguous(from: number, count: number) {
   await page.waitForFunction(
     (first, n) => {
       for (let line = first; line < first + n; line++) {
@@ -114,7 +115,7 @@ async function contiguous(from, count) {
   );
 }
 
-let seqTask;
+let seqTask: string;
 // What Copy and Download say (the search says its own beside them).
 const kExportNote = '.output-export ~ .output-note';
 
@@ -124,7 +125,7 @@ test('300,000 lines reach a page four times slower in full, and it scrolls back 
   await waitTextLong('.task-detail .task-status', 'Finished', 900_000);
   // Every line was taken live: the newest 200,000 are in memory, the rest is on the computer.
   const held = await page.evaluate((id) => {
-    const output = window.brinmoor.tasks.get(id).output;
+    const output = window.brinmoor.tasks.get(id)!.output!;
     return [output.first, output.last, output.total, output.line(1) ?? null];
   }, seqTask);
   assert.deepEqual(held, [100_001, 300_000, 300_000, null]);
@@ -153,9 +154,9 @@ test('search finds a line among 300,000 and takes the log there', async () => {
   await shoot('output-search');
 
   // The agent gives the matches 200 at a time, in order, the next ones when asked.
-  const matching = (text) => Array.from({ length: 300_000 }, (_, i) => String(i + 1)).filter((line) => line.includes(text));
+  const matching = (text: string) => Array.from({ length: 300_000 }, (_, i) => String(i + 1)).filter((line) => line.includes(text));
   const listed = () => page.$$eval('.output-match .match-line', (e) => e.map((x) => x.textContent));
-  const search = async (text) => {
+  const search = async (text: string) => {
     await page.click('input[aria-label="Search output"]', { clickCount: 3 });
     await page.type('input[aria-label="Search output"]', text);
     await page.keyboard.press('Enter');
@@ -197,9 +198,9 @@ test('Copy puts all 300,000 lines on the clipboard, Download saves them as a fil
     window.brinmoorNotes = [];
     const tools = document.querySelector('.output-tools');
     new MutationObserver(() => {
-      const text = tools.querySelector('.output-export ~ .output-note')?.textContent;
+      const text = tools!.querySelector('.output-export ~ .output-note')?.textContent;
       if (text && text !== window.brinmoorNotes.at(-1)) window.brinmoorNotes.push(text);
-    }).observe(tools, { subtree: true, childList: true, characterData: true });
+    }).observe(tools!, { subtree: true, childList: true, characterData: true });
   });
   await clickText(page, '.output-export button', 'Download');
   await waitText(kExportNote, 'Downloaded 300,000 lines', 60_000);
@@ -225,11 +226,14 @@ test('a reload mid-task shows the lines before it, read from the computer, and t
   assert.equal(await page.evaluate(() => window.brinmoor.navigation.place.taskId), taskId);
   // Nothing of it is in memory; the agent's list says how long it is, and the end is read.
   await waitForRow(150_000);
-  assert.equal(await page.evaluate((id) => window.brinmoor.tasks.get(id).output.tailLength, taskId), 0);
+  assert.equal(await page.evaluate((id) => window.brinmoor.tasks.get(id)!.output!.tailLength, taskId), 0);
   writeFileSync(go, '');
   await waitText('.task-detail .task-status', 'Finished');
   await waitForRow(150_500);
-  const held = await page.evaluate((id) => [window.brinmoor.tasks.get(id).output.first, window.brinmoor.tasks.get(id).output.last], taskId);
+  const held = await page.evaluate(
+    (id) => [window.brinmoor.tasks.get(id)!.output!.first, window.brinmoor.tasks.get(id)!.output!.last],
+    taskId,
+  );
   assert.deepEqual(held, [150_001, 150_500]);
   // Around the reload: the lines read back and the live ones meet.
   await page.type('input[aria-label="Search output"]', '150000');
@@ -251,11 +255,11 @@ test('after the relay restarts the task is still listed, finished, with its dura
   await waitForRow(300_000);
   // The agent's times, which win over those this page saw.
   const [startedAt, endedAt] = await page.evaluate(
-    (id) => [window.brinmoor.tasks.get(id).startedAt, window.brinmoor.tasks.get(id).endedAt],
+    (id) => [window.brinmoor.tasks.get(id)!.startedAt, window.brinmoor.tasks.get(id)!.endedAt],
     seqTask,
   );
   const took = await page.$eval('.task-detail .task-duration', (e) => e.textContent);
-  assert.ok(endedAt > startedAt && took !== '', `${startedAt} ${endedAt} ${took}`);
+  assert.ok(endedAt! > startedAt! && took !== '', `${startedAt} ${endedAt} ${took}`);
 
   // A browser that never saw it run learns it, and how long it took, from the agent.
   const context = await world.browser.createBrowserContext();

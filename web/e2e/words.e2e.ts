@@ -5,11 +5,21 @@ import assert from 'node:assert/strict';
 import { chmodSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
-import { clickText, elementWithText, kAgentId, kToken, pageSettled, testLeavingPictures, waitForText, World } from './harness.mjs';
+import {
+  clickText,
+  elementWithText,
+  kAgentId,
+  kToken,
+  pageSettled,
+  testLeavingPictures,
+  waitForText,
+  World,
+  type TestPage,
+} from './harness.js';
 
 const world = new World();
-let page;
-let fresh;
+let page: TestPage;
+let fresh: TestPage | undefined;
 const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
 
 const test = testLeavingPictures(nodeTest, 'words-', () => [
@@ -28,19 +38,19 @@ after(async () => {
   await world.stop();
 });
 
-const click = (selector, text) => clickText(page, selector, text);
-const waitText = (selector, wanted, timeout) => waitForText(page, selector, wanted, timeout);
+const click = (selector: string, text: string) => clickText(page, selector, text);
+const waitText = (selector: string, wanted: string, timeout?: number) => waitForText(page, selector, wanted, timeout);
 
-async function texts(selector, target = page) {
+async function texts(selector: string, target: TestPage = page) {
   return target.$$eval(selector, (elements) => elements.map((e) => e.textContent.trim()));
 }
 
-async function tab(name) {
+async function tab(name: string) {
   await click('button[role=tab] .tab-label', name);
 }
 
 // Runs a shell command from the Tasks tab and waits until the page shows its task.
-async function runCommand(command) {
+async function runCommand(command: string) {
   await tab('Tasks');
   await page.waitForSelector('input[name=command]', { visible: true });
   await page.click('input[name=command]', { clickCount: 3 });
@@ -53,14 +63,14 @@ async function runCommand(command) {
 }
 
 // A duration as the page writes it, in milliseconds.
-function milliseconds(text) {
+function milliseconds(text: string) {
   const match = /^(?:(\d+) min (\d+) s|(\d+(?:\.\d)?) s|(\d+) ms)$/.exec(text);
   assert.ok(match, `not a duration: ${JSON.stringify(text)}`);
   if (match[1] !== undefined) return (Number(match[1]) * 60 + Number(match[2])) * 1000;
   return match[3] !== undefined ? Number(match[3]) * 1000 : Number(match[4]);
 }
 
-async function chooseTask(selector, title) {
+async function chooseTask(selector: string, title: string) {
   await click(`${selector} .task-title`, title);
   await waitText('.task-detail .task-title', title);
 }
@@ -86,7 +96,7 @@ test('a task ends as Finished, Failed · exit N, Cancelled, Timed out or Rejecte
     const task = await state.tasks.run(agentId, {
       action: 'shell',
       command: 'sleep 20',
-      projectPath: state.navigation.place.projectPath,
+      projectPath: state.navigation.place.projectPath!,
       timeoutSec: 1,
     });
     state.navigation.go({ taskId: task.taskId });
@@ -145,7 +155,7 @@ test('the agent\u2019s bookkeeping waits behind Details, and the build action is
   await waitText('.task-detail .task-status', 'Finished');
   assert.deepEqual(await texts('.task-log .log-line'), ['one', 'two']);
   await waitText('.task-detail .details-row summary', 'Details');
-  assert.equal(await page.$eval('.task-detail .details-row', (e) => e.open), false);
+  assert.equal(await page.$eval('.task-detail .details-row', (e) => (e as HTMLDetailsElement).open), false);
   assert.equal(await page.$('.task-detail .details-row li'), null);
   await click('.task-detail .details-row summary', 'Details');
   await page.waitForSelector('.task-detail .details-row li');
@@ -164,7 +174,7 @@ test('the agent\u2019s bookkeeping waits behind Details, and the build action is
 });
 
 // A Codex event stream: a command with its output, then the messages.
-function codexEvents(events) {
+function codexEvents(events: object[]) {
   const lines = [
     { type: 'thread.started', thread_id: 'th-words' },
     { type: 'turn.started' },
@@ -179,11 +189,11 @@ function codexEvents(events) {
   return lines.map((line) => JSON.stringify(line) + '\n\x01').join('');
 }
 
-function message(text, id) {
+function message(text: string, id?: string) {
   return { type: 'item.completed', item: { id, type: 'agent_message', text } };
 }
 
-async function newChat(system) {
+async function newChat(system: string) {
   await tab('Chat');
   await pageSettled(page);
   // On a phone an open chat covers the list: back to it first.
@@ -192,7 +202,7 @@ async function newChat(system) {
   await click('.new-chat-button', 'New chat');
 }
 
-async function sendChat(prompt) {
+async function sendChat(prompt: string) {
   await page.waitForSelector('textarea[name=prompt]', { visible: true });
   await page.type('textarea[name=prompt]', prompt);
   await click('.composer button', 'Send');
@@ -208,7 +218,7 @@ test('a chat\u2019s activity reads as steps, and what its commands printed waits
   await waitText('.message.assistant .activity-count', '1 step');
   await waitText('.message.assistant .activity-last', 'Ran ls');
   await waitText('.message.assistant .details-row summary', 'Details');
-  const shown = await page.$eval('.message.assistant', (e) => e.innerText);
+  const shown = await page.$eval('.message.assistant', (e) => (e as HTMLElement).innerText);
   assert.ok(!/workspace\.resolve|\[command/.test(shown), shown);
   await click('.message.assistant .details-row summary', 'Details');
   await page.waitForSelector('.message.assistant .details-row li');
@@ -279,7 +289,7 @@ test('a plan by Codex reads as an answer, and a proposal\u2019s commentary as Ma
   assert.deepEqual(await texts('.change-detail .commentary li'), ['Read Package.swift', 'Add a test']);
   assert.equal(await page.$eval('.change-detail .commentary strong', (e) => e.textContent), 'Package.swift');
   assert.equal(await page.$eval('.change-detail .activity-last', (e) => e.textContent), 'Ran ls');
-  const shown = await page.$eval('.change-detail', (e) => e.innerText);
+  const shown = await page.$eval('.change-detail', (e) => (e as HTMLElement).innerText);
   assert.ok(!shown.includes('{"type"'), shown);
   assert.equal(await page.$('.change-detail .change-log'), null);
 
