@@ -174,6 +174,12 @@ private:
     void handleTerminalCommand(const AgentCommand& command);
     // Lists the projects under the repository root, off the loop, for "projects.listed".
     void listProjects();
+    // "sessions.list" and "sessions.read": the assistants' sessions found on this
+    // computer, read off the loop.
+    void handleSessionsCommand(const AgentCommand& command);
+    // Whether a process at the desk holds the session a chat would continue ("idle",
+    // "busy", "waiting"), for a server that lists sessions; empty when none does.
+    QString deskSessionState(const TaskAssignment& task) const;
     // "task.ack", "task.output.read" and "tasks.list" of a server that reads numbered lines.
     void handleTaskOutputCommand(const AgentCommand& command);
     // The task's output is kept from here, and paced from its first line.

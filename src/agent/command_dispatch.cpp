@@ -6,7 +6,6 @@
 #include "base/agent_error.h"
 #include "base/diag.h"
 #include "chat/chat_output.h"
-#include "chat/claude_session_store.h"
 #include "config/connection_settings.h"
 #include "execution/execution_resolution.h"
 #include "proposals/ai_task_resolution.h"
@@ -15,6 +14,7 @@
 #include "protocol/message_types.h"
 #include "protocol/messages.h"
 #include "protocol/task_assignment.h"
+#include "sessions/desk_sessions.h"
 #include "terminal/terminal_session_manager.h"
 
 namespace brinmoor {
@@ -74,6 +74,8 @@ bool AgentRuntime::handleCommandData(const QByteArray& data, QString* error)
                 command.stringMember(QStringLiteral("decision")) == QLatin1String("approve"), approvedFiles(command));
     } else if (command.type == QLatin1String("projects.list") && m_features.projects) {
         listProjects();
+    } else if (m_features.sessions && MessageTypes::sessionsCommands().contains(command.type)) {
+        handleSessionsCommand(command);
     } else if (command.type.startsWith(QLatin1String("terminal."))) {
         handleTerminalCommand(command);
     }
@@ -207,6 +209,16 @@ void AgentRuntime::handleTaskAssign(const AgentCommand& command)
         if (task->timeoutSec < 0)
             throw runtimeError(13,
                                QStringLiteral("timeoutSec must not be negative: ") + QString::number(task->timeoutSec));
+        // Two writers spoil a session: one a process at the desk holds is not continued.
+        if (const QString open = deskSessionState(*task); !open.isEmpty()) {
+            diag(QStringLiteral("task.assign refused taskId=") + logValue(task->taskId) +
+                 QStringLiteral(" session open at the desk state=") + open);
+            sendJSON(Messages::taskFailed(
+                task->taskId,
+                QStringLiteral("this session is open at the desk (%1); continue it there, or fork it").arg(open),
+                QStringLiteral("SESSION_OPEN_AT_DESK"), 1));
+            return;
+        }
         m_task = {task->taskId, task->action, task->projectPath,
                   task->action == QLatin1String("chat") ? task->conversationId : QString(), false};
         beginTaskOutput(*task);
@@ -232,7 +244,7 @@ void AgentRuntime::routeTask(const TaskAssignment& task)
         const ChatResolution resolved = ChatExecution::resolveChatExecution(
             profile, connection, m_chatSessions, task.system, task.projectPath, task.prompt, task.taskId,
             task.conversationId, task.approvalMode, temporaryFolder(),
-            ClaudeSessionStore::configDirectory(m_env, m_machine.homeDirectory));
+            DeskSessions::Stores::of(m_env, m_machine.homeDirectory));
         sendJSON(Messages::taskLog(task.taskId, QStringLiteral("workspace.resolve action=chat requestedProjectPath=") +
                                                     task.projectPath + QStringLiteral(" resolvedWorkingDir=") +
                                                     resolved.workingDir));

@@ -1,8 +1,12 @@
 #include "base/platform.h"
 
+#include <QFile>
+
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <termios.h>
@@ -201,6 +205,32 @@ FileCopy copyFile(int from, qint64 size, int toDir, const char* name, int* to)
 #endif
     // Some file systems refuse both: read and write what is left.
     return readAndWrite(from, *to) ? FileCopy::ReadWrite : FileCopy::Failed;
+}
+
+bool processRuns(qint64 pid, const QString& started)
+{
+    if (pid <= 0 || (::kill(pid_t(pid), 0) != 0 && errno != EPERM))
+        return false;
+    if (started.isEmpty())
+        return true;
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly))
+        return true; // no /proc (macOS): the number is all there is
+    // The fields after the program's name, which may hold spaces and parentheses.
+    const QByteArray text = stat.readAll();
+    const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
+    // Field 22 of the line is the 20th after the name.
+    return fields.size() > 19 && QString::fromLatin1(fields.at(19)) == started;
+}
+
+bool fileLocked(const QString& path)
+{
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    const bool locked = ::flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    ::close(fd); // lets go of a lock it took
+    return locked;
 }
 
 } // namespace brinmoor::Platform

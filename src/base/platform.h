@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QString>
 #include <QtGlobal>
 
 struct winsize;
@@ -40,6 +41,15 @@ enum class FileCopy {
 // the user alone (a clone may take the original's mode). `to` receives the new file's
 // descriptor, open for its mode to be set, or -1.
 FileCopy copyFile(int from, qint64 size, int toDir, const char* name, int* to);
+
+// Whether process `pid` runs. Where the system tells when a process started (field 22 of
+// /proc/PID/stat on Linux), a `started` that is not empty must match it too: the number
+// may have gone to a newer process.
+bool processRuns(qint64 pid, const QString& started);
+
+// Whether another process holds a lock (flock) on the file: one that only tries a shared
+// lock and lets it go at once.
+bool fileLocked(const QString& path);
 
 } // namespace Platform
 

@@ -2,9 +2,10 @@
 
 #include "base/agent_error.h"
 #include "base/diag.h"
-#include "chat/claude_session_store.h"
 #include "config/agent_profile.h"
 #include "config/connection_settings.h"
+#include "sessions/claude_session_store.h"
+#include "sessions/codex_rollouts.h"
 
 #include <QFileInfo>
 #include <QJsonArray>
@@ -233,7 +234,7 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
                                     const ChatSessions& sessions, const std::optional<QString>& requestedSystem,
                                     const QString& projectPath, const QString& prompt, const QString& taskId,
                                     const QString& conversationId, const std::optional<QString>& requestedApprovalMode,
-                                    const QString& temporaryFolder, const QString& claudeConfigDirectory)
+                                    const QString& temporaryFolder, const DeskSessions::Stores& stores)
 {
     if (projectPath.trimmed().isEmpty())
         throw runtimeError(7, QStringLiteral("Missing projectPath"));
@@ -249,7 +250,10 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
     ChatResolution resolution;
     QString command;
     if (system == QLatin1String("codex")) {
-        const QString threadId = scopedKey ? sessions.codexThreadID(*scopedKey).value_or(QString()) : QString();
+        QString threadId = scopedKey ? sessions.codexThreadID(*scopedKey).value_or(QString()) : QString();
+        if (threadId.isEmpty() && !stores.codex.isEmpty() &&
+            !CodexRollouts::find(stores.codex, conversationId.trimmed()).path.isEmpty())
+            threadId = conversationId.trimmed();
         const bool gated = approvalMode == QLatin1String("on_request") && approvalAvailable;
         if (gated)
             resolution.tokenFilePath = writeTokenFile(taskId, connection, temporaryFolder);
@@ -309,9 +313,9 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
         if (!conversationId.isEmpty() && !command.contains(QLatin1String("--session-id")) &&
             !command.contains(QLatin1String("--resume")) && command.startsWith(QLatin1String("claude "))) {
             const QString session = claudeSessionID(conversationId, scopedKey);
-            const bool exists = claudeConfigDirectory.isEmpty()
+            const bool exists = stores.claude.isEmpty()
                                     ? scopedKey && sessions.hasEstablishedChatSession(*scopedKey)
-                                    : ClaudeSessionStore::hasSession(claudeConfigDirectory, workingDir, session);
+                                    : ClaudeSessionStore::hasSession(stores.claude, workingDir, session);
             const auto withSession = [&](const QString& option) {
                 return QString(command).insert(7, option + shellQuote(session) + QLatin1Char(' '));
             };

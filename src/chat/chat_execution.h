@@ -2,6 +2,7 @@
 
 #include "chat/chat_sessions.h"
 #include "execution/execution_resolution.h"
+#include "sessions/desk_sessions.h"
 
 #include <QString>
 #include <QStringList>
@@ -90,14 +91,15 @@ bool approvalServerAvailable(const QString& approverPath);
 
 // The shell text and folder of a chat; writes the MCP configuration when Claude's
 // approval goes through the approval tool. A Claude conversation continues its session
-// (--resume) when claude's store in `claudeConfigDirectory` has it, and creates it
-// (--session-id) otherwise; without a store to look at, the bookkeeping decides. Throws
-// AgentError.
+// (--resume) when claude's store has it, and creates it (--session-id) otherwise; without
+// a store to look at, the bookkeeping decides. A Codex conversation continues the thread
+// it started, or the thread its id names when codex's store has that thread (one started
+// at the desk). Throws AgentError.
 ChatResolution resolveChatExecution(const AgentProfile& profile, const ConnectionSettings& connection,
                                     const ChatSessions& sessions, const std::optional<QString>& system,
                                     const QString& projectPath, const QString& prompt, const QString& taskId,
                                     const QString& conversationId, const std::optional<QString>& approvalMode,
-                                    const QString& temporaryFolder, const QString& claudeConfigDirectory);
+                                    const QString& temporaryFolder, const DeskSessions::Stores& stores);
 
 } // namespace ChatExecution
 

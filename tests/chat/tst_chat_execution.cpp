@@ -1,10 +1,10 @@
 #include "base/agent_error.h"
 #include "base/diag.h"
 #include "chat/chat_execution.h"
-#include "chat/claude_session_store.h"
 #include "config/agent_profile.h"
 #include "config/connection_settings.h"
 #include "config/settings_store.h"
+#include "sessions/claude_session_store.h"
 #include "support/test_support.h"
 
 #include <QDir>
@@ -34,9 +34,11 @@ class TstChatExecution : public QObject {
                            const QString& prompt, const QString& conversation, const QString& approval,
                            const QString& claudeConfig = QStringLiteral("<m_claude>"))
     {
-        return resolveChatExecution(m_profile, m_connection, sessions, system, project, prompt,
-                                    QStringLiteral("task-1"), conversation, approval, m_tmp.path(),
-                                    claudeConfig == QLatin1String("<m_claude>") ? m_claude.path() : claudeConfig);
+        return resolveChatExecution(
+            m_profile, m_connection, sessions, system, project, prompt, QStringLiteral("task-1"), conversation,
+            approval, m_tmp.path(),
+            DeskSessions::Stores{claudeConfig == QLatin1String("<m_claude>") ? m_claude.path() : claudeConfig,
+                                 QString()});
     }
 
     // A session as claude leaves it in its store for a project folder.

@@ -3,9 +3,9 @@
 // model servers on loopback whose scripted replies stand in for the models. Skipped
 // ("skipped: tools not installed") when the tools cannot be installed.
 #include "chat/chat_execution.h"
-#include "chat/claude_session_store.h"
 #include "execution/execution_resolution.h"
 #include "proposals/ai_task_resolution.h"
+#include "sessions/claude_session_store.h"
 #include "support/fake_model_server.h"
 #include "support/loopback_server.h"
 #include "support/process_fixtures.h"

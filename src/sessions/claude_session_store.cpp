@@ -1,4 +1,4 @@
-#include "chat/claude_session_store.h"
+#include "sessions/claude_session_store.h"
 
 #include <QFileInfo>
 

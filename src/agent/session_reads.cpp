@@ -1,0 +1,99 @@
+// The assistants' own sessions of a project, for a relay's clients ("sessions.list",
+// "sessions.read"): found in the tools' stores on this computer, read off the loop, and
+// answered to the client that asked (the relay's "readId").
+#include "agent/agent_runtime.h"
+#include "base/agent_error.h"
+#include "chat/chat_execution.h"
+#include "execution/execution_resolution.h"
+#include "protocol/agent_command.h"
+#include "protocol/task_assignment.h"
+#include "sessions/desk_sessions.h"
+
+#include <QFutureWatcher>
+#include <QtConcurrent/QtConcurrentRun>
+
+namespace brinmoor {
+
+namespace {
+
+QJsonObject listed(const DeskSessions::Stores& stores, const QString& repoRoot, const QString& projectPath)
+{
+    QJsonArray sessions;
+    try {
+        const QString workingDir = ExecutionResolution::resolveWorkspacePath(repoRoot, projectPath);
+        for (const DeskSession& session : DeskSessions::list(stores, workingDir))
+            sessions.append(DeskSessions::toJson(session));
+    } catch (const AgentError&) {
+        // A folder that does not exist has no sessions.
+    }
+    return {{QStringLiteral("type"), QStringLiteral("sessions.listed")},
+            {QStringLiteral("projectPath"), projectPath},
+            {QStringLiteral("sessions"), sessions}};
+}
+
+QJsonObject history(const DeskSessions::Stores& stores, const QString& tool, const QString& id,
+                    std::optional<qint64> before)
+{
+    QJsonObject answer{{QStringLiteral("type"), QStringLiteral("sessions.history")},
+                       {QStringLiteral("tool"), tool},
+                       {QStringLiteral("id"), id}};
+    const DeskSession session = DeskSessions::find(stores, tool, id);
+    if (session.path.isEmpty()) {
+        answer.insert(QStringLiteral("error"), QStringLiteral("no %1 session %2 on this computer").arg(tool, id));
+        return answer;
+    }
+    const DeskSessions::Page page = DeskSessions::page(DeskSessions::items(session), before);
+    answer.insert(QStringLiteral("session"), DeskSessions::toJson(session));
+    answer.insert(QStringLiteral("first"), page.first);
+    answer.insert(QStringLiteral("total"), page.total);
+    answer.insert(QStringLiteral("items"), page.items);
+    return answer;
+}
+
+} // namespace
+
+void AgentRuntime::handleSessionsCommand(const AgentCommand& command)
+{
+    const std::optional<QString> readId = command.stringMember(QStringLiteral("readId"));
+    const DeskSessions::Stores stores = DeskSessions::Stores::of(m_env, m_machine.homeDirectory);
+    std::function<QJsonObject()> read;
+    if (command.type == QLatin1String("sessions.list")) {
+        const QString projectPath = command.stringMember(QStringLiteral("projectPath")).value_or(QString());
+        read = [stores, repoRoot = loadProfile().repoRoot, projectPath] {
+            return listed(stores, repoRoot, projectPath);
+        };
+    } else {
+        const QString tool = command.stringMember(QStringLiteral("tool")).value_or(QString());
+        const QString id = command.stringMember(QStringLiteral("id")).value_or(QString());
+        const std::optional<qint64> before = command.intMember(QStringLiteral("before"));
+        read = [stores, tool, id, before] { return history(stores, tool, id, before); };
+    }
+    auto* watcher = new QFutureWatcher<QJsonObject>(this);
+    connect(watcher, &QFutureWatcher<QJsonObject>::finished, this, [this, watcher, readId] {
+        QJsonObject answer = watcher->result();
+        if (readId)
+            answer.insert(QStringLiteral("readId"), *readId);
+        // Said only to a server that asked for it; the connection may have changed since.
+        if (m_features.sessions)
+            sendJSON(answer);
+        watcher->deleteLater();
+    });
+    watcher->setFuture(QtConcurrent::run(read));
+}
+
+QString AgentRuntime::deskSessionState(const TaskAssignment& task) const
+{
+    if (!m_features.sessions || task.action != QLatin1String("chat") || task.conversationId.trimmed().isEmpty())
+        return {};
+    const DeskSessions::Stores stores = DeskSessions::Stores::of(m_env, m_machine.homeDirectory);
+    const std::optional<QString> key = ChatExecution::scopedConversationKey(task.projectPath, task.conversationId);
+    if (ExecutionResolution::normalizeAISystem(task.system) == QLatin1String("codex")) {
+        const QString thread = key ? m_chatSessions.codexThreadID(*key).value_or(QString()) : QString();
+        return DeskSessions::liveState(stores, QStringLiteral("codex"),
+                                       thread.isEmpty() ? task.conversationId.trimmed() : thread);
+    }
+    return DeskSessions::liveState(stores, QStringLiteral("claude"),
+                                   ChatExecution::claudeSessionID(task.conversationId.trimmed(), key));
+}
+
+} // namespace brinmoor
