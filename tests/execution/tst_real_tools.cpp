@@ -9,6 +9,7 @@
 #include "support/fake_model_server.h"
 #include "support/loopback_server.h"
 #include "support/process_fixtures.h"
+#include "support/real_tools.h"
 #include "support/relay_client.h"
 #include "support/test_support.h"
 
@@ -29,52 +30,15 @@ namespace {
 
 constexpr int kTaskTimeoutMs = 90000;
 
-// The processes whose environment holds the entry ("HOME=/tmp/…"): what the agent and
-// the tools it ran left behind.
-QStringList processesWithEnvironment(const QByteArray& entry)
-{
-    QStringList found;
-    for (const QString& pid : QDir(QStringLiteral("/proc")).entryList({QStringLiteral("[0-9]*")}, QDir::Dirs)) {
-        QFile environ(QStringLiteral("/proc/") + pid + QStringLiteral("/environ"));
-        if (!environ.open(QIODevice::ReadOnly))
-            continue;
-        if (environ.readAll().split('\0').contains(entry)) {
-            QFile command(QStringLiteral("/proc/") + pid + QStringLiteral("/cmdline"));
-            command.open(QIODevice::ReadOnly);
-            found.append(pid + QLatin1Char(' ') + QString::fromUtf8(command.readAll().replace('\0', ' ')));
-        }
-    }
-    return found;
-}
-
 QString typeOf(const QJsonObject& message)
 {
     return message.value(QStringLiteral("type")).toString();
 }
 
-using Answer = std::function<FakeModelServer::Reply(const FakeModelServer::Request&)>;
-
-// The model's calls of the Messages API go to `answer`; claude's other requests are
-// answered 404.
-Answer messagesAPI(Answer answer)
-{
-    return [answer](const FakeModelServer::Request& request) {
-        if (!request.path.startsWith(QLatin1String("/v1/messages")) ||
-            request.path.contains(QLatin1String("count_tokens")))
-            return FakeModelServer::Reply{404, "application/json", "{}"};
-        return answer(request);
-    };
-}
-
-// The model's calls of the Responses API go to `answer`; others are answered 404.
-Answer responsesAPI(Answer answer)
-{
-    return [answer](const FakeModelServer::Request& request) {
-        if (request.path != QLatin1String("/v1/responses"))
-            return FakeModelServer::Reply{404, "application/json", "{}"};
-        return answer(request);
-    };
-}
+using RealTools::Answer;
+using RealTools::messagesAPI;
+using RealTools::processesWithEnvironment;
+using RealTools::responsesAPI;
 
 // Every text that a Responses request or a Messages request carries, joined: enough
 // to see whether an earlier turn is part of the conversation.
@@ -120,40 +84,14 @@ class TstRealTools : public QObject {
         m_openai = std::make_unique<FakeModelServer>();
         m_anthropic->listen();
         m_openai->listen();
-        const QString codexHome = m_home->path() + QStringLiteral("/.codex");
-        QDir().mkpath(codexHome);
-        writeFile(codexHome + QStringLiteral("/config.toml"), "model = \"fake-model\"\n"
-                                                              "model_provider = \"fake\"\n"
-                                                              "[model_providers.fake]\n"
-                                                              "name = \"fake\"\n"
-                                                              "base_url = \"" +
-                                                                  m_openai->baseURL().toUtf8() +
-                                                                  "/v1\"\n"
-                                                                  "wire_api = \"responses\"\n"
-                                                                  "request_max_retries = 0\n"
-                                                                  "stream_max_retries = 0\n");
-
         m_relay = std::make_unique<RelayProcess>();
         m_relay->token = QStringLiteral("tok-4e1f9a7c2b6d8035e0a3c1f7");
         if (!m_relay->start())
             return false;
         m_agent = std::make_unique<AgentProcess>();
         QDir().mkpath(project());
-        QProcessEnvironment extra;
-        extra.insert(QStringLiteral("PATH"), m_toolsBin + QLatin1Char(':') + qEnvironmentVariable("PATH"));
-        extra.insert(QStringLiteral("HOME"), m_home->path());
-        extra.insert(QStringLiteral("TMPDIR"), m_tmp->path());
-        extra.insert(QStringLiteral("CODEX_HOME"), codexHome);
-        extra.insert(QStringLiteral("ANTHROPIC_BASE_URL"), m_anthropic->baseURL());
-        extra.insert(QStringLiteral("ANTHROPIC_API_KEY"), QStringLiteral("test-key"));
-        extra.insert(QStringLiteral("CLAUDE_CODE_DISABLE_NONESSENTIAL_TRAFFIC"), QStringLiteral("1"));
-        extra.insert(QStringLiteral("DISABLE_AUTOUPDATER"), QStringLiteral("1"));
-        // A model that fails fails at once; codex's errors come without a backtrace.
-        extra.insert(QStringLiteral("CLAUDE_CODE_MAX_RETRIES"), QStringLiteral("0"));
-        extra.insert(QStringLiteral("RUST_BACKTRACE"), QStringLiteral("0"));
-        // claude refuses to skip its permission checks for root outside a sandbox.
-        if (::geteuid() == 0)
-            extra.insert(QStringLiteral("IS_SANDBOX"), QStringLiteral("1"));
+        const QProcessEnvironment extra = RealTools::environment(m_toolsBin, m_home->path(), m_tmp->path(),
+                                                                 m_anthropic->baseURL(), m_openai->baseURL());
         m_agentEnvironment = extra;
         m_agent->start(m_relay->url(), extra);
         if (!m_relay->waitForLine(QStringLiteral("agent.register agentId=cli-agent")))
@@ -381,20 +319,9 @@ class TstRealTools : public QObject {
 private Q_SLOTS:
     void initTestCase()
     {
-        QProcess install;
-        install.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        install.start(QStringLiteral(BRINMOOR_SOURCE_DIR "/scripts/real-tools"), QStringList());
-        const bool ran = install.waitForFinished(11 * 60 * 1000);
-        const QStringList lines =
-            QString::fromUtf8(install.readAllStandardOutput()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-        if (!ran || install.exitStatus() != QProcess::NormalExit || install.exitCode() != 0 || lines.isEmpty()) {
-            if (install.state() != QProcess::NotRunning) {
-                install.kill();
-                install.waitForFinished();
-            }
+        m_toolsBin = RealTools::install();
+        if (m_toolsBin.isEmpty())
             QSKIP("skipped: tools not installed");
-        }
-        m_toolsBin = lines.last();
     }
 
     void cleanup()
