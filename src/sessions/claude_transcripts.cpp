@@ -67,14 +67,20 @@ std::optional<int> turnIndex(const QJsonObject& line)
     return index.toInt();
 }
 
-DeskSession summary(const QFileInfo& file)
+struct Transcript {
+    QString path;
+    QString id;
+    TranscriptFile::Stat stat;
+};
+
+DeskSession summary(const Transcript& file)
 {
     DeskSession session;
     session.tool = QStringLiteral("claude");
-    session.id = file.completeBaseName();
-    session.path = file.filePath();
-    session.updatedAt = file.lastModified().toUTC();
-    const bool whole = file.size() <= 2 * kEndBytes;
+    session.id = file.id;
+    session.path = file.path;
+    session.updatedAt = QDateTime::fromMSecsSinceEpoch(file.stat.modifiedMs, Qt::UTC);
+    const bool whole = file.stat.size <= 2 * kEndBytes;
     const QList<QByteArray> head =
         whole ? TranscriptFile::allLines(session.path) : TranscriptFile::headLines(session.path, kEndBytes);
     int prompts = 0;
@@ -150,20 +156,22 @@ QList<DeskSession> list(const QString& configDirectory, const QString& workingDi
     const QString canonical = QFileInfo(workingDir).canonicalFilePath();
     if (!canonical.isEmpty() && canonical != workingDir)
         folders.append(canonical);
-    QFileInfoList files;
+    QList<Transcript> files;
     for (const QString& folder : folders) {
         const QDir store(configDirectory + QStringLiteral("/projects/") +
                          ClaudeSessionStore::projectFolderName(folder));
-        files += store.entryInfoList({QStringLiteral("*.jsonl")}, QDir::Files);
+        for (const QString& name : store.entryList({QStringLiteral("*.jsonl")}, QDir::Files)) {
+            Transcript file{store.filePath(name), name.chopped(6), {}};
+            if (isUUID(file.id) && TranscriptFile::stat(file.path, &file.stat))
+                files.append(file);
+        }
     }
     std::sort(files.begin(), files.end(),
-              [](const QFileInfo& a, const QFileInfo& b) { return a.lastModified() > b.lastModified(); });
+              [](const Transcript& a, const Transcript& b) { return a.stat.modifiedMs > b.stat.modifiedMs; });
     QList<DeskSession> sessions;
-    for (const QFileInfo& file : files) {
+    for (const Transcript& file : files) {
         if (sessions.size() >= limit)
             break;
-        if (!isUUID(file.completeBaseName()))
-            continue;
         DeskSession session = summary(file);
         if (session.cwd.isEmpty())
             session.cwd = workingDir;
@@ -178,8 +186,8 @@ DeskSession find(const QString& configDirectory, const QString& id)
         return {};
     const QDir projects(configDirectory + QStringLiteral("/projects"));
     for (const QString& folder : projects.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-        const QFileInfo file(projects.filePath(folder + QLatin1Char('/') + id + QStringLiteral(".jsonl")));
-        if (file.isFile())
+        Transcript file{projects.filePath(folder + QLatin1Char('/') + id + QStringLiteral(".jsonl")), id, {}};
+        if (TranscriptFile::stat(file.path, &file.stat))
             return summary(file);
     }
     return {};
@@ -189,8 +197,8 @@ QHash<QString, QString> liveSessions(const QString& configDirectory)
 {
     QHash<QString, QString> live;
     const QDir folder(configDirectory + QStringLiteral("/sessions"));
-    for (const QFileInfo& file : folder.entryInfoList({QStringLiteral("*.json")}, QDir::Files)) {
-        QFile entry(file.filePath());
+    for (const QString& name : folder.entryList({QStringLiteral("*.json")}, QDir::Files)) {
+        QFile entry(folder.filePath(name));
         if (!entry.open(QIODevice::ReadOnly) || entry.size() > kEndBytes)
             continue;
         const QJsonObject record = QJsonDocument::fromJson(entry.readAll()).object();

@@ -5,7 +5,6 @@
 #include "sessions/transcript_file.h"
 
 #include <QDirIterator>
-#include <QFile>
 #include <QHash>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -52,10 +51,7 @@ QString threadIdOf(const QString& fileName)
 // has it further on is read whole.
 QString cwdOf(const QString& path)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    const QByteArray head = file.read(kMetaBytes);
+    const QByteArray head = TranscriptFile::read(path, 0, kMetaBytes);
     static const QRegularExpression cwd(QStringLiteral("\"cwd\":(\"(?:[^\"\\\\]|\\\\.)*\")"));
     const QRegularExpressionMatch match = cwd.match(QString::fromUtf8(head));
     if (match.hasMatch()) // the JSON string as JSON reads it
@@ -99,11 +95,8 @@ void countPrompts(const QString& path, qint64 size, Known& known)
         known = Known(known.cwd);
     if (size == known.counted)
         return;
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly) || !file.seek(known.counted))
-        return;
     // Only whole lines count; a line still being written is counted next time.
-    const QByteArray added = file.read(size - known.counted);
+    const QByteArray added = TranscriptFile::read(path, known.counted, size - known.counted);
     const qsizetype end = added.lastIndexOf('\n') + 1;
     for (const QByteArray& line : QByteArrayView(added).first(end).toByteArray().split('\n')) {
         if (const std::optional<QString> prompt = promptOf(line)) {
@@ -118,8 +111,7 @@ void countPrompts(const QString& path, qint64 size, Known& known)
 
 struct Rollout {
     QString path;
-    QDateTime modified;
-    qint64 size = 0;
+    TranscriptFile::Stat stat;
 };
 
 QList<Rollout> rollouts(const QString& codexHome)
@@ -128,22 +120,22 @@ QList<Rollout> rollouts(const QString& codexHome)
     QDirIterator files(codexHome + QStringLiteral("/sessions"), {QStringLiteral("rollout-*.jsonl")}, QDir::Files,
                        QDirIterator::Subdirectories);
     while (files.hasNext()) {
-        files.next();
-        const QFileInfo info = files.fileInfo();
-        found.append({info.filePath(), info.lastModified().toUTC(), info.size()});
+        Rollout rollout{files.next(), {}};
+        if (TranscriptFile::stat(rollout.path, &rollout.stat))
+            found.append(rollout);
     }
     return found;
 }
 
 DeskSession summary(const Rollout& rollout, Known& known)
 {
-    countPrompts(rollout.path, rollout.size, known);
+    countPrompts(rollout.path, rollout.stat.size, known);
     DeskSession session;
     session.tool = QStringLiteral("codex");
     session.id = threadIdOf(rollout.path);
     session.path = rollout.path;
     session.cwd = known.cwd;
-    session.updatedAt = rollout.modified;
+    session.updatedAt = QDateTime::fromMSecsSinceEpoch(rollout.stat.modifiedMs, Qt::UTC);
     session.messages = known.prompts;
     const SessionText::Prompt typed = SessionText::userPrompt(known.firstPrompt);
     session.title = SessionText::title(typed.text);
@@ -173,7 +165,8 @@ QList<DeskSession> list(const QString& codexHome, const QString& workingDir, qsi
         if (!known->cwd.isEmpty() && (known->cwd == workingDir || known->cwd == canonical))
             mine.append(rollout);
     }
-    std::sort(mine.begin(), mine.end(), [](const Rollout& a, const Rollout& b) { return a.modified > b.modified; });
+    std::sort(mine.begin(), mine.end(),
+              [](const Rollout& a, const Rollout& b) { return a.stat.modifiedMs > b.stat.modifiedMs; });
     QList<DeskSession> sessions;
     for (const Rollout& rollout : mine) {
         if (sessions.size() >= limit)
@@ -191,13 +184,14 @@ DeskSession find(const QString& codexHome, const QString& id)
                        QDir::Files, QDirIterator::Subdirectories);
     if (!files.hasNext())
         return {};
-    files.next();
-    const QFileInfo info = files.fileInfo();
+    Rollout rollout{files.next(), {}};
+    if (!TranscriptFile::stat(rollout.path, &rollout.stat))
+        return {};
     QMutexLocker lock(&g_mutex);
-    auto known = g_known.find(info.filePath());
+    auto known = g_known.find(rollout.path);
     if (known == g_known.end())
-        known = g_known.insert(info.filePath(), Known(cwdOf(info.filePath())));
-    return summary({info.filePath(), info.lastModified().toUTC(), info.size()}, *known);
+        known = g_known.insert(rollout.path, Known(cwdOf(rollout.path)));
+    return summary(rollout, *known);
 }
 
 bool isWritten(const QString& codexHome, const QString& id)

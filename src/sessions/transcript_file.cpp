@@ -3,6 +3,7 @@
 #include <QFile>
 
 #include <atomic>
+#include <sys/stat.h>
 
 namespace brinmoor::TranscriptFile {
 
@@ -56,12 +57,35 @@ QList<QByteArray> tailLines(const QString& path, qint64 maxBytes)
     return splitLines(start == from ? data : data.mid(1), !startsLine, false);
 }
 
+QByteArray read(const QString& path, qint64 from, qint64 count)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    return readSpan(file, from, count);
+}
+
 QList<QByteArray> allLines(const QString& path)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return {};
     return splitLines(readSpan(file, 0, file.size()), false, false);
+}
+
+bool stat(const QString& path, Stat* result)
+{
+    struct stat info {};
+    if (::stat(QFile::encodeName(path).constData(), &info) != 0 || !S_ISREG(info.st_mode))
+        return false;
+#if defined(__APPLE__)
+    const timespec modified = info.st_mtimespec;
+#else
+    const timespec modified = info.st_mtim;
+#endif
+    result->size = info.st_size;
+    result->modifiedMs = qint64(modified.tv_sec) * 1000 + modified.tv_nsec / 1000000;
+    return true;
 }
 
 qint64 bytesRead()
