@@ -244,7 +244,7 @@ void AgentRuntime::routeTask(const TaskAssignment& task)
         const ChatResolution resolved = ChatExecution::resolveChatExecution(
             profile, connection, m_chatSessions, task.system, task.projectPath, task.prompt, task.taskId,
             task.conversationId, task.approvalMode, temporaryFolder(),
-            DeskSessions::Stores::of(m_env, m_machine.homeDirectory));
+            DeskSessions::Stores::of(m_env, m_machine.homeDirectory), m_features.sessions ? task.forkOf : QString());
         sendJSON(Messages::taskLog(task.taskId, QStringLiteral("workspace.resolve action=chat requestedProjectPath=") +
                                                     task.projectPath + QStringLiteral(" resolvedWorkingDir=") +
                                                     resolved.workingDir));

@@ -83,7 +83,9 @@ void AgentRuntime::handleSessionsCommand(const AgentCommand& command)
 
 QString AgentRuntime::deskSessionState(const TaskAssignment& task) const
 {
-    if (!m_features.sessions || task.action != QLatin1String("chat") || task.conversationId.trimmed().isEmpty())
+    // A copy of a session leaves the session as it is.
+    if (!m_features.sessions || task.action != QLatin1String("chat") || task.conversationId.trimmed().isEmpty() ||
+        !task.forkOf.isEmpty())
         return {};
     const DeskSessions::Stores stores = DeskSessions::Stores::of(m_env, m_machine.homeDirectory);
     const std::optional<QString> key = ChatExecution::scopedConversationKey(task.projectPath, task.conversationId);

@@ -234,7 +234,8 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
                                     const ChatSessions& sessions, const std::optional<QString>& requestedSystem,
                                     const QString& projectPath, const QString& prompt, const QString& taskId,
                                     const QString& conversationId, const std::optional<QString>& requestedApprovalMode,
-                                    const QString& temporaryFolder, const DeskSessions::Stores& stores)
+                                    const QString& temporaryFolder, const DeskSessions::Stores& stores,
+                                    const QString& forkOf)
 {
     if (projectPath.trimmed().isEmpty())
         throw runtimeError(7, QStringLiteral("Missing projectPath"));
@@ -271,7 +272,11 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
                    codexMCPConfigOverrides(taskId, profile.mcpApproverPath, connection, *resolution.tokenFilePath) +
                    QStringLiteral(" -c ") + shellQuote(QStringLiteral("sandbox_mode=\"workspace-write\""));
         };
-        command = codexCommand(threadId);
+        // A copy of another thread: `codex exec fork` takes what `codex exec resume` takes,
+        // and the thread codex makes of it goes on as any thread does.
+        command = codexCommand(threadId.isEmpty() && !forkOf.isEmpty() ? forkOf : threadId);
+        if (threadId.isEmpty() && !forkOf.isEmpty())
+            command.replace(QLatin1String(" resume --json"), QStringLiteral(" fork --json"));
         // codex may have lost the thread (its sessions removed, another CODEX_HOME): the
         // conversation then goes on in a new one.
         if (!threadId.isEmpty())
@@ -324,6 +329,10 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
                     ChatRetry{withSession(QStringLiteral("--resume ")), QStringLiteral("is already in use"),
                               QStringLiteral("[claude.retry] the session exists already; continuing it with --resume")};
             command = withSession(exists ? QStringLiteral("--resume ") : QStringLiteral("--session-id "));
+            // The first message of a copy of another session: claude copies it into this one.
+            if (!exists && !forkOf.isEmpty())
+                command.insert(7,
+                               QStringLiteral("--resume ") + shellQuote(forkOf) + QStringLiteral(" --fork-session "));
         }
     }
 

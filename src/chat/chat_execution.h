@@ -94,12 +94,14 @@ bool approvalServerAvailable(const QString& approverPath);
 // (--resume) when claude's store has it, and creates it (--session-id) otherwise; without
 // a store to look at, the bookkeeping decides. A Codex conversation continues the thread
 // it started, or the thread its id names when codex's store has that thread (one started
-// at the desk). Throws AgentError.
+// at the desk). A new conversation with `forkOf` starts as a copy of that session
+// (claude --fork-session, codex exec fork), which is left as it was. Throws AgentError.
 ChatResolution resolveChatExecution(const AgentProfile& profile, const ConnectionSettings& connection,
                                     const ChatSessions& sessions, const std::optional<QString>& system,
                                     const QString& projectPath, const QString& prompt, const QString& taskId,
                                     const QString& conversationId, const std::optional<QString>& approvalMode,
-                                    const QString& temporaryFolder, const DeskSessions::Stores& stores);
+                                    const QString& temporaryFolder, const DeskSessions::Stores& stores,
+                                    const QString& forkOf = QString());
 
 } // namespace ChatExecution
 

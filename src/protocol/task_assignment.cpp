@@ -18,6 +18,7 @@ std::optional<TaskAssignment> TaskAssignment::from(const AgentCommand& command)
     task.approvalMode = command.stringMember(QStringLiteral("approvalMode"));
     task.prompt = command.stringMember(QStringLiteral("prompt")).value_or(QString());
     task.conversationId = command.stringMember(QStringLiteral("conversationId")).value_or(QString());
+    task.forkOf = command.stringMember(QStringLiteral("forkOf")).value_or(QString()).trimmed();
     task.command = command.stringMember(QStringLiteral("command")).value_or(QString());
     return task;
 }

@@ -21,6 +21,9 @@ struct TaskAssignment {
     std::optional<QString> approvalMode;
     QString prompt;
     QString conversationId;
+    // A chat that starts a new conversation from this session of its tool (our relay's
+    // clients, with "sessions").
+    QString forkOf;
     QString command;
 
     // Absent when the frame has no top-level "taskId"; such a frame is ignored.

@@ -32,13 +32,15 @@ class TstChatExecution : public QObject {
 
     ChatResolution resolve(const ChatSessions& sessions, const QString& system, const QString& project,
                            const QString& prompt, const QString& conversation, const QString& approval,
-                           const QString& claudeConfig = QStringLiteral("<m_claude>"))
+                           const QString& claudeConfig = QStringLiteral("<m_claude>"),
+                           const QString& forkOf = QString())
     {
         return resolveChatExecution(
             m_profile, m_connection, sessions, system, project, prompt, QStringLiteral("task-1"), conversation,
             approval, m_tmp.path(),
             DeskSessions::Stores{claudeConfig == QLatin1String("<m_claude>") ? m_claude.path() : claudeConfig,
-                                 QString()});
+                                 QString()},
+            forkOf);
     }
 
     // A session as claude leaves it in its store for a project folder.
@@ -446,6 +448,38 @@ private Q_SLOTS:
         QCOMPARE(test::fileMode(*r.tokenFilePath), 0600);
         QVERIFY(!r.shell.contains(m_connection.token));
         QFile::remove(*r.tokenFilePath);
+    }
+
+    // A new conversation that starts as a copy of another session, which stays as it was.
+    void aCopyOfASessionStartsFromIt()
+    {
+        const QString original = QStringLiteral("11111111-2222-4333-8444-555555555555");
+        const QString copy = QStringLiteral("aaaaaaaa-bbbb-4ccc-8ddd-eeeeeeeeeeee");
+        const ChatResolution claude =
+            resolve(ChatSessions(), QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("go"), copy,
+                    QStringLiteral("none"), QStringLiteral("<m_claude>"), original);
+        QCOMPARE(claude.shell, QStringLiteral("claude --resume '") + original +
+                                   QStringLiteral("' --fork-session --session-id '") + copy +
+                                   QStringLiteral("' --dangerously-skip-permissions -p --verbose --output-format "
+                                                  "stream-json --include-partial-messages ") +
+                                   scoped(QStringLiteral("App"), QStringLiteral("go")));
+        // Once the copy exists, it goes on as any session.
+        claudeHasSession(QStringLiteral("App"), copy);
+        QVERIFY(resolve(ChatSessions(), QStringLiteral("claude"), QStringLiteral("App"), QStringLiteral("go"), copy,
+                        QStringLiteral("none"), QStringLiteral("<m_claude>"), original)
+                    .shell.startsWith(QStringLiteral("claude --resume '") + copy + QStringLiteral("' --danger")));
+        const ChatResolution codex =
+            resolve(ChatSessions(), QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("go"),
+                    QStringLiteral("c"), QStringLiteral("none"), QStringLiteral("<m_claude>"), QStringLiteral("th-1"));
+        QCOMPARE(codex.shell, QStringLiteral("codex exec fork --json --skip-git-repo-check 'th-1' ") +
+                                  scoped(QStringLiteral("App"), QStringLiteral("go")));
+        // The thread the copy became goes on as any thread.
+        ChatSessions recorded;
+        recorded.recordCodexThreadID(QStringLiteral("th-2"), QStringLiteral("c"), QStringLiteral("App"));
+        QVERIFY(resolve(recorded, QStringLiteral("codex"), QStringLiteral("App"), QStringLiteral("go"),
+                        QStringLiteral("c"), QStringLiteral("none"), QStringLiteral("<m_claude>"),
+                        QStringLiteral("th-1"))
+                    .shell.startsWith(QStringLiteral("codex exec resume --json --skip-git-repo-check 'th-2' ")));
     }
 
     void codexResumesTheRecordedThread()

@@ -180,17 +180,18 @@ class TstDeskRealTools : public QObject {
     }
 
     // A chat of the phone that continues conversation `id` with `tool`; its end.
-    std::optional<QJsonObject> chat(const QString& tool, const QString& id, const QString& prompt)
+    // With `forkOf`, a new conversation `id` that starts as a copy of that session.
+    std::optional<QJsonObject> chat(const QString& tool, const QString& id, const QString& prompt,
+                                    const QString& forkOf = QString())
     {
         const qsizetype before = m_phone->messages().size();
+        QJsonObject payload{{"action", "chat"}, {"system", tool},       {"projectPath", "App"},
+                            {"prompt", prompt}, {"conversationId", id}, {"approvalMode", "none"}};
+        if (!forkOf.isEmpty())
+            payload.insert(QStringLiteral("forkOf"), forkOf);
         m_phone->send({{QStringLiteral("type"), QStringLiteral("task.create")},
                        {QStringLiteral("agentId"), QStringLiteral("cli-agent")},
-                       {QStringLiteral("payload"), QJsonObject{{"action", "chat"},
-                                                               {"system", tool},
-                                                               {"projectPath", "App"},
-                                                               {"prompt", prompt},
-                                                               {"conversationId", id},
-                                                               {"approvalMode", "none"}}}});
+                       {QStringLiteral("payload"), payload}});
         std::optional<QJsonObject> end;
         waitUntil(
             [&] {
@@ -355,6 +356,20 @@ private Q_SLOTS:
                  QStringLiteral("this session is open at the desk (busy); continue it there, or fork it"));
         QCOMPARE(refused->value(QStringLiteral("errorCode")).toString(), QStringLiteral("SESSION_OPEN_AT_DESK"));
         QCOMPARE(m_agent->logTexts().filter(QStringLiteral(" session open at the desk state=busy")).size(), 1);
+        // A copy of it can go on meanwhile, with its earlier turns.
+        const QString copy = QStringLiteral("6fae9462-14c3-4fc0-aabb-83752985c7b1");
+        const std::optional<QJsonObject> forked =
+            chat(QStringLiteral("claude"), copy, QStringLiteral("Forked question"), claude);
+        QVERIFY2(forked && typeOf(*forked) == QLatin1String("task.finished"), qPrintable(m_phone->trace()));
+        QCOMPARE(m_agent->logTexts()
+                     .filter(QStringLiteral("shell=claude --resume '") + claude +
+                             QStringLiteral("' --fork-session --session-id '") + copy + QLatin1Char('\''))
+                     .size(),
+                 1);
+        QVERIFY(m_anthropic->requests().last().body.contains("First"));
+        const QStringList turns = history(QStringLiteral("claude"), copy);
+        QCOMPARE(turns.first(), QStringLiteral(R"({"kind":"user","text":"First"})"));
+        QCOMPARE(turns.at(turns.size() - 2), QStringLiteral(R"({"kind":"user","text":"Forked question"})"));
         QVERIFY(waitUntil([&] { return busy.state() == QProcess::NotRunning; }, kToolTimeoutMs));
         QVERIFY(listed().value(0).contains(QLatin1String("\"live\":null")));
 
@@ -382,6 +397,14 @@ private Q_SLOTS:
         const std::optional<QJsonObject> held = chat(QStringLiteral("codex"), codex, QStringLiteral("Hello?"));
         QVERIFY(held);
         QCOMPARE(held->value(QStringLiteral("errorCode")).toString(), QStringLiteral("SESSION_OPEN_AT_DESK"));
+        const std::optional<QJsonObject> copied =
+            chat(QStringLiteral("codex"), QStringLiteral("codex-copy"), QStringLiteral("Forked question"), codex);
+        QVERIFY2(copied && typeOf(*copied) == QLatin1String("task.finished"), qPrintable(m_phone->trace()));
+        QCOMPARE(m_agent->logTexts()
+                     .filter(QStringLiteral("shell=codex exec fork --json --skip-git-repo-check '") + codex)
+                     .size(),
+                 1);
+        QVERIFY(m_openai->requests().last().body.contains("First"));
         QVERIFY(waitUntil([&] { return writing.state() == QProcess::NotRunning; }, kToolTimeoutMs));
         QVERIFY(!codexLive());
     }
