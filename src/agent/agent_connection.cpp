@@ -2,6 +2,7 @@
 // from the first frame or the pong of a ping whether the server is our relay or one
 // that knows only the agent protocol, and losing the connection.
 #include "agent/agent_runtime.h"
+#include "sessions/session_watch.h"
 
 #include "agent/server_certificate.h"
 #include "base/diag.h"
@@ -201,6 +202,8 @@ void AgentRuntime::onSocketLost(const QString& error)
     const bool wasConnected = m_connected;
     discardSocket();
     m_taskPace.release();
+    // Clients ask again on the next connection.
+    m_sessionWatches.clear();
     if (!wasConnected) {
         reportStatus(QStringLiteral("Reconnect in 3s: ") + error);
         m_reconnectTimer.start();

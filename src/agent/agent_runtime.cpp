@@ -1,4 +1,5 @@
 #include "agent/agent_runtime.h"
+#include "sessions/session_watch.h"
 
 #include "agent/server_certificate.h"
 #include "base/diag.h"

@@ -24,6 +24,7 @@
 #include <QUrl>
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <variant>
@@ -32,6 +33,8 @@ class QSslError;
 class QWebSocket;
 
 namespace brinmoor {
+
+class SessionWatch;
 
 class SettingsStore;
 class TerminalSessionManager;
@@ -180,6 +183,8 @@ private:
     // Whether a process at the desk holds the session a chat would continue ("idle",
     // "busy", "waiting"), for a server that lists sessions; empty when none does.
     QString deskSessionState(const TaskAssignment& task) const;
+    // "sessions.watch": follows a session's file and says what is added ("sessions.grew").
+    void watchSession(const QString& tool, const QString& id);
     // "task.ack", "task.output.read" and "tasks.list" of a server that reads numbered lines.
     void handleTaskOutputCommand(const AgentCommand& command);
     // The task's output is kept from here, and paced from its first line.
@@ -220,6 +225,9 @@ private:
     TerminalSessionManager* m_terminalSessionManager = nullptr;
     // A walk for "projects.list" is under way: a request meanwhile takes its answer.
     bool m_listingProjects = false;
+    // The sessions followed for the clients, by "tool:id"; until "sessions.unwatch" or
+    // the connection goes.
+    std::map<QString, std::unique_ptr<SessionWatch>> m_sessionWatches;
 };
 
 } // namespace brinmoor

@@ -74,7 +74,9 @@ bool AgentRuntime::handleCommandData(const QByteArray& data, QString* error)
                 command.stringMember(QStringLiteral("decision")) == QLatin1String("approve"), approvedFiles(command));
     } else if (command.type == QLatin1String("projects.list") && m_features.projects) {
         listProjects();
-    } else if (m_features.sessions && MessageTypes::sessionsCommands().contains(command.type)) {
+    } else if (m_features.sessions &&
+               (MessageTypes::sessionsCommands().contains(command.type) ||
+                command.type == MessageTypes::SessionsWatch || command.type == MessageTypes::SessionsUnwatch)) {
         handleSessionsCommand(command);
     } else if (command.type.startsWith(QLatin1String("terminal."))) {
         handleTerminalCommand(command);

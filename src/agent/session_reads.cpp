@@ -3,11 +3,15 @@
 // answered to the client that asked (the relay's "readId").
 #include "agent/agent_runtime.h"
 #include "base/agent_error.h"
+#include "base/diag.h"
 #include "chat/chat_execution.h"
 #include "execution/execution_resolution.h"
 #include "protocol/agent_command.h"
+#include "protocol/message_types.h"
 #include "protocol/task_assignment.h"
 #include "sessions/desk_sessions.h"
+#include "sessions/session_watch.h"
+#include "sessions/transcript_file.h"
 
 #include <QFutureWatcher>
 #include <QtConcurrent/QtConcurrentRun>
@@ -15,6 +19,8 @@
 namespace brinmoor {
 
 namespace {
+
+constexpr std::size_t kMostWatchedSessions = 8;
 
 QJsonObject listed(const DeskSessions::Stores& stores, const QString& repoRoot, const QString& projectPath)
 {
@@ -54,6 +60,15 @@ QJsonObject history(const DeskSessions::Stores& stores, const QString& tool, con
 
 void AgentRuntime::handleSessionsCommand(const AgentCommand& command)
 {
+    if (command.type == MessageTypes::SessionsWatch || command.type == MessageTypes::SessionsUnwatch) {
+        const QString tool = command.stringMember(QStringLiteral("tool")).value_or(QString());
+        const QString id = command.stringMember(QStringLiteral("id")).value_or(QString());
+        if (command.type == MessageTypes::SessionsWatch)
+            watchSession(tool, id);
+        else
+            m_sessionWatches.erase(tool + QLatin1Char(':') + id);
+        return;
+    }
     const std::optional<QString> readId = command.stringMember(QStringLiteral("readId"));
     const DeskSessions::Stores stores = DeskSessions::Stores::of(m_env, m_machine.homeDirectory);
     std::function<QJsonObject()> read;
@@ -79,6 +94,52 @@ void AgentRuntime::handleSessionsCommand(const AgentCommand& command)
         watcher->deleteLater();
     });
     watcher->setFuture(QtConcurrent::run(read));
+}
+
+void AgentRuntime::watchSession(const QString& tool, const QString& id)
+{
+    const QString key = tool + QLatin1Char(':') + id;
+    if (m_sessionWatches.count(key))
+        return;
+    const DeskSessions::Stores stores = DeskSessions::Stores::of(m_env, m_machine.homeDirectory);
+    using Found = std::pair<DeskSession, qint64>;
+    auto* watcher = new QFutureWatcher<Found>(this);
+    connect(watcher, &QFutureWatcher<Found>::finished, this, [this, watcher, key, tool, id] {
+        watcher->deleteLater();
+        const auto [session, size] = watcher->result();
+        if (!m_features.sessions || m_sessionWatches.count(key))
+            return;
+        if (session.path.isEmpty()) {
+            sendJSON({{QStringLiteral("type"), QStringLiteral("sessions.grew")},
+                      {QStringLiteral("tool"), tool},
+                      {QStringLiteral("id"), id},
+                      {QStringLiteral("error"), QStringLiteral("no %1 session %2 on this computer").arg(tool, id)}});
+            return;
+        }
+        if (m_sessionWatches.size() >= kMostWatchedSessions) {
+            diag(QStringLiteral("sessions.watch refused: ") + QString::number(kMostWatchedSessions) +
+                 QStringLiteral(" sessions are watched already"));
+            return;
+        }
+        diag(QStringLiteral("sessions.watch tool=") + tool + QStringLiteral(" id=") + logValue(id));
+        auto watch = std::make_unique<SessionWatch>(session, size);
+        connect(watch.get(), &SessionWatch::grew, this, [this, tool, id](const QList<SessionItem>& items) {
+            QJsonArray added;
+            for (const SessionItem& item : items)
+                added.append(DeskSessions::toJson(item));
+            sendJSON({{QStringLiteral("type"), QStringLiteral("sessions.grew")},
+                      {QStringLiteral("tool"), tool},
+                      {QStringLiteral("id"), id},
+                      {QStringLiteral("items"), added}});
+        });
+        m_sessionWatches[key] = std::move(watch);
+    });
+    watcher->setFuture(QtConcurrent::run([stores, tool, id] {
+        const DeskSession session = DeskSessions::find(stores, tool, id);
+        TranscriptFile::Stat stat;
+        TranscriptFile::stat(session.path, &stat);
+        return Found{session, stat.size};
+    }));
 }
 
 QString AgentRuntime::deskSessionState(const TaskAssignment& task) const

@@ -24,7 +24,8 @@ const QStringList& sessionsCommands()
 
 const QStringList& agentCommands()
 {
-    static const QStringList types = QStringList{TaskCancel, TaskApproval, ProjectsList} + terminalCommands();
+    static const QStringList types =
+        QStringList{TaskCancel, TaskApproval, ProjectsList, SessionsWatch, SessionsUnwatch} + terminalCommands();
     return types;
 }
 

@@ -15,6 +15,8 @@ inline constexpr QLatin1String TasksList("tasks.list");
 inline constexpr QLatin1String ProjectsList("projects.list");
 inline constexpr QLatin1String SessionsList("sessions.list");
 inline constexpr QLatin1String SessionsRead("sessions.read");
+inline constexpr QLatin1String SessionsWatch("sessions.watch");
+inline constexpr QLatin1String SessionsUnwatch("sessions.unwatch");
 inline constexpr QLatin1String ClientResume("client.resume");
 inline constexpr QLatin1String PermissionDecision("permission.decision");
 inline constexpr QLatin1String TerminalOpen("terminal.open");
@@ -39,6 +41,7 @@ inline constexpr QLatin1String TaskOutput("task.output");
 inline constexpr QLatin1String TasksKept("tasks.kept");
 inline constexpr QLatin1String SessionsListed("sessions.listed");
 inline constexpr QLatin1String SessionsHistory("sessions.history");
+inline constexpr QLatin1String SessionsGrew("sessions.grew");
 inline constexpr QLatin1String TerminalOpened("terminal.opened");
 inline constexpr QLatin1String TerminalClosed("terminal.closed");
 

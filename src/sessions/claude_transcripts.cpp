@@ -215,16 +215,15 @@ QHash<QString, QString> liveSessions(const QString& configDirectory)
     return live;
 }
 
-QList<SessionItem> items(const QString& path)
+namespace {
+
+// The turns of the lines, those of `branch` alone unless it is absent.
+QList<SessionItem> itemsOf(const QList<QJsonObject>& lines, const std::optional<QSet<QString>>& branch)
 {
-    QList<QJsonObject> lines;
-    for (const QByteArray& text : TranscriptFile::allLines(path))
-        lines.append(parsed(text));
-    const QSet<QString> branch = currentBranch(lines);
     QList<SessionItem> items;
     QString lastMessageId;
     for (const QJsonObject& line : lines) {
-        if (!branch.contains(line.value(QStringLiteral("uuid")).toString()))
+        if (branch && !branch->contains(line.value(QStringLiteral("uuid")).toString()))
             continue;
         const QString type = line.value(QStringLiteral("type")).toString();
         const QString at = line.value(QStringLiteral("timestamp")).toString();
@@ -269,6 +268,24 @@ QList<SessionItem> items(const QString& path)
         }
     }
     return items;
+}
+
+} // namespace
+
+QList<SessionItem> items(const QString& path)
+{
+    QList<QJsonObject> lines;
+    for (const QByteArray& text : TranscriptFile::allLines(path))
+        lines.append(parsed(text));
+    return itemsOf(lines, currentBranch(lines));
+}
+
+QList<SessionItem> itemsOfLines(const QList<QByteArray>& lines)
+{
+    QList<QJsonObject> objects;
+    for (const QByteArray& text : lines)
+        objects.append(parsed(text));
+    return itemsOf(objects, std::nullopt);
 }
 
 } // namespace brinmoor::ClaudeTranscripts

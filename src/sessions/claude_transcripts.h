@@ -20,5 +20,7 @@ QHash<QString, QString> liveSessions(const QString& configDirectory);
 // The turns of a transcript along its current branch, oldest first. Lines of kinds the
 // agent does not know are skipped.
 QList<SessionItem> items(const QString& path);
+// The turns of lines added to a transcript, in the order written.
+QList<SessionItem> itemsOfLines(const QList<QByteArray>& lines);
 
 } // namespace brinmoor::ClaudeTranscripts

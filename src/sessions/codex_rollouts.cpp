@@ -201,8 +201,13 @@ bool isWritten(const QString& codexHome, const QString& id)
 
 QList<SessionItem> items(const QString& path)
 {
+    return itemsOfLines(TranscriptFile::allLines(path));
+}
+
+QList<SessionItem> itemsOfLines(const QList<QByteArray>& lines)
+{
     QList<SessionItem> items;
-    for (const QByteArray& text : TranscriptFile::allLines(path)) {
+    for (const QByteArray& text : lines) {
         if (const std::optional<QString> prompt = promptOf(text)) {
             const QJsonObject line = QJsonDocument::fromJson(text).object();
             items.append({QStringLiteral("user"),

@@ -20,5 +20,7 @@ bool isWritten(const QString& codexHome, const QString& id);
 // The turns of a rollout, oldest first. Lines of kinds the agent does not know are
 // skipped.
 QList<SessionItem> items(const QString& path);
+// The turns of lines added to a rollout, in the order written.
+QList<SessionItem> itemsOfLines(const QList<QByteArray>& lines);
 
 } // namespace brinmoor::CodexRollouts

@@ -286,11 +286,46 @@ private Q_SLOTS:
                  QStringLiteral(R"({"kind":"user","text":"Say it again"})"));
         QVERIFY(listed().value(0).contains(QLatin1String("\"messages\":2,")));
 
-        // And the desk takes it back where the phone left it.
+        // The phone watches while the desk takes it back where the phone left it.
+        m_phone->send({{QStringLiteral("type"), QStringLiteral("sessions.watch")},
+                       {QStringLiteral("agentId"), QStringLiteral("cli-agent")},
+                       {QStringLiteral("payload"), QJsonObject{{"tool", "claude"}, {"id", id}}}});
+        QVERIFY(waitUntil(
+            [&] { return !m_agent->logTexts().filter(QStringLiteral("sessions.watch tool=claude id=")).isEmpty(); }));
         QVERIFY(!atTheDesk(QStringLiteral("claude"),
                            {QStringLiteral("-p"), QStringLiteral("--resume"), id, QStringLiteral("Back at the desk")})
                      .isEmpty());
         QVERIFY(m_anthropic->requests().last().body.contains("Say it again"));
+        QStringList grown;
+        QVERIFY2(waitUntil([&] {
+                     grown.clear();
+                     for (const QJsonObject& m : m_phone->messages()) {
+                         if (typeOf(m) != QLatin1String("sessions.grew") ||
+                             m.value(QStringLiteral("id")).toString() != id)
+                             continue;
+                         for (const QJsonValue& item : m.value(QStringLiteral("items")).toArray()) {
+                             QJsonObject turn = item.toObject();
+                             turn.remove(QStringLiteral("at"));
+                             grown.append(compact(turn));
+                         }
+                     }
+                     return grown.size() >= 2;
+                 }),
+                 qPrintable(m_phone->trace()));
+        QCOMPARE(grown, (QStringList{R"({"kind":"user","text":"Back at the desk"})",
+                                     R"({"kind":"assistant","text":"Still here."})"}));
+        // Once the phone stops watching, what the desk adds is not sent.
+        m_phone->send({{QStringLiteral("type"), QStringLiteral("sessions.unwatch")},
+                       {QStringLiteral("agentId"), QStringLiteral("cli-agent")},
+                       {QStringLiteral("payload"), QJsonObject{{"tool", "claude"}, {"id", id}}}});
+        const qsizetype seen = m_phone->messages().size();
+        QVERIFY(!atTheDesk(QStringLiteral("claude"),
+                           {QStringLiteral("-p"), QStringLiteral("--resume"), id, QStringLiteral("Once more")})
+                     .isEmpty());
+        // A read answered after it shows that the agent said nothing of it in between.
+        QCOMPARE(history(QStringLiteral("claude"), id).size(), 8);
+        for (qsizetype at = seen; at < m_phone->messages().size(); ++at)
+            QVERIFY(typeOf(m_phone->messages().at(at)) != QLatin1String("sessions.grew"));
     }
 
     void aCodexThreadOfTheDeskGoesToThePhoneAndBack()

@@ -6,11 +6,14 @@
 #include "sessions/claude_session_store.h"
 #include "sessions/desk_sessions.h"
 #include "sessions/session_text.h"
+#include "sessions/session_watch.h"
 #include "sessions/transcript_file.h"
+#include "support/loopback_server.h"
 #include "support/test_support.h"
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QTemporaryDir>
@@ -315,6 +318,29 @@ private Q_SLOTS:
                      R"({"at":"2026-11-24T11:00:00.000Z","kind":"tool_result","text":"abc"})",
                      R"({"at":"2026-11-24T11:00:00.000Z","kind":"assistant","text":"One commit."})",
                  }));
+    }
+
+    // What the tool adds is handed on once its line is whole; what was there is not.
+    void aWatchedSessionGivesWhatIsAdded()
+    {
+        const QString path = claudeFile(m_project, kClaudeA);
+        writeFile(path, userLine("u1", {}, QStringLiteral("Before"), 1, m_project));
+        SessionWatch watch(DeskSessions::find(m_stores, "claude", kClaudeA), QFileInfo(path).size());
+        QStringList grown;
+        connect(&watch, &SessionWatch::grew, this, [&](const QList<SessionItem>& items) {
+            for (const SessionItem& item : items)
+                grown.append(item.kind + QLatin1Char(' ') + item.text);
+        });
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::Append));
+        const QByteArray added = userLine("u2", "u1", QStringLiteral("Added at the desk"), 2, m_project);
+        // A line the tool has written part of waits for the rest.
+        file.write(added.left(20));
+        file.flush();
+        file.write(added.mid(20) + assistantLine("a2", "u2", "m2", {text("Seen.")}));
+        file.flush();
+        QVERIFY(waitUntil([&] { return grown.size() == 2; }));
+        QCOMPARE(grown, (QStringList{"user Added at the desk", "assistant Seen."}));
     }
 
     void aLongHistoryIsReadAPageAtATime()
