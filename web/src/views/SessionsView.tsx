@@ -14,11 +14,13 @@ import { kNoSessions, kPhoneResumeNote, liveNote, liveText, messagesText, starte
 // the desk among them), and the open one: its turns, a way to go on with it here, and the
 // command that goes on with it at the desk.
 export function SessionsView({ state, agentId, projectPath }: ProjectProps) {
-  useStores(state.sessions, state.navigation);
+  useStores(state.sessions, state.navigation, state.connection, state.agents);
   const open = state.navigation.place.session;
+  // Asked when the view is shown, and again whenever the page or the agent comes back.
+  const connected = state.connection.state === 'open' && state.agents.get(agentId)?.online === true;
   useEffect(() => {
-    void state.sessions.refresh(agentId, projectPath);
-  }, [agentId, projectPath]);
+    if (connected) void state.sessions.refresh(agentId, projectPath);
+  }, [agentId, projectPath, connected]);
   return (
     <div class={'sessions-view' + (open ? ' has-open' : '')}>
       <SessionList state={state} agentId={agentId} projectPath={projectPath} />
@@ -118,7 +120,8 @@ function continuedHere(messages: ChatMessage[] | null, turns: SessionTurns | und
 }
 
 function SessionPane({ state, agentId, projectPath, tool, id }: ProjectProps & { tool: string; id: string }) {
-  useStores(state.conversations);
+  useStores(state.conversations, state.connection, state.agents);
+  const connected = state.connection.state === 'open' && state.agents.get(agentId)?.online === true;
   const turns = state.sessions.history(agentId, tool, id);
   const session = state.sessions.find(agentId, projectPath, tool, id);
   // The chats of the project, so that one going on with this session is found after a reload.
@@ -127,8 +130,8 @@ function SessionPane({ state, agentId, projectPath, tool, id }: ProjectProps & {
   const scroller = useRef<HTMLDivElement>(null);
   const pinned = useRef(true);
   useEffect(() => {
-    void state.sessions.open(agentId, tool, id);
-  }, [agentId, tool, id]);
+    if (connected) void state.sessions.open(agentId, tool, id);
+  }, [agentId, tool, id, connected]);
   useEffect(() => {
     if (conversation && conversation.messages === null) void state.conversations.open(conversation.id);
   }, [conversation?.id]);
