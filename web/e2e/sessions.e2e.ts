@@ -2,7 +2,7 @@
 // the project's Sessions, opened with its turns, continued from the phone (claude
 // --resume) and handed back with the command that continues it at the desk; a reload
 // keeps the place, a long session pages back, and one a process at the desk holds takes
-// no message. Screenshots go to $BRINMOOR_WEB_SCREENSHOTS when it is set.
+// no message (nor does one taken up at the desk after it was opened: the agent refuses). Screenshots go to $BRINMOOR_WEB_SCREENSHOTS when it is set.
 import assert from 'node:assert/strict';
 import { mkdirSync, readFileSync, realpathSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
@@ -281,5 +281,38 @@ test('a session open at the desk is marked Live and takes no message here', asyn
   await waitText('.session-turns .message.assistant .markdown', 'Done. The login page checks the password again.');
   await pageSettled(page);
   await shoot('sessions', ['desktop']);
+  assert.deepEqual(page.problems, []);
+});
+
+test('a session taken up at the desk after it was opened refuses the message, and then says it is open there', async () => {
+  await waitText('.session-pane .conversation-title', 'Fix the login page');
+  assert.equal(await page.$('.live-note'), null);
+  // The claude of this process now holds the desk's session, and no other.
+  writeFileSync(
+    join(world.root, 'claude', 'sessions', `${process.pid}.json`),
+    JSON.stringify({ pid: process.pid, sessionId: kDesk, procStart: ownStart(), status: 'idle' }) + '\n',
+  );
+  const calls = () => world.agentLog.split('\n').filter((line) => line.includes(`claude --resume '${kDesk}'`)).length;
+  const before = calls();
+  await page.type('.session-pane textarea[name=prompt]', 'And the password reset page');
+  await click('.session-pane .composer button', 'Send');
+  await waitText(
+    '.session-turns .message.assistant:last-child .error',
+    'this session is open at the desk (idle); continue it there, or fork it',
+  );
+  await waitText('.live-note', 'Open at the desk (idle): continuing here is refused while it is open there.');
+  assert.equal(await page.$eval('.session-pane textarea[name=prompt]', (e) => (e as HTMLTextAreaElement).disabled), true);
+  await click('.back-to-list', '');
+  assert.deepEqual(await row('Fix the login page'), {
+    tool: 'Claude',
+    when: 'just now',
+    count: '1 message',
+    origin: 'from the desk',
+    live: 'Live',
+    state: 'idle at the desk',
+  });
+  assert.equal((await row('Refactor the API client')).live, null);
+  // claude was never run for it.
+  assert.equal(calls(), before);
   assert.deepEqual(page.problems, []);
 });

@@ -257,6 +257,9 @@ describe('DeskSessionsStore', () => {
     // Nothing is before the first item.
     await store.earlier('mac', 'claude', kId);
     expect(reads).toHaveLength(2);
+    // A list read later says how the session is now.
+    await store.refresh('mac', 'App');
+    expect(store.find('mac', 'App', 'claude', kId)!.live).toBeNull();
     // Read again, the newest replace what was read.
     now = 2000;
     const again = store.open('mac', 'claude', kId);

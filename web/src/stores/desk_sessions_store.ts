@@ -79,6 +79,11 @@ export class DeskSessionsStore extends Observable {
       const sessions = await this.reader.listSessions(agentId, projectPath);
       if (!this.current('list' + key, read)) return;
       this.lists.set(key, { loading: false, sessions, error: '' });
+      // What the list says of a session is newer than what its turns said.
+      for (const session of sessions) {
+        const turns = this.turns.get(turnsKey(agentId, session.tool, session.id));
+        if (turns) turns.session = session;
+      }
     } catch (error) {
       if (!this.current('list' + key, read)) return;
       this.lists.set(key, { ...this.lists.get(key)!, loading: false, error: readErrorText(error) });

@@ -141,6 +141,12 @@ function SessionPane({ state, agentId, projectPath, tool, id }: ProjectProps & {
   });
   const continued = continuedHere(conversation?.messages ?? null, turns);
   const streaming = continued.find((m) => m.status === 'streaming');
+  // A message that failed may have been refused because the desk took the session up
+  // meanwhile: the list says whether it is held now.
+  const failed = continued.filter((m) => m.role === 'assistant' && m.status === 'error').length;
+  useEffect(() => {
+    if (failed > 0) void state.sessions.refresh(agentId, projectPath);
+  }, [failed]);
   const live = session?.live ?? null;
   const earlier = () => {
     pinned.current = false;
@@ -252,7 +258,10 @@ function HandBack({ session }: { session: DeskSession }) {
   return (
     <div class="hand-back">
       <div class="hand-back-row">
-        <code class="resume-command">{session.resumeCommand}</code>
+        {/* Focusable, so that a keyboard can scroll a command wider than the pane. */}
+        <code class="resume-command" tabIndex={0}>
+          {session.resumeCommand}
+        </code>
         <button class="secondary small copy-command" onClick={() => void copy()}>
           {copied || 'Copy'}
         </button>
