@@ -2,7 +2,9 @@
 // the project's Sessions, opened with its turns, continued from the phone (claude
 // --resume) and handed back with the command that continues it at the desk; a reload
 // keeps the place, a long session pages back, and one a process at the desk holds takes
-// no message (nor does one taken up at the desk after it was opened: the agent refuses). Screenshots go to $BRINMOOR_WEB_SCREENSHOTS when it is set.
+// no message (nor does one taken up at the desk after it was opened: the agent refuses);
+// one started from the phone says that its command continues it at the desk. Screenshots
+// go to $BRINMOOR_WEB_SCREENSHOTS when it is set.
 import assert from 'node:assert/strict';
 import { mkdirSync, readFileSync, realpathSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
@@ -314,5 +316,40 @@ test('a session taken up at the desk after it was opened refuses the message, an
   assert.equal((await row('Refactor the API client')).live, null);
   // claude was never run for it.
   assert.equal(calls(), before);
+  assert.deepEqual(page.problems, []);
+});
+
+test('a session started from the phone says so, and that its command continues it at the desk', async () => {
+  // A chat of the page's own: the agent starts a claude session for it.
+  world.fakeFile('claude.stream', claudeStream(['Added.']));
+  await tab('Chat');
+  await click('.segmented button', 'Claude');
+  await click('.new-chat-button', 'New chat');
+  await page.waitForSelector('.conversation textarea[name=prompt]', { visible: true });
+  await page.type('.conversation textarea[name=prompt]', 'Add a logout button');
+  await click('.conversation .composer button', 'Send');
+  await page.waitForFunction(() => document.querySelector('.conversation .message.assistant.done'));
+  let call = 1;
+  while (!world.fakeArgs('claude', call).includes('--session-id')) call++;
+  const args = world.fakeArgs('claude', call);
+  const id = args[args.indexOf('--session-id') + 1];
+  // What claude keeps of it: the prompt as the agent gave it, the project's rules before the user's words.
+  const sent = args.find((arg) => arg.endsWith('Add a logout button'))!;
+  assert.notEqual(sent, 'Add a logout button');
+  writeTranscript(id, [userLine('u1', null, sent, 1, 1), assistantLine('a1', 'u1', 'm1', [{ type: 'text', text: 'Added.' }], 2)]);
+  await tab('Sessions');
+  await click('.refresh-sessions', 'Refresh');
+  assert.deepEqual(await row('Add a logout button'), {
+    tool: 'Claude',
+    when: 'just now',
+    count: '1 message',
+    origin: 'from the phone',
+    live: null,
+    state: null,
+  });
+  await click('.session-item .session-title', 'Add a logout button');
+  await waitText('.session-turns .message.user .bubble', 'Add a logout button');
+  await waitText('.phone-note', "claude's own /resume list may not show sessions started from the phone; this command continues it.");
+  assert.equal(await textOf('.resume-command'), `cd '${project}' && claude --resume ${id}`);
   assert.deepEqual(page.problems, []);
 });
