@@ -1,10 +1,11 @@
 // Sessions at the desk, at phone size: a claude session started at the desk is listed in
 // the project's Sessions, opened with its turns, continued from the phone (claude
 // --resume) and handed back with the command that continues it at the desk; a reload
-// keeps the place, a long session pages back, and one a process at the desk holds takes
-// no message (nor does one taken up at the desk after it was opened: the agent refuses);
-// one started from the phone says that its command continues it at the desk. Screenshots
-// go to $BRINMOOR_WEB_SCREENSHOTS when it is set.
+// keeps the place, a long session pages back, a codex thread is listed beside them, and
+// one a process at the desk holds takes no message (nor does one taken up at the desk
+// after it was opened: the agent refuses); one started from the phone says that its
+// command continues it at the desk. Screenshots go to $BRINMOOR_WEB_SCREENSHOTS when it
+// is set.
 import assert from 'node:assert/strict';
 import { mkdirSync, readFileSync, realpathSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
@@ -21,6 +22,7 @@ const kDesktop = { width: 1440, height: 900, deviceScaleFactor: 1, isMobile: fal
 const kDesk = '3f0c9a52-7d41-4e2b-9a6f-1c8e5b7d2a40';
 const kLive = '8b2e4d19-5c73-4a0f-b6e1-9d4c2f7a3e85';
 const kLong = 'c51a7e08-2f94-4b3d-8e6a-7b0d1c9f4e26';
+const kThread = '01a20fde-c1f6-7e61-9c92-5167e8ff5e02';
 const kLongPrompts = 300; // 600 turns: more than one read gives
 
 const test = testLeavingPictures(nodeTest, 'sessions-', () => [[page, '']]);
@@ -88,6 +90,20 @@ function assistantLine(uuid: string, parent: string, id: string, content: unknow
 function writeTranscript(id: string, lines: Line[]) {
   mkdirSync(transcriptFolder(), { recursive: true });
   writeFileSync(join(transcriptFolder(), `${id}.jsonl`), lines.map((line) => JSON.stringify(line) + '\n').join(''));
+}
+
+// A codex thread as codex at the desk writes it: a rollout under sessions/YYYY/MM/DD whose
+// first line names the thread and its folder; prompts are events, answers response items.
+function writeRollout(id: string, prompt: string, answer: string) {
+  const folder = join(world.root, 'codex', 'sessions', '2026', '11', '24');
+  mkdirSync(folder, { recursive: true });
+  const line = (type: string, payload: unknown) => JSON.stringify({ timestamp: '2026-11-24T11:00:00.000Z', type, payload }) + '\n';
+  writeFileSync(
+    join(folder, `rollout-2026-11-24T11-00-00-${id}.jsonl`),
+    line('session_meta', { id, timestamp: '2026-11-24T11:00:00.000Z', cwd: project, base_instructions: { text: 'i'.repeat(2000) } }) +
+      line('event_msg', { type: 'item_completed', item: { type: 'UserMessage', content: [{ type: 'text', text: prompt }] } }) +
+      line('response_item', { type: 'message', role: 'assistant', content: [{ type: 'output_text', text: answer }] }),
+  );
 }
 
 // The start time of this process as /proc has it, which claude writes beside its pid.
@@ -260,7 +276,16 @@ test('a session open at the desk is marked Live and takes no message here', asyn
     join(sessions, `${process.pid}.json`),
     JSON.stringify({ pid: process.pid, sessionId: kLive, procStart: ownStart(), status: 'busy' }) + '\n',
   );
+  writeRollout(kThread, 'Add a README', 'Added README.md.');
   await click('.refresh-sessions', 'Refresh');
+  assert.deepEqual(await row('Add a README'), {
+    tool: 'Codex',
+    when: 'just now',
+    count: '1 message',
+    origin: 'from the desk',
+    live: null,
+    state: null,
+  });
   assert.deepEqual(await row('Refactor the API client'), {
     tool: 'Claude',
     when: 'just now',
@@ -278,6 +303,15 @@ test('a session open at the desk is marked Live and takes no message here', asyn
   assert.equal(await page.$eval('.session-pane textarea[name=prompt]', (e) => (e as HTMLTextAreaElement).disabled), true);
   assert.equal(await page.$eval('.session-pane .composer button[type=submit]', (e) => (e as HTMLButtonElement).disabled), true);
   assert.equal(await textOf('.resume-command'), `cd '${project}' && claude --resume ${kLive}`);
+  await click('.back-to-list', '');
+  // A codex thread, handed back with codex's own command.
+  await click('.session-item .session-title', 'Add a README');
+  await waitText('.session-turns .message.assistant .markdown', 'Added README.md.');
+  assert.equal(await textOf('.resume-command'), `cd '${project}' && codex resume ${kThread}`);
+  assert.equal(
+    await page.$eval('.session-pane textarea[name=prompt]', (e) => (e as HTMLTextAreaElement).placeholder),
+    'Continue with Codex',
+  );
   await click('.back-to-list', '');
   await click('.session-item .session-title', 'Fix the login page');
   await waitText('.session-turns .message.assistant .markdown', 'Done. The login page checks the password again.');
