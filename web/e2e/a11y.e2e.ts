@@ -1,8 +1,8 @@
 // Every view of Brinmoor Web checked by axe-core (WCAG 2.1 A and AA): the token prompt,
-// the agents, and a project's chat, tasks, changes and terminal, each at 320, 390 and
+// the agents, and a project's chat, sessions, tasks, changes and terminal, each at 320, 390 and
 // 1440 pixels wide, in light and in dark mode.
 import assert from 'node:assert/strict';
-import { readFileSync, writeFileSync } from 'node:fs';
+import { mkdirSync, readFileSync, realpathSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
 import {
@@ -88,6 +88,67 @@ test('a chat with an answer', async () => {
   await page.type('textarea[name=prompt]', 'Say hello');
   await click('.composer button', 'Send');
   await page.waitForFunction(() => document.querySelector('.message.assistant.done'));
+  assert.deepEqual(await violations(), []);
+});
+
+test('the sessions of the project, and one open at the desk', async () => {
+  // A claude session at the desk, held by this test's own process.
+  const id = '5d2f8c10-3b7e-4a69-9f04-2e6c1b8a7d53';
+  const project = realpathSync(world.project);
+  const folder = join(world.root, 'claude', 'projects', project.replace(/[^A-Za-z0-9]/g, '-'));
+  mkdirSync(folder, { recursive: true });
+  const lines = [
+    {
+      parentUuid: null,
+      isSidechain: false,
+      type: 'user',
+      message: { role: 'user', content: 'Fix the login page' },
+      uuid: 'u1',
+      timestamp: '2026-11-24T10:00:01.000Z',
+      turnPosition: { promptIndex: 0, turnIndex: 1 },
+      cwd: project,
+    },
+    {
+      parentUuid: 'u1',
+      isSidechain: false,
+      type: 'assistant',
+      uuid: 'a1',
+      timestamp: '2026-11-24T10:00:02.000Z',
+      message: { id: 'm1', role: 'assistant', content: [{ type: 'tool_use', id: 't1', name: 'Bash', input: { command: 'npm test' } }] },
+    },
+    {
+      parentUuid: 'a1',
+      isSidechain: false,
+      type: 'user',
+      message: { role: 'user', content: [{ type: 'tool_result', tool_use_id: 't1', content: 'ok' }] },
+      uuid: 'r1',
+      timestamp: '2026-11-24T10:00:03.000Z',
+      turnPosition: { promptIndex: 0, turnIndex: 1 },
+      cwd: project,
+    },
+    {
+      parentUuid: 'r1',
+      isSidechain: false,
+      type: 'assistant',
+      uuid: 'a2',
+      timestamp: '2026-11-24T10:00:04.000Z',
+      message: { id: 'm2', role: 'assistant', content: [{ type: 'text', text: 'Done. The **login** page works.' }] },
+    },
+  ];
+  writeFileSync(join(folder, `${id}.jsonl`), lines.map((line) => JSON.stringify(line) + '\n').join(''));
+  const stat = readFileSync('/proc/self/stat', 'latin1');
+  const procStart = stat.slice(stat.lastIndexOf(')') + 2).split(' ')[19];
+  mkdirSync(join(world.root, 'claude', 'sessions'), { recursive: true });
+  writeFileSync(
+    join(world.root, 'claude', 'sessions', `${process.pid}.json`),
+    JSON.stringify({ pid: process.pid, sessionId: id, procStart, status: 'busy' }),
+  );
+  await click('button[role=tab] .tab-label', 'Sessions');
+  await page.waitForSelector('.session-item .live-mark');
+  assert.deepEqual(await violations(), []);
+  await click('.session-item .session-title', 'Fix the login page');
+  await page.waitForSelector('.session-turns .message.assistant .markdown strong');
+  await page.waitForSelector('.live-note');
   assert.deepEqual(await violations(), []);
 });
 

@@ -5,12 +5,13 @@ import { AgentsStore } from './stores/agents_store';
 import { ApprovalsStore } from './stores/approvals_store';
 import { ConversationDB } from './stores/conversation_db';
 import { ConversationsStore } from './stores/conversations_store';
+import { DeskSessionsStore } from './stores/desk_sessions_store';
 import { Credentials } from './stores/credentials';
 import { Observable, readJSON, type KeyValueStorage } from './stores/observable';
 import { TasksStore, kTimesKey } from './stores/tasks_store';
 import { TerminalsStore } from './stores/terminals_store';
 
-export type Tab = 'chat' | 'tasks' | 'changes' | 'terminal';
+export type Tab = 'chat' | 'sessions' | 'tasks' | 'changes' | 'terminal';
 
 export interface Place {
   agentId: string | null;
@@ -18,10 +19,12 @@ export interface Place {
   tab: Tab;
   conversationId: string | null;
   taskId: string | null;
+  // The assistant's own session open in Sessions: its tool and id.
+  session: { tool: string; id: string } | null;
 }
 
 const kPlaceKey = 'brinmoor.place';
-const kHome: Place = { agentId: null, projectPath: null, tab: 'chat', conversationId: null, taskId: null };
+const kHome: Place = { agentId: null, projectPath: null, tab: 'chat', conversationId: null, taskId: null, session: null };
 
 // Where the user is, kept so that a reload or a phone waking up comes back to it.
 export class Navigation extends Observable {
@@ -43,7 +46,7 @@ export class Navigation extends Observable {
   }
 
   home(): void {
-    this.go({ agentId: null, projectPath: null, conversationId: null, taskId: null });
+    this.go({ agentId: null, projectPath: null, conversationId: null, taskId: null, session: null });
   }
 }
 
@@ -83,6 +86,7 @@ export class AppState {
   readonly tasks: TasksStore;
   readonly approvals: ApprovalsStore;
   readonly conversations: ConversationsStore;
+  readonly sessions: DeskSessionsStore;
   readonly terminals: TerminalsStore;
 
   constructor(
@@ -118,6 +122,10 @@ export class AppState {
         const task = this.tasks.get(taskId);
         return task ? this.tasks.cancel(task) : relay().cancelTask(agentId, taskId);
       },
+    });
+    this.sessions = new DeskSessionsStore({
+      listSessions: async (agentId, projectPath) => relay().listSessions(agentId, projectPath),
+      readSession: async (agentId, tool, id, before) => relay().readSession(agentId, tool, id, before),
     });
     this.terminals = new TerminalsStore(
       {
@@ -164,6 +172,7 @@ export class AppState {
     this.connection.replace(null);
     this.credentials.forget();
     this.terminals.forget();
+    this.sessions.clear();
     for (const key of ['brinmoor.folders', 'brinmoor.place', 'brinmoor.taskPayloads', kTimesKey, kSeqsKey]) this.storage.removeItem(key);
     this.navigation.home();
     await this.conversations.clear();

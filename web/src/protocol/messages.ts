@@ -2,6 +2,7 @@
 // Everything that arrives is untrusted: `decodeServerMessage` checks the members each
 // type needs and turns anything else into null, so stores never see a malformed message.
 // Members the client does not know are kept (a later relay may add them) and ignored.
+import { decodeDeskSessions, decodeSessionHistory, type DeskSession, type SessionHistory } from './desk_sessions';
 import { decodeKeptTasks, decodeTaskOutput, isLineNumber, type KeptTask, type OutputLines, type OutputQuery } from './kept_output';
 
 export interface Registration {
@@ -158,10 +159,14 @@ export type ServerMessage =
   // The answer to "task.output.read": kept lines of a task, or why there are none.
   | ({ type: 'task.output'; agentId: string; taskId: string; requestId?: string } & (OutputLines | { error: string }))
   // The answer to "tasks.list": the tasks the agent keeps the output of, newest first.
-  | { type: 'tasks.kept'; agentId?: string; requestId: string; tasks: KeptTask[] };
+  | { type: 'tasks.kept'; agentId?: string; requestId: string; tasks: KeptTask[] }
+  // The answer to "sessions.list": the assistants' sessions of a project, newest first.
+  | { type: 'sessions.listed'; agentId?: string; requestId: string; projectPath: string; sessions: DeskSession[] }
+  // The answer to "sessions.read": a page of a session's turns, or why there is none.
+  | ({ type: 'sessions.history'; agentId?: string; requestId: string; tool: string; id: string } & (SessionHistory | { error: string }));
 
 export type ServerMessageType = ServerMessage['type'];
-export type { KeptTask, OutputLines };
+export type { DeskSession, KeptTask, OutputLines, SessionHistory };
 export type MessageOf<T extends ServerMessageType> = Extract<ServerMessage, { type: T }>;
 
 // What "task.assign" carries; the agent applies defaults to what is missing.
@@ -203,7 +208,9 @@ export type ClientMessage =
   // Paces a task's output: the newest numbered line taken; without "line", no longer paced.
   | { type: 'task.ack'; agentId: string; taskId: string; line?: number }
   | ({ type: 'task.output.read'; agentId: string; taskId: string; requestId?: string } & OutputQuery)
-  | { type: 'tasks.list'; agentId: string; requestId?: string };
+  | { type: 'tasks.list'; agentId: string; requestId?: string }
+  | { type: 'sessions.list'; agentId: string; payload: { projectPath: string }; requestId?: string }
+  | { type: 'sessions.read'; agentId: string; payload: { tool: string; id: string; before?: number }; requestId?: string };
 
 type Shape = Record<string, 'string' | 'number' | 'boolean' | 'strings' | 'object' | 'any'>;
 
@@ -262,6 +269,8 @@ const shapes: Record<ServerMessageType, Shape> = {
   'permission.resolved': { requestId: 'string', decision: 'string', reason: 'string' },
   'task.output': taskShape,
   'tasks.kept': { requestId: 'string', tasks: 'any' },
+  'sessions.listed': { requestId: 'string', projectPath: 'string', sessions: 'any' },
+  'sessions.history': { requestId: 'string', tool: 'string', id: 'string' },
 };
 
 function hasKind(value: unknown, kind: Shape[string]): boolean {
@@ -430,6 +439,10 @@ export function decodeServerMessage(text: string): ServerMessage | null {
     return null;
   } else if (type === 'tasks.kept') {
     message.tasks = decodeKeptTasks(message.tasks);
+  } else if (type === 'sessions.listed') {
+    message.sessions = decodeDeskSessions(message.sessions);
+  } else if (type === 'sessions.history' && !decodeSessionHistory(message)) {
+    return null;
   } else if (type === 'task.queued') {
     message.payload = decodePayload(message.payload);
   } else if (type === 'task.unqueued') {

@@ -7,6 +7,7 @@
 // in the address of every new socket ("?since="), so the relay replays what the page
 // missed, nothing twice. The seqs are kept in the browser too, so a reload resumes; what
 // is kept there is never newer than what the stores can rebuild (`keepFrom`).
+import type { DeskSession, SessionHistory } from './desk_sessions';
 import type { KeptTask, OutputLines, OutputQuery } from './kept_output';
 import {
   decodeServerMessage,
@@ -120,7 +121,7 @@ export function socketURL(origin: string, since: Seqs = {}): string {
 }
 
 // The messages that answer a request, carrying its "requestId" back.
-const kAnswers: readonly string[] = ['task.created', 'error', 'task.output', 'tasks.kept'];
+const kAnswers: readonly string[] = ['task.created', 'error', 'task.output', 'tasks.kept', 'sessions.listed', 'sessions.history'];
 
 type MessageListener = (message: ServerMessage) => void;
 type StateListener = (state: ConnectionState) => void;
@@ -295,6 +296,21 @@ export class RelayClient {
   async listTasks(agentId: string): Promise<KeptTask[]> {
     const answer = (await this.request({ type: 'tasks.list', agentId })) as MessageOf<'tasks.kept'>;
     return answer.tasks;
+  }
+
+  // The assistants' sessions of a project found on the computer, newest first.
+  async listSessions(agentId: string, projectPath: string): Promise<DeskSession[]> {
+    const answer = (await this.request({ type: 'sessions.list', agentId, payload: { projectPath } })) as MessageOf<'sessions.listed'>;
+    return answer.sessions;
+  }
+
+  // A page of a session's turns: the newest, or those before item `before`; rejects with
+  // the agent's reason when it has no such session.
+  async readSession(agentId: string, tool: string, id: string, before?: number): Promise<SessionHistory> {
+    const payload = before === undefined ? { tool, id } : { tool, id, before };
+    const answer = (await this.request({ type: 'sessions.read', agentId, payload })) as MessageOf<'sessions.history'>;
+    if ('error' in answer) throw new RelayError('SESSION_NOT_FOUND', answer.error);
+    return answer;
   }
 
   // Paces a terminal session: this page has rendered its live output up to `offset`.

@@ -36,6 +36,7 @@ export interface ChatSender {
 }
 
 export const kSystems = ['claude', 'codex'] as const;
+const kNewTitle = 'New conversation';
 
 function titleOf(prompt: string): string {
   const line = prompt.trim().split('\n')[0];
@@ -135,7 +136,7 @@ export class ConversationsStore extends Observable {
       agentId,
       projectPath,
       system,
-      title: 'New conversation',
+      title: kNewTitle,
       createdAt: at,
       updatedAt: at,
       messages: [],
@@ -145,11 +146,26 @@ export class ConversationsStore extends Observable {
     return conversation;
   }
 
+  // The chat that goes on with an assistant's own session (one started at the desk): the
+  // conversation whose id is the session's, made with the session's title when this
+  // browser has none yet. Its messages are those sent from here.
+  async continuing(agentId: string, projectPath: string, system: string, sessionId: string, title: string): Promise<Conversation> {
+    await this.loadScope(agentId, projectPath);
+    let conversation = this.conversations.get(sessionId);
+    if (!conversation) {
+      const at = this.now();
+      conversation = { id: sessionId, agentId, projectPath, system, title: title || kNewTitle, createdAt: at, updatedAt: at, messages: [] };
+      this.conversations.set(sessionId, conversation);
+      this.changed();
+    }
+    return (await this.open(sessionId))!;
+  }
+
   // Sends the user's message and opens the answer that the chat task will fill.
   async send(conversationId: string, prompt: string): Promise<ChatMessage> {
     const conversation = (await this.open(conversationId))!;
     const messages = conversation.messages!;
-    if (messages.length === 0) conversation.title = titleOf(prompt);
+    if (messages.length === 0 && conversation.title === kNewTitle) conversation.title = titleOf(prompt);
     const at = this.now();
     const base = { conversationId, taskId: '', activity: [], details: [], error: '', at, chunks: [] };
     const question: ChatMessage = { ...base, index: messages.length, role: 'user', text: prompt, status: 'done' };

@@ -34,7 +34,9 @@ export function AgentList({ state }: { state: AppState }) {
               <li key={folder}>
                 <button
                   class={'project' + (place.agentId === agent.agentId && place.projectPath === folder ? ' current' : '')}
-                  onClick={() => state.navigation.go({ agentId: agent.agentId, projectPath: folder, conversationId: null, taskId: null })}
+                  onClick={() =>
+                    state.navigation.go({ agentId: agent.agentId, projectPath: folder, conversationId: null, taskId: null, session: null })
+                  }
                 >
                   <span class="project-name">{projectName(folder)}</span>
                   <span class="project-path">{folder}</span>
@@ -71,7 +73,7 @@ function FolderForm({ state, agent }: { state: AppState; agent: Agent }) {
     const remembered = state.agents.rememberFolder(agent.agentId, folder);
     if (remembered === '') return;
     setFolder('');
-    state.navigation.go({ agentId: agent.agentId, projectPath: remembered, conversationId: null, taskId: null });
+    state.navigation.go({ agentId: agent.agentId, projectPath: remembered, conversationId: null, taskId: null, session: null });
   };
   return (
     <form class="folder-form" onSubmit={submit}>

@@ -10,7 +10,7 @@ import { MarkdownView } from './MarkdownView';
 import { queuedText } from './names';
 import type { ProjectProps } from './ProjectView';
 
-const kSystemNames: Record<string, string> = { claude: 'Claude', codex: 'Codex' };
+export const kSystemNames: Record<string, string> = { claude: 'Claude', codex: 'Codex' };
 
 // Chats with the assistants in one project: the conversations kept in this browser, and
 // the open one with its answer streaming in.
@@ -149,7 +149,7 @@ const kStatusTexts: Partial<Record<ChatMessage['status'], string>> = {
   interrupted: 'The page was closed before this answer ended.',
 };
 
-function MessageView({ state, message, onCancel }: { state: ProjectProps['state']; message: ChatMessage; onCancel: () => void }) {
+export function MessageView({ state, message, onCancel }: { state: ProjectProps['state']; message: ChatMessage; onCancel: () => void }) {
   if (message.role === 'user') {
     return (
       <div class="message user">

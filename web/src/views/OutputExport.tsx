@@ -1,32 +1,7 @@
 import { useState } from 'preact/hooks';
 import type { Task, TasksStore } from '../stores/tasks_store';
-import { copied, copying, couldNot, downloaded, downloading, kClipboardRefused, outputFileName } from './output_words';
-
-// Text for the clipboard without the asynchronous clipboard, which pages over plain HTTP
-// do not have.
-function copyBySelection(text: string): boolean {
-  const area = document.createElement('textarea');
-  area.value = text;
-  area.setAttribute('readonly', '');
-  area.style.position = 'fixed';
-  area.style.opacity = '0';
-  document.body.append(area);
-  area.select();
-  try {
-    return document.execCommand('copy');
-  } finally {
-    area.remove();
-  }
-}
-
-async function toClipboard(text: string): Promise<void> {
-  try {
-    if (navigator.clipboard) return await navigator.clipboard.writeText(text);
-  } catch {
-    // refused: the other way may still work
-  }
-  if (!copyBySelection(text)) throw new Error(kClipboardRefused);
-}
+import { toClipboard } from '../lib/clipboard';
+import { copied, copying, couldNot, downloaded, downloading, outputFileName } from './output_words';
 
 function save(pages: string[][], name: string): void {
   const blob = new Blob(

@@ -4,12 +4,14 @@ import { useStores } from '../lib/use_store';
 import { ChangesView } from './ChangesView';
 import { ChatView } from './ChatView';
 import { Icon } from './icons';
+import { SessionsView } from './SessionsView';
 import { TasksView } from './TasksView';
 
 const TerminalView = lazy(() => import('./TerminalView'));
 
 const kTabs: { tab: Tab; label: string }[] = [
   { tab: 'chat', label: 'Chat' },
+  { tab: 'sessions', label: 'Sessions' },
   { tab: 'tasks', label: 'Tasks' },
   { tab: 'changes', label: 'Changes' },
   { tab: 'terminal', label: 'Terminal' },
@@ -21,7 +23,7 @@ export interface ProjectProps {
   projectPath: string;
 }
 
-// One agent's project: its chats, tasks, proposed changes and terminal.
+// One agent's project: its chats, the assistants' own sessions, tasks, proposed changes and terminal.
 export function ProjectView(props: ProjectProps) {
   const { state } = props;
   useStores(state.navigation, state.tasks);
@@ -46,6 +48,7 @@ export function ProjectView(props: ProjectProps) {
       </nav>
       <section class="tab-body">
         {tab === 'chat' && <ChatView {...props} />}
+        {tab === 'sessions' && <SessionsView {...props} />}
         {tab === 'tasks' && <TasksView {...props} />}
         {tab === 'changes' && <ChangesView {...props} />}
         {tab === 'terminal' && (

@@ -1,6 +1,7 @@
 // Line icons drawn inline, so they need no font or image request.
 const paths = {
   chat: 'M4 5h16v11H8l-4 4z',
+  sessions: 'M4 12a8 8 0 1 0 2.3-5.7M4 4v4h4M12 8v4l3 2',
   tasks: 'M7 4l12 8-12 8z',
   changes: 'M12 4v16M4 12h16M5 20h6',
   terminal: 'M4 5h16v14H4zM7 9l3 3-3 3M12 15h5',

@@ -33,8 +33,7 @@ export function couldNot(what: 'copy' | 'download' | 'search', reason: string): 
   return `Could not ${what}: ${reason}`;
 }
 
-// The browser gave no clipboard, or refused to write to it.
-export const kClipboardRefused = 'the browser did not allow it';
+export { kClipboardRefused } from '../lib/clipboard';
 
 // Above the lines in memory of a task whose output the computer no longer keeps.
 export function notKeptEarlier(count: number): string {
