@@ -318,7 +318,7 @@ test('an answer poses as nothing, stays in its box and runs no script', async ()
       return button.contains(document.elementFromPoint(rect.left + rect.width / 2, rect.top + rect.height / 2));
     }),
   );
-  assert.deepEqual(tabs, [true, true, true, true]);
+  assert.deepEqual(tabs, [true, true, true, true, true]);
   assert.equal(await page.evaluate(() => typeof window.brinmoor?.credentials), 'object');
   assert.deepEqual(await pageState(), before);
   // Links that would open this page again are no links: a click on one changes nothing.
