@@ -22,6 +22,19 @@ namespace {
 
 constexpr std::size_t kMostWatchedSessions = 8;
 
+QString noSuchSession(const QString& tool, const QString& id)
+{
+    return QStringLiteral("no %1 session %2 on this computer").arg(tool, id);
+}
+
+// "sessions.grew" of a session, without what it carries.
+QJsonObject grew(const QString& tool, const QString& id)
+{
+    return {{QStringLiteral("type"), QStringLiteral("sessions.grew")},
+            {QStringLiteral("tool"), tool},
+            {QStringLiteral("id"), id}};
+}
+
 QJsonObject listed(const DeskSessions::Stores& stores, const QString& repoRoot, const QString& projectPath)
 {
     QJsonArray sessions;
@@ -45,7 +58,7 @@ QJsonObject history(const DeskSessions::Stores& stores, const QString& tool, con
                        {QStringLiteral("id"), id}};
     const DeskSession session = DeskSessions::find(stores, tool, id);
     if (session.path.isEmpty()) {
-        answer.insert(QStringLiteral("error"), QStringLiteral("no %1 session %2 on this computer").arg(tool, id));
+        answer.insert(QStringLiteral("error"), noSuchSession(tool, id));
         return answer;
     }
     const DeskSessions::Page page = DeskSessions::page(DeskSessions::items(session), before);
@@ -110,10 +123,9 @@ void AgentRuntime::watchSession(const QString& tool, const QString& id)
         if (!m_features.sessions || m_sessionWatches.count(key))
             return;
         if (session.path.isEmpty()) {
-            sendJSON({{QStringLiteral("type"), QStringLiteral("sessions.grew")},
-                      {QStringLiteral("tool"), tool},
-                      {QStringLiteral("id"), id},
-                      {QStringLiteral("error"), QStringLiteral("no %1 session %2 on this computer").arg(tool, id)}});
+            QJsonObject missing = grew(tool, id);
+            missing.insert(QStringLiteral("error"), noSuchSession(tool, id));
+            sendJSON(missing);
             return;
         }
         if (m_sessionWatches.size() >= kMostWatchedSessions) {
@@ -127,10 +139,9 @@ void AgentRuntime::watchSession(const QString& tool, const QString& id)
             QJsonArray added;
             for (const SessionItem& item : items)
                 added.append(DeskSessions::toJson(item));
-            sendJSON({{QStringLiteral("type"), QStringLiteral("sessions.grew")},
-                      {QStringLiteral("tool"), tool},
-                      {QStringLiteral("id"), id},
-                      {QStringLiteral("items"), added}});
+            QJsonObject message = grew(tool, id);
+            message.insert(QStringLiteral("items"), added);
+            sendJSON(message);
         });
         m_sessionWatches[key] = std::move(watch);
     });

@@ -253,7 +253,7 @@ ChatResolution resolveChatExecution(const AgentProfile& profile, const Connectio
     if (system == QLatin1String("codex")) {
         QString threadId = scopedKey ? sessions.codexThreadID(*scopedKey).value_or(QString()) : QString();
         if (threadId.isEmpty() && !stores.codex.isEmpty() &&
-            !CodexRollouts::find(stores.codex, conversationId.trimmed()).path.isEmpty())
+            !CodexRollouts::rolloutOf(stores.codex, conversationId.trimmed()).isEmpty())
             threadId = conversationId.trimmed();
         const bool gated = approvalMode == QLatin1String("on_request") && approvalAvailable;
         if (gated)

@@ -176,16 +176,19 @@ QList<DeskSession> list(const QString& codexHome, const QString& workingDir, qsi
     return sessions;
 }
 
-DeskSession find(const QString& codexHome, const QString& id)
+QString rolloutOf(const QString& codexHome, const QString& id)
 {
     if (threadIdOf(id + QStringLiteral(".jsonl")) != id)
         return {};
     QDirIterator files(codexHome + QStringLiteral("/sessions"), {QStringLiteral("rollout-*-") + id + ".jsonl"},
                        QDir::Files, QDirIterator::Subdirectories);
-    if (!files.hasNext())
-        return {};
-    Rollout rollout{files.next(), {}};
-    if (!TranscriptFile::stat(rollout.path, &rollout.stat))
+    return files.hasNext() ? files.next() : QString();
+}
+
+DeskSession find(const QString& codexHome, const QString& id)
+{
+    Rollout rollout{rolloutOf(codexHome, id), {}};
+    if (rollout.path.isEmpty() || !TranscriptFile::stat(rollout.path, &rollout.stat))
         return {};
     QMutexLocker lock(&g_mutex);
     auto known = g_known.find(rollout.path);

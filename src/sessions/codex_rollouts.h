@@ -13,6 +13,8 @@ namespace brinmoor::CodexRollouts {
 // A rollout's start is read once to learn its folder; codex keeps no count of the
 // prompts, so a rollout of this folder is counted once and then only where it grew.
 QList<DeskSession> list(const QString& codexHome, const QString& workingDir, qsizetype limit);
+// The rollout of thread `id` (a UUID), found by its name alone; empty when codex has none.
+QString rolloutOf(const QString& codexHome, const QString& id);
 // Thread `id` (a UUID); an empty `path` when codex has none.
 DeskSession find(const QString& codexHome, const QString& id);
 // Whether a codex process writes the thread now.
