@@ -126,6 +126,9 @@ export class AppState {
     this.sessions = new DeskSessionsStore({
       listSessions: async (agentId, projectPath) => relay().listSessions(agentId, projectPath),
       readSession: async (agentId, tool, id, before) => relay().readSession(agentId, tool, id, before),
+      watchSession: (agentId, tool, id, watch) =>
+        (watch ? this.connection.client?.watchSession(agentId, tool, id) : this.connection.client?.unwatchSession(agentId, tool, id)) ??
+        false,
     });
     this.terminals = new TerminalsStore(
       {
@@ -149,6 +152,7 @@ export class AppState {
       this.tasks.handle(message);
       this.approvals.handle(message);
       this.conversations.handle(message);
+      this.sessions.handle(message);
       this.terminals.handle(message);
       if (message.type === 'server.hello') this.terminals.attachAll();
       // What each agent finds under its repository root, asked of it whenever it is there.

@@ -313,6 +313,17 @@ export class RelayClient {
     return answer;
   }
 
+  // Follows a session as its tool writes it: the agent says "sessions.grew" with the turns
+  // added, until `unwatchSession` (or until the agent's connection goes: a new socket
+  // asks again). False when not connected.
+  watchSession(agentId: string, tool: string, id: string): boolean {
+    return this.send({ type: 'sessions.watch', agentId, payload: { tool, id } });
+  }
+
+  unwatchSession(agentId: string, tool: string, id: string): boolean {
+    return this.send({ type: 'sessions.unwatch', agentId, payload: { tool, id } });
+  }
+
   // Paces a terminal session: this page has rendered its live output up to `offset`.
   // Without an offset, the page stops pacing it.
   ackTerminal(agentId: string, sessionId: string, offset?: number): boolean {
