@@ -24,7 +24,8 @@ QList<QPair<QString, QString>> LocalServerSettings::serverEnvironment() const
             {QStringLiteral("BRINMOOR_TLS_KEY"), tlsKey},
             {QStringLiteral("BRINMOOR_PUBLIC_URL"), publicURL},
             {QStringLiteral("BRINMOOR_TRUSTED_PROXIES"), trustedProxies},
-            {QStringLiteral("BRINMOOR_ALLOWED_HOSTS"), allowedHosts}};
+            {QStringLiteral("BRINMOOR_ALLOWED_HOSTS"), allowedHosts},
+            {QStringLiteral("BRINMOOR_PUSH_CONTACT"), pushContact}};
 }
 
 LocalServerSettings LocalServerSettings::load(const SettingsStore& defaults, const Environment& env)
@@ -33,7 +34,8 @@ LocalServerSettings LocalServerSettings::load(const SettingsStore& defaults, con
             setting(defaults, env, "tlsKey", "BRINMOOR_TLS_KEY"),
             setting(defaults, env, "publicURL", "BRINMOOR_PUBLIC_URL"),
             setting(defaults, env, "trustedProxies", "BRINMOOR_TRUSTED_PROXIES"),
-            setting(defaults, env, "allowedHosts", "BRINMOOR_ALLOWED_HOSTS")};
+            setting(defaults, env, "allowedHosts", "BRINMOOR_ALLOWED_HOSTS"),
+            setting(defaults, env, "pushContact", "BRINMOOR_PUSH_CONTACT")};
 }
 
 } // namespace brinmoor

@@ -177,11 +177,13 @@ private Q_SLOTS:
                               {QStringLiteral("BRINMOOR_PUBLIC_URL"), QStringLiteral("https://env.example")},
                               {QStringLiteral("BRINMOOR_TRUSTED_PROXIES"), QStringLiteral("10.0.0.1")},
                               {QStringLiteral("BRINMOOR_ALLOWED_HOSTS"), QStringLiteral("mymac.example")},
+                              {QStringLiteral("BRINMOOR_PUSH_CONTACT"), QStringLiteral("mailto:env@example.org")},
                               {QStringLiteral("BRINMOOR_TLS_CA"), QStringLiteral("/env/ca.pem")}};
         QVERIFY(!LocalServerSettings::load(store, {}).tls());
         QCOMPARE(LocalServerSettings::load(store, {}).scheme(), QStringLiteral("http"));
         store.setValue(QStringLiteral("tlsCert"), QStringLiteral("/store/cert.pem"));
         store.setValue(QStringLiteral("publicURL"), QString()); // empty counts as absent
+        store.setValue(QStringLiteral("pushContact"), QStringLiteral("mailto:store@example.org"));
         const LocalServerSettings server = LocalServerSettings::load(store, env);
         QVERIFY(server.tls());
         QCOMPARE(server.scheme(), QStringLiteral("https"));
@@ -191,7 +193,8 @@ private Q_SLOTS:
                      {QStringLiteral("BRINMOOR_TLS_KEY"), QStringLiteral("/env/key.pem")},
                      {QStringLiteral("BRINMOOR_PUBLIC_URL"), QStringLiteral("https://env.example")},
                      {QStringLiteral("BRINMOOR_TRUSTED_PROXIES"), QStringLiteral("10.0.0.1")},
-                     {QStringLiteral("BRINMOOR_ALLOWED_HOSTS"), QStringLiteral("mymac.example")}}));
+                     {QStringLiteral("BRINMOOR_ALLOWED_HOSTS"), QStringLiteral("mymac.example")},
+                     {QStringLiteral("BRINMOOR_PUSH_CONTACT"), QStringLiteral("mailto:store@example.org")}}));
         QCOMPARE(ConnectionSettings::load(store, env).tlsCA, QStringLiteral("/env/ca.pem"));
     }
 };

@@ -592,6 +592,22 @@ private Q_SLOTS:
         QVERIFY(m_service->waitForPushes(1));
         QVERIFY2(m_service->pushes().first().problem.isEmpty(), qPrintable(m_service->pushes().first().problem));
         QCOMPARE(m_service->pushes().first().path, QStringLiteral("/push/device-1"));
+
+        // Started without a contact, it keeps them but pushes nothing, and says why once.
+        QVERIFY(startPushRelay({QStringLiteral("BRINMOOR_PUSH_CONTACT=")}));
+        RelayClient agent2;
+        RelayClient client2;
+        QVERIFY(connectAgentAndClient(agent2, client2));
+        for (int i = 0; i < 2; ++i) {
+            const QString failed = createTask(agent2, client2, QStringLiteral("shell"));
+            agent2.send(json(QStringLiteral(R"({"type":"task.failed","taskId":"%1","error":"x","exitCode":1})").arg(failed).toUtf8()));
+            QVERIFY(client2.waitFor([&](const QJsonObject& m) {
+                return typeOf(m) == QLatin1String("task.failed") && m.value(QStringLiteral("taskId")) == failed;
+            }));
+        }
+        QVERIFY(call("GET", "/v1/push/subscriptions").contains(QStringLiteral("\"id\":\"%1\"").arg(id)));
+        QCOMPARE(pushLines(), QStringList{QStringLiteral("push.off reason=") + kPushOff});
+        QCOMPARE(m_service->pushes().size(), 1);
     }
 };
 
