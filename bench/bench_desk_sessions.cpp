@@ -7,8 +7,10 @@
 #include "process_stats.h"
 #include "sessions/claude_session_store.h"
 #include "sessions/desk_sessions.h"
+#include "sessions/session_watch.h"
 #include "sessions/transcript_file.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -63,8 +65,44 @@ double median(QList<double> values)
 
 } // namespace
 
+// How long a watched transcript takes to say a line the desk added: from the write to the
+// turns handed on, each of `count` lines written once the one before was said.
+QList<double> watchDelays(const QString& folder, const QString& cwd, int count)
+{
+    const QString path = folder + QStringLiteral("/watched.jsonl");
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly))
+        return {};
+    file.write(userLine(QStringLiteral("Start"), 1, cwd));
+    file.flush();
+    DeskSession session;
+    session.tool = QStringLiteral("claude");
+    session.id = QStringLiteral("watched");
+    session.path = path;
+    session.cwd = cwd;
+    SessionWatch watch(session, file.size());
+    QList<double> delays;
+    QElapsedTimer timer;
+    QObject::connect(&watch, &SessionWatch::grew, &watch, [&](const QList<SessionItem>&) {
+        delays.append(double(timer.nsecsElapsed()) / 1e6);
+        if (delays.size() == count) {
+            QCoreApplication::quit();
+            return;
+        }
+        timer.start();
+        file.write(userLine(QStringLiteral("Turn %1").arg(delays.size()), delays.size() + 1, cwd));
+        file.flush();
+    });
+    timer.start();
+    file.write(userLine(QStringLiteral("Turn 0"), 1, cwd));
+    file.flush();
+    QCoreApplication::exec();
+    return delays;
+}
+
 int main(int argc, char** argv)
 {
+    QCoreApplication app(argc, argv);
     int claude = 5000;
     int codex = 1000;
     QString dir = QDir::tempPath();
@@ -145,6 +183,13 @@ int main(int argc, char** argv)
     std::printf("  next lists: median %.1f ms of 9, read %.1f MB each (%lld KB per listed claude transcript at "
                 "most)\n",
                 median(next), double(read) / 1e6, static_cast<long long>(2 * 64));
+    const QList<double> delays = watchDelays(root.path(), project, 21);
+    if (delays.size() != 21) {
+        std::fprintf(stderr, "the watch said %lld lines of 21\n", static_cast<long long>(delays.size()));
+        return 1;
+    }
+    std::printf("  a watched session says a line the desk added: median %.1f ms, slowest %.1f ms of 21\n",
+                median(delays), *std::max_element(delays.cbegin(), delays.cend()));
     std::printf("  peak RSS %.0f MB\n", peakRssMB());
     return 0;
 }

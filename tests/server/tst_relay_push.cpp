@@ -600,7 +600,9 @@ private Q_SLOTS:
         QVERIFY(connectAgentAndClient(agent2, client2));
         for (int i = 0; i < 2; ++i) {
             const QString failed = createTask(agent2, client2, QStringLiteral("shell"));
-            agent2.send(json(QStringLiteral(R"({"type":"task.failed","taskId":"%1","error":"x","exitCode":1})").arg(failed).toUtf8()));
+            agent2.send(json(QStringLiteral(R"({"type":"task.failed","taskId":"%1","error":"x","exitCode":1})")
+                                 .arg(failed)
+                                 .toUtf8()));
             QVERIFY(client2.waitFor([&](const QJsonObject& m) {
                 return typeOf(m) == QLatin1String("task.failed") && m.value(QStringLiteral("taskId")) == failed;
             }));
