@@ -47,18 +47,6 @@ QByteArray compact(const QJsonObject& object)
     return QJsonDocument(object).toJson(QJsonDocument::Compact);
 }
 
-// An HTTP request left running while the test goes on (an approval held open).
-struct HeldRequest {
-    QTcpSocket socket;
-
-    void start(quint16 port, const QByteArray& request)
-    {
-        socket.connectToHost(QStringLiteral("127.0.0.1"), port);
-        socket.write(request);
-    }
-    QString result(int timeoutMs = 20000) { return statusAndBody(readUntilClosed(socket, timeoutMs)); }
-};
-
 } // namespace
 
 class TstRelayPush : public QObject, private RelayFixture {

@@ -46,19 +46,6 @@ QByteArray postApproval(const QString& token, const QByteArray& body)
            body;
 }
 
-// An HTTP request left running while the test goes on (an approval held open).
-struct HeldRequest {
-    QTcpSocket socket;
-
-    void start(quint16 port, const QByteArray& request)
-    {
-        socket.connectToHost(QStringLiteral("127.0.0.1"), port);
-        socket.write(request);
-    }
-    // Waits for the server to answer and close.
-    QString result(int timeoutMs = 10000) { return statusAndBody(readUntilClosed(socket, timeoutMs)); }
-};
-
 } // namespace
 
 class TstRelayServer : public QObject, private RelayFixture {

@@ -207,4 +207,15 @@ std::optional<QByteArray> responseHeader(const QByteArray& response, QByteArrayV
     return std::nullopt;
 }
 
+void HeldRequest::start(quint16 port, const QByteArray& request)
+{
+    socket.connectToHost(QStringLiteral("127.0.0.1"), port);
+    socket.write(request);
+}
+
+QString HeldRequest::result(int timeoutMs)
+{
+    return statusAndBody(readUntilClosed(socket, timeoutMs));
+}
+
 } // namespace brinmoor::test

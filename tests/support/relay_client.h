@@ -5,11 +5,11 @@
 #include <QObject>
 #include <QSslConfiguration>
 #include <QString>
+#include <QTcpSocket>
 
 #include <functional>
 #include <optional>
 
-class QTcpSocket;
 class QUrl;
 class QWebSocket;
 
@@ -60,6 +60,15 @@ private:
     QList<QJsonObject> m_messages;
     bool m_tls = false;
     QByteArray m_origin;
+};
+
+// An HTTP request left running while the test goes on (an approval held open).
+struct HeldRequest {
+    QTcpSocket socket;
+
+    void start(quint16 port, const QByteArray& request);
+    // Waits for the server to answer and close: the status line and body.
+    QString result(int timeoutMs = 10000);
 };
 
 // Reads until the peer closes the connection (or the time runs out).
