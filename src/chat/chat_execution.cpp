@@ -11,7 +11,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QRegularExpression>
 #include <QUuid>
 
 #include <cerrno>
@@ -95,9 +94,7 @@ std::optional<QString> scopedConversationKey(const QString& projectPath, const Q
 
 bool isSessionUUID(const QString& text)
 {
-    static const QRegularExpression canonical(
-        QStringLiteral("^[0-9A-Fa-f]{8}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{12}$"));
-    return canonical.match(text).hasMatch();
+    return ClaudeSessionStore::isSessionId(text);
 }
 
 QString claudeSessionID(const QString& conversationId, const std::optional<QString>& scopedKey)

@@ -1,6 +1,7 @@
 #include "sessions/claude_session_store.h"
 
 #include <QFileInfo>
+#include <QRegularExpression>
 
 namespace brinmoor::ClaudeSessionStore {
 
@@ -52,6 +53,13 @@ bool hasSession(const QString& configDirectory, const QString& workingDir, const
         return true;
     const QString canonical = QFileInfo(workingDir).canonicalFilePath();
     return !canonical.isEmpty() && canonical != workingDir && exists(canonical);
+}
+
+bool isSessionId(const QString& text)
+{
+    static const QRegularExpression canonical(
+        QStringLiteral("^[0-9A-Fa-f]{8}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{12}$"));
+    return canonical.match(text).hasMatch();
 }
 
 } // namespace brinmoor::ClaudeSessionStore

@@ -15,6 +15,9 @@ QString configDirectory(const Environment& env, const QString& home);
 // cut to 200 and followed by "-" and the base-36 hash of the path claude computes.
 QString projectFolderName(const QString& workingDir);
 
+// Whether the text is a session id as claude writes them: a UUID in its canonical form.
+bool isSessionId(const QString& text);
+
 // Whether claude has a session with this id for the working folder (its session file
 // exists, under the folder as given or with its links resolved, as claude sees it).
 bool hasSession(const QString& configDirectory, const QString& workingDir, const QString& sessionId);

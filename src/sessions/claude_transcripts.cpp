@@ -9,7 +9,6 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QRegularExpression>
 #include <QSet>
 
 namespace brinmoor::ClaudeTranscripts {
@@ -21,13 +20,6 @@ constexpr qint64 kEndBytes = 64 * 1024;
 QJsonObject parsed(const QByteArray& line)
 {
     return QJsonDocument::fromJson(line).object();
-}
-
-bool isUUID(const QString& text)
-{
-    static const QRegularExpression uuid(
-        QStringLiteral("^[0-9A-Fa-f]{8}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{12}$"));
-    return uuid.match(text).hasMatch();
 }
 
 // What the user typed in a "user" line; empty for a tool's result, claude's own notes
@@ -162,7 +154,7 @@ QList<DeskSession> list(const QString& configDirectory, const QString& workingDi
                          ClaudeSessionStore::projectFolderName(folder));
         for (const QString& name : store.entryList({QStringLiteral("*.jsonl")}, QDir::Files)) {
             Transcript file{store.filePath(name), name.chopped(6), {}};
-            if (isUUID(file.id) && TranscriptFile::stat(file.path, &file.stat))
+            if (ClaudeSessionStore::isSessionId(file.id) && TranscriptFile::stat(file.path, &file.stat))
                 files.append(file);
         }
     }
@@ -182,7 +174,7 @@ QList<DeskSession> list(const QString& configDirectory, const QString& workingDi
 
 DeskSession find(const QString& configDirectory, const QString& id)
 {
-    if (!isUUID(id))
+    if (!ClaudeSessionStore::isSessionId(id))
         return {};
     const QDir projects(configDirectory + QStringLiteral("/projects"));
     for (const QString& folder : projects.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {

@@ -19,11 +19,6 @@ using namespace brinmoor::test;
 
 namespace {
 
-QString typeOf(const QJsonObject& message)
-{
-    return message.value(QStringLiteral("type")).toString();
-}
-
 qint64 seqOf(const QJsonObject& message)
 {
     return message.value(QStringLiteral("seq")).toInteger();
