@@ -59,46 +59,8 @@ Answer claudeHelloThenStillHere()
 
 } // namespace
 
-class TstRealTools : public QObject {
+class TstRealTools : public QObject, private RealToolsFixture {
     Q_OBJECT
-
-    QString m_toolsBin;
-    std::unique_ptr<QTemporaryDir> m_home;
-    std::unique_ptr<QTemporaryDir> m_tmp;
-    std::unique_ptr<FakeModelServer> m_anthropic;
-    std::unique_ptr<FakeModelServer> m_openai;
-    std::unique_ptr<RelayProcess> m_relay;
-    std::unique_ptr<AgentProcess> m_agent;
-    std::unique_ptr<RelayClient> m_phone;
-    QProcessEnvironment m_agentEnvironment;
-
-    QString project() const { return m_agent->repo.path() + QStringLiteral("/App"); }
-
-    // The relay, the agent with the real tools first on its PATH and both model
-    // servers in its environment, and the phone connected.
-    bool startAll()
-    {
-        m_home = std::make_unique<QTemporaryDir>();
-        m_tmp = std::make_unique<QTemporaryDir>();
-        m_anthropic = std::make_unique<FakeModelServer>();
-        m_openai = std::make_unique<FakeModelServer>();
-        m_anthropic->listen();
-        m_openai->listen();
-        m_relay = std::make_unique<RelayProcess>();
-        m_relay->token = QStringLiteral("tok-4e1f9a7c2b6d8035e0a3c1f7");
-        if (!m_relay->start())
-            return false;
-        m_agent = std::make_unique<AgentProcess>();
-        QDir().mkpath(project());
-        const QProcessEnvironment extra = RealTools::environment(m_toolsBin, m_home->path(), m_tmp->path(),
-                                                                 m_anthropic->baseURL(), m_openai->baseURL());
-        m_agentEnvironment = extra;
-        m_agent->start(m_relay->url(), extra);
-        if (!m_relay->waitForLine(QStringLiteral("agent.register agentId=cli-agent")))
-            return false;
-        m_phone = std::make_unique<RelayClient>();
-        return m_phone->open(m_relay->port, m_relay->token);
-    }
 
     QString createTask(const QJsonObject& payload)
     {
@@ -258,7 +220,7 @@ class TstRealTools : public QObject {
             return m_relay->lines().filter(QStringLiteral("agent.register agentId=cli-agent")).size();
         };
         const qsizetype before = registrations();
-        m_agent->start(m_relay->url(), m_agentEnvironment);
+        m_agent->start(m_relay->url(), m_environment);
         return waitUntil([&] { return registrations() > before; });
     }
 
@@ -326,19 +288,8 @@ private Q_SLOTS:
 
     void cleanup()
     {
-        if (m_agent)
-            QVERIFY(m_agent->stop());
         // No tool, approval server or shell of the agent is left running.
-        if (m_home) {
-            const QByteArray home = "HOME=" + QFile::encodeName(m_home->path());
-            waitUntil([&] { return processesWithEnvironment(home).isEmpty(); }, 5000);
-            QCOMPARE(processesWithEnvironment(home), QStringList());
-        }
-        m_phone.reset();
-        m_agent.reset();
-        m_relay.reset();
-        m_anthropic.reset();
-        m_openai.reset();
+        QVERIFY(stopAll());
         // Nothing a task wrote for itself is left behind.
         if (m_tmp)
             QCOMPARE(QDir(m_tmp->path())

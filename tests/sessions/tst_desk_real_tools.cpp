@@ -54,31 +54,19 @@ bool asksSlowly(const FakeModelServer::Request& request)
 
 } // namespace
 
-class TstDeskRealTools : public QObject {
+class TstDeskRealTools : public QObject, private RealToolsFixture {
     Q_OBJECT
 
-    QString m_toolsBin;
-    std::unique_ptr<QTemporaryDir> m_home;
-    std::unique_ptr<QTemporaryDir> m_tmp;
-    std::unique_ptr<FakeModelServer> m_anthropic;
-    std::unique_ptr<FakeModelServer> m_openai;
-    std::unique_ptr<RelayProcess> m_relay;
-    std::unique_ptr<AgentProcess> m_agent;
-    std::unique_ptr<RelayClient> m_phone;
-    QProcessEnvironment m_environment;
     std::list<QProcess> m_desk;
     int m_requests = 0;
 
-    QString project() const { return m_agent->repo.path() + QStringLiteral("/App"); }
-
     bool startAll()
     {
-        m_home = std::make_unique<QTemporaryDir>();
-        m_tmp = std::make_unique<QTemporaryDir>();
-        m_anthropic = std::make_unique<FakeModelServer>();
-        m_openai = std::make_unique<FakeModelServer>();
-        m_anthropic->listen();
-        m_openai->listen();
+        // The desk and the agent share claude's store, as they share the user's home.
+        if (!RealToolsFixture::startAll([this](QProcessEnvironment& environment) {
+                environment.insert(QStringLiteral("CLAUDE_CONFIG_DIR"), m_home->path() + QStringLiteral("/.claude"));
+            }))
+            return false;
         m_anthropic->respond = RealTools::messagesAPI([](const FakeModelServer::Request& request) {
             if (asksSlowly(request))
                 return later(FakeModelServer::messagesText(QStringLiteral("Slow answer.")));
@@ -93,21 +81,7 @@ class TstDeskRealTools : public QObject {
                                                          ? QStringLiteral("Still here, says codex.")
                                                          : QStringLiteral("Hello from the fake codex model."));
         });
-        m_relay = std::make_unique<RelayProcess>();
-        m_relay->token = QStringLiteral("tok-4e1f9a7c2b6d8035e0a3c1f7");
-        if (!m_relay->start())
-            return false;
-        m_agent = std::make_unique<AgentProcess>();
-        QDir().mkpath(project());
-        m_environment = RealTools::environment(m_toolsBin, m_home->path(), m_tmp->path(), m_anthropic->baseURL(),
-                                               m_openai->baseURL());
-        // The desk and the agent share claude's store, as they share the user's home.
-        m_environment.insert(QStringLiteral("CLAUDE_CONFIG_DIR"), m_home->path() + QStringLiteral("/.claude"));
-        m_agent->start(m_relay->url(), m_environment);
-        if (!m_relay->waitForLine(QStringLiteral("agent.register agentId=cli-agent")))
-            return false;
-        m_phone = std::make_unique<RelayClient>();
-        return m_phone->open(m_relay->port, m_relay->token);
+        return true;
     }
 
     // Starts a tool at the desk: in the project, with the same home as the agent's.
@@ -230,18 +204,7 @@ private Q_SLOTS:
                 waitUntil([&] { return desk.state() == QProcess::NotRunning; }, kToolTimeoutMs);
         }
         m_desk.clear();
-        if (m_agent)
-            QVERIFY(m_agent->stop());
-        if (m_home) {
-            const QByteArray home = "HOME=" + QFile::encodeName(m_home->path());
-            waitUntil([&] { return RealTools::processesWithEnvironment(home).isEmpty(); }, 5000);
-            QCOMPARE(RealTools::processesWithEnvironment(home), QStringList());
-        }
-        m_phone.reset();
-        m_agent.reset();
-        m_relay.reset();
-        m_anthropic.reset();
-        m_openai.reset();
+        QVERIFY(stopAll());
         m_tmp.reset();
         m_home.reset();
     }

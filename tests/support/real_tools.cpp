@@ -1,5 +1,6 @@
 #include "support/real_tools.h"
 
+#include "support/loopback_server.h"
 #include "support/test_support.h"
 
 #include <QDir>
@@ -97,3 +98,52 @@ Answer responsesAPI(Answer answer)
 }
 
 } // namespace brinmoor::test::RealTools
+
+namespace brinmoor::test {
+
+bool RealToolsFixture::startAll(const std::function<void(QProcessEnvironment&)>& adjust)
+{
+    m_home = std::make_unique<QTemporaryDir>();
+    m_tmp = std::make_unique<QTemporaryDir>();
+    m_anthropic = std::make_unique<FakeModelServer>();
+    m_openai = std::make_unique<FakeModelServer>();
+    m_anthropic->listen();
+    m_openai->listen();
+    m_relay = std::make_unique<RelayProcess>();
+    m_relay->token = QStringLiteral("tok-4e1f9a7c2b6d8035e0a3c1f7");
+    if (!m_relay->start())
+        return false;
+    m_agent = std::make_unique<AgentProcess>();
+    QDir().mkpath(project());
+    m_environment =
+        RealTools::environment(m_toolsBin, m_home->path(), m_tmp->path(), m_anthropic->baseURL(), m_openai->baseURL());
+    if (adjust)
+        adjust(m_environment);
+    m_agent->start(m_relay->url(), m_environment);
+    if (!m_relay->waitForLine(QStringLiteral("agent.register agentId=cli-agent")))
+        return false;
+    m_phone = std::make_unique<RelayClient>();
+    return m_phone->open(m_relay->port, m_relay->token);
+}
+
+bool RealToolsFixture::stopAll()
+{
+    bool clean = !m_agent || m_agent->stop();
+    if (m_home) {
+        const QByteArray home = "HOME=" + QFile::encodeName(m_home->path());
+        waitUntil([&] { return RealTools::processesWithEnvironment(home).isEmpty(); }, 5000);
+        const QStringList left = RealTools::processesWithEnvironment(home);
+        if (!left.isEmpty()) {
+            qWarning("left running: %s", qPrintable(left.join(QStringLiteral(", "))));
+            clean = false;
+        }
+    }
+    m_phone.reset();
+    m_agent.reset();
+    m_relay.reset();
+    m_anthropic.reset();
+    m_openai.reset();
+    return clean;
+}
+
+} // namespace brinmoor::test
