@@ -210,7 +210,9 @@ export type ClientMessage =
   | ({ type: 'task.output.read'; agentId: string; taskId: string; requestId?: string } & OutputQuery)
   | { type: 'tasks.list'; agentId: string; requestId?: string }
   | { type: 'sessions.list'; agentId: string; payload: { projectPath: string }; requestId?: string }
-  | { type: 'sessions.read'; agentId: string; payload: { tool: string; id: string; before?: number }; requestId?: string };
+  | { type: 'sessions.read'; agentId: string; payload: { tool: string; id: string; before?: number }; requestId?: string }
+  // The card this device shows (null: none, or the page is hidden), named by its push endpoint.
+  | { type: 'client.viewing'; endpoint: string; card: { requestId: string } | { taskId: string } | null };
 
 type Shape = Record<string, 'string' | 'number' | 'boolean' | 'strings' | 'object' | 'any'>;
 

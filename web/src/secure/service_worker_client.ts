@@ -17,12 +17,12 @@ export function notificationsAvailable(): boolean {
   return window.isSecureContext && 'Notification' in window;
 }
 
-function isTarget(value: unknown): value is NotificationTarget {
+export function isTarget(value: unknown): value is NotificationTarget {
   if (typeof value !== 'object' || value === null) return false;
   const target = value as Record<string, unknown>;
   if (target.kind === 'approval') return typeof target.requestId === 'string';
   return (
-    target.kind === 'proposal' &&
+    (target.kind === 'proposal' || target.kind === 'failed' || target.kind === 'answer') &&
     typeof target.agentId === 'string' &&
     typeof target.projectPath === 'string' &&
     typeof target.taskId === 'string'
