@@ -1,0 +1,395 @@
+// "Needs you" at phone size, against the real relay and agent over HTTPS: an approval
+// waiting, a failed task and a finished answer are listed and counted (in the title too),
+// and each opens its card; the inbox in dark mode. Then the service worker and the
+// relay's pushes: Chromium hands the worker a push through DevTools, the notification it
+// shows says what waits, a click brings up the card, and its Allow decides through the
+// relay. Screenshots of the inbox go to $BRINMOOR_WEB_SCREENSHOTS when it is set.
+import assert from 'node:assert/strict';
+import { createECDH, randomBytes } from 'node:crypto';
+import { mkdirSync } from 'node:fs';
+import { join } from 'node:path';
+import { after, before, test as nodeTest } from 'node:test';
+import type { CDPSession, WebWorker } from 'puppeteer-core';
+import {
+  clickText,
+  kAgentId,
+  kAskingClaude,
+  kTestHost,
+  kToken,
+  testLeavingPictures,
+  waitForText,
+  World,
+  type TestPage,
+} from './harness.js';
+
+const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
+const kDesktop = { width: 1440, height: 900, deviceScaleFactor: 1, isMobile: false, hasTouch: false };
+const kEmpty = 'Nothing needs you right now.';
+
+const world = new World({ tls: true, host: kTestHost });
+let page: TestPage;
+let projectPath = '';
+
+const test = testLeavingPictures(nodeTest, 'inbox-', () => [[page, '']]);
+
+before(async () => {
+  // Pushes on, with a contact push services accept, and the relay's state in the run's folder.
+  world.relayEnv.BRINMOOR_PUSH_CONTACT = 'mailto:e2e@example.com';
+  world.relayEnv.BRINMOOR_STATE_DIR = join(world.root, 'relay-state');
+  await world.start();
+  await world.browser.defaultBrowserContext().overridePermissions(world.origin, ['notifications']);
+  page = await world.page(kPhone);
+  await page.bringToFront();
+});
+
+after(async () => {
+  await world.stop();
+});
+
+const click = (selector: string, text: string) => clickText(page, selector, text);
+const waitText = (selector: string, wanted: string, timeout?: number) => waitForText(page, selector, wanted, timeout);
+
+async function type(selector: string, text: string) {
+  await page.waitForSelector(selector, { visible: true });
+  await page.type(selector, text);
+}
+
+async function textOf(selector: string) {
+  return page.$eval(selector, (element) => element.textContent);
+}
+
+async function shoot(name: string) {
+  const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;
+  if (!folder) return;
+  mkdirSync(folder, { recursive: true });
+  for (const [size, viewport] of [
+    ['phone', kPhone],
+    ['desktop', kDesktop],
+  ] as const) {
+    await page.setViewport(viewport);
+    await page.waitForFunction(() => new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(() => resolve(true)))));
+    await page.screenshot({ path: join(folder, `web-${name}-${size}.png`) });
+  }
+  await page.setViewport(kPhone);
+}
+
+async function openInbox() {
+  if (await page.$('.shell.in-inbox')) return;
+  await page.click('.topbar .needs-you');
+  await page.waitForSelector('.inbox-view');
+}
+
+// An entry of the inbox: its three lines, once it is listed.
+async function entry(keyStart: string) {
+  const selector = `.inbox-item[data-entry^="${keyStart}"]`;
+  await page.waitForSelector(selector, { visible: true });
+  return page.$eval(selector, (item) => ({
+    key: item.getAttribute('data-entry')!,
+    kind: item.querySelector('.inbox-kind')!.textContent,
+    what: item.querySelector('.inbox-what')!.textContent,
+    where: item.querySelector('.inbox-where')!.textContent,
+  }));
+}
+
+async function waitTitle(title: string) {
+  await page.waitForFunction((wanted) => document.title === wanted, { timeout: 20000 }, title);
+}
+
+async function waitCount(count: number) {
+  await waitTitle(count === 0 ? 'Brinmoor' : `(${count}) Brinmoor`);
+  const label = await page.$eval('.topbar .needs-you', (button) => button.getAttribute('aria-label'));
+  assert.equal(label, count === 0 ? 'Needs you' : `Needs you: ${count}`);
+}
+
+// Starts a chat with the fake claude that asks to write notes.txt, and puts its
+// approval sheet away with "Later"; the request's id and task.
+async function askingChat(prompt: string) {
+  world.fakeFile('claude.script', kAskingClaude);
+  const before = await page.evaluate(() => window.brinmoor.approvals.count);
+  await click('.project .project-name', 'App');
+  await click('button[role=tab] .tab-label', 'Chat');
+  await click('.segmented button', 'Claude');
+  await click('.new-chat-button', 'New chat');
+  await type('textarea[name=prompt]', prompt);
+  await click('.composer button', 'Send');
+  await page.waitForFunction((n) => window.brinmoor.approvals.count > n, { timeout: 20000 }, before);
+  await page.waitForSelector('.sheet .request');
+  await click('.sheet button', 'Later');
+  await page.waitForFunction(() => !document.querySelector('.sheet'));
+  return page.evaluate(() => {
+    const request = window.brinmoor.approvals.pending().at(-1)!;
+    return { requestId: request.requestId, taskId: request.taskId };
+  });
+}
+
+test('Needs you is in the top bar, and empty at first', async () => {
+  await page.goto(`${world.origin}/#token=${kToken}`);
+  await page.waitForSelector(`[data-agent="${kAgentId}"] .project`);
+  await waitText('.connection-text', 'Connected');
+  await waitCount(0);
+  await openInbox();
+  assert.equal(await textOf('.topbar .title strong'), 'Needs you');
+  assert.equal(await textOf('.inbox-empty strong'), kEmpty);
+  assert.equal(
+    await textOf('.inbox-empty .muted'),
+    'Approvals, changes to review, failed tasks and new answers from every machine show up here.',
+  );
+  await click('.topbar .inbox-back', '');
+  await page.waitForFunction(() => !document.querySelector('.inbox-view'));
+});
+
+let first: { requestId: string; taskId: string };
+
+test('an approval waiting is listed and counted, and opens its sheet', async () => {
+  first = await askingChat('Take a note');
+  projectPath = await page.evaluate(() => window.brinmoor.navigation.place.projectPath!);
+  await openInbox();
+  assert.deepEqual(await entry('approval:'), {
+    key: 'approval:' + first.requestId,
+    kind: 'Approval needed',
+    what: 'Write',
+    where: 'App on studio-mac',
+  });
+  await waitCount(1);
+  await click('.inbox-item .inbox-kind', 'Approval needed');
+  await page.waitForSelector(`.sheet .request[data-request="${first.requestId}"]`);
+  assert.equal(await textOf('.sheet .tool-name'), 'Write');
+  await click('.sheet button', 'Allow');
+  await page.waitForFunction(() => !document.querySelector('.sheet'));
+});
+
+test('an answer that finished while the user was elsewhere is listed', async () => {
+  // The inbox is still up under the sheet: the answer ends while nobody looks at it.
+  assert.deepEqual(await entry('answer:'), {
+    key: 'answer:' + first.taskId,
+    kind: 'New answer',
+    what: 'Take a note',
+    where: 'App on studio-mac',
+  });
+  await waitCount(1);
+});
+
+let failedTask = '';
+
+test('a task that failed is listed', async () => {
+  failedTask = await page.evaluate(
+    async (path) =>
+      (await window.brinmoor.tasks.run('studio-mac', { action: 'shell', command: 'echo broken; exit 3', projectPath: path })).taskId,
+    projectPath,
+  );
+  assert.deepEqual(await entry('failed:'), {
+    key: 'failed:' + failedTask,
+    kind: 'Task failed',
+    what: 'echo broken; exit 3',
+    where: 'App on studio-mac',
+  });
+  await waitCount(2);
+});
+
+let second: { requestId: string; taskId: string };
+
+test('the inbox lists approvals first, and looks right in dark mode', async () => {
+  second = await askingChat('Take another note');
+  await openInbox();
+  await waitCount(3);
+  const keys = await page.$$eval('.inbox-item', (items) => items.map((item) => item.getAttribute('data-entry')));
+  assert.deepEqual(keys, ['approval:' + second.requestId, 'failed:' + failedTask, 'answer:' + first.taskId]);
+  await shoot('inbox');
+  await page.emulateMediaFeatures([{ name: 'prefers-color-scheme', value: 'dark' }]);
+  const colours = await page.$eval('.inbox-item', (item) => {
+    const style = getComputedStyle(item);
+    const what = getComputedStyle(item.querySelector('.inbox-what')!);
+    return { background: style.backgroundColor, text: what.color, page: getComputedStyle(document.body).backgroundColor };
+  });
+  assert.deepEqual(colours, { background: 'rgb(23, 26, 33)', text: 'rgb(227, 231, 238)', page: 'rgb(15, 17, 21)' });
+  await shoot('inbox-dark');
+  await page.emulateMediaFeatures([{ name: 'prefers-color-scheme', value: 'light' }]);
+});
+
+test("each entry opens its card: the answer's chat, the failed task's log", async () => {
+  await click('.inbox-item .inbox-kind', 'New answer');
+  await page.waitForSelector('.chat-view, .conversation-pane, .message');
+  await waitText('.message.assistant.done .markdown', 'Wrote notes.txt.');
+  await waitCount(2);
+  await openInbox();
+  await click('.inbox-item .inbox-kind', 'Task failed');
+  await waitText('.task-detail .task-title', 'echo broken; exit 3');
+  await waitCount(1);
+  // Looked at is remembered across a reload.
+  await page.reload();
+  await waitText('.connection-text', 'Connected');
+  await waitCount(1);
+});
+
+// The worker, through DevTools.
+let session: CDPSession;
+let registrationId = '';
+let worker: WebWorker;
+
+async function push(data: string) {
+  await session.send('ServiceWorker.deliverPushMessage', { origin: world.origin, registrationId, data });
+}
+
+// The notification with this tag, once the worker has shown it.
+async function notification(tag: string) {
+  const shown = await page.waitForFunction(
+    async (wanted) => {
+      const all = await (await navigator.serviceWorker.ready).getNotifications({ tag: wanted });
+      const found = all[0];
+      // Chromium lists a notification's actions; TypeScript's DOM does not have them yet.
+      const actions = (found as (Notification & { actions: { title: string }[] }) | undefined)?.actions ?? [];
+      return found && { title: found.title, body: found.body, data: found.data as unknown, actions: actions.map((action) => action.title) };
+    },
+    { timeout: 20000, polling: 50 },
+    tag,
+  );
+  return (await shown.jsonValue()) as { title: string; body: string; data: unknown; actions: string[] };
+}
+
+// A click on the notification with this tag (or on one of its actions), as the browser
+// would deliver it.
+async function clickNotification(tag: string, action: string) {
+  await worker.evaluate(
+    async (wanted, which) => {
+      const scope = self as unknown as {
+        registration: ServiceWorkerRegistration;
+        brinmoorClick: (notification: Notification, action: string) => Promise<void>;
+      };
+      const [found] = await scope.registration.getNotifications({ tag: wanted });
+      await scope.brinmoorClick(found, which);
+    },
+    tag,
+    action,
+  );
+}
+
+test('a push is shown as a notification that says what waits', async () => {
+  session = await page.createCDPSession();
+  const registrations: { registrationId: string; scopeURL: string; isDeleted: boolean }[] = [];
+  session.on('ServiceWorker.workerRegistrationUpdated', (event) => registrations.push(...event.registrations));
+  await session.send('ServiceWorker.enable');
+  await world.waitFor(() => registrations.some((r) => r.scopeURL === world.origin + '/' && !r.isDeleted), 'the worker registration');
+  registrationId = registrations.find((r) => r.scopeURL === world.origin + '/' && !r.isDeleted)!.registrationId;
+  const target = await world.browser.waitForTarget((t) => t.type() === 'service_worker' && t.url() === world.origin + '/sw.js');
+  worker = (await target.worker())!;
+
+  const payload = {
+    kind: 'approval',
+    agentId: kAgentId,
+    projectPath,
+    project: 'App',
+    taskId: second.taskId,
+    requestId: second.requestId,
+    tool: 'Write',
+  };
+  await push(JSON.stringify(payload));
+  assert.deepEqual(await notification('approval:' + second.requestId), {
+    title: 'Approval needed',
+    body: 'Write in App on studio-mac',
+    data: { kind: 'approval', requestId: second.requestId },
+    actions: ['Allow', 'Deny'],
+  });
+  await push(JSON.stringify({ kind: 'failed', agentId: kAgentId, projectPath, project: 'App', taskId: failedTask }));
+  assert.deepEqual(await notification('failed:' + failedTask), {
+    title: 'Task failed',
+    body: 'A task failed in App on studio-mac',
+    data: { kind: 'failed', agentId: kAgentId, projectPath, taskId: failedTask },
+    actions: [],
+  });
+  // What the worker cannot read is still shown: a push that shows nothing costs the subscription.
+  await push('not what the relay sends');
+  assert.deepEqual(await notification('brinmoor'), {
+    title: 'Brinmoor',
+    body: 'Something waits for you. Open Brinmoor to see it.',
+    data: null,
+    actions: [],
+  });
+});
+
+test('a click on the notification opens the exact card', async () => {
+  await page.evaluate(() => window.brinmoor.navigation.home());
+  await clickNotification('failed:' + failedTask, '');
+  await waitText('.task-detail .task-title', 'echo broken; exit 3');
+  await clickNotification('approval:' + second.requestId, '');
+  await page.waitForSelector(`.sheet .request[data-request="${second.requestId}"]`);
+  await click('.sheet button', 'Later');
+  await page.waitForFunction(() => !document.querySelector('.sheet'));
+});
+
+test('the worker has the token the page has', async () => {
+  const token = await page.evaluate(
+    () =>
+      new Promise<unknown>((resolve, reject) => {
+        const opening = indexedDB.open('brinmoor-worker');
+        opening.onerror = () => reject(opening.error);
+        opening.onsuccess = () => {
+          const read = opening.result.transaction('secrets').objectStore('secrets').get('token');
+          read.onsuccess = () => (opening.result.close(), resolve(read.result));
+        };
+      }),
+  );
+  assert.equal(token, kToken);
+});
+
+test("Allow on an approval's notification decides it through the relay", async () => {
+  await push(
+    JSON.stringify({
+      kind: 'approval',
+      agentId: kAgentId,
+      projectPath,
+      project: 'App',
+      taskId: second.taskId,
+      requestId: second.requestId,
+      tool: 'Write',
+    }),
+  );
+  await notification('approval:' + second.requestId);
+  await clickNotification('approval:' + second.requestId, 'allow');
+  await world.waitFor(
+    () => world.relayLog.includes(`permission.resolved requestId=${second.requestId} decision=allow reason=client`),
+    'the relay to resolve the request',
+  );
+  await page.waitForFunction(
+    (id) => !window.brinmoor.approvals.pending().some((request) => request.requestId === id),
+    {},
+    second.requestId,
+  );
+  await waitCount(2); // the failed task seen, the two answers not
+});
+
+test('a device subscribed is listed, gets a test push, and is removed', async () => {
+  // Headless Chromium has no push service: a subscription made up as a browser makes one.
+  const subscription = {
+    endpoint: 'https://127.0.0.1:9/push/e2e-device',
+    expirationTime: null,
+    keys: { p256dh: createECDH('prime256v1').generateKeys().toString('base64url'), auth: randomBytes(16).toString('base64url') },
+  };
+  const status = await page.evaluate(
+    async (body, token) =>
+      (
+        await fetch('/v1/push/subscriptions', {
+          method: 'POST',
+          headers: { Authorization: 'Bearer ' + token, 'Content-Type': 'application/json' },
+          body,
+        })
+      ).status,
+    JSON.stringify({ subscription, device: 'Pixel in the drawer' }),
+    kToken,
+  );
+  assert.equal(status, 200);
+  await openInbox();
+  await click('.topbar .inbox-back', '');
+  await openInbox();
+  await waitText('.push-device .push-device-name', 'Pixel in the drawer');
+  await click('.push-device button', 'Send a test notification');
+  await page.waitForFunction(
+    () => document.querySelector('.push-test-result')?.textContent?.startsWith('the push service could not be reached: '),
+    { timeout: 60000 },
+  );
+  await click('.push-device button', 'Remove');
+  await page.waitForFunction(() => !document.querySelector('.push-device'));
+  assert.deepEqual(
+    page.problems.filter((problem) => !problem.includes('status of 502')),
+    [],
+  );
+});
