@@ -2,8 +2,7 @@ import './styles.css';
 import { render } from 'preact';
 import { AppState } from './app_state';
 import { browserPushHost } from './secure/push_host';
-import { isTarget, registerShellWorker } from './secure/service_worker_client';
-import { keepTokenForWorker } from './secure/worker_token';
+import { handTokenToWorker, isTarget, registerShellWorker } from './secure/service_worker_client';
 import { defaultDeviceName } from './stores/push_store';
 import { ConversationDB } from './stores/conversation_db';
 import { App } from './views/App';
@@ -24,8 +23,8 @@ function start(): void {
   clearToken();
   // The worker sends a notification's Allow or Deny with the token the page has.
   const keepToken = () =>
-    void keepTokenForWorker(indexedDB, state.credentials.token).catch((error: unknown) =>
-      console.warn('Brinmoor Web: the token was not kept for the service worker:', error),
+    void handTokenToWorker(state.credentials.token).catch((error: unknown) =>
+      console.warn('Brinmoor Web: the token was not handed to the service worker:', error),
     );
   keepToken();
   state.credentials.subscribe(keepToken);

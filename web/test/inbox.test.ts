@@ -1,6 +1,7 @@
 import { describe, expect, it } from 'vitest';
 import type { ServerMessage, TaskPayload } from '../src/protocol/messages';
-import { decodePushPayload, PushApi, PushError, type FetchLike } from '../src/protocol/push_api';
+import { PushApi, type FetchLike } from '../src/protocol/push_api';
+import { decodePushPayload, sendDecision } from '../src/protocol/push_messages';
 import { kGenericPush, notificationOfPush } from '../src/secure/push_notifications';
 import { isTarget } from '../src/secure/service_worker_client';
 import { ApprovalsStore } from '../src/stores/approvals_store';
@@ -327,8 +328,19 @@ describe('PushStore', () => {
     expect(defaultDeviceName(ipad)).toBe('Safari on Mac');
   });
 
-  it('turns a refusal into the relay error text', async () => {
-    const { api } = relay({ 'POST /v1/push/decision': [404, { error: 'no pending permission request: R9' }] });
-    await expect(api.decide('R9', 'allow')).rejects.toEqual(new PushError(404, 'no pending permission request: R9'));
+  it("sends a notification's decision with the token, and says why the relay refused", async () => {
+    const asked: { url: string; init: RequestInit }[] = [];
+    const answer = (status: number, body: unknown) => async (url: string, init: RequestInit) => {
+      asked.push({ url, init });
+      return new Response(JSON.stringify(body), { status });
+    };
+    await sendDecision('https://relay', 'tok', 'R1', 'allow', answer(200, { requestId: 'R1', decision: 'allow', reason: 'client' }));
+    expect(asked[0].url).toBe('https://relay/v1/push/decision');
+    expect(asked[0].init.method).toBe('POST');
+    expect((asked[0].init.headers as Record<string, string>).Authorization).toBe('Bearer tok');
+    expect(JSON.parse(asked[0].init.body as string)).toEqual({ requestId: 'R1', decision: 'allow' });
+    await expect(
+      sendDecision('https://relay', 'tok', 'R9', 'deny', answer(404, { error: 'no pending permission request: R9' })),
+    ).rejects.toThrow('no pending permission request: R9');
   });
 });

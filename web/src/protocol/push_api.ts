@@ -1,7 +1,8 @@
-// The relay's push endpoints (/v1/push/…): its public key, the devices subscribed to
-// pushes, a test push, and the decision a notification's Allow or Deny sends. Every call
-// carries the token as a bearer token; a refusal becomes a PushError with the relay's own
-// words, shown as they are. What a push carries is decoded here too, for the worker.
+// The relay's push endpoints (/v1/push/…) as the page uses them: the relay's public key,
+// the devices subscribed to pushes, a test push. Every call carries the token as a bearer
+// token; a refusal becomes a PushError with the relay's own words, shown as they are.
+// What a push carries, and the decision a notification sends, are the worker's
+// (push_messages.ts).
 
 export class PushError extends Error {
   constructor(
@@ -99,36 +100,5 @@ export class PushApi {
   async test(id: string): Promise<number> {
     const answer = await call(this.fetchFn, this.origin + '/v1/push/subscriptions/' + encodeURIComponent(id) + '/test', this.token, 'POST');
     return isRecord(answer) && typeof answer.status === 'number' ? answer.status : 0;
-  }
-
-  // A notification's Allow or Deny, without a WebSocket.
-  async decide(requestId: string, decision: 'allow' | 'deny'): Promise<void> {
-    await call(this.fetchFn, this.origin + '/v1/push/decision', this.token, 'POST', { requestId, decision });
-  }
-}
-
-// What a push says: what waits, and which card shows it.
-export type PushPayload =
-  | { kind: 'approval'; agentId: string; projectPath: string; project: string; taskId: string; requestId: string; tool: string }
-  | { kind: 'proposal' | 'failed' | 'answer'; agentId: string; projectPath: string; project: string; taskId: string }
-  | { kind: 'test'; device: string };
-
-// A push's data as the relay sends it; null for anything else (an older or newer relay).
-export function decodePushPayload(value: unknown): PushPayload | null {
-  if (!isRecord(value)) return null;
-  const text = (name: string) => (typeof value[name] === 'string' ? (value[name] as string) : '');
-  if (value.kind === 'test') return { kind: 'test', device: text('device') };
-  if (typeof value.agentId !== 'string' || typeof value.taskId !== 'string') return null;
-  const where = { agentId: value.agentId, projectPath: text('projectPath'), project: text('project'), taskId: value.taskId };
-  switch (value.kind) {
-    case 'approval':
-      if (typeof value.requestId !== 'string') return null;
-      return { kind: 'approval', ...where, requestId: value.requestId, tool: text('tool') };
-    case 'proposal':
-    case 'failed':
-    case 'answer':
-      return { kind: value.kind, ...where };
-    default:
-      return null;
   }
 }

@@ -1,7 +1,7 @@
 // How the service worker shows a push: always as a notification (browsers end the
 // subscription of a site whose pushes show nothing), in words made of what the push says;
 // one notification per card (its tag), carrying what a click opens.
-import { decodePushPayload, type PushPayload } from '../protocol/push_api';
+import { decodePushPayload, type PushPayload } from '../protocol/push_messages';
 import type { NotificationTarget } from './background_notifier';
 
 export interface PushNotification {

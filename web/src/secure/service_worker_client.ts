@@ -13,6 +13,14 @@ export function registerShellWorker(): void {
     .catch((error: unknown) => console.warn('Brinmoor Web: the service worker was not registered:', error));
 }
 
+// Hands the page's token to the service worker (null: the page forgot it), which sends a
+// notification's Allow or Deny with it.
+export async function handTokenToWorker(token: string | null): Promise<void> {
+  if (!window.isSecureContext || !('serviceWorker' in navigator)) return;
+  const registration = await navigator.serviceWorker.ready;
+  registration.active?.postMessage({ type: 'brinmoor.token', token });
+}
+
 export function notificationsAvailable(): boolean {
   return window.isSecureContext && 'Notification' in window;
 }

@@ -1,6 +1,7 @@
-// The token, kept for the service worker: a notification's Allow or Deny is sent by the
-// worker, which has no localStorage. It is kept in this origin's IndexedDB, as private as
-// the page's own copy, and deleted when the page forgets the token.
+// The token, kept by the service worker: a notification's Allow or Deny is sent by the
+// worker, which has no localStorage. The page hands it over (service_worker_client.ts);
+// it is kept in this origin's IndexedDB, as private as the page's own copy, and deleted
+// when the page forgets the token.
 const kDatabase = 'brinmoor-worker';
 const kStore = 'secrets';
 const kTokenKey = 'token';

@@ -1,9 +1,9 @@
 // Brinmoor Web's service worker (served as /sw.js, scope "/"): the app shell of this
 // build for when the relay cannot be reached, the relay's pushes, and the notifications'
 // clicks.
-import { PushApi } from '../protocol/push_api';
+import { sendDecision } from '../protocol/push_messages';
 import { kGenericPush, notificationOfPush } from '../secure/push_notifications';
-import { workerToken } from '../secure/worker_token';
+import { keepTokenForWorker, workerToken } from '../secure/worker_token';
 import { shellCacheName, shellRoute, staleShellCaches } from './shell_routes';
 
 declare const self: ServiceWorkerGlobalScope;
@@ -67,7 +67,6 @@ self.addEventListener('push', (event) => {
     tag: push.tag,
     data: push.data,
     icon: '/icon-192.png',
-    badge: '/icon-192.png',
     actions: push.actions,
   });
   event.waitUntil(
@@ -98,11 +97,20 @@ async function decide(data: unknown, decision: 'allow' | 'deny'): Promise<void> 
   const token = await workerToken(indexedDB).catch(() => null);
   if (typeof requestId !== 'string' || token === null) return openCard(data);
   try {
-    await new PushApi(self.location.origin, token).decide(requestId, decision);
+    await sendDecision(self.location.origin, token, requestId, decision);
   } catch {
     await openCard(data);
   }
 }
+
+// The page hands the worker its token (and null when it forgets it): kept in this
+// origin's IndexedDB for a notification's Allow and Deny.
+self.addEventListener('message', (event) => {
+  const message: unknown = event.data;
+  if (typeof message !== 'object' || message === null || (message as { type?: unknown }).type !== 'brinmoor.token') return;
+  const token = (message as { token?: unknown }).token;
+  event.waitUntil(keepTokenForWorker(indexedDB, typeof token === 'string' && token !== '' ? token : null).catch(() => undefined));
+});
 
 // A click on the notification, or on one of its actions.
 function clicked(notification: Notification, action: string): Promise<void> {
