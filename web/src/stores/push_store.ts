@@ -247,7 +247,11 @@ export class PushStore extends Observable {
   }
 }
 
+export const kRelayWithoutPush = 'This relay does not send notifications yet: it needs a newer brinmoor-server.';
+
 function errorText(error: unknown): string {
+  // A relay older than pushes answers their paths as files it does not have.
+  if (error instanceof PushError && error.status === 404 && error.message === 'not found') return kRelayWithoutPush;
   if (error instanceof PushError) return error.message;
   if (error instanceof Error && error.message !== '') return `The browser did not subscribe: ${error.message}`;
   return 'The browser did not subscribe.';
