@@ -1,4 +1,5 @@
-import { describe, expect, it } from 'vitest';
+import { describe, expect, it, vi } from 'vitest';
+import { AppState } from '../src/app_state';
 import type { ServerMessage, TaskPayload } from '../src/protocol/messages';
 import { PushApi, type FetchLike } from '../src/protocol/push_api';
 import { decodePushPayload, sendDecision } from '../src/protocol/push_messages';
@@ -9,6 +10,7 @@ import { InboxStore, kLookedKey, shownCard, viewingCard } from '../src/stores/in
 import { MemoryStorage } from '../src/stores/observable';
 import { defaultDeviceName, PushStore, type BrowserSubscription, type PushHost } from '../src/stores/push_store';
 import { TasksStore } from '../src/stores/tasks_store';
+import { FakeSocket } from './fake_socket';
 
 const m = (message: Record<string, unknown>) => message as unknown as ServerMessage;
 
@@ -342,5 +344,56 @@ describe('PushStore', () => {
     await expect(
       sendDecision('https://relay', 'tok', 'R9', 'deny', answer(404, { error: 'no pending permission request: R9' })),
     ).rejects.toThrow('no pending permission request: R9');
+  });
+});
+
+describe('client.viewing', () => {
+  it('tells the relay which card this device shows, by its push endpoint, and nothing when hidden', async () => {
+    vi.stubGlobal('WebSocket', FakeSocket);
+    // A relay that cannot be reached over HTTP: the subscription the browser has is enough.
+    vi.stubGlobal('fetch', () => Promise.reject(new Error('offline')));
+    try {
+      const fake = host('granted');
+      await fake.subscribe('KEY');
+      const storage = new MemoryStorage();
+      storage.setItem('brinmoor.pushDeviceId', 'D1');
+      const state = new AppState('http://relay.test', storage, null, { host: fake, deviceName: 'Pixel' });
+      state.useToken('tok');
+      const socket = FakeSocket.last();
+      socket.open();
+      socket.receive({ type: 'server.hello', agents: [] });
+      await vi.waitFor(() => expect(state.push.endpoint).toBe('https://push.example/abc'));
+      const viewing = () => socket.sent.filter((message) => (message as { type: string }).type === 'client.viewing');
+      await vi.waitFor(() => expect(viewing()).toEqual([{ type: 'client.viewing', endpoint: 'https://push.example/abc', card: null }]));
+      state.navigation.go({ agentId: 'mac', projectPath: 'App', tab: 'tasks', taskId: 'T1' });
+      state.setHidden(true);
+      state.setHidden(false);
+      state.navigation.go({ tab: 'terminal' });
+      expect(viewing().slice(1)).toEqual([
+        { type: 'client.viewing', endpoint: 'https://push.example/abc', card: { taskId: 'T1' } },
+        { type: 'client.viewing', endpoint: 'https://push.example/abc', card: null },
+        { type: 'client.viewing', endpoint: 'https://push.example/abc', card: { taskId: 'T1' } },
+        { type: 'client.viewing', endpoint: 'https://push.example/abc', card: null },
+      ]);
+      state.connection.replace(null);
+    } finally {
+      vi.unstubAllGlobals();
+    }
+  });
+
+  it('sends nothing from a device without a subscription', () => {
+    vi.stubGlobal('WebSocket', FakeSocket);
+    try {
+      const state = new AppState('http://relay.test', new MemoryStorage(), null);
+      state.useToken('tok');
+      const socket = FakeSocket.last();
+      socket.open();
+      socket.receive({ type: 'server.hello', agents: [] });
+      state.navigation.go({ agentId: 'mac', projectPath: 'App', tab: 'tasks', taskId: 'T1' });
+      expect(socket.sent.some((message) => (message as { type: string }).type === 'client.viewing')).toBe(false);
+      state.connection.replace(null);
+    } finally {
+      vi.unstubAllGlobals();
+    }
   });
 });
