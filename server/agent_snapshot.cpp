@@ -42,6 +42,15 @@ AgentSnapshot::Task& AgentSnapshot::task(const QString& taskId)
     return m_tasks.last();
 }
 
+const AgentSnapshot::Task* AgentSnapshot::find(const QString& taskId) const
+{
+    for (const Task& existing : m_tasks) {
+        if (existing.taskId == taskId)
+            return &existing;
+    }
+    return nullptr;
+}
+
 void AgentSnapshot::taskCreated(const QString& taskId, const QJsonObject& payload)
 {
     Task& created = task(taskId);

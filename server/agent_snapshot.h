@@ -37,7 +37,6 @@ public:
     // {"tasks":[…],"proposal":{…}|null,"terminals":[…]}
     QJsonObject toJson() const;
 
-private:
     struct Task {
         QString taskId;
         QString kind;
@@ -46,6 +45,10 @@ private:
         QString status;
         std::optional<qint64> exitCode;
     };
+    // The task of that id among those kept; none when it is not.
+    const Task* find(const QString& taskId) const;
+
+private:
     struct Terminal {
         QString sessionId;
         QString projectPath;

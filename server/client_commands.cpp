@@ -25,6 +25,7 @@ enum class Kind {
     Text,     // any string, asked for "as a string"
     Since,    // {"AGENT":SEQ,…}
     Decision, // "allow" or "deny"
+    Card,     // an object, or null
 };
 
 enum class Presence {
@@ -128,6 +129,12 @@ ClientCommand makeDecidePermission(const QString&, const QJsonObject& message)
                             stringOf(message, "message"), message.value(QStringLiteral("updatedInput"))};
 }
 
+ClientCommand makeShowCard(const QString&, const QJsonObject& message)
+{
+    return ShowCard{requestIdOf(message), stringOf(message, "endpoint"),
+                    message.value(QStringLiteral("card")).toObject()};
+}
+
 const QHash<QString, Shape>& shapes()
 {
     static const QHash<QString, Shape> table = [] {
@@ -166,6 +173,8 @@ const QHash<QString, Shape>& shapes()
             {Types::PermissionDecision,
              {{{QLatin1String("requestId"), Kind::String}, {QLatin1String("decision"), Kind::Decision}},
               makeDecidePermission}},
+            {Types::ClientViewing,
+             {{{QLatin1String("endpoint"), Kind::String}, {QLatin1String("card"), Kind::Card}}, makeShowCard}},
         };
         // What goes to the agent as it is: a task's commands name the task.
         for (const QString& type : Types::agentCommands()) {
@@ -191,6 +200,7 @@ bool holds(const QJsonValue& value, Kind kind)
     case Kind::Position: return wholeNumber(value) >= 1;
     case Kind::Since: return sinceList(value).has_value();
     case Kind::Decision: return value.toString() == QLatin1String("allow") || value.toString() == QLatin1String("deny");
+    case Kind::Card: return value.isObject() || value.isNull();
     }
     return false;
 }
@@ -207,6 +217,7 @@ QString problem(const QString& type, const Field& field)
     case Kind::Text: return QStringLiteral("%1 needs \"%2\" as a string").arg(type, name);
     case Kind::Since: return QStringLiteral("%1 needs an object \"%2\" of agent ids and seqs").arg(type, name);
     case Kind::Decision: return QStringLiteral("%1 needs \"%2\" \"allow\" or \"deny\"").arg(type, name);
+    case Kind::Card: return QStringLiteral("%1 needs \"%2\" as an object or null").arg(type, name);
     }
     return {};
 }

@@ -76,8 +76,16 @@ struct DecidePermission {
     QJsonValue updatedInput;
 };
 
+// "client.viewing": the card the client shows (`{"requestId"}` or `{"taskId"}`; empty for
+// none) on the device whose push endpoint that is.
+struct ShowCard {
+    QJsonValue requestId;
+    QString endpoint;
+    QJsonObject card;
+};
+
 using ClientCommand = std::variant<CreateTask, ResumeFrom, AcknowledgeTerminal, AcknowledgeTask, AgentRead,
-                                   ForwardToAgent, DecidePermission>;
+                                   ForwardToAgent, DecidePermission, ShowCard>;
 
 // Why a message was not taken: what the client is answered with an "error".
 struct CommandRefusal {

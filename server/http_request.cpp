@@ -122,6 +122,7 @@ QByteArrayView statusReason(int status)
     case 403: return "Forbidden";
     case 404: return "Not Found";
     case 405: return "Method Not Allowed";
+    case 409: return "Conflict";
     case 408: return "Request Timeout";
     case 411: return "Length Required";
     case 413: return "Content Too Large";
@@ -129,6 +130,7 @@ QByteArrayView statusReason(int status)
     case 426: return "Upgrade Required";
     case 429: return "Too Many Requests";
     case 431: return "Request Header Fields Too Large";
+    case 502: return "Bad Gateway";
     case 503: return "Service Unavailable";
     default: return "Error";
     }

@@ -96,6 +96,15 @@ QList<PermissionRequest> PermissionRequests::pending() const
     return list;
 }
 
+std::optional<PermissionRequests::Outcome> PermissionRequests::outcome(const QString& requestId) const
+{
+    for (auto it = m_ended.crbegin(); it != m_ended.crend(); ++it) {
+        if (it->first == requestId)
+            return it->second;
+    }
+    return std::nullopt;
+}
+
 void PermissionRequests::resolve(const QString& requestId, const QByteArray& answer, const QString& decision,
                                  const QString& reason)
 {
@@ -108,6 +117,9 @@ void PermissionRequests::resolve(const QString& requestId, const QByteArray& ans
     it->second.timer->stop();
     it->second.timer.release()->deleteLater();
     m_entries.erase(it);
+    m_ended.append({requestId, Outcome{decision, reason}});
+    if (m_ended.size() > kEndedKept)
+        m_ended.removeFirst();
     if (waiting)
         waiting->respond(jsonResponse(200, answer));
     if (onResolved)

@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 
 class QTimer;
 
@@ -39,6 +40,14 @@ public:
     // Every request is denied with this message, resolved for this reason.
     void endAll(const QString& message, const QString& reason);
 
+    // How a request that ended ended, for the last kEndedKept of them.
+    struct Outcome {
+        QString decision;
+        QString reason;
+    };
+    static constexpr int kEndedKept = 1024;
+    std::optional<Outcome> outcome(const QString& requestId) const;
+
     // Unresolved requests, oldest first.
     QList<PermissionRequest> pending() const;
     int timeoutSeconds() const { return m_timeoutMs / 1000; }
@@ -57,6 +66,7 @@ private:
     int m_timeoutMs;
     quint64 m_sequence = 0;
     std::map<QString, Entry> m_entries;
+    QList<QPair<QString, Outcome>> m_ended; // oldest first
 };
 
 } // namespace brinmoor::relay

@@ -122,6 +122,7 @@ void RelayServer::agentMessage(Agent& agent, QByteArrayView payload)
         if (refusedAsBusy(agent, *message))
             return;
         observeAgentMessage(agent, history, *message);
+        pushFor(agent.agentId, history, *message);
         if (message->contains(QStringLiteral("agentId"))) {
             // The relay names the sender; an agent does not get to name another.
             message->remove(QStringLiteral("agentId"));

@@ -84,6 +84,7 @@ void RelayServer::run(RelayConnection& client, const DecidePermission& command)
 void RelayServer::clientClosed(RelayConnection& connection)
 {
     m_clients.remove(&connection);
+    m_push.forgetClient(&connection);
     m_replay.removeClient(&connection);
     for (const TerminalFlow::Window& window : m_terminalFlow.removeClient(&connection))
         tellAgentWindow(window);

@@ -2,6 +2,7 @@
 
 #include "auth_guard.h"
 #include "event_log.h"
+#include "push_settings.h"
 #include "relay_connection.h"
 #include "tls_context.h"
 #include "trusted_proxies.h"
@@ -31,6 +32,7 @@ struct RelayConfig {
     TrustedProxies trustedProxies;
     TlsFiles tlsFiles;                    // read again on reload
     std::optional<QSslConfiguration> tls; // what the files held at start; none for plain HTTP
+    PushSettings push;
 };
 
 } // namespace brinmoor::relay

@@ -225,6 +225,12 @@ void RelayConnection::readBody()
     m_socket->setReadBufferSize(0);
 }
 
+void RelayConnection::hold()
+{
+    if (m_state == State::Held)
+        m_deadline.stop();
+}
+
 void RelayConnection::readBodyBytes()
 {
     if (m_buffer.size() < m_bodySize)

@@ -107,6 +107,9 @@ public:
     void resume();
     // Reads the body of a request whose sender has shown the token.
     void readBody();
+    // Keeps a request that was read open until the handler answers it, however long that
+    // takes (a push service that is slow to answer): the head's time no longer runs.
+    void hold();
     // Completes the WebSocket handshake; later messages go to messageReceived.
     void upgrade(Role role, QByteArrayView key, QByteArrayView subprotocol);
     // Queues a prebuilt frame; a peer that lets too much pile up is dropped.

@@ -7,6 +7,7 @@
 #include "static_files.h"
 
 #include <QJsonDocument>
+#include <QRegularExpression>
 
 #include <algorithm>
 
@@ -34,6 +35,23 @@ QList<QByteArray> offeredSubprotocols(const HttpRequest& request)
         }
     }
     return offered;
+}
+
+// The methods a path under /v1 takes (besides /v1/health); none for a path there is not.
+QList<QByteArray> methodsOf(const QByteArray& path)
+{
+    if (path == "/v1/ws/agent" || path == "/v1/ws/client" || path == "/v1/agents" || path == "/v1/push/key")
+        return {"GET"};
+    if (path == "/v1/approvals" || path == "/v1/push/decision")
+        return {"POST"};
+    if (path == "/v1/push/subscriptions")
+        return {"GET", "POST"};
+    static const QRegularExpression subscription(
+        QStringLiteral("^/v1/push/subscriptions/[A-Za-z0-9_-]{1,64}(/test)?$"));
+    const QRegularExpressionMatch match = subscription.match(QString::fromLatin1(path));
+    if (!match.hasMatch())
+        return {};
+    return {match.hasCaptured(1) ? QByteArray("POST") : QByteArray("DELETE")};
 }
 
 QByteArray error(int status, const QString& text, QByteArrayView extraHeaders = {})
@@ -103,16 +121,16 @@ void RelayFront::requestReceived(RelayConnection& connection, const HttpRequest&
     }
     // Everything else under /v1 needs the token, and a browser's page must be one the
     // relay trusts; all of it is decided from the head, before any body is read.
-    const bool upgradePath = path == "/v1/ws/agent" || path == "/v1/ws/client";
-    if (!upgradePath && path != "/v1/agents" && path != "/v1/approvals") {
+    const QList<QByteArray> methods = methodsOf(path);
+    if (methods.isEmpty()) {
         connection.respond(error(404, QStringLiteral("not found")));
         return;
     }
     if (!originAllowed(connection, request))
         return;
-    const QByteArray method = path == "/v1/approvals" ? "POST" : "GET";
-    if (request.method != method) {
-        connection.respond(error(405, QStringLiteral("method not allowed"), QByteArray("Allow: " + method + "\r\n")));
+    if (!methods.contains(request.method)) {
+        connection.respond(
+            error(405, QStringLiteral("method not allowed"), QByteArray("Allow: " + methods.join(", ") + "\r\n")));
         return;
     }
     // The token is judged now, or, from an address that failed recently, in its turn;
@@ -142,6 +160,14 @@ void RelayFront::judge(RelayConnection& connection, const HttpRequest& request)
     }
     if (path == "/v1/approvals") {
         connection.readBody();
+        return;
+    }
+    if (path.startsWith("/v1/push/")) {
+        // Subscribing and deciding carry a body; the rest is said by the path.
+        if (request.method == "POST" && !path.endsWith("/test"))
+            connection.readBody();
+        else
+            m_desk.pushRequest(connection, request, {});
         return;
     }
     const QByteArray key = request.header("sec-websocket-key");
@@ -268,8 +294,12 @@ bool RelayFront::authorize(RelayConnection& connection, const HttpRequest& reque
     return false;
 }
 
-void RelayFront::bodyReceived(RelayConnection& connection, const QByteArray& body)
+void RelayFront::bodyReceived(RelayConnection& connection, const HttpRequest& head, const QByteArray& body)
 {
+    if (head.path != "/v1/approvals") {
+        m_desk.pushRequest(connection, head, body);
+        return;
+    }
     const QJsonDocument document = QJsonDocument::fromJson(body);
     const QJsonObject object = document.object();
     if (!document.isObject()) {

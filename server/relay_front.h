@@ -29,6 +29,8 @@ public:
     virtual QString agentOfTask(const QString& taskId) const = 0;
     // A tool asks for a decision on the connection, which stays open until it is made.
     virtual void holdApproval(RelayConnection& connection, PermissionRequest request) = 0;
+    // A request under /v1/push/, with its body when it has one.
+    virtual void pushRequest(RelayConnection& connection, const HttpRequest& request, const QByteArray& body) = 0;
 };
 
 // The relay's front door: every HTTP request head comes here. It checks the host, routes
@@ -40,7 +42,7 @@ public:
     RelayFront(const RelayConfig& config, const QElapsedTimer& clock, ConnectionsByAddress& unjudged, FrontDesk& desk);
 
     void requestReceived(RelayConnection& connection, const HttpRequest& request);
-    void bodyReceived(RelayConnection& connection, const QByteArray& body);
+    void bodyReceived(RelayConnection& connection, const HttpRequest& head, const QByteArray& body);
     void waitExpired(RelayConnection& connection);
     // The connection no longer waits for its turn.
     void forget(RelayConnection& connection);

@@ -21,7 +21,7 @@ constexpr int kTrimIntervalMs = 60'000;
 
 RelayServer::RelayServer(RelayConfig config, QObject* parent)
     : QObject(parent), m_config(std::move(config)), m_listener(new RelayListener(this)),
-      m_front(m_config, m_clock, m_unjudged, *this), m_permissions(m_config.approvalTimeoutMs),
+      m_front(m_config, m_clock, m_unjudged, *this), m_permissions(m_config.approvalTimeoutMs), m_push(m_config.push),
       m_queue(m_config.queueOfflineWaitMs),
       m_replay(m_config.eventLog, m_config.limits.maxBacklog, m_clients,
                [this](const QString& agentId, const AgentSnapshot& snapshot) { return presentOf(agentId, snapshot); }),
@@ -171,9 +171,9 @@ void RelayServer::requestReceived(RelayConnection& connection, const HttpRequest
     m_front.requestReceived(connection, request);
 }
 
-void RelayServer::bodyReceived(RelayConnection& connection, const HttpRequest&, const QByteArray& body)
+void RelayServer::bodyReceived(RelayConnection& connection, const HttpRequest& request, const QByteArray& body)
 {
-    m_front.bodyReceived(connection, body);
+    m_front.bodyReceived(connection, request, body);
 }
 
 void RelayServer::waitExpired(RelayConnection& connection)
@@ -261,6 +261,11 @@ void RelayServer::holdApproval(RelayConnection& connection, PermissionRequest re
     logEvent("permission.request",
              {{"requestId", request.requestId}, {"taskId", request.taskId}, {"toolName", request.toolName}});
     m_clients.sendText(RelayMessages::permissionRequest(request));
+    const AgentHistory* history = m_replay.find(request.agentId);
+    const AgentSnapshot::Task* task = history ? history->snapshot.find(request.taskId) : nullptr;
+    m_push.notify(PushNotice{QStringLiteral("approval"), request.agentId, task ? task->projectPath : QString(),
+                             request.taskId, request.requestId, request.toolName, "high",
+                             m_permissions.timeoutSeconds()});
 }
 
 void RelayServer::trimHistories()

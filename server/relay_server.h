@@ -6,6 +6,7 @@
 #include "client_commands.h"
 #include "connections_by_address.h"
 #include "permission_requests.h"
+#include "push_notices.h"
 #include "relay_config.h"
 #include "relay_connection.h"
 #include "relay_front.h"
@@ -82,6 +83,7 @@ private:
     QList<AgentRecord> agentRecords() const override;
     QString agentOfTask(const QString& taskId) const override;
     void holdApproval(RelayConnection& connection, PermissionRequest request) override;
+    void pushRequest(RelayConnection& connection, const HttpRequest& request, const QByteArray& body) override;
 
     void admit(QTcpSocket* socket);
     void reportStoppedWhenEmpty();
@@ -148,6 +150,13 @@ private:
     // if that one still waits for it.
     bool answerRead(const QString& agentId, const QJsonObject& message);
 
+    // Pushes to the devices subscribed (relay_push.cpp).
+    void run(RelayConnection& client, const ShowCard& command);
+    // What waits for the user after this message of the agent's, pushed.
+    void pushFor(const QString& agentId, const AgentHistory& history, const QJsonObject& message);
+    // POST /v1/push/decision: a notification's Allow or Deny.
+    QByteArray decideFromPush(const QByteArray& body);
+
     // Pacers that stopped acknowledging (relay_pace_stalls.cpp).
     void watchPace();
     void dropStalledPacers();
@@ -165,6 +174,7 @@ private:
     bool m_stopping = false;
     bool m_stopped = false;
     PermissionRequests m_permissions;
+    PushNotices m_push;
     TaskQueue m_queue;
     qint64 m_batchTime = 0;        // m_clock when the messages being read began to arrive
     QMap<QString, Agent> m_agents; // by agent id, so lists come out in a stable order

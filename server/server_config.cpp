@@ -173,6 +173,11 @@ std::variant<RelayConfig, QString> configFromEnvironment(const QProcessEnvironme
                badProxy;
     config.trustedProxies = *proxies;
 
+    auto push = pushSettingsFromEnvironment(env, publicURL);
+    if (const QString* problem = std::get_if<QString>(&push))
+        return *problem;
+    config.push = std::get<PushSettings>(push);
+
     config.tlsFiles = TlsFiles{env.value(QStringLiteral("BRINMOOR_TLS_CERT")).trimmed(),
                                env.value(QStringLiteral("BRINMOOR_TLS_KEY")).trimmed()};
     if (config.tlsFiles.isSet()) {

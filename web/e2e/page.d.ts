@@ -29,6 +29,7 @@ declare global {
     brinmoorResets: number;
     brinmoorNotes: string[];
     brinmoorPermissionAsks: number;
+    brinmoorGrew: string[];
     brinmoorCatDone?: boolean;
     brinmoorFinishedAt?: number;
     echoTap: { key?: number; arrived?: number };

@@ -4,13 +4,25 @@
 // keeps the place, a long session pages back, a codex thread is listed beside them, and
 // one a process at the desk holds takes no message (nor does one taken up at the desk
 // after it was opened: the agent refuses); one started from the phone says that its
-// command continues it at the desk. Screenshots go to $BRINMOOR_WEB_SCREENSHOTS when it
-// is set.
+// command continues it at the desk. One held at the desk is watched while it is shown:
+// the turns the desk adds come in as they are written (again after a reload), none once it
+// is closed; it forks into a chat of its own (claude --fork-session), and goes on here
+// once the desk lets go of it. Screenshots go to $BRINMOOR_WEB_SCREENSHOTS when it is set.
 import assert from 'node:assert/strict';
-import { mkdirSync, readFileSync, realpathSync, writeFileSync } from 'node:fs';
+import { appendFileSync, mkdirSync, readFileSync, realpathSync, rmSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
-import { claudeStream, clickText, kToken, pageSettled, testLeavingPictures, waitForText, World, type TestPage } from './harness.js';
+import {
+  claudeStream,
+  clickText,
+  kAgentId,
+  kToken,
+  pageSettled,
+  testLeavingPictures,
+  waitForText,
+  World,
+  type TestPage,
+} from './harness.js';
 
 const world = new World();
 let page: TestPage;
@@ -23,6 +35,7 @@ const kDesk = '3f0c9a52-7d41-4e2b-9a6f-1c8e5b7d2a40';
 const kLive = '8b2e4d19-5c73-4a0f-b6e1-9d4c2f7a3e85';
 const kLong = 'c51a7e08-2f94-4b3d-8e6a-7b0d1c9f4e26';
 const kThread = '01a20fde-c1f6-7e61-9c92-5167e8ff5e02';
+const kWatched = '5d9e1b37-0c6a-4f82-a3d4-e7b2c8f01a96';
 const kLongPrompts = 300; // 600 turns: more than one read gives
 
 const test = testLeavingPictures(nodeTest, 'sessions-', () => [[page, '']]);
@@ -104,6 +117,11 @@ function writeRollout(id: string, prompt: string, answer: string) {
       line('event_msg', { type: 'item_completed', item: { type: 'UserMessage', content: [{ type: 'text', text: prompt }] } }) +
       line('response_item', { type: 'message', role: 'assistant', content: [{ type: 'output_text', text: answer }] }),
   );
+}
+
+// Lines claude at the desk adds to a session it holds.
+function appendTranscript(id: string, lines: Line[]) {
+  appendFileSync(join(transcriptFolder(), `${id}.jsonl`), lines.map((line) => JSON.stringify(line) + '\n').join(''));
 }
 
 // The start time of this process as /proc has it, which claude writes beside its pid.
@@ -338,6 +356,11 @@ test('a session taken up at the desk after it was opened refuses the message, an
   );
   await waitText('.live-note', 'Open at the desk (idle): continuing here is refused while it is open there.');
   assert.equal(await page.$eval('.session-pane textarea[name=prompt]', (e) => (e as HTMLTextAreaElement).disabled), true);
+  // Right there: a copy of it, or a look at what the desk does with it (now that the list
+  // says it is held, it is watched already).
+  assert.equal(await textOf('.refused-actions .fork-refused'), 'Fork');
+  await waitText('.refused-actions .watch-refused', 'Watching');
+  await waitText('.session-pane .watch-mark', 'Watching');
   await click('.back-to-list', '');
   assert.deepEqual(await row('Fix the login page'), {
     tool: 'Claude',
@@ -385,5 +408,172 @@ test('a session started from the phone says so, and that its command continues i
   await waitText('.session-turns .message.user .bubble', 'Add a logout button');
   await waitText('.phone-note', "claude's own /resume list may not show sessions started from the phone; this command continues it.");
   assert.equal(await textOf('.resume-command'), `cd '${project}' && claude --resume ${id}`);
+  assert.deepEqual(page.problems, []);
+});
+
+// What the page is told of watched sessions from now on: the "sessions.grew" it receives.
+async function recordGrew() {
+  await page.evaluate(() => {
+    window.brinmoorGrew = [];
+    window.brinmoor.connection.client!.onMessage((message) => {
+      if (message.type === 'sessions.grew') window.brinmoorGrew.push(JSON.stringify(message));
+    });
+  });
+}
+
+async function grewTexts(id: string) {
+  const said = await page.evaluate(() => window.brinmoorGrew);
+  return said
+    .map((text) => JSON.parse(text) as { id: string; items?: { text: string }[] })
+    .filter((message) => message.id === id)
+    .flatMap((message) => message.items?.map((item) => item.text) ?? ['(error)']);
+}
+
+const watchesLogged = (id: string) =>
+  world.agentLog.split('\n').filter((line) => line.includes(`sessions.watch tool=claude id=${id}`)).length;
+
+async function turnTexts() {
+  return page.$$eval('.session-turns .message', (items) =>
+    items.map((e) => (e.querySelector('.bubble, .markdown') ?? e).textContent.trim()),
+  );
+}
+
+// This test's own process holds the session at the desk.
+function holdAtDesk(id: string, status: string) {
+  writeFileSync(
+    join(world.root, 'claude', 'sessions', `${process.pid}.json`),
+    JSON.stringify({ pid: process.pid, sessionId: id, procStart: ownStart(), status }) + '\n',
+  );
+}
+
+test('a session open at the desk shows the turns the desk adds while it is shown, and none once closed', async () => {
+  writeTranscript(kWatched, [
+    userLine('w1', null, 'Tidy the settings screen', 1, 1),
+    assistantLine('w2', 'w1', 'wm1', [{ type: 'text', text: 'Grouped the toggles.' }], 2),
+  ]);
+  holdAtDesk(kWatched, 'busy');
+  await recordGrew();
+  await click('.back-to-list', '');
+  await click('.refresh-sessions', 'Refresh');
+  assert.equal((await row('Tidy the settings screen')).live, 'Live');
+  await click('.session-item .session-title', 'Tidy the settings screen');
+  await waitText('.session-turns .message.assistant:last-child .markdown', 'Grouped the toggles.');
+  await waitText('.session-pane .watch-mark', 'Watching');
+  await world.waitFor(() => watchesLogged(kWatched) === 1, 'the agent to watch the session');
+
+  // The desk goes on with it.
+  appendTranscript(kWatched, [
+    userLine('w3', 'w2', 'Also rename the dark toggle', 3, 2),
+    assistantLine('w4', 'w3', 'wm2', [{ type: 'text', text: 'Renamed it to **Dark mode**.' }], 4),
+  ]);
+  await waitText('.session-turns .message.assistant:last-child .markdown', 'Renamed it to Dark mode.');
+  assert.deepEqual(await turnTexts(), [
+    'Tidy the settings screen',
+    'Grouped the toggles.',
+    'Also rename the dark toggle',
+    'Renamed it to Dark mode.',
+  ]);
+  // Read-only: it is still the desk's.
+  assert.equal(await textOf('.live-note'), 'Open at the desk (busy): continuing here is refused while it is open there.');
+  assert.equal(await page.$eval('.session-pane textarea[name=prompt]', (e) => (e as HTMLTextAreaElement).disabled), true);
+  assert.equal(await textOf('.live-bar .fork-session'), 'Fork');
+  await pageSettled(page);
+  await shoot('session-live', ['phone']);
+
+  // Closed, it is no longer watched: what the desk writes now comes by no "sessions.grew".
+  await click('.back-to-list', '');
+  await page.waitForFunction(
+    (agent, id) => window.brinmoor.sessions.history(agent, 'claude', id)?.watching === false,
+    {},
+    kAgentId,
+    kWatched,
+  );
+  // The agent takes a client's messages in order: once it starts a watch asked for after
+  // the page's unwatch, it has ended the page's watch.
+  await page.evaluate((agent, id) => window.brinmoor.connection.client!.watchSession(agent, 'claude', id), kAgentId, kLong);
+  await world.waitFor(() => watchesLogged(kLong) === 1, 'the agent to watch another session');
+  await page.evaluate((agent, id) => window.brinmoor.connection.client!.unwatchSession(agent, 'claude', id), kAgentId, kLong);
+  appendTranscript(kWatched, [userLine('w5', 'w4', 'Written while nobody looked', 5, 3)]);
+  await click('.session-item .session-title', 'Tidy the settings screen');
+  // The agent starts a new watch: the old one ended.
+  await world.waitFor(() => watchesLogged(kWatched) === 2, 'the agent to watch the session again');
+  await waitText('.session-turns .message.user:last-child .bubble', 'Written while nobody looked');
+  appendTranscript(kWatched, [assistantLine('w6', 'w5', 'wm3', [{ type: 'text', text: 'Seen again.' }], 6)]);
+  await waitText('.session-turns .message.assistant:last-child .markdown', 'Seen again.');
+  assert.deepEqual(await grewTexts(kWatched), ['Also rename the dark toggle', 'Renamed it to **Dark mode**.', 'Seen again.']);
+  assert.equal((await turnTexts()).length, 6);
+  assert.deepEqual(page.problems, []);
+});
+
+test('a reload while a session is watched watches it again', async () => {
+  await page.reload();
+  await waitText('.session-pane .conversation-title', 'Tidy the settings screen');
+  await waitText('.session-pane .watch-mark', 'Watching');
+  // The page that went ended its watch, and the new one starts another.
+  await world.waitFor(() => watchesLogged(kWatched) === 3, 'the agent to watch the session after the reload');
+  await recordGrew();
+  appendTranscript(kWatched, [
+    userLine('w7', 'w6', 'And after the reload?', 7, 4),
+    assistantLine('w8', 'w7', 'wm4', [{ type: 'text', text: 'Still here.' }], 8),
+  ]);
+  await waitText('.session-turns .message.assistant:last-child .markdown', 'Still here.');
+  assert.deepEqual(await grewTexts(kWatched), ['And after the reload?', 'Still here.']);
+  // Each turn once: what the earlier page was told is not told again.
+  assert.deepEqual(await turnTexts(), [
+    'Tidy the settings screen',
+    'Grouped the toggles.',
+    'Also rename the dark toggle',
+    'Renamed it to Dark mode.',
+    'Written while nobody looked',
+    'Seen again.',
+    'And after the reload?',
+    'Still here.',
+  ]);
+  assert.deepEqual(page.problems, []);
+});
+
+test('a session open at the desk forks into a chat of its own, claude --fork-session', async () => {
+  const forks = () => world.agentLog.split('\n').filter((line) => line.includes(`claude --resume '${kWatched}' --fork-session`));
+  assert.equal(forks().length, 0);
+  await click('.live-bar .fork-session', 'Fork');
+  await waitText('.fork-note span', 'A copy of this session goes on in Chat; the session itself stays as it is.');
+  const prompt = '.session-pane textarea[name=prompt]';
+  assert.equal(await page.$eval(prompt, (e) => (e as HTMLTextAreaElement).placeholder), 'Message for a copy of this session');
+  assert.equal(await page.$eval(prompt, (e) => (e as HTMLTextAreaElement).disabled), false);
+  world.fakeFile('claude.stream', claudeStream(['The copy ', 'knows the **settings** screen.']));
+  await page.type(prompt, 'Try a tabbed layout');
+  await click('.session-pane .composer button[type=submit]', 'Send');
+  // The copy's answer streams in Chat.
+  await waitText('button[role=tab].current .tab-label', 'Chat');
+  await waitText('.conversation .message.user .bubble', 'Try a tabbed layout');
+  await page.waitForFunction(
+    () =>
+      document.querySelector('.conversation .message.assistant.done .markdown')?.textContent.trim() ===
+      'The copy knows the settings screen.',
+    { timeout: 20000 },
+  );
+  const conversationId = await page.evaluate(() => window.brinmoor.navigation.place.conversationId);
+  assert.match(conversationId ?? '', /^[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}$/);
+  await world.waitFor(() => forks().length === 1, 'the agent to log the fork');
+  assert.ok(forks()[0].includes(`claude --resume '${kWatched}' --fork-session --session-id '${conversationId}'`), forks()[0]);
+  await waitText('.conversation-list .conversation-item.current .conversation-title', 'Try a tabbed layout');
+  assert.deepEqual(page.problems, []);
+});
+
+test('once the desk lets go of a watched session it is read again and goes on here', async () => {
+  await tab('Sessions');
+  await waitText('.session-pane .watch-mark', 'Watching');
+  await world.waitFor(() => watchesLogged(kWatched) === 4, 'the agent to watch the session on the tab');
+  rmSync(join(world.root, 'claude', 'sessions', `${process.pid}.json`));
+  appendTranscript(kWatched, [userLine('w9', 'w8', 'Last words at the desk', 9, 5)]);
+  // The list, read again while the session is watched, says the desk let go.
+  await page.waitForFunction(() => document.querySelector('.session-pane .live-note') === null, { timeout: 30000 });
+  await page.waitForFunction(() => document.querySelector('.session-pane .watch-mark') === null);
+  await waitText('.session-turns .message.user:last-child .bubble', 'Last words at the desk');
+  const prompt = '.session-pane textarea[name=prompt]';
+  await page.waitForFunction((sel) => !(document.querySelector(sel) as HTMLTextAreaElement).disabled, {}, prompt);
+  assert.equal(await page.$eval(prompt, (e) => (e as HTMLTextAreaElement).placeholder), 'Continue with Claude');
+  assert.equal(await textOf('.conversation-head .fork-session'), 'Fork');
+  assert.equal((await turnTexts()).length, 9);
   assert.deepEqual(page.problems, []);
 });

@@ -143,6 +143,9 @@ export class AppState {
     this.sessions = new DeskSessionsStore({
       listSessions: async (agentId, projectPath) => relay().listSessions(agentId, projectPath),
       readSession: async (agentId, tool, id, before) => relay().readSession(agentId, tool, id, before),
+      watchSession: (agentId, tool, id, watch) =>
+        (watch ? this.connection.client?.watchSession(agentId, tool, id) : this.connection.client?.unwatchSession(agentId, tool, id)) ??
+        false,
     });
     this.inbox = new InboxStore(
       {
@@ -198,6 +201,7 @@ export class AppState {
       this.tasks.handle(message);
       this.approvals.handle(message);
       this.conversations.handle(message);
+      this.sessions.handle(message);
       this.terminals.handle(message);
       if (message.type === 'server.hello') {
         this.terminals.attachAll();

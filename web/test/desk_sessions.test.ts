@@ -5,7 +5,7 @@ import { decodeServerMessage, type TaskPayload } from '../src/protocol/messages'
 import { RelayClient, RelayError } from '../src/protocol/relay_client';
 import { ConversationDB } from '../src/stores/conversation_db';
 import { ConversationsStore } from '../src/stores/conversations_store';
-import { DeskSessionsStore } from '../src/stores/desk_sessions_store';
+import { DeskSessionsStore, overlap } from '../src/stores/desk_sessions_store';
 import { liveNote, liveText, messagesText, startedByText, whenText } from '../src/views/session_words';
 import { FakeSocket } from './fake_socket';
 
@@ -198,6 +198,7 @@ describe('DeskSessionsStore', () => {
         return answers[answers.length - 1].promise;
       },
       readSession: () => Promise.reject(new Error('not asked')),
+      watchSession: () => false,
     });
     expect(store.list('mac', 'App')).toBeUndefined();
     const first = store.refresh('mac', 'App');
@@ -231,6 +232,7 @@ describe('DeskSessionsStore', () => {
           reads.push({ before, answer });
           return answer.promise;
         },
+        watchSession: () => false,
       },
       () => now,
     );
@@ -273,6 +275,139 @@ describe('DeskSessionsStore', () => {
   });
 });
 
+describe('watching a desk session', () => {
+  const item = (kind: 'user' | 'assistant', text: string, at: string) => ({ kind, text, at });
+  const grew = (items: unknown[], seq?: number) =>
+    decodeServerMessage(JSON.stringify({ type: 'sessions.grew', agentId: 'mac', seq, tool: 'claude', id: kId, items }))!;
+  const texts = (store: DeskSessionsStore) => store.history('mac', 'claude', kId)!.items.map((i) => i.text);
+
+  function watchedStore() {
+    const reads: ReturnType<typeof deferred<SessionHistory>>[] = [];
+    const watches: string[] = [];
+    const store = new DeskSessionsStore({
+      listSessions: async () => [session({ live: 'busy' })],
+      readSession: () => {
+        reads.push(deferred<SessionHistory>());
+        return reads[reads.length - 1].promise;
+      },
+      watchSession: (agentId, tool, id, watch) => (watches.push(`${watch ? 'watch' : 'unwatch'} ${agentId} ${tool} ${id}`), true),
+    });
+    return { store, reads, watches };
+  }
+
+  const read = (items: { kind: 'user' | 'assistant'; text: string; at: string }[], first = 0): SessionHistory => ({
+    session: session({ live: 'busy' }),
+    first,
+    total: first + items.length,
+    items,
+  });
+
+  it('decodes what a watch says: the turns added, or why there is no watch', () => {
+    expect(grew([item('user', 'a', 'T1'), { kind: 'thought' }, item('assistant', 'b', 'T2')], 7)).toEqual({
+      type: 'sessions.grew',
+      agentId: 'mac',
+      seq: 7,
+      tool: 'claude',
+      id: kId,
+      items: [item('user', 'a', 'T1'), item('assistant', 'b', 'T2')],
+    });
+    expect(
+      decodeServerMessage(
+        JSON.stringify({ type: 'sessions.grew', agentId: 'mac', tool: 'claude', id: 'x', error: 'no claude session x on this computer' }),
+      ),
+    ).toEqual({ type: 'sessions.grew', agentId: 'mac', tool: 'claude', id: 'x', error: 'no claude session x on this computer' });
+    expect(decodeServerMessage(JSON.stringify({ type: 'sessions.grew', agentId: 'mac', tool: 'claude', id: 'x' }))).toBeNull();
+    expect(decodeServerMessage(JSON.stringify({ type: 'sessions.grew', tool: 'claude', id: 'x', items: [] }))).toBeNull();
+  });
+
+  it("says watch and unwatch in the relay's words", () => {
+    const client = new RelayClient({
+      origin: 'http://relay.test',
+      token: 'secret',
+      createSocket: (url, protocols) => new FakeSocket(url, protocols),
+    });
+    client.start();
+    expect(client.watchSession('mac', 'claude', kId)).toBe(false);
+    const socket = FakeSocket.last();
+    socket.open();
+    socket.receive({ type: 'server.hello', agents: [] });
+    expect(client.watchSession('mac', 'claude', kId)).toBe(true);
+    expect(client.unwatchSession('mac', 'claude', kId)).toBe(true);
+    expect(socket.sent).toEqual([
+      { type: 'sessions.watch', agentId: 'mac', payload: { tool: 'claude', id: kId } },
+      { type: 'sessions.unwatch', agentId: 'mac', payload: { tool: 'claude', id: kId } },
+    ]);
+  });
+
+  it('adds the turns the desk writes after those read, each once, until unwatched', async () => {
+    const { store, reads, watches } = watchedStore();
+    store.handle({ type: 'server.hello', agents: [{ agentId: 'mac', seq: 10 } as never] });
+    const watching = store.watch('mac', 'claude', kId);
+    expect(watches).toEqual([`watch mac claude ${kId}`]);
+    expect(store.history('mac', 'claude', kId)).toMatchObject({ loading: true, watching: true });
+    // The watch started before the read looked: its first turns are the read's last.
+    store.handle(grew([item('user', 'two', 'T3'), item('assistant', 'two done', 'T4')], 11));
+    reads[0].resolve(read([item('user', 'one', 'T1'), item('assistant', 'one done', 'T2'), item('user', 'two', 'T3')]));
+    await watching;
+    expect(texts(store)).toEqual(['one', 'one done', 'two', 'two done']);
+    store.handle(grew([item('user', 'three', 'T5')], 12));
+    expect(texts(store)).toEqual(['one', 'one done', 'two', 'two done', 'three']);
+    expect(store.history('mac', 'claude', kId)!.total).toBe(5);
+    // A replay of what an earlier socket's watch was told is in the read already.
+    store.handle(grew([item('user', 'old', 'T0')], 9));
+    expect(texts(store)).toHaveLength(5);
+    // Another session's turns are not this one's.
+    store.handle({ ...grew([item('user', 'else', 'T9')], 13), id: 'other' } as never);
+    expect(texts(store)).toHaveLength(5);
+    store.unwatch('mac', 'claude', kId);
+    expect(watches).toEqual([`watch mac claude ${kId}`, `unwatch mac claude ${kId}`]);
+    expect(store.history('mac', 'claude', kId)!.watching).toBe(false);
+    store.handle(grew([item('assistant', 'four', 'T6')], 14));
+    expect(texts(store)).toEqual(['one', 'one done', 'two', 'two done', 'three']);
+    // Unwatched once.
+    store.unwatch('mac', 'claude', kId);
+    store.unwatchAll();
+    expect(watches).toHaveLength(2);
+  });
+
+  it('keeps what it was given through a page of earlier turns and a failed read, and says why it cannot watch', async () => {
+    const { store, reads, watches } = watchedStore();
+    const watching = store.watch('mac', 'claude', kId);
+    reads[0].resolve(read([item('user', 'three', 'T5')], 2));
+    await watching;
+    store.handle(grew([item('assistant', 'three done', 'T6')]));
+    const paging = store.earlier('mac', 'claude', kId);
+    store.handle(grew([item('user', 'four', 'T7')]));
+    reads[1].resolve(read([item('user', 'one', 'T1'), item('assistant', 'two', 'T2')], 0));
+    await paging;
+    expect(texts(store)).toEqual(['one', 'two', 'three', 'three done', 'four']);
+    // Read again while the desk writes, and the read fails: what came meanwhile follows.
+    const again = store.open('mac', 'claude', kId);
+    store.handle(grew([item('assistant', 'four done', 'T8')]));
+    reads[2].reject(new RelayError('NOT_CONNECTED', 'the connection to the relay was lost'));
+    await again;
+    expect(texts(store)).toEqual(['one', 'two', 'three', 'three done', 'four', 'four done']);
+    expect(store.history('mac', 'claude', kId)!.error).toBe('Not connected to the relay.');
+    store.handle({ ...grew([]), items: undefined, error: `no claude session ${kId} on this computer` } as never);
+    expect(store.history('mac', 'claude', kId)).toMatchObject({ watching: false, watchError: `no claude session ${kId} on this computer` });
+    // The agent keeps no watch: none to end.
+    store.unwatchAll();
+    expect(watches).toEqual([`watch mac claude ${kId}`]);
+  });
+
+  it('finds the overlap by whole turns', () => {
+    const a = item('user', 'a', 'T1');
+    const b = item('assistant', 'b', 'T2');
+    const c = item('user', 'c', 'T3');
+    expect(overlap([a, b], [b, c])).toBe(1);
+    expect(overlap([a, b], [a, b, c])).toBe(2);
+    expect(overlap([a, b], [c])).toBe(0);
+    expect(overlap([], [a])).toBe(0);
+    // The same words at another time are a new turn.
+    expect(overlap([a], [{ ...a, at: 'T9' }])).toBe(0);
+  });
+});
+
 describe('continuing a desk session', () => {
   it("is a chat whose conversation id is the session's, titled as the session", async () => {
     const db = await ConversationDB.open(indexedDB, 'sessions-test-1');
@@ -302,6 +437,51 @@ describe('continuing a desk session', () => {
     const found = await reloaded.continuing('mac', 'App', 'claude', kId, 'Other');
     expect([found.id, found.title, found.messages!.map((m) => m.role)]).toEqual([kId, 'Fix the login page', ['user', 'assistant']]);
     expect(reloaded.list('mac', 'App').map((c) => c.id)).toEqual([kId]);
+  });
+
+  it('is refused while the desk holds it, and a fork is a new chat whose first message names the session', async () => {
+    const db = await ConversationDB.open(indexedDB, 'sessions-test-2');
+    const payloads: TaskPayload[] = [];
+    const sender = {
+      run: async (_agentId: string, payload: TaskPayload) => (payloads.push(payload), { taskId: 'T' + payloads.length }),
+      cancel: () => true,
+    };
+    const store = new ConversationsStore(db, sender, () => 42);
+    const continued = await store.continuing('mac', 'App', 'claude', kId, 'Fix the login page');
+    const answer = await store.send(continued.id, 'Go on');
+    const error = 'this session is open at the desk (busy); continue it there, or fork it';
+    store.handle({ type: 'task.failed', agentId: 'mac', taskId: 'T1', error, errorCode: 'SESSION_OPEN_AT_DESK', exitCode: 1 });
+    expect([answer.status, answer.error, answer.errorCode]).toEqual(['error', error, 'SESSION_OPEN_AT_DESK']);
+
+    const copy = store.fork('mac', 'App', 'claude', kId);
+    expect(copy.id).toMatch(/^[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}$/);
+    await store.send(copy.id, 'Try another way');
+    await store.send(copy.id, 'And test it');
+    expect(payloads.slice(1)).toEqual([
+      {
+        action: 'chat',
+        system: 'claude',
+        projectPath: 'App',
+        prompt: 'Try another way',
+        conversationId: copy.id,
+        approvalMode: 'on_request',
+        forkOf: kId,
+      },
+      {
+        action: 'chat',
+        system: 'claude',
+        projectPath: 'App',
+        prompt: 'And test it',
+        conversationId: copy.id,
+        approvalMode: 'on_request',
+      },
+    ]);
+    expect(copy.title).toBe('Try another way');
+    // Found again after a reload, still a copy.
+    await flush();
+    const reloaded = new ConversationsStore(db, sender, () => 43);
+    const found = await reloaded.continuing('mac', 'App', 'claude', copy.id, 'Other');
+    expect([found.title, found.forkOf]).toEqual(['Try another way', kId]);
   });
 });
 

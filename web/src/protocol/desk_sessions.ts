@@ -76,6 +76,18 @@ function decodeItem(value: unknown): SessionItem | null {
   return item;
 }
 
+// Checks a "sessions.grew" in place: the turns added to a watched session (those that are
+// not well formed left out), or why it cannot be watched ("error", kept alone).
+export function decodeSessionGrew(message: Record<string, unknown>): boolean {
+  if (typeof message.error === 'string') {
+    delete message.items;
+    return true;
+  }
+  if (!Array.isArray(message.items)) return false;
+  message.items = message.items.map(decodeItem).filter((item): item is SessionItem => item !== null);
+  return true;
+}
+
 // Checks a "sessions.history" in place: one with an "error" keeps only that; otherwise its
 // session, numbers and items must be well formed (items that are not are left out).
 // False when it is neither.

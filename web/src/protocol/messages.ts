@@ -2,7 +2,14 @@
 // Everything that arrives is untrusted: `decodeServerMessage` checks the members each
 // type needs and turns anything else into null, so stores never see a malformed message.
 // Members the client does not know are kept (a later relay may add them) and ignored.
-import { decodeDeskSessions, decodeSessionHistory, type DeskSession, type SessionHistory } from './desk_sessions';
+import {
+  decodeDeskSessions,
+  decodeSessionGrew,
+  decodeSessionHistory,
+  type DeskSession,
+  type SessionHistory,
+  type SessionItem,
+} from './desk_sessions';
 import { decodeKeptTasks, decodeTaskOutput, isLineNumber, type KeptTask, type OutputLines, type OutputQuery } from './kept_output';
 
 export interface Registration {
@@ -163,7 +170,9 @@ export type ServerMessage =
   // The answer to "sessions.list": the assistants' sessions of a project, newest first.
   | { type: 'sessions.listed'; agentId?: string; requestId: string; projectPath: string; sessions: DeskSession[] }
   // The answer to "sessions.read": a page of a session's turns, or why there is none.
-  | ({ type: 'sessions.history'; agentId?: string; requestId: string; tool: string; id: string } & (SessionHistory | { error: string }));
+  | ({ type: 'sessions.history'; agentId?: string; requestId: string; tool: string; id: string } & (SessionHistory | { error: string }))
+  // A watched session's file grew: the turns added, or why the session cannot be watched.
+  | ({ type: 'sessions.grew'; tool: string; id: string } & FromAgent & ({ items: SessionItem[] } | { error: string }));
 
 export type ServerMessageType = ServerMessage['type'];
 export type { DeskSession, KeptTask, OutputLines, SessionHistory };
@@ -179,6 +188,8 @@ export interface TaskPayload {
   approvalMode?: string;
   prompt?: string;
   conversationId?: string;
+  // A chat that starts its conversation as a copy of this session of its "system".
+  forkOf?: string;
   timeoutSec?: number;
 }
 
@@ -211,6 +222,7 @@ export type ClientMessage =
   | { type: 'tasks.list'; agentId: string; requestId?: string }
   | { type: 'sessions.list'; agentId: string; payload: { projectPath: string }; requestId?: string }
   | { type: 'sessions.read'; agentId: string; payload: { tool: string; id: string; before?: number }; requestId?: string }
+  | { type: 'sessions.watch' | 'sessions.unwatch'; agentId: string; payload: { tool: string; id: string } }
   // The card this device shows (null: none, or the page is hidden), named by its push endpoint.
   | { type: 'client.viewing'; endpoint: string; card: { requestId: string } | { taskId: string } | null };
 
@@ -273,6 +285,7 @@ const shapes: Record<ServerMessageType, Shape> = {
   'tasks.kept': { requestId: 'string', tasks: 'any' },
   'sessions.listed': { requestId: 'string', projectPath: 'string', sessions: 'any' },
   'sessions.history': { requestId: 'string', tool: 'string', id: 'string' },
+  'sessions.grew': { ...agentShape, tool: 'string', id: 'string' },
 };
 
 function hasKind(value: unknown, kind: Shape[string]): boolean {
@@ -336,7 +349,7 @@ function decodeSnapshotTask(raw: Record<string, unknown>): SnapshotTask | null {
   return task;
 }
 
-const kPayloadTexts = ['projectPath', 'command', 'system', 'mode', 'approvalMode', 'prompt', 'conversationId'] as const;
+const kPayloadTexts = ['projectPath', 'command', 'system', 'mode', 'approvalMode', 'prompt', 'conversationId', 'forkOf'] as const;
 
 // A payload as a client sent it, with what a view reads checked: members of another kind
 // are left out.
@@ -444,6 +457,8 @@ export function decodeServerMessage(text: string): ServerMessage | null {
   } else if (type === 'sessions.listed') {
     message.sessions = decodeDeskSessions(message.sessions);
   } else if (type === 'sessions.history' && !decodeSessionHistory(message)) {
+    return null;
+  } else if (type === 'sessions.grew' && !decodeSessionGrew(message)) {
     return null;
   } else if (type === 'task.queued') {
     message.payload = decodePayload(message.payload);

@@ -313,6 +313,17 @@ export class RelayClient {
     return answer;
   }
 
+  // Follows a session as its tool writes it: the agent says "sessions.grew" with the turns
+  // added, until `unwatchSession` (or until the agent's connection goes: a new socket
+  // asks again). False when not connected.
+  watchSession(agentId: string, tool: string, id: string): boolean {
+    return this.send({ type: 'sessions.watch', agentId, payload: { tool, id } });
+  }
+
+  unwatchSession(agentId: string, tool: string, id: string): boolean {
+    return this.send({ type: 'sessions.unwatch', agentId, payload: { tool, id } });
+  }
+
   // Tells the relay which card this device shows, so that it pushes nothing about it to
   // the device's push endpoint; null when the page shows none or is hidden.
   viewing(endpoint: string, card: { requestId: string } | { taskId: string } | null): boolean {

@@ -5,6 +5,8 @@ export interface ConversationRecord {
   projectPath: string;
   system: string; // "claude" or "codex"
   title: string;
+  // The assistant's own session (of `system`) the conversation began as a copy of.
+  forkOf?: string;
   createdAt: number;
   updatedAt: number;
 }

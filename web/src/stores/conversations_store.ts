@@ -24,6 +24,7 @@ export interface ChatMessage extends MessageRecord {
   details: string[];
   chunks: string[];
   missed?: boolean; // some of it came while the page was away and the relay no longer had it
+  errorCode?: string; // why its task failed, in the agent's code ("SESSION_OPEN_AT_DESK")
 }
 
 export interface Conversation extends ConversationRecord {
@@ -161,11 +162,21 @@ export class ConversationsStore extends Observable {
     return (await this.open(sessionId))!;
   }
 
+  // A new chat that begins as a copy of an assistant's own session (one a process at the
+  // desk may hold): its first message starts it from the session's turns, which stay as
+  // they were.
+  fork(agentId: string, projectPath: string, system: string, sessionId: string): Conversation {
+    const conversation = this.start(agentId, projectPath, system);
+    conversation.forkOf = sessionId;
+    return conversation;
+  }
+
   // Sends the user's message and opens the answer that the chat task will fill.
   async send(conversationId: string, prompt: string): Promise<ChatMessage> {
     const conversation = (await this.open(conversationId))!;
     const messages = conversation.messages!;
-    if (messages.length === 0 && conversation.title === kNewTitle) conversation.title = titleOf(prompt);
+    const first = messages.length === 0;
+    if (first && conversation.title === kNewTitle) conversation.title = titleOf(prompt);
     const at = this.now();
     const base = { conversationId, taskId: '', activity: [], details: [], error: '', at, chunks: [] };
     const question: ChatMessage = { ...base, index: messages.length, role: 'user', text: prompt, status: 'done' };
@@ -181,6 +192,8 @@ export class ConversationsStore extends Observable {
         prompt,
         conversationId,
         approvalMode: 'on_request',
+        // The first chat makes the copy; the next go on in it, as in any session.
+        ...(first && conversation.forkOf ? { forkOf: conversation.forkOf } : {}),
       });
       answer.taskId = taskId;
       this.byTask.set(taskId, answer);
@@ -246,6 +259,7 @@ export class ConversationsStore extends Observable {
         this.finish(answer, 'cancelled');
         break;
       case 'task.failed':
+        answer.errorCode = message.errorCode;
         this.finish(answer, 'error', answer.error || message.error);
         break;
       // Cancelled, or failed, while it waited in the relay's queue.

@@ -1,13 +1,17 @@
 // The assistants' own sessions of each project, as the agent finds them on the computer:
 // the list, asked for when the project is shown and on Refresh, and the turns of the
-// session that is open, read a page at a time from the newest back.
+// session that is open, read a page at a time from the newest back; one a process at the
+// desk holds is watched, its new turns added as the agent says its file grew.
 import type { DeskSession, SessionHistory, SessionItem } from '../protocol/desk_sessions';
+import type { ServerMessage } from '../protocol/messages';
 import { RelayError } from '../protocol/relay_client';
 import { Observable } from './observable';
 
 export interface SessionReader {
   listSessions(agentId: string, projectPath: string): Promise<DeskSession[]>;
   readSession(agentId: string, tool: string, id: string, before?: number): Promise<SessionHistory>;
+  // Starts or ends the agent's "sessions.grew" of a session; false when not connected.
+  watchSession(agentId: string, tool: string, id: string, watch: boolean): boolean;
 }
 
 export interface SessionList {
@@ -27,6 +31,34 @@ export interface SessionTurns {
   error: string;
   // When the newest turns were read: what this page sent after is not in them.
   readAt: number;
+  // The agent says what the session's file gains (its tool writes it at the desk).
+  watching: boolean;
+  // Why the session cannot be watched, as the agent said it.
+  watchError: string;
+}
+
+// What a watch has been given since the newest turns were last read: the turns of each
+// "sessions.grew", in order, and how many of the shown items that read (with the pages
+// before it) gave.
+interface Growth {
+  grown: SessionItem[];
+  read: number;
+}
+
+const sameItem = (a: SessionItem, b: SessionItem) =>
+  a.kind === b.kind && a.text === b.text && a.name === b.name && a.at === b.at && a.isError === b.isError;
+
+// How many of the turns a watch gave the read has already: the watch may have started
+// before the read looked at the file, so what it gave first can be the read's last turns.
+// The longest run at the head of `grown` that ends the read.
+export function overlap(read: SessionItem[], grown: SessionItem[]): number {
+  for (let count = Math.min(read.length, grown.length); count > 0; count--) {
+    const from = read.length - count;
+    let same = true;
+    for (let i = 0; i < count && same; i++) same = sameItem(read[from + i], grown[i]);
+    if (same) return count;
+  }
+  return 0;
 }
 
 // What the page says of a read that failed.
@@ -48,6 +80,11 @@ export class DeskSessionsStore extends Observable {
   // The newest read of each list and session: an older answer that comes later is dropped.
   private readonly reads = new Map<string, number>();
   private nextRead = 0;
+  // The sessions watched, by their turns' key.
+  private readonly watches = new Map<string, Growth>();
+  // Per agent, the seq of its newest message when the socket said hello: a "sessions.grew"
+  // up to it is a replay, said for a watch of an earlier socket (its turns are in a read).
+  private readonly replayedUpTo = new Map<string, number>();
 
   constructor(
     private readonly reader: SessionReader,
@@ -108,17 +145,38 @@ export class DeskSessionsStore extends Observable {
       loadingEarlier: false,
       error: '',
       readAt: before?.readAt ?? 0,
+      watching: this.watches.has(key),
+      watchError: before?.watchError ?? '',
     });
     const read = this.begin(key);
+    // What a watch gives from now on may be in this read, or after it; should the read
+    // fail, it goes after what is shown.
+    const growth = this.watches.get(key);
+    if (growth) Object.assign(growth, { grown: [], read: before?.items.length ?? 0 });
     this.changed();
     try {
       const history = await this.reader.readSession(agentId, tool, id);
       if (!this.current(key, read)) return;
-      this.turns.set(key, { ...history, loading: false, loadingEarlier: false, error: '', readAt: this.now() });
+      const turns = this.turns.get(key)!;
+      this.turns.set(key, {
+        ...history,
+        loading: false,
+        loadingEarlier: false,
+        error: '',
+        readAt: this.now(),
+        watching: this.watches.has(key),
+        watchError: turns.watchError,
+      });
+      const watched = this.watches.get(key);
+      if (watched) {
+        watched.read = history.items.length;
+        this.grow(key);
+      }
       this.updateListed(agentId, history.session);
     } catch (error) {
       if (!this.current(key, read)) return;
       this.turns.set(key, { ...this.turns.get(key)!, loading: false, error: readErrorText(error) });
+      this.grow(key);
     }
     this.changed();
   }
@@ -136,8 +194,11 @@ export class DeskSessionsStore extends Observable {
       const page = await this.reader.readSession(agentId, tool, id, turns.first);
       if (!this.current(key, read)) return;
       // Only what ends where the turns read so far begin joins them.
-      const items = page.first + page.items.length === turns.first ? [...page.items, ...turns.items] : turns.items;
-      const first = page.first + page.items.length === turns.first ? page.first : turns.first;
+      const joins = page.first + page.items.length === turns.first;
+      const items = joins ? [...page.items, ...turns.items] : turns.items;
+      const first = joins ? page.first : turns.first;
+      const growth = this.watches.get(key);
+      if (growth && joins) growth.read += page.items.length;
       this.turns.set(key, { ...turns, session: page.session, items, first, loadingEarlier: false });
     } catch (error) {
       if (!this.current(key, read)) return;
@@ -146,11 +207,78 @@ export class DeskSessionsStore extends Observable {
     this.changed();
   }
 
+  // Watches the session (a process at the desk writes it) and reads its newest turns
+  // again: the turns its file gains from then on are added to them. Asked again after
+  // every new socket (the agent forgets a watch when its connection goes).
+  watch(agentId: string, tool: string, id: string): Promise<void> {
+    const key = turnsKey(agentId, tool, id);
+    const sent = this.reader.watchSession(agentId, tool, id, true);
+    if (sent) this.watches.set(key, { grown: [], read: 0 });
+    else this.watches.delete(key);
+    const turns = this.turns.get(key);
+    if (turns) turns.watchError = '';
+    return this.open(agentId, tool, id);
+  }
+
+  // Ends the watch; what it gave stays shown.
+  unwatch(agentId: string, tool: string, id: string): void {
+    const key = turnsKey(agentId, tool, id);
+    if (!this.watches.delete(key)) return;
+    this.reader.watchSession(agentId, tool, id, false);
+    const turns = this.turns.get(key);
+    if (turns) turns.watching = false;
+    this.changed();
+  }
+
+  // Every watch (the page goes away).
+  unwatchAll(): void {
+    for (const key of [...this.watches.keys()]) {
+      const [agentId, tool, id] = JSON.parse(key) as string[];
+      this.unwatch(agentId, tool, id);
+    }
+  }
+
+  handle(message: ServerMessage): void {
+    if (message.type === 'server.hello') {
+      this.replayedUpTo.clear();
+      for (const agent of message.agents) this.replayedUpTo.set(agent.agentId, agent.seq);
+      return;
+    }
+    if (message.type !== 'sessions.grew') return;
+    const key = turnsKey(message.agentId, message.tool, message.id);
+    const growth = this.watches.get(key);
+    if (!growth) return;
+    if (message.seq !== undefined && message.seq <= (this.replayedUpTo.get(message.agentId) ?? -Infinity)) return;
+    const turns = this.turns.get(key);
+    if ('error' in message) {
+      // The agent keeps no watch of it.
+      this.watches.delete(key);
+      if (turns) Object.assign(turns, { watching: false, watchError: message.error });
+    } else {
+      growth.grown.push(...message.items);
+      // Added once the read under way has given its turns.
+      if (turns && !turns.loading) this.grow(key);
+    }
+    this.changed();
+  }
+
   clear(): void {
     this.lists.clear();
     this.turns.clear();
     this.reads.clear();
+    this.watches.clear();
     this.changed();
+  }
+
+  // The turns read, and after them what the watch gave that they do not have.
+  private grow(key: string): void {
+    const turns = this.turns.get(key);
+    const growth = this.watches.get(key);
+    if (!turns || !growth) return;
+    const read = turns.items.slice(0, growth.read);
+    const added = growth.grown.slice(overlap(read, growth.grown));
+    turns.items = [...read, ...added];
+    turns.total = turns.first + turns.items.length;
   }
 
   private begin(key: string): number {

@@ -1,3 +1,4 @@
+import type { RefObject } from 'preact';
 import { useEffect, useLayoutEffect, useRef, useState } from 'preact/hooks';
 import { toClipboard } from '../lib/clipboard';
 import { useStores } from '../lib/use_store';
@@ -8,7 +9,22 @@ import { kSystemNames, MessageView } from './ChatView';
 import { Icon } from './icons';
 import { MarkdownView } from './MarkdownView';
 import type { ProjectProps } from './ProjectView';
-import { kNoSessions, kPhoneResumeNote, liveNote, liveText, messagesText, startedByText, whenText } from './session_words';
+import {
+  kForkNote,
+  kForkPlaceholder,
+  kNoSessions,
+  kPhoneResumeNote,
+  kWatching,
+  liveNote,
+  liveText,
+  messagesText,
+  startedByText,
+  whenText,
+} from './session_words';
+
+// How often the list is read again while a session held at the desk is watched: it says
+// when the desk lets go of it.
+const kLiveCheckMs = 10_000;
 
 // The assistants' own sessions of the project, found on the computer (those started at
 // the desk among them), and the open one: its turns, a way to go on with it here, and the
@@ -110,10 +126,13 @@ function LiveMark({ session }: { session: DeskSession }) {
 }
 
 // The answers of the chats sent from this page since the session's turns were read (those
-// before are among its turns), and one still being written.
+// before are among its turns), one still being written, and the last when it was refused.
 function continuedHere(messages: ChatMessage[] | null, turns: SessionTurns | undefined): ChatMessage[] {
   if (!messages || !turns) return [];
   let from = messages.findIndex((m) => m.at >= turns.readAt || m.status === 'streaming');
+  // A message the agent refused (the desk holds the session) is never among its turns.
+  const last = messages.length - 1;
+  if (from < 0 && last > 0 && messages[last].errorCode === 'SESSION_OPEN_AT_DESK') from = last;
   if (from < 0) return [];
   if (messages[from].role === 'assistant' && from > 0) from--;
   return messages.slice(from);
@@ -128,10 +147,38 @@ function SessionPane({ state, agentId, projectPath, tool, id }: ProjectProps & {
   state.conversations.list(agentId, projectPath);
   const conversation = state.conversations.get(id);
   const scroller = useRef<HTMLDivElement>(null);
+  const composer = useRef<HTMLTextAreaElement>(null);
   const pinned = useRef(true);
+  const live = session?.live ?? null;
+  // Watched when the desk holds it, or when the user asked (the agent refused a message).
+  const [watchAsked, setWatchAsked] = useState(false);
+  const [forking, setForking] = useState(false);
+  const wasLive = useRef(live !== null);
   useEffect(() => {
-    if (connected) void state.sessions.open(agentId, tool, id);
-  }, [agentId, tool, id, connected]);
+    // The desk let go of it: it goes on here again.
+    if (wasLive.current && live === null) setWatchAsked(false);
+    wasLive.current = live !== null;
+  }, [live]);
+  const watched = live !== null || watchAsked;
+  // Read when shown and whenever the page or the agent comes back; a session held at the
+  // desk is watched meanwhile (the agent forgets a watch when its connection goes), until
+  // the pane closes, the tab changes or the page goes.
+  useEffect(() => {
+    if (!connected) return;
+    if (!watched) {
+      void state.sessions.open(agentId, tool, id);
+      return;
+    }
+    void state.sessions.watch(agentId, tool, id);
+    const stop = () => state.sessions.unwatch(agentId, tool, id);
+    const check = setInterval(() => void state.sessions.refresh(agentId, projectPath), kLiveCheckMs);
+    window.addEventListener('pagehide', stop);
+    return () => {
+      window.removeEventListener('pagehide', stop);
+      clearInterval(check);
+      stop();
+    };
+  }, [agentId, tool, id, connected, watched]);
   useEffect(() => {
     if (conversation && conversation.messages === null) void state.conversations.open(conversation.id);
   }, [conversation?.id]);
@@ -147,7 +194,8 @@ function SessionPane({ state, agentId, projectPath, tool, id }: ProjectProps & {
   useEffect(() => {
     if (failed > 0) void state.sessions.refresh(agentId, projectPath);
   }, [failed]);
-  const live = session?.live ?? null;
+  const last = continued[continued.length - 1];
+  const refused = last?.role === 'assistant' && last.errorCode === 'SESSION_OPEN_AT_DESK';
   const earlier = () => {
     pinned.current = false;
     void state.sessions.earlier(agentId, tool, id);
@@ -157,6 +205,23 @@ function SessionPane({ state, agentId, projectPath, tool, id }: ProjectProps & {
     const chat = await state.conversations.continuing(agentId, projectPath, tool, id, session?.title ?? '');
     await state.conversations.send(chat.id, prompt);
   };
+  // The copy is a chat of its own: its answer streams in Chat.
+  const fork = async (prompt: string) => {
+    const chat = state.conversations.fork(agentId, projectPath, tool, id);
+    setForking(false);
+    state.navigation.go({ tab: 'chat', conversationId: chat.id });
+    await state.conversations.send(chat.id, prompt);
+  };
+  const startFork = () => {
+    setForking(true);
+    // Enabled only once drawn again.
+    setTimeout(() => composer.current?.focus(), 0);
+  };
+  const forkButton = (prominent: boolean) => (
+    <button class={(prominent ? 'primary' : 'secondary') + ' small fork-session'} disabled={!session || forking} onClick={startFork}>
+      <Icon name="fork" /> Fork
+    </button>
+  );
   return (
     <div class="session-pane">
       <header class="conversation-head">
@@ -164,7 +229,13 @@ function SessionPane({ state, agentId, projectPath, tool, id }: ProjectProps & {
           <Icon name="back" />
         </button>
         <span class="conversation-title">{session?.title || 'Untitled session'}</span>
+        {turns?.watching && (
+          <span class="watch-mark" title="New turns at the desk show here as they are written">
+            {kWatching}
+          </span>
+        )}
         <span class={'system-tag ' + tool}>{kSystemNames[tool] ?? tool}</span>
+        {live === null && session && forkButton(false)}
       </header>
       <div
         class="messages session-turns"
@@ -191,18 +262,53 @@ function SessionPane({ state, agentId, projectPath, tool, id }: ProjectProps & {
         {continued.map((message) => (
           <MessageView key={'here' + message.index} state={state} message={message} onCancel={() => state.conversations.cancel(message)} />
         ))}
+        {turns?.watchError && (
+          <div class="error watch-error" role="alert">
+            {turns.watchError}
+          </div>
+        )}
       </div>
+      {refused && (
+        <div class="refused-actions">
+          <button class="secondary small fork-refused" disabled={!session || forking} onClick={startFork}>
+            <Icon name="fork" /> Fork
+          </button>
+          <button
+            class="secondary small watch-refused"
+            disabled={turns?.watching}
+            onClick={() => {
+              setWatchAsked(true);
+              void state.sessions.refresh(agentId, projectPath);
+            }}
+          >
+            {turns?.watching ? kWatching : 'Watch'}
+          </button>
+        </div>
+      )}
       {session && <HandBack session={session} />}
       {live !== null && (
-        <div class="note live-note" role="status">
-          {liveNote(live)}
+        <div class="live-bar">
+          <div class="note live-note" role="status">
+            {liveNote(live)}
+          </div>
+          {forkButton(true)}
+        </div>
+      )}
+      {forking && (
+        <div class="note fork-note">
+          <span>{kForkNote}</span>
+          <button class="secondary small cancel-fork" onClick={() => setForking(false)}>
+            Cancel
+          </button>
         </div>
       )}
       <SessionComposer
         tool={tool}
-        disabled={live !== null || !session}
-        streaming={streaming}
-        onSend={(prompt) => void send(prompt)}
+        inputRef={composer}
+        forking={forking}
+        disabled={(live !== null && !forking) || !session}
+        streaming={forking ? undefined : streaming}
+        onSend={(prompt) => void (forking ? fork(prompt) : send(prompt))}
         onCancel={() => streaming && state.conversations.cancel(streaming)}
       />
     </div>
@@ -273,12 +379,16 @@ function HandBack({ session }: { session: DeskSession }) {
 
 function SessionComposer({
   tool,
+  inputRef,
+  forking,
   disabled,
   streaming,
   onSend,
   onCancel,
 }: {
   tool: string;
+  inputRef: RefObject<HTMLTextAreaElement>;
+  forking: boolean;
   disabled: boolean;
   streaming: ChatMessage | undefined;
   onSend: (prompt: string) => void;
@@ -297,8 +407,9 @@ function SessionComposer({
       <textarea
         name="prompt"
         rows={1}
-        aria-label="Message"
-        placeholder={`Continue with ${kSystemNames[tool] ?? tool}`}
+        ref={inputRef}
+        aria-label={forking ? 'Message for the copy' : 'Message'}
+        placeholder={forking ? kForkPlaceholder : `Continue with ${kSystemNames[tool] ?? tool}`}
         disabled={disabled}
         value={draft}
         onInput={(event) => setDraft(event.currentTarget.value)}

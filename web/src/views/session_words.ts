@@ -40,3 +40,8 @@ export function liveText(live: SessionLive): string {
 export function liveNote(live: SessionLive): string {
   return `Open at the desk (${live ?? 'busy'}): continuing here is refused while it is open there.`;
 }
+
+// A session this page follows as the desk writes it.
+export const kWatching = 'Watching';
+export const kForkPlaceholder = 'Message for a copy of this session';
+export const kForkNote = 'A copy of this session goes on in Chat; the session itself stays as it is.';
