@@ -62,7 +62,6 @@ function NeedsYouButton({ state }: { state: AppState }) {
   return (
     <button
       class={'needs-you' + (open ? ' current' : '') + (count > 0 ? ' waiting' : '')}
-      aria-label={count > 0 ? `Needs you: ${count}` : 'Needs you'}
       aria-pressed={open}
       onClick={() => state.navigation.go({ inbox: !open })}
     >
