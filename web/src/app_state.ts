@@ -3,6 +3,9 @@
 import { PushApi } from './protocol/push_api';
 import { RelayClient, kSeqsKey, type ConnectionState } from './protocol/relay_client';
 import type { NotificationTarget } from './secure/background_notifier';
+
+// A card that shows a task: a proposal's review, a failed task's log, a chat's answer.
+type TaskCard = Exclude<NotificationTarget, { kind: 'approval' }>;
 import { AgentsStore } from './stores/agents_store';
 import { ApprovalsStore } from './stores/approvals_store';
 import { ConversationDB } from './stores/conversation_db';
@@ -102,7 +105,7 @@ export class AppState {
   private lastViewing = '';
   // A card asked for before the page knew its task (a notification tapped as the page
   // starts): opened again once the task is known.
-  private pendingOpen: { target: NotificationTarget; until: number } | null = null;
+  private pendingOpen: { target: TaskCard; until: number } | null = null;
   private renewed = false;
 
   constructor(
@@ -263,7 +266,7 @@ export class AppState {
     const pending = this.pendingOpen;
     if (!pending) return;
     if (Date.now() > pending.until) this.pendingOpen = null;
-    else if (this.tasks.get(pending.target.kind === 'approval' ? '' : pending.target.taskId)) this.open(pending.target);
+    else if (this.tasks.get(pending.target.taskId)) this.open(pending.target);
   }
 
   // Tells the inbox what the user sees, and the relay too when this device gets pushes.
