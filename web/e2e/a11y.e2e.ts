@@ -180,3 +180,10 @@ test('a terminal', async () => {
   await page.waitForSelector('.terminal-head .status-dot.online');
   assert.deepEqual(await violations(), []);
 });
+
+test('Needs you, with a proposal waiting', async () => {
+  await page.click('.topbar .needs-you');
+  await page.waitForSelector('.inbox-item.proposal');
+  await page.waitForSelector('.notify-me');
+  assert.deepEqual(await violations(), []);
+});

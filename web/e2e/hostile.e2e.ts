@@ -99,7 +99,7 @@ function pageState(ignored: string[] = []) {
         pwned: window.__pwned ?? null,
       };
     },
-    ['brinmoor.seqs', 'brinmoor.taskPayloads', 'brinmoor.taskTimes', ...ignored],
+    ['brinmoor.seqs', 'brinmoor.taskPayloads', 'brinmoor.taskTimes', 'brinmoor.looked', ...ignored],
   );
 }
 

@@ -222,7 +222,9 @@ export type ClientMessage =
   | { type: 'tasks.list'; agentId: string; requestId?: string }
   | { type: 'sessions.list'; agentId: string; payload: { projectPath: string }; requestId?: string }
   | { type: 'sessions.read'; agentId: string; payload: { tool: string; id: string; before?: number }; requestId?: string }
-  | { type: 'sessions.watch' | 'sessions.unwatch'; agentId: string; payload: { tool: string; id: string } };
+  | { type: 'sessions.watch' | 'sessions.unwatch'; agentId: string; payload: { tool: string; id: string } }
+  // The card this device shows (null: none, or the page is hidden), named by its push endpoint.
+  | { type: 'client.viewing'; endpoint: string; card: { requestId: string } | { taskId: string } | null };
 
 type Shape = Record<string, 'string' | 'number' | 'boolean' | 'strings' | 'object' | 'any'>;
 

@@ -324,6 +324,12 @@ export class RelayClient {
     return this.send({ type: 'sessions.unwatch', agentId, payload: { tool, id } });
   }
 
+  // Tells the relay which card this device shows, so that it pushes nothing about it to
+  // the device's push endpoint; null when the page shows none or is hidden.
+  viewing(endpoint: string, card: { requestId: string } | { taskId: string } | null): boolean {
+    return this.send({ type: 'client.viewing', endpoint, card });
+  }
+
   // Paces a terminal session: this page has rendered its live output up to `offset`.
   // Without an offset, the page stops pacing it.
   ackTerminal(agentId: string, sessionId: string, offset?: number): boolean {

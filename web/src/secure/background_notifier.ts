@@ -13,9 +13,11 @@ export interface Attention {
   open: NotificationTarget;
 }
 
-// What a click on the notification opens.
+// What a click on the notification opens: the approval sheet for a request, a proposal's
+// review, a failed task's log, a chat's answer.
 export type NotificationTarget =
-  { kind: 'approval'; requestId: string } | { kind: 'proposal'; agentId: string; projectPath: string; taskId: string };
+  | { kind: 'approval'; requestId: string }
+  | { kind: 'proposal' | 'failed' | 'answer'; agentId: string; projectPath: string; taskId: string };
 
 export function approvalAttention(request: PermissionRequest, assistant: string | undefined): Attention {
   return {

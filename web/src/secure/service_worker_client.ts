@@ -13,16 +13,24 @@ export function registerShellWorker(): void {
     .catch((error: unknown) => console.warn('Brinmoor Web: the service worker was not registered:', error));
 }
 
+// Hands the page's token to the service worker (null: the page forgot it), which sends a
+// notification's Allow or Deny with it.
+export async function handTokenToWorker(token: string | null): Promise<void> {
+  if (!window.isSecureContext || !('serviceWorker' in navigator)) return;
+  const registration = await navigator.serviceWorker.ready;
+  registration.active?.postMessage({ type: 'brinmoor.token', token });
+}
+
 export function notificationsAvailable(): boolean {
   return window.isSecureContext && 'Notification' in window;
 }
 
-function isTarget(value: unknown): value is NotificationTarget {
+export function isTarget(value: unknown): value is NotificationTarget {
   if (typeof value !== 'object' || value === null) return false;
   const target = value as Record<string, unknown>;
   if (target.kind === 'approval') return typeof target.requestId === 'string';
   return (
-    target.kind === 'proposal' &&
+    (target.kind === 'proposal' || target.kind === 'failed' || target.kind === 'answer') &&
     typeof target.agentId === 'string' &&
     typeof target.projectPath === 'string' &&
     typeof target.taskId === 'string'

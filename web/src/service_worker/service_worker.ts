@@ -1,5 +1,9 @@
 // Brinmoor Web's service worker (served as /sw.js, scope "/"): the app shell of this
-// build for when the relay cannot be reached, and the notifications' clicks.
+// build for when the relay cannot be reached, the relay's pushes, and the notifications'
+// clicks.
+import { sendDecision } from '../protocol/push_messages';
+import { kGenericPush, notificationOfPush } from '../secure/push_notifications';
+import { keepTokenForWorker, workerToken } from '../secure/worker_token';
 import { shellCacheName, shellRoute, staleShellCaches } from './shell_routes';
 
 declare const self: ServiceWorkerGlobalScope;
@@ -48,21 +52,74 @@ self.addEventListener('fetch', (event) => {
   }
 });
 
-// What a click on a notification asks of the page; a page that is not open is opened.
-self.addEventListener('notificationclick', (event) => {
-  event.notification.close();
-  const data: unknown = event.notification.data;
+// Every push shows a notification, one that cannot be read included: a push that shows
+// nothing costs the site its subscription.
+self.addEventListener('push', (event) => {
+  let text: string | null = null;
+  try {
+    text = event.data ? event.data.text() : null;
+  } catch {
+    // unreadable: the generic notification
+  }
+  const shown = notificationOfPush(text);
+  const options = (push: typeof shown): NotificationOptions & { actions?: { action: string; title: string }[] } => ({
+    body: push.body,
+    tag: push.tag,
+    data: push.data,
+    icon: '/icon-192.png',
+    actions: push.actions,
+  });
   event.waitUntil(
-    (async () => {
-      const windows = await self.clients.matchAll({ type: 'window', includeUncontrolled: true });
-      const client = windows.find((w) => new URL(w.url).origin === self.location.origin);
-      if (client) {
-        await client.focus();
-        client.postMessage({ type: 'brinmoor.notificationclick', data });
-        return;
-      }
-      const opened = await self.clients.openWindow('/');
-      opened?.postMessage({ type: 'brinmoor.notificationclick', data });
-    })(),
+    self.registration
+      .showNotification(shown.title, options(shown))
+      .catch(() => self.registration.showNotification(kGenericPush.title, options(kGenericPush))),
   );
 });
+
+// Brings up the page (an open one, or a new one) at the card a notification names.
+async function openCard(data: unknown): Promise<void> {
+  const windows = await self.clients.matchAll({ type: 'window', includeUncontrolled: true });
+  const client = windows.find((w) => new URL(w.url).origin === self.location.origin);
+  if (client) {
+    await client.focus().catch(() => undefined); // a browser may refuse to bring it forward
+    client.postMessage({ type: 'brinmoor.notificationclick', data });
+    return;
+  }
+  // A page that starts cannot hear a message yet: the card goes in its address.
+  await self.clients.openWindow(data ? '/?card=' + encodeURIComponent(JSON.stringify(data)) : '/');
+}
+
+// Allow or Deny on an approval's notification: decided through the relay's HTTP endpoint
+// with the token the page left for the worker. Without one, or when the relay refuses,
+// the page opens at the request instead.
+async function decide(data: unknown, decision: 'allow' | 'deny'): Promise<void> {
+  const requestId = typeof data === 'object' && data !== null ? (data as { requestId?: unknown }).requestId : undefined;
+  const token = await workerToken(indexedDB).catch(() => null);
+  if (typeof requestId !== 'string' || token === null) return openCard(data);
+  try {
+    await sendDecision(self.location.origin, token, requestId, decision);
+  } catch {
+    await openCard(data);
+  }
+}
+
+// The page hands the worker its token (and null when it forgets it): kept in this
+// origin's IndexedDB for a notification's Allow and Deny.
+self.addEventListener('message', (event) => {
+  const message: unknown = event.data;
+  if (typeof message !== 'object' || message === null || (message as { type?: unknown }).type !== 'brinmoor.token') return;
+  const token = (message as { token?: unknown }).token;
+  event.waitUntil(keepTokenForWorker(indexedDB, typeof token === 'string' && token !== '' ? token : null).catch(() => undefined));
+});
+
+// A click on the notification, or on one of its actions.
+function clicked(notification: Notification, action: string): Promise<void> {
+  notification.close();
+  const data: unknown = notification.data;
+  return action === 'allow' || action === 'deny' ? decide(data, action) : openCard(data);
+}
+
+self.addEventListener('notificationclick', (event) => event.waitUntil(clicked(event.notification, event.action)));
+
+// Headless Chromium cannot click a notification: the browser tests click through this.
+if (__BRINMOOR_TAPS__) (self as unknown as { brinmoorClick: typeof clicked }).brinmoorClick = clicked;

@@ -72,6 +72,8 @@ export function toolUseText(toolName: string, toolInput: unknown): string {
 export class ApprovalsStore extends Observable {
   private readonly requests = new Map<string, PermissionRequest>();
   private open = false;
+  // The request the sheet shows first when it is up, if still waiting.
+  private focus: string | null = null;
 
   constructor(private readonly sender: PermissionSender) {
     super();
@@ -91,9 +93,16 @@ export class ApprovalsStore extends Observable {
     return this.open;
   }
 
-  reveal(): void {
+  // Brings the sheet up; with a request id, at that request.
+  reveal(requestId?: string): void {
     this.open = true;
+    if (requestId !== undefined) this.focus = requestId;
     this.changed();
+  }
+
+  // The request the sheet shows: the one asked for, else the oldest.
+  shown(): PermissionRequest | undefined {
+    return (this.focus !== null ? this.requests.get(this.focus) : undefined) ?? this.requests.values().next().value;
   }
 
   dismiss(): void {

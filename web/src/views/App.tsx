@@ -2,6 +2,7 @@ import type { AppState } from '../app_state';
 import { useStores } from '../lib/use_store';
 import { AgentList } from './AgentList';
 import { ApprovalSheet } from './ApprovalSheet';
+import { InboxView } from './InboxView';
 import { NotificationOfferBar, UnencryptedNoticeBar } from './Notices';
 import { Notifier } from './Notifier';
 import { ProjectView } from './ProjectView';
@@ -29,7 +30,7 @@ function Workspace({ state }: { state: AppState }) {
   const place = state.navigation.place;
   const inProject = place.agentId !== null && place.projectPath !== null;
   return (
-    <div class={'shell' + (inProject ? ' in-project' : '')}>
+    <div class={'shell' + (inProject || place.inbox ? ' in-project' : '') + (place.inbox ? ' in-inbox' : '')}>
       <TopBar state={state} />
       <NotificationOfferBar state={state} />
       <div class="body">
@@ -37,7 +38,9 @@ function Workspace({ state }: { state: AppState }) {
           <AgentList state={state} />
         </aside>
         <main class="main">
-          {inProject ? (
+          {place.inbox ? (
+            <InboxView state={state} />
+          ) : inProject ? (
             <ProjectView state={state} agentId={place.agentId!} projectPath={place.projectPath!} />
           ) : (
             <div class="empty">Choose a project to chat, run tasks, review changes or open a terminal.</div>

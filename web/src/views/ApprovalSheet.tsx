@@ -12,7 +12,7 @@ export function ApprovalSheet({ state }: { state: AppState }) {
   const requests = state.approvals.pending();
   const proposals = state.tasks.awaitingApproval();
   if (!state.approvals.sheetOpen || requests.length + proposals.length === 0) return null;
-  const request = requests[0];
+  const request = state.approvals.shown();
   return (
     <div class="sheet-backdrop">
       <section class="sheet" role="dialog" aria-modal="true" aria-label="Waiting for your decision">

@@ -33,7 +33,8 @@ export function NotificationOfferBar({ state }: { state: AppState }) {
   const answer = (ask: boolean) => {
     offer.answer();
     setAnswered((n) => n + 1);
-    if (ask) void Notification.requestPermission();
+    // Asked at once, within the tap; a yes also subscribes this device to the relay's pushes.
+    if (ask) void Notification.requestPermission().then((permission) => (permission === 'granted' ? state.push.granted() : undefined));
   };
   return (
     <div class="notice offer" role="note">

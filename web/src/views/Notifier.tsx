@@ -16,22 +16,31 @@ function waiting(state: AppState): Attention[] {
   ];
 }
 
-// A clicked notification brings up the approval sheet, or the proposal's review.
-function openTarget(state: AppState, target: NotificationTarget): void {
-  if (target.kind === 'approval') {
-    state.approvals.reveal();
-  } else {
-    state.approvals.dismiss();
-    const projectPath = target.projectPath || state.navigation.place.projectPath;
-    state.navigation.go({ agentId: target.agentId, projectPath, tab: 'changes', taskId: target.taskId });
-  }
+// How many things need the user, in the page's title ("(3) Brinmoor") and on the app's
+// icon where the browser has badges.
+export function showCount(count: number, base: string): void {
+  document.title = count > 0 ? `(${count}) ${base}` : base;
+  const badges = navigator as Navigator & { setAppBadge?: (count: number) => Promise<void>; clearAppBadge?: () => Promise<void> };
+  const done = count > 0 ? badges.setAppBadge?.(count) : badges.clearAppBadge?.();
+  done?.catch(() => undefined); // refused outside an installed app on some systems
 }
 
 // Browser notifications for what waits for the user while the page is in the background.
 export function Notifier({ state }: { state: AppState }) {
   useEffect(() => {
+    const base = document.title.replace(/^\(\d+\) /, '');
+    let shown = -1;
+    const count = () => {
+      const now = state.inbox.count;
+      if (now !== shown) showCount((shown = now), base);
+    };
+    count();
+    const stop = state.inbox.subscribe(count);
+    return () => (stop(), showCount(0, base));
+  }, [state]);
+  useEffect(() => {
     if (!notificationsAvailable()) return;
-    const open = (target: NotificationTarget) => openTarget(state, target);
+    const open = (target: NotificationTarget) => state.open(target);
     const notifier = new BackgroundNotifier({
       hidden: () => document.visibilityState === 'hidden',
       permission: () => Notification.permission,

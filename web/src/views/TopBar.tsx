@@ -15,28 +15,29 @@ export const kConnectionTexts: Record<ConnectionState, string> = {
 };
 
 export function TopBar({ state }: { state: AppState }) {
-  useStores(state.connection, state.navigation, state.approvals, state.tasks);
+  useStores(state.connection, state.navigation);
   const [menu, setMenu] = useState(false);
   const place = state.navigation.place;
-  const waiting = state.approvals.count + state.tasks.awaitingApproval().length;
   return (
     <header class="topbar">
       <div class="brand-mark small" aria-hidden="true" />
-      {place.projectPath !== null && (
-        <button class="icon back" aria-label="Projects" onClick={() => state.navigation.home()}>
+      {place.inbox ? (
+        <button class="icon back inbox-back" aria-label="Back" onClick={() => state.navigation.go({ inbox: false })}>
           <Icon name="back" />
         </button>
+      ) : (
+        place.projectPath !== null && (
+          <button class="icon back" aria-label="Projects" onClick={() => state.navigation.home()}>
+            <Icon name="back" />
+          </button>
+        )
       )}
       <div class="title">
-        <strong>{place.projectPath !== null ? projectName(place.projectPath) : 'Brinmoor'}</strong>
-        {place.agentId !== null && place.projectPath !== null && <span class="subtitle">{place.agentId}</span>}
+        <strong>{place.inbox ? 'Needs you' : place.projectPath !== null ? projectName(place.projectPath) : 'Brinmoor'}</strong>
+        {!place.inbox && place.agentId !== null && place.projectPath !== null && <span class="subtitle">{place.agentId}</span>}
       </div>
       <ConnectionStatus state={state} />
-      {waiting > 0 && (
-        <button class="badge-button" aria-label={`${waiting} waiting for you`} onClick={() => state.approvals.reveal()}>
-          <span class="badge">{waiting}</span>
-        </button>
-      )}
+      <NeedsYouButton state={state} />
       <div class="menu-anchor">
         <button class="icon" aria-label="Menu" aria-expanded={menu} onClick={() => setMenu(!menu)}>
           ⋯
@@ -50,6 +51,24 @@ export function TopBar({ state }: { state: AppState }) {
         )}
       </div>
     </header>
+  );
+}
+
+// "Needs you", with how many things wait: opens the inbox of every machine and project.
+function NeedsYouButton({ state }: { state: AppState }) {
+  useStores(state.inbox, state.navigation);
+  const count = state.inbox.count;
+  const open = state.navigation.place.inbox;
+  return (
+    <button
+      class={'needs-you' + (open ? ' current' : '') + (count > 0 ? ' waiting' : '')}
+      aria-pressed={open}
+      onClick={() => state.navigation.go({ inbox: !open })}
+    >
+      <Icon name="inbox" />
+      <span class="needs-you-label">Needs you</span>
+      {count > 0 && <span class="badge">{count}</span>}
+    </button>
   );
 }
 

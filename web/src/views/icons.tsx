@@ -9,6 +9,7 @@ const paths = {
   stop: 'M6 6h12v12H6z',
   send: 'M4 12l16-8-6 16-2-6z',
   back: 'M15 5l-7 7 7 7',
+  inbox: 'M4 13h4l2 3h4l2-3h4M4 13l3-8h10l3 8v6H4z',
   fork: 'M7 4v4a4 4 0 0 0 4 4h2a4 4 0 0 0 4-4V4M12 12v8',
   expand: 'M4 9V4h5M20 9V4h-5M4 15v5h5M20 15v5h-5',
   shrink: 'M9 4v5H4M15 4v5h5M9 20v-5H4M15 20v-5h5',
