@@ -11,6 +11,8 @@
 #include <QJsonDocument>
 #include <QUrl>
 
+#include <utility>
+
 namespace brinmoor::relay {
 
 namespace {
@@ -162,7 +164,12 @@ void PushNotices::test(const QString& id, std::function<void(const QByteArray&)>
     }
     const QByteArray payload =
         json({{QStringLiteral("kind"), QStringLiteral("test")}, {QStringLiteral("device"), subscription->device}});
-    push(*subscription, QStringLiteral("test"), payload, "normal", 60, [answer](const PushOutcome& outcome) {
+    const quint64 test = ++m_tests;
+    m_waitingTests.insert(test, std::move(answer));
+    push(*subscription, QStringLiteral("test"), payload, "normal", 60, [this, test](const PushOutcome& outcome) {
+        const auto answer = m_waitingTests.take(test);
+        if (!answer)
+            return; // answered as the relay stopped
         if (outcome.delivered())
             answer(jsonResponse(200, json({{QStringLiteral("status"), outcome.status}})));
         else if (outcome.status == 0)
@@ -171,6 +178,13 @@ void PushNotices::test(const QString& id, std::function<void(const QByteArray&)>
             answer(failure(
                 502, QStringLiteral("the push service answered %1: %2").arg(outcome.status).arg(outcome.problem)));
     });
+}
+
+void PushNotices::abandonTests()
+{
+    const auto waiting = std::exchange(m_waitingTests, {});
+    for (const auto& answer : waiting)
+        answer(failure(503, QStringLiteral("the server shut down before the push service answered")));
 }
 
 void PushNotices::setViewing(const void* client, const QString& endpoint, const QJsonObject& card)

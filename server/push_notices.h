@@ -40,6 +40,8 @@ public:
     QByteArray unsubscribe(const QString& id);
     // Pushes a test to the device and answers once its push service has.
     void test(const QString& id, std::function<void(const QByteArray& response)> answer);
+    // Answers the tests still waiting for a push service: the relay is stopping.
+    void abandonTests();
 
     // What a client shows, on the device of that push endpoint; an empty card for none.
     void setViewing(const void* client, const QString& endpoint, const QJsonObject& card);
@@ -63,6 +65,8 @@ private:
     PushState m_state;
     WebPushSender m_sender;
     QHash<const void*, Viewing> m_viewing;
+    QHash<quint64, std::function<void(const QByteArray&)>> m_waitingTests;
+    quint64 m_tests = 0;
     bool m_offLogged = false;
 };
 

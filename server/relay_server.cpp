@@ -90,6 +90,7 @@ void RelayServer::stop()
     m_listener->close();
     m_permissions.endAll(QStringLiteral("the server shut down before a decision"),
                          QStringLiteral("server shutting down"));
+    m_push.abandonTests();
     const QList<RelayConnection*> agents = m_agentIds.keys();
     for (RelayConnection* agent : agents)
         agent->close(ws::GoingAway, "server shutting down");

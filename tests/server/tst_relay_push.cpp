@@ -560,6 +560,32 @@ private Q_SLOTS:
                               QStringLiteral("push.failed id=%1 status=0 reason=gave up after 5 tries").arg(id)}));
     }
 
+    void aRelayThatStopsAnswersTheTestItWasTrying()
+    {
+        quint16 closedPort = 0;
+        {
+            QTcpServer probe;
+            QVERIFY(probe.listen(QHostAddress::LocalHost));
+            closedPort = probe.serverPort();
+        }
+        QVERIFY(startPushRelay());
+        QJsonObject subscription = m_service->newDevice().subscription();
+        subscription[QStringLiteral("endpoint")] = QStringLiteral("https://127.0.0.1:%1/push/away").arg(closedPort);
+        const QString answer = call("POST", "/v1/push/subscriptions",
+                                    compact({{QStringLiteral("subscription"), subscription},
+                                             {QStringLiteral("device"), QStringLiteral("Away")}}));
+        const QString id = json(answer.section(QLatin1Char('\n'), 1).toUtf8()).value(QStringLiteral("id")).toString();
+        HeldRequest test;
+        test.start(m_relay->port, request("POST", "/v1/push/subscriptions/" + id.toLatin1() + "/test"));
+        QVERIFY(m_relay->waitForLine(QStringLiteral("push.retry id=%1 status=0 seconds=1").arg(id)));
+        m_relay->process.terminate();
+        QCOMPARE(test.result(),
+                 QStringLiteral("HTTP/1.1 503 Service Unavailable\n{\"error\":\"the server shut down before the push "
+                                "service answered\"}"));
+        QVERIFY(waitUntil([&] { return m_relay->process.state() == QProcess::NotRunning; }, 5000));
+        QCOMPARE(m_relay->process.exitCode(), 0);
+    }
+
     void subscriptionsOutliveARestart()
     {
         QVERIFY(startPushRelay());
