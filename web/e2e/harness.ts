@@ -393,6 +393,24 @@ export function testLeavingPictures(
 // The visible element matching `selector` whose trimmed text is `text`, waited for.
 // Waits until the page has run the tasks queued so far and drawn a frame: the barrier
 // after an action whose effect, if it had one, is queued (a navigation, a hashchange).
+// The sizes pages are looked at in: a phone, and a laptop's window.
+export const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
+export const kDesktop = { width: 1440, height: 900, deviceScaleFactor: 1, isMobile: false, hasTouch: false };
+
+// Pictures of the page at each size, web-NAME-SIZE.png in $BRINMOOR_WEB_SCREENSHOTS when
+// that is set (scripts/screenshots); the page is left at phone size.
+export async function shootSizes(page: Page, name: string, sizes: readonly ('phone' | 'desktop')[] = ['phone', 'desktop']) {
+  const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;
+  if (!folder) return;
+  mkdirSync(folder, { recursive: true });
+  for (const size of sizes) {
+    await page.setViewport(size === 'phone' ? kPhone : kDesktop);
+    await page.waitForFunction(() => new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(() => resolve(true)))));
+    await page.screenshot({ path: join(folder, `web-${name}-${size}.png`) });
+  }
+  await page.setViewport(kPhone);
+}
+
 export async function pageSettled(page: Target) {
   await page.evaluate(() => new Promise((resolve) => requestAnimationFrame(() => setTimeout(resolve, 0))));
 }

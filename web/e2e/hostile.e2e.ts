@@ -5,8 +5,6 @@
 // keeps; every field of a tool input is shown. Screenshots of the approval sheet with a
 // folded value go to $BRINMOOR_WEB_SCREENSHOTS when it is set.
 import assert from 'node:assert/strict';
-import { mkdirSync } from 'node:fs';
-import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
 import type { ElementHandle } from 'puppeteer-core';
 import {
@@ -16,18 +14,18 @@ import {
   elementWithText,
   focusTerminal,
   kAgentId,
+  kPhone,
   kToken,
   pageSettled,
+  shootSizes,
   testLeavingPictures,
+  type TestPage,
   waitForText,
   World,
-  type TestPage,
 } from './harness.js';
 
 const world = new World();
 let page: TestPage;
-const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
-const kDesktop = { width: 1440, height: 900, deviceScaleFactor: 1, isMobile: false, hasTouch: false };
 const kEvilToken = 'evil-token-0d1e';
 const kFoldLines = 12;
 const kFoldCharacters = 600;
@@ -64,19 +62,8 @@ async function type(selector: string, text: string) {
   await page.type(selector, text);
 }
 
-async function shoot(name: string) {
-  const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;
-  if (!folder) return;
-  mkdirSync(folder, { recursive: true });
-  for (const [size, viewport] of [
-    ['phone', kPhone],
-    ['desktop', kDesktop],
-  ] as const) {
-    await page.setViewport(viewport);
-    await page.waitForFunction(() => new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(() => resolve(true)))));
-    await page.screenshot({ path: join(folder, `web-${name}-${size}.png`) });
-  }
-  await page.setViewport(kPhone);
+function shoot(name: string) {
+  return shootSizes(page, name);
 }
 
 // What the page keeps and where it is: none of it may change because of what it shows.

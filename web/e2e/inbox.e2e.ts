@@ -6,7 +6,6 @@
 // relay. Screenshots of the inbox go to $BRINMOOR_WEB_SCREENSHOTS when it is set.
 import assert from 'node:assert/strict';
 import { createECDH, randomBytes } from 'node:crypto';
-import { mkdirSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
 import type { CDPSession, WebWorker } from 'puppeteer-core';
@@ -14,16 +13,16 @@ import {
   clickText,
   kAgentId,
   kAskingClaude,
+  kPhone,
   kTestHost,
   kToken,
+  shootSizes,
   testLeavingPictures,
+  type TestPage,
   waitForText,
   World,
-  type TestPage,
 } from './harness.js';
 
-const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
-const kDesktop = { width: 1440, height: 900, deviceScaleFactor: 1, isMobile: false, hasTouch: false };
 const kEmpty = 'Nothing needs you right now.';
 
 const world = new World({ tls: true, host: kTestHost });
@@ -58,19 +57,8 @@ async function textOf(selector: string) {
   return page.$eval(selector, (element) => element.textContent);
 }
 
-async function shoot(name: string) {
-  const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;
-  if (!folder) return;
-  mkdirSync(folder, { recursive: true });
-  for (const [size, viewport] of [
-    ['phone', kPhone],
-    ['desktop', kDesktop],
-  ] as const) {
-    await page.setViewport(viewport);
-    await page.waitForFunction(() => new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(() => resolve(true)))));
-    await page.screenshot({ path: join(folder, `web-${name}-${size}.png`) });
-  }
-  await page.setViewport(kPhone);
+function shoot(name: string) {
+  return shootSizes(page, name);
 }
 
 async function openInbox() {

@@ -16,20 +16,20 @@ import {
   claudeStream,
   clickText,
   kAgentId,
+  kPhone,
   kToken,
   pageSettled,
+  shootSizes,
   testLeavingPictures,
+  type TestPage,
   waitForText,
   World,
-  type TestPage,
 } from './harness.js';
 
 const world = new World();
 let page: TestPage;
 // Switching isMobile or hasTouch reloads a page in puppeteer, so both sizes keep them off;
 // the phone layout follows the width.
-const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
-const kDesktop = { width: 1440, height: 900, deviceScaleFactor: 1, isMobile: false, hasTouch: false };
 
 const kDesk = '3f0c9a52-7d41-4e2b-9a6f-1c8e5b7d2a40';
 const kLive = '8b2e4d19-5c73-4a0f-b6e1-9d4c2f7a3e85';
@@ -162,16 +162,8 @@ async function row(title: string) {
   );
 }
 
-async function shoot(name: string, sizes: ('phone' | 'desktop')[]) {
-  const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;
-  if (!folder) return;
-  mkdirSync(folder, { recursive: true });
-  for (const size of sizes) {
-    await page.setViewport(size === 'phone' ? kPhone : kDesktop);
-    await page.waitForFunction(() => new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(() => resolve(true)))));
-    await page.screenshot({ path: join(folder, `web-${name}-${size}.png`) });
-  }
-  await page.setViewport(kPhone);
+function shoot(name: string, sizes: ('phone' | 'desktop')[]) {
+  return shootSizes(page, name, sizes);
 }
 
 test('the Sessions tab says when the folder has none, and lists a session started at the desk', async () => {

@@ -2,7 +2,7 @@
 // tool approvals, proposals and terminals, as a user does them. Screenshots go to
 // $BRINMOOR_WEB_SCREENSHOTS when it is set.
 import assert from 'node:assert/strict';
-import { existsSync, mkdirSync, readFileSync, writeFileSync } from 'node:fs';
+import { existsSync, readFileSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { after, before, test as nodeTest } from 'node:test';
 import type { ElementHandle } from 'puppeteer-core';
@@ -14,20 +14,21 @@ import {
   focusTerminal,
   kAgentId,
   kAskingClaude,
+  kDesktop,
+  kPhone,
   kToken,
   pageSettled,
+  shootSizes,
   testLeavingPictures,
+  type TestPage,
   waitForText,
   World,
-  type TestPage,
 } from './harness.js';
 
 const world = new World();
 let page: TestPage;
 // Switching isMobile or hasTouch reloads a page in puppeteer, so both sizes keep them off;
 // the phone layout follows the width.
-const kPhone = { width: 390, height: 844, deviceScaleFactor: 2, isMobile: false, hasTouch: false };
-const kDesktop = { width: 1440, height: 900, deviceScaleFactor: 1, isMobile: false, hasTouch: false };
 const kScript = '<img src=x onerror=window.__pwned=1>';
 
 const test = testLeavingPictures(nodeTest, '', () => [[page, '']]);
@@ -81,19 +82,8 @@ async function textOf(selector: string) {
   return page.$eval(selector, (e) => e.textContent);
 }
 
-async function shoot(name: string) {
-  const folder = process.env.BRINMOOR_WEB_SCREENSHOTS;
-  if (!folder) return;
-  mkdirSync(folder, { recursive: true });
-  for (const [size, viewport] of [
-    ['phone', kPhone],
-    ['desktop', kDesktop],
-  ] as const) {
-    await page.setViewport(viewport);
-    await page.waitForFunction(() => new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(() => resolve(true)))));
-    await page.screenshot({ path: join(folder, `web-${name}-${size}.png`) });
-  }
-  await page.setViewport(kPhone);
+function shoot(name: string) {
+  return shootSizes(page, name);
 }
 
 async function sendChat(prompt: string) {
