@@ -270,12 +270,11 @@ void PushNotices::settle(const QString& id, const QString& kind, const PushOutco
             logEvent("push.gone", {{"id", id}, {"device", device}, {"status", status}});
     } else {
         m_state.recordPush(id, outcome.status);
-        const bool retried = outcome.status == 0 || outcome.status == 429 || outcome.status >= 500;
-        logEvent("push.failed",
-                 {{"id", id},
-                  {"status", status},
-                  {"reason",
-                   retried ? QStringLiteral("gave up after %1 tries").arg(WebPushSender::kTries) : outcome.problem}});
+        logEvent("push.failed", {{"id", id},
+                                 {"status", status},
+                                 {"reason", outcome.worthRetrying()
+                                                ? QStringLiteral("gave up after %1 tries").arg(WebPushSender::kTries)
+                                                : outcome.problem}});
     }
 }
 

@@ -16,16 +16,13 @@ namespace {
 constexpr int kMostRetryAfterSeconds = 600;
 constexpr qsizetype kProblemCharacters = 200;
 
-bool worthRetrying(int status)
-{
-    return status == 0 || status == 429 || status >= 500;
-}
-
 } // namespace
 
 WebPushSender::WebPushSender(QList<QSslCertificate> extraAuthorities, QObject* parent)
-    : QObject(parent), m_extraAuthorities(std::move(extraAuthorities))
+    : QObject(parent), m_tls(QSslConfiguration::defaultConfiguration())
 {
+    if (!extraAuthorities.isEmpty())
+        m_tls.addCaCertificates(extraAuthorities);
 }
 
 void WebPushSender::send(const PushDelivery& delivery, std::function<void(const PushOutcome&)> done)
@@ -36,10 +33,7 @@ void WebPushSender::send(const PushDelivery& delivery, std::function<void(const 
 void WebPushSender::attempt(const PushDelivery& delivery, int tried, std::function<void(const PushOutcome&)> done)
 {
     QNetworkRequest request{QUrl(delivery.endpoint)};
-    QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
-    if (!m_extraAuthorities.isEmpty())
-        tls.addCaCertificates(m_extraAuthorities);
-    request.setSslConfiguration(tls);
+    request.setSslConfiguration(m_tls);
     request.setTransferTimeout(kAnswerTimeoutMs);
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
     request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/octet-stream"));
@@ -63,7 +57,7 @@ void WebPushSender::answered(QNetworkReply* reply, const PushDelivery& delivery,
         outcome.problem = reply->errorString();
     else if (!outcome.delivered())
         outcome.problem = QString::fromUtf8(reply->read(4 * kProblemCharacters)).left(kProblemCharacters).trimmed();
-    if (!worthRetrying(outcome.status) || tried >= kTries) {
+    if (!outcome.worthRetrying() || tried >= kTries) {
         done(outcome);
         return;
     }

@@ -5,6 +5,7 @@
 #include <QNetworkAccessManager>
 #include <QObject>
 #include <QSslCertificate>
+#include <QSslConfiguration>
 #include <QString>
 
 #include <functional>
@@ -30,6 +31,8 @@ struct PushOutcome {
     QString problem;
     bool delivered() const { return status >= 200 && status < 300; }
     bool gone() const { return status == 404 || status == 410; }
+    // The service was busy, failing or out of reach: worth another try.
+    bool worthRetrying() const { return status == 0 || status == 429 || status >= 500; }
 };
 
 // Posts pushes to push services over HTTPS (the system's authorities, and any extra
@@ -52,7 +55,7 @@ private:
                   std::function<void(const PushOutcome&)> done);
 
     QNetworkAccessManager m_network;
-    QList<QSslCertificate> m_extraAuthorities;
+    QSslConfiguration m_tls; // the system's authorities and the extra ones
 };
 
 } // namespace brinmoor::relay
